@@ -1,0 +1,62 @@
+// The camera plugin as its host sees it.
+//
+//     created -> SetChannelStream -> Run (returns when the stream fails) -> ... Run again on a new stream ...
+//     -> ExitInstance -> Release
+#pragma once
+
+#include <cstdint>
+
+#include "zumod/channel_stream.h"
+#include "zumod/mod_interface.h"
+#include "zumod/ref_ptr.h"
+#include "zumod/reference.h"
+
+namespace zumod {
+
+inline constexpr char kClientCameraPluginName[] = "IClientCameraPlugin";
+// The version to ask for; the plugin compares the major version (the top 16 bits) alone.
+inline constexpr uint64_t kClientCameraPluginVersion = 0x0002000000000000;
+
+// Slots 0 to 3 are IReference's.
+class IAutoConfigRaw : public virtual IReference {
+public:
+    // Slot 4, reserved. Returns 0.
+    virtual int ReservedAutoConfig() { return 0; }
+};
+
+// Slots 0 to 4 are IAutoConfigRaw's.
+class IPluginRaw : public IAutoConfigRaw {
+public:
+    // Slot 5 [run thread, not during Run]. Takes a reference on `stream` (null allowed) and releases the one
+    // before. Returns 0.
+    virtual int SetChannelStream(IChannelStream* stream) = 0;
+
+    // Slot 6 [run thread, not during ExitInstance]. Serves the peer on the calling thread until a read on the
+    // stream fails; returns at once when no stream is set. The thread that sends frames goes on after the
+    // return; cameras stay open. May be called again. Returns 1.
+    virtual int Run() = 0;
+
+    // Slot 7 [any thread, not during Run]. Closes every camera and ends the plugin's own threads; waits for a
+    // write that is under way, however long the stream takes. Returns 0.
+    virtual int ExitInstance() = 0;
+
+    // Slots 8 and 9, reserved. Return 0.
+    virtual int ReservedPlugin8() { return 0; }
+    virtual int ReservedPlugin9() { return 0; }
+
+    // Slot 10, reserved. Returns an empty reference, by value (hidden return slot).
+    virtual CRefPtr_T<IReference> ReservedPlugin10() { return {}; }
+};
+
+// Slots 0 to 10 are IPluginRaw's; the operations of IZUModInterface are reached through that interface's own
+// face.
+class IClientCameraPlugin : public virtual IPluginRaw, public virtual IZUModInterface {
+public:
+    // Slot 11, reserved. Does nothing.
+    virtual void ReservedPlugin11() {}
+};
+
+static_assert(sizeof(IAutoConfigRaw) == sizeof(void*), "IReference must be the primary base");
+static_assert(sizeof(IPluginRaw) == sizeof(void*), "IAutoConfigRaw must be the primary base");
+
+}  // namespace zumod

@@ -1,0 +1,28 @@
+// The set of named values that goes with a request to create an object in another module, and the keys that
+// modules of this family agree on.
+//
+// Thread rule: a policy is used by one thread at a time; AddRef and Release are [any thread].
+#pragma once
+
+#include "zumod/mod_data.h"
+#include "zumod/reference.h"
+
+namespace zumod {
+
+// Text: the name of the wanted interface, compared without regard to letter case.
+inline constexpr char kPolicyInterfaceName[] = "zu.module.interface.name";
+// Integer: the wanted interface version; its top 16 bits are the major version.
+inline constexpr char kPolicyVersion[] = "zu.module.version";
+
+// Binary table: slots 0 to 3 are IReference's.
+class IZUModCreatePolicy : public virtual IReference {
+public:
+    // Slot 4. `key` is NUL-terminated text. Returns a fresh copy of the value with a count of 0 (the caller
+    // adds the first reference and thereby owns it), or null when there is no such policy. What the caller
+    // does to the copy does not change the policy.
+    virtual IZUModData* GetPolicy(const char* key) = 0;
+};
+
+static_assert(sizeof(IZUModCreatePolicy) == sizeof(void*), "IReference must be the primary base");
+
+}  // namespace zumod

@@ -1,0 +1,50 @@
+// The record through which a host gets to know a module, and the one function that a module exports.
+//
+//     void* library = dlopen("zu-client-camera.so", RTLD_NOW);
+//     auto entry = reinterpret_cast<zumod::EntryPointFunction>(dlsym(library, zumod::kEntryPointName));
+//     const zumod::ZUModDescriptor* module = entry();
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zumod/create_policy.h"
+#include "zumod/mod_interface.h"
+#include "zumod/runtime.h"
+
+namespace zumod {
+
+// [any thread]. Gives the module the host's runtime, borrowed until the matching detach; attaching again
+// replaces it. Returns 1, or 0 for a null host.
+using AttachRuntimeFunction = int (*)(IZUModRuntime* host);
+
+// [any thread]. From here on the module calls the host's runtime no more; log lines go to standard output.
+using DetachRuntimeFunction = void (*)();
+
+// [any thread]. Creates the object that `policy` describes. On success stores it where `out` points, as a
+// pointer to the table of the interface that was asked for, with one reference for the caller, and returns 1.
+// Otherwise leaves `out` alone and returns 0. `policy` is borrowed.
+using CreateFunction = int (*)(IZUModCreatePolicy* policy, IZUModInterface** out);
+
+// One static record a module. It is read field by field, so order and widths are binding.
+struct ZUModDescriptor {
+    uint64_t version;  // top 16 bits: major version
+    const char* name;
+    AttachRuntimeFunction attach_runtime;
+    DetachRuntimeFunction detach_runtime;  // may be null in other modules of the family
+    CreateFunction create;
+    const char* build_stamp;  // date and time of the build, for people
+};
+
+static_assert(offsetof(ZUModDescriptor, version) == 0);
+static_assert(offsetof(ZUModDescriptor, name) == 8);
+static_assert(offsetof(ZUModDescriptor, attach_runtime) == 16);
+static_assert(offsetof(ZUModDescriptor, detach_runtime) == 24);
+static_assert(offsetof(ZUModDescriptor, create) == 32);
+static_assert(offsetof(ZUModDescriptor, build_stamp) == 40);
+static_assert(sizeof(ZUModDescriptor) == 48);
+
+inline constexpr char kEntryPointName[] = "zumod_get_entrypoint";
+using EntryPointFunction = const ZUModDescriptor* (*)();
+
+}  // namespace zumod

@@ -1,0 +1,41 @@
+// One picture into an encode call, and the encoded bytes out of it.
+//
+// Thread rule: [encode thread]: an object belongs to the thread that calls the encoder with it.
+#pragma once
+
+#include <cstdint>
+
+#include "zumod/reference.h"
+
+namespace zumod {
+
+inline constexpr char kEncArgsName[] = "IVEncArgs";
+
+// Binary table: slots 0 to 3 are IReference's. Implemented by whoever calls an encoder; an encoder that keeps
+// the object beyond the call adds a reference of its own. Input bytes are the caller's and valid during the
+// call only; the output buffer belongs to this object and lives as long as it.
+class IVEncArgs : public virtual IReference {
+public:
+    // Slot 4. Options of the call; 0 from the camera module.
+    virtual uint64_t GetArgOption() = 0;
+    // Slot 5. The first byte of the picture, laid out as the input format record says.
+    virtual const void* GetInputData() = 0;
+    // Slot 6. How many bytes the picture has. Trust this number, not the one that follows from the record.
+    virtual uint64_t GetInputSize() = 0;
+    // Slot 7. Flags of the call; 0 from the camera module.
+    virtual uint64_t GetArgFlags() = 0;
+    // Slot 8. Does nothing in the camera module.
+    virtual void ResetArgs() = 0;
+    // Slot 9. Makes the output buffer hold `size` bytes and returns the size it then has. An encoder calls it
+    // before it writes, and again with the final size if that is smaller. An encode call that returns true
+    // must have called it.
+    virtual uint64_t PrepareOutput(uint32_t size) = 0;
+    // Slot 10. The first byte of the output buffer, or null before PrepareOutput.
+    virtual void* GetOutputData() = 0;
+    // Slot 11. The size of the output, or 0 before PrepareOutput.
+    virtual uint64_t GetOutputSize() = 0;
+};
+
+static_assert(sizeof(IVEncArgs) == sizeof(void*), "IReference must be the primary base");
+
+}  // namespace zumod

@@ -1,0 +1,57 @@
+// A tagged, counted value: how a property, an environment setting or a creation parameter crosses a module
+// boundary.
+//
+// Thread rule: a value is read by one thread at a time; AddRef and Release are [any thread].
+#pragma once
+
+#include <cstdint>
+
+#include "zumod/reference.h"
+
+namespace zumod {
+
+// The kinds of value. The number is the tag that GetType returns.
+enum ZUModDataType : uint32_t {
+    kZUModDataBool = 1,     // 1 byte, 0 or 1
+    kZUModDataInt64 = 2,    // 8 bytes, native byte order
+    kZUModDataFloat = 3,    // 4 bytes
+    kZUModDataText = 4,     // the characters and a terminating NUL
+    kZUModDataBlock = 5,    // any number of bytes
+    kZUModDataPointer = 6,  // 8 bytes: a handle or an address
+    kZUModDataObject = 7,   // no bytes: one reference to an IReference
+};
+
+// Binary table: slots 0 to 3 are IReference's; the order of the others is binding. A typed getter never
+// fails: a value of another kind, or one that stores too few bytes, gives null, false, 0 or 0.0. Pointers are
+// borrowed: they live as long as the caller's reference to the value, and none of the getters adds a
+// reference.
+class IZUModData : public virtual IReference {
+public:
+    // Slot 4. The tag, one of ZUModDataType.
+    virtual uint32_t GetType() = 0;
+    // Slot 5. The stored bytes of any kind of value, or null when there are none.
+    virtual const void* GetData() = 0;
+    // Slot 6. How many bytes are stored.
+    virtual uint64_t GetSize() = 0;
+    // Slot 7. The NUL-terminated text of a text value.
+    virtual const char* GetString() = 0;
+    // Slot 8. The bytes of a block value; GetSize tells how many.
+    virtual const void* GetBlock() = 0;
+    // Slot 9. The truth of a boolean value.
+    virtual bool GetBool() = 0;
+    // Slot 10. The number of an integer value.
+    virtual int64_t GetInt64() = 0;
+    // Slot 11. The number of a float value.
+    virtual float GetFloat() = 0;
+    // Slot 12. The object of an object value, borrowed.
+    virtual IReference* GetObject() = 0;
+    // Slot 13. A new value of equal content with a count of 0: the caller adds the first reference.
+    virtual IZUModData* Clone() = 0;
+    // Slot 14. The handle or address of a pointer value. It stands after Clone, not beside GetInt64: the
+    // order is binding.
+    virtual uint64_t GetPointer() = 0;
+};
+
+static_assert(sizeof(IZUModData) == sizeof(void*), "IReference must be the primary base");
+
+}  // namespace zumod

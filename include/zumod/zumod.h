@@ -1,0 +1,14 @@
+// The whole SDK.
+#pragma once
+
+#include "zumod/channel_stream.h"
+#include "zumod/client_camera_plugin.h"
+#include "zumod/codec.h"
+#include "zumod/create_policy.h"
+#include "zumod/descriptor.h"
+#include "zumod/enc_args.h"
+#include "zumod/mod_data.h"
+#include "zumod/mod_interface.h"
+#include "zumod/ref_ptr.h"
+#include "zumod/reference.h"
+#include "zumod/runtime.h"

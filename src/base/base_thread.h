@@ -1,0 +1,91 @@
+// A POSIX thread that calls its work again and again until the work says to stop or a stop is requested.
+//
+// Thread rule: one owner thread at a time calls Start, Stop, Join and SetName; IsRunning and Sleep are
+// [owner, the thread itself].
+#pragma once
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace zumod {
+
+// Binary table: slots 0 and 1 the destructor pair, then Start 2, Stop 3, StopEx 4, StartEx 5, Run 6, WaitStop
+// 7, OnThreadExit 8, OnThreadStart 9.
+class CBaseThread {
+public:
+    CBaseThread();
+    // Neither stops nor joins: the owner calls Stop first.
+    virtual ~CBaseThread();
+
+    CBaseThread(const CBaseThread&) = delete;
+    CBaseThread& operator=(const CBaseThread&) = delete;
+
+    // StartEx(false).
+    virtual bool Start();
+    // Requests a stop and joins without a time limit; afterwards the object may be started again. Returns
+    // true.
+    virtual bool Stop();
+    // The same; the time is handed to WaitStop.
+    virtual bool StopEx(int32_t time);
+    // Starts the thread; a detached one runs a single pass. Returns true when a thread runs, or one was
+    // started before; false when none could be created.
+    virtual bool StartEx(bool detach);
+
+protected:
+    // One pass of work; true to be called again.
+    virtual bool Run() = 0;
+
+public:
+    // Requests a stop and joins, unless detached. The time is accepted and ignored: the wait is always a full
+    // join. Returns true.
+    virtual bool WaitStop(int32_t time);
+
+protected:
+    // Called on the thread after the loop.
+    virtual void OnThreadExit() {}
+    // Called on the thread before the loop.
+    virtual void OnThreadStart() {}
+
+public:
+    // Waits; a stop request does not cut it short. Returns true, at once when the thread is not started.
+    bool Sleep(int32_t milliseconds);
+    // Joins a started thread that is not detached. Returns true.
+    bool Join();
+    // True from the start until the loop is over.
+    bool IsRunning() const;
+    // For the owner's use: the operating system's thread name is not set. A null pointer is ignored.
+    void SetName(const char* text);
+    const std::string& GetName() const { return m_name; }
+
+private:
+    static void* Entry(void* self);
+    void Loop();
+
+    // Owner only.
+    pthread_t m_handle = 0;
+    // Written by the owner, read by the owner and by IsRunning and Sleep on the thread; relaxed: nothing but
+    // the flag itself is handed over. Creation and join order everything else.
+    std::atomic<bool> m_started{false};
+    // Written by the owner, polled by the thread; relaxed: a late look costs one more pass.
+    std::atomic<bool> m_stop_request{false};
+    // Written by the thread, read by IsRunning; relaxed: the join is the hand-over.
+    std::atomic<bool> m_finished{false};
+    // Written by the owner before the thread is created, read by both; a detached thread may outlive the
+    // start, hence atomic.
+    std::atomic<bool> m_detached{false};
+    // Written by the owner before the thread is created.
+    pid_t m_starter_id = 0;
+    // Written by the thread, for a debugger.
+    pid_t m_own_id = 0;
+    std::string m_name;
+};
+
+static_assert(sizeof(std::atomic<bool>) == 1 && std::atomic<bool>::is_always_lock_free,
+              "a shared flag is a plain byte");
+static_assert(sizeof(pid_t) == 4, "kernel thread ids have 32 bits");
+
+}  // namespace zumod

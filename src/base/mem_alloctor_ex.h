@@ -1,0 +1,46 @@
+// The one allocator class: each buffer is one object and one block of the C heap, without a pool.
+//
+// Thread rule: Alloc, Free and the reference counts are [any thread]. ReAlloc changes the accounted bytes
+// without a lock or order: the figure is for people.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "base/mem_alloctor.h"
+#include "zumod/reference.h"
+
+namespace zumod {
+
+template <class Buffer>
+class CMemAlloctorEx final : public IMemAlloctor, private CReference {
+public:
+    CMemAlloctorEx() = default;
+    // With a limit on the blocks of Alloc, in bytes.
+    explicit CMemAlloctorEx(uint64_t max_size) : m_max_size(max_size) {}
+
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+
+    CRefPtr_T<IBuffer> Alloc(uint64_t size) override;
+    bool Free(IBuffer* buffer) override;
+    uint64_t GetMaxSize() override { return m_max_size; }
+    void* ReAlloc(IBuffer* buffer, uint64_t size) override;
+    CRefPtr_T<IBuffer> AllocBuffer(uint64_t size) override;
+
+    // The net change that ReAlloc has made, in unsigned arithmetic: it may wrap.
+    uint64_t GetAccountedBytes() const { return m_accounted.load(std::memory_order_relaxed); }
+
+private:
+    [[maybe_unused]] uint64_t m_reserved = 0;
+    // Written by whichever thread resizes a buffer, read for reports; relaxed: only the sum matters.
+    std::atomic<uint64_t> m_accounted{0};
+    uint64_t m_max_size = ~uint64_t{0};
+    [[maybe_unused]] uint64_t m_number_4096 = 4096;
+    [[maybe_unused]] uint64_t m_number_1000 = 1000;
+};
+
+class CMemBuffer;
+extern template class CMemAlloctorEx<CMemBuffer>;
+
+}  // namespace zumod

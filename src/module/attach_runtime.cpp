@@ -1,0 +1,22 @@
+#include "module/attach_runtime.h"
+
+#include "module/runtime.h"
+
+namespace zumod {
+
+int AttachRuntime(IZUModRuntime* host) {
+    if (host == nullptr) {
+        return 0;
+    }
+    CZUModRuntime* own = CZUModRuntime::GetInstance();
+    if (host != own) {
+        own->SetSink(host);
+    }
+    return 1;
+}
+
+void DetachRuntime() {
+    CZUModRuntime::GetInstance()->SetSink(nullptr);
+}
+
+}  // namespace zumod

@@ -1,0 +1,17 @@
+// The module's one export, and the descriptor it returns.
+#include "module/attach_runtime.h"
+#include "module/factory.h"
+#include "zumod/descriptor.h"
+
+namespace {
+
+constexpr zumod::ZUModDescriptor kDescriptor = {
+    0x0002000000000000,    "zu-client-camera",           &zumod::AttachRuntime,
+    &zumod::DetachRuntime, &zumod::camera_client_create, __DATE__ " " __TIME__,
+};
+
+}  // namespace
+
+extern "C" [[gnu::visibility("default")]] const zumod::ZUModDescriptor* zumod_get_entrypoint() {
+    return &kDescriptor;
+}

@@ -1,0 +1,22 @@
+// Waits for a condition with a deadline; a test never sleeps to wait for another thread.
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace zumod::testing {
+
+// Returns whether the condition came to hold within the time, which is long enough for a loaded machine.
+template <class Condition>
+bool WaitUntil(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+}  // namespace zumod::testing
