@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 namespace zumod {
@@ -25,9 +26,10 @@ public:
     CRefPtr_T(const CRefPtr_T& other) : CRefPtr_T(other.m_object) {}
     CRefPtr_T(CRefPtr_T&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
 
-    template <class U>
+    // From an owner of a derived type, as with plain pointers.
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     CRefPtr_T(const CRefPtr_T<U>& other) : CRefPtr_T(static_cast<T*>(other.Get())) {}
-    template <class U>
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     CRefPtr_T(CRefPtr_T<U>&& other) noexcept : m_object(other.Detach()) {}
 
     ~CRefPtr_T() {
@@ -71,6 +73,10 @@ template <class T, class U>
 bool operator==(const CRefPtr_T<T>& left, const CRefPtr_T<U>& right) {
     return left.Get() == right.Get();
 }
+template <class T, class U>
+bool operator!=(const CRefPtr_T<T>& left, const CRefPtr_T<U>& right) {
+    return left.Get() != right.Get();
+}
 template <class T>
 bool operator==(const CRefPtr_T<T>& left, std::nullptr_t) {
     return left.Get() == nullptr;
@@ -79,5 +85,7 @@ template <class T>
 bool operator!=(const CRefPtr_T<T>& left, std::nullptr_t) {
     return left.Get() != nullptr;
 }
+
+static_assert(sizeof(CRefPtr_T<char>) == sizeof(void*), "one pointer");
 
 }  // namespace zumod

@@ -20,7 +20,7 @@ bool CBaseThread::Start() {
 }
 
 bool CBaseThread::Stop() {
-    return StopEx(-1);
+    return CBaseThread::StopEx(-1);
 }
 
 bool CBaseThread::StopEx(int32_t time) {
@@ -69,8 +69,11 @@ bool CBaseThread::Sleep(int32_t milliseconds) {
 }
 
 bool CBaseThread::Join() {
-    if (m_started.load(std::memory_order_relaxed) && !m_detached.load(std::memory_order_relaxed)) {
-        pthread_join(m_handle, nullptr);
+    const bool joinable =
+        m_started.load(std::memory_order_relaxed) && !m_detached.load(std::memory_order_relaxed);
+    // A handle is good for one join: Join and then Stop, or WaitStop twice, must not use it again.
+    if (joinable && m_handle != 0 && pthread_join(m_handle, nullptr) == 0) {
+        m_handle = 0;
     }
     return true;
 }
@@ -91,7 +94,7 @@ void* CBaseThread::Entry(void* self) {
 }
 
 void CBaseThread::Loop() {
-    m_own_id = gettid();
+    m_own_id.store(gettid(), std::memory_order_relaxed);
     if (m_detached.load(std::memory_order_relaxed)) {
         pthread_detach(pthread_self());
     }

@@ -18,7 +18,8 @@ namespace zumod {
 class CBaseThread {
 public:
     CBaseThread();
-    // Neither stops nor joins: the owner calls Stop first.
+    // Neither stops nor joins: the owner calls Stop first, and keeps the object until a detached thread's
+    // OnThreadExit has returned.
     virtual ~CBaseThread();
 
     CBaseThread(const CBaseThread&) = delete;
@@ -65,7 +66,7 @@ private:
     static void* Entry(void* self);
     void Loop();
 
-    // Owner only.
+    // Owner only; 0 when there is no thread to join.
     pthread_t m_handle = 0;
     // Written by the owner, read by the owner and by IsRunning and Sleep on the thread; relaxed: nothing but
     // the flag itself is handed over. Creation and join order everything else.
@@ -79,13 +80,18 @@ private:
     std::atomic<bool> m_detached{false};
     // Written by the owner before the thread is created.
     pid_t m_starter_id = 0;
-    // Written by the thread, for a debugger.
-    pid_t m_own_id = 0;
+    // Written by the thread, for a debugger; relaxed: a detached thread may still be on its way when the next
+    // one writes.
+    std::atomic<pid_t> m_own_id{0};
     std::string m_name;
 };
 
 static_assert(sizeof(std::atomic<bool>) == 1 && std::atomic<bool>::is_always_lock_free,
               "a shared flag is a plain byte");
-static_assert(sizeof(pid_t) == 4, "kernel thread ids have 32 bits");
+static_assert(sizeof(pid_t) == 4 && sizeof(std::atomic<pid_t>) == 4 &&
+                  std::atomic<pid_t>::is_always_lock_free,
+              "kernel thread ids have 32 bits");
+static_assert(sizeof(CBaseThread) == 32 + sizeof(std::string),
+              "table pointer, handle, four flags, two thread ids, name");
 
 }  // namespace zumod

@@ -41,6 +41,7 @@ private:
 };
 
 class CMemBuffer;
+static_assert(sizeof(CMemAlloctorEx<CMemBuffer>) == sizeof(IMemAlloctor) + sizeof(CReference) + 40);
 extern template class CMemAlloctorEx<CMemBuffer>;
 
 }  // namespace zumod

@@ -1,0 +1,89 @@
+#include "base/create_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "base/mem_alloctor_ex.h"
+#include "base/mem_buffer.h"
+#include "tests/support/platform_watch.h"
+
+namespace zumod {
+namespace {
+
+using testing::PlatformWatch;
+
+std::string TextOf(const CRefPtr_T<IBuffer>& buffer) {
+    return {static_cast<const char*>(buffer->GetData()), buffer->GetSize()};
+}
+
+TEST(CreateBuffer, IsEmptyWithoutAnAllocator) {
+    EXPECT_EQ(CreateBuffer(nullptr, "bytes", 5), nullptr);
+}
+
+TEST(CreateBuffer, CopiesTheBytesAndSetsTheSize) {
+    const CRefPtr_T<IMemAlloctor> alloctor(new CMemAlloctorEx<CMemBuffer>);
+    const CRefPtr_T<IBuffer> buffer = CreateBuffer(alloctor.Get(), "by\0te!", 5);
+    EXPECT_EQ(TextOf(buffer), std::string("by\0te", 5));
+    EXPECT_EQ(buffer->GetCapacity(), 5U);
+    EXPECT_EQ(buffer->GetAllocator(), alloctor);
+    EXPECT_EQ(buffer->AddRef(), 2U);
+    EXPECT_EQ(buffer->Release(), 1);
+}
+
+TEST(CreateBuffer, UsesTheDefaultAllocatorWhenNoneIsNamed) {
+    const CRefPtr_T<IBuffer> buffer = CreateBuffer("0123456789", 10);
+    EXPECT_EQ(TextOf(buffer), "0123456789");
+    EXPECT_EQ(buffer->GetAllocator(), g_pDefaultAlloctor);
+}
+
+TEST(CreateBuffer, OfNoBytesIsAValidBufferWithoutABlock) {
+    const CRefPtr_T<IBuffer> buffer = CreateBuffer(nullptr, 0);
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(buffer->GetData(), nullptr);
+    EXPECT_EQ(buffer->GetSize(), 0U);
+    EXPECT_EQ(buffer->GetCapacity(), 0U);
+}
+
+TEST(CreateBuffer, IsEmptyWhenTheAllocatorHasNothing) {
+    PlatformWatch watch;
+    watch.FailMalloc(3333, 2);
+    const std::string bytes(3333, 'x');
+    EXPECT_EQ(CreateBuffer(bytes.data(), bytes.size()), nullptr);
+    EXPECT_EQ(watch.Mallocs(3333), 2);
+}
+
+// Hands out blocks of 64 bytes as buffers of 16, as an allocator with a maximum does for a larger request;
+// the block is larger than it says, so that the copy stays in bounds.
+class ShortAlloctor final : public IMemAlloctor, private CReference {
+public:
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    CRefPtr_T<IBuffer> Alloc(uint64_t size) override {
+        asked = size;
+        return CRefPtr_T<IBuffer>(new CMemBuffer(this, std::calloc(1, 64), 16));
+    }
+    bool Free(IBuffer* buffer) override {
+        std::free(buffer->GetAllocData());
+        return true;
+    }
+    uint64_t GetMaxSize() override { return 16; }
+    void* ReAlloc(IBuffer*, uint64_t) override { return nullptr; }
+    CRefPtr_T<IBuffer> AllocBuffer(uint64_t) override { return {}; }
+
+    uint64_t asked = 0;
+};
+
+TEST(CreateBuffer, CopiesTheFullLengthEvenWhereTheAllocatorGaveLess) {
+    const CRefPtr_T<ShortAlloctor> alloctor(new ShortAlloctor);
+    const std::string bytes = "0123456789abcdef0123456789ABCDEF";
+    const CRefPtr_T<IBuffer> buffer = CreateBuffer(alloctor.Get(), bytes.data(), bytes.size());
+    EXPECT_EQ(alloctor->asked, 32U);
+    EXPECT_EQ(buffer->GetSize(), 16U);
+    EXPECT_EQ(std::memcmp(buffer->GetData(), bytes.data(), 32), 0);
+}
+
+}  // namespace
+}  // namespace zumod

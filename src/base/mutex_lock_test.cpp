@@ -1,0 +1,109 @@
+#include "base/mutex_lock.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <new>
+#include <stdexcept>
+#include <thread>
+
+#include "tests/support/platform_watch.h"
+#include "tests/support/raw_slots.h"
+
+namespace zumod {
+namespace {
+
+using testing::CallSlot;
+using testing::PlatformWatch;
+
+// Whether a thread other than this one could take the lock now. The mutex stands behind the table pointer.
+bool IsFree(CMutexLock& lock) {
+    bool free = false;
+    std::thread([&] {
+        auto* mutex = reinterpret_cast<pthread_mutex_t*>(reinterpret_cast<char*>(&lock) + 8);
+        const int result = pthread_mutex_trylock(mutex);
+        EXPECT_TRUE(result == 0 || result == EBUSY);
+        if (result == 0) {
+            free = true;
+            pthread_mutex_unlock(mutex);
+        }
+    }).join();
+    return free;
+}
+
+TEST(MutexLock, IsATablePointerAndAMutex) {
+    EXPECT_EQ(sizeof(CMutexLock), 8 + sizeof(pthread_mutex_t));
+}
+
+TEST(MutexLock, TakenTwiceByOneThreadIsFreeAfterTheSecondUnlock) {
+    CMutexLock lock;
+    [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
+        EXPECT_TRUE(IsFree(lock));
+        EXPECT_TRUE(lock.Lock());
+        EXPECT_TRUE(lock.Lock());
+        EXPECT_FALSE(IsFree(lock));
+        EXPECT_TRUE(lock.Unlock());
+        EXPECT_FALSE(IsFree(lock));
+        EXPECT_TRUE(lock.Unlock());
+        EXPECT_TRUE(IsFree(lock));
+    }();
+}
+
+TEST(MutexLock, TheResultOfTheSystemsUnlockIsNotExamined) {
+    CMutexLock lock;
+    [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
+        EXPECT_TRUE(lock.Lock());
+        std::thread([&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
+            EXPECT_TRUE(CallSlot<bool>(&lock, 1)) << "a recursive mutex refuses another thread's unlock";
+        }).join();
+        EXPECT_FALSE(IsFree(lock));
+        EXPECT_TRUE(lock.Unlock());
+    }();
+}
+
+TEST(MutexLock, KeepsOtherThreadsOut) {
+    CMutexLock lock;
+    int shared = 0;
+    auto work = [&] {
+        for (int i = 0; i < 5000; ++i) {
+            const LockGuard outer(lock);
+            [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
+                const LockGuard inner(lock);
+                ++shared;
+            }();
+        }
+    };
+    std::thread first(work);
+    std::thread second(work);
+    first.join();
+    second.join();
+    EXPECT_EQ(shared, 10000);
+}
+
+TEST(MutexLock, AGuardGivesTheLockBackWhenItsBlockThrows) {
+    CMutexLock lock;
+    try {
+        const LockGuard guard(lock);
+        EXPECT_FALSE(IsFree(lock));
+        throw std::runtime_error("out of the block");
+    } catch (const std::runtime_error&) {
+        EXPECT_TRUE(IsFree(lock));
+    }
+}
+
+TEST(MutexLock, AnswersThroughItsRawSlotsWithTheDestructorBehindTheOperations) {
+    alignas(CMutexLock) unsigned char storage[sizeof(CMutexLock)];
+    auto* lock = new (storage) CMutexLock;
+    EXPECT_TRUE((CallSlot<bool>(lock, 0)));  // Lock
+    EXPECT_FALSE(IsFree(*lock));
+    EXPECT_TRUE((CallSlot<bool>(lock, 1)));  // Unlock
+    EXPECT_TRUE(IsFree(*lock));
+    const PlatformWatch watch;
+    CallSlot<>(lock, 2);  // the complete destructor
+    EXPECT_EQ(watch.MutexesDestroyed(), 1);
+    CallSlot<>(new CMutexLock, 3);  // the deleting one
+    EXPECT_EQ(watch.MutexesDestroyed(), 2);
+}
+
+}  // namespace
+}  // namespace zumod

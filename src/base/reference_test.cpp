@@ -1,0 +1,228 @@
+#include "zumod/reference.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "tests/support/raw_slots.h"
+#include "zumod/ref_ptr.h"
+
+namespace zumod {
+namespace {
+
+using testing::CallSlot;
+
+// Counts how often it is destroyed.
+class Counted : public CReference {
+public:
+    explicit Counted(int& destroyed) : m_destroyed(destroyed) {}
+    ~Counted() override { ++m_destroyed; }
+
+private:
+    int& m_destroyed;
+};
+
+int64_t WordAt(const void* object, size_t offset) {
+    int64_t word = 0;
+    std::memcpy(&word, static_cast<const char*>(object) + offset, sizeof word);
+    return word;
+}
+
+TEST(Reference, TheFirstAddRefOfANewObjectReturnsOneAndTheSecondTwo) {
+    int destroyed = 0;
+    auto* object = new Counted(destroyed);
+    EXPECT_EQ(object->AddRef(), 1U);
+    EXPECT_EQ(object->AddRef(), 2U);
+    EXPECT_EQ(object->Release(), 1);
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(object->Release(), 0);
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(Reference, AReleaseOfAFreshObjectOnlyDrivesTheCountToMinusOne) {
+    int destroyed = 0;
+    auto* object = new Counted(destroyed);
+    EXPECT_EQ(object->Release(), -1);
+    EXPECT_EQ(object->Release(), -2);
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(object->AddRef(), ~uint64_t{0});
+    EXPECT_EQ(object->AddRef(), 0U);
+    EXPECT_EQ(object->AddRef(), 1U);
+    EXPECT_EQ(object->Release(), 0);
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(Reference, AReferenceTakenAndDroppedDuringTheDestructionDoesNotDestroyTwice) {
+    class Resurrected : public CReference {
+    public:
+        explicit Resurrected(int& destroyed) : m_destroyed(destroyed) {}
+        ~Resurrected() override {
+            ++m_destroyed;
+            EXPECT_EQ(AddRef(), 1U);
+            EXPECT_EQ(Release(), 0);
+        }
+
+    private:
+        int& m_destroyed;
+    };
+    int destroyed = 0;
+    auto* object = new Resurrected(destroyed);
+    object->AddRef();
+    object->Release();
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(Reference, HoldsTheReferenceCountAndThenTheLifeCountBehindItsTablePointer) {
+    int destroyed = 0;
+    auto* object = new Counted(destroyed);
+    EXPECT_EQ(WordAt(object, 8), 0);
+    EXPECT_EQ(WordAt(object, 16), 1);
+    object->AddRef();
+    object->AddRef();
+    EXPECT_EQ(WordAt(object, 8), 2);
+    EXPECT_EQ(WordAt(object, 16), 1);
+    object->Release();
+    object->Release();
+}
+
+TEST(Reference, IsReachedThroughSlotsTwoAndThree) {
+    int destroyed = 0;
+    IReference* object = new Counted(destroyed);
+    EXPECT_EQ((CallSlot<uint64_t>(object, 2)), 1U);
+    EXPECT_EQ((CallSlot<uint64_t>(object, 2)), 2U);
+    EXPECT_EQ((CallSlot<int64_t>(object, 3)), 1);
+    EXPECT_EQ((CallSlot<int64_t>(object, 3)), 0);
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(Reference, ItsDestructorPairStandsInSlotsZeroAndOne) {
+    int destroyed = 0;
+    alignas(Counted) unsigned char storage[sizeof(Counted)];
+    CallSlot<>(new (storage) Counted(destroyed), 0);  // the complete one leaves the memory alone
+    EXPECT_EQ(destroyed, 1);
+    CallSlot<>(new Counted(destroyed), 1);  // the deleting one gives it back
+    EXPECT_EQ(destroyed, 2);
+}
+
+TEST(Reference, HammeredFromSeveralThreadsIsDestroyedOnceByTheLastRelease) {
+    int destroyed = 0;
+    auto* object = new Counted(destroyed);
+    object->AddRef();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([mine = CRefPtr_T<Counted>(object)]() mutable {
+            for (int round = 0; round < 5000; ++round) {
+                CRefPtr_T<Counted> copy = mine;
+                const CRefPtr_T<IReference> another = copy;
+            }
+            mine = nullptr;
+        });
+    }
+    EXPECT_GT(object->Release(), -1);  // from here on the threads alone hold it
+    for (std::thread& each : threads) {
+        each.join();
+    }
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(RefPtr, IsOnePointerWide) {
+    int destroyed = 0;
+    const CRefPtr_T<Counted> owner(new Counted(destroyed));
+    static_assert(sizeof owner == sizeof(void*));
+    EXPECT_EQ(WordAt(&owner, 0), reinterpret_cast<intptr_t>(owner.Get()));
+}
+
+TEST(RefPtr, TakesTheFirstReferenceOfANewObjectAndDropsItAtItsEnd) {
+    int destroyed = 0;
+    {
+        const CRefPtr_T<Counted> owner(new Counted(destroyed));
+        EXPECT_EQ(WordAt(owner.Get(), 8), 1);
+    }
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(RefPtr, AddsNoReferenceWhenItAdopts) {
+    int destroyed = 0;
+    auto* object = new Counted(destroyed);
+    object->AddRef();
+    const auto owner = CRefPtr_T<Counted>::Adopt(object);
+    EXPECT_EQ(WordAt(object, 8), 1);
+}
+
+TEST(RefPtr, AddsAReferenceWithEachCopyAndNoneWithAMove) {
+    int destroyed = 0;
+    CRefPtr_T<Counted> first(new Counted(destroyed));
+    const void* object = first.Get();
+    CRefPtr_T<Counted> second = first;
+    EXPECT_EQ(WordAt(object, 8), 2);
+    const CRefPtr_T<IReference> third = first;
+    EXPECT_EQ(WordAt(object, 8), 3);
+    const CRefPtr_T<Counted> moved = std::move(second);
+    const CRefPtr_T<IReference> moved_up = std::move(first);
+    EXPECT_EQ(WordAt(object, 8), 3);
+    EXPECT_EQ(moved_up.Get(), moved.Get());
+}
+
+TEST(RefPtr, ReleasesTheOldObjectWhenItIsGivenAnother) {
+    int first_destroyed = 0;
+    int second_destroyed = 0;
+    CRefPtr_T<Counted> owner(new Counted(first_destroyed));
+    const CRefPtr_T<Counted> other(new Counted(second_destroyed));
+    owner = other;
+    EXPECT_EQ(first_destroyed, 1);
+    EXPECT_EQ(WordAt(other.Get(), 8), 2);
+    owner = nullptr;
+    EXPECT_EQ(WordAt(other.Get(), 8), 1);
+    EXPECT_EQ(second_destroyed, 0);
+}
+
+TEST(RefPtr, SurvivesAnAssignmentOfItself) {
+    int destroyed = 0;
+    CRefPtr_T<Counted> owner(new Counted(destroyed));
+    CRefPtr_T<Counted>& same = owner;
+    owner = same;
+    owner = std::move(same);
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(WordAt(owner.Get(), 8), 1);
+}
+
+TEST(RefPtr, GivesItsReferenceAwayWhenItDetaches) {
+    int destroyed = 0;
+    Counted* object = nullptr;
+    {
+        CRefPtr_T<Counted> owner(new Counted(destroyed));
+        object = owner.Detach();
+        EXPECT_EQ(owner, nullptr);
+    }
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(object->Release(), 0);
+}
+
+TEST(RefPtr, HoldsNothingByDefaultAndTellsSo) {
+    const CRefPtr_T<Counted> none;
+    int destroyed = 0;
+    const CRefPtr_T<Counted> some(new Counted(destroyed));
+    const CRefPtr_T<Counted> same = some;
+    EXPECT_FALSE(none);
+    EXPECT_TRUE(none == nullptr);
+    EXPECT_EQ(none.Get(), nullptr);
+    EXPECT_TRUE(some);
+    EXPECT_TRUE(some != nullptr);
+    EXPECT_TRUE(some == same);
+    EXPECT_TRUE(some != none);
+    EXPECT_EQ(CRefPtr_T<Counted>(static_cast<Counted*>(nullptr)), nullptr);
+}
+
+TEST(RefPtr, ConvertsToAnOwnerOfABaseOnly) {
+    EXPECT_TRUE((std::is_convertible_v<CRefPtr_T<Counted>, CRefPtr_T<IReference>>));
+    EXPECT_TRUE((std::is_convertible_v<const CRefPtr_T<Counted>&, CRefPtr_T<IReference>>));
+    EXPECT_FALSE((std::is_constructible_v<CRefPtr_T<Counted>, CRefPtr_T<IReference>>));
+    EXPECT_FALSE((std::is_constructible_v<CRefPtr_T<Counted>, const CRefPtr_T<IReference>&>));
+    EXPECT_FALSE((std::is_convertible_v<Counted*, CRefPtr_T<Counted>>));
+}
+
+}  // namespace
+}  // namespace zumod

@@ -1,0 +1,183 @@
+#include "module/log.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "module/attach_runtime.h"
+#include "tests/support/captured_stdout.h"
+#include "tests/support/platform_watch.h"
+#include "tests/support/recording_host.h"
+
+namespace zumod {
+namespace {
+
+using testing::CapturedStdout;
+using testing::LogLine;
+using testing::PlatformWatch;
+using testing::RecordingHost;
+using Lines = std::vector<LogLine>;
+
+class Log : public testing::LoggingTest {};
+
+TEST(LogWithoutAHost, PrintsTheFormattedTextWithANewline) {
+    const CapturedStdout captured;
+    ZuModLog(kLogFailure, "[cameraclient] type: %X/%X .", 0x1AU, 7U);
+    ZuModLog(kLogEvent, "100%% %s", "next");
+    EXPECT_EQ(captured.Text(), "[cameraclient] type: 1A/7 .\n100% next\n");
+}
+
+TEST(LogWithoutAHost, CutsALongTextTheSameWay) {
+    const CapturedStdout captured;
+    ZuModLog(kLogEvent, "%s", std::string(5000, 'x').c_str());
+    EXPECT_EQ(captured.Text(), std::string(4095, 'x') + "\n");
+}
+
+TEST_F(Log, FormatsAndPassesTheLevelOnUnchanged) {
+    ZuModLog(kLogEvent, "[camera_client] %s %d %lu", "text", -3, 18446744073709551615UL);
+    ZuModLog(kLogIgnored, "ignored");
+    ZuModLog(kLogFailure, "failure");
+    ZuModLog(kLogTrace, "trace");
+    ZuModLog(0, "none");
+    ZuModLog(0xFFFFFFFF, "all");
+    EXPECT_EQ(host.Lines(), (Lines{{1, "[camera_client] text -3 18446744073709551615"},
+                                   {2, "ignored"},
+                                   {4, "failure"},
+                                   {8, "trace"},
+                                   {0, "none"},
+                                   {0xFFFFFFFF, "all"}}));
+}
+
+TEST_F(Log, DeliversATextOf4095CharactersWhole) {
+    const std::string text(4095, 'a');
+    ZuModLog(kLogEvent, "%s", text.c_str());
+    EXPECT_EQ(host.Lines(), (Lines{{1, text}}));
+}
+
+TEST_F(Log, CutsALongerTextAt4095Characters) {
+    ZuModLog(kLogEvent, "%s", (std::string(4095, 'a') + "b").c_str());
+    ZuModLog(kLogEvent, "%s%s", std::string(4000, 'c').c_str(), std::string(4000, 'd').c_str());
+    EXPECT_EQ(host.Lines(),
+              (Lines{{1, std::string(4095, 'a')}, {1, std::string(4000, 'c') + std::string(95, 'd')}}));
+}
+
+TEST_F(Log, HandsOverABufferOf4096BytesZeroBehindTheText) {
+    class CheckingHost : public RecordingHost {
+    public:
+        int WriteLog(uint32_t, const char* text) override {
+            zeros = std::count(text, text + 4096, '\0');
+            return 0;
+        }
+        int64_t zeros = 0;
+    };
+    {
+        // A dirty block of the very size, given back just before.
+        std::vector<char> dirt(4096, 'D');
+    }
+    CheckingHost checking;
+    AttachRuntime(&checking);
+    ZuModLog(kLogEvent, "0123456789");
+    EXPECT_EQ(checking.zeros, 4086);
+}
+
+TEST_F(Log, AllocatesOneBufferOf4096BytesAndFreesIt) {
+    class AddressHost : public RecordingHost {
+    public:
+        int WriteLog(uint32_t, const char* text) override {
+            buffer = text;
+            return 0;
+        }
+        const char* buffer = nullptr;
+    };
+    AddressHost address;
+    AttachRuntime(&address);
+    const PlatformWatch watch;
+    ZuModLog(kLogEvent, "x");
+    EXPECT_EQ(watch.Callocs(4096), 1);
+    EXPECT_EQ(watch.Frees(address.buffer), 1);
+}
+
+class ThrowingHost : public RecordingHost {
+public:
+    int WriteLog(uint32_t, const char* text) override {
+        buffer = text;
+        throw std::runtime_error("no room");
+    }
+    const char* buffer = nullptr;
+};
+
+TEST_F(Log, PassesASinksExceptionOnAfterFreeingTheBuffer) {
+    ThrowingHost throwing;
+    AttachRuntime(&throwing);
+    const PlatformWatch watch;
+    EXPECT_THROW(ZuModLog(kLogEvent, "x"), std::runtime_error);
+    EXPECT_EQ(watch.Frees(throwing.buffer), 1);
+}
+
+TEST_F(Log, AnotherThreadCanLogAfterASinkThrew) {
+    ThrowingHost throwing;
+    AttachRuntime(&throwing);
+    EXPECT_THROW(ZuModLog(kLogEvent, "x"), std::runtime_error);
+    std::thread([&] {
+        AttachRuntime(&host);
+        ZuModLog(kLogEvent, "as if nothing had been");
+    }).join();
+    EXPECT_EQ(host.Lines(), (Lines{{1, "as if nothing had been"}}));
+}
+
+TEST_F(Log, ASinkMayLogAgainFromInside) {
+    class EchoingHost : public RecordingHost {
+    public:
+        int WriteLog(uint32_t level, const char* text) override {
+            if (m_depth < 3) {
+                ++m_depth;
+                ZuModLog(level, "%s.", text);
+                --m_depth;
+            }
+            // The outer buffer is the outer call's own.
+            return RecordingHost::WriteLog(level, text);
+        }
+
+    private:
+        int m_depth = 0;
+    };
+    EchoingHost echoing;
+    AttachRuntime(&echoing);
+    ZuModLog(kLogEvent, "echo");
+    EXPECT_EQ(echoing.Lines(), (Lines{{1, "echo..."}, {1, "echo.."}, {1, "echo."}, {1, "echo"}}));
+}
+
+TEST_F(Log, WithoutMemoryDropsTheLine) {
+    PlatformWatch watch;
+    watch.FailCalloc(4096, 1);
+    ZuModLog(kLogEvent, "dropped");
+    ZuModLog(kLogEvent, "kept");
+    EXPECT_EQ(host.Lines(), (Lines{{1, "kept"}}));
+}
+
+TEST_F(Log, LinesOfSeveralThreadsArriveWhole) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([i] {
+            for (int line = 0; line < 500; ++line) {
+                ZuModLog(kLogEvent, "%s", std::string(50, static_cast<char>('a' + i)).c_str());
+            }
+        });
+    }
+    for (std::thread& each : threads) {
+        each.join();
+    }
+    size_t of_each[4] = {};
+    for (const LogLine& line : host.Lines()) {
+        ASSERT_EQ(line.text, std::string(50, line.text[0]));
+        ++of_each[line.text[0] - 'a'];
+    }
+    EXPECT_EQ(std::vector<size_t>(of_each, of_each + 4), std::vector<size_t>(4, 500));
+}
+
+}  // namespace
+}  // namespace zumod

@@ -1,0 +1,295 @@
+#include "module/runtime.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "module/attach_runtime.h"
+#include "module/log.h"
+#include "tests/support/captured_stdout.h"
+#include "tests/support/raw_slots.h"
+#include "tests/support/recording_host.h"
+
+namespace zumod {
+namespace {
+
+using testing::CallSlot;
+using testing::CapturedStdout;
+using testing::RecordingHost;
+
+// A host as another compiler would make it: a table of four plain functions, and an object that points at it.
+// The flag is taken as a whole register, to see what was passed beside its low byte.
+struct RawHost {
+    struct Table {
+        int (*write_log)(RawHost*, uint32_t, const char*);
+        int32_t (*service2)(RawHost*, uint32_t, uint64_t, uint64_t, uint64_t, uint64_t);
+        int32_t (*service3)(RawHost*, uint32_t, uint64_t, uint64_t, uint64_t);
+        void* (*get_env_property)(RawHost*, const char*);
+    };
+    static const Table kTable;
+
+    const Table* table = &kTable;
+    std::vector<std::string> calls;
+
+    IZUModRuntime* AsRuntime() { return reinterpret_cast<IZUModRuntime*>(this); }
+};
+
+const RawHost::Table RawHost::kTable = {
+    [](RawHost* self, uint32_t level, const char* text) {
+        self->calls.push_back("log " + std::to_string(level) + " " + text);
+        return 11;
+    },
+    [](RawHost* self, uint32_t flag, uint64_t a, uint64_t b, uint64_t c, uint64_t d) -> int32_t {
+        self->calls.push_back("2: " + std::to_string(flag) + " " + std::to_string(a) + " " +
+                              std::to_string(b) + " " + std::to_string(c) + " " + std::to_string(d));
+        return -22;
+    },
+    [](RawHost* self, uint32_t flag, uint64_t a, uint64_t b, uint64_t c) -> int32_t {
+        self->calls.push_back("3: " + std::to_string(flag) + " " + std::to_string(a) + " " +
+                              std::to_string(b) + " " + std::to_string(c));
+        return -33;
+    },
+    [](RawHost* self, const char* key) -> void* {
+        self->calls.push_back(std::string("get ") + key);
+        return self;
+    },
+};
+
+class Runtime : public ::testing::Test {
+protected:
+    ~Runtime() override { DetachRuntime(); }
+
+    // Whether another thread gets through to the runtime, which it does not while this one holds the lock.
+    static void ExpectAnotherThreadCanLog() {
+        RecordingHost host;
+        std::thread([&] {
+            AttachRuntime(&host);
+            ZuModLog(kLogEvent, "from another thread");
+        }).join();
+        EXPECT_EQ(host.Lines().size(), 1U);
+    }
+
+    CZUModRuntime* runtime = CZUModRuntime::GetInstance();
+};
+
+constexpr uint64_t kBig = 0x8877665544332211;
+
+TEST_F(Runtime, ForwardsEachOperationToTheSameSlotAndReturnsItsResult) {
+    RawHost host;
+    AttachRuntime(host.AsRuntime());
+    IZUModRuntime* own = runtime;
+    EXPECT_EQ(own->WriteLog(0x80000001, "text"), 11);
+    EXPECT_EQ(own->Service2(0xEF, kBig, 2, 3, 4), -22);
+    EXPECT_EQ(own->Service3(0xEF, 5, 6, kBig), -33);
+    EXPECT_EQ(static_cast<void*>(own->GetEnvProperty("key")), static_cast<void*>(&host));
+    EXPECT_EQ(host.calls, (std::vector<std::string>{"log 2147483649 text", "2: 239 9833440827789222417 2 3 4",
+                                                    "3: 239 5 6 9833440827789222417", "get key"}));
+}
+
+TEST_F(Runtime, AnswersThroughItsRawSlotsWhichHaveNoDestructor) {
+    RawHost host;
+    AttachRuntime(host.AsRuntime());
+    const IZUModRuntime* own = runtime;
+    EXPECT_EQ((CallSlot<int>(own, 0, uint32_t{4}, "raw")), 11);
+    EXPECT_EQ((CallSlot<int32_t>(own, 1, uint8_t{1}, kBig, uint64_t{2}, uint64_t{3}, uint64_t{4})), -22);
+    EXPECT_EQ((CallSlot<int32_t>(own, 2, uint8_t{0}, uint64_t{5}, uint64_t{6}, uint64_t{7})), -33);
+    EXPECT_EQ((CallSlot<void*>(own, 3, "raw key")), static_cast<void*>(&host));
+    EXPECT_EQ(host.calls, (std::vector<std::string>{"log 4 raw", "2: 1 9833440827789222417 2 3 4",
+                                                    "3: 0 5 6 7", "get raw key"}));
+}
+
+TEST_F(Runtime, WithoutASinkPrintsTheTextWithANewlineAndGivesNothing) {
+    const IZUModRuntime* own = runtime;
+    const CapturedStdout captured;
+    CallSlot<int>(own, 0, uint32_t{8}, "a plain %s line");
+    CallSlot<int>(own, 0, uint32_t{1}, "");
+    EXPECT_EQ(captured.Text(), "a plain %s line\n\n");
+    EXPECT_EQ((CallSlot<int32_t>(own, 1, uint8_t{1}, kBig, kBig, kBig, kBig)), 0);
+    EXPECT_EQ((CallSlot<int32_t>(own, 2, uint8_t{1}, kBig, kBig, kBig)), 0);
+    EXPECT_EQ((CallSlot<void*>(own, 3, "zu.env.modules.dir")), nullptr);
+}
+
+TEST_F(Runtime, HoldsItsLockThenItsSinkThenItsFlag) {
+    RawHost host;
+    AttachRuntime(host.AsRuntime());
+    const auto* bytes = reinterpret_cast<const char*>(runtime);
+    const void* sink = nullptr;
+    std::memcpy(&sink, bytes + 8 + sizeof(CMutexLock), sizeof sink);
+    EXPECT_EQ(sink, &host);
+    EXPECT_EQ(bytes[8 + sizeof(CMutexLock) + 8], 0);
+    EXPECT_EQ(sizeof(CZUModRuntime), 8 + sizeof(CMutexLock) + 16);
+}
+
+TEST_F(Runtime, IsTheSameObjectForEveryThread) {
+    CZUModRuntime* seen = nullptr;
+    std::thread([&] { seen = CZUModRuntime::GetInstance(); }).join();
+    EXPECT_EQ(seen, runtime);
+}
+
+class ThrowingHost : public IZUModRuntime {
+public:
+    virtual ~ThrowingHost() = default;
+    int WriteLog(uint32_t, const char*) override { throw std::runtime_error("log"); }
+    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override {
+        throw std::runtime_error("service 2");
+    }
+    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override {
+        throw std::runtime_error("service 3");
+    }
+    IZUModData* GetEnvProperty(const char*) override { throw std::runtime_error("property"); }
+};
+
+TEST_F(Runtime, LeavesItsLockFreeWhenTheSinkThrowsFromALogLine) {
+    ThrowingHost host;
+    AttachRuntime(&host);
+    EXPECT_THROW(runtime->WriteLog(1, "text"), std::runtime_error);
+    ExpectAnotherThreadCanLog();
+}
+
+TEST_F(Runtime, LeavesItsLockFreeWhenTheSinkThrowsFromTheSecondService) {
+    ThrowingHost host;
+    AttachRuntime(&host);
+    EXPECT_THROW(runtime->Service2(0, 0, 0, 0, 0), std::runtime_error);
+    ExpectAnotherThreadCanLog();
+}
+
+TEST_F(Runtime, LeavesItsLockFreeWhenTheSinkThrowsFromTheThirdService) {
+    ThrowingHost host;
+    AttachRuntime(&host);
+    EXPECT_THROW(runtime->Service3(0, 0, 0, 0), std::runtime_error);
+    ExpectAnotherThreadCanLog();
+}
+
+TEST_F(Runtime, LeavesItsLockFreeWhenTheSinkThrowsFromThePropertyLookUp) {
+    ThrowingHost host;
+    AttachRuntime(&host);
+    EXPECT_THROW(runtime->GetEnvProperty("key"), std::runtime_error);
+    ExpectAnotherThreadCanLog();
+}
+
+// From inside each operation, calls another.
+class TalkativeHost : public RecordingHost {
+public:
+    int WriteLog(uint32_t level, const char* text) override {
+        RecordingHost::WriteLog(level, text);
+        if (level != kLogTrace) {
+            ZuModLog(kLogTrace, "from inside: %s", text);
+        }
+        return 0;
+    }
+    int32_t Service2(uint8_t flag, uint64_t, uint64_t, uint64_t, uint64_t) override {
+        ZuModLog(kLogTrace, "service 2");
+        return CZUModRuntime::GetInstance()->Service3(flag, 0, 0, 0);
+    }
+    int32_t Service3(uint8_t flag, uint64_t, uint64_t, uint64_t) override {
+        ZuModLog(kLogTrace, "service 3");
+        return flag;
+    }
+    IZUModData* GetEnvProperty(const char* key) override {
+        ZuModLog(kLogTrace, "asked for %s", key);
+        return nullptr;
+    }
+};
+
+TEST_F(Runtime, LetsTheSinkCallBackFromInsideEveryOperation) {
+    TalkativeHost host;
+    AttachRuntime(&host);
+    ZuModLog(kLogFailure, "outer");
+    EXPECT_EQ(runtime->Service2(9, 0, 0, 0, 0), 9);
+    EXPECT_EQ(runtime->GetEnvProperty("key"), nullptr);
+    EXPECT_EQ(host.Lines(), (std::vector<testing::LogLine>{{4, "outer"},
+                                                           {8, "from inside: outer"},
+                                                           {8, "service 2"},
+                                                           {8, "service 3"},
+                                                           {8, "asked for key"}}));
+    ExpectAnotherThreadCanLog();
+}
+
+TEST_F(Runtime, LetsTheSinkDetachItselfFromInside) {
+    class LeavingHost : public RecordingHost {
+    public:
+        int WriteLog(uint32_t level, const char* text) override {
+            DetachRuntime();
+            return RecordingHost::WriteLog(level, text);
+        }
+    };
+    LeavingHost host;
+    AttachRuntime(&host);
+    const CapturedStdout captured;
+    ZuModLog(kLogEvent, "the last");
+    ZuModLog(kLogEvent, "for nobody");
+    EXPECT_EQ(host.Lines(), (std::vector<testing::LogLine>{{1, "the last"}}));
+    EXPECT_EQ(captured.Text(), "for nobody\n");
+}
+
+// Knows whether it is attached; the runtime's lock alone keeps its fields from being raced for.
+class FragileHost : public RecordingHost {
+public:
+    int WriteLog(uint32_t, const char*) override {
+        EXPECT_TRUE(attached) << "called after it was replaced";
+        ++lines;
+        return 0;
+    }
+    std::atomic<bool> attached{true};
+    int lines = 0;
+};
+
+TEST_F(Runtime, ASinkThatWasReplacedWhileOthersLogIsNotCalledAgainAndNoLineIsLost) {
+    constexpr int kThreads = 3;
+    constexpr int kLines = 2000;
+    std::vector<FragileHost> hosts(2);
+    AttachRuntime(&hosts[0]);
+    std::atomic<int> finished{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            for (int line = 0; line < kLines; ++line) {
+                ZuModLog(kLogEvent, "line %d", line);
+            }
+            ++finished;
+        });
+    }
+    for (size_t current = 0; finished < kThreads; current = 1 - current) {
+        hosts[1 - current].attached = true;
+        AttachRuntime(&hosts[1 - current]);
+        // From here on the other one may go: its next caller would be wrong.
+        hosts[current].attached = false;
+    }
+    for (std::thread& each : threads) {
+        each.join();
+    }
+    EXPECT_EQ(hosts[0].lines + hosts[1].lines, kThreads * kLines);
+}
+
+TEST_F(Runtime, AHostThatCameAndWentWhileOthersLogLosesNothingToABrokenLine) {
+    constexpr int kLines = 1000;
+    RecordingHost host;
+    std::string printed;
+    {
+        const CapturedStdout captured;
+        std::thread logger([&] {
+            for (int line = 0; line < kLines; ++line) {
+                ZuModLog(kLogEvent, "the same line");
+            }
+        });
+        for (int i = 0; i < 100; ++i) {
+            AttachRuntime(&host);
+            DetachRuntime();
+        }
+        logger.join();
+        printed = captured.Text();
+    }
+    const size_t to_output = printed.size() / std::strlen("the same line\n");
+    EXPECT_EQ(to_output + host.Lines().size(), static_cast<size_t>(kLines));
+    for (size_t at = 0; at < printed.size(); at += std::strlen("the same line\n")) {
+        ASSERT_EQ(printed.compare(at, std::strlen("the same line\n"), "the same line\n"), 0);
+    }
+}
+
+}  // namespace
+}  // namespace zumod
