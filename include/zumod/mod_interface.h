@@ -1,6 +1,8 @@
 // What every object that a module creates can do: name its other interfaces and take properties.
 #pragma once
 
+#include <cstdint>
+
 #include "zumod/mod_data.h"
 #include "zumod/reference.h"
 
@@ -9,6 +11,10 @@ namespace zumod {
 // Binary table: slots 0 to 3 are IReference's.
 class IZUModInterface : public virtual IReference {
 public:
+    // Slots 2 and 3, declared again so that they are filled in every face of an object that has several.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slot 4. `name` is NUL-terminated text. On success stores the face of that name, with one reference for
     // the caller, where `out` points and returns true; otherwise leaves `out` alone and returns false.
     virtual bool QueryInterface(const char* name, void** out) = 0;

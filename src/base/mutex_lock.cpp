@@ -1,6 +1,14 @@
 #include "base/mutex_lock.h"
 
+#include <cstdint>
+#include <ctime>
+
 namespace zumod {
+namespace {
+
+constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+}  // namespace
 
 CMutexLock::CMutexLock() {
     pthread_mutexattr_t attributes;
@@ -17,6 +25,15 @@ CMutexLock::~CMutexLock() {
 bool CMutexLock::Lock() ZU_NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_lock(&m_mutex);
     return true;
+}
+
+bool CMutexLock::TryLockFor(std::chrono::milliseconds time) ZU_NO_THREAD_SAFETY_ANALYSIS {
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    const int64_t nanoseconds = deadline.tv_nsec + std::chrono::nanoseconds(time).count();
+    deadline.tv_sec += nanoseconds / kNanosecondsPerSecond;
+    deadline.tv_nsec = nanoseconds % kNanosecondsPerSecond;
+    return pthread_mutex_clocklock(&m_mutex, CLOCK_MONOTONIC, &deadline) == 0;
 }
 
 bool CMutexLock::Unlock() ZU_NO_THREAD_SAFETY_ANALYSIS {

@@ -3,6 +3,8 @@
 
 #include <pthread.h>
 
+#include <chrono>
+
 #include "base/lock_item.h"
 
 namespace zumod {
@@ -15,6 +17,8 @@ public:
 
     bool Lock() override ZU_ACQUIRE();
     bool Unlock() override ZU_RELEASE();
+    // Waits no longer than this for the lock; whether it was taken.
+    bool TryLockFor(std::chrono::milliseconds time) ZU_TRY_ACQUIRE(true);
 
 private:
     pthread_mutex_t m_mutex;

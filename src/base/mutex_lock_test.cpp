@@ -49,6 +49,23 @@ TEST(MutexLock, TakenTwiceByOneThreadIsFreeAfterTheSecondUnlock) {
     }();
 }
 
+TEST(MutexLock, AWaitWithATimeTakesAFreeLockAndGivesUpOnOneThatIsHeld) {
+    CMutexLock lock;
+    [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
+        EXPECT_TRUE(lock.TryLockFor(std::chrono::milliseconds(0)));
+        EXPECT_FALSE(IsFree(lock));
+        EXPECT_TRUE(lock.TryLockFor(std::chrono::milliseconds(0))) << "the same thread again";
+        std::thread([&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
+            const auto start = std::chrono::steady_clock::now();
+            EXPECT_FALSE(lock.TryLockFor(std::chrono::milliseconds(1200)));
+            EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1200));
+        }).join();
+        lock.Unlock();
+        lock.Unlock();
+        EXPECT_TRUE(IsFree(lock));
+    }();
+}
+
 TEST(MutexLock, TheResultOfTheSystemsUnlockIsNotExamined) {
     CMutexLock lock;
     [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
