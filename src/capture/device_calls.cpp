@@ -1,0 +1,34 @@
+#include "capture/device_calls.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace zumod::device {
+
+int Open(const char* path, int flags) {
+    return ::open(path, flags);
+}
+
+int Close(int descriptor) {
+    return ::close(descriptor);
+}
+
+int Ioctl(int descriptor, unsigned long request, void* argument) {
+    return ::ioctl(descriptor, request, argument);
+}
+
+void* Map(size_t length, int protection, int flags, int descriptor, off_t offset) {
+    return ::mmap(nullptr, length, protection, flags, descriptor, offset);
+}
+
+int Unmap(void* address, size_t length) {
+    return ::munmap(address, length);
+}
+
+int Select(int count, fd_set* readable, timeval* timeout) {
+    return ::select(count, readable, nullptr, nullptr, timeout);
+}
+
+}  // namespace zumod::device

@@ -1,0 +1,58 @@
+#include "capture/supported_formats.h"
+
+#include <linux/videodev2.h>
+
+#include "capture/device_calls.h"
+
+namespace zumod {
+namespace {
+
+struct CandidateSize {
+    uint32_t width;
+    uint32_t height;
+};
+
+constexpr CandidateSize kCandidateSizes[] = {
+    {128, 96},  {160, 120},  {176, 144},  {320, 240},  {352, 288},  {640, 480},  {704, 576},   {800, 600},
+    {960, 720}, {1024, 768}, {1152, 864}, {1280, 600}, {1280, 720}, {1440, 900}, {1440, 1080}, {1920, 1080},
+};
+
+std::vector<uint32_t> PixelFormatsOf(int descriptor) {
+    std::vector<uint32_t> formats;
+    // Zeroed once: only the index changes from one request to the next.
+    v4l2_fmtdesc description{};
+    description.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    while (device::Ioctl(descriptor, VIDIOC_ENUM_FMT, &description) == 0) {
+        formats.push_back(description.pixelformat);
+        ++description.index;
+    }
+    return formats;
+}
+
+}  // namespace
+
+bool enumSupportedFormats(int descriptor, std::vector<SupportedFormat>& entries) {
+    const std::vector<uint32_t> pixel_formats = PixelFormatsOf(descriptor);
+    // Zeroed once: a try starts from what the one before it left in the other fields.
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    v4l2_pix_format& picture = format.fmt.pix;
+    for (const CandidateSize& candidate : kCandidateSizes) {
+        for (const uint32_t pixel_format : pixel_formats) {
+            picture.width = candidate.width;
+            picture.height = candidate.height;
+            picture.pixelformat = pixel_format;
+            if (device::Ioctl(descriptor, VIDIOC_TRY_FMT, &format) < 0) {
+                continue;
+            }
+            // One matching dimension is enough, deliberately: many drivers round the other to a multiple.
+            if (picture.width == candidate.width || picture.height == candidate.height) {
+                entries.push_back({static_cast<int32_t>(picture.width), static_cast<int32_t>(picture.height),
+                                   pixel_format});
+            }
+        }
+    }
+    return true;
+}
+
+}  // namespace zumod

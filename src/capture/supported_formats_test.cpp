@@ -1,0 +1,130 @@
+#include "capture/supported_formats.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/videodev2.h>
+
+#include "capture/device_calls.h"
+#include "tests/support/device_double.h"
+
+namespace zumod {
+namespace {
+
+using testing::CameraModel;
+using testing::DeviceCall;
+using testing::DeviceDouble;
+using Formats = std::vector<SupportedFormat>;
+
+class SupportedFormatsTest : public ::testing::Test {
+protected:
+    ~SupportedFormatsTest() override { EXPECT_TRUE(devices.Misuse().empty()); }
+
+    Formats FormatsOf(CameraModel model) {
+        devices.SetCamera(0, std::move(model));
+        const int descriptor = device::Open("/dev/video0", O_RDONLY);
+        devices.TakeCalls();
+        Formats entries;
+        EXPECT_TRUE(enumSupportedFormats(descriptor, entries));
+        calls = devices.TakeCalls();
+        device::Close(descriptor);
+        return entries;
+    }
+
+    DeviceDouble devices;
+    std::vector<std::string> calls;
+};
+
+TEST_F(SupportedFormatsTest, ADeviceWithoutFormatsIsAskedForTheFirstAndNoMore) {
+    EXPECT_TRUE(FormatsOf({}).empty());
+    EXPECT_EQ(calls, std::vector<std::string>{"ENUM_FMT video0 type=1 index=0 0"});
+}
+
+TEST_F(SupportedFormatsTest, OneFormatIsTriedAtAllSizesAndFieldsAreCarriedFromCallToCall) {
+    const Formats entries = FormatsOf({.formats = {{V4L2_PIX_FMT_YUYV, {{320, 240}, {1280, 720}}}}});
+
+    EXPECT_EQ(entries, (Formats{{320, 240, V4L2_PIX_FMT_YUYV}, {1280, 720, V4L2_PIX_FMT_YUYV}}));
+    EXPECT_EQ(calls, (std::vector<std::string>{
+                         "ENUM_FMT video0 type=1 index=0 0",
+                         "ENUM_FMT video0 type=1 index=1 YUYV flags=2",
+                         "TRY_FMT video0 type=1 128x96 YUYV",
+                         "TRY_FMT video0 type=1 160x120 YUYV",
+                         "TRY_FMT video0 type=1 176x144 YUYV",
+                         "TRY_FMT video0 type=1 320x240 YUYV",
+                         "TRY_FMT video0 type=1 352x288 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 640x480 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 704x576 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 800x600 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 960x720 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 1024x768 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 1152x864 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 1280x600 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 1280x720 YUYV field=1 stride=640 size=153600 colorspace=8",
+                         "TRY_FMT video0 type=1 1440x900 YUYV field=1 stride=2560 size=1843200 colorspace=8",
+                         "TRY_FMT video0 type=1 1440x1080 YUYV field=1 stride=2560 size=1843200 colorspace=8",
+                         "TRY_FMT video0 type=1 1920x1080 YUYV field=1 stride=2560 size=1843200 colorspace=8",
+                     }));
+}
+
+TEST_F(SupportedFormatsTest, TheOrderIsBySizeFirstAndByTheDevicesFormatsSecond) {
+    const Formats entries = FormatsOf({.formats = {{V4L2_PIX_FMT_MJPEG, {{1280, 720}, {640, 480}}},
+                                                   {V4L2_PIX_FMT_NV12, {{640, 480}, {128, 96}}},
+                                                   {V4L2_PIX_FMT_YUYV, {{1280, 720}, {640, 480}}}}});
+
+    EXPECT_EQ(entries, (Formats{{128, 96, V4L2_PIX_FMT_NV12},
+                                {640, 480, V4L2_PIX_FMT_MJPEG},
+                                {640, 480, V4L2_PIX_FMT_NV12},
+                                {640, 480, V4L2_PIX_FMT_YUYV},
+                                {1280, 720, V4L2_PIX_FMT_MJPEG},
+                                {1280, 720, V4L2_PIX_FMT_YUYV}}));
+    // Each size is tried with every format before the next size.
+    ASSERT_EQ(calls.size(), 4u + 16 * 3);
+    EXPECT_EQ(calls[4], "TRY_FMT video0 type=1 128x96 MJPG");
+    EXPECT_EQ(calls[5], "TRY_FMT video0 type=1 128x96 NV12");
+    EXPECT_EQ(calls[6], "TRY_FMT video0 type=1 128x96 YUYV field=1 stride=256 size=24576 colorspace=8");
+    EXPECT_EQ(calls[7], "TRY_FMT video0 type=1 160x120 MJPG field=1 stride=256 size=24576 colorspace=8");
+}
+
+TEST_F(SupportedFormatsTest, AWidthThatMatchesIsEnough) {
+    EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}, {{{1920, 1080}, {1920, 1088}}}}}}),
+              (Formats{{1920, 1088, V4L2_PIX_FMT_NV12}}));
+}
+
+TEST_F(SupportedFormatsTest, AHeightThatMatchesIsEnough) {
+    EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}, {{{640, 480}, {720, 480}}}}}}),
+              (Formats{{720, 480, V4L2_PIX_FMT_NV12}}));
+}
+
+TEST_F(SupportedFormatsTest, ASizeThatMatchesInNeitherDimensionIsNotTaken) {
+    EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}, {{{640, 480}, {480, 640}}}}}}), Formats{});
+}
+
+TEST_F(SupportedFormatsTest, ARefusedTryIsPassedOver) {
+    devices.Fail(DeviceCall::kTryFmt, EIO, 6);
+    EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {704, 576}}}}}),
+              (Formats{{704, 576, V4L2_PIX_FMT_NV12}}));
+}
+
+TEST_F(SupportedFormatsTest, AnyAnswerOtherThanZeroEndsTheListOfFormats) {
+    devices.Answer(DeviceCall::kEnumFmt, 1, 0, 2);
+    EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}}, {V4L2_PIX_FMT_YUYV, {{640, 480}}}}}),
+              (Formats{{640, 480, V4L2_PIX_FMT_NV12}}));
+    EXPECT_EQ(devices.CallCount(DeviceCall::kEnumFmt), 2);
+}
+
+TEST_F(SupportedFormatsTest, APositiveAnswerToATryIsNoRefusal) {
+    // The structure stays as asked, so both dimensions match.
+    devices.Answer(DeviceCall::kTryFmt, 1, 0, 3);
+    EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}}}}), (Formats{{176, 144, V4L2_PIX_FMT_NV12}}));
+}
+
+TEST_F(SupportedFormatsTest, EntriesAreAppendedToWhatIsThere) {
+    devices.SetCamera(0, {.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}}}});
+    const int descriptor = device::Open("/dev/video0", O_RDONLY);
+    Formats entries = {{1, 2, 3}};
+    EXPECT_TRUE(enumSupportedFormats(descriptor, entries));
+    EXPECT_EQ(entries, (Formats{{1, 2, 3}, {640, 480, V4L2_PIX_FMT_NV12}}));
+    device::Close(descriptor);
+}
+
+}  // namespace
+}  // namespace zumod
