@@ -1,0 +1,232 @@
+// Any bytes from the peer and any failure of the stream: nothing is left behind and the plugin serves on.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "plugin/client_camera.h"
+#include "tests/support/client_camera_double.h"
+#include "tests/support/platform_watch.h"
+#include "tests/support/process_state.h"
+#include "tests/support/recording_host.h"
+#include "tests/support/scripted_stream.h"
+#include "tests/support/wait_until.h"
+
+namespace zumod {
+namespace {
+
+using testing::Bytes;
+using testing::CameraScript;
+using testing::CountDescriptors;
+using testing::CountThreads;
+using testing::LogLine;
+using testing::PlatformWatch;
+using testing::ScriptedStream;
+using testing::WaitUntil;
+using testing::operator+;
+
+const Bytes kVersionRequestMessage = {0, 0, 0, 0, 0x0A, 0, 0, 0};
+const Bytes kVersionReplyMessage = {4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0};
+const Bytes kOpen7 = {16, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
+const Bytes kSetProperty7 = {16, 0, 0, 0, 8, 0, 0, 0, 7, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0};
+const Bytes kSetFormat7 = {16, 0, 0, 0, 9, 0, 0, 0, 7, 0, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0, 25, 0, 0, 0};
+const Bytes kClose7 = {4, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0};
+const Bytes kGetList = {0, 0, 0, 0, 1, 0, 0, 0};
+const Bytes kUnknown = {2, 0, 0, 0, 6, 0, 0, 0, 1, 2};
+
+// Every message that a peer may send.
+Bytes WholeSession() {
+    return kVersionRequestMessage + kGetList + kOpen7 + kSetProperty7 + kSetFormat7 + kUnknown + kClose7;
+}
+
+class BadInput : public testing::LoggingTest {
+protected:
+    BadInput() { CameraScript() = {}; }
+
+    CRefPtr_T<ScriptedStream> Serve(Bytes input) {
+        CRefPtr_T<ScriptedStream> stream(new ScriptedStream(std::move(input)));
+        plugin->SetChannelStream(stream.Get());
+        EXPECT_EQ(plugin->Run(), 1);
+        return stream;
+    }
+
+    // Everything the plugin took is given back, and it serves another stream.
+    void ExpectServesOn() {
+        EXPECT_EQ(Serve(kVersionRequestMessage)->Written(), kVersionReplyMessage);
+        plugin->SetChannelStream(nullptr);
+        EXPECT_EQ(ScriptedStream::Alive(), 0);
+    }
+
+    CRefPtr_T<ClientCamera> plugin{new ClientCamera};
+};
+
+TEST_F(BadInput, AStreamThatEndsAtAnyByteOfASession) {
+    const Bytes session = WholeSession();
+    Serve({});
+    const auto threads = CountThreads();
+    const auto descriptors = CountDescriptors();
+    for (size_t length = 0; length <= session.size(); ++length) {
+        const auto end = session.begin() + static_cast<std::ptrdiff_t>(length);
+        Serve(Bytes(session.begin(), end));
+        EXPECT_EQ(CountThreads(), threads) << length;
+        EXPECT_EQ(CountDescriptors(), descriptors) << length;
+        EXPECT_LE(CameraScript().alive, 1) << length;
+    }
+    ExpectServesOn();
+    plugin = nullptr;
+    EXPECT_EQ(CameraScript().alive, 0);
+    EXPECT_EQ(CountThreads(), threads - 1);
+}
+
+TEST_F(BadInput, AStreamThatFailsOnWriteAtAnyByteOfTheAnswersAloneIsServedToItsEnd) {
+    const Bytes session = WholeSession();
+    const Bytes answers = Serve(session)->Written();
+    ASSERT_EQ(answers.size(), 12u + 12 + 16 + 16);
+    for (size_t length = 0; length <= answers.size(); ++length) {
+        CRefPtr_T<ScriptedStream> stream(new ScriptedStream(session));
+        stream->fail_write_after = length;
+        plugin->SetChannelStream(stream.Get());
+        host.TakeLines();
+        plugin->Run();
+        EXPECT_EQ(stream->Written(),
+                  Bytes(answers.begin(), answers.begin() + static_cast<std::ptrdiff_t>(length)));
+        EXPECT_EQ(host.Lines().back(), (LogLine{1, "[cameraclient] Run return"}));
+        EXPECT_TRUE(host.Has({1, "[cameraclient] OnProtoCloseCamera id 7"})) << length;
+    }
+    ExpectServesOn();
+}
+
+TEST_F(BadInput, AFrameWhoseWriteFailsAtAnyByteIsDroppedAndTheNextOneTried) {
+    for (uint64_t length = 0; length < 20; ++length) {
+        CRefPtr_T<ScriptedStream> stream(new ScriptedStream);
+        stream->fail_write_after = length;
+        plugin->SetChannelStream(stream.Get());
+        plugin->Run();
+        host.TakeLines();
+        plugin->OnVideoPacket(7, "abcd", 4);
+        plugin->OnVideoPacket(7, "abcde", 5);
+        EXPECT_TRUE(WaitUntil([&] { return host.Lines().size() == 2; })) << length;
+        EXPECT_EQ(host.Lines(),
+                  (std::vector<LogLine>{{4, "[cameraclient] Send2StreamRaw fail, type: 7/4 ."},
+                                        {4, "[cameraclient] Send2StreamRaw fail, type: 7/5 ."}}));
+        EXPECT_EQ(stream->Written().size(), length);
+    }
+    ExpectServesOn();
+}
+
+TEST_F(BadInput, AStreamThatReadsAndWritesOneByteACall) {
+    CRefPtr_T<ScriptedStream> stream(new ScriptedStream(WholeSession()));
+    stream->read_chunk = 1;
+    stream->write_chunk = 1;
+    plugin->SetChannelStream(stream.Get());
+    plugin->Run();
+    EXPECT_EQ(stream->Written(), Serve(WholeSession())->Written());
+}
+
+TEST_F(BadInput, TheGreatestLengthThatGetsNoMemoryEndsTheRunAsAFailedReadWould) {
+    PlatformWatch heap;
+    constexpr size_t kMessageSize = 0xFFFFFFFFull + 8;
+    heap.FailRealloc(kMessageSize, 1);
+    host.TakeLines();
+    EXPECT_TRUE(
+        Serve(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0x0A, 0, 0, 0} + kVersionRequestMessage)->Written().empty());
+    EXPECT_EQ(host.Lines(),
+              (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
+    ExpectServesOn();
+}
+
+TEST_F(BadInput, ALongMessageOfWhichLittleComes) {
+    Serve(Bytes{0, 0, 0, 0x10, 0x0A, 0, 0, 0} + Bytes(1000, 0x55));
+    ExpectServesOn();
+}
+
+TEST_F(BadInput, NoMemoryForAHeaderEndsTheRun) {
+    PlatformWatch heap;
+    heap.FailMalloc(8, 2);  // the allocator tries once more
+    EXPECT_TRUE(Serve(kVersionRequestMessage)->Written().empty());
+    ExpectServesOn();
+}
+
+TEST_F(BadInput, NoMemoryForAReplyLeavesItUnsent) {
+    PlatformWatch heap;
+    heap.FailMalloc(12, 2);
+    EXPECT_EQ(Serve(kVersionRequestMessage + kClose7)->Written(),
+              (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0}));
+    heap.FailMalloc(16, 2);
+    EXPECT_EQ(Serve(kClose7 + kVersionRequestMessage)->Written(), kVersionReplyMessage);
+    ExpectServesOn();
+}
+
+TEST_F(BadInput, NoMemoryForAFrameDropsIt) {
+    const auto stream = Serve({});
+    PlatformWatch heap;
+    heap.FailMalloc(16 + 3, 2);
+    plugin->OnVideoPacket(7, "abc", 3);
+    plugin->OnVideoPacket(7, "abcd", 4);
+    EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 20; }));
+    EXPECT_EQ(stream->Written()[12], 4);
+}
+
+TEST_F(BadInput, RandomBytesInRandomPieces) {
+    std::mt19937 random(20);  // fixed: the same bytes in every run
+    for (int round = 0; round < 20; ++round) {
+        Bytes input;
+        for (int message = 0; message < 50; ++message) {
+            const auto length = static_cast<uint8_t>(random() % 24);
+            input = input + Bytes{length, 0, 0, 0, static_cast<uint8_t>(random() % 14), 0, 0, 0};
+            for (uint8_t i = 0; i < length; ++i) {
+                input.push_back(static_cast<uint8_t>(random() % 4));
+            }
+        }
+        CRefPtr_T<ScriptedStream> stream(new ScriptedStream(input));
+        stream->read_chunk = 1 + random() % 16;
+        plugin->SetChannelStream(stream.Get());
+        plugin->Run();
+    }
+    ExpectServesOn();
+}
+
+// A stream that throws in the middle of a read: the exception is the host's own and reaches it.
+class ThrowingStream final : public IChannelStream, private CReference {
+public:
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    int Read(void*, unsigned long, unsigned long* done) override {
+        if (m_reads++ == 0) {
+            *done = 3;
+            return 0;
+        }
+        throw std::runtime_error("read");
+    }
+    int Write(const void*, unsigned long, unsigned long*) override { return -1; }
+
+private:
+    int m_reads = 0;
+};
+
+TEST_F(BadInput, AStreamThatThrowsEndsTheRunWithItsException) {
+    plugin->SetChannelStream(new ThrowingStream);
+    EXPECT_THROW(plugin->Run(), std::runtime_error);
+    ExpectServesOn();
+}
+
+// A sink that throws while a request is handled: the lock of the runtime is free again afterwards.
+class ThrowingHost final : public testing::RecordingHost {
+public:
+    int WriteLog(uint32_t level, const char* text) override {
+        if (level == kLogTrace) {
+            throw std::runtime_error(text);
+        }
+        return RecordingHost::WriteLog(level, text);
+    }
+};
+
+TEST_F(BadInput, ASinkThatThrowsEndsTheRunWithItsException) {
+    ThrowingHost thrower;
+    AttachRuntime(&thrower);
+    EXPECT_THROW(Serve(kVersionRequestMessage), std::runtime_error);
+    AttachRuntime(&host);
+    ExpectServesOn();
+}
+
+}  // namespace
+}  // namespace zumod

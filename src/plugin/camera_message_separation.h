@@ -1,0 +1,13 @@
+// The matcher of the camera channel: headers of 8 bytes, at most two of them, handlers that get the buffer
+// with the whole message.
+#pragma once
+
+#include "base/buffer.h"
+#include "plugin/message_header.h"
+#include "plugin/message_separation.h"
+
+namespace zumod {
+
+using CameraMessageSeparation = CMessageSeparation_T<_MESSAGE_HEADER, IBuffer*, 2, unsigned long, bool>;
+
+}  // namespace zumod

@@ -1,0 +1,132 @@
+#include "plugin/camera_protocol.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "plugin/message_header.h"
+
+namespace zumod {
+namespace {
+
+constexpr size_t kNameSize = 516;
+
+struct CameraRecord {
+    uint32_t id;
+    uint8_t in_use;
+    uint8_t zero_1;
+    char name[kNameSize];
+    uint8_t zero_2[4];
+    char display_name[kNameSize];
+    uint8_t zero_3[258];
+    uint8_t resolution_count;
+    uint8_t zero_4[3];
+};
+static_assert(offsetof(CameraRecord, in_use) == 4);
+static_assert(offsetof(CameraRecord, name) == 6);
+static_assert(offsetof(CameraRecord, display_name) == 526);
+static_assert(offsetof(CameraRecord, resolution_count) == 1300);
+static_assert(sizeof(CameraRecord) == 1304);
+
+struct ResolutionPair {
+    uint32_t width;
+    uint32_t height;
+};
+static_assert(sizeof(ResolutionPair) == 8);
+
+constexpr uint64_t kCameraListHeadSize = 12;
+
+template <class Value>
+uint8_t* Put(uint8_t* out, const Value& value) {
+    std::memcpy(out, &value, sizeof value);
+    return out + sizeof value;
+}
+
+uint8_t* PutHeader(uint8_t* out, uint64_t message_size, MessageType type) {
+    return Put(out, _MESSAGE_HEADER{static_cast<uint32_t>(message_size - sizeof(_MESSAGE_HEADER)), type, {}});
+}
+
+template <class Request>
+std::optional<Request> ReadExactly(const uint8_t* body, uint64_t length) {
+    static_assert(sizeof(Request) == 16);
+    if (length != sizeof(Request)) {
+        return std::nullopt;
+    }
+    Request request;
+    std::memcpy(&request, body, sizeof request);
+    return request;
+}
+
+// A text that fills the field carries no terminating zero.
+void CopyName(char (&field)[kNameSize], const std::string& text) {
+    std::memcpy(field, text.data(), std::min(text.size(), sizeof field));
+}
+
+CameraRecord RecordOf(const CameraDeviceInfo& camera) {
+    CameraRecord record{};
+    record.id = camera.id;
+    record.in_use = camera.inUse ? 1 : 0;
+    CopyName(record.name, camera.name);
+    CopyName(record.display_name, camera.displayName);
+    // One byte, which wraps past 255 while all pairs are written: the peer must live with it.
+    record.resolution_count = static_cast<uint8_t>(camera.resolutions.size());
+    return record;
+}
+
+}  // namespace
+
+std::optional<FormatRequest> ReadFormatRequest(const uint8_t* body, uint64_t length) {
+    return ReadExactly<FormatRequest>(body, length);
+}
+
+std::optional<PropertyRequest> ReadPropertyRequest(const uint8_t* body, uint64_t length) {
+    return ReadExactly<PropertyRequest>(body, length);
+}
+
+uint32_t ReadCloseRequest(const uint8_t* body, uint64_t length) {
+    uint32_t id = 0;
+    if (length != 0) {
+        std::memcpy(&id, body, std::min<uint64_t>(length, sizeof id));
+    }
+    return id;
+}
+
+void WriteStateNotice(uint8_t* message, CameraState state, uint32_t id) {
+    message = PutHeader(message, kStateNoticeSize, kCameraState);
+    message = Put<uint32_t>(message, state);
+    Put(message, id);
+}
+
+void WriteVersionReply(uint8_t* message) {
+    message = PutHeader(message, kVersionReplySize, kVersionReply);
+    Put(message, kProtocolVersion);
+}
+
+uint64_t CameraListSize(const std::vector<CameraDeviceInfo>& cameras) {
+    uint64_t size = kCameraListHeadSize;
+    for (const CameraDeviceInfo& camera : cameras) {
+        size += sizeof(CameraRecord) + sizeof(ResolutionPair) * camera.resolutions.size();
+    }
+    return size;
+}
+
+void WriteCameraList(uint8_t* message, const std::vector<CameraDeviceInfo>& cameras) {
+    message = PutHeader(message, CameraListSize(cameras), kCameraList);
+    message = Put(message, static_cast<int32_t>(cameras.size()));
+    for (const CameraDeviceInfo& camera : cameras) {
+        message = Put(message, RecordOf(camera));
+        for (const auto& [width, height] : camera.resolutions) {
+            message =
+                Put(message, ResolutionPair{static_cast<uint32_t>(width), static_cast<uint32_t>(height)});
+        }
+    }
+}
+
+void WriteVideoFrameHead(uint8_t* message, uint32_t id, uint32_t encoded_size) {
+    message = PutHeader(message, kVideoFrameHeadSize + encoded_size, kVideoFrame);
+    message = Put(message, id);
+    Put(message, encoded_size);
+}
+
+}  // namespace zumod

@@ -1,0 +1,275 @@
+// The plugin's life: creation, Run, the frames' way out, ExitInstance, destruction.
+#include "plugin/client_camera.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "tests/support/client_camera_double.h"
+#include "tests/support/recording_host.h"
+#include "tests/support/scripted_stream.h"
+#include "tests/support/wait_until.h"
+
+namespace zumod {
+namespace {
+
+using testing::Bytes;
+using testing::CameraScript;
+using testing::LogLine;
+using testing::ScriptedStream;
+using testing::WaitUntil;
+using testing::operator+;
+
+const Bytes kOpen7 = {16, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
+const Bytes kOpen3 = {16, 0, 0, 0, 3, 0, 0, 0, 3, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
+
+Bytes Frame(uint8_t id, const Bytes& encoded) {
+    const auto size = static_cast<uint8_t>(encoded.size());
+    return Bytes{static_cast<uint8_t>(size + 8), 0, 0, 0, 7, 0, 0, 0, id, 0, 0, 0, size, 0, 0, 0} + encoded;
+}
+
+class ClientCameraTest : public testing::LoggingTest {
+protected:
+    ClientCameraTest() { CameraScript() = {}; }
+
+    CRefPtr_T<ScriptedStream> Connect(Bytes input = {}) {
+        CRefPtr_T<ScriptedStream> stream(new ScriptedStream(std::move(input)));
+        plugin->SetChannelStream(stream.Get());
+        return stream;
+    }
+
+    CRefPtr_T<ClientCamera> plugin{new ClientCamera};
+};
+
+TEST_F(ClientCameraTest, CreationIsOneLine) {
+    EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{1, "[cameraclient] create"}}));
+}
+
+TEST_F(ClientCameraTest, DestructionWithoutARunIsTwoLines) {
+    host.TakeLines();
+    plugin = nullptr;
+    EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{1, "[cameraclient] destroy"},
+                                                  {8, "[cameraclient] finish to clear devs"}}));
+}
+
+TEST_F(ClientCameraTest, RunWithoutAStreamStartsTheSendThreadAndReturnsAtOnce) {
+    host.TakeLines();
+    EXPECT_EQ(plugin->Run(), 1);
+    EXPECT_EQ(host.TakeLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
+    // The send thread runs: it finds the frame and no stream to write it to.
+    plugin->OnVideoPacket(7, "\x42", 1);
+    EXPECT_TRUE(WaitUntil([&] { return host.Has({4, "[cameraclient] Send2StreamRaw fail, type: 7/1 ."}); }));
+}
+
+TEST_F(ClientCameraTest, EachFrameWithoutAStreamIsOneLineAndIsDropped) {
+    for (int i = 0; i < 3; ++i) {
+        plugin->OnVideoPacket(7, "\x42", 1);
+    }
+    host.TakeLines();
+    plugin->Run();  // empties the queue
+    for (int i = 0; i < 3; ++i) {
+        plugin->OnVideoPacket(7, Bytes(0x1AB, 0).data(), 0x1AB);
+    }
+    const LogLine line = {4, "[cameraclient] Send2StreamRaw fail, type: 7/AB ."};
+    EXPECT_TRUE(WaitUntil([&] { return host.Lines().size() == 5; }));
+    EXPECT_EQ(host.Lines(),
+              (std::vector<LogLine>{
+                  {1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}, line, line, line}));
+}
+
+TEST_F(ClientCameraTest, FramesAreWrittenWholeAndInOrder) {
+    const auto stream = Connect();
+    stream->write_chunk = 1;
+    plugin->Run();
+    plugin->OnVideoPacket(7, "\x01\x02\x03", 3);
+    plugin->OnVideoPacket(8, nullptr, 0);
+    plugin->OnVideoPacket(9, "\x04", 1);
+    const Bytes expected = Frame(7, {1, 2, 3}) + Frame(8, {}) + Frame(9, {4});
+    EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == expected.size(); }));
+    EXPECT_EQ(stream->Written(), expected);
+}
+
+TEST_F(ClientCameraTest, AFrameWhoseWriteFailsIsOneLineAndIsNotRetried) {
+    const auto stream = Connect();
+    stream->fail_write_after = 10;
+    plugin->Run();
+    host.TakeLines();
+    plugin->OnVideoPacket(7, "\x01\x02\x03", 3);
+    EXPECT_TRUE(WaitUntil([&] { return !host.Lines().empty(); }));
+    EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{4, "[cameraclient] Send2StreamRaw fail, type: 7/3 ."}}));
+    EXPECT_EQ(stream->Written().size(), 10u);
+}
+
+TEST_F(ClientCameraTest, FramesTakeNoReferenceOnTheStream) {
+    const auto stream = Connect();
+    plugin->Run();
+    const uint64_t before = stream->AddRefs();
+    plugin->OnVideoPacket(7, "\x01", 1);
+    EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 17; }));
+    EXPECT_EQ(stream->AddRefs(), before);
+}
+
+TEST_F(ClientCameraTest, IsBusyFromTheSixthQueuedFrameOn) {
+    for (int i = 0; i < 5; ++i) {
+        plugin->OnVideoPacket(7, "\x01", 1);
+    }
+    EXPECT_FALSE(plugin->IsBusy(7));
+    plugin->OnVideoPacket(7, "\x01", 1);
+    EXPECT_TRUE(plugin->IsBusy(7));
+}
+
+TEST_F(ClientCameraTest, RunEmptiesTheQueueFirst) {
+    for (int i = 0; i < 6; ++i) {
+        plugin->OnVideoPacket(7, "\x01", 1);
+    }
+    const auto stream = Connect();
+    plugin->Run();
+    EXPECT_FALSE(plugin->IsBusy(7));
+    plugin->OnVideoPacket(8, "\x02", 1);
+    EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 17; }));
+    EXPECT_EQ(stream->Written(), Frame(8, {2}));
+}
+
+TEST_F(ClientCameraTest, SetChannelStreamSwapsReferences) {
+    EXPECT_EQ(plugin->SetChannelStream(new ScriptedStream), 0);
+    EXPECT_EQ(ScriptedStream::Alive(), 1);
+    EXPECT_EQ(plugin->SetChannelStream(new ScriptedStream), 0);
+    EXPECT_EQ(ScriptedStream::Alive(), 1);
+    EXPECT_EQ(plugin->SetChannelStream(nullptr), 0);
+    EXPECT_EQ(ScriptedStream::Alive(), 0);
+}
+
+TEST_F(ClientCameraTest, SetChannelStreamWithTheSameStreamKeepsIt) {
+    const auto stream = Connect();
+    plugin->SetChannelStream(stream.Get());
+    plugin->Run();
+    plugin->OnVideoPacket(7, "\x01", 1);
+    EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 17; }));
+}
+
+TEST_F(ClientCameraTest, ExitInstanceClosesCamerasInIdOrderThenReleasesThem) {
+    Connect(kOpen7 + kOpen3);
+    plugin->Run();
+    CameraScript().calls.clear();
+    host.TakeLines();
+    EXPECT_EQ(plugin->ExitInstance(), 0);
+    EXPECT_EQ(CameraScript().calls,
+              (std::vector<std::string>{"1 Close()", "0 Close()", "1 destroyed", "0 destroyed"}));
+    EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{1, "[cameraclient] ExitInstance"},
+                                                  {8, "[cameraclient] start to clear devs"},
+                                                  {8, "[cameraclient] finish to clear devs"},
+                                                  {8, "[cameraclient] start to stop send thread"},
+                                                  {8, "[cameraclient] ExitInstance finish"}}));
+}
+
+TEST_F(ClientCameraTest, ExitInstanceBeforeAnyRunIsHarmlessAndMayBeRepeated) {
+    EXPECT_EQ(plugin->ExitInstance(), 0);
+    EXPECT_EQ(plugin->ExitInstance(), 0);
+}
+
+TEST_F(ClientCameraTest, ExitInstanceKeepsWhatIsQueued) {
+    plugin->ExitInstance();
+    for (int i = 0; i < 6; ++i) {
+        plugin->OnVideoPacket(7, "\x01", 1);
+    }
+    plugin->ExitInstance();
+    EXPECT_TRUE(plugin->IsBusy(7));
+}
+
+TEST_F(ClientCameraTest, DestructionClosesWhatIsOpenInIdOrderAndStopsTheThread) {
+    Connect(kOpen7 + kOpen3);
+    plugin->Run();
+    CameraScript().calls.clear();
+    host.TakeLines();
+    plugin = nullptr;
+    EXPECT_EQ(CameraScript().calls,
+              (std::vector<std::string>{"1 Close()", "0 Close()", "1 destroyed", "0 destroyed"}));
+    EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{1, "[cameraclient] destroy"},
+                                                  {8, "[cameraclient] finish to clear devs"}}));
+    EXPECT_EQ(ScriptedStream::Alive(), 0);
+}
+
+TEST_F(ClientCameraTest, CamerasStayOpenWhenRunReturnsAndAfterASecondRun) {
+    Connect(kOpen7);
+    plugin->Run();
+    EXPECT_EQ(CameraScript().alive, 1);
+    const auto second = Connect();
+    plugin->Run();
+    EXPECT_EQ(CameraScript().alive, 1);
+    CameraScript().listeners.at(0)->OnVideoPacket(7, "\x05", 1);
+    EXPECT_TRUE(WaitUntil([&] { return second->Written().size() == 17; }));
+    EXPECT_EQ(second->Written(), Frame(7, {5}));
+}
+
+TEST_F(ClientCameraTest, RunAfterExitInstanceStartsTheSendThreadAgain) {
+    plugin->Run();
+    plugin->ExitInstance();
+    const auto stream = Connect();
+    plugin->Run();
+    plugin->OnVideoPacket(7, "\x01", 1);
+    EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 17; }));
+}
+
+// A stream whose Write waits until the test lets it go.
+class StuckStream final : public IChannelStream, private CReference {
+public:
+    StuckStream() { ++s_alive; }
+    ~StuckStream() override { --s_alive; }
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    int Read(void*, unsigned long, unsigned long*) override { return -1; }
+    int Write(const void*, unsigned long, unsigned long*) override {
+        s_writing = true;
+        WaitUntil([] { return s_let_go.load(); });
+        s_writing = false;
+        return -1;
+    }
+    static inline std::atomic<bool> s_writing{false};
+    static inline std::atomic<bool> s_let_go{false};
+    static inline std::atomic<int> s_alive{0};
+};
+
+TEST_F(ClientCameraTest, AStreamThatIsReplacedDuringAWriteOutlivesTheWrite) {
+    StuckStream::s_let_go = false;
+    plugin->SetChannelStream(new StuckStream);
+    plugin->Run();
+    plugin->OnVideoPacket(7, "\x01", 1);
+    ASSERT_TRUE(WaitUntil([] { return StuckStream::s_writing.load(); }));
+    const auto next = Connect();
+    EXPECT_EQ(StuckStream::s_alive, 1);
+    StuckStream::s_let_go = true;
+    EXPECT_TRUE(WaitUntil([] { return StuckStream::s_alive == 0; }));
+    plugin->OnVideoPacket(7, "\x02", 1);
+    EXPECT_TRUE(WaitUntil([&] { return next->Written().size() == 17; }));
+}
+
+TEST_F(ClientCameraTest, FramesFromManyCamerasAndRepliesArriveWhole) {
+    const auto stream = Connect();
+    plugin->Run();
+    std::vector<std::thread> cameras;
+    for (uint8_t id = 0; id < 4; ++id) {
+        cameras.emplace_back([&, id] {
+            for (uint8_t i = 0; i < 100; ++i) {
+                plugin->OnVideoPacket(id, &i, 1);
+            }
+        });
+    }
+    for (std::thread& camera : cameras) {
+        camera.join();
+    }
+    ASSERT_TRUE(WaitUntil([&] { return stream->Written().size() == size_t{4} * 100 * 17; }));
+    const Bytes written = stream->Written();
+    std::vector<uint8_t> next(4, 0);
+    for (size_t at = 0; at < written.size(); at += 17) {
+        const uint8_t id = written[at + 8];
+        ASSERT_LT(id, 4);
+        EXPECT_EQ((Bytes{written.begin() + static_cast<std::ptrdiff_t>(at),
+                         written.begin() + static_cast<std::ptrdiff_t>(at + 17)}),
+                  Frame(id, {next[id]++}));
+    }
+}
+
+}  // namespace
+}  // namespace zumod

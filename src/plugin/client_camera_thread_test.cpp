@@ -1,0 +1,55 @@
+#include "plugin/client_camera_thread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "tests/support/raw_slots.h"
+#include "tests/support/wait_until.h"
+
+namespace zumod {
+namespace {
+
+using testing::WaitUntil;
+
+TEST(ClientCameraThread, RunsItsPassAgainAndAgainUntilItIsStopped) {
+    std::atomic<int> passes{0};
+    CClientCameraThread thread([&] {
+        ++passes;
+        return true;
+    });
+    EXPECT_TRUE(thread.Start());
+    EXPECT_TRUE(WaitUntil([&] { return passes > 100; }));
+    EXPECT_TRUE(thread.Stop());
+    const int after = passes;
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_EQ(passes, after);
+}
+
+TEST(ClientCameraThread, EndsWhenAPassReturnsFalse) {
+    std::atomic<int> passes{0};
+    CClientCameraThread thread([&] { return ++passes < 3; });
+    EXPECT_TRUE(thread.Start());
+    EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); }));
+    thread.Stop();
+    EXPECT_EQ(passes, 3);
+}
+
+TEST(ClientCameraThread, EndsAtOnceWithoutACallable) {
+    CClientCameraThread thread(nullptr);
+    EXPECT_TRUE(thread.Start());
+    EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); }));
+    thread.Stop();
+}
+
+TEST(ClientCameraThread, ThePassStandsInSlotSixOfTheThreadsTable) {
+    int passes = 0;
+    CClientCameraThread thread([&] { return ++passes < 2; });
+    EXPECT_TRUE(testing::CallSlot<bool>(&thread, 6));
+    EXPECT_FALSE(testing::CallSlot<bool>(&thread, 6));
+    CClientCameraThread empty(nullptr);
+    EXPECT_FALSE(testing::CallSlot<bool>(&empty, 6));
+}
+
+}  // namespace
+}  // namespace zumod

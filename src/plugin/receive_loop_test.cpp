@@ -1,0 +1,87 @@
+// How the plugin cuts its stream into messages, seen through what it logs and answers.
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+
+#include "plugin/client_camera.h"
+#include "tests/support/client_camera_double.h"
+#include "tests/support/recording_host.h"
+#include "tests/support/scripted_stream.h"
+
+namespace zumod {
+namespace {
+
+using testing::Bytes;
+using testing::LogLine;
+using testing::ScriptedStream;
+using testing::operator+;
+
+const Bytes kVersionRequestMessage = {0, 0, 0, 0, 0x0A, 0, 0, 0};
+const Bytes kVersionReplyMessage = {4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0};
+const Bytes kClose9 = {4, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0};
+const Bytes kClosed9 = {8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0};
+
+class ReceiveLoop : public testing::LoggingTest {
+protected:
+    CRefPtr_T<ScriptedStream> Serve(const Bytes& input, uint64_t read_chunk = ScriptedStream::kUnlimited) {
+        CRefPtr_T<ScriptedStream> stream(new ScriptedStream(input));
+        stream->read_chunk = read_chunk;
+        plugin->SetChannelStream(stream.Get());
+        EXPECT_EQ(plugin->Run(), 1);
+        return stream;
+    }
+
+    CRefPtr_T<ClientCamera> plugin{new ClientCamera};
+};
+
+TEST_F(ReceiveLoop, AMessageOfLengthZeroIsDispatched) {
+    EXPECT_EQ(Serve(kVersionRequestMessage)->Written(), kVersionReplyMessage);
+}
+
+TEST_F(ReceiveLoop, MessagesFollowOneAnother) {
+    EXPECT_EQ(Serve(kVersionRequestMessage + kClose9 + kVersionRequestMessage)->Written(),
+              kVersionReplyMessage + kClosed9 + kVersionReplyMessage);
+}
+
+TEST_F(ReceiveLoop, HeadersAndBodiesThatComeInPiecesArePutTogether) {
+    const Bytes input = kVersionRequestMessage + kClose9 + kVersionRequestMessage;
+    for (uint64_t chunk = 1; chunk <= 9; ++chunk) {
+        EXPECT_EQ(Serve(input, chunk)->Written(), kVersionReplyMessage + kClosed9 + kVersionReplyMessage)
+            << chunk;
+    }
+}
+
+TEST_F(ReceiveLoop, ReadsAskForTheRestOfTheHeaderThenForTheRestOfTheBody) {
+    EXPECT_EQ(Serve(kClose9, 3)->ReadSizes(), (std::vector<uint64_t>{8, 5, 2, 4, 1}));
+    EXPECT_EQ(Serve(kVersionRequestMessage)->ReadSizes(), (std::vector<uint64_t>{8}));
+}
+
+TEST_F(ReceiveLoop, UnknownTypesAreReadWholeAndDropped) {
+    for (const uint8_t type : std::initializer_list<uint8_t>{0, 6, 12, 255}) {
+        EXPECT_EQ(Serve(Bytes{3, 0, 0, 0, type, 0, 0, 0, 1, 2, 3} + kVersionRequestMessage)->Written(),
+                  kVersionReplyMessage);
+    }
+}
+
+TEST_F(ReceiveLoop, TypesThatOnlyThePluginSendsAreDropped) {
+    for (const uint8_t type : std::initializer_list<uint8_t>{2, 5, 7, 11}) {
+        EXPECT_EQ(Serve(Bytes{4, 0, 0, 0, type, 0, 0, 0, 1, 2, 3, 4} + kVersionRequestMessage)->Written(),
+                  kVersionReplyMessage);
+    }
+}
+
+TEST_F(ReceiveLoop, AnIncompleteMessageEndsTheLoopUnhandled) {
+    host.TakeLines();
+    EXPECT_TRUE(Serve({4, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0})->Written().empty());
+    EXPECT_EQ(host.Lines(),
+              (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
+}
+
+TEST_F(ReceiveLoop, AMegabyteOfBodyIsAccepted) {
+    EXPECT_EQ(Serve(Bytes{0, 0, 0x10, 0, 0x0A, 0, 0, 0} + Bytes(0x100000, 0x55) + kVersionRequestMessage)
+                  ->Written(),
+              kVersionReplyMessage + kVersionReplyMessage);
+}
+
+}  // namespace
+}  // namespace zumod

@@ -1,0 +1,285 @@
+// Each request of the peer: what it makes the plugin call, log and answer.
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+
+#include "plugin/client_camera.h"
+#include "tests/support/client_camera_double.h"
+#include "tests/support/device_double.h"
+#include "tests/support/recording_host.h"
+#include "tests/support/scripted_stream.h"
+
+namespace zumod {
+namespace {
+
+using testing::Bytes;
+using testing::CameraScript;
+using testing::LogLine;
+using testing::ScriptedStream;
+using testing::operator+;
+
+const Bytes kSixteenBytesForId7 = {7, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
+const Bytes kOpen7 = Bytes{16, 0, 0, 0, 3, 0, 0, 0} + kSixteenBytesForId7;
+const Bytes kClose7 = {4, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0};
+const Bytes kSetProperty7 = {16, 0, 0, 0, 8,    0,    0,    0,    7, 0, 0, 0,
+                             5,  0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0};
+const Bytes kSetFormat7 = {16, 0, 0, 0, 9, 0, 0, 0, 7, 0, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0, 25, 0, 0, 0};
+
+Bytes State(uint8_t state, uint8_t id) {
+    return {8, 0, 0, 0, 5, 0, 0, 0, state, 0, 0, 0, id, 0, 0, 0};
+}
+
+class RequestHandlers : public testing::LoggingTest {
+protected:
+    RequestHandlers() {
+        CameraScript() = {};
+        host.TakeLines();
+    }
+
+    // Everything that goes to the peer in answer.
+    Bytes Answer(const Bytes& requests) {
+        const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(requests));
+        plugin->SetChannelStream(stream.Get());
+        plugin->Run();
+        return stream->Written();
+    }
+
+    // What the last Answer logged between its first and its last line, which are Run's own.
+    std::vector<LogLine> RequestLines() {
+        std::vector<LogLine> lines = host.TakeLines();
+        EXPECT_GE(lines.size(), 2u);
+        EXPECT_EQ(lines.front(), (LogLine{1, "[cameraclient] Run start"}));
+        EXPECT_EQ(lines.back(), (LogLine{1, "[cameraclient] Run return"}));
+        return {lines.begin() + 1, lines.end() - 1};
+    }
+
+    std::vector<std::string> TakeCalls() { return std::exchange(CameraScript().calls, {}); }
+
+    testing::DeviceDouble devices;
+    CRefPtr_T<ClientCamera> plugin{new ClientCamera};
+};
+
+TEST_F(RequestHandlers, AVersionRequestWithAnyBodyIsAnsweredWithFive) {
+    const Bytes reply = {4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0};
+    EXPECT_EQ(Answer({0, 0, 0, 0, 0x0A, 0, 0, 0}), reply);
+    EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{8, "[cameraclient] version req"}}));
+    EXPECT_EQ(Answer({3, 0, 0, 0, 0x0A, 0, 0, 0, 1, 2, 3}), reply);
+}
+
+TEST_F(RequestHandlers, AnEmptyCameraListHasTwelveBytes) {
+    EXPECT_EQ(Answer({0, 0, 0, 0, 1, 0, 0, 0}), (Bytes{4, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoGetCameraList, count 0"}}));
+}
+
+TEST_F(RequestHandlers, TheCameraListTellsOfTheDevicesThatAreThereNow) {
+    devices.SetCamera(1, {.card = "Front", .formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}}}});
+    devices.SetCamera(4, {.card = "Back", .formats = {{V4L2_PIX_FMT_MJPEG, {{640, 480}, {1280, 720}}}}});
+    const Bytes list = Answer({5, 0, 0, 0, 1, 0, 0, 0, 1, 2, 3, 4, 5});
+    const auto zeros = [](size_t count) { return Bytes(count, 0); };
+    const Bytes front = {'F', 'r', 'o', 'n', 't'};
+    const Bytes back = {'B', 'a', 'c', 'k'};
+    const Bytes head = {0x4C, 0x0A, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0};  // 2636 bytes follow the header
+    const Bytes size_480 = {0x80, 2, 0, 0, 0xE0, 1, 0, 0};
+    const Bytes size_720 = {0, 5, 0, 0, 0xD0, 2, 0, 0};
+    const Bytes first = zeros(6) + front + zeros(515) + front + zeros(769) + Bytes{1, 0, 0, 0} + size_480;
+    const Bytes second = Bytes{1, 0, 0, 0, 0, 0} + back + zeros(516) + back + zeros(770) + Bytes{2, 0, 0, 0} +
+                         size_480 + size_720;
+    EXPECT_EQ(list, head + first + second);
+    EXPECT_EQ(
+        RequestLines(),
+        (std::vector<LogLine>{
+            {1, "[CameraEnumerator]  id: 0 name: Front bus:  usb-1 file: /dev/video1 res:  640x480"},
+            {1, "[CameraEnumerator]  id: 1 name: Back bus:  usb-1 file: /dev/video4 res:  640x480 1280x720"},
+            {1, "[cameraclient] OnProtoGetCameraList, count 2"}}));
+    EXPECT_EQ(devices.OpenDescriptors(), 0);
+}
+
+TEST_F(RequestHandlers, OpenCallsTheCameraClientInOrderAndAnswersOpen) {
+    EXPECT_EQ(Answer(kOpen7), State(2, 7));
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"}}));
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 SetListener()", "0 SetCameraId(7)",
+                                                     "0 SetFormat(640, 480, 30)", "0 Open()"}));
+    EXPECT_EQ(CameraScript().listeners.at(0), static_cast<IClientCameraListenter*>(plugin.Get()));
+    EXPECT_EQ(CameraScript().alive, 1);
+}
+
+TEST_F(RequestHandlers, OpenOfAnOpenIdAnswersOpenAndLeavesTheCameraUntouched) {
+    Answer(kOpen7);
+    TakeCalls();
+    RequestLines();
+    EXPECT_EQ(Answer(kOpen7), State(2, 7));
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{
+                  {2, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30 camera not found"}}));
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{}));
+    EXPECT_EQ(CameraScript().created, 1);
+}
+
+TEST_F(RequestHandlers, OpenWithoutAnImplementationAnswersFailed) {
+    CameraScript().built_in = false;
+    EXPECT_EQ(Answer(kOpen7), State(1, 7));
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"},
+                                    {2, "[cameraclient] OnProtoOpenCamera cureent platform not impl"}}));
+    // Nothing was remembered: a later open tries again.
+    CameraScript().built_in = true;
+    EXPECT_EQ(Answer(kOpen7), State(2, 7));
+}
+
+TEST_F(RequestHandlers, ACameraThatFailsToOpenIsClosedForgottenAndAnsweredFailed) {
+    CameraScript().open_result = false;
+    EXPECT_EQ(Answer(kOpen7), State(1, 7));
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"}}));
+    EXPECT_EQ(TakeCalls(),
+              (std::vector<std::string>{"0 SetListener()", "0 SetCameraId(7)", "0 SetFormat(640, 480, 30)",
+                                        "0 Open()", "0 Close(7)", "0 destroyed"}));
+    CameraScript().open_result = true;
+    EXPECT_EQ(Answer(kOpen7), State(2, 7));
+    EXPECT_EQ(CameraScript().created, 2);
+}
+
+TEST_F(RequestHandlers, OpenPassesSignedNumbersOn) {
+    EXPECT_EQ(
+        Answer({16, 0, 0, 0, 3, 0, 0, 0, 255, 255, 255, 255, 255, 255, 255, 255, 0, 0, 0, 0x80, 0, 0, 0, 0}),
+        (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0, 255, 255, 255, 255}));
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id -1 w -1 h -2147483648 fps 0"}}));
+    EXPECT_EQ(TakeCalls().at(1), "0 SetCameraId(4294967295)");
+}
+
+TEST_F(RequestHandlers, OpenPropertyAndFormatOfAnotherLengthAreIgnored) {
+    Answer(kOpen7);
+    TakeCalls();
+    RequestLines();
+    for (const uint8_t type : std::initializer_list<uint8_t>{3, 8, 9}) {
+        for (const uint8_t length : std::initializer_list<uint8_t>{0, 12, 15, 17}) {
+            Bytes body = kSixteenBytesForId7;
+            body.resize(length);
+            EXPECT_EQ(Answer(Bytes{length, 0, 0, 0, type, 0, 0, 0} + body), Bytes{});
+            EXPECT_EQ(RequestLines(), (std::vector<LogLine>{}));
+        }
+    }
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{}));
+}
+
+TEST_F(RequestHandlers, CloseClosesReleasesAndAnswersClosed) {
+    Answer(kOpen7);
+    TakeCalls();
+    RequestLines();
+    EXPECT_EQ(Answer(kClose7), State(4, 7));
+    EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoCloseCamera id 7"}}));
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 Close(7)", "0 destroyed"}));
+}
+
+TEST_F(RequestHandlers, CloseOfAnIdThatWasNeverOpenAnswersClosed) {
+    EXPECT_EQ(Answer(kClose7), State(4, 7));
+    EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoCloseCamera id 7"}}));
+}
+
+TEST_F(RequestHandlers, CloseOfAnotherIdLeavesTheOpenCameraAlone) {
+    Answer(kOpen7);
+    TakeCalls();
+    EXPECT_EQ(Answer({4, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0}), State(4, 8));
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{}));
+}
+
+TEST_F(RequestHandlers, CloseReadsTheFirstFourBytesOfABodyOfAnyLength) {
+    EXPECT_EQ(Answer({0, 0, 0, 0, 4, 0, 0, 0}), State(4, 0));
+    EXPECT_EQ(Answer({1, 0, 0, 0, 4, 0, 0, 0, 9}), State(4, 9));
+    EXPECT_EQ(Answer({6, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0, 1, 1}), State(4, 9));
+}
+
+TEST_F(RequestHandlers, ACameraMayBeOpenedAgainAfterItsClose) {
+    EXPECT_EQ(Answer(kOpen7 + kClose7 + kOpen7), State(2, 7) + State(4, 7) + State(2, 7));
+    EXPECT_EQ(CameraScript().created, 2);
+    EXPECT_EQ(CameraScript().alive, 1);
+}
+
+TEST_F(RequestHandlers, SetPropertyGoesToTheOpenCameraAndIsNotAnswered) {
+    Answer(kOpen7);
+    TakeCalls();
+    RequestLines();
+    EXPECT_EQ(Answer(kSetProperty7), Bytes{});
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetProperty id 7 prop 5 value -2 auto 1"}}));
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 SetProperty(5, -2, 1)"}));
+}
+
+TEST_F(RequestHandlers, SetPropertyOfAnIdThatIsNotOpenIsOnlyLogged) {
+    EXPECT_EQ(Answer(kSetProperty7), Bytes{});
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetProperty id 7 prop 5 value -2 auto 1"}}));
+}
+
+TEST_F(RequestHandlers, SetFormatGoesToTheOpenCameraAndIsNotAnswered) {
+    Answer(kOpen7);
+    TakeCalls();
+    RequestLines();
+    EXPECT_EQ(Answer(kSetFormat7), Bytes{});
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetFormat id 7 w 1280 h 720 fps 25"}}));
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 SetFormat(1280, 720, 25)"}));
+}
+
+TEST_F(RequestHandlers, SetFormatOfAnIdThatIsNotOpenIsOnlyLogged) {
+    EXPECT_EQ(Answer(kSetFormat7), Bytes{});
+    EXPECT_EQ(RequestLines(),
+              (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetFormat id 7 w 1280 h 720 fps 25"}}));
+}
+
+// What a handler returns, which no peer sees.
+TEST_F(RequestHandlers, AHandlerReturnsFalseForAnIgnoredRequestAlone) {
+    const auto result = [&](const Bytes& message) {
+        return plugin->OnMessage(message.data(), message.size(), nullptr);
+    };
+    EXPECT_TRUE(result({0, 0, 0, 0, 0x0A, 0, 0, 0}));
+    EXPECT_TRUE(result(kOpen7));
+    EXPECT_TRUE(result(kOpen7));
+    EXPECT_TRUE(result(kSetProperty7));
+    EXPECT_TRUE(result(kSetFormat7));
+    EXPECT_TRUE(result(kClose7));
+    EXPECT_TRUE(result(kClose7));
+    EXPECT_TRUE(result(kSetProperty7));
+    EXPECT_TRUE(result(kSetFormat7));
+    for (const uint8_t type : std::initializer_list<uint8_t>{3, 8, 9}) {
+        EXPECT_FALSE(result({0, 0, 0, 0, type, 0, 0, 0}));
+    }
+    CameraScript().open_result = false;
+    EXPECT_TRUE(result(kOpen7));
+    CameraScript().built_in = false;
+    EXPECT_TRUE(result(kOpen7));
+}
+
+TEST_F(RequestHandlers, RepliesTakeAReferenceOnTheStreamForTheirWrite) {
+    const CRefPtr_T<ScriptedStream> stream(new ScriptedStream);
+    plugin->SetChannelStream(stream.Get());
+    const uint64_t before = stream->AddRefs();
+    plugin->OnMessage(kClose7.data(), kClose7.size(), nullptr);
+    EXPECT_EQ(stream->AddRefs(), before + 1);
+    stream->AddRef();
+    EXPECT_EQ(stream->Release(), 2);  // this test's and the plugin's
+}
+
+TEST_F(RequestHandlers, RepliesWriteOnAfterAPartialWriteAndStopAtAFailedOne) {
+    const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(kClose7 + kClose7));
+    stream->write_chunk = 1;
+    stream->fail_write_after = 20;
+    plugin->SetChannelStream(stream.Get());
+    EXPECT_EQ(plugin->Run(), 1);
+    Bytes expected = State(4, 7) + State(4, 7);
+    expected.resize(20);
+    EXPECT_EQ(stream->Written(), expected);
+    EXPECT_EQ(stream->WriteCalls(), 21u);
+    // Both requests were served, and the failed write is not reported.
+    EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoCloseCamera id 7"},
+                                                    {1, "[cameraclient] OnProtoCloseCamera id 7"}}));
+}
+
+TEST_F(RequestHandlers, WithoutAStreamNothingIsWritten) {
+    EXPECT_TRUE(plugin->OnMessage(kClose7.data(), kClose7.size(), nullptr));
+}
+
+}  // namespace
+}  // namespace zumod

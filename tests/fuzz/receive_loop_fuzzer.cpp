@@ -1,0 +1,118 @@
+// Gives a plugin any bytes as its peer's, over a stream that cuts them into pieces and fails on write
+// somewhere.
+//
+// Input: the most bytes a read gives (0: no limit), the bytes that may be written before writes fail (0xFF:
+// no limit), whether cameras can be opened, then the peer's bytes.
+#include <cstdint>
+#include <cstdlib>
+
+#include "base/mem_buffer.h"
+#include "plugin/client_camera.h"
+#include "plugin/receive_loop.h"
+#include "tests/fuzz/check.h"
+#include "tests/support/client_camera_double.h"
+#include "tests/support/device_double.h"
+#include "tests/support/recording_host.h"
+#include "tests/support/scripted_stream.h"
+
+namespace zumod {
+namespace {
+
+constexpr size_t kOptions = 3;
+
+// Refuses what a fuzzer would only use to exhaust the machine.
+class BoundedAlloctor final : public IMemAlloctor, private CReference {
+public:
+    static constexpr uint64_t kLimit = 1 << 20;
+
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    CRefPtr_T<IBuffer> Alloc(uint64_t size) override { return AllocBuffer(size); }
+    CRefPtr_T<IBuffer> AllocBuffer(uint64_t size) override {
+        return CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(size), size));
+    }
+    bool Free(IBuffer* buffer) override {
+        std::free(buffer->GetAllocData());
+        return true;
+    }
+    uint64_t GetMaxSize() override { return kLimit; }
+    void* ReAlloc(IBuffer* buffer, uint64_t size) override {
+        if (size > kLimit) {
+            return nullptr;
+        }
+        void* block = std::realloc(buffer->GetAllocData(), size);
+        buffer->Attach(block, size);
+        return block;
+    }
+};
+
+class SilentHost final : public testing::RecordingHost {
+public:
+    int WriteLog(uint32_t level, const char* text) override {
+        FUZZ_CHECK(level == 1 || level == 2 || level == 4 || level == 8);
+        FUZZ_CHECK(text[0] == '[');
+        return 0;
+    }
+};
+
+// Every byte that was written belongs to a message the plugin may send, whole unless writes failed.
+void CheckAnswers(const testing::Bytes& written, bool may_be_cut) {
+    size_t at = 0;
+    while (at < written.size()) {
+        if (written.size() - at < 8) {
+            FUZZ_CHECK(may_be_cut);
+            return;
+        }
+        uint32_t length = 0;
+        std::memcpy(&length, written.data() + at, sizeof length);
+        const uint8_t type = written[at + 4];
+        FUZZ_CHECK(type == kCameraList || type == kCameraState || type == kVersionReply);
+        FUZZ_CHECK(may_be_cut || written.size() - at >= 8 + size_t{length});
+        at += 8 + size_t{length};
+    }
+}
+
+testing::CameraModel Camera() {
+    return {.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {1280, 720}}}}};
+}
+
+void ServeOnce(const uint8_t* data, size_t size) {
+    static SilentHost host;
+    static testing::DeviceDouble devices;
+    static const CRefPtr_T<IMemAlloctor> alloctor(new BoundedAlloctor);
+    AttachRuntime(&host);
+    devices.SetRecording(false);
+    devices.SetCamera(2, Camera());
+    testing::CameraScript() = {};
+    testing::CameraScript().built_in = (data[2] & 1) != 0;
+    testing::CameraScript().open_result = (data[2] & 2) != 0;
+
+    const CRefPtr_T<testing::ScriptedStream> stream(
+        new testing::ScriptedStream(testing::Bytes(data + kOptions, data + size)));
+    if (data[0] != 0) {
+        stream->read_chunk = data[0];
+    }
+    if (data[1] != 0xFF) {
+        stream->fail_write_after = data[1];
+    }
+    // One plugin for all inputs: the end of one takes a tenth of a second.
+    static const CRefPtr_T<ClientCamera> plugin(new ClientCamera);
+    plugin->SetChannelStream(stream.Get());
+    ServePeer(*stream, *alloctor, *plugin);
+    plugin->ExitInstance();
+    plugin->SetChannelStream(nullptr);
+    FUZZ_CHECK(stream->AddRef() == 2 && stream->Release() == 1);
+    CheckAnswers(stream->Written(), data[1] != 0xFF);
+    FUZZ_CHECK(testing::CameraScript().alive == 0);
+    FUZZ_CHECK(devices.OpenDescriptors() == 0);
+}
+
+}  // namespace
+}  // namespace zumod
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size >= zumod::kOptions) {
+        zumod::ServeOnce(data, size);
+    }
+    return 0;
+}

@@ -1,0 +1,97 @@
+// A channel stream in memory: the peer's bytes are given ahead, what the plugin writes is kept, and either
+// direction can be made slow or failing.
+//
+// Thread rule: the options are set before the stream is used; Read is [run thread]; all else is [any thread].
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zumod/channel_stream.h"
+
+namespace zumod::testing {
+
+using Bytes = std::vector<uint8_t>;
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+class ScriptedStream final : public IChannelStream, private CReference {
+public:
+    static constexpr uint64_t kUnlimited = std::numeric_limits<uint64_t>::max();
+
+    explicit ScriptedStream(Bytes input = {}) : m_input(std::move(input)) { ++s_alive; }
+    ~ScriptedStream() override { --s_alive; }
+
+    // At most this many bytes a call.
+    uint64_t read_chunk = kUnlimited;
+    uint64_t write_chunk = kUnlimited;
+    // Fail once this many bytes were written in all.
+    uint64_t fail_write_after = kUnlimited;
+
+    uint64_t AddRef() override {
+        ++m_add_refs;
+        return CReference::AddRef();
+    }
+    int64_t Release() override { return CReference::Release(); }
+
+    // The end of the input is a failed read.
+    int Read(void* data, unsigned long size, unsigned long* done) override {
+        const uint64_t left = m_input.size() - m_read;
+        if (left == 0) {
+            return -1;
+        }
+        *done = std::min<uint64_t>({size, left, read_chunk});
+        m_read_sizes.push_back(size);
+        std::memcpy(data, m_input.data() + m_read, *done);
+        m_read += *done;
+        return 0;
+    }
+
+    int Write(const void* data, unsigned long size, unsigned long* done) override {
+        const std::lock_guard guard(m_mutex);
+        ++m_write_calls;
+        if (m_written.size() >= fail_write_after) {
+            return -1;
+        }
+        *done = std::min<uint64_t>({size, write_chunk, fail_write_after - m_written.size()});
+        const auto* bytes = static_cast<const uint8_t*>(data);
+        m_written.insert(m_written.end(), bytes, bytes + *done);
+        return 0;
+    }
+
+    Bytes Written() const {
+        const std::lock_guard guard(m_mutex);
+        return m_written;
+    }
+    uint64_t WriteCalls() const {
+        const std::lock_guard guard(m_mutex);
+        return m_write_calls;
+    }
+    // How many bytes each successful read was asked for.
+    const std::vector<uint64_t>& ReadSizes() const { return m_read_sizes; }
+    uint64_t AddRefs() const { return m_add_refs; }
+
+    static int Alive() { return s_alive; }
+
+private:
+    const Bytes m_input;
+    uint64_t m_read = 0;
+    std::vector<uint64_t> m_read_sizes;
+    mutable std::mutex m_mutex;
+    Bytes m_written;
+    uint64_t m_write_calls = 0;
+    std::atomic<uint64_t> m_add_refs{0};
+    static inline std::atomic<int> s_alive{0};
+};
+
+}  // namespace zumod::testing
