@@ -62,7 +62,7 @@ int camera_client_create(IZUModCreatePolicy* props, IZUModInterface** out) {
     }
     // The slot is typed for any interface; what it gets is the table that was asked for.
     IClientCameraPlugin* plugin = CRefPtr_T<IClientCameraPlugin>(new ClientCamera).Detach();
-    *out = reinterpret_cast<IZUModInterface*>(plugin);
+    *out = static_cast<IZUModInterface*>(static_cast<void*>(plugin));
     return 1;
 }
 
