@@ -2,7 +2,7 @@
 // installed: the single-byte ISO 8859-1, with 0xA0 as white space and 0xC9 / 0xE9 as an upper- and lower-case
 // pair.
 //
-// Thread rule: as ScopedEnvironment; current from construction to destruction.
+// Thread rule: as in scoped_environment.h; current from construction to destruction.
 #pragma once
 
 #include <gtest/gtest.h>
