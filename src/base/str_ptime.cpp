@@ -178,17 +178,18 @@ const char* Convert(char conversion, const char* text, std::tm& fields) {
 }  // namespace
 
 const char* StrPTime(const char* text, const char* format, std::tm& fields) {
-    for (; *format != '\0' && text != nullptr; ++format) {
+    for (; *format != '\0'; ++format) {
         if (IsSpace(*format)) {
             text = SkipSpace(text);
         } else if (*format == '%') {
             ++format;
-            if (*format == '\0') {
-                return nullptr;
-            }
             text = Convert(*format, text, fields);
         } else {
             text = *text == *format ? text + 1 : nullptr;
+        }
+        // Before the next step: a format that ends in a percent sign is at its zero, which converts nothing.
+        if (text == nullptr) {
+            return nullptr;
         }
     }
     return text;
