@@ -158,9 +158,9 @@ public:
 TEST(MemAlloctorEx, WorksWithTheBlockAsTheAllocatorSeesIt) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     ShiftedBuffer buffer;
-    EXPECT_EQ(alloctor->ReAlloc(&buffer, 200), buffer.block);
+    void* block = alloctor->ReAlloc(&buffer, 200);
+    EXPECT_EQ(block, buffer.block);
     EXPECT_EQ(alloctor->GetAccountedBytes(), 100U);
-    void* block = buffer.block;
     const PlatformWatch watch;
     EXPECT_TRUE(alloctor->Free(&buffer));
     EXPECT_EQ(watch.Frees(block), 1);
@@ -176,7 +176,8 @@ TEST(MemAlloctorEx, ReAllocAccountsForTheChangeAlone) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(100);
     EXPECT_EQ(alloctor->GetAccountedBytes(), 0U);
-    EXPECT_EQ(alloctor->ReAlloc(buffer.Get(), 150), buffer->GetData());
+    const void* block = alloctor->ReAlloc(buffer.Get(), 150);
+    EXPECT_EQ(block, buffer->GetData());
     EXPECT_EQ(alloctor->GetAccountedBytes(), 50U);
     EXPECT_NE(alloctor->ReAlloc(buffer.Get(), 120), nullptr);
     EXPECT_EQ(alloctor->GetAccountedBytes(), 20U);

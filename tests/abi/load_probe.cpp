@@ -1,0 +1,56 @@
+// A module's whole ground floor in use: threads, buffers, the singleton, the log, an exception that passes.
+#include <cstdint>
+#include <stdexcept>
+
+#include "base/base_thread.h"
+#include "base/create_buffer.h"
+#include "base/object_reports.h"
+#include "base/singleton.h"
+#include "module/attach_runtime.h"
+#include "module/log.h"
+#include "module/runtime.h"
+
+namespace zumod {
+namespace {
+
+struct Once : CSingleton_T<Once> {
+    std::string text = "longer than what a string keeps inside itself";
+};
+
+class LoggingThread : public CBaseThread {
+    bool Run() override {
+        ZuModLog(kLogTrace, "on the thread: %s", Once::GetInstance()->text.c_str());
+        try {
+            const CRefPtr_T<IBuffer> buffer = CreateBuffer("bytes", 5);
+            throw std::runtime_error("passes");
+        } catch (const std::runtime_error& error) {
+            ZuModLog(kLogTrace, "%s", error.what());
+        }
+        return ++m_passes < 3;
+    }
+
+    int m_passes = 0;
+};
+
+}  // namespace
+}  // namespace zumod
+
+// Returns how many classes are registered, or a negative number when something was not as it should be.
+extern "C" [[gnu::visibility("default")]] int64_t load_probe(zumod::IZUModRuntime* host) {
+    using namespace zumod;
+    if (AttachRuntime(host) != 1) {
+        return -1;
+    }
+    ZuModLog(kLogEvent, "on the host's thread");
+    LoggingThread thread;
+    if (!thread.Start() || !thread.Join() || !thread.Stop()) {
+        return -2;
+    }
+    std::string report;
+    DumpObjectTable(report);
+    if (report.find("CBaseThread") == std::string::npos) {
+        return -3;
+    }
+    DetachRuntime();
+    return g_ObjectRegistry.count.load();
+}

@@ -1,0 +1,158 @@
+// What the built module is, seen from outside: its exports, its needs and its hardening.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/abi/elf_file.h"
+
+namespace zumod::testing {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using Names = std::vector<std::string>;
+
+Names ExportsOf(const ElfFile& file) {
+    Names names;
+    for (const ElfFile::Symbol& symbol : file.Symbols(SHT_DYNSYM)) {
+        if (symbol.defined && symbol.binding != STB_LOCAL) {
+            names.push_back(symbol.name);
+        }
+    }
+    return names;
+}
+
+Names ImportsOf(const ElfFile& file) {
+    Names names;
+    for (const ElfFile::Symbol& symbol : file.Symbols(SHT_DYNSYM)) {
+        if (!symbol.defined) {
+            names.push_back(symbol.name);
+        }
+    }
+    return names;
+}
+
+const ElfFile& Module() {
+    static const ElfFile file(ZU_MODULE_FILE);
+    return file;
+}
+
+TEST(ModuleBinary, ExportsItsEntryPointAndNothingElse) {
+    EXPECT_THAT(ExportsOf(Module()), ElementsAre("zumod_get_entrypoint"));
+}
+
+TEST(ModuleBinary, HasNoUniqueSymbol) {
+    for (const uint32_t table : {uint32_t{SHT_DYNSYM}, uint32_t{SHT_SYMTAB}}) {
+        const auto symbols = Module().Symbols(table);
+        ASSERT_FALSE(symbols.empty()) << "the test needs the full symbol table";
+        for (const ElfFile::Symbol& symbol : symbols) {
+            EXPECT_FALSE(symbol.defined && symbol.binding == STB_GNU_UNIQUE) << symbol.name;
+        }
+    }
+}
+
+TEST(ModuleBinary, NeedsOnlyLibuuidAndTheRuntimesOfCAndCpp) {
+    if (ZU_SANITIZED) {
+        GTEST_SKIP() << "a sanitizer brings libraries of its own";
+    }
+    const std::set<std::string> allowed = {"libuuid.so.1", "libstdc++.so.6", "libgcc_s.so.1",
+                                           "libc.so.6",    "libm.so.6",      "ld-linux-x86-64.so.2"};
+    EXPECT_FALSE(Module().Needed().empty());
+    for (const std::string& name : Module().Needed()) {
+        EXPECT_TRUE(allowed.contains(name)) << name;
+    }
+}
+
+TEST(ModuleBinary, BindsEverythingAtLoadAndIsReadOnlyAfterwards) {
+    EXPECT_TRUE(Module().Segment(PT_GNU_RELRO).has_value());
+    const uint64_t flags = Module().Dynamic(DT_FLAGS).value_or(0);
+    const uint64_t flags_1 = Module().Dynamic(DT_FLAGS_1).value_or(0);
+    EXPECT_TRUE((flags & DF_BIND_NOW) != 0 || (flags_1 & DF_1_NOW) != 0);
+}
+
+TEST(ModuleBinary, MayBeUnloaded) {
+    EXPECT_EQ(Module().Dynamic(DT_FLAGS_1).value_or(0) & DF_1_NODELETE, 0U);
+}
+
+TEST(ModuleBinary, HasNoRelocationInItsCode) {
+    EXPECT_FALSE(Module().Dynamic(DT_TEXTREL).has_value());
+    EXPECT_EQ(Module().Dynamic(DT_FLAGS).value_or(0) & DF_TEXTREL, 0U);
+}
+
+TEST(ModuleBinary, NeedsNoExecutableStackAndNoSegmentIsWritableAndExecutable) {
+    ASSERT_TRUE(Module().Segment(PT_GNU_STACK).has_value());
+    for (const Elf64_Phdr& segment : Module().Segments()) {
+        EXPECT_FALSE((segment.p_flags & PF_W) != 0 && (segment.p_flags & PF_X) != 0);
+    }
+    EXPECT_EQ(Module().Segment(PT_GNU_STACK)->p_flags & PF_X, 0U);
+}
+
+TEST(ModuleBinary, LooksForNoLibraryInAPlaceOfItsOwn) {
+    EXPECT_FALSE(Module().Dynamic(DT_RPATH).has_value());
+    EXPECT_FALSE(Module().Dynamic(DT_RUNPATH).has_value());
+}
+
+TEST(ModuleBinary, ItsEntryPointStartsWithABranchTarget) {
+    for (const ElfFile::Symbol& symbol : Module().Symbols(SHT_DYNSYM)) {
+        if (symbol.defined && symbol.name == "zumod_get_entrypoint") {
+            EXPECT_EQ(Module().BytesAt(symbol.value, 4), "\xF3\x0F\x1E\xFA")
+                << "built without -fcf-protection";
+        }
+    }
+}
+
+TEST(ModuleBinary, DeclaresControlFlowProtectionWhereTheCRuntimeAllowsIt) {
+    constexpr uint32_t kBoth = GNU_PROPERTY_X86_FEATURE_1_IBT | GNU_PROPERTY_X86_FEATURE_1_SHSTK;
+    std::istringstream files(ZU_CRT_FILES);
+    for (std::string file; std::getline(files, file, ':');) {
+        if (ElfFile(file).ControlFlowFeatures() != kBoth) {
+            GTEST_SKIP() << file << " is not marked, so that nothing it is linked into can be";
+        }
+    }
+    EXPECT_EQ(Module().ControlFlowFeatures(), kBoth);
+}
+
+TEST(ModuleBinary, GuardsItsStackAndItsTextFormatting) {
+    EXPECT_THAT(ImportsOf(Module()), Contains("__stack_chk_fail"));
+    if (ZU_SANITIZED || !ZU_OPTIMISED) {
+        GTEST_SKIP() << "the checked library calls come with optimised builds without a sanitizer";
+    }
+    EXPECT_THAT(ImportsOf(Module()), Contains("__vsnprintf_chk"));
+    EXPECT_THAT(ImportsOf(Module()), Not(Contains("vsnprintf")));
+}
+
+TEST(ModuleBinary, StrippedIsSmallerThan300Kilobytes) {
+    if (ZU_SANITIZED) {
+        GTEST_SKIP() << "a sanitizer's checks are not what is shipped";
+    }
+    const auto stripped =
+        std::filesystem::temp_directory_path() / ("zu-stripped-" + std::to_string(getpid()) + ".so");
+    const std::string command = "'" ZU_STRIP "' -s -o '" + stripped.string() + "' '" ZU_MODULE_FILE "'";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    EXPECT_LT(std::filesystem::file_size(stripped), 300U * 1000U);
+    std::filesystem::remove(stripped);
+}
+
+TEST(ProbeBinary, ExportsItsProbeAndHasNoUniqueSymbol) {
+    const ElfFile probe(ZU_PROBE_FILE);
+    EXPECT_THAT(ExportsOf(probe), ElementsAre("load_probe"));
+    for (const ElfFile::Symbol& symbol : probe.Symbols(SHT_SYMTAB)) {
+        EXPECT_FALSE(symbol.defined && symbol.binding == STB_GNU_UNIQUE) << symbol.name;
+    }
+}
+
+TEST(CHostBinary, HasNoCppRuntimeOfItsOwn) {
+    EXPECT_THAT(ElfFile(ZU_C_HOST_FILE).Needed(), Not(Contains("libstdc++.so.6")));
+}
+
+}  // namespace
+}  // namespace zumod::testing
