@@ -1,0 +1,33 @@
+// What the modules of the test tree have in common. Like a module written by someone else, they know the SDK
+// and nothing more.
+#pragma once
+
+#include "zumod/zumod.h"
+
+namespace zumod::testing {
+
+// What a test reads of a recording codec, through the function of this name.
+inline constexpr char kCodecRecordName[] = "zu_test_codec_record";
+
+struct CodecRecord {
+    // All are written and read by any thread; only sums and the last value matter.
+    std::atomic<int> attaches{0};
+    std::atomic<int> detaches{0};
+    std::atomic<int> creates{0};
+    std::atomic<int> objects{0};     // alive now
+    std::atomic<int> references{0};  // held now on those objects
+    std::atomic<IZUModRuntime*> host{nullptr};
+    // While set, each created object keeps its policy alive.
+    std::atomic<bool> keep_policy{false};
+    std::atomic<IZUModCreatePolicy*> last_policy{nullptr};
+};
+
+using CodecRecordFunction = CodecRecord* (*)();
+
+// Defines the module's one export of a real module.
+#define ZU_TEST_ENTRY_POINT(descriptor)                                                              \
+    extern "C" [[gnu::visibility("default")]] const zumod::ZUModDescriptor* zumod_get_entrypoint() { \
+        return descriptor;                                                                           \
+    }
+
+}  // namespace zumod::testing
