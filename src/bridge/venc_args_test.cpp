@@ -1,0 +1,229 @@
+#include "bridge/venc_args.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/create_buffer.h"
+#include "base/mem_buffer.h"
+#include "tests/support/raw_slots.h"
+
+namespace zumod {
+namespace {
+
+using testing::CallSlot;
+using Events = std::vector<std::string>;
+
+// Tells what becomes of its buffers and of itself.
+class TellingAlloctor final : public IMemAlloctor {
+public:
+    explicit TellingAlloctor(Events& events) : m_events(events) {}
+
+    uint64_t AddRef() override { return static_cast<uint64_t>(++references); }
+    int64_t Release() override {
+        if (--references == 0) {
+            m_events.emplace_back("allocator released");
+        }
+        return references;
+    }
+    CRefPtr_T<IBuffer> Alloc(uint64_t size) override {
+        m_events.push_back("alloc " + std::to_string(size));
+        return empty ? nullptr : CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(size), size));
+    }
+    bool Free(IBuffer* buffer) override {
+        m_events.emplace_back("free");
+        std::free(buffer->GetAllocData());
+        return true;
+    }
+    uint64_t GetMaxSize() override { return ~uint64_t{0}; }
+    void* ReAlloc(IBuffer* buffer, uint64_t size) override {
+        m_events.push_back("realloc " + std::to_string(size));
+        if (empty) {
+            return nullptr;
+        }
+        void* block = std::realloc(buffer->GetAllocData(), size);
+        buffer->Attach(block, size);
+        return block;
+    }
+    CRefPtr_T<IBuffer> AllocBuffer(uint64_t size) override { return Alloc(size); }
+
+    int64_t references = 0;
+    bool empty = false;
+
+private:
+    Events& m_events;
+};
+
+class VEncArgsTest : public ::testing::Test {
+protected:
+    const std::string picture = "picture";
+    Events events;
+    TellingAlloctor alloctor{events};
+    CRefPtr_T<CVEncArgs> args{new CVEncArgs(picture.data(), picture.size())};
+};
+
+TEST_F(VEncArgsTest, NewArgumentsHaveACountOfZero) {
+    auto* fresh = new CVEncArgs(nullptr, 0);
+    EXPECT_EQ(fresh->AddRef(), 1U);
+    EXPECT_EQ(fresh->Release(), 0);
+}
+
+TEST_F(VEncArgsTest, ThePictureIsLentAsItIs) {
+    EXPECT_EQ(args->GetInputData(), picture.data());
+    EXPECT_EQ(args->GetInputSize(), 7U);
+}
+
+TEST_F(VEncArgsTest, OptionsAndFlagsAreZero) {
+    EXPECT_EQ(args->GetArgOption(), 0U);
+    EXPECT_EQ(args->GetArgFlags(), 0U);
+}
+
+TEST_F(VEncArgsTest, BeforeThereIsAnOutputItIsNullAndEmpty) {
+    EXPECT_EQ(args->GetOutputData(), nullptr);
+    EXPECT_EQ(args->GetOutputSize(), 0U);
+}
+
+TEST_F(VEncArgsTest, TheOutputHoldsWhatWasPrepared) {
+    EXPECT_EQ(args->PrepareOutput(100), 100U);
+    ASSERT_NE(args->GetOutputData(), nullptr);
+    std::memset(args->GetOutputData(), 0x5a, 100);
+    EXPECT_EQ(args->GetOutputSize(), 100U);
+}
+
+TEST_F(VEncArgsTest, PreparingTwiceResizesTheOneOutput) {
+    const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
+    EXPECT_EQ(own->PrepareOutput(100), 100U);
+    static_cast<char*>(own->GetOutputData())[49] = 'x';
+    EXPECT_EQ(own->PrepareOutput(50), 50U);
+    EXPECT_EQ(own->GetOutputSize(), 50U);
+    EXPECT_EQ(static_cast<char*>(own->GetOutputData())[49], 'x');
+    EXPECT_EQ(own->PrepareOutput(200), 200U);
+    EXPECT_EQ(events, (Events{"alloc 100", "realloc 50", "realloc 200"}));
+}
+
+TEST_F(VEncArgsTest, AnOutputOfNoBytesCanBePrepared) {
+    EXPECT_EQ(args->PrepareOutput(0), 0U);
+    EXPECT_EQ(args->GetOutputData(), nullptr);
+    EXPECT_EQ(args->GetOutputSize(), 0U);
+    EXPECT_EQ(args->PrepareOutput(10), 10U);
+    EXPECT_EQ(args->PrepareOutput(0), 0U);
+    EXPECT_EQ(args->GetOutputSize(), 0U);
+}
+
+TEST_F(VEncArgsTest, AnOutputThatDoesNotGrowReportsWhatItHas) {
+    const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
+    own->PrepareOutput(100);
+    alloctor.empty = true;
+    EXPECT_EQ(own->PrepareOutput(200), 100U);
+    EXPECT_EQ(own->GetOutputSize(), 100U);
+}
+
+TEST_F(VEncArgsTest, AnAllocatorWithoutMemoryGivesNoOutput) {
+    const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
+    alloctor.empty = true;
+    EXPECT_EQ(own->PrepareOutput(100), 0U);
+    EXPECT_EQ(own->GetOutputData(), nullptr);
+    EXPECT_EQ(own->GetOutputSize(), 0U);
+}
+
+TEST_F(VEncArgsTest, WithoutAnAllocatorTheDefaultOneIsUsed) {
+    const uint64_t before = g_pDefaultAlloctor->AddRef();
+    args->PrepareOutput(100);
+    // One reference is the output's.
+    EXPECT_EQ(g_pDefaultAlloctor->AddRef(), before + 2);
+    args = nullptr;
+    g_pDefaultAlloctor->Release();
+    EXPECT_EQ(g_pDefaultAlloctor->Release(), static_cast<int64_t>(before) - 1);
+}
+
+TEST_F(VEncArgsTest, TheLastReleaseFreesTheOutputOnceAndThenTheAllocator) {
+    CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
+    EXPECT_EQ(alloctor.references, 1);
+    own->PrepareOutput(100);
+    EXPECT_EQ(alloctor.references, 2);
+    events.clear();
+    own = nullptr;
+    EXPECT_EQ(events, (Events{"free", "allocator released"}));
+    EXPECT_EQ(alloctor.references, 0);
+}
+
+TEST_F(VEncArgsTest, ResettingChangesNothing) {
+    args->PrepareOutput(100);
+    void* const data = args->GetOutputData();
+    args->ResetArgs();
+    EXPECT_EQ(args->GetInputData(), picture.data());
+    EXPECT_EQ(args->GetOutputData(), data);
+    EXPECT_EQ(args->GetOutputSize(), 100U);
+}
+
+TEST_F(VEncArgsTest, ItsFaceIsFoundByNameInAnyLetterCase) {
+    for (const char* name : {"IVEncArgs", "ivencargs", "IVENCARGS"}) {
+        void* out = nullptr;
+        EXPECT_TRUE(args->QueryInterface(name, &out));
+        EXPECT_EQ(out, static_cast<IVEncArgs*>(args.Get()));
+        EXPECT_EQ(args->Release(), 1);
+    }
+}
+
+TEST_F(VEncArgsTest, AnotherNameFindsNothingAndLeavesTheSlotAlone) {
+    for (const char* name : {"IVEncoder", "", "IVEncArg", "IVEncArgs2", "IReference"}) {
+        void* out = &events;
+        EXPECT_FALSE(args->QueryInterface(name, &out)) << name;
+        EXPECT_EQ(out, &events);
+    }
+    EXPECT_EQ(args->AddRef(), 2U);
+    args->Release();
+}
+
+TEST_F(VEncArgsTest, ANullNameOrSlotFindsNothing) {
+    void* out = &events;
+    EXPECT_FALSE(args->QueryInterface(nullptr, &out));
+    EXPECT_EQ(out, &events);
+    EXPECT_FALSE(args->QueryInterface("IVEncArgs", nullptr));
+    EXPECT_EQ(args->AddRef(), 2U);
+    args->Release();
+}
+
+// Slots 2 to 11 are the same on the encoder's face and in the class's own table.
+void ExpectSlotsOfEncArgs(const void* raw, const std::string& picture) {
+    EXPECT_EQ((CallSlot<uint64_t>(raw, 2)), 2U);
+    EXPECT_EQ((CallSlot<int64_t>(raw, 3)), 1);
+    EXPECT_EQ((CallSlot<uint64_t>(raw, 4)), 0U);
+    EXPECT_EQ((CallSlot<const void*>(raw, 5)), picture.data());
+    EXPECT_EQ((CallSlot<uint64_t>(raw, 6)), picture.size());
+    EXPECT_EQ((CallSlot<uint64_t>(raw, 7)), 0U);
+    EXPECT_EQ((CallSlot<void*>(raw, 10)), nullptr);
+    EXPECT_EQ((CallSlot<uint64_t>(raw, 11)), 0U);
+    EXPECT_EQ((CallSlot<uint64_t, uint32_t>(raw, 9, 20)), 20U);
+    CallSlot<void>(raw, 8);
+    EXPECT_NE((CallSlot<void*>(raw, 10)), nullptr);
+    EXPECT_EQ((CallSlot<uint64_t>(raw, 11)), 20U);
+}
+
+TEST_F(VEncArgsTest, TheEncodersFaceHasItsOperationsInTheBindingOrder) {
+    ExpectSlotsOfEncArgs(static_cast<IVEncArgs*>(args.Get()), picture);
+}
+
+TEST_F(VEncArgsTest, ItsOwnTableHasTheSameOrderAndItsOwnOperationsAfter) {
+    const void* raw = args.Get();
+    ExpectSlotsOfEncArgs(raw, picture);
+    void* out = nullptr;
+    EXPECT_TRUE((CallSlot<bool, const char*, void**>(raw, 12, "IVEncArgs", &out)));
+    EXPECT_EQ(out, static_cast<IVEncArgs*>(args.Get()));
+    EXPECT_EQ((CallSlot<int64_t>(out, 3)), 1);
+    EXPECT_TRUE((CallSlot<bool>(raw, 13)));
+    EXPECT_EQ((CallSlot<uint64_t>(raw, 14)), 0U);
+}
+
+TEST_F(VEncArgsTest, TheLastReleaseThroughTheEncodersFaceDestroysTheWhole) {
+    auto* own = CRefPtr_T<CVEncArgs>(new CVEncArgs(nullptr, 0, &alloctor)).Detach();
+    own->PrepareOutput(100);
+    EXPECT_EQ((CallSlot<int64_t>(static_cast<IVEncArgs*>(own), 3)), 0);
+    EXPECT_EQ(alloctor.references, 0);
+}
+
+}  // namespace
+}  // namespace zumod
