@@ -1,5 +1,5 @@
 // The video encoder and decoder that the module "zu-codec" supplies, and the policies and properties with
-// which they are asked for.
+// which they are asked for. Once it has made an object the module stays loaded until the process ends.
 #pragma once
 
 #include <cstddef>

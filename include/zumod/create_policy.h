@@ -1,7 +1,8 @@
 // The set of named values that goes with a request to create an object in another module, and the keys that
 // modules of this family agree on.
 //
-// Thread rule: a policy is used by one thread at a time; AddRef and Release are [any thread].
+// Thread rule: AddRef and Release are [any thread]; all else is [the thread that creates]. A create function
+// that keeps the policy beyond its call adds a reference, and then still uses it on one thread at a time.
 #pragma once
 
 #include "zumod/mod_data.h"
@@ -17,9 +18,9 @@ inline constexpr char kPolicyVersion[] = "zu.module.version";
 // Binary table: slots 0 to 3 are IReference's.
 class IZUModCreatePolicy : public virtual IReference {
 public:
-    // Slot 4. `key` is NUL-terminated text. Returns a fresh copy of the value with a count of 0 (the caller
-    // adds the first reference and thereby owns it), or null when there is no such policy. What the caller
-    // does to the copy does not change the policy.
+    // Slot 4. `key` is NUL-terminated text, borrowed, compared byte by byte. Returns a fresh copy of the
+    // value with a count of 0 (the caller adds the first reference and thereby owns it), or null when there
+    // is no such policy. What the caller does to the copy does not change the policy.
     virtual IZUModData* GetPolicy(const char* key) = 0;
 };
 

@@ -15,7 +15,8 @@
 namespace zumod {
 
 // [any thread]. Gives the module the host's runtime, borrowed until the matching detach; attaching again
-// replaces it. Returns 1, or 0 for a null host.
+// replaces it. Returns 1, or 0 for a null host. A module that loads another one attaches it before each
+// object it asks for, to its own host and thus to null when it has none, and ignores the result.
 using AttachRuntimeFunction = int (*)(IZUModRuntime* host);
 
 // [any thread]. From here on the module calls the host's runtime no more; log lines go to standard output.
@@ -23,7 +24,8 @@ using DetachRuntimeFunction = void (*)();
 
 // [any thread]. Creates the object that `policy` describes. On success stores it where `out` points, as a
 // pointer to the table of the interface that was asked for, with one reference for the caller, and returns 1.
-// Otherwise leaves `out` alone and returns 0. `policy` is borrowed.
+// Otherwise leaves `out` alone and returns 0. `policy` is borrowed and may be null. A module that is loaded
+// by another one and refuses is detached and closed at once.
 using CreateFunction = int (*)(IZUModCreatePolicy* policy, IZUModInterface** out);
 
 // One static record a module. It is read field by field, so order and widths are binding.

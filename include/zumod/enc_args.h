@@ -1,6 +1,7 @@
 // One picture into an encode call, and the encoded bytes out of it.
 //
-// Thread rule: [encode thread]: an object belongs to the thread that calls the encoder with it.
+// Thread rule: AddRef and Release are [any thread]; all else is [encode thread & during Encode]: an object
+// belongs to the thread that calls the encoder with it.
 #pragma once
 
 #include <cstdint>
@@ -26,11 +27,12 @@ public:
     virtual uint64_t GetArgFlags() = 0;
     // Slot 8. Does nothing in the camera module.
     virtual void ResetArgs() = 0;
-    // Slot 9. Makes the output buffer hold `size` bytes and returns the size it then has. An encoder calls it
-    // before it writes, and again with the final size if that is smaller. An encode call that returns true
-    // must have called it.
+    // Slot 9. Makes the output buffer hold `size` bytes, keeping what is in it, and returns the size it then
+    // has: less than `size` when memory is short. The buffer may move. An encoder calls it before it writes,
+    // and again with the final size if that is smaller. An encode call that returns true must have called it.
     virtual uint64_t PrepareOutput(uint32_t size) = 0;
-    // Slot 10. The first byte of the output buffer, or null before PrepareOutput.
+    // Slot 10. The first byte of the output buffer, or null before PrepareOutput. Valid until PrepareOutput
+    // is called again.
     virtual void* GetOutputData() = 0;
     // Slot 11. The size of the output, or 0 before PrepareOutput.
     virtual uint64_t GetOutputSize() = 0;

@@ -1,7 +1,8 @@
 // A tagged, counted value: how a property, an environment setting or a creation parameter crosses a module
 // boundary.
 //
-// Thread rule: a value is read by one thread at a time; AddRef and Release are [any thread].
+// Thread rule: AddRef and Release are [any thread]; slots 4 to 14 are [any thread, one at a time], and change
+// nothing in the value.
 #pragma once
 
 #include <cstdint>
@@ -37,7 +38,7 @@ public:
     virtual const char* GetString() = 0;
     // Slot 8. The bytes of a block value; GetSize tells how many.
     virtual const void* GetBlock() = 0;
-    // Slot 9. The truth of a boolean value.
+    // Slot 9. The truth of a boolean value: whether its first byte is not 0.
     virtual bool GetBool() = 0;
     // Slot 10. The number of an integer value.
     virtual int64_t GetInt64() = 0;
@@ -45,7 +46,8 @@ public:
     virtual float GetFloat() = 0;
     // Slot 12. The object of an object value, borrowed.
     virtual IReference* GetObject() = 0;
-    // Slot 13. A new value of equal content with a count of 0: the caller adds the first reference.
+    // Slot 13. A new value of equal content with a count of 0: the caller adds the first reference. Bytes are
+    // copied; an object is shared, with one more reference to it.
     virtual IZUModData* Clone() = 0;
     // Slot 14. The handle or address of a pointer value. It stands after Clone, not beside GetInt64: the
     // order is binding.

@@ -1,4 +1,6 @@
 // What every object that a module creates can do: name its other interfaces and take properties.
+//
+// Thread rule: AddRef and Release are [any thread]; all else is [one thread at a time].
 #pragma once
 
 #include <cstdint>
@@ -23,7 +25,8 @@ public:
     // Returns whether the object knows the property and took the value.
     virtual bool SetProperty(const char* key, IZUModData* value) = 0;
 
-    // Slot 6. Returns the property's value, or null when there is none.
+    // Slot 6. `key` is NUL-terminated text. Returns the property's value, or null when there is none. The
+    // caller adds one reference while it reads and releases that one: a value made for the call ends with it.
     virtual IZUModData* GetProperty(const char* key) = 0;
 };
 
