@@ -1,0 +1,63 @@
+// A codec module that does what each must, and no more: it reads its policies and makes an object.
+#include <cstring>
+
+#include "zumod/zumod.h"
+
+namespace {
+
+using namespace zumod;
+
+class Encoder final : public IVEncoder, private CReference {
+public:
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    bool QueryInterface(const char*, void**) override { return false; }
+    bool SetProperty(const char* key, IZUModData* value) override {
+        if (std::strcmp(key, kPropertyHardware) != 0) {
+            return false;
+        }
+        m_hardware = value->GetBool();
+        return true;
+    }
+    IZUModData* GetProperty(const char*) override { return nullptr; }
+    int SetInputFormat(const VideoInputFormat*) override { return 0; }
+    bool Encode(IVEncArgs*) override { return m_hardware; }
+
+private:
+    bool m_hardware = false;
+};
+
+int Attach(IZUModRuntime*) {
+    return 1;
+}
+
+void Detach() {}
+
+int Create(IZUModCreatePolicy* policy, IZUModInterface** out) {
+    bool wanted = false;
+    uint32_t kinds = 0;
+    for (const char* key : {kPolicyInterfaceName, kPolicyVersion, kPolicyImageType, kPolicyEncRapidSub,
+                            kPolicyEncNoStreamHeader, kPolicyEncFileRecord, kPolicyEncSourceRgb}) {
+        const CRefPtr_T<IZUModData> value(policy->GetPolicy(key));
+        if (value == nullptr) {
+            return 0;
+        }
+        kinds |= 1U << value->GetType();
+        if (key == kPolicyInterfaceName) {
+            wanted = std::strcmp(value->GetString(), kVideoEncoderName) == 0;
+        }
+    }
+    if (!wanted || kinds != 0b10110) {
+        return 0;
+    }
+    *out = CRefPtr_T<IVEncoder>(new Encoder).Detach();
+    return 1;
+}
+
+constexpr ZUModDescriptor kDescriptor = {0x0001000000000000, "zu-codec", &Attach, &Detach, &Create, ""};
+
+}  // namespace
+
+extern "C" [[gnu::visibility("default")]] const ZUModDescriptor* zumod_get_entrypoint() {
+    return &kDescriptor;
+}

@@ -1,0 +1,148 @@
+// The codec factory against the dynamic loader and the codec called by hand; the arguments of an encode call
+// against their allocations.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "base/create_buffer.h"
+#include "bench/paired.h"
+#include "bridge/venc_args.h"
+#include "loader/codec_factory.h"
+#include "loader/create_policy_adapter.h"
+#include "loader/mod_data.h"
+#include "module/attach_runtime.h"
+#include "zumod/descriptor.h"
+
+namespace {
+
+using namespace zumod;
+
+constexpr char kModulesDir[] = ZU_BENCH_MODULES_DIR;
+constexpr int kRounds = 50;
+
+// Knows where the modules are, and nothing else.
+class Host final : public IZUModRuntime {
+public:
+    int WriteLog(uint32_t, const char*) override { std::abort(); }
+    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
+    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
+    IZUModData* GetEnvProperty(const char* key) override {
+        return std::strcmp(key, kEnvModulesDir) == 0 ? m_directory.Get() : nullptr;
+    }
+
+private:
+    CRefPtr_T<IZUModData> m_directory = CZUModData::FromText(kModulesDir);
+};
+
+void MakeByFactory() {
+    for (int i = 0; i < kRounds; ++i) {
+        if (CreateVideoEncoder(9, false, false, false, true) == nullptr) {
+            std::abort();
+        }
+    }
+}
+
+CRefPtr_T<IZUModCreatePolicy> MakePolicy() {
+    const CRefPtr_T<CZUModCreatePolicyAdapter> policy(
+        new CZUModCreatePolicyAdapter(kVideoEncoderName, kCodecInterfaceVersion));
+    policy->SetPolicy(kPolicyImageType, CZUModData::FromInt64(9));
+    for (const char* key : {kPolicyEncRapidSub, kPolicyEncNoStreamHeader, kPolicyEncFileRecord}) {
+        policy->SetPolicy(key, CZUModData::FromBool(false));
+    }
+    policy->SetPolicy(kPolicyEncSourceRgb, CZUModData::FromBool(true));
+    return policy;
+}
+
+// The handle is dropped, as the factory does.
+CRefPtr_T<IVEncoder> MakeByHand(const char* path, IZUModRuntime* host, IZUModCreatePolicy* policy) {
+    void* library = dlopen(path, RTLD_LAZY);
+    const auto entry = reinterpret_cast<EntryPointFunction>(dlsym(library, kEntryPointName));
+    const ZUModDescriptor* module = entry();
+    module->attach_runtime(host);
+    IZUModInterface* created = nullptr;
+    if (module->create(policy, &created) == 0) {
+        std::abort();
+    }
+    return CRefPtr_T<IVEncoder>::Adopt(static_cast<IVEncoder*>(static_cast<void*>(created)));
+}
+
+// The codec is mapped already from the second call on.
+class AttachedHost {
+public:
+    AttachedHost() { AttachRuntime(&host); }
+    ~AttachedHost() { DetachRuntime(); }
+    AttachedHost(const AttachedHost&) = delete;
+    AttachedHost& operator=(const AttachedHost&) = delete;
+
+    Host host;
+    const std::string path = std::string(kModulesDir) + "/zu-codec.so";
+};
+
+// Against the dynamic loader and the codec alone, with the policy made beforehand and no look at the file.
+// That look is a system call, which alone takes longer than everything done by hand here.
+void BM_CreateVideoEncoder(benchmark::State& state) {
+    AttachedHost attached;
+    const CRefPtr_T<IZUModCreatePolicy> policy = MakePolicy();
+    bench::RunPaired(state, 1.2, MakeByFactory, [&] {
+        for (int i = 0; i < kRounds; ++i) {
+            MakeByHand(attached.path.c_str(), &attached.host, policy.Get());
+        }
+    });
+}
+BENCHMARK(BM_CreateVideoEncoder)->UseManualTime();
+
+// Against the same steps by hand: the look at the file, and a policy and a property for each encoder.
+void BM_CreateVideoEncoderInTheSameSteps(benchmark::State& state) {
+    AttachedHost attached;
+    bench::RunPaired(state, 1.2, MakeByFactory, [&] {
+        for (int i = 0; i < kRounds; ++i) {
+            if (access(attached.path.c_str(), F_OK) != 0) {
+                std::abort();
+            }
+            const auto encoder = MakeByHand(attached.path.c_str(), &attached.host, MakePolicy().Get());
+            encoder->SetProperty(kPropertyHardware, CZUModData::FromBool(true).Get());
+        }
+    });
+}
+BENCHMARK(BM_CreateVideoEncoderInTheSameSteps)->UseManualTime();
+
+constexpr uint32_t kOutputSize = 20 * 1024;
+constexpr int kFrames = 500;
+
+void PrepareOutputOfOneFrame(const void* picture) {
+    const CRefPtr_T<CVEncArgs> args(new CVEncArgs(picture, 1));
+    args->PrepareOutput(kOutputSize);
+    benchmark::DoNotOptimize(args->GetOutputData());
+}
+
+void AllocateByHand() {
+    void* args = ::operator new(sizeof(CVEncArgs));
+    benchmark::DoNotOptimize(args);
+    const CRefPtr_T<IBuffer> output = g_pDefaultAlloctor->Alloc(kOutputSize);
+    output->SetSize(kOutputSize);
+    benchmark::DoNotOptimize(output->GetData());
+    ::operator delete(args);
+}
+
+// Against what it stands for: the object, and the output buffer.
+void BM_PrepareOutput(benchmark::State& state) {
+    const char picture = 0;
+    bench::RunPaired(
+        state, 1.15,
+        [&] {
+            for (int i = 0; i < kFrames; ++i) {
+                PrepareOutputOfOneFrame(&picture);
+            }
+        },
+        [] {
+            for (int i = 0; i < kFrames; ++i) {
+                AllocateByHand();
+            }
+        });
+}
+BENCHMARK(BM_PrepareOutput)->UseManualTime();
+
+}  // namespace
