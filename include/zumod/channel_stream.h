@@ -1,6 +1,8 @@
 // The byte stream to the remote peer, which the host implements and gives to the plugin.
 #pragma once
 
+#include <cstdint>
+
 #include "zumod/reference.h"
 
 namespace zumod {
@@ -12,6 +14,11 @@ namespace zumod {
 // the plugin's Run, let Read fail; to end a Write that waits, let it fail.
 class IChannelStream : public virtual IReference {
 public:
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
+    // than its table.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slot 4 [run thread]. Reads up to `size` bytes into `data`, which the caller owns.
     virtual int Read(void* data, unsigned long size, unsigned long* done) = 0;
 

@@ -54,6 +54,11 @@ static_assert(sizeof(VideoInputFormat) == 20);
 // [encode thread]: one thread at a time; the camera module calls slots 2, 3, 5, 10 and 20 only.
 class IVEncoder : public virtual IReference, public virtual IZUModInterface {
 public:
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
+    // than its table.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slots 7 to 9, reserved. Return 0.
     virtual int ReservedEncoder7() { return 0; }
     virtual int ReservedEncoder8() { return 0; }
@@ -83,6 +88,11 @@ public:
 // design; the camera module calls neither.
 class IVDecoder : public virtual IReference, public virtual IZUModInterface {
 public:
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
+    // than its table.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slots 7 to 9, reserved. Return 0.
     virtual int ReservedDecoder7() { return 0; }
     virtual int ReservedDecoder8() { return 0; }

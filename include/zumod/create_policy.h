@@ -5,6 +5,8 @@
 // that keeps the policy beyond its call adds a reference, and then still uses it on one thread at a time.
 #pragma once
 
+#include <cstdint>
+
 #include "zumod/mod_data.h"
 #include "zumod/reference.h"
 
@@ -18,6 +20,11 @@ inline constexpr char kPolicyVersion[] = "zu.module.version";
 // Binary table: slots 0 to 3 are IReference's.
 class IZUModCreatePolicy : public virtual IReference {
 public:
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
+    // than its table.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slot 4. `key` is NUL-terminated text, borrowed, compared byte by byte. Returns a fresh copy of the
     // value with a count of 0 (the caller adds the first reference and thereby owns it), or null when there
     // is no such policy. What the caller does to the copy does not change the policy.

@@ -17,6 +17,11 @@ inline constexpr char kEncArgsName[] = "IVEncArgs";
 // call only; the output buffer belongs to this object and lives as long as it.
 class IVEncArgs : public virtual IReference {
 public:
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
+    // than its table.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slot 4. Options of the call; 0 from the camera module.
     virtual uint64_t GetArgOption() = 0;
     // Slot 5. The first byte of the picture, laid out as the input format record says.

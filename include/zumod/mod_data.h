@@ -28,6 +28,11 @@ enum ZUModDataType : uint32_t {
 // reference.
 class IZUModData : public virtual IReference {
 public:
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
+    // than its table.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slot 4. The tag, one of ZUModDataType.
     virtual uint32_t GetType() = 0;
     // Slot 5. The stored bytes of any kind of value, or null when there are none.

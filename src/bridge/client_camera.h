@@ -16,6 +16,11 @@ class IClientCameraListenter;
 // Open; then any number of SetFormat and SetProperty; finally Close and Release.
 class IClientCamera : public virtual IReference {
 public:
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object than
+    // its table.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slot 4. Borrowed: the listener outlives the camera.
     virtual void SetListener(IClientCameraListenter* listener) = 0;
     // Slot 5. The id that goes with every frame to the listener.

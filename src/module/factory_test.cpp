@@ -1,0 +1,232 @@
+#include "module/factory.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "loader/create_policy_adapter.h"
+#include "tests/support/counted_object.h"
+#include "tests/support/raw_slots.h"
+#include "tests/support/recording_host.h"
+#include "zumod/client_camera_plugin.h"
+
+namespace zumod {
+namespace {
+
+using testing::CallSlot;
+using testing::CountedPolicy;
+using testing::LogLine;
+using testing::ReferenceLedger;
+
+const LogLine kCreate = {1, "[cameraclient] create"};
+
+class CameraClientCreate : public testing::LoggingTest {
+protected:
+    // A policy with these two values, of which a null name and a version of -1 are left out.
+    CRefPtr_T<CountedPolicy> Policy(const char* name, int64_t version) {
+        CRefPtr_T<CountedPolicy> policy(new CountedPolicy(ledger));
+        if (name != nullptr) {
+            policy->SetText("zu.module.interface.name", name);
+        }
+        if (version != -1) {
+            policy->SetInt64("zu.module.version", version);
+        }
+        return policy;
+    }
+
+    // What the log says when this policy is refused, which leaves the slot as it was and nothing behind.
+    std::vector<LogLine> RefusalOf(CRefPtr_T<CountedPolicy> policy) {
+        host.TakeLines();
+        auto* const untouched = reinterpret_cast<IZUModInterface*>(this);
+        IZUModInterface* out = untouched;
+        EXPECT_EQ(camera_client_create(policy.Get(), &out), 0);
+        EXPECT_EQ(out, untouched);
+        policy = nullptr;
+        EXPECT_TRUE(ledger.Balanced());
+        return host.TakeLines();
+    }
+
+    void ExpectCreated(const CRefPtr_T<CountedPolicy>& policy) {
+        IZUModInterface* out = nullptr;
+        EXPECT_EQ(camera_client_create(policy.Get(), &out), 1);
+        ASSERT_NE(out, nullptr);
+        // One reference, in the table of the plugin's host face.
+        EXPECT_EQ(CallSlot<uint64_t>(out, 2), 2u);
+        EXPECT_EQ(CallSlot<int64_t>(out, 3), 1);
+        EXPECT_EQ(CallSlot<int>(out, 7), 0);  // ExitInstance
+        EXPECT_EQ(CallSlot<int64_t>(out, 3), 0);
+    }
+
+    ReferenceLedger ledger;
+};
+
+TEST_F(CameraClientCreate, MakesAPluginAndHandsOutOneReference) {
+    ExpectCreated(Policy("IClientCameraPlugin", 0x0002000000000000));
+    EXPECT_TRUE(ledger.Balanced());
+    EXPECT_EQ(
+        host.Lines(),
+        (std::vector<LogLine>{
+            {8,
+             "[camera_client] camera_client_create interface IClientCameraPlugin  version 562949953421312"},
+            kCreate,
+            {1, "[cameraclient] ExitInstance"},
+            {8, "[cameraclient] start to clear devs"},
+            {8, "[cameraclient] finish to clear devs"},
+            {8, "[cameraclient] start to stop send thread"},
+            {8, "[cameraclient] ExitInstance finish"},
+            {1, "[cameraclient] destroy"},
+            {8, "[cameraclient] finish to clear devs"}}));
+}
+
+TEST_F(CameraClientCreate, TheNameIsComparedWithoutRegardToCaseAndTheVersionByItsTopSixteenBits) {
+    ExpectCreated(Policy("iclientcameraplugin", 0x0002000000000001));
+    ExpectCreated(Policy("ICLIENTCAMERAPLUGIN", 0x0002FFFFFFFFFFFF));
+}
+
+TEST_F(CameraClientCreate, TakesThePolicyOfTheModulesOwnKind) {
+    const CRefPtr_T<IZUModCreatePolicy> policy(
+        new CZUModCreatePolicyAdapter("IClientCameraPlugin", 0x0002000000000000));
+    IZUModInterface* out = nullptr;
+    EXPECT_EQ(camera_client_create(policy.Get(), &out), 1);
+    EXPECT_EQ(CallSlot<int64_t>(out, 3), 0);
+}
+
+TEST_F(CameraClientCreate, RefusesWithoutAPolicyOrWithoutASlot) {
+    IZUModInterface* out = nullptr;
+    EXPECT_EQ(camera_client_create(nullptr, &out), 0);
+    EXPECT_EQ(camera_client_create(Policy("IClientCameraPlugin", 0x0002000000000000).Get(), nullptr), 0);
+    EXPECT_EQ(out, nullptr);
+    const LogLine line = {8, "[camera_client] camera_client_create invalid param"};
+    EXPECT_EQ(host.Lines(), (std::vector<LogLine>{line, line}));
+    EXPECT_EQ(ledger.taken, 1) << "the test's own reference alone";
+}
+
+TEST_F(CameraClientCreate, RefusesAPolicyWithNeitherNameNorVersion) {
+    const std::vector<LogLine> lines = {{8, "[camera_client] camera_client_create interface   version 0"},
+                                        {4, "[camera_client] camera_client_create invalid property!"}};
+    EXPECT_EQ(RefusalOf(Policy(nullptr, -1)), lines);
+    EXPECT_EQ(RefusalOf(Policy("", 0)), lines);
+}
+
+TEST_F(CameraClientCreate, RefusesAnotherInterface) {
+    EXPECT_EQ(
+        RefusalOf(Policy("IClientCamera", 0x0002000000000000)),
+        (std::vector<LogLine>{
+            {8, "[camera_client] camera_client_create interface IClientCamera  version 562949953421312"},
+            {8, "[camera_client] camera_client_create invalid interface IClientCamera"}}));
+    EXPECT_EQ(RefusalOf(Policy("IClientCameraPlugins", 0)).back(),
+              (LogLine{8, "[camera_client] camera_client_create invalid interface IClientCameraPlugins"}));
+}
+
+TEST_F(CameraClientCreate, AVersionWithoutANameIsRefusedForItsEmptyInterface) {
+    EXPECT_EQ(
+        RefusalOf(Policy(nullptr, 0x0002000000000000)),
+        (std::vector<LogLine>{{8, "[camera_client] camera_client_create interface   version 562949953421312"},
+                              {8, "[camera_client] camera_client_create invalid interface "}}));
+}
+
+TEST_F(CameraClientCreate, RefusesAnotherMajorVersion) {
+    EXPECT_EQ(
+        RefusalOf(Policy("IClientCameraPlugin", 0x0001000000000000)),
+        (std::vector<LogLine>{
+            {8,
+             "[camera_client] camera_client_create interface IClientCameraPlugin  version 281474976710656"},
+            {4,
+             "[camera_client] camera_client_create version 281474976710656 not compactible with "
+             "562949953421312"}}));
+    EXPECT_EQ(RefusalOf(Policy("IClientCameraPlugin", 0x0003000000000000)).back(),
+              (LogLine{4,
+                       "[camera_client] camera_client_create version 844424930131968 not compactible with "
+                       "562949953421312"}));
+    EXPECT_EQ(
+        RefusalOf(Policy("IClientCameraPlugin", 0)).back(),
+        (LogLine{4, "[camera_client] camera_client_create version 0 not compactible with 562949953421312"}));
+    EXPECT_EQ(
+        RefusalOf(Policy("IClientCameraPlugin", static_cast<int64_t>(0xFFFF000000000000))).back(),
+        (LogLine{4,
+                 "[camera_client] camera_client_create version 18446462598732840960 not compactible with "
+                 "562949953421312"}));
+}
+
+TEST_F(CameraClientCreate, ANameThatIsNotTextCountsAsMissing) {
+    auto policy = Policy(nullptr, 0x0002000000000000);
+    policy->SetInt64("zu.module.interface.name", 7);
+    EXPECT_EQ(RefusalOf(std::move(policy)).back(),
+              (LogLine{8, "[camera_client] camera_client_create invalid interface "}));
+}
+
+TEST_F(CameraClientCreate, AVersionThatIsNotAnIntegerCountsAsMissing) {
+    auto policy = Policy("IClientCameraPlugin", -1);
+    policy->SetText("zu.module.version", "\1\1\1\1\1\1\2");
+    EXPECT_EQ(
+        RefusalOf(std::move(policy)).back(),
+        (LogLine{4, "[camera_client] camera_client_create version 0 not compactible with 562949953421312"}));
+}
+
+TEST_F(CameraClientCreate, ValuesWithoutBytesCountAsMissing) {
+    auto policy = Policy(nullptr, -1);
+    policy->Set("zu.module.interface.name", kZUModDataText, {});
+    policy->Set("zu.module.version", kZUModDataInt64, {0, 0, 2});
+    EXPECT_EQ(RefusalOf(std::move(policy)).back(),
+              (LogLine{4, "[camera_client] camera_client_create invalid property!"}));
+}
+
+TEST_F(CameraClientCreate, APolicyThatThrowsIsReleasedOnTheWay) {
+    for (int good = 0; good < 2; ++good) {
+        {
+            const auto policy = Policy("IClientCameraPlugin", 0x0002000000000000);
+            policy->ThrowAfter(good);
+            IZUModInterface* out = nullptr;
+            EXPECT_THROW(camera_client_create(policy.Get(), &out), std::runtime_error);
+            EXPECT_EQ(out, nullptr);
+            EXPECT_EQ(policy->References(), 1);
+        }
+        EXPECT_TRUE(ledger.Balanced());
+    }
+}
+
+// A policy whose value throws while it is read.
+class ThrowingValuePolicy final : public testing::Counted<IZUModCreatePolicy> {
+public:
+    using Counted::Counted;
+    IZUModData* GetPolicy(const char*) override { return new testing::ThrowingData(Ledger()); }
+};
+
+TEST_F(CameraClientCreate, AValueThatThrowsIsReleasedOnTheWay) {
+    {
+        const CRefPtr_T<ThrowingValuePolicy> policy(new ThrowingValuePolicy(ledger));
+        IZUModInterface* out = nullptr;
+        EXPECT_THROW(camera_client_create(policy.Get(), &out), std::runtime_error);
+    }
+    EXPECT_TRUE(ledger.Balanced());
+}
+
+TEST_F(CameraClientCreate, AnInterfaceNameOfAnyLengthIsRefusedInOneCutLine) {
+    const std::string name(5000, 'n');
+    const std::vector<LogLine> lines = RefusalOf(Policy(name.c_str(), 0x0002000000000000));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1].text.size(), 4095u);
+}
+
+TEST_F(CameraClientCreate, EightThreadsAtOnceGetAPluginEach) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([] {
+            const CRefPtr_T<IZUModCreatePolicy> policy(
+                new CZUModCreatePolicyAdapter("IClientCameraPlugin", 0x0002000000000000));
+            IZUModInterface* out = nullptr;
+            EXPECT_EQ(camera_client_create(policy.Get(), &out), 1);
+            EXPECT_EQ(CallSlot<int64_t>(out, 3), 0);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(host.Lines().size(), 8u * 4);
+}
+
+}  // namespace
+}  // namespace zumod

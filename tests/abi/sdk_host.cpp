@@ -1,0 +1,211 @@
+// A host made of the SDK's headers and nothing else, in C++17: loads the module, attaches a runtime, creates
+// the plugin, runs it on a stream that closes, and takes everything down again, as often as it is told.
+//
+// Usage: sdk_host MODULE CYCLES PROCESSES. Each process makes the cycles; exits 0 when none of them left a
+// mapping, a thread, a descriptor or a heap block behind.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "zumod/zumod.h"
+
+namespace {
+
+#define CHECK(condition)                                                                 \
+    do {                                                                                 \
+        if (!(condition)) {                                                              \
+            std::fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
+            std::exit(1);                                                                \
+        }                                                                                \
+    } while (false)
+
+class Runtime final : public zumod::IZUModRuntime {
+public:
+    virtual ~Runtime() = default;
+    int WriteLog(uint32_t level, const char* text) override {
+        CHECK(level != 4);
+        CHECK(text[0] == '[');
+        ++lines;
+        return 0;
+    }
+    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
+    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
+    zumod::IZUModData* GetEnvProperty(const char*) override { return nullptr; }
+
+    int lines = 0;
+};
+
+// Counted objects of the host's: CReference counts, the interface's operations lead to it.
+class Value final : public zumod::IZUModData, private zumod::CReference {
+public:
+    explicit Value(const char* text) : m_tag(zumod::kZUModDataText), m_text(text) {}
+    explicit Value(int64_t number) : m_tag(zumod::kZUModDataInt64), m_number(number) {}
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    uint32_t GetType() override { return m_tag; }
+    const void* GetData() override {
+        return m_text != nullptr ? static_cast<const void*>(m_text) : &m_number;
+    }
+    uint64_t GetSize() override { return m_text != nullptr ? std::strlen(m_text) + 1 : sizeof m_number; }
+    const char* GetString() override { return m_text; }
+    const void* GetBlock() override { return nullptr; }
+    bool GetBool() override { return false; }
+    int64_t GetInt64() override { return m_number; }
+    float GetFloat() override { return 0; }
+    zumod::IReference* GetObject() override { return nullptr; }
+    zumod::IZUModData* Clone() override {
+        return m_text != nullptr ? new Value(m_text) : new Value(m_number);
+    }
+    uint64_t GetPointer() override { return 0; }
+
+private:
+    const uint32_t m_tag;
+    const char* const m_text = nullptr;
+    const int64_t m_number = 0;
+};
+
+class Policy final : public zumod::IZUModCreatePolicy, private zumod::CReference {
+public:
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    zumod::IZUModData* GetPolicy(const char* key) override {
+        if (std::strcmp(key, zumod::kPolicyInterfaceName) == 0) {
+            return new Value(zumod::kClientCameraPluginName);
+        }
+        if (std::strcmp(key, zumod::kPolicyVersion) == 0) {
+            return new Value(static_cast<int64_t>(zumod::kClientCameraPluginVersion));
+        }
+        return nullptr;
+    }
+};
+
+// Asks for the version and closes.
+class Stream final : public zumod::IChannelStream, private zumod::CReference {
+public:
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    int Read(void* data, unsigned long size, unsigned long* done) override {
+        static constexpr unsigned char kVersionRequest[8] = {0, 0, 0, 0, 10, 0, 0, 0};
+        if (m_read || size < sizeof kVersionRequest) {
+            return -1;
+        }
+        m_read = true;
+        std::memcpy(data, kVersionRequest, sizeof kVersionRequest);
+        *done = sizeof kVersionRequest;
+        return 0;
+    }
+    int Write(const void*, unsigned long size, unsigned long* done) override {
+        written += size;
+        *done = size;
+        return 0;
+    }
+
+    unsigned long written = 0;
+
+private:
+    bool m_read = false;
+};
+
+void OneCycle(const char* path) {
+    void* library = dlopen(path, RTLD_NOW);
+    CHECK(library != nullptr);
+    const auto entry = reinterpret_cast<zumod::EntryPointFunction>(dlsym(library, zumod::kEntryPointName));
+    CHECK(entry != nullptr);
+    const zumod::ZUModDescriptor* module = entry();
+    Runtime runtime;
+    CHECK(module->attach_runtime(&runtime) == 1);
+    {
+        const zumod::CRefPtr_T<zumod::IZUModCreatePolicy> policy(new Policy);
+        zumod::IZUModInterface* face = nullptr;
+        CHECK(module->create(policy.Get(), &face) == 1);
+        const auto plugin = zumod::CRefPtr_T<zumod::IClientCameraPlugin>::Adopt(
+            static_cast<zumod::IClientCameraPlugin*>(static_cast<void*>(face)));
+        const zumod::CRefPtr_T<Stream> stream(new Stream);
+        CHECK(plugin->SetChannelStream(stream.Get()) == 0);
+        CHECK(plugin->Run() == 1);
+        CHECK(stream->written == 12);
+        CHECK(plugin->ExitInstance() == 0);
+    }
+    CHECK(runtime.lines == 12);
+    module->detach_runtime();
+    CHECK(dlclose(library) == 0);
+}
+
+int CountEntries(const char* directory) {
+    DIR* entries = opendir(directory);
+    CHECK(entries != nullptr);
+    int count = 0;
+    while (readdir(entries) != nullptr) {
+        ++count;
+    }
+    closedir(entries);
+    return count;
+}
+
+bool IsMapped(const char* path) {
+    const char* name = std::strrchr(path, '/');
+    std::FILE* maps = std::fopen("/proc/self/maps", "r");
+    CHECK(maps != nullptr);
+    char line[4096];
+    bool mapped = false;
+    while (std::fgets(line, sizeof line, maps) != nullptr) {
+        mapped = mapped || std::strstr(line, name) != nullptr;
+    }
+    std::fclose(maps);
+    return mapped;
+}
+
+struct Holdings {
+    int threads = CountEntries("/proc/self/task");
+    int descriptors = CountEntries("/proc/self/fd");
+    size_t heap_bytes = mallinfo2().uordblks;
+};
+
+void ManyCycles(const char* path, int cycles) {
+    // The first cycles make the C library allocate for itself, once.
+    constexpr int kWarmUpCycles = 3;
+    const auto run = [path](int count) {
+        for (int cycle = 0; cycle < count; ++cycle) {
+            OneCycle(path);
+            CHECK(!IsMapped(path));
+        }
+    };
+    run(kWarmUpCycles);
+    const Holdings before;
+    run(cycles);
+    const Holdings after;
+    CHECK(after.threads == before.threads);
+    CHECK(after.descriptors == before.descriptors);
+    CHECK(after.heap_bytes == before.heap_bytes);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        std::fprintf(stderr, "usage: sdk_host MODULE CYCLES PROCESSES\n");
+        return 2;
+    }
+    const int processes = std::atoi(argv[3]);
+    for (int i = 0; i < processes; ++i) {
+        const pid_t child = fork();
+        CHECK(child >= 0);
+        if (child == 0) {
+            ManyCycles(argv[1], std::atoi(argv[2]));
+            return 0;
+        }
+    }
+    for (int i = 0; i < processes; ++i) {
+        int status = 0;
+        CHECK(wait(&status) > 0);
+        CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    return 0;
+}
