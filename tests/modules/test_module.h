@@ -2,6 +2,8 @@
 // and nothing more.
 #pragma once
 
+#include <atomic>
+
 #include "zumod/zumod.h"
 
 namespace zumod::testing {
@@ -24,7 +26,7 @@ struct CodecRecord {
 
 using CodecRecordFunction = CodecRecord* (*)();
 
-// Defines the module's one export of a real module.
+// Defines the one function that a real module exports.
 #define ZU_TEST_ENTRY_POINT(descriptor)                                                              \
     extern "C" [[gnu::visibility("default")]] const zumod::ZUModDescriptor* zumod_get_entrypoint() { \
         return descriptor;                                                                           \
