@@ -43,10 +43,20 @@ public:
 
     // A Release on a fresh object (count 0) only drives the count to -1: nothing is deleted. Kept as it is.
     int64_t Release() override {
-        const int64_t before = m_references.fetch_sub(1);
-        if (before == 1 && m_lives.fetch_sub(1) == 1) {
+        bool last = false;
+        const int64_t left = DropReference(last);
+        if (last) {
             delete this;
         }
+        return left;
+    }
+
+protected:
+    // Release without the destruction, for a final class whose own Release destroys without going through the
+    // table. Returns the count that is left, and tells whether the object's life is over.
+    int64_t DropReference(bool& last) {
+        const int64_t before = m_references.fetch_sub(1);
+        last = before == 1 && m_lives.fetch_sub(1) == 1;
         return before - 1;
     }
 

@@ -4,9 +4,12 @@
 // without a lock or order: the figure is for people.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 
+#include "base/buffer.h"
 #include "base/mem_alloctor.h"
 #include "zumod/reference.h"
 
@@ -22,11 +25,46 @@ public:
     uint64_t AddRef() override { return CReference::AddRef(); }
     int64_t Release() override { return CReference::Release(); }
 
-    CRefPtr_T<IBuffer> Alloc(uint64_t size) override;
-    bool Free(IBuffer* buffer) override;
+    CRefPtr_T<IBuffer> Alloc(uint64_t size) override { return AllocBuffer(size); }
+
+    bool Free(IBuffer* buffer) override {
+        if (buffer == nullptr) {
+            return false;
+        }
+        std::free(buffer->GetAllocData());
+        return true;
+    }
+
     uint64_t GetMaxSize() override { return m_max_size; }
-    void* ReAlloc(IBuffer* buffer, uint64_t size) override;
-    CRefPtr_T<IBuffer> AllocBuffer(uint64_t size) override;
+
+    void* ReAlloc(IBuffer* buffer, uint64_t size) override {
+        if (buffer == nullptr) {
+            return nullptr;
+        }
+        void* block = std::realloc(buffer->GetAllocData(), size);
+        if (block == nullptr && size != 0) {
+            return nullptr;
+        }
+        m_accounted.fetch_sub(buffer->GetAllocSize(), std::memory_order_relaxed);
+        buffer->Attach(block, size);
+        m_accounted.fetch_add(buffer->GetAllocSize(), std::memory_order_relaxed);
+        return block;
+    }
+
+    CRefPtr_T<IBuffer> AllocBuffer(uint64_t size) override {
+        size = std::min(size, m_max_size);
+        void* block = nullptr;
+        if (size != 0) {
+            block = std::malloc(size);
+            if (block == nullptr) [[unlikely]] {
+                block = std::malloc(size);  // a single retry, deliberately
+                if (block == nullptr) {
+                    return {};
+                }
+            }
+        }
+        return CRefPtr_T<Buffer>(new Buffer(this, block, size));
+    }
 
     // The net change that ReAlloc has made, in unsigned arithmetic: it may wrap.
     uint64_t GetAccountedBytes() const { return m_accounted.load(std::memory_order_relaxed); }
@@ -42,6 +80,7 @@ private:
 
 class CMemBuffer;
 static_assert(sizeof(CMemAlloctorEx<CMemBuffer>) == sizeof(IMemAlloctor) + sizeof(CReference) + 40);
+// In mem_buffer.cpp: where the compiler sees both ends, a buffer's end goes without calls through tables.
 extern template class CMemAlloctorEx<CMemBuffer>;
 
 }  // namespace zumod

@@ -2,20 +2,34 @@
 
 #include <algorithm>
 
+#include "base/mem_alloctor_ex.h"
+
 namespace zumod {
 
-CMemBuffer::CMemBuffer(IMemAlloctor* alloctor, void* data, uint64_t capacity)
-    : m_alloctor(alloctor), m_data(data), m_capacity(capacity) {
-    if (m_alloctor != nullptr) {
-        m_alloctor->AddRef();
+template class CMemAlloctorEx<CMemBuffer>;
+
+[[gnu::always_inline]] inline void CMemBuffer::GiveBack() {
+    if (IMemAlloctor* const alloctor = m_alloctor) {
+        alloctor->Free(this);
+        alloctor->Release();
+        m_alloctor = nullptr;
     }
 }
 
 CMemBuffer::~CMemBuffer() {
-    if (m_alloctor != nullptr) {
-        m_alloctor->Free(this);
-        m_alloctor->Release();
+    GiveBack();
+}
+
+int64_t CMemBuffer::Release() {
+    bool last = false;
+    const int64_t left = DropReference(last);
+    if (last) {
+        // Ahead of the destructor, which would set the object's tables back first for the sake of these
+        // calls.
+        GiveBack();
+        delete this;
     }
+    return left;
 }
 
 uint64_t CMemBuffer::SetSize(uint64_t size) {

@@ -10,11 +10,16 @@ namespace zumod {
 class CMemBuffer final : public IBuffer, private CReference {
 public:
     // Takes over `data` (malloc's, `capacity` bytes, or null with 0) and adds a reference to the allocator.
-    CMemBuffer(IMemAlloctor* alloctor, void* data, uint64_t capacity);
+    CMemBuffer(IMemAlloctor* alloctor, void* data, uint64_t capacity)
+        : m_alloctor(alloctor), m_data(data), m_capacity(capacity) {
+        if (m_alloctor != nullptr) {
+            m_alloctor->AddRef();
+        }
+    }
     ~CMemBuffer() override;
 
     uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
+    int64_t Release() override;
 
     void* GetData() override { return m_data; }
     uint64_t GetSize() override { return m_size; }
@@ -27,6 +32,9 @@ public:
     void* Attach(void* data, uint64_t capacity) override;
 
 private:
+    // Frees the block and drops the reference on the allocator, in this order; a second call does nothing.
+    void GiveBack();
+
     IMemAlloctor* m_alloctor;  // one reference
     void* m_data;
     uint64_t m_size = 0;

@@ -17,7 +17,10 @@ public:
     // Never null. The instance is destroyed by the exit handlers when the module is unloaded.
     static T* GetInstance() {
         T* instance = s_instance.load(std::memory_order_acquire);
-        return instance != nullptr ? instance : CreateInstance();
+        if (instance == nullptr) [[unlikely]] {
+            return CreateInstance();
+        }
+        return instance;
     }
 
 protected:
@@ -25,7 +28,7 @@ protected:
     ~CSingleton_T() = default;
 
 private:
-    [[gnu::noinline]] static T* CreateInstance() {
+    [[gnu::noinline, gnu::cold]] static T* CreateInstance() {
         const LockGuard guard(s_lock);
         static T object;
         s_instance.store(&object, std::memory_order_release);

@@ -2,6 +2,7 @@
 // declared here by hand.
 #include <dlfcn.h>
 #include <elf.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <pthread.h>
@@ -13,7 +14,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <new>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -299,10 +299,10 @@ TEST_F(ModuleLoading, TheDescriptorIsRightInEveryField) {
     EXPECT_NE(descriptor->attach_runtime, nullptr);
     EXPECT_NE(descriptor->detach_runtime, nullptr);
     EXPECT_NE(descriptor->create, nullptr);
-    const std::regex stamp(
-        "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 1-3][0-9] 20[0-9]{2} "
-        "[0-2][0-9]:[0-5][0-9]:[0-6][0-9]");
-    EXPECT_TRUE(std::regex_match(descriptor->build_stamp, stamp)) << descriptor->build_stamp;
+    EXPECT_THAT(
+        descriptor->build_stamp,
+        ::testing::MatchesRegex("(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 1-3][0-9] 20[0-9]{2} "
+                                "[0-2][0-9]:[0-5][0-9]:[0-6][0-9]"));
     EXPECT_EQ(library.Entry(), descriptor) << "one static record";
 }
 
