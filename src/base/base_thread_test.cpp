@@ -244,7 +244,9 @@ TEST(BaseThread, ADetachedThreadRunsOnePassAndIsNeverJoined) {
     EXPECT_TRUE(WaitUntil([&] { return thread.HasExited(); }));
     EXPECT_FALSE(thread.IsRunning());
     EXPECT_EQ(thread.Passes(), 1);
+    EXPECT_NE(FieldsOf(thread).handle, 0U);
     EXPECT_TRUE(thread.Stop());
+    EXPECT_EQ(FieldsOf(thread).handle, 0U);
     EXPECT_EQ(watch.Detaches(), 1);
     EXPECT_EQ(watch.Joins(), 0);
     EXPECT_EQ(FieldsOf(thread).detached, 1) << "kept until the next start";
