@@ -8,7 +8,8 @@
 namespace zumod::device {
 
 int Open(const char* path, int flags) {
-    return ::open(path, flags);
+    // The mode is unused; with it the C library's checked build, too, makes a plain open of this.
+    return ::open(path, flags, 0);
 }
 
 int Close(int descriptor) {

@@ -532,6 +532,10 @@ DeviceDouble::Outcome DeviceDouble::GetFmt(const Camera& camera, v4l2_format& fo
 DeviceDouble::Outcome DeviceDouble::SetFmt(Camera& camera, v4l2_format& format) {
     const Outcome outcome = TryFmt(camera, format);
     if (outcome.result == 0) {
+        if (camera.model.size_after_set) {
+            format.fmt.pix.width = camera.model.size_after_set->width;
+            format.fmt.pix.height = camera.model.size_after_set->height;
+        }
         camera.model.current_size = {format.fmt.pix.width, format.fmt.pix.height};
         camera.model.current_format = format.fmt.pix.pixelformat;
     }

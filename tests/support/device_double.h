@@ -77,6 +77,8 @@ struct CameraModel {
     // What is set on the device, and stays so from one open to the next.
     FrameSize current_size = {640, 480};
     uint32_t current_format = 0;
+    // What a set format comes out as, whatever was asked for.
+    std::optional<FrameSize> size_after_set = std::nullopt;
     // How many buffers are granted, if not as many as asked for.
     std::optional<uint32_t> granted_buffers = std::nullopt;
     uint32_t buffer_length = 4096;

@@ -1,0 +1,378 @@
+#include "capture/sigslot.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "tests/support/raw_slots.h"
+
+namespace {
+
+using sigslot::has_slots;
+using sigslot::has_slots_interface;
+using sigslot::single_threaded;
+using zumod::testing::CallSlot;
+using Data = const unsigned char*;
+using Signal = sigslot::signal5<Data, unsigned long, int, int, int, single_threaded>;
+using ConnectionBase = sigslot::_connection_base5<Data, unsigned long, int, int, int, single_threaded>;
+using Journal = std::vector<std::string>;
+
+class Holder : public has_slots<single_threaded> {
+public:
+    Holder(std::string name, Journal& journal) : m_name(std::move(name)), m_journal(&journal) {}
+
+    void OnFrame(Data data, unsigned long size, int width, int height, int format) {
+        m_journal->push_back(m_name + ' ' + std::to_string(data[0]) + ' ' + std::to_string(size) + ' ' +
+                             std::to_string(width) + 'x' + std::to_string(height) + ' ' +
+                             std::to_string(format));
+    }
+    void OnFrameAgain(Data, unsigned long, int, int, int) { m_journal->push_back(m_name + " again"); }
+    void OnFrameLeave(Data, unsigned long, int, int, int) {
+        m_journal->push_back(m_name + " leaves");
+        leave(this);
+    }
+    void OnFrameThrow(Data, unsigned long, int, int, int) { throw std::runtime_error(m_name); }
+
+    void Rename(const std::string& name) { m_name = name; }
+
+    void (*leave)(Holder*) = nullptr;
+    Signal* signal = nullptr;
+    Holder* victim = nullptr;
+
+private:
+    std::string m_name;
+    Journal* m_journal;
+};
+
+class SigslotTest : public ::testing::Test {
+protected:
+    void Emit(Signal& signal) { signal.emit(m_data, 42, 640, 480, 7); }
+
+    Journal journal;
+
+private:
+    unsigned char m_data[1] = {9};
+};
+
+TEST_F(SigslotTest, ASignalWithoutConnectionsCallsNoOne) {
+    Signal signal;
+    Emit(signal);
+    EXPECT_EQ(journal, Journal{});
+}
+
+TEST_F(SigslotTest, ASlotReceivesTheFiveArguments) {
+    Signal signal;
+    Holder a("a", journal);
+    signal.connect(&a, &Holder::OnFrame);
+    Emit(signal);
+    EXPECT_EQ(journal, Journal{"a 9 42 640x480 7"});
+}
+
+TEST_F(SigslotTest, TheCallOperatorEmits) {
+    Signal signal;
+    Holder a("a", journal);
+    signal.connect(&a, &Holder::OnFrame);
+    const unsigned char data[] = {1};
+    signal(data, 2, 3, 4, 5);
+    EXPECT_EQ(journal, Journal{"a 1 2 3x4 5"});
+}
+
+TEST_F(SigslotTest, SlotsAreCalledInTheOrderOfConnection) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    signal.connect(&b, &Holder::OnFrame);
+    signal.connect(&a, &Holder::OnFrame);
+    signal.connect(&b, &Holder::OnFrameAgain);
+    Emit(signal);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"b 9 42 640x480 7", "a 9 42 640x480 7", "b again", "b 9 42 640x480 7",
+                                "a 9 42 640x480 7", "b again"}));
+}
+
+TEST_F(SigslotTest, ADestroyedHolderIsCalledNoMore) {
+    Signal signal;
+    Holder a("a", journal);
+    {
+        Holder b("b", journal);
+        signal.connect(&b, &Holder::OnFrame);
+        signal.connect(&a, &Holder::OnFrameAgain);
+        signal.connect(&b, &Holder::OnFrameAgain);
+    }
+    Emit(signal);
+    EXPECT_EQ(journal, Journal{"a again"});
+}
+
+TEST_F(SigslotTest, ADestroyedSignalIsForgottenByItsHolders) {
+    // Counts what the signal tells it; has nothing to cut when it goes.
+    struct Spy : has_slots_interface {
+        virtual ~Spy() = default;
+        void signal_connect(sigslot::_signal_base_interface* sender) override { known.push_back(sender); }
+        void signal_disconnect(sigslot::_signal_base_interface* sender) override {
+            forgotten.push_back(sender);
+        }
+        void OnFrame(Data, unsigned long, int, int, int) {}
+        std::vector<sigslot::_signal_base_interface*> known;
+        std::vector<sigslot::_signal_base_interface*> forgotten;
+    };
+    Spy spy;
+    Holder a("a", journal);
+    auto signal = std::make_unique<Signal>();
+    sigslot::_signal_base_interface* const address = signal.get();
+    signal->connect(&spy, &Spy::OnFrame);
+    signal->connect(&a, &Holder::OnFrame);
+    EXPECT_EQ(spy.known, std::vector{address});
+    signal.reset();
+    EXPECT_EQ(spy.forgotten, std::vector{address});
+}
+
+TEST_F(SigslotTest, ASlotThatDisconnectsItselfDoesNotEndTheEmission) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    Holder c("c", journal);
+    b.signal = &signal;
+    b.leave = [](Holder* self) { self->signal->disconnect(self); };
+    signal.connect(&a, &Holder::OnFrameAgain);
+    signal.connect(&b, &Holder::OnFrameLeave);
+    signal.connect(&c, &Holder::OnFrameAgain);
+    Emit(signal);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"a again", "b leaves", "c again", "a again", "c again"}));
+}
+
+TEST_F(SigslotTest, ASlotMayDisconnectThroughItsHolder) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    a.leave = [](Holder* self) { self->disconnect_all(); };
+    signal.connect(&a, &Holder::OnFrameLeave);
+    signal.connect(&b, &Holder::OnFrameAgain);
+    Emit(signal);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"a leaves", "b again", "b again"}));
+}
+
+TEST_F(SigslotTest, AHolderConnectedTwiceInARowMayDisconnectItself) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    a.leave = [](Holder* self) { self->disconnect_all(); };
+    signal.connect(&a, &Holder::OnFrameLeave);
+    signal.connect(&a, &Holder::OnFrameAgain);
+    signal.connect(&b, &Holder::OnFrameAgain);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"a leaves", "b again"}));
+}
+
+TEST_F(SigslotTest, ASlotMayDisconnectTheOneAfterIt) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    Holder c("c", journal);
+    a.signal = &signal;
+    a.victim = &b;
+    a.leave = [](Holder* self) { self->signal->disconnect(self->victim); };
+    signal.connect(&a, &Holder::OnFrameLeave);
+    signal.connect(&b, &Holder::OnFrameAgain);
+    signal.connect(&c, &Holder::OnFrameAgain);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"a leaves", "c again"}));
+}
+
+TEST_F(SigslotTest, ASlotMayDisconnectEveryone) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    a.signal = &signal;
+    a.leave = [](Holder* self) { self->signal->disconnect_all(); };
+    signal.connect(&a, &Holder::OnFrameLeave);
+    signal.connect(&b, &Holder::OnFrameAgain);
+    Emit(signal);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"a leaves"}));
+}
+
+TEST_F(SigslotTest, ASlotMayEmitAgainAndLeaveMeanwhile) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    a.signal = &signal;
+    a.leave = [](Holder* self) {
+        self->disconnect_all();
+        const unsigned char data[] = {1};
+        self->signal->emit(data, 0, 0, 0, 0);
+    };
+    b.leave = [](Holder* self) { self->disconnect_all(); };
+    signal.connect(&a, &Holder::OnFrameLeave);
+    signal.connect(&b, &Holder::OnFrameLeave);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"a leaves", "b leaves"}));
+}
+
+TEST_F(SigslotTest, ASignalIsWholeAfterASlotHasThrown) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    signal.connect(&a, &Holder::OnFrameThrow);
+    signal.connect(&b, &Holder::OnFrameAgain);
+    EXPECT_THROW(Emit(signal), std::runtime_error);
+    signal.disconnect(&a);
+    Emit(signal);
+    EXPECT_EQ(journal, Journal{"b again"});
+}
+
+TEST_F(SigslotTest, ACopiedHolderIsConnectedBehindTheOthers) {
+    Signal signal;
+    auto a = std::make_unique<Holder>("a", journal);
+    Holder b("b", journal);
+    signal.connect(a.get(), &Holder::OnFrameAgain);
+    signal.connect(&b, &Holder::OnFrameAgain);
+    Holder copy(*a);
+    copy.Rename("copy");
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"a again", "b again", "copy again"}));
+
+    journal.clear();
+    a.reset();
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"b again", "copy again"}));
+}
+
+TEST_F(SigslotTest, ACopiedHolderIsCutWhenItGoes) {
+    Signal signal;
+    Holder a("a", journal);
+    signal.connect(&a, &Holder::OnFrameAgain);
+    { const Holder copy(a); }
+    Emit(signal);
+    EXPECT_EQ(journal, Journal{"a again"});
+}
+
+TEST_F(SigslotTest, ACopiedSignalCallsTheSameSlotsAndIsCutByThem) {
+    Holder b("b", journal);
+    Signal signal;
+    auto a = std::make_unique<Holder>("a", journal);
+    signal.connect(a.get(), &Holder::OnFrameAgain);
+    signal.connect(&b, &Holder::OnFrameAgain);
+    Signal copy(signal);
+    Emit(copy);
+    EXPECT_EQ(journal, (Journal{"a again", "b again"}));
+
+    journal.clear();
+    a.reset();
+    Emit(copy);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"b again", "b again"}));
+}
+
+TEST_F(SigslotTest, AHolderOfSeveralSignalsIsCutFromAll) {
+    Signal first;
+    Signal second;
+    {
+        Holder a("a", journal);
+        first.connect(&a, &Holder::OnFrameAgain);
+        second.connect(&a, &Holder::OnFrameAgain);
+        Emit(first);
+        Emit(second);
+    }
+    Emit(first);
+    Emit(second);
+    EXPECT_EQ(journal, (Journal{"a again", "a again"}));
+}
+
+// Sees the locks that an emission takes.
+class CountingPolicy {
+public:
+    virtual ~CountingPolicy() = default;
+    virtual void lock() { ++locks; }
+    virtual void unlock() { --locks; }
+    int locks = 0;
+};
+
+TEST_F(SigslotTest, SlotsRunUnderThePolicysLock) {
+    using CountingSignal = sigslot::signal5<Data, unsigned long, int, int, int, CountingPolicy>;
+    struct Slot : has_slots<CountingPolicy> {
+        void OnFrame(Data, unsigned long, int, int, int) { seen = signal->locks; }
+        CountingSignal* signal = nullptr;
+        int seen = 0;
+    };
+    CountingSignal signal;
+    Slot slot;
+    slot.signal = &signal;
+    signal.connect(&slot, &Slot::OnFrame);
+    signal.emit(nullptr, 0, 0, 0, 0);
+    EXPECT_EQ(slot.seen, 1);
+    EXPECT_EQ(signal.locks, 0);
+}
+
+// The tables that are fixed slot by slot.
+
+TEST_F(SigslotTest, ThePolicysTableIsDestructorPairLockUnlock) {
+    struct Policy : single_threaded {
+        explicit Policy(Journal& target) : journal(&target) {}
+        ~Policy() override { journal->push_back("destroyed"); }
+        void lock() override { journal->push_back("lock"); }
+        void unlock() override { journal->push_back("unlock"); }
+        Journal* journal;
+    };
+    auto* policy = new Policy(journal);
+    CallSlot(policy, 2);
+    CallSlot(policy, 3);
+    CallSlot(policy, 1);
+    EXPECT_EQ(journal, (Journal{"lock", "unlock", "destroyed"}));
+}
+
+TEST_F(SigslotTest, TheSignalsTableIsSlotDisconnectSlotDuplicate) {
+    Signal signal;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    signal.connect(&a, &Holder::OnFrameAgain);
+    const sigslot::_signal_base_interface* face = &signal;
+    CallSlot<void, const has_slots_interface*, has_slots_interface*>(face, 1, &a, &b);
+    Emit(signal);
+    EXPECT_EQ(journal, (Journal{"a again", "b again"}));
+
+    journal.clear();
+    CallSlot<void, has_slots_interface*>(face, 0, &a);
+    Emit(signal);
+    EXPECT_EQ(journal, Journal{"b again"});
+    CallSlot<void, has_slots_interface*>(face, 0, &b);
+}
+
+TEST_F(SigslotTest, TheConnectionsTableIsDestructorPairGetdestEmitCloneDuplicate) {
+    using Connection = sigslot::_connection5<Holder, Data, unsigned long, int, int, int, single_threaded>;
+    Holder a("a", journal);
+    Holder b("b", journal);
+    const unsigned char data[] = {9};
+    ConnectionBase* connection = new Connection(&a, &Holder::OnFrame);
+    EXPECT_EQ(CallSlot<has_slots_interface*>(connection, 2), &a);
+    CallSlot<void, Data, unsigned long, int, int, int>(connection, 3, data, 42, 640, 480, 7);
+    auto* clone = CallSlot<ConnectionBase*>(connection, 4);
+    EXPECT_EQ(clone->getdest(), &a);
+    clone->emit(data, 43, 640, 480, 7);
+    auto* duplicate = CallSlot<ConnectionBase*, has_slots_interface*>(connection, 5, &b);
+    EXPECT_EQ(duplicate->getdest(), &b);
+    duplicate->emit(data, 44, 640, 480, 7);
+    EXPECT_EQ(journal, (Journal{"a 9 42 640x480 7", "a 9 43 640x480 7", "b 9 44 640x480 7"}));
+    CallSlot(connection, 1);
+    CallSlot(clone, 1);
+    CallSlot(duplicate, 1);
+}
+
+TEST_F(SigslotTest, TheBasesStandAsTheyAreFixed) {
+    using Base5 = sigslot::_signal_base5<Data, unsigned long, int, int, int, single_threaded>;
+    using Base = sigslot::_signal_base<single_threaded>;
+    static_assert(std::is_base_of_v<Base5, Signal> && std::is_base_of_v<Base, Base5>);
+    static_assert(std::is_base_of_v<sigslot::_signal_base_interface, Base>);
+    static_assert(std::is_base_of_v<single_threaded, Base>);
+    // The interface comes first: a signal's own table begins with it.
+    const Signal signal;
+    const sigslot::_signal_base_interface* face = &signal;
+    EXPECT_EQ(static_cast<const void*>(face), static_cast<const void*>(&signal));
+}
+
+}  // namespace
