@@ -700,7 +700,7 @@ int DeviceDouble::Select(int count, fd_set* readable, timeval* timeout) {
                 std::chrono::seconds(timeout->tv_sec) + std::chrono::microseconds(timeout->tv_usec);
             outcome = WaitReadable(lock, count - 1, std::min<Clock::duration>(asked, m_longest_wait));
         }
-        if (outcome.result == 0) {
+        if (outcome.result != -1 && outcome.result != 1) {
             EmptySet(readable, count);
         }
         // As the system does: what is left of the time.
