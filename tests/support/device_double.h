@@ -117,8 +117,8 @@ public:
     // The nth such call from now on (1: the next one), and the times - 1 after it, are refused with `error`
     // and have no effect, except that a refused close closes all the same.
     void Fail(DeviceCall call, int error, int nth = 1, int times = 1);
-    // The same with a result of the test's own; without an error errno stays as it was. A wait that is answered
-    // neither -1 nor 1 empties its set.
+    // The same with a result of the test's own; without an error errno stays as it was. A wait that is
+    // answered neither -1 nor 1 empties its set.
     void Answer(DeviceCall call, int result, int error, int nth = 1, int times = 1);
     void ForgetScripts();
     // Run on the calling thread at each such call, before it is recorded or after its effect.

@@ -1,0 +1,81 @@
+// A camera list of four cameras against a bare loop that makes the same calls to the same stand-in devices.
+#include <fcntl.h>
+#include <linux/videodev2.h>
+
+#include <cstdio>
+
+#include "bench/paired.h"
+#include "capture/camera_enumerator.h"
+#include "capture/device_calls.h"
+#include "module/attach_runtime.h"
+#include "tests/support/device_double.h"
+
+namespace zumod::bench {
+namespace {
+
+constexpr double kLimit = 1.15;
+
+class SilentHost final : public IZUModRuntime {
+public:
+    int WriteLog(uint32_t, const char*) override { return 0; }
+    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
+    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
+    IZUModData* GetEnvProperty(const char*) override { return nullptr; }
+};
+
+constexpr uint32_t kSizes[][2] = {
+    {128, 96},  {160, 120},  {176, 144},  {320, 240},  {352, 288},  {640, 480},  {704, 576},   {800, 600},
+    {960, 720}, {1024, 768}, {1152, 864}, {1280, 600}, {1280, 720}, {1440, 900}, {1440, 1080}, {1920, 1080}};
+
+void MakeTheCalls() {
+    for (int index = 0; index < 64; ++index) {
+        char path[20];
+        std::snprintf(path, sizeof(path), "/dev/video%d", index);
+        const int descriptor = device::Open(path, O_RDONLY);
+        if (descriptor < 0) {
+            continue;
+        }
+        uint32_t formats[8];
+        size_t count = 0;
+        v4l2_fmtdesc description{};
+        description.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        while (device::Ioctl(descriptor, VIDIOC_ENUM_FMT, &description) == 0) {
+            formats[count++] = description.pixelformat;
+            ++description.index;
+        }
+        v4l2_format format{};
+        format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        for (const auto& [width, height] : kSizes) {
+            for (size_t each = 0; each < count; ++each) {
+                format.fmt.pix.width = width;
+                format.fmt.pix.height = height;
+                format.fmt.pix.pixelformat = formats[each];
+                benchmark::DoNotOptimize(device::Ioctl(descriptor, VIDIOC_TRY_FMT, &format));
+            }
+        }
+        v4l2_capability capability{};
+        device::Ioctl(descriptor, VIDIOC_QUERYCAP, &capability);
+        benchmark::DoNotOptimize(capability);
+        device::Close(descriptor);
+    }
+}
+
+void BM_CameraListOfFour(benchmark::State& state) {
+    SilentHost host;
+    AttachRuntime(&host);
+    testing::DeviceDouble devices;
+    devices.SetRecording(false);
+    for (int index = 0; index < 4; ++index) {
+        devices.SetCamera(index, {.formats = {{V4L2_PIX_FMT_YUYV, {{320, 240}, {640, 480}}},
+                                              {V4L2_PIX_FMT_MJPEG, {{640, 480}, {1280, 720}, {1920, 1080}}},
+                                              {V4L2_PIX_FMT_NV12, {{640, 480}, {1280, 720}}}}});
+    }
+    RunPaired(
+        state, kLimit, [] { benchmark::DoNotOptimize(CameraEnumerator::GetInstance()->getCameraList()); },
+        MakeTheCalls);
+    DetachRuntime();
+}
+BENCHMARK(BM_CameraListOfFour)->UseManualTime()->MinTime(1);
+
+}  // namespace
+}  // namespace zumod::bench
