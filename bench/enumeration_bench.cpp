@@ -1,4 +1,5 @@
-// A camera list of four cameras against a bare loop that makes the same calls to the same stand-in devices.
+// A camera list of four cameras, with its records and log lines, against a bare loop that makes the same
+// calls to the same stand-in devices and keeps nothing.
 #include <fcntl.h>
 #include <linux/videodev2.h>
 

@@ -3,10 +3,11 @@
 #include <fcntl.h>
 #include <linux/videodev2.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <charconv>
 #include <cstring>
-#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "capture/device_calls.h"
@@ -21,6 +22,9 @@ namespace {
 
 constexpr int kDeviceCount = 64;
 constexpr size_t kPathSize = 20;
+constexpr size_t kPathStartLength = std::string_view("/dev/video").size();
+// Most lines of a camera fit: no more than a hint.
+constexpr size_t kUsualLineSize = 256;
 
 // Closes the device however the block is left, also by an exception.
 class OpenDevice {
@@ -43,32 +47,31 @@ private:
 
 // A fixed array of the kernel's, which may be full to its last byte.
 template <size_t kSize>
-std::string TextOf(const unsigned char (&field)[kSize]) {
+std::string_view TextOf(const unsigned char (&field)[kSize]) {
     const char* text = reinterpret_cast<const char*>(field);
     return {text, strnlen(text, kSize)};
 }
 
-uint64_t SizeKey(const SupportedFormat& format) {
-    return uint64_t{static_cast<uint32_t>(format.width)} << 32 | static_cast<uint32_t>(format.height);
-}
-
-// Fills `resolutions` with the distinct sizes; returns them as " 640x480 1280x720".
-std::string CollectSizes(const std::vector<SupportedFormat>& formats,
-                         std::vector<CameraResolution>& resolutions) {
-    std::set<uint64_t> seen;
-    std::string text;
+// Appends " 640x480" for each distinct size to the text, and the size to `resolutions`.
+void CollectSizes(const std::vector<SupportedFormat>& formats, std::vector<CameraResolution>& resolutions,
+                  std::string& text) {
+    resolutions.reserve(formats.size());
     for (const SupportedFormat& format : formats) {
-        if (seen.insert(SizeKey(format)).second) {
-            resolutions.push_back({format.width, format.height});
-            text += ' ' + std::to_string(format.width) + 'x' + std::to_string(format.height);
+        const CameraResolution size{format.width, format.height};
+        if (std::find(resolutions.begin(), resolutions.end(), size) != resolutions.end()) {
+            continue;
         }
+        resolutions.push_back(size);
+        text += ' ';
+        text += std::to_string(size.width);
+        text += 'x';
+        text += std::to_string(size.height);
     }
-    return text;
 }
 
 void ProbeDevice(int index, std::vector<CameraDeviceInfo>& cameras) {
-    char path[kPathSize];
-    std::snprintf(path, sizeof(path), "/dev/video%d", index);
+    char path[kPathSize] = "/dev/video";
+    std::to_chars(path + kPathStartLength, path + kPathSize - 1, index);
     const OpenDevice device(path);
     if (!device.IsOpen()) {
         return;
@@ -92,10 +95,18 @@ void ProbeDevice(int index, std::vector<CameraDeviceInfo>& cameras) {
     info.name = TextOf(capability.card);
     info.displayName = info.name;
     info.file = path;
-    const std::string sizes = CollectSizes(formats, info.resolutions);
-    const std::string text = " id: " + std::to_string(info.id) + " name: " + info.name +
-                             " bus:  " + TextOf(capability.bus_info) + " file: " + info.file +
-                             " res: " + sizes;
+    std::string text;
+    text.reserve(kUsualLineSize);
+    text += " id: ";
+    text += std::to_string(info.id);
+    text += " name: ";
+    text += info.name;
+    text += " bus:  ";
+    text += TextOf(capability.bus_info);
+    text += " file: ";
+    text += info.file;
+    text += " res: ";
+    CollectSizes(formats, info.resolutions, text);
     cameras.push_back(std::move(info));
     ZuModLog(kLogEvent, "[CameraEnumerator] %s", text.c_str());
 }

@@ -2,6 +2,8 @@
 
 #include <linux/videodev2.h>
 
+#include <iterator>
+
 #include "capture/device_calls.h"
 
 namespace zumod {
@@ -19,6 +21,7 @@ constexpr CandidateSize kCandidateSizes[] = {
 
 std::vector<uint32_t> PixelFormatsOf(int descriptor) {
     std::vector<uint32_t> formats;
+    formats.reserve(8);
     // Zeroed once: only the index changes from one request to the next.
     v4l2_fmtdesc description{};
     description.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -33,6 +36,7 @@ std::vector<uint32_t> PixelFormatsOf(int descriptor) {
 
 bool enumSupportedFormats(int descriptor, std::vector<SupportedFormat>& entries) {
     const std::vector<uint32_t> pixel_formats = PixelFormatsOf(descriptor);
+    entries.reserve(entries.size() + std::size(kCandidateSizes) * pixel_formats.size());
     // Zeroed once: a try starts from what the one before it left in the other fields.
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
