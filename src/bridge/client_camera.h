@@ -16,8 +16,8 @@ class IClientCameraListenter;
 // Open; then any number of SetFormat and SetProperty; finally Close and Release.
 class IClientCamera : public virtual IReference {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object than
-    // its table.
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
+    // than its table.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 

@@ -13,8 +13,8 @@ namespace zumod {
 // handling.
 class IClientCameraListenter : public virtual IReference {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object than
-    // its table.
+    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
+    // than its table.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 

@@ -1,9 +1,10 @@
+#include "bridge/camera_client_linux.h"
 #include "bridge/client_camera.h"
 
 namespace zumod {
 
 CRefPtr_T<IClientCamera> CreateClientCamera() {
-    return {};
+    return CRefPtr_T<IClientCamera>(new CCameraClientLinux);
 }
 
 }  // namespace zumod

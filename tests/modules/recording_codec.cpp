@@ -89,9 +89,11 @@ public:
     }
     bool Encode(IVEncArgs* args) override {
         Tell("[codec] Encode %u bytes", static_cast<unsigned>(args->GetInputSize()));
-        args->PrepareOutput(4);
-        std::memcpy(args->GetOutputData(), "coded", 4);
-        return true;
+        if (g_record.prepares_output) {
+            args->PrepareOutput(4);
+            std::memcpy(args->GetOutputData(), "code", 4);
+        }
+        return g_record.encode_result;
     }
 };
 

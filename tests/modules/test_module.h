@@ -19,6 +19,9 @@ struct CodecRecord {
     std::atomic<int> objects{0};     // alive now
     std::atomic<int> references{0};  // held now on those objects
     std::atomic<IZUModRuntime*> host{nullptr};
+    // What Encode returns, and whether it prepares an output first.
+    std::atomic<bool> encode_result{true};
+    std::atomic<bool> prepares_output{true};
     // While set, each created object keeps its policy alive.
     std::atomic<bool> keep_policy{false};
     std::atomic<IZUModCreatePolicy*> last_policy{nullptr};

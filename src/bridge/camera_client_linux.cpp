@@ -1,0 +1,148 @@
+#include "bridge/camera_client_linux.h"
+
+#include <chrono>
+#include <cstring>
+#include <optional>
+
+#include "bridge/input_format.h"
+#include "bridge/venc_args.h"
+#include "loader/codec_factory.h"
+#include "module/log.h"
+
+namespace zumod {
+namespace {
+
+constexpr uint32_t kImageType = 9;
+// How soon a frame that waits for the lock notices that its capture is being stopped.
+constexpr std::chrono::milliseconds kStopCheckInterval{10};
+
+}  // namespace
+
+CCameraClientLinux::CCameraClientLinux() : m_capture(new LinuxV4L2CameraCapture) {
+    m_capture->SignalCaptureFrame.connect(this, &CCameraClientLinux::OnCaptureFrame);
+}
+
+CCameraClientLinux::~CCameraClientLinux() {
+    // Joined first: the list of connections is not protected against a frame that is being emitted.
+    m_capture->stopCapture();
+    m_capture->SignalCaptureFrame.disconnect_all();
+}
+
+void CCameraClientLinux::SetListener(IClientCameraListenter* listener) {
+    const LockGuard guard(m_lock);
+    m_listener = listener;
+}
+
+void CCameraClientLinux::SetCameraId(uint32_t id) {
+    const LockGuard guard(m_lock);
+    m_camera_id = id;
+}
+
+void CCameraClientLinux::SetFormat(int32_t width, int32_t height, int32_t fps) {
+    const LockGuard guard(m_lock);
+    if (width == m_requested_width && height == m_requested_height && fps == m_fps) {
+        return;
+    }
+    m_requested_width = width;
+    m_requested_height = height;
+    m_fps = fps;
+    m_capture->setFormat(width, height, fps);
+    if (m_started) {
+        m_capture->resetCapture();  // a second restart in a row, deliberately kept
+    }
+}
+
+void CCameraClientLinux::SetProperty(int32_t /*property*/, int32_t /*value*/, int32_t /*automatic*/) {}
+
+void CCameraClientLinux::SetCameraFlag(uint8_t flag) {
+    const LockGuard guard(m_lock);
+    m_camera_flag.store(flag, std::memory_order_relaxed);
+}
+
+uint8_t CCameraClientLinux::GetCameraFlag() {
+    return m_camera_flag.load(std::memory_order_relaxed);
+}
+
+bool CCameraClientLinux::Open() {
+    const LockGuard guard(m_lock);
+    if (!m_started) {
+        m_capture->setDevId(static_cast<int32_t>(m_camera_id));
+        m_capture->setFormat(m_requested_width, m_requested_height, m_fps);
+        m_started = m_capture->startCapture();
+    }
+    return m_started;
+}
+
+int32_t CCameraClientLinux::Close(const uint32_t* /*ignored*/) {
+    const LockGuard guard(m_lock);
+    m_capture->stopCapture();
+    return 0;
+}
+
+void CCameraClientLinux::OnCaptureFrame(const unsigned char* data, unsigned long length, int width,
+                                        int height, int fourcc) {
+    if (LockForFrame()) {
+        HandleFrame(data, length, width, height, fourcc);
+        m_lock.Unlock();
+    }
+}
+
+// Whoever holds the lock may be waiting for this thread to end, with the stop requested: this frame is then
+// dropped instead of waiting for a lock that is given back only after the join.
+bool CCameraClientLinux::LockForFrame() {
+    while (!m_lock.TryLockFor(kStopCheckInterval)) {
+        if (m_capture->isStopping()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void CCameraClientLinux::HandleFrame(const unsigned char* data, unsigned long length, int width, int height,
+                                     int fourcc) {
+    if (m_listener == nullptr) {
+        return;
+    }
+    AdoptRequestedSize();
+    if (m_listener->IsBusy(m_camera_id)) {
+        return;
+    }
+    const std::optional<VideoInputFormat> format =
+        InputFormatOf(width, height, static_cast<uint32_t>(fourcc));
+    if (!format) {
+        char name[5] = {};
+        std::memcpy(name, &fourcc, sizeof fourcc);
+        ZuModLog(kLogFailure, "[CCameraClientLinux] video format not support, %s", name);
+        return;
+    }
+    if (m_encoder == nullptr) {
+        m_encoder = CreateVideoEncoder(kImageType, false, false, false, true);
+    }
+    if (m_encoder != nullptr) {
+        Encode(*format, data, length);
+    }
+}
+
+void CCameraClientLinux::AdoptRequestedSize() {
+    if (m_requested_width == m_encode_width && m_requested_height == m_encode_height) {
+        return;
+    }
+    ZuModLog(kLogTrace, "[CCameraClientLinux] detect encode size change, %dx%d -> %dx%d", m_encode_width,
+             m_encode_height, m_requested_width, m_requested_height);
+    m_encode_width = m_requested_width;
+    m_encode_height = m_requested_height;
+    m_encoder = nullptr;
+}
+
+void CCameraClientLinux::Encode(const VideoInputFormat& format, const unsigned char* data,
+                                unsigned long length) {
+    m_encoder->SetInputFormat(&format);
+    const CRefPtr_T<CVEncArgs> args(new CVEncArgs(data, length));
+    if (m_encoder->Encode(args.Get())) {
+        m_listener->OnVideoPacket(m_camera_id, args->GetOutputData(), args->GetOutputSize());
+    } else {
+        ZuModLog(kLogIgnored, "[CCameraClientLinux] video encode fail");
+    }
+}
+
+}  // namespace zumod

@@ -1,0 +1,508 @@
+#include "bridge/camera_client_linux.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "loader/mod_data.h"
+#include "tests/support/device_double.h"
+#include "tests/support/raw_slots.h"
+#include "tests/support/recording_host.h"
+#include "tests/support/test_modules.h"
+#include "tests/support/wait_until.h"
+
+namespace zumod {
+namespace {
+
+using testing::CallSlot;
+using testing::CodecProbe;
+using testing::DeviceCall;
+using testing::DeviceDouble;
+using testing::LogLine;
+using testing::RecordingHost;
+using testing::WaitUntil;
+
+int Code(const char* text) {
+    int code = 0;
+    std::memcpy(&code, text, sizeof code);
+    return code;
+}
+
+struct Packet {
+    uint32_t camera_id;
+    std::string bytes;
+
+    bool operator==(const Packet&) const = default;
+};
+
+class Listener final : public IClientCameraListenter {
+public:
+    // Borrowed by the camera clients: nobody counts.
+    uint64_t AddRef() override {
+        ADD_FAILURE() << "the listener is borrowed";
+        return 1;
+    }
+    int64_t Release() override { return 1; }
+
+    void OnVideoPacket(uint32_t camera_id, const void* data, unsigned long length) override {
+        const std::lock_guard guard(m_mutex);
+        m_packets.push_back({camera_id, std::string(static_cast<const char*>(data), length)});
+    }
+    void OnAudioPacket(uint32_t, const void*, unsigned long) override { ADD_FAILURE(); }
+    bool IsBusy(uint32_t camera_id) override {
+        last_asked_id = camera_id;
+        work_thread = gettid();
+        ++asked;
+        if (during) {
+            during();
+        }
+        return busy;
+    }
+
+    std::vector<Packet> Packets() const {
+        const std::lock_guard guard(m_mutex);
+        return m_packets;
+    }
+
+    std::atomic<bool> busy{false};
+    std::atomic<int> asked{0};
+    std::atomic<uint32_t> last_asked_id{0};
+    std::atomic<pid_t> work_thread{0};
+    // Run on the capture thread with the client's lock held; set before the camera is opened.
+    std::function<void()> during;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<Packet> m_packets;
+};
+
+// Runs a test's function inside one log line of the module's.
+class HookedHost final : public RecordingHost {
+public:
+    int WriteLog(uint32_t level, const char* text) override {
+        const int result = RecordingHost::WriteLog(level, text);
+        if (hook && std::strstr(text, hook_text.c_str()) != nullptr) {
+            std::exchange(hook, nullptr)();
+        }
+        return result;
+    }
+    std::string hook_text;
+    std::function<void()> hook;
+};
+
+class CameraClientLinux : public ::testing::Test {
+protected:
+    CameraClientLinux() {
+        codec.Record().encode_result = true;
+        codec.Record().prepares_output = true;
+        host.SetProperty("zu.env.modules.dir",
+                         CZUModData::FromText(testing::TestModuleDir("recording").c_str()));
+        AttachRuntime(&host);
+        devices.SetCamera(0, Camera());
+        devices.SetCamera(1, Camera());
+        devices.SetRecording(false);
+    }
+    ~CameraClientLinux() override {
+        client = nullptr;
+        EXPECT_EQ(devices.OpenDescriptors(), 0);
+        EXPECT_EQ(devices.Mappings(), 0);
+        EXPECT_EQ(devices.Misuse(), std::vector<std::string>{});
+        EXPECT_EQ(codec.Record().objects, 0);
+        EXPECT_EQ(codec.Record().references, 0);
+        DetachRuntime();
+    }
+
+    static testing::CameraModel Camera() {
+        return {.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {1280, 720}}}}};
+    }
+
+    // As the plugin does it.
+    bool OpenCamera(uint32_t id, int32_t width = 640, int32_t height = 480, int32_t fps = 15) {
+        client->SetListener(&listener);
+        client->SetCameraId(id);
+        client->SetFormat(width, height, fps);
+        return client->Open();
+    }
+
+    void Frame(int width = 640, int height = 480, const char* fourcc = "NV12") {
+        const unsigned char picture[6] = {};
+        client->OnCaptureFrame(picture, sizeof picture, width, height, Code(fourcc));
+    }
+
+    // The lines that begin with this, in order.
+    std::vector<std::string> Lines(const std::string& start) {
+        std::vector<std::string> found;
+        for (const LogLine& line : host.Lines()) {
+            if (line.text.rfind(start, 0) == 0) {
+                found.push_back(line.text);
+            }
+        }
+        return found;
+    }
+
+    HookedHost host;
+    DeviceDouble devices;
+    Listener listener;
+    CodecProbe codec{"recording"};
+    CRefPtr_T<CCameraClientLinux> client{new CCameraClientLinux};
+};
+
+TEST_F(CameraClientLinux, OpensNothingWhenItIsMade) {
+    EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+    EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 0);
+    client = nullptr;
+    EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{1, "[LinuxV4L2CameraCapture] stopCapture, devid 0"}}));
+}
+
+TEST_F(CameraClientLinux, ItsSlotsStandInTheirOrder) {
+    void* face = static_cast<IClientCamera*>(client.Get());
+    EXPECT_EQ(CallSlot<uint64_t>(face, 2), 2u);
+    EXPECT_EQ(CallSlot<int64_t>(face, 3), 1);
+    CallSlot<void>(face, 4, static_cast<IClientCameraListenter*>(&listener));
+    CallSlot<void>(face, 5, 1u);
+    CallSlot<void>(face, 6, 1280, 720, 30);
+    EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] setFormat, ").size(), 1u);
+    CallSlot<void>(face, 7, 1, 2, 3);
+    EXPECT_EQ(CallSlot<uint8_t>(face, 9), 0);
+    CallSlot<void>(face, 8, uint8_t{0xA5});
+    EXPECT_EQ(CallSlot<uint8_t>(face, 9), 0xA5);
+    EXPECT_TRUE(CallSlot<bool>(face, 10));
+    const uint32_t id = 1;
+    EXPECT_EQ(CallSlot<int32_t>(face, 11, &id), 0);
+    EXPECT_EQ(devices.OpenDescriptors(), 0);
+}
+
+TEST_F(CameraClientLinux, FramesOfAnOpenCameraReachTheListenerEncodedUnderTheCamerasId) {
+    ASSERT_TRUE(OpenCamera(1));
+    devices.PushFrame(1, {.bytes = {1, 2, 3}});
+    EXPECT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
+    EXPECT_EQ(listener.Packets(), (std::vector<Packet>{{1, "code"}}));
+    EXPECT_EQ(listener.last_asked_id, 1u);
+    EXPECT_EQ(client->Close(nullptr), 0);
+    EXPECT_EQ(devices.OpenDescriptors(), 0);
+}
+
+TEST_F(CameraClientLinux, TheFirstFrameMakesTheEncoderAndEachFrameGoesThroughItInOrder) {
+    client->SetListener(&listener);
+    Frame();
+    Frame();
+    EXPECT_EQ(host.Lines(),
+              (std::vector<LogLine>{{8, "[CCameraClientLinux] detect encode size change, 0x0 -> 640x480"},
+                                    {1, "[codec] attach"},
+                                    {1, "[codec] policy zu.module.interface.name 4 IVEncoder"},
+                                    {1, "[codec] policy zu.module.version 2 281474976710658"},
+                                    {1, "[codec] policy zu.codec.policy.imagetype 2 9"},
+                                    {1, "[codec] policy zu.codec.policy.enc.rapid.sub 1 false"},
+                                    {1, "[codec] policy zu.codec.policy.enc.no.stream.header 1 false"},
+                                    {1, "[codec] policy zu.codec.policy.enc.file.record 1 false"},
+                                    {1, "[codec] policy zu.codec.policy.enc.source.rgb 1 true"},
+                                    {1, "[codec] policy zu.codec.policy.dec.screenbuffer null"},
+                                    {1, "[codec] policy zu.codec.policy.dec.target.avformat null"},
+                                    {1, "[codec] create IVEncoder"},
+                                    {1, "[codec] SetProperty zu.codec.property.hardware 1 true"},
+                                    {1, "[codec] SetInputFormat 640x480 stride 640 bits 8"},
+                                    {1, "[codec] Encode 6 bytes"},
+                                    {1, "[codec] SetInputFormat 640x480 stride 640 bits 8"},
+                                    {1, "[codec] Encode 6 bytes"}}));
+    EXPECT_EQ(listener.Packets(), (std::vector<Packet>{{0, "code"}, {0, "code"}}));
+    EXPECT_EQ(codec.Record().objects, 1);
+    EXPECT_EQ(codec.Record().references, 1);
+}
+
+TEST_F(CameraClientLinux, TheEncoderIsToldTheFramesOwnSizeAndNotReplacedForIt) {
+    client->SetListener(&listener);
+    Frame(641, 479, "YUYV");
+    Frame(1280, 720, "BGR4");
+    EXPECT_EQ(Lines("[codec] SetInputFormat"),
+              (std::vector<std::string>{"[codec] SetInputFormat 641x479 stride 1284 bits 16",
+                                        "[codec] SetInputFormat 1280x720 stride 5120 bits 32"}));
+    EXPECT_EQ(Lines("[codec] create").size(), 1u);
+}
+
+TEST_F(CameraClientLinux, WithoutAListenerAFrameIsDroppedInSilence) {
+    Frame();
+    EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+}
+
+TEST_F(CameraClientLinux, WhileTheListenerIsBusyFramesAreDroppedAndNoEncoderIsMade) {
+    listener.busy = true;
+    client->SetListener(&listener);
+    client->SetCameraId(7);
+    Frame();
+    Frame(640, 480, "MJPG");
+    EXPECT_EQ(host.Lines(),
+              (std::vector<LogLine>{{8, "[CCameraClientLinux] detect encode size change, 0x0 -> 640x480"}}));
+    EXPECT_EQ(listener.asked, 2);
+    EXPECT_EQ(listener.last_asked_id, 7u);
+    listener.busy = false;
+    Frame();
+    EXPECT_EQ(listener.Packets().size(), 1u);
+}
+
+TEST_F(CameraClientLinux, EveryFrameOfAFormatThatIsNotSupportedIsOneLine) {
+    client->SetListener(&listener);
+    Frame(640, 480, "MJPG");
+    Frame(640, 480, "MJPG");
+    Frame(640, 480, "H264");
+    EXPECT_EQ(host.Lines(),
+              (std::vector<LogLine>{{8, "[CCameraClientLinux] detect encode size change, 0x0 -> 640x480"},
+                                    {4, "[CCameraClientLinux] video format not support, MJPG"},
+                                    {4, "[CCameraClientLinux] video format not support, MJPG"},
+                                    {4, "[CCameraClientLinux] video format not support, H264"}}));
+    EXPECT_EQ(listener.Packets(), std::vector<Packet>{});
+}
+
+TEST_F(CameraClientLinux, AFrameThatTheEncoderRefusesIsOneLineAndTheEncoderIsKept) {
+    client->SetListener(&listener);
+    codec.Record().encode_result = false;
+    Frame();
+    EXPECT_EQ(host.Lines().back(), (LogLine{2, "[CCameraClientLinux] video encode fail"}));
+    codec.Record().encode_result = true;
+    Frame();
+    EXPECT_EQ(listener.Packets().size(), 1u);
+    EXPECT_EQ(Lines("[codec] create").size(), 1u);
+}
+
+TEST_F(CameraClientLinux, AnEncoderThatPreparedNoOutputGivesAnEmptyFrame) {
+    client->SetListener(&listener);
+    codec.Record().prepares_output = false;
+    Frame();
+    EXPECT_EQ(listener.Packets(), (std::vector<Packet>{{0, ""}}));
+}
+
+TEST_F(CameraClientLinux, WithoutACodecModuleFramesAreDroppedAndItIsLookedForAgain) {
+    host.SetProperty("zu.env.modules.dir", CZUModData::FromText("/nowhere"));
+    client->SetListener(&listener);
+    Frame();
+    EXPECT_EQ(host.Lines(),
+              (std::vector<LogLine>{{8, "[CCameraClientLinux] detect encode size change, 0x0 -> 640x480"},
+                                    {4, "[zumod] module file is not exist"},
+                                    {4, "[client_plugin] load module(zu-codec) fail"}}));
+    host.SetProperty("zu.env.modules.dir", CZUModData::FromText(testing::TestModuleDir("recording").c_str()));
+    Frame();
+    EXPECT_EQ(listener.Packets().size(), 1u);
+}
+
+TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesDoesNothingAtAll) {
+    client->SetFormat(640, 480, 15);
+    EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+    EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 0);
+}
+
+TEST_F(CameraClientLinux, SetFormatOfAnyOtherValueGoesToTheCapture) {
+    client->SetFormat(640, 480, 16);
+    client->SetFormat(640, 720, 16);
+    client->SetFormat(1280, 720, 16);
+    EXPECT_EQ(
+        Lines("[LinuxV4L2CameraCapture] setFormat, "),
+        (std::vector<std::string>{"[LinuxV4L2CameraCapture] setFormat, devid 0, size 640x480 fps 16",
+                                  "[LinuxV4L2CameraCapture] setFormat, devid 0, size 640x720 fps 16",
+                                  "[LinuxV4L2CameraCapture] setFormat, devid 0, size 1280x720 fps 16"}));
+    EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] resetCapture").size(), 3u)
+        << "the capture's own restarts alone";
+}
+
+TEST_F(CameraClientLinux, SetFormatOfAStartedCameraRestartsTwiceAndTheNextFrameGetsANewEncoder) {
+    ASSERT_TRUE(OpenCamera(0));
+    devices.PushFrame(0, {.bytes = {1}});
+    ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
+    host.TakeLines();
+    client->SetFormat(1280, 720, 30);
+    EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] resetCapture").size(), 2u);
+    EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] startCapture success").size(), 2u);
+    EXPECT_EQ(codec.Record().objects, 1) << "replaced by the next frame only";
+    host.TakeLines();
+    devices.PushFrame(0, {.bytes = {1}});
+    ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 2; }));
+    EXPECT_EQ(
+        Lines("[CCameraClientLinux]"),
+        (std::vector<std::string>{"[CCameraClientLinux] detect encode size change, 640x480 -> 1280x720"}));
+    EXPECT_EQ(Lines("[codec] destroy").size(), 1u);
+    EXPECT_EQ(Lines("[codec] create").size(), 1u);
+    EXPECT_EQ(codec.Record().objects, 1);
+}
+
+TEST_F(CameraClientLinux, ANewRateAloneKeepsTheEncoder) {
+    client->SetListener(&listener);
+    Frame();
+    client->SetFormat(640, 480, 30);
+    Frame();
+    EXPECT_EQ(Lines("[CCameraClientLinux] detect").size(), 1u);
+    EXPECT_EQ(Lines("[codec] create").size(), 1u);
+}
+
+TEST_F(CameraClientLinux, OpenSetsTheDeviceThenTheFormatThenStarts) {
+    client->SetCameraId(1);
+    EXPECT_TRUE(client->Open());
+    // The change of device starts the capture already; the start that follows finds it running.
+    EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] setDevId"),
+              (std::vector<std::string>{"[LinuxV4L2CameraCapture] setDevId, from 0 to 1"}));
+    EXPECT_EQ(
+        Lines("[LinuxV4L2CameraCapture] startCapture success"),
+        (std::vector<std::string>{
+            "[LinuxV4L2CameraCapture] startCapture success, devid 1, width 640 height 480 format NV12 fps "
+            "15 setfps 1"}));
+}
+
+TEST_F(CameraClientLinux, OpeningAnotherCameraThanTheFirstAtAnotherSizeStartsTheFirstForAMoment) {
+    ASSERT_TRUE(OpenCamera(1, 1280, 720, 30));
+    std::vector<std::string> started;
+    for (const std::string& line : Lines("[LinuxV4L2CameraCapture] startCapture success, devid ")) {
+        started.push_back(line.substr(0, line.find(" format")));
+    }
+    EXPECT_EQ(started, (std::vector<std::string>{
+                           "[LinuxV4L2CameraCapture] startCapture success, devid 0, width 1280 height 720",
+                           "[LinuxV4L2CameraCapture] startCapture success, devid 1, width 1280 height 720"}));
+}
+
+TEST_F(CameraClientLinux, OpenTwiceStartsOnce) {
+    EXPECT_TRUE(OpenCamera(0));
+    EXPECT_TRUE(WaitUntil([&] {
+        return host.Has({1, "[LinuxV4L2CameraCapture] work thread start, devid 0"});
+    }));
+    host.TakeLines();
+    EXPECT_TRUE(client->Open());
+    EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+    EXPECT_EQ(devices.CallCount(DeviceCall::kStreamOn), 1);
+}
+
+TEST_F(CameraClientLinux, AnOpenThatFailsIsTriedAgainByTheNext) {
+    devices.Fail(DeviceCall::kStreamOn, EBUSY);
+    EXPECT_FALSE(OpenCamera(0));
+    EXPECT_EQ(client->Close(nullptr), 0);
+    EXPECT_TRUE(client->Open());
+}
+
+TEST_F(CameraClientLinux, AnIdThatNoCameraHasFailsToOpen) {
+    EXPECT_FALSE(OpenCamera(2));
+    EXPECT_FALSE(OpenCamera(0xFFFFFFFF));
+}
+
+TEST_F(CameraClientLinux, OpenAfterCloseReturnsTrueWithoutStarting) {
+    ASSERT_TRUE(OpenCamera(0));
+    client->Close(nullptr);
+    host.TakeLines();
+    EXPECT_TRUE(client->Open());
+    EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+    EXPECT_EQ(devices.OpenDescriptors(), 0);
+}
+
+TEST_F(CameraClientLinux, CloseKeepsTheEncoderAndTheEndReleasesIt) {
+    client->SetListener(&listener);
+    Frame();
+    client->Close(nullptr);
+    EXPECT_EQ(codec.Record().objects, 1);
+    client = nullptr;
+    EXPECT_EQ(codec.Record().objects, 0);
+}
+
+TEST_F(CameraClientLinux, SetPropertyDoesNothing) {
+    client->SetProperty(1, 2, 3);
+    EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+}
+
+TEST_F(CameraClientLinux, ItsEndStopsARunningCamera) {
+    ASSERT_TRUE(OpenCamera(0));
+    devices.SetFramePeriod(0, std::chrono::milliseconds(1));
+    EXPECT_TRUE(WaitUntil([&] { return listener.Packets().size() > 3; }));
+    client = nullptr;
+    EXPECT_EQ(devices.OpenDescriptors(), 0);
+    EXPECT_EQ(codec.Record().objects, 0);
+}
+
+// ---- Whoever stops a camera holds the client's lock and waits for the work thread, which may want that
+// lock.
+
+// Whether the kernel says that this thread waits for something.
+bool IsAsleep(pid_t thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const size_t name_end = text.rfind(')');
+    return name_end != std::string::npos && text.substr(name_end + 2, 1) == "S";
+}
+
+class CameraClientLinuxLockOrder : public CameraClientLinux {
+protected:
+    void SetUp() override {
+        devices.After(DeviceCall::kDequeueBuf, [this] { holds_a_frame = true; });
+        devices.Before(DeviceCall::kQueueBuf, [this] { holds_a_frame = false; });
+        devices.Before(DeviceCall::kSelect, [this] { holds_a_frame = false; });
+        ASSERT_TRUE(OpenCamera(0));
+        devices.SetFramePeriod(0, std::chrono::milliseconds(1));
+        ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() > 3; }));
+    }
+
+    // Runs `stop`, which logs "stopCapture" with the client's lock held and the stop not yet requested, and
+    // keeps it there until the work thread sleeps over a frame it has dequeued: past its stop check, in front
+    // of the lock.
+    void StopWithAFrameInFlight(const std::function<void()>& stop) {
+        bool parked = false;
+        host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid";
+        host.hook = [&] {
+            int asleep = 0;
+            parked = WaitUntil([&] {
+                asleep = holds_a_frame && IsAsleep(listener.work_thread) ? asleep + 1 : 0;
+                return asleep == 20;
+            });
+        };
+        stop();
+        EXPECT_TRUE(parked);
+    }
+
+    std::atomic<bool> holds_a_frame{false};
+};
+
+TEST_F(CameraClientLinuxLockOrder, CloseFinishesWithAFrameInFlight) {
+    StopWithAFrameInFlight([&] { client->Close(nullptr); });
+    EXPECT_EQ(devices.OpenDescriptors(), 0);
+}
+
+TEST_F(CameraClientLinuxLockOrder, SetFormatFinishesWithAFrameInFlight) {
+    StopWithAFrameInFlight([&] { client->SetFormat(1280, 720, 30); });
+    EXPECT_EQ(devices.OpenDescriptors(), 1);
+}
+
+// A frame that is being encoded is waited for.
+TEST_F(CameraClientLinux, TheEndWaitsForTheFrameThatIsBeingEncoded) {
+    std::atomic<bool> stopping{false};
+    listener.during = [&] { EXPECT_TRUE(WaitUntil([&] { return stopping.load(); })); };
+    ASSERT_TRUE(OpenCamera(0));
+    devices.PushFrame(0, {.bytes = {1}});
+    ASSERT_TRUE(WaitUntil([&] { return listener.asked == 1; }));
+    host.hook_text = "begin stop work thread";
+    host.hook = [&] { stopping = true; };
+    client = nullptr;
+    EXPECT_EQ(listener.Packets().size(), 1u);
+}
+
+// Opens and closes as fast as a peer could ask for it, with a thousand frames a second under way.
+TEST_F(CameraClientLinux, NeitherOpenAndCloseNorSetFormatEverHangs) {
+#if defined(__SANITIZE_THREAD__)
+    constexpr int kCycles = 1000;
+#else
+    constexpr int kCycles = 10000;
+#endif
+    devices.SetFramePeriod(0, std::chrono::milliseconds(1));
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        ASSERT_TRUE(OpenCamera(0, 640, 480, 15 + cycle % 2)) << cycle;
+        if (cycle % 2 == 0) {
+            ASSERT_TRUE(WaitUntil([&, before = listener.asked.load()] { return listener.asked > before; }));
+        }
+        client->SetFormat(1280, 720, 30);
+        client->Close(nullptr);
+        client = CRefPtr_T<CCameraClientLinux>(new CCameraClientLinux);
+        host.TakeLines();
+    }
+    EXPECT_EQ(devices.OpenDescriptors(), 0);
+}
+
+}  // namespace
+}  // namespace zumod
