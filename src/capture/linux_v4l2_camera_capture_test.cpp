@@ -328,8 +328,8 @@ TEST_F(CaptureTest, WhatTheDriverMakesOfTheFormatIsLoggedAndNotAdopted) {
     model.size_after_set = FrameSize{656, 496};
     devices.SetCamera(3, model);
     devices.SetCamera(1, Nv12Camera());
-    LinuxV4L2CameraCapture capture;
     FrameCollector collector;
+    LinuxV4L2CameraCapture capture;
     capture.SignalCaptureFrame.connect(&collector, &FrameCollector::OnFrame);
     capture.setDevId(1);
     // Its fourth value is the requested width, not the id.
@@ -362,8 +362,8 @@ TEST_F(CaptureTest, AFormatTheDeviceInsistsOnIsAdoptedIfItCanBeCaptured) {
         devices.SetCamera(0, model);
         devices.Fail(DeviceCall::kSetFmt, EBUSY);
         host.Clear();
-        LinuxV4L2CameraCapture capture;
         FrameCollector collector;
+        LinuxV4L2CameraCapture capture;
         capture.SignalCaptureFrame.connect(&collector, &FrameCollector::OnFrame);
         ASSERT_TRUE(capture.startCapture());
         EXPECT_EQ(host.OwnerLines().at(7),
@@ -666,8 +666,8 @@ TEST_F(CaptureTest, SeveralThreadsMayControlOneCapture) {
     devices.SetRecording(false);
     devices.SetCamera(0, {.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {320, 240}}}}});
     devices.SetFramePeriod(0, std::chrono::microseconds(200));
-    LinuxV4L2CameraCapture capture;
     FrameCollector collector;
+    LinuxV4L2CameraCapture capture;
     capture.SignalCaptureFrame.connect(&collector, &FrameCollector::OnFrame);
     std::vector<std::thread> threads;
     for (int number = 0; number < 3; ++number) {
