@@ -4,6 +4,7 @@
 #include <random>
 
 #include "plugin/client_camera.h"
+#include "tests/support/camera_messages.h"
 #include "tests/support/client_camera_double.h"
 #include "tests/support/platform_watch.h"
 #include "tests/support/process_state.h"
@@ -16,26 +17,27 @@ namespace {
 
 using testing::Bytes;
 using testing::CameraScript;
+using testing::CloseBytes;
 using testing::CountDescriptors;
 using testing::CountThreads;
+using testing::kGetListBytes;
+using testing::kVersionReplyBytes;
+using testing::kVersionRequestBytes;
 using testing::LogLine;
+using testing::OpenBytes;
 using testing::PlatformWatch;
 using testing::ScriptedStream;
+using testing::SetFormatBytes;
+using testing::SetPropertyBytes;
 using testing::WaitUntil;
 using testing::operator+;
 
-const Bytes kVersionRequestMessage = {0, 0, 0, 0, 0x0A, 0, 0, 0};
-const Bytes kVersionReplyMessage = {4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0};
-const Bytes kOpen7 = {16, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
-const Bytes kSetProperty7 = {16, 0, 0, 0, 8, 0, 0, 0, 7, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0};
-const Bytes kSetFormat7 = {16, 0, 0, 0, 9, 0, 0, 0, 7, 0, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0, 25, 0, 0, 0};
-const Bytes kClose7 = {4, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0};
-const Bytes kGetList = {0, 0, 0, 0, 1, 0, 0, 0};
 const Bytes kUnknown = {2, 0, 0, 0, 6, 0, 0, 0, 1, 2};
 
 // Every message that a peer may send.
 Bytes WholeSession() {
-    return kVersionRequestMessage + kGetList + kOpen7 + kSetProperty7 + kSetFormat7 + kUnknown + kClose7;
+    return kVersionRequestBytes + kGetListBytes + OpenBytes(7) + SetPropertyBytes(7) + SetFormatBytes(7) +
+           kUnknown + CloseBytes(7);
 }
 
 class BadInput : public testing::LoggingTest {
@@ -51,7 +53,7 @@ protected:
 
     // Everything the plugin took is given back, and it serves another stream.
     void ExpectServesOn() {
-        EXPECT_EQ(Serve(kVersionRequestMessage)->Written(), kVersionReplyMessage);
+        EXPECT_EQ(Serve(kVersionRequestBytes)->Written(), kVersionReplyBytes);
         plugin->SetChannelStream(nullptr);
         EXPECT_EQ(ScriptedStream::Alive(), 0);
     }
@@ -128,7 +130,7 @@ TEST_F(BadInput, TheGreatestLengthThatGetsNoMemoryEndsTheRunAsAFailedReadWould) 
     heap.FailRealloc(kMessageSize, 1);
     host.TakeLines();
     EXPECT_TRUE(
-        Serve(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0x0A, 0, 0, 0} + kVersionRequestMessage)->Written().empty());
+        Serve(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0x0A, 0, 0, 0} + kVersionRequestBytes)->Written().empty());
     EXPECT_EQ(host.Lines(),
               (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
     ExpectServesOn();
@@ -142,17 +144,17 @@ TEST_F(BadInput, ALongMessageOfWhichLittleComes) {
 TEST_F(BadInput, NoMemoryForAHeaderEndsTheRun) {
     PlatformWatch heap;
     heap.FailMalloc(8, 2);  // the allocator tries once more
-    EXPECT_TRUE(Serve(kVersionRequestMessage)->Written().empty());
+    EXPECT_TRUE(Serve(kVersionRequestBytes)->Written().empty());
     ExpectServesOn();
 }
 
 TEST_F(BadInput, NoMemoryForAReplyLeavesItUnsent) {
     PlatformWatch heap;
     heap.FailMalloc(12, 2);
-    EXPECT_EQ(Serve(kVersionRequestMessage + kClose7)->Written(),
+    EXPECT_EQ(Serve(kVersionRequestBytes + CloseBytes(7))->Written(),
               (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0}));
     heap.FailMalloc(16, 2);
-    EXPECT_EQ(Serve(kClose7 + kVersionRequestMessage)->Written(), kVersionReplyMessage);
+    EXPECT_EQ(Serve(CloseBytes(7) + kVersionRequestBytes)->Written(), kVersionReplyBytes);
     ExpectServesOn();
 }
 
@@ -223,7 +225,7 @@ public:
 TEST_F(BadInput, ASinkThatThrowsEndsTheRunWithItsException) {
     ThrowingHost thrower;
     AttachRuntime(&thrower);
-    EXPECT_THROW(Serve(kVersionRequestMessage), std::runtime_error);
+    EXPECT_THROW(Serve(kVersionRequestBytes), std::runtime_error);
     AttachRuntime(&host);
     ExpectServesOn();
 }

@@ -3,6 +3,8 @@
 // Thread rule: Set and Get are [run thread]; Borrow and GiveBack are [send thread], in pairs.
 #pragma once
 
+#include <utility>
+
 #include "base/mutex_lock.h"
 #include "zumod/channel_stream.h"
 #include "zumod/ref_ptr.h"

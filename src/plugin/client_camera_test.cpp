@@ -6,6 +6,7 @@
 #include <atomic>
 #include <thread>
 
+#include "tests/support/camera_messages.h"
 #include "tests/support/client_camera_double.h"
 #include "tests/support/recording_host.h"
 #include "tests/support/scripted_stream.h"
@@ -16,18 +17,12 @@ namespace {
 
 using testing::Bytes;
 using testing::CameraScript;
+using testing::FrameBytes;
 using testing::LogLine;
+using testing::OpenBytes;
 using testing::ScriptedStream;
 using testing::WaitUntil;
 using testing::operator+;
-
-const Bytes kOpen7 = {16, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
-const Bytes kOpen3 = {16, 0, 0, 0, 3, 0, 0, 0, 3, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
-
-Bytes Frame(uint8_t id, const Bytes& encoded) {
-    const auto size = static_cast<uint8_t>(encoded.size());
-    return Bytes{static_cast<uint8_t>(size + 8), 0, 0, 0, 7, 0, 0, 0, id, 0, 0, 0, size, 0, 0, 0} + encoded;
-}
 
 class ClientCameraTest : public testing::LoggingTest {
 protected:
@@ -86,7 +81,7 @@ TEST_F(ClientCameraTest, FramesAreWrittenWholeAndInOrder) {
     plugin->OnVideoPacket(7, "\x01\x02\x03", 3);
     plugin->OnVideoPacket(8, nullptr, 0);
     plugin->OnVideoPacket(9, "\x04", 1);
-    const Bytes expected = Frame(7, {1, 2, 3}) + Frame(8, {}) + Frame(9, {4});
+    const Bytes expected = FrameBytes(7, {1, 2, 3}) + FrameBytes(8, {}) + FrameBytes(9, {4});
     EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == expected.size(); }));
     EXPECT_EQ(stream->Written(), expected);
 }
@@ -129,7 +124,7 @@ TEST_F(ClientCameraTest, RunEmptiesTheQueueFirst) {
     EXPECT_FALSE(plugin->IsBusy(7));
     plugin->OnVideoPacket(8, "\x02", 1);
     EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 17; }));
-    EXPECT_EQ(stream->Written(), Frame(8, {2}));
+    EXPECT_EQ(stream->Written(), FrameBytes(8, {2}));
 }
 
 TEST_F(ClientCameraTest, SetChannelStreamSwapsReferences) {
@@ -150,7 +145,7 @@ TEST_F(ClientCameraTest, SetChannelStreamWithTheSameStreamKeepsIt) {
 }
 
 TEST_F(ClientCameraTest, ExitInstanceClosesCamerasInIdOrderThenReleasesThem) {
-    Connect(kOpen7 + kOpen3);
+    Connect(OpenBytes(7) + OpenBytes(3));
     plugin->Run();
     CameraScript().calls.clear();
     host.TakeLines();
@@ -179,7 +174,7 @@ TEST_F(ClientCameraTest, ExitInstanceKeepsWhatIsQueued) {
 }
 
 TEST_F(ClientCameraTest, DestructionClosesWhatIsOpenInIdOrderAndStopsTheThread) {
-    Connect(kOpen7 + kOpen3);
+    Connect(OpenBytes(7) + OpenBytes(3));
     plugin->Run();
     CameraScript().calls.clear();
     host.TakeLines();
@@ -192,7 +187,7 @@ TEST_F(ClientCameraTest, DestructionClosesWhatIsOpenInIdOrderAndStopsTheThread) 
 }
 
 TEST_F(ClientCameraTest, CamerasStayOpenWhenRunReturnsAndAfterASecondRun) {
-    Connect(kOpen7);
+    Connect(OpenBytes(7));
     plugin->Run();
     EXPECT_EQ(CameraScript().alive, 1);
     const auto second = Connect();
@@ -200,7 +195,7 @@ TEST_F(ClientCameraTest, CamerasStayOpenWhenRunReturnsAndAfterASecondRun) {
     EXPECT_EQ(CameraScript().alive, 1);
     CameraScript().listeners.at(0)->OnVideoPacket(7, "\x05", 1);
     EXPECT_TRUE(WaitUntil([&] { return second->Written().size() == 17; }));
-    EXPECT_EQ(second->Written(), Frame(7, {5}));
+    EXPECT_EQ(second->Written(), FrameBytes(7, {5}));
 }
 
 TEST_F(ClientCameraTest, RunAfterExitInstanceStartsTheSendThreadAgain) {
@@ -267,7 +262,7 @@ TEST_F(ClientCameraTest, FramesFromManyCamerasAndRepliesArriveWhole) {
         ASSERT_LT(id, 4);
         EXPECT_EQ((Bytes{written.begin() + static_cast<std::ptrdiff_t>(at),
                          written.begin() + static_cast<std::ptrdiff_t>(at + 17)}),
-                  Frame(id, {next[id]++}));
+                  FrameBytes(id, {next[id]++}));
     }
 }
 

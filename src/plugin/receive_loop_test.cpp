@@ -4,6 +4,7 @@
 #include <initializer_list>
 
 #include "plugin/client_camera.h"
+#include "tests/support/camera_messages.h"
 #include "tests/support/client_camera_double.h"
 #include "tests/support/recording_host.h"
 #include "tests/support/scripted_stream.h"
@@ -12,14 +13,13 @@ namespace zumod {
 namespace {
 
 using testing::Bytes;
+using testing::CloseBytes;
+using testing::kVersionReplyBytes;
+using testing::kVersionRequestBytes;
 using testing::LogLine;
 using testing::ScriptedStream;
+using testing::StateBytes;
 using testing::operator+;
-
-const Bytes kVersionRequestMessage = {0, 0, 0, 0, 0x0A, 0, 0, 0};
-const Bytes kVersionReplyMessage = {4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0};
-const Bytes kClose9 = {4, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0};
-const Bytes kClosed9 = {8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0};
 
 class ReceiveLoop : public testing::LoggingTest {
 protected:
@@ -35,38 +35,38 @@ protected:
 };
 
 TEST_F(ReceiveLoop, AMessageOfLengthZeroIsDispatched) {
-    EXPECT_EQ(Serve(kVersionRequestMessage)->Written(), kVersionReplyMessage);
+    EXPECT_EQ(Serve(kVersionRequestBytes)->Written(), kVersionReplyBytes);
 }
 
 TEST_F(ReceiveLoop, MessagesFollowOneAnother) {
-    EXPECT_EQ(Serve(kVersionRequestMessage + kClose9 + kVersionRequestMessage)->Written(),
-              kVersionReplyMessage + kClosed9 + kVersionReplyMessage);
+    EXPECT_EQ(Serve(kVersionRequestBytes + CloseBytes(9) + kVersionRequestBytes)->Written(),
+              kVersionReplyBytes + StateBytes(4, 9) + kVersionReplyBytes);
 }
 
 TEST_F(ReceiveLoop, HeadersAndBodiesThatComeInPiecesArePutTogether) {
-    const Bytes input = kVersionRequestMessage + kClose9 + kVersionRequestMessage;
+    const Bytes input = kVersionRequestBytes + CloseBytes(9) + kVersionRequestBytes;
     for (uint64_t chunk = 1; chunk <= 9; ++chunk) {
-        EXPECT_EQ(Serve(input, chunk)->Written(), kVersionReplyMessage + kClosed9 + kVersionReplyMessage)
+        EXPECT_EQ(Serve(input, chunk)->Written(), kVersionReplyBytes + StateBytes(4, 9) + kVersionReplyBytes)
             << chunk;
     }
 }
 
 TEST_F(ReceiveLoop, ReadsAskForTheRestOfTheHeaderThenForTheRestOfTheBody) {
-    EXPECT_EQ(Serve(kClose9, 3)->ReadSizes(), (std::vector<uint64_t>{8, 5, 2, 4, 1}));
-    EXPECT_EQ(Serve(kVersionRequestMessage)->ReadSizes(), (std::vector<uint64_t>{8}));
+    EXPECT_EQ(Serve(CloseBytes(9), 3)->ReadSizes(), (std::vector<uint64_t>{8, 5, 2, 4, 1}));
+    EXPECT_EQ(Serve(kVersionRequestBytes)->ReadSizes(), (std::vector<uint64_t>{8}));
 }
 
 TEST_F(ReceiveLoop, UnknownTypesAreReadWholeAndDropped) {
     for (const uint8_t type : std::initializer_list<uint8_t>{0, 6, 12, 255}) {
-        EXPECT_EQ(Serve(Bytes{3, 0, 0, 0, type, 0, 0, 0, 1, 2, 3} + kVersionRequestMessage)->Written(),
-                  kVersionReplyMessage);
+        EXPECT_EQ(Serve(Bytes{3, 0, 0, 0, type, 0, 0, 0, 1, 2, 3} + kVersionRequestBytes)->Written(),
+                  kVersionReplyBytes);
     }
 }
 
 TEST_F(ReceiveLoop, TypesThatOnlyThePluginSendsAreDropped) {
     for (const uint8_t type : std::initializer_list<uint8_t>{2, 5, 7, 11}) {
-        EXPECT_EQ(Serve(Bytes{4, 0, 0, 0, type, 0, 0, 0, 1, 2, 3, 4} + kVersionRequestMessage)->Written(),
-                  kVersionReplyMessage);
+        EXPECT_EQ(Serve(Bytes{4, 0, 0, 0, type, 0, 0, 0, 1, 2, 3, 4} + kVersionRequestBytes)->Written(),
+                  kVersionReplyBytes);
     }
 }
 
@@ -78,9 +78,9 @@ TEST_F(ReceiveLoop, AnIncompleteMessageEndsTheLoopUnhandled) {
 }
 
 TEST_F(ReceiveLoop, AMegabyteOfBodyIsAccepted) {
-    EXPECT_EQ(Serve(Bytes{0, 0, 0x10, 0, 0x0A, 0, 0, 0} + Bytes(0x100000, 0x55) + kVersionRequestMessage)
-                  ->Written(),
-              kVersionReplyMessage + kVersionReplyMessage);
+    EXPECT_EQ(
+        Serve(Bytes{0, 0, 0x10, 0, 0x0A, 0, 0, 0} + Bytes(0x100000, 0x55) + kVersionRequestBytes)->Written(),
+        kVersionReplyBytes + kVersionReplyBytes);
 }
 
 }  // namespace

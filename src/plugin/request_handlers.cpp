@@ -1,4 +1,6 @@
 // ClientCamera's handlers, one for each request of the peer, and the table that leads to them.
+#include <utility>
+
 #include "capture/camera_enumerator.h"
 #include "module/log.h"
 #include "plugin/client_camera.h"
@@ -59,14 +61,15 @@ bool ClientCamera::OnProtoOpenCamera(const uint8_t* body, unsigned long length, 
     }
     ZuModLog(kLogEvent, "[cameraclient] OnProtoOpenCamera id %d w %d h %d fps %d", id, request->width,
              request->height, request->fps);
-    const CRefPtr_T<IClientCamera> camera = CreateClientCamera();
-    if (camera == nullptr) {
+    CRefPtr_T<IClientCamera> created = CreateClientCamera();
+    if (created == nullptr) {
         ZuModLog(kLogIgnored, "[cameraclient] OnProtoOpenCamera cureent platform not impl");
         return SendCameraState(kCameraFailed, request->id);
     }
-    m_devs[request->id] = camera;
-    if (!OpenCamera(*camera, *request)) {
-        camera->Close(&request->id);
+    // The map's reference is the only one: a camera that does not open is gone before the peer hears of it.
+    IClientCamera& camera = *(m_devs[request->id] = std::move(created));
+    if (!OpenCamera(camera, *request)) {
+        camera.Close(&request->id);
         m_devs.erase(request->id);
         return SendCameraState(kCameraFailed, request->id);
     }

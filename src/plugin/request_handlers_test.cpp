@@ -4,6 +4,7 @@
 #include <initializer_list>
 
 #include "plugin/client_camera.h"
+#include "tests/support/camera_messages.h"
 #include "tests/support/client_camera_double.h"
 #include "tests/support/device_double.h"
 #include "tests/support/recording_host.h"
@@ -14,21 +15,16 @@ namespace {
 
 using testing::Bytes;
 using testing::CameraScript;
+using testing::CloseBytes;
 using testing::LogLine;
+using testing::OpenBytes;
 using testing::ScriptedStream;
+using testing::SetFormatBytes;
+using testing::SetPropertyBytes;
+using testing::StateBytes;
 using testing::operator+;
 
 const Bytes kSixteenBytesForId7 = {7, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
-const Bytes kOpen7 = Bytes{16, 0, 0, 0, 3, 0, 0, 0} + kSixteenBytesForId7;
-const Bytes kClose7 = {4, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0};
-const Bytes kSetProperty7 = {16, 0, 0, 0, 8,    0,    0,    0,    7, 0, 0, 0,
-                             5,  0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0};
-const Bytes kSetFormat7 = {16, 0, 0, 0, 9, 0, 0, 0, 7, 0, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0, 25, 0, 0, 0};
-
-Bytes State(uint8_t state, uint8_t id) {
-    return {8, 0, 0, 0, 5, 0, 0, 0, state, 0, 0, 0, id, 0, 0, 0};
-}
-
 class RequestHandlers : public testing::LoggingTest {
 protected:
     RequestHandlers() {
@@ -95,7 +91,7 @@ TEST_F(RequestHandlers, TheCameraListTellsOfTheDevicesThatAreThereNow) {
 }
 
 TEST_F(RequestHandlers, OpenCallsTheCameraClientInOrderAndAnswersOpen) {
-    EXPECT_EQ(Answer(kOpen7), State(2, 7));
+    EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(2, 7));
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"}}));
     EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 SetListener()", "0 SetCameraId(7)",
@@ -105,10 +101,10 @@ TEST_F(RequestHandlers, OpenCallsTheCameraClientInOrderAndAnswersOpen) {
 }
 
 TEST_F(RequestHandlers, OpenOfAnOpenIdAnswersOpenAndLeavesTheCameraUntouched) {
-    Answer(kOpen7);
+    Answer(OpenBytes(7));
     TakeCalls();
     RequestLines();
-    EXPECT_EQ(Answer(kOpen7), State(2, 7));
+    EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(2, 7));
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{
                   {2, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30 camera not found"}}));
@@ -118,25 +114,25 @@ TEST_F(RequestHandlers, OpenOfAnOpenIdAnswersOpenAndLeavesTheCameraUntouched) {
 
 TEST_F(RequestHandlers, OpenWithoutAnImplementationAnswersFailed) {
     CameraScript().built_in = false;
-    EXPECT_EQ(Answer(kOpen7), State(1, 7));
+    EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(1, 7));
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"},
                                     {2, "[cameraclient] OnProtoOpenCamera cureent platform not impl"}}));
     // Nothing was remembered: a later open tries again.
     CameraScript().built_in = true;
-    EXPECT_EQ(Answer(kOpen7), State(2, 7));
+    EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(2, 7));
 }
 
 TEST_F(RequestHandlers, ACameraThatFailsToOpenIsClosedForgottenAndAnsweredFailed) {
     CameraScript().open_result = false;
-    EXPECT_EQ(Answer(kOpen7), State(1, 7));
+    EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(1, 7));
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"}}));
     EXPECT_EQ(TakeCalls(),
               (std::vector<std::string>{"0 SetListener()", "0 SetCameraId(7)", "0 SetFormat(640, 480, 30)",
                                         "0 Open()", "0 Close(7)", "0 destroyed"}));
     CameraScript().open_result = true;
-    EXPECT_EQ(Answer(kOpen7), State(2, 7));
+    EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(2, 7));
     EXPECT_EQ(CameraScript().created, 2);
 }
 
@@ -150,7 +146,7 @@ TEST_F(RequestHandlers, OpenPassesSignedNumbersOn) {
 }
 
 TEST_F(RequestHandlers, OpenPropertyAndFormatOfAnotherLengthAreIgnored) {
-    Answer(kOpen7);
+    Answer(OpenBytes(7));
     TakeCalls();
     RequestLines();
     for (const uint8_t type : std::initializer_list<uint8_t>{3, 8, 9}) {
@@ -165,66 +161,67 @@ TEST_F(RequestHandlers, OpenPropertyAndFormatOfAnotherLengthAreIgnored) {
 }
 
 TEST_F(RequestHandlers, CloseClosesReleasesAndAnswersClosed) {
-    Answer(kOpen7);
+    Answer(OpenBytes(7));
     TakeCalls();
     RequestLines();
-    EXPECT_EQ(Answer(kClose7), State(4, 7));
+    EXPECT_EQ(Answer(CloseBytes(7)), StateBytes(4, 7));
     EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoCloseCamera id 7"}}));
     EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 Close(7)", "0 destroyed"}));
 }
 
 TEST_F(RequestHandlers, CloseOfAnIdThatWasNeverOpenAnswersClosed) {
-    EXPECT_EQ(Answer(kClose7), State(4, 7));
+    EXPECT_EQ(Answer(CloseBytes(7)), StateBytes(4, 7));
     EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoCloseCamera id 7"}}));
 }
 
 TEST_F(RequestHandlers, CloseOfAnotherIdLeavesTheOpenCameraAlone) {
-    Answer(kOpen7);
+    Answer(OpenBytes(7));
     TakeCalls();
-    EXPECT_EQ(Answer({4, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0}), State(4, 8));
+    EXPECT_EQ(Answer({4, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0}), StateBytes(4, 8));
     EXPECT_EQ(TakeCalls(), (std::vector<std::string>{}));
 }
 
 TEST_F(RequestHandlers, CloseReadsTheFirstFourBytesOfABodyOfAnyLength) {
-    EXPECT_EQ(Answer({0, 0, 0, 0, 4, 0, 0, 0}), State(4, 0));
-    EXPECT_EQ(Answer({1, 0, 0, 0, 4, 0, 0, 0, 9}), State(4, 9));
-    EXPECT_EQ(Answer({6, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0, 1, 1}), State(4, 9));
+    EXPECT_EQ(Answer({0, 0, 0, 0, 4, 0, 0, 0}), StateBytes(4, 0));
+    EXPECT_EQ(Answer({1, 0, 0, 0, 4, 0, 0, 0, 9}), StateBytes(4, 9));
+    EXPECT_EQ(Answer({6, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0, 1, 1}), StateBytes(4, 9));
 }
 
 TEST_F(RequestHandlers, ACameraMayBeOpenedAgainAfterItsClose) {
-    EXPECT_EQ(Answer(kOpen7 + kClose7 + kOpen7), State(2, 7) + State(4, 7) + State(2, 7));
+    EXPECT_EQ(Answer(OpenBytes(7) + CloseBytes(7) + OpenBytes(7)),
+              StateBytes(2, 7) + StateBytes(4, 7) + StateBytes(2, 7));
     EXPECT_EQ(CameraScript().created, 2);
     EXPECT_EQ(CameraScript().alive, 1);
 }
 
 TEST_F(RequestHandlers, SetPropertyGoesToTheOpenCameraAndIsNotAnswered) {
-    Answer(kOpen7);
+    Answer(OpenBytes(7));
     TakeCalls();
     RequestLines();
-    EXPECT_EQ(Answer(kSetProperty7), Bytes{});
+    EXPECT_EQ(Answer(SetPropertyBytes(7)), Bytes{});
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetProperty id 7 prop 5 value -2 auto 1"}}));
     EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 SetProperty(5, -2, 1)"}));
 }
 
 TEST_F(RequestHandlers, SetPropertyOfAnIdThatIsNotOpenIsOnlyLogged) {
-    EXPECT_EQ(Answer(kSetProperty7), Bytes{});
+    EXPECT_EQ(Answer(SetPropertyBytes(7)), Bytes{});
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetProperty id 7 prop 5 value -2 auto 1"}}));
 }
 
 TEST_F(RequestHandlers, SetFormatGoesToTheOpenCameraAndIsNotAnswered) {
-    Answer(kOpen7);
+    Answer(OpenBytes(7));
     TakeCalls();
     RequestLines();
-    EXPECT_EQ(Answer(kSetFormat7), Bytes{});
+    EXPECT_EQ(Answer(SetFormatBytes(7)), Bytes{});
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetFormat id 7 w 1280 h 720 fps 25"}}));
     EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 SetFormat(1280, 720, 25)"}));
 }
 
 TEST_F(RequestHandlers, SetFormatOfAnIdThatIsNotOpenIsOnlyLogged) {
-    EXPECT_EQ(Answer(kSetFormat7), Bytes{});
+    EXPECT_EQ(Answer(SetFormatBytes(7)), Bytes{});
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetFormat id 7 w 1280 h 720 fps 25"}}));
 }
@@ -235,40 +232,40 @@ TEST_F(RequestHandlers, AHandlerReturnsFalseForAnIgnoredRequestAlone) {
         return plugin->OnMessage(message.data(), message.size(), nullptr);
     };
     EXPECT_TRUE(result({0, 0, 0, 0, 0x0A, 0, 0, 0}));
-    EXPECT_TRUE(result(kOpen7));
-    EXPECT_TRUE(result(kOpen7));
-    EXPECT_TRUE(result(kSetProperty7));
-    EXPECT_TRUE(result(kSetFormat7));
-    EXPECT_TRUE(result(kClose7));
-    EXPECT_TRUE(result(kClose7));
-    EXPECT_TRUE(result(kSetProperty7));
-    EXPECT_TRUE(result(kSetFormat7));
+    EXPECT_TRUE(result(OpenBytes(7)));
+    EXPECT_TRUE(result(OpenBytes(7)));
+    EXPECT_TRUE(result(SetPropertyBytes(7)));
+    EXPECT_TRUE(result(SetFormatBytes(7)));
+    EXPECT_TRUE(result(CloseBytes(7)));
+    EXPECT_TRUE(result(CloseBytes(7)));
+    EXPECT_TRUE(result(SetPropertyBytes(7)));
+    EXPECT_TRUE(result(SetFormatBytes(7)));
     for (const uint8_t type : std::initializer_list<uint8_t>{3, 8, 9}) {
         EXPECT_FALSE(result({0, 0, 0, 0, type, 0, 0, 0}));
     }
     CameraScript().open_result = false;
-    EXPECT_TRUE(result(kOpen7));
+    EXPECT_TRUE(result(OpenBytes(7)));
     CameraScript().built_in = false;
-    EXPECT_TRUE(result(kOpen7));
+    EXPECT_TRUE(result(OpenBytes(7)));
 }
 
 TEST_F(RequestHandlers, RepliesTakeAReferenceOnTheStreamForTheirWrite) {
     const CRefPtr_T<ScriptedStream> stream(new ScriptedStream);
     plugin->SetChannelStream(stream.Get());
     const uint64_t before = stream->AddRefs();
-    plugin->OnMessage(kClose7.data(), kClose7.size(), nullptr);
+    plugin->OnMessage(CloseBytes(7).data(), CloseBytes(7).size(), nullptr);
     EXPECT_EQ(stream->AddRefs(), before + 1);
     stream->AddRef();
     EXPECT_EQ(stream->Release(), 2);  // this test's and the plugin's
 }
 
 TEST_F(RequestHandlers, RepliesWriteOnAfterAPartialWriteAndStopAtAFailedOne) {
-    const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(kClose7 + kClose7));
+    const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(CloseBytes(7) + CloseBytes(7)));
     stream->write_chunk = 1;
     stream->fail_write_after = 20;
     plugin->SetChannelStream(stream.Get());
     EXPECT_EQ(plugin->Run(), 1);
-    Bytes expected = State(4, 7) + State(4, 7);
+    Bytes expected = StateBytes(4, 7) + StateBytes(4, 7);
     expected.resize(20);
     EXPECT_EQ(stream->Written(), expected);
     EXPECT_EQ(stream->WriteCalls(), 21u);
@@ -278,7 +275,7 @@ TEST_F(RequestHandlers, RepliesWriteOnAfterAPartialWriteAndStopAtAFailedOne) {
 }
 
 TEST_F(RequestHandlers, WithoutAStreamNothingIsWritten) {
-    EXPECT_TRUE(plugin->OnMessage(kClose7.data(), kClose7.size(), nullptr));
+    EXPECT_TRUE(plugin->OnMessage(CloseBytes(7).data(), CloseBytes(7).size(), nullptr));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/create_buffer.h"
+#include "tests/support/buffer_references.h"
 #include "tests/support/wait_until.h"
 
 namespace zumod {
@@ -16,6 +17,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using testing::OtherReferences;
 using testing::WaitUntil;
 
 CRefPtr_T<IBuffer> Message(uint32_t number) {
@@ -26,12 +28,6 @@ uint32_t NumberOf(IBuffer& message) {
     uint32_t number = 0;
     std::memcpy(&number, message.GetData(), sizeof number);
     return number;
-}
-
-// The references on a buffer beside the one that asks.
-int64_t OtherReferences(IBuffer& buffer) {
-    buffer.AddRef();
-    return buffer.Release() - 1;
 }
 
 TEST(SendQueue, GivesMessagesInTheOrderTheyCame) {

@@ -1,4 +1,6 @@
-// Reading and writing a whole range of bytes on a stream that may do less in one call.
+// Writing a whole range of bytes to a stream that may take less in one call.
+//
+// Thread rule: [run thread, send thread].
 #pragma once
 
 #include <cstdint>

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <string>
@@ -37,6 +38,8 @@ public:
     uint64_t write_chunk = kUnlimited;
     // Fail once this many bytes were written in all.
     uint64_t fail_write_after = kUnlimited;
+    // Called before each write, on its thread.
+    std::function<void()> on_write;
 
     uint64_t AddRef() override {
         ++m_add_refs;
@@ -58,6 +61,9 @@ public:
     }
 
     int Write(const void* data, unsigned long size, unsigned long* done) override {
+        if (on_write) {
+            on_write();
+        }
         const std::lock_guard guard(m_mutex);
         ++m_write_calls;
         if (m_written.size() >= fail_write_after) {
