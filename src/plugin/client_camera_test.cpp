@@ -115,6 +115,15 @@ TEST_F(ClientCameraTest, IsBusyFromTheSixthQueuedFrameOn) {
     EXPECT_TRUE(plugin->IsBusy(7));
 }
 
+TEST_F(ClientCameraTest, AudioIsOneLineAndQueuesNothing) {
+    host.TakeLines();
+    for (int i = 0; i < 6; ++i) {
+        plugin->OnAudioPacket(7, "\x01", 1);
+    }
+    EXPECT_EQ(host.Lines(), std::vector<LogLine>(6, {2, "[cameraclient] OnAudioPacket ignored"}));
+    EXPECT_FALSE(plugin->IsBusy(7));
+}
+
 TEST_F(ClientCameraTest, RunEmptiesTheQueueFirst) {
     for (int i = 0; i < 6; ++i) {
         plugin->OnVideoPacket(7, "\x01", 1);

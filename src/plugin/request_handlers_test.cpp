@@ -94,7 +94,7 @@ TEST_F(RequestHandlers, OpenCallsTheCameraClientInOrderAndAnswersOpen) {
     EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(2, 7));
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"}}));
-    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 SetListener()", "0 SetCameraId(7)",
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 created", "0 SetListener()", "0 SetCameraId(7)",
                                                      "0 SetFormat(640, 480, 30)", "0 Open()"}));
     EXPECT_EQ(CameraScript().listeners.at(0), static_cast<IClientCameraListenter*>(plugin.Get()));
     EXPECT_EQ(CameraScript().alive, 1);
@@ -128,9 +128,9 @@ TEST_F(RequestHandlers, ACameraThatFailsToOpenIsClosedForgottenAndAnsweredFailed
     EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(1, 7));
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"}}));
-    EXPECT_EQ(TakeCalls(),
-              (std::vector<std::string>{"0 SetListener()", "0 SetCameraId(7)", "0 SetFormat(640, 480, 30)",
-                                        "0 Open()", "0 Close(7)", "0 destroyed"}));
+    EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 created", "0 SetListener()", "0 SetCameraId(7)",
+                                                     "0 SetFormat(640, 480, 30)", "0 Open()", "0 Close(7)",
+                                                     "0 destroyed"}));
     CameraScript().open_result = true;
     EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(2, 7));
     EXPECT_EQ(CameraScript().created, 2);
@@ -142,7 +142,7 @@ TEST_F(RequestHandlers, OpenPassesSignedNumbersOn) {
         (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0, 255, 255, 255, 255}));
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id -1 w -1 h -2147483648 fps 0"}}));
-    EXPECT_EQ(TakeCalls().at(1), "0 SetCameraId(4294967295)");
+    EXPECT_EQ(TakeCalls().at(2), "0 SetCameraId(4294967295)");
 }
 
 TEST_F(RequestHandlers, OpenPropertyAndFormatOfAnotherLengthAreIgnored) {

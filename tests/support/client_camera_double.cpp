@@ -6,7 +6,10 @@ namespace {
 
 class ClientCameraDouble final : public IClientCamera, private CReference {
 public:
-    ClientCameraDouble() : m_number(CameraScript().created++) { ++CameraScript().alive; }
+    ClientCameraDouble() : m_number(CameraScript().created++) {
+        Record("created");
+        ++CameraScript().alive;
+    }
     ~ClientCameraDouble() override {
         Record("destroyed");
         --CameraScript().alive;
@@ -29,7 +32,10 @@ public:
                std::to_string(automatic) + ")");
     }
     void SetCameraFlag(uint8_t flag) override { Record("SetCameraFlag(" + std::to_string(flag) + ")"); }
-    uint8_t GetCameraFlag() override { return 0; }
+    uint8_t GetCameraFlag() override {
+        Record("GetCameraFlag()");
+        return 0xC3;
+    }
     bool Open() override {
         Record("Open()");
         return CameraScript().open_result;

@@ -1,0 +1,71 @@
+// IClientCamera and IClientCameraListenter through their raw tables.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "bridge/client_camera.h"
+#include "bridge/client_camera_listenter.h"
+#include "tests/support/client_camera_double.h"
+#include "tests/support/raw_slots.h"
+
+namespace zumod {
+namespace {
+
+using testing::CallSlot;
+using testing::CameraScript;
+using Calls = std::vector<std::string>;
+
+class ListenerDouble final : public IClientCameraListenter, private CReference {
+public:
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+    void OnVideoPacket(uint32_t id, const void* data, unsigned long length) override {
+        calls.push_back("video " + std::to_string(id) + " " +
+                        std::string(static_cast<const char*>(data), length));
+    }
+    void OnAudioPacket(uint32_t id, const void*, unsigned long) override {
+        calls.push_back("audio " + std::to_string(id));
+    }
+    bool IsBusy(uint32_t id) override { return id == 7; }
+
+    Calls calls;
+};
+
+TEST(ClientCameraInterface, ACameraHoldsEightOperationsBehindTheReferenceCount) {
+    CameraScript() = {};
+    const CRefPtr_T<IClientCamera> camera = CreateClientCamera();
+    const CRefPtr_T<ListenerDouble> listener(new ListenerDouble);
+    const void* face = camera.Get();
+    EXPECT_EQ(CallSlot<uint64_t>(face, 2), 2u);
+    EXPECT_EQ(CallSlot<int64_t>(face, 3), 1);
+    CallSlot<void>(face, 4, static_cast<IClientCameraListenter*>(listener.Get()));
+    CallSlot<void>(face, 5, 0xFFFFFFFFu);
+    CallSlot<void>(face, 6, 640, -480, 30);
+    CallSlot<void>(face, 7, 5, -2, 1);
+    CallSlot<void>(face, 8, uint8_t{200});
+    EXPECT_EQ(CallSlot<uint8_t>(face, 9), 0xC3);
+    EXPECT_TRUE(CallSlot<bool>(face, 10));
+    const uint32_t id = 9;
+    EXPECT_EQ(CallSlot<int32_t>(face, 11, &id), 0);
+    EXPECT_EQ(CameraScript().listeners, (std::vector<IClientCameraListenter*>{listener.Get()}));
+    EXPECT_EQ(CameraScript().calls,
+              (Calls{"0 created", "0 SetListener()", "0 SetCameraId(4294967295)",
+                     "0 SetFormat(640, -480, 30)", "0 SetProperty(5, -2, 1)", "0 SetCameraFlag(200)",
+                     "0 GetCameraFlag()", "0 Open()", "0 Close(9)"}));
+}
+
+TEST(ClientCameraInterface, AListenerHoldsThreeOperationsBehindTheReferenceCount) {
+    const CRefPtr_T<ListenerDouble> listener(new ListenerDouble);
+    const void* face = static_cast<IClientCameraListenter*>(listener.Get());
+    EXPECT_EQ(CallSlot<uint64_t>(face, 2), 2u);
+    EXPECT_EQ(CallSlot<int64_t>(face, 3), 1);
+    CallSlot<void>(face, 4, 7u, "abc", 3ul);
+    CallSlot<void>(face, 5, 8u, "abc", 3ul);
+    EXPECT_TRUE(CallSlot<bool>(face, 6, 7u));
+    EXPECT_FALSE(CallSlot<bool>(face, 6, 8u));
+    EXPECT_EQ(listener->calls, (Calls{"video 7 abc", "audio 8"}));
+}
+
+}  // namespace
+}  // namespace zumod

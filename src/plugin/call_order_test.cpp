@@ -1,0 +1,145 @@
+// One trace of everything the plugin does that others see: log lines, calls on camera clients, answers.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "plugin/client_camera.h"
+#include "tests/support/camera_messages.h"
+#include "tests/support/client_camera_double.h"
+#include "tests/support/device_double.h"
+#include "tests/support/platform_watch.h"
+#include "tests/support/recording_host.h"
+#include "tests/support/scripted_stream.h"
+
+namespace zumod {
+namespace {
+
+using testing::Bytes;
+using testing::CameraScript;
+using testing::CloseBytes;
+using testing::kGetListBytes;
+using testing::kVersionRequestBytes;
+using testing::OpenBytes;
+using testing::PlatformWatch;
+using testing::ScriptedStream;
+using testing::SetFormatBytes;
+using testing::SetPropertyBytes;
+using testing::operator+;
+using Trace = std::vector<std::string>;
+
+// Logs into the same sequence as the camera clients' calls.
+class TracingHost final : public testing::RecordingHost {
+public:
+    int WriteLog(uint32_t, const char* text) override {
+        CameraScript().calls.emplace_back(text);
+        threads[text] = watch.ThreadsCreated() - watch.Joins();
+        return 0;
+    }
+
+    PlatformWatch watch;
+    // How many threads ran at the last line of this text.
+    std::map<std::string, int> threads;
+};
+
+class CallOrder : public ::testing::Test {
+protected:
+    CallOrder() {
+        CameraScript() = {};
+        AttachRuntime(&host);
+        plugin = CRefPtr_T<ClientCamera>(new ClientCamera);
+    }
+    ~CallOrder() override {
+        plugin = nullptr;
+        DetachRuntime();
+    }
+
+    // Everything that is done for these requests between Run's own two lines.
+    Trace Serve(const Bytes& requests) {
+        const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(requests));
+        stream->on_write = [] { CameraScript().calls.emplace_back("answer"); };
+        plugin->SetChannelStream(stream.Get());
+        CameraScript().calls.clear();
+        plugin->Run();
+        plugin->SetChannelStream(nullptr);
+        const Trace trace = TakeTrace();
+        EXPECT_GE(trace.size(), 2u);
+        return {trace.begin() + 1, trace.end() - 1};
+    }
+
+    static Trace TakeTrace() { return std::exchange(CameraScript().calls, {}); }
+
+    testing::DeviceDouble devices;
+    TracingHost host;
+    CRefPtr_T<ClientCamera> plugin;
+};
+
+TEST_F(CallOrder, VersionAndListAreLoggedThenAnswered) {
+    EXPECT_EQ(Serve(kVersionRequestBytes), (Trace{"[cameraclient] version req", "answer"}));
+    EXPECT_EQ(Serve(kGetListBytes), (Trace{"[cameraclient] OnProtoGetCameraList, count 0", "answer"}));
+}
+
+TEST_F(CallOrder, OpenIsLoggedThenDoneThenAnswered) {
+    EXPECT_EQ(Serve(OpenBytes(7)), (Trace{"[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30",
+                                          "0 created", "0 SetListener()", "0 SetCameraId(7)",
+                                          "0 SetFormat(640, 480, 30)", "0 Open()", "answer"}));
+    EXPECT_EQ(Serve(OpenBytes(7)),
+              (Trace{"[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30 camera not found", "answer"}));
+}
+
+TEST_F(CallOrder, ACameraThatFailsToOpenIsGoneBeforeItsAnswer) {
+    CameraScript().open_result = false;
+    EXPECT_EQ(Serve(OpenBytes(7)),
+              (Trace{"[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30", "0 created",
+                     "0 SetListener()", "0 SetCameraId(7)", "0 SetFormat(640, 480, 30)", "0 Open()",
+                     "0 Close(7)", "0 destroyed", "answer"}));
+}
+
+TEST_F(CallOrder, AMissingImplementationIsLoggedThenAnswered) {
+    CameraScript().built_in = false;
+    EXPECT_EQ(Serve(OpenBytes(7)),
+              (Trace{"[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30",
+                     "[cameraclient] OnProtoOpenCamera cureent platform not impl", "answer"}));
+}
+
+TEST_F(CallOrder, PropertyAndFormatAreLoggedThenPassedOn) {
+    Serve(OpenBytes(7));
+    EXPECT_EQ(
+        Serve(SetPropertyBytes(7) + SetFormatBytes(7)),
+        (Trace{"[cameraclient] OnProtoSetProperty id 7 prop 5 value -2 auto 1", "0 SetProperty(5, -2, 1)",
+               "[cameraclient] OnProtoSetFormat id 7 w 1280 h 720 fps 25", "0 SetFormat(1280, 720, 25)"}));
+}
+
+TEST_F(CallOrder, CloseIsLoggedThenDoneThenAnswered) {
+    Serve(OpenBytes(7));
+    EXPECT_EQ(Serve(CloseBytes(7)),
+              (Trace{"[cameraclient] OnProtoCloseCamera id 7", "0 Close(7)", "0 destroyed", "answer"}));
+}
+
+TEST_F(CallOrder, ExitInstanceClosesBetweenItsLines) {
+    Serve(OpenBytes(7));
+    plugin->ExitInstance();
+    EXPECT_EQ(TakeTrace(),
+              (Trace{"[cameraclient] ExitInstance", "[cameraclient] start to clear devs", "0 Close()",
+                     "0 destroyed", "[cameraclient] finish to clear devs",
+                     "[cameraclient] start to stop send thread", "[cameraclient] ExitInstance finish"}));
+}
+
+TEST_F(CallOrder, DestructionClosesBetweenItsLines) {
+    Serve(OpenBytes(7));
+    plugin = nullptr;
+    EXPECT_EQ(TakeTrace(), (Trace{"[cameraclient] destroy", "0 Close()", "0 destroyed",
+                                  "[cameraclient] finish to clear devs"}));
+}
+
+TEST_F(CallOrder, TheSendThreadRunsFromRunToExitInstance) {
+    plugin->Run();
+    EXPECT_EQ(host.threads.at("[cameraclient] create"), 0);
+    EXPECT_EQ(host.threads.at("[cameraclient] Run start"), 0);
+    EXPECT_EQ(host.threads.at("[cameraclient] Run return"), 1);
+    plugin->ExitInstance();
+    EXPECT_EQ(host.threads.at("[cameraclient] start to stop send thread"), 1);
+    EXPECT_EQ(host.threads.at("[cameraclient] ExitInstance finish"), 0);
+}
+
+}  // namespace
+}  // namespace zumod
