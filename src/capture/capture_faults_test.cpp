@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "capture/capture_fixture.h"
+#include "tests/support/capture_fixture.h"
 
 namespace zumod::testing {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <type_traits>
 
-#include "capture/capture_fixture.h"
+#include "tests/support/capture_fixture.h"
 
 namespace zumod::testing {
 namespace {
