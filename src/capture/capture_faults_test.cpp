@@ -15,6 +15,10 @@ struct Errno {
 constexpr Errno kErrnos[] = {{EIO, "EIO"},       {ENODEV, "ENODEV"}, {EBUSY, "EBUSY"},
                              {EINVAL, "EINVAL"}, {ENOMEM, "ENOMEM"}, {EINTR, "EINTR"}};
 
+void PrintTo(const Errno& error, std::ostream* out) {
+    *out << error.name;
+}
+
 struct Fault {
     const char* name;
     DeviceCall call;
@@ -304,7 +308,7 @@ protected:
     void ExpectIdle(int mappings) {
         EXPECT_EQ(devices.OpenDescriptors(), 0);
         EXPECT_EQ(devices.Mappings(), mappings);
-        EXPECT_TRUE(WaitUntil([this] { return ThreadCount() == threads_before; }));
+        EXPECT_TRUE(WaitUntil([this] { return ThreadCount() <= threads_before; }));
     }
     void ExpectNextStartWorks() {
         devices.ForgetScripts();
@@ -316,6 +320,7 @@ protected:
         EXPECT_EQ(collector.Frames().back().bytes, std::vector<uint8_t>{77});
     }
 
+    // A thread that was joined may be listed for a moment longer, so this may count the last test's.
     const long threads_before = ThreadCount();
     FrameCollector collector;
     LinuxV4L2CameraCapture capture;

@@ -387,5 +387,21 @@ TEST_F(CaptureWorkLoopTest, AThousandFramesASecondAreDeliveredInOrder) {
     }
 }
 
+TEST_F(CaptureWorkLoopTest, FiveHundredStartsAndStopsInAFullStreamLeaveNothingBehind) {
+    devices.SetRecording(false);
+    devices.SetFramePeriod(0, std::chrono::microseconds(1000));
+    for (int round = 0; round < 500; ++round) {
+        ASSERT_TRUE(capture.startCapture());
+        // Some are stopped before their first frame, some after it.
+        if (round % 2 == 0) {
+            ASSERT_TRUE(WaitForFrames(collector, collector.Count() + 1));
+        }
+        capture.stopCapture();
+        ASSERT_EQ(devices.OpenDescriptors(), 0);
+        ASSERT_EQ(devices.Mappings(), 0);
+    }
+    EXPECT_GE(collector.Count(), 250u);
+}
+
 }  // namespace
 }  // namespace zumod::testing
