@@ -249,14 +249,19 @@ TEST_F(RequestHandlers, AHandlerReturnsFalseForAnIgnoredRequestAlone) {
     EXPECT_TRUE(result(OpenBytes(7)));
 }
 
-TEST_F(RequestHandlers, RepliesTakeAReferenceOnTheStreamForTheirWrite) {
+TEST_F(RequestHandlers, RepliesHoldAReferenceOnTheStreamForTheirWrite) {
     const CRefPtr_T<ScriptedStream> stream(new ScriptedStream);
+    const auto references = [&] {
+        stream->AddRef();
+        return stream->Release();
+    };
+    int64_t during_write = 0;
+    stream->on_write = [&] { during_write = references(); };
     plugin->SetChannelStream(stream.Get());
-    const uint64_t before = stream->AddRefs();
-    plugin->OnMessage(CloseBytes(7).data(), CloseBytes(7).size(), nullptr);
-    EXPECT_EQ(stream->AddRefs(), before + 1);
-    stream->AddRef();
-    EXPECT_EQ(stream->Release(), 2);  // this test's and the plugin's
+    const Bytes close = CloseBytes(7);
+    plugin->OnMessage(close.data(), close.size(), nullptr);
+    EXPECT_EQ(during_write, 3);  // this test's, the plugin's and the reply's
+    EXPECT_EQ(references(), 2);
 }
 
 TEST_F(RequestHandlers, RepliesWriteOnAfterAPartialWriteAndStopAtAFailedOne) {

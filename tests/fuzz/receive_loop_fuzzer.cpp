@@ -3,12 +3,14 @@
 //
 // Input: the most bytes a read gives (0: no limit), the bytes that may be written before writes fail (0xFF:
 // no limit), whether cameras can be opened, then the peer's bytes.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 
 #include "base/mem_buffer.h"
 #include "plugin/client_camera.h"
 #include "plugin/receive_loop.h"
+#include "tests/fuzz/camera_channel_model.h"
 #include "tests/fuzz/check.h"
 #include "tests/support/client_camera_double.h"
 #include "tests/support/device_double.h"
@@ -55,25 +57,8 @@ public:
     }
 };
 
-// Every byte that was written belongs to a message the plugin may send, whole unless writes failed.
-void CheckAnswers(const testing::Bytes& written, bool may_be_cut) {
-    size_t at = 0;
-    while (at < written.size()) {
-        if (written.size() - at < 8) {
-            FUZZ_CHECK(may_be_cut);
-            return;
-        }
-        uint32_t length = 0;
-        std::memcpy(&length, written.data() + at, sizeof length);
-        const uint8_t type = written[at + 4];
-        FUZZ_CHECK(type == kCameraList || type == kCameraState || type == kVersionReply);
-        FUZZ_CHECK(may_be_cut || written.size() - at >= 8 + size_t{length});
-        at += 8 + size_t{length};
-    }
-}
-
 testing::CameraModel Camera() {
-    return {.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {1280, 720}}}}};
+    return {.card = "Cam", .formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {1280, 720}}}}};
 }
 
 void ServeOnce(const uint8_t* data, size_t size) {
@@ -84,16 +69,21 @@ void ServeOnce(const uint8_t* data, size_t size) {
     devices.SetRecording(false);
     devices.SetCamera(2, Camera());
     testing::CameraScript() = {};
-    testing::CameraScript().built_in = (data[2] & 1) != 0;
-    testing::CameraScript().open_result = (data[2] & 2) != 0;
+    const bool built_in = (data[2] & 1) != 0;
+    const bool opens = (data[2] & 2) != 0;
+    testing::CameraScript().built_in = built_in;
+    testing::CameraScript().open_result = opens;
 
-    const CRefPtr_T<testing::ScriptedStream> stream(
-        new testing::ScriptedStream(testing::Bytes(data + kOptions, data + size)));
+    const testing::Bytes input(data + kOptions, data + size);
+    testing::Bytes expected =
+        testing::CameraChannelModel(built_in, opens, BoundedAlloctor::kLimit).AnswersTo(input);
+    const CRefPtr_T<testing::ScriptedStream> stream(new testing::ScriptedStream(input));
     if (data[0] != 0) {
         stream->read_chunk = data[0];
     }
     if (data[1] != 0xFF) {
         stream->fail_write_after = data[1];
+        expected.resize(std::min<size_t>(expected.size(), data[1]));
     }
     // One plugin for all inputs: the end of one takes a tenth of a second.
     static const CRefPtr_T<ClientCamera> plugin(new ClientCamera);
@@ -102,7 +92,7 @@ void ServeOnce(const uint8_t* data, size_t size) {
     plugin->ExitInstance();
     plugin->SetChannelStream(nullptr);
     FUZZ_CHECK(stream->AddRef() == 2 && stream->Release() == 1);
-    CheckAnswers(stream->Written(), data[1] != 0xFF);
+    FUZZ_CHECK(stream->Written() == expected);
     FUZZ_CHECK(testing::CameraScript().alive == 0);
     FUZZ_CHECK(devices.OpenDescriptors() == 0);
 }
