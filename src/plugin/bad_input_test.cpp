@@ -153,6 +153,8 @@ TEST_F(BadInput, NoMemoryForAReplyLeavesItUnsent) {
     heap.FailMalloc(12, 2);
     EXPECT_EQ(Serve(kVersionRequestBytes + CloseBytes(7))->Written(),
               (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0}));
+    heap.FailMalloc(12, 2);
+    EXPECT_EQ(Serve(kGetListBytes + kVersionRequestBytes)->Written(), kVersionReplyBytes);
     heap.FailMalloc(16, 2);
     EXPECT_EQ(Serve(CloseBytes(7) + kVersionRequestBytes)->Written(), kVersionReplyBytes);
     ExpectServesOn();

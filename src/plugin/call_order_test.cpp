@@ -10,6 +10,7 @@
 #include "tests/support/platform_watch.h"
 #include "tests/support/recording_host.h"
 #include "tests/support/scripted_stream.h"
+#include "tests/support/semaphore_watch.h"
 
 namespace zumod {
 namespace {
@@ -129,6 +130,14 @@ TEST_F(CallOrder, DestructionClosesBetweenItsLines) {
     plugin = nullptr;
     EXPECT_EQ(TakeTrace(), (Trace{"[cameraclient] destroy", "0 Close()", "0 destroyed",
                                   "[cameraclient] finish to clear devs"}));
+}
+
+TEST_F(CallOrder, TheQueueIsResetBeforeTheSendThreadStarts) {
+    testing::SemaphoreWatch semaphores;
+    int threads = -1;
+    semaphores.OnNext("sem_init(items", [&] { threads = host.watch.ThreadsCreated(); });
+    plugin->Run();
+    EXPECT_EQ(threads, 0);
 }
 
 TEST_F(CallOrder, TheSendThreadRunsFromRunToExitInstance) {

@@ -21,7 +21,7 @@ public:
         CRefPtr_T<IChannelStream> released;
         const LockGuard guard(m_lock);
         released = std::exchange(m_stream, std::move(stream));
-        if (released != nullptr && released.Get() == m_borrowed && m_retired == nullptr) {
+        if (released != nullptr && released.Get() == m_borrowed) {
             m_retired = std::move(released);
         }
     }

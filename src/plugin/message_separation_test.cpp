@@ -143,7 +143,9 @@ TEST(MessageSeparation, AnUnknownTypeMatchesNothing) {
 
 TEST(MessageSeparation, AKeyCountOfZeroEndsTheSearch) {
     TableUnderTest table({{{6}, 0}, {{7}, 1}});
-    EXPECT_FALSE(Give(table, {0, 0, 0, 0, 7, 0, 0, 0}));
+    // What stands before the message would do as the header of an entry without keys.
+    const Bytes stream = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0};
+    EXPECT_FALSE(table.OnMessage(stream.data() + 8, 8, 77));
     EXPECT_TRUE(table.calls.empty());
 }
 
