@@ -3,7 +3,9 @@
 
 #include <initializer_list>
 
+#include "base/create_buffer.h"
 #include "plugin/client_camera.h"
+#include "plugin/receive_loop.h"
 #include "tests/support/camera_messages.h"
 #include "tests/support/client_camera_double.h"
 #include "tests/support/recording_host.h"
@@ -33,6 +35,26 @@ protected:
 
     CRefPtr_T<ClientCamera> plugin{new ClientCamera};
 };
+
+// Looks at what the loop hands over.
+class HandlersDouble final : public CameraMessageSeparation {
+public:
+    bool OnMessage(const uint8_t* data, unsigned long size, IBuffer* context) override {
+        EXPECT_EQ(data, context->GetData());
+        EXPECT_EQ(size, context->GetSize());
+        messages.emplace_back(data, data + size);
+        return false;
+    }
+
+    std::vector<Bytes> messages;
+};
+
+TEST(ReceiveLoopAlone, TheMatcherGetsTheBufferWithTheWholeMessageAndItsResultIsIgnored) {
+    const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(CloseBytes(9) + kVersionRequestBytes));
+    HandlersDouble handlers;
+    ServePeer(*stream, *g_pDefaultAlloctor, handlers);
+    EXPECT_EQ(handlers.messages, (std::vector<Bytes>{CloseBytes(9), kVersionRequestBytes}));
+}
 
 TEST_F(ReceiveLoop, AMessageOfLengthZeroIsDispatched) {
     EXPECT_EQ(Serve(kVersionRequestBytes)->Written(), kVersionReplyBytes);

@@ -2,6 +2,7 @@
 // middle of them does.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
 #include <thread>
@@ -147,6 +148,22 @@ TEST_F(SendQueueCalls, AResetDuringTheWaitForAnItemGivesNothing) {
     EXPECT_EQ(OtherReferences(*message), 0);
     queue.Enqueue(message);
     EXPECT_EQ(queue.Take(), message);
+}
+
+TEST_F(SendQueueCalls, ACloseUnderWayHoldsNobodyUp) {
+    std::atomic<bool> back{false};
+    std::thread user;
+    watch.OnNext("usleep(100000", [&] {
+        user = std::thread([&] {
+            queue.Enqueue(message);
+            EXPECT_EQ(queue.Take(), nullptr);
+            back = true;
+        });
+        EXPECT_TRUE(WaitUntil([&] { return back.load(); }));
+    });
+    queue.Close();
+    user.join();
+    EXPECT_EQ(OtherReferences(*message), 0);
 }
 
 TEST_F(SendQueueCalls, AResetWaitsForThePostOfAnItem) {
