@@ -23,7 +23,8 @@ public:
     virtual int Read(void* data, unsigned long size, unsigned long* done) = 0;
 
     // Slot 5 [run thread, send thread]. Writes up to `size` bytes from `data`, which the caller owns. Calls
-    // from the two threads may overlap: the stream keeps the bytes of one call together.
+    // from the two threads may overlap: the stream keeps the bytes of one call together. On the send thread
+    // nothing catches: Write must not throw there.
     virtual int Write(const void* data, unsigned long size, unsigned long* done) = 0;
 };
 
