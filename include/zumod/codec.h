@@ -30,6 +30,19 @@ inline constexpr char kPolicyDecScreenBuffer[] = "zu.codec.policy.dec.screenbuff
 inline constexpr char kPolicyDecTargetAvFormat[] = "zu.codec.policy.dec.target.avformat";
 // Boolean property, set to true on every codec object right after its creation: hardware may be used.
 inline constexpr char kPropertyHardware[] = "zu.codec.property.hardware";
+// Block property to read, of an encoder of the reference module that was created with
+// kPolicyEncNoStreamHeader: the parameter sets that the stream lacks, in Annex B form; none before the first
+// picture. It changes with the picture's size.
+inline constexpr char kPropertyStreamHeader[] = "zu.codec.property.stream.header";
+
+// The code of a named pixel format: its four characters in memory order.
+constexpr uint32_t VideoFormatCode(const char (&name)[5]) {
+    uint32_t code = 0;
+    for (int i = 3; i >= 0; --i) {
+        code = (code << 8) | static_cast<unsigned char>(name[i]);
+    }
+    return code;
+}
 
 // How the bytes of a picture are laid out.
 struct VideoInputFormat {
@@ -85,7 +98,7 @@ public:
 };
 
 // Binary table: the frame of IVEncoder. What the arguments of slots 10 and 20 point at is the codec module's
-// design; the camera module calls neither.
+// design, and the camera module calls neither; "zumod/codec_decode.h" has those of the reference module.
 class IVDecoder : public virtual IReference, public virtual IZUModInterface {
 public:
     // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object

@@ -4,6 +4,7 @@
 #include "zumod/channel_stream.h"
 #include "zumod/client_camera_plugin.h"
 #include "zumod/codec.h"
+#include "zumod/codec_decode.h"
 #include "zumod/create_policy.h"
 #include "zumod/descriptor.h"
 #include "zumod/enc_args.h"

@@ -1,0 +1,20 @@
+#include "codec/av_objects.h"
+
+extern "C" {
+#include <libavutil/error.h>
+}
+
+namespace zumod {
+
+AvErrorText::AvErrorText(int error) : text{} {
+    av_strerror(error, text, sizeof text);
+}
+
+void Silence(AVCodecContext& context) {
+    // Added to the level of every line of this object's: beyond what any setting lets through. The libraries'
+    // own settings are the whole process's, and so the host's.
+    constexpr int kBeyondEveryLevel = 1000;
+    context.log_level_offset = kBeyondEveryLevel;
+}
+
+}  // namespace zumod

@@ -1,0 +1,71 @@
+#include "codec/codec_create.h"
+
+#include <strings.h>
+
+#include <string>
+
+#include "codec/policy_values.h"
+#include "codec/video_decoder.h"
+#include "codec/video_encoder.h"
+#include "module/log.h"
+#include "zumod/codec.h"
+
+namespace zumod {
+namespace {
+
+// The slot is typed for any interface; what it gets is the table that was asked for.
+template <class Interface>
+int Store(Interface* object, IZUModInterface** out) {
+    *out = static_cast<IZUModInterface*>(static_cast<void*>(CRefPtr_T<Interface>(object).Detach()));
+    return 1;
+}
+
+int CreateEncoder(IZUModCreatePolicy& policy, IZUModInterface** out) {
+    EncoderPolicy wanted;
+    wanted.fast_conversion = PolicyBool(policy, kPolicyEncRapidSub);
+    wanted.no_stream_header = PolicyBool(policy, kPolicyEncNoStreamHeader);
+    wanted.file_record = PolicyBool(policy, kPolicyEncFileRecord);
+    wanted.source_rgb = PolicyBool(policy, kPolicyEncSourceRgb);
+    return Store<IVEncoder>(new CVideoEncoder(wanted), out);
+}
+
+int CreateDecoder(IZUModCreatePolicy& policy, IZUModInterface** out) {
+    const uint64_t target = PolicyInteger(policy, kPolicyDecTargetAvFormat);
+    if (target > kVideoTargetBgr32) {
+        ZuModLog(kLogFailure, "[zu-codec] create refused, unknown target format %lu", target);
+        return 0;
+    }
+    auto* screen_buffer = reinterpret_cast<uint8_t*>(PolicyPointer(policy, kPolicyDecScreenBuffer));
+    return Store<IVDecoder>(new CVideoDecoder(static_cast<VideoTargetFormat>(target), screen_buffer), out);
+}
+
+}  // namespace
+
+int codec_create(IZUModCreatePolicy* policy, IZUModInterface** out) {
+    if (policy == nullptr || out == nullptr) {
+        ZuModLog(kLogFailure, "[zu-codec] create refused, invalid parameter");
+        return 0;
+    }
+    const std::string name = PolicyText(*policy, kPolicyInterfaceName);
+    const bool encoder = strcasecmp(name.c_str(), kVideoEncoderName) == 0;
+    const bool decoder = strcasecmp(name.c_str(), kVideoDecoderName) == 0;
+    if (!encoder && !decoder) {
+        ZuModLog(kLogFailure, "[zu-codec] create refused, unknown interface %s", name.c_str());
+        return 0;
+    }
+    const uint64_t version = PolicyInteger(*policy, kPolicyVersion);
+    constexpr unsigned kMajorShift = 48;
+    if (version >> kMajorShift != kCodecInterfaceVersion >> kMajorShift) {
+        ZuModLog(kLogFailure, "[zu-codec] create refused, version %lu of %s is not compatible with %lu",
+                 version, name.c_str(), kCodecInterfaceVersion);
+        return 0;
+    }
+    const uint64_t image_type = PolicyInteger(*policy, kPolicyImageType);
+    if (image_type != kImageTypeH264) {
+        ZuModLog(kLogFailure, "[zu-codec] create refused, unknown image type %lu", image_type);
+        return 0;
+    }
+    return encoder ? CreateEncoder(*policy, out) : CreateDecoder(*policy, out);
+}
+
+}  // namespace zumod

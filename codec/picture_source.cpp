@@ -1,0 +1,159 @@
+#include "codec/picture_source.h"
+
+#include <cstddef>
+#include <cstring>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+}
+
+namespace zumod {
+namespace {
+
+// A frame of this format and size that can be written to; the old one if it is such a frame.
+AVFrame* Writable(AvOwner<AVFrame>& frame, AVPixelFormat format, int width, int height) {
+    if (frame != nullptr && frame->format == format && frame->width == width && frame->height == height &&
+        av_frame_is_writable(frame.get()) > 0) {
+        return frame.get();
+    }
+    frame.reset(av_frame_alloc());
+    if (frame == nullptr) {
+        return nullptr;
+    }
+    frame->format = format;
+    frame->width = width;
+    frame->height = height;
+    if (av_frame_get_buffer(frame.get(), 0) < 0) {
+        frame.reset();
+    }
+    return frame.get();
+}
+
+uint8_t* Row(const AVFrame& frame, int plane, int row) {
+    return frame.data[plane] + std::ptrdiff_t{frame.linesize[plane]} * row;
+}
+
+// Repeats a row's last pixel behind it.
+void RepeatLastPixel(uint8_t* row, const PictureLayout& layout) {
+    switch (layout.pixel_layout) {
+        case PixelLayout::kYuy2:
+            // Two pixels share four bytes, and the second is there already, with a luma that means nothing.
+            row[2 * layout.width] = row[2 * layout.width - 2];
+            return;
+        case PixelLayout::kBgr32:
+            std::memcpy(row + 4 * layout.width, row + 4 * layout.width - 4, 4);
+            return;
+        default:
+            row[layout.width] = row[layout.width - 1];
+            return;
+    }
+}
+
+}  // namespace
+
+AVPixelFormat PixelFormatOf(PixelLayout pixel_layout) {
+    switch (pixel_layout) {
+        case PixelLayout::kNv12:
+            return AV_PIX_FMT_NV12;
+        case PixelLayout::kNv21:
+            return AV_PIX_FMT_NV21;
+        case PixelLayout::kI420:
+        case PixelLayout::kYv12:
+            return AV_PIX_FMT_YUV420P;
+        case PixelLayout::kYuy2:
+            return AV_PIX_FMT_YUYV422;
+        case PixelLayout::kBgr32:
+            return AV_PIX_FMT_BGR0;
+    }
+    return AV_PIX_FMT_NONE;
+}
+
+AVPixelFormat EncodedFormatOf(PixelLayout pixel_layout) {
+    const bool packed = pixel_layout == PixelLayout::kYuy2 || pixel_layout == PixelLayout::kBgr32;
+    return packed ? AV_PIX_FMT_YUV420P : PixelFormatOf(pixel_layout);
+}
+
+AVFrame* PictureSource::Take(const PictureLayout& layout, const uint8_t* bytes, AVPixelFormat format,
+                             bool fast) {
+    const bool even = layout.width % 2 == 0 && layout.height % 2 == 0;
+    AVFrame* picture = even ? Borrow(layout, bytes) : Pad(layout, bytes);
+    return picture == nullptr || picture->format == format ? picture : Convert(*picture, format, fast);
+}
+
+bool PictureSource::GiveBack() {
+    if (m_borrowed != nullptr) {
+        av_frame_unref(m_borrowed.get());
+    }
+    const bool alone = m_loan == nullptr || av_buffer_get_ref_count(m_loan.get()) == 1;
+    m_loan.reset();
+    return alone;
+}
+
+AVFrame* PictureSource::Borrow(const PictureLayout& layout, const uint8_t* bytes) {
+    // A frame without a buffer would be copied by the encoder: this one's buffer is the caller's bytes.
+    // Nobody writes to them, they are marked as not writable.
+    auto* first = const_cast<uint8_t*>(bytes);
+    m_loan.reset(av_buffer_create(
+        first, static_cast<size_t>(layout.byte_count), [](void*, uint8_t*) {}, nullptr,
+        AV_BUFFER_FLAG_READONLY));
+    if (m_borrowed == nullptr) {
+        m_borrowed.reset(av_frame_alloc());
+    }
+    if (m_loan == nullptr || m_borrowed == nullptr) {
+        return nullptr;
+    }
+    m_borrowed->buf[0] = av_buffer_ref(m_loan.get());
+    if (m_borrowed->buf[0] == nullptr) {
+        return nullptr;
+    }
+    m_borrowed->format = PixelFormatOf(layout.pixel_layout);
+    m_borrowed->width = layout.width;
+    m_borrowed->height = layout.height;
+    for (int i = 0; i < layout.plane_count; ++i) {
+        m_borrowed->data[i] = first + layout.planes[i].offset;
+        m_borrowed->linesize[i] = layout.planes[i].stride;
+    }
+    return m_borrowed.get();
+}
+
+AVFrame* PictureSource::Pad(const PictureLayout& layout, const uint8_t* bytes) {
+    AVFrame* padded = Writable(m_padded, PixelFormatOf(layout.pixel_layout), EvenSide(layout.width),
+                               EvenSide(layout.height));
+    if (padded == nullptr) {
+        return nullptr;
+    }
+    for (int i = 0; i < layout.plane_count; ++i) {
+        const PicturePlane& plane = layout.planes[i];
+        const uint8_t* from = bytes + plane.offset;
+        for (int row = 0; row < plane.row_count; ++row, from += plane.stride) {
+            std::memcpy(Row(*padded, i, row), from, static_cast<size_t>(plane.row_bytes));
+        }
+    }
+    // Chroma planes have whole columns and rows for the odd ones already.
+    for (int row = 0; layout.width % 2 != 0 && row < layout.height; ++row) {
+        RepeatLastPixel(Row(*padded, 0, row), layout);
+    }
+    if (layout.height % 2 != 0) {
+        std::memcpy(
+            Row(*padded, 0, layout.height), Row(*padded, 0, layout.height - 1),
+            static_cast<size_t>(av_image_get_linesize(PixelFormatOf(layout.pixel_layout), padded->width, 0)));
+    }
+    return padded;
+}
+
+AVFrame* PictureSource::Convert(const AVFrame& picture, AVPixelFormat format, bool fast) {
+    AVFrame* converted = Writable(m_converted, format, picture.width, picture.height);
+    // The library's own default is the wanted one: ITU-R BT.601, limited range.
+    m_scaler.reset(sws_getCachedContext(m_scaler.release(), picture.width, picture.height,
+                                        static_cast<AVPixelFormat>(picture.format), picture.width,
+                                        picture.height, format, fast ? SWS_FAST_BILINEAR : SWS_BILINEAR,
+                                        nullptr, nullptr, nullptr));
+    if (converted == nullptr || m_scaler == nullptr ||
+        sws_scale(m_scaler.get(), picture.data, picture.linesize, 0, picture.height, converted->data,
+                  converted->linesize) != picture.height) {
+        return nullptr;
+    }
+    return converted;
+}
+
+}  // namespace zumod

@@ -1,0 +1,55 @@
+// The decoder that the module creates, the counterpart of its encoder: H.264 in Annex B form by libavcodec,
+// in software.
+//
+// Thread rule: AddRef and Release are [any thread], everything else [decode thread]: one thread at a time.
+#pragma once
+
+#include <cstdint>
+
+#include "codec/av_objects.h"
+#include "codec/picture_layout.h"
+#include "zumod/codec.h"
+#include "zumod/codec_decode.h"
+#include "zumod/ref_ptr.h"
+
+namespace zumod {
+
+class CVideoDecoder final : public IVDecoder, private CReference {
+public:
+    // `screen_buffer` is the caller's frame buffer or null.
+    CVideoDecoder(VideoTargetFormat target, uint8_t* screen_buffer);
+
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
+
+    // Knows "IVDecoder", in any letter case.
+    bool QueryInterface(const char* name, void** out) override;
+    // Takes kPropertyHardware, which changes nothing here.
+    bool SetProperty(const char* key, IZUModData* value) override;
+    IZUModData* GetProperty(const char* key) override;
+
+    // Takes a VideoOutputFormat.
+    int SetOutputFormat(const void* format) override;
+    // Takes a pointer to the table of IVDecArgs.
+    bool Decode(IReference* args) override;
+
+private:
+    bool EnsureOpen();
+    int Send(IVDecArgs& args);
+    // How many of the decoder's finished pictures went to the caller.
+    int HandOutFinished(IVDecArgs& args);
+    bool HandOut(IVDecArgs& args);
+    bool Convert(const VideoOutputFormat& output, VideoDecodedPicture& picture);
+    bool CopyToScreen(const VideoOutputFormat& output, VideoDecodedPicture& picture);
+
+    VideoOutputFormat m_output{};
+    uint8_t* const m_screen_buffer;
+    AvOwner<AVCodecContext> m_context;
+    AvOwner<AVPacket> m_packet;
+    AvOwner<AVFrame> m_frame;
+    AvOwner<AVFrame> m_converted;
+    AvOwner<SwsContext> m_scaler;
+    CRefPtr_T<IZUModData> m_hardware_value;
+};
+
+}  // namespace zumod
