@@ -49,6 +49,28 @@ void RepeatLastPixel(uint8_t* row, const PictureLayout& layout) {
     }
 }
 
+// The scaler reads a little past a row's end, which is within the picture for all rows but these.
+constexpr int kTailRows = 2;
+constexpr int kTailBytes = 256;
+
+// The scaler wants aligned rows (it complains to standard error about others), and pictures that end in a
+// tail.
+bool IsFitForTheScaler(const PictureLayout& layout, const uint8_t* bytes) {
+    constexpr uintptr_t kAlignment = 16;
+    if (layout.height <= kTailRows) {
+        return false;
+    }
+    for (int i = 0; i < layout.plane_count; ++i) {
+        const PicturePlane& plane = layout.planes[i];
+        const auto address = reinterpret_cast<uintptr_t>(bytes) + plane.offset;
+        if ((address | static_cast<uintptr_t>(plane.stride)) % kAlignment != 0 ||
+            plane.stride < kTailBytes / kTailRows || plane.row_count < layout.height) {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 AVPixelFormat PixelFormatOf(PixelLayout pixel_layout) {
@@ -76,8 +98,12 @@ AVPixelFormat EncodedFormatOf(PixelLayout pixel_layout) {
 AVFrame* PictureSource::Take(const PictureLayout& layout, const uint8_t* bytes, AVPixelFormat format,
                              bool fast) {
     const bool even = layout.width % 2 == 0 && layout.height % 2 == 0;
-    AVFrame* picture = even ? Borrow(layout, bytes) : Pad(layout, bytes);
-    return picture == nullptr || picture->format == format ? picture : Convert(*picture, format, fast);
+    if (PixelFormatOf(layout.pixel_layout) == format) {
+        return even ? Borrow(layout, bytes) : Pad(layout, bytes);
+    }
+    const bool lent = even && IsFitForTheScaler(layout, bytes);
+    const AVFrame* picture = lent ? Borrow(layout, bytes) : Pad(layout, bytes);
+    return picture != nullptr ? Convert(*picture, format, fast, lent) : nullptr;
 }
 
 bool PictureSource::GiveBack() {
@@ -141,19 +167,36 @@ AVFrame* PictureSource::Pad(const PictureLayout& layout, const uint8_t* bytes) {
     return padded;
 }
 
-AVFrame* PictureSource::Convert(const AVFrame& picture, AVPixelFormat format, bool fast) {
+AVFrame* PictureSource::Convert(const AVFrame& picture, AVPixelFormat format, bool fast, bool lent) {
     AVFrame* converted = Writable(m_converted, format, picture.width, picture.height);
     // The library's own default is the wanted one: ITU-R BT.601, limited range.
     m_scaler.reset(sws_getCachedContext(m_scaler.release(), picture.width, picture.height,
                                         static_cast<AVPixelFormat>(picture.format), picture.width,
                                         picture.height, format, fast ? SWS_FAST_BILINEAR : SWS_BILINEAR,
                                         nullptr, nullptr, nullptr));
-    if (converted == nullptr || m_scaler == nullptr ||
-        sws_scale(m_scaler.get(), picture.data, picture.linesize, 0, picture.height, converted->data,
-                  converted->linesize) != picture.height) {
+    if (converted == nullptr || m_scaler == nullptr) {
         return nullptr;
     }
-    return converted;
+    const auto scale = [&](const AVFrame& rows, int first, int count) {
+        return sws_scale(m_scaler.get(), rows.data, rows.linesize, first, count, converted->data,
+                         converted->linesize) >= 0;
+    };
+    if (!lent) {
+        return scale(picture, 0, picture.height) ? converted : nullptr;
+    }
+    const int head = picture.height - kTailRows;
+    const AVFrame* tail = CopyTail(picture, head);
+    return tail != nullptr && scale(picture, 0, head) && scale(*tail, head, kTailRows) ? converted : nullptr;
+}
+
+AVFrame* PictureSource::CopyTail(const AVFrame& picture, int first) {
+    const auto format = static_cast<AVPixelFormat>(picture.format);
+    AVFrame* tail = Writable(m_tail, format, picture.width, kTailRows);
+    for (int row = 0; tail != nullptr && row < kTailRows; ++row) {
+        std::memcpy(Row(*tail, 0, row), Row(picture, 0, first + row),
+                    static_cast<size_t>(av_image_get_linesize(format, picture.width, 0)));
+    }
+    return tail;
 }
 
 }  // namespace zumod

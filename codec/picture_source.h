@@ -32,12 +32,15 @@ public:
 private:
     AVFrame* Borrow(const PictureLayout& layout, const uint8_t* bytes);
     AVFrame* Pad(const PictureLayout& layout, const uint8_t* bytes);
-    AVFrame* Convert(const AVFrame& picture, AVPixelFormat format, bool fast);
+    // `lent` says that the picture is the caller's bytes, past whose end nothing may be read.
+    AVFrame* Convert(const AVFrame& picture, AVPixelFormat format, bool fast, bool lent);
+    AVFrame* CopyTail(const AVFrame& picture, int first);
 
     AvOwner<AVBufferRef> m_loan;
     AvOwner<AVFrame> m_borrowed;
     AvOwner<AVFrame> m_padded;
     AvOwner<AVFrame> m_converted;
+    AvOwner<AVFrame> m_tail;
     AvOwner<SwsContext> m_scaler;
 };
 

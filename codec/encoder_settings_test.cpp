@@ -1,0 +1,98 @@
+#include "codec/encoder_settings.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/counted_object.h"
+#include "tests/support/recording_host.h"
+
+namespace zumod::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class EncoderSettingsTest : public LoggingTest {
+protected:
+    void SetText(const char* key, const std::string& text) {
+        host.SetProperty(key, CRefPtr_T<IZUModData>(
+                                  new CountedData(ledger, kZUModDataText, CountedData::TextBytes(text))));
+    }
+
+    ReferenceLedger ledger;
+};
+
+TEST_F(EncoderSettingsTest, FollowFromTheSizeWhenTheHostSaysNothing) {
+    const EncoderSettings settings = ReadEncoderSettings(640, 480);
+    EXPECT_EQ(settings.bit_rate, 1382400);
+    EXPECT_EQ(settings.key_interval, 60) << "two seconds";
+    EXPECT_EQ(settings.preset, "ultrafast");
+    EXPECT_THAT(host.Lines(), IsEmpty());
+    EXPECT_THAT(host.AskedKeys(), ElementsAre("zu.codec.bitrate", "zu.codec.preset", "zu.codec.keyint"));
+}
+
+TEST_F(EncoderSettingsTest, TheBitRateGrowsWithThePictureAndIsNeverTiny) {
+    EXPECT_EQ(DefaultBitRate(1280, 720), 4147200);
+    EXPECT_EQ(DefaultBitRate(16, 16), 100000);
+    EXPECT_EQ(DefaultBitRate(16384, 16384), 1000000000);
+}
+
+TEST_F(EncoderSettingsTest, ComeFromTheHostWhenItHasThem) {
+    SetText("zu.codec.bitrate", "500000");
+    SetText("zu.codec.preset", "veryfast");
+    SetText("zu.codec.keyint", "15");
+    const EncoderSettings settings = ReadEncoderSettings(640, 480);
+    EXPECT_EQ(settings.bit_rate, 500000);
+    EXPECT_EQ(settings.preset, "veryfast");
+    EXPECT_EQ(settings.key_interval, 15);
+    EXPECT_THAT(host.Lines(), IsEmpty());
+}
+
+TEST_F(EncoderSettingsTest, AWrongBitRateIsOneLineAndTheDefault) {
+    for (const char* wrong :
+         {"", "fast", "9999", "1000000001", "-500000", "500000 ", "5e5", "99999999999999999999999"}) {
+        SetText("zu.codec.bitrate", wrong);
+        EXPECT_EQ(ReadEncoderSettings(640, 480).bit_rate, 1382400) << wrong;
+        EXPECT_THAT(host.TakeLines(),
+                    ElementsAre(LogLine{2, std::string("[zu-codec] zu.codec.bitrate is wrong, the default "
+                                                       "is used: ") +
+                                               wrong}));
+    }
+}
+
+TEST_F(EncoderSettingsTest, AWrongKeyIntervalIsOneLineAndTheDefault) {
+    for (const char* wrong : {"0", "-1", "100001", "two"}) {
+        SetText("zu.codec.keyint", wrong);
+        EXPECT_EQ(ReadEncoderSettings(640, 480).key_interval, 60) << wrong;
+        EXPECT_EQ(host.TakeLines().size(), 1U) << wrong;
+    }
+}
+
+TEST_F(EncoderSettingsTest, AWrongPresetIsOneLineAndTheDefault) {
+    for (const char* wrong : {"", "UltraFast", "ultrafast ", "warp"}) {
+        SetText("zu.codec.preset", wrong);
+        EXPECT_EQ(ReadEncoderSettings(640, 480).preset, "ultrafast") << wrong;
+        EXPECT_EQ(host.TakeLines().size(), 1U) << wrong;
+    }
+}
+
+TEST_F(EncoderSettingsTest, AValueThatIsNoTextIsWrong) {
+    host.SetProperty("zu.codec.bitrate", CRefPtr_T<IZUModData>(new CountedData(
+                                             ledger, kZUModDataInt64, CountedData::Int64Bytes(500000))));
+    EXPECT_EQ(ReadEncoderSettings(640, 480).bit_rate, 1382400);
+    EXPECT_THAT(host.Lines(), ElementsAre(LogLine{2,
+                                                  "[zu-codec] zu.codec.bitrate is wrong, the default is "
+                                                  "used: no text"}));
+}
+
+TEST_F(EncoderSettingsTest, TheHostsValuesStayTheHosts) {
+    SetText("zu.codec.bitrate", "500000");
+    SetText("zu.codec.preset", "warp");
+    ReadEncoderSettings(640, 480);
+    EXPECT_EQ(ledger.taken, 4) << "one by the host for each, one while each is read";
+    EXPECT_EQ(ledger.Held(), 2);
+    EXPECT_EQ(ledger.Alive(), 2);
+}
+
+}  // namespace
+}  // namespace zumod::testing

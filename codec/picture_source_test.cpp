@@ -1,0 +1,117 @@
+#include "codec/picture_source.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/picture_pattern.h"
+
+namespace zumod::testing {
+namespace {
+
+PictureLayout LayoutOf(const TestPicture& picture) {
+    PictureLayout layout{};
+    EXPECT_EQ(LayOutPicture(picture.record, picture.bytes.size(), layout), PictureError::kNone);
+    return layout;
+}
+
+class PictureSourceTest : public ::testing::Test {
+protected:
+    AVFrame* Take(const TestPicture& picture, AVPixelFormat format) {
+        return source.Take(LayoutOf(picture), picture.bytes.data(), format, false);
+    }
+
+    PictureSource source;
+};
+
+TEST_F(PictureSourceTest, APlanarPictureIsLentAndNotCopied) {
+    for (const uint32_t format : {kNv12, kNv21, kI420, kYv12}) {
+        const TestPicture picture = Paint(format, {64, 48});
+        const PictureLayout layout = LayoutOf(picture);
+        const AVFrame* frame = Take(picture, EncodedFormatOf(layout.pixel_layout));
+        ASSERT_NE(frame, nullptr);
+        for (int i = 0; i < layout.plane_count; ++i) {
+            EXPECT_EQ(frame->data[i], picture.bytes.data() + layout.planes[i].offset) << format << ' ' << i;
+            EXPECT_EQ(frame->linesize[i], layout.planes[i].stride) << format << ' ' << i;
+        }
+        EXPECT_TRUE(source.GiveBack());
+    }
+}
+
+TEST_F(PictureSourceTest, PaddedRowsAreLentTooAndKeepTheirStride) {
+    const TestPicture picture = PaintWithStride(kNv12, {64, 48}, 128);
+    const AVFrame* frame = Take(picture, AV_PIX_FMT_NV12);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->data[0], picture.bytes.data());
+    EXPECT_EQ(frame->linesize[0], 128);
+    EXPECT_EQ(frame->data[1], picture.bytes.data() + 128 * 48);
+}
+
+TEST_F(PictureSourceTest, ALentPictureThatSomebodyKeepsIsNoticed) {
+    const TestPicture picture = Paint(kNv12, {64, 48});
+    AvOwner<AVFrame> keeper(av_frame_alloc());
+    ASSERT_EQ(av_frame_ref(keeper.get(), Take(picture, AV_PIX_FMT_NV12)), 0);
+    EXPECT_EQ(keeper->data[0], picture.bytes.data()) << "a reference, not a copy";
+    EXPECT_FALSE(source.GiveBack());
+    EXPECT_TRUE(source.GiveBack()) << "nothing is lent any more";
+}
+
+TEST_F(PictureSourceTest, AnOddPictureGetsItsLastColumnAndRowAgain) {
+    const TestPicture picture = Paint(kI420, {5, 3});
+    const AVFrame* frame = Take(picture, AV_PIX_FMT_YUV420P);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->width, 6);
+    EXPECT_EQ(frame->height, 4);
+    for (int y = 0; y < 4; ++y) {
+        for (int x = 0; x < 6; ++x) {
+            const int stride = picture.record.stride;
+            EXPECT_EQ(frame->data[0][y * frame->linesize[0] + x],
+                      picture.bytes.at(static_cast<size_t>(std::min(y, 2) * stride + std::min(x, 4))))
+                << x << ' ' << y;
+        }
+    }
+}
+
+TEST_F(PictureSourceTest, AnOddYuy2PictureGetsItsLastLumaAgain) {
+    const TestPicture picture = Paint(kYuy2, {3, 1});
+    const AVFrame* frame = Take(picture, AV_PIX_FMT_YUYV422);
+    ASSERT_NE(frame, nullptr);
+    for (const int row : {0, frame->linesize[0]}) {
+        EXPECT_EQ(frame->data[0][row + 4], picture.bytes.at(4));
+        EXPECT_EQ(frame->data[0][row + 5], picture.bytes.at(5));
+        EXPECT_EQ(frame->data[0][row + 6], picture.bytes.at(4));
+        EXPECT_EQ(frame->data[0][row + 7], picture.bytes.at(7));
+    }
+}
+
+TEST_F(PictureSourceTest, AnOddBgrPictureGetsItsLastPixelAgain) {
+    const TestPicture picture = Paint(0, {3, 1});
+    const AVFrame* frame = Take(picture, AV_PIX_FMT_BGR0);
+    ASSERT_NE(frame, nullptr);
+    for (const int row : {0, frame->linesize[0]}) {
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(frame->data[0][row + 12 + i], picture.bytes.at(static_cast<size_t>(8 + i)));
+        }
+    }
+}
+
+TEST_F(PictureSourceTest, BgrBecomesLimitedRangeBt601) {
+    // Blue, green, red, white, black, 16 wide each so that the halved chroma is theirs alone.
+    constexpr int kColours[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {0, 0, 0}};
+    constexpr int kExpected[5][3] = {
+        {41, 240, 110}, {145, 54, 34}, {81, 90, 240}, {235, 128, 128}, {16, 128, 128}};
+    TestPicture picture{RecordFor(0, 80, 2), std::vector<uint8_t>(80 * 2 * 4)};
+    for (size_t i = 0; i < 160; ++i) {
+        for (size_t c = 0; c < 3; ++c) {
+            picture.bytes.at(4 * i + c) = static_cast<uint8_t>(kColours[i % 80 / 16][c]);
+        }
+    }
+    const AVFrame* frame = Take(picture, AV_PIX_FMT_YUV420P);
+    ASSERT_NE(frame, nullptr);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_NEAR(frame->data[0][16 * i + 8], kExpected[i][0], 2) << i;
+        EXPECT_NEAR(frame->data[1][8 * i + 4], kExpected[i][1], 2) << i;
+        EXPECT_NEAR(frame->data[2][8 * i + 4], kExpected[i][2], 2) << i;
+    }
+}
+
+}  // namespace
+}  // namespace zumod::testing
