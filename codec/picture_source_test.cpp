@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "tests/support/picture_pattern.h"
 
 namespace zumod::testing {
@@ -89,6 +92,34 @@ TEST_F(PictureSourceTest, AnOddBgrPictureGetsItsLastPixelAgain) {
     for (const int row : {0, frame->linesize[0]}) {
         for (int i = 0; i < 4; ++i) {
             EXPECT_EQ(frame->data[0][row + 12 + i], picture.bytes.at(static_cast<size_t>(8 + i)));
+        }
+    }
+}
+
+TEST_F(PictureSourceTest, APictureConvertedWhereItLiesIsTheSameAsACopyOfIt) {
+    for (const uint32_t format : {kYuy2, kBgr32}) {
+        for (const bool fast : {false, true}) {
+            const TestPicture picture = Paint(format, {320, 98});
+            const PictureLayout layout = LayoutOf(picture);
+            std::vector<uint8_t> room(picture.bytes.size() + 32);
+            const auto past = reinterpret_cast<uintptr_t>(room.data()) % 16;
+            uint8_t* const aligned = room.data() + (16 - past) % 16;
+            std::copy(picture.bytes.begin(), picture.bytes.end(), aligned);
+            const AVFrame* where_it_lies = source.Take(layout, aligned, AV_PIX_FMT_YUV420P, fast);
+            std::copy(picture.bytes.begin(), picture.bytes.end(), aligned + 1);
+            PictureSource other;
+            const AVFrame* copied = other.Take(layout, aligned + 1, AV_PIX_FMT_YUV420P, fast);
+            ASSERT_TRUE(where_it_lies != nullptr && copied != nullptr);
+            for (int plane = 0; plane < 3; ++plane) {
+                const int width = plane == 0 ? 320 : 160;
+                for (int y = 0; y < (plane == 0 ? 98 : 49); ++y) {
+                    const auto row = [&](const AVFrame& frame) {
+                        const uint8_t* first = frame.data[plane] + y * frame.linesize[plane];
+                        return std::vector<uint8_t>(first, first + width);
+                    };
+                    EXPECT_EQ(row(*where_it_lies), row(*copied)) << format << fast << plane << ' ' << y;
+                }
+            }
         }
     }
 }

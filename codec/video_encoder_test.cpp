@@ -318,8 +318,17 @@ TEST_F(VideoEncoderTest, NoByteOutsideThePictureIsRead) {
     for (const bool fast : {false, true}) {
         Make({.fast_conversion = fast, .source_rgb = true});
         for (const uint32_t format : kEveryFormat) {
-            for (const auto& [width, height] :
-                 {std::pair{640, 480}, {642, 480}, {641, 479}, {2, 2}, {6, 4}, {18, 2}, {34, 6}, {130, 98}}) {
+            for (const auto& [width, height] : {std::pair{640, 480},
+                                                {642, 480},
+                                                {641, 479},
+                                                {2, 2},
+                                                {6, 4},
+                                                {18, 2},
+                                                {256, 2},
+                                                {34, 6},
+                                                {64, 48},
+                                                {160, 120},
+                                                {130, 98}}) {
                 const Pattern pattern{width, height};
                 const VideoInputFormat record = RecordFor(format, width, height);
                 for (const int stride : {record.stride, record.stride + 4}) {
