@@ -16,6 +16,7 @@ namespace {
 constexpr int64_t kLowestBitRate = 10'000;
 constexpr int64_t kHighestBitRate = 1'000'000'000;
 constexpr int64_t kLongestKeyInterval = 100'000;
+constexpr int64_t kTwoSeconds = int64_t{2} * kAssumedRate;
 constexpr char kDefaultPreset[] = "ultrafast";
 constexpr std::array<std::string_view, 10> kPresets = {"ultrafast", "superfast", "veryfast", "faster",
                                                        "fast",      "medium",    "slow",     "slower",
@@ -88,7 +89,7 @@ EncoderSettings ReadEncoderSettings(int width, int height) {
         NumberProperty(kEnvBitRate, kLowestBitRate, kHighestBitRate, DefaultBitRate(width, height));
     settings.preset = PresetProperty();
     settings.key_interval =
-        static_cast<int>(NumberProperty(kEnvKeyInterval, 1, kLongestKeyInterval, 2 * kAssumedRate));
+        static_cast<int>(NumberProperty(kEnvKeyInterval, 1, kLongestKeyInterval, kTwoSeconds));
     return settings;
 }
 

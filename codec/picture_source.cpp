@@ -35,16 +35,17 @@ uint8_t* Row(const AVFrame& frame, int plane, int row) {
 
 // Repeats a row's last pixel behind it.
 void RepeatLastPixel(uint8_t* row, const PictureLayout& layout) {
+    const auto width = static_cast<size_t>(layout.width);
     switch (layout.pixel_layout) {
         case PixelLayout::kYuy2:
             // Two pixels share four bytes, and the second is there already, with a luma that means nothing.
-            row[2 * layout.width] = row[2 * layout.width - 2];
+            row[2 * width] = row[2 * width - 2];
             return;
         case PixelLayout::kBgr32:
-            std::memcpy(row + 4 * layout.width, row + 4 * layout.width - 4, 4);
+            std::memcpy(row + 4 * width, row + 4 * width - 4, 4);
             return;
         default:
-            row[layout.width] = row[layout.width - 1];
+            row[width] = row[width - 1];
             return;
     }
 }
@@ -116,6 +117,7 @@ bool PictureSource::GiveBack() {
 }
 
 AVFrame* PictureSource::Borrow(const PictureLayout& layout, const uint8_t* bytes) {
+    GiveBack();
     // A frame without a buffer would be copied by the encoder: this one's buffer is the caller's bytes.
     // Nobody writes to them, they are marked as not writable.
     auto* first = const_cast<uint8_t*>(bytes);

@@ -57,6 +57,14 @@ TEST_F(PictureSourceTest, ALentPictureThatSomebodyKeepsIsNoticed) {
     EXPECT_TRUE(source.GiveBack()) << "nothing is lent any more";
 }
 
+TEST_F(PictureSourceTest, ANewLoanEndsTheOneBefore) {
+    const TestPicture first = Paint(kNv12, {64, 48});
+    const TestPicture second = Paint(kNv12, {64, 48, 8});
+    Take(first, AV_PIX_FMT_NV12);
+    EXPECT_EQ(Take(second, AV_PIX_FMT_NV12)->data[0], second.bytes.data());
+    EXPECT_TRUE(source.GiveBack());
+}
+
 TEST_F(PictureSourceTest, AnOddPictureGetsItsLastColumnAndRowAgain) {
     const TestPicture picture = Paint(kI420, {5, 3});
     const AVFrame* frame = Take(picture, AV_PIX_FMT_YUV420P);
