@@ -13,7 +13,29 @@
 #include <utility>
 #include <vector>
 
+// Of the leak checker, where there is one.
+extern "C" [[gnu::weak]] void __lsan_disable();  // NOLINT(bugprone-reserved-identifier)
+extern "C" [[gnu::weak]] void __lsan_enable();   // NOLINT(bugprone-reserved-identifier)
+
 namespace {
+
+// What a camera client deliberately leaves behind is named in a suppression, by a function that is no longer
+// mapped when the checker looks, after this module's unload.
+class LeavesSomethingBehind {
+public:
+    LeavesSomethingBehind() {
+        if (__lsan_disable != nullptr) {
+            __lsan_disable();
+        }
+    }
+    ~LeavesSomethingBehind() {
+        if (__lsan_enable != nullptr) {
+            __lsan_enable();
+        }
+    }
+    LeavesSomethingBehind(const LeavesSomethingBehind&) = delete;
+    LeavesSomethingBehind& operator=(const LeavesSomethingBehind&) = delete;
+};
 
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::pair<uint32_t, std::string>>;
@@ -169,7 +191,10 @@ TEST(RawHost, StartsServesAndStopsThroughSlotsAlone) {
     EXPECT_EQ(stream.count, 2);
     {
         const Peer peer(ends[1]);
-        std::thread run([&] { EXPECT_EQ(Call<int>(plugin, 6), 1); });
+        std::thread run([&] {
+            const LeavesSomethingBehind of_the_open_request;
+            EXPECT_EQ(Call<int>(plugin, 6), 1);
+        });
         peer.Send({0, 0, 0, 0, 0x0A, 0, 0, 0});
         EXPECT_EQ(peer.Receive(12), (Bytes{4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0}));
         peer.Send({4, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0});
