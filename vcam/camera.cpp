@@ -67,6 +67,7 @@ int Camera::Open(uint32_t flags, UniqueFd& program_end, FileIdentity& identity) 
     identity.file = next_file_++;
     identity.plug = board_.plug.load(std::memory_order_relaxed);
     identity.flags = flags;
+    identity.number = static_cast<uint32_t>(number_);
     OpenFile file;
     file.id = identity.file;
     file.flags = flags;

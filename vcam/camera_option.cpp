@@ -47,7 +47,12 @@ bool ReadList(std::string_view list, Read read) {
     }
 }
 
-std::string Quote(std::string_view text) { return "\"" + std::string(text) + "\""; }
+std::string Quote(std::string_view text) {
+    std::string quoted(1, '"');
+    quoted.append(text);
+    quoted.push_back('"');
+    return quoted;
+}
 
 bool ReadDevice(std::string_view value, CameraConfig& config, std::string& error) {
     error = "device must be 0 to 255, not " + Quote(value);
@@ -73,7 +78,8 @@ bool ReadFormats(std::string_view value, CameraConfig& config, std::string& erro
         if (!fourcc) {
             error = "unknown format " + Quote(part) + "; there are";
             for (const PixelFormat& format : PixelFormats()) {
-                error += " " + FourccText(format.fourcc);
+                error += ' ';
+                error += FourccText(format.fourcc);
             }
             return false;
         }

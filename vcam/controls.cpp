@@ -109,7 +109,7 @@ int Controls::QueryExtended(v4l2_query_ext_ctrl& query) const {
     CopyName(query.name, control->name);
     query.minimum = control->minimum;
     query.maximum = control->maximum;
-    query.step = static_cast<uint64_t>(control->step);
+    query.step = static_cast<__u64>(control->step);
     query.default_value = control->initial;
     query.flags = control->flags;
     query.elem_size = sizeof(int32_t);
@@ -122,7 +122,10 @@ int Controls::QueryMenu(v4l2_querymenu& menu) const {
     if (control == nullptr || menu.index >= control->menu.size()) {
         return EINVAL;
     }
-    CopyName(menu.name, control->menu[menu.index]);
+    // The structure is packed: its name cannot be bound to a reference.
+    const char* name = control->menu[menu.index];
+    std::memset(menu.name, 0, sizeof menu.name);
+    std::memcpy(menu.name, name, std::min(std::strlen(name), sizeof menu.name - 1));
     menu.reserved = 0;
     return 0;
 }

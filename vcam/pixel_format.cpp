@@ -59,7 +59,7 @@ PictureLayout LayOut(uint32_t fourcc, uint32_t width, uint32_t height, uint32_t 
         }
         case V4L2_PIX_FMT_YUV420:
         case V4L2_PIX_FMT_YVU420: {
-            layout.bytesperline = std::max(bytesperline, width) + 1U & ~1U;
+            layout.bytesperline = (std::max(bytesperline, width) + 1) & ~1U;
             layout.chroma_stride = layout.bytesperline / 2;
             layout.chroma_step = 1;
             const size_t luma = size_t{layout.bytesperline} * height;

@@ -38,6 +38,9 @@ int StatNode(int number);
 // Fills `numbers` with the cameras there are; returns how many.
 unsigned ListNodes(uint32_t (&numbers)[kMaxCameras]);
 
+// A descriptor with what /sys says of a virtual camera, or -1 for any other path.
+int OpenEventFile(const char* path);
+
 // The next definition of a function the library stands in front of. Looked up once; null when there is none.
 void* FindReal(const char* name);
 
@@ -49,11 +52,11 @@ void* FindReal(const char* name);
 // The real function behind the one being defined.
 #define ZU_VCAM_REAL(name)                                                                             \
     ([]() {                                                                                            \
-        static std::atomic<void*> found{nullptr};                                                      \
-        void* function = found.load(std::memory_order_relaxed);                                        \
+        static std::atomic<void*> real{nullptr};                                                      \
+        void* function = real.load(std::memory_order_relaxed);                                        \
         if (function == nullptr) {                                                                     \
             function = ::zumod::vcam::FindReal(#name);                                                 \
-            found.store(function, std::memory_order_relaxed);                                          \
+            real.store(function, std::memory_order_relaxed);                                          \
         }                                                                                              \
         return reinterpret_cast<decltype(&::name)>(function);                                          \
     }())

@@ -176,8 +176,6 @@ template <class Glob>
 void UseOurFunctions(Glob& result) {
     result.gl_opendir = [](const char* path) -> void* { return opendir(path); };
     result.gl_closedir = [](void* stream) { closedir(static_cast<DIR*>(stream)); };
-    result.gl_lstat = [](const char* path, auto* status) { return lstat(path, status); };
-    result.gl_stat = [](const char* path, auto* status) { return stat(path, status); };
 }
 
 bool ListsDev(const char* pattern) {
@@ -200,8 +198,8 @@ ZU_VCAM_EXPORT DIR* opendir(const char* path) {
 ZU_VCAM_EXPORT dirent* readdir(DIR* stream) { return ReadEntry(stream, ZU_VCAM_REAL(readdir)); }
 
 ZU_VCAM_EXPORT dirent64* readdir64(DIR* stream) {
-    const auto real = ZU_VCAM_REAL(readdir64);
-    return As64(ReadEntry(stream, [real](DIR* directory) { return From64(real(directory)); }));
+    const auto real_readdir = ZU_VCAM_REAL(readdir64);
+    return As64(ReadEntry(stream, [real_readdir](DIR* directory) { return From64(real_readdir(directory)); }));
 }
 
 ZU_VCAM_EXPORT void rewinddir(DIR* stream) __THROW {
@@ -238,6 +236,8 @@ ZU_VCAM_EXPORT int glob(const char* pattern, int flags, int (*error)(const char*
     if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
         UseOurFunctions(*result);
         result->gl_readdir = [](void* stream) { return readdir(static_cast<DIR*>(stream)); };
+        result->gl_lstat = &lstat;
+        result->gl_stat = &stat;
         flags |= GLOB_ALTDIRFUNC;
     }
     return ZU_VCAM_REAL(glob)(pattern, flags, error, result);
@@ -247,6 +247,8 @@ ZU_VCAM_EXPORT int glob64(const char* pattern, int flags, int (*error)(const cha
     if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
         UseOurFunctions(*result);
         result->gl_readdir = [](void* stream) { return readdir64(static_cast<DIR*>(stream)); };
+        result->gl_lstat = &lstat64;
+        result->gl_stat = &stat64;
         flags |= GLOB_ALTDIRFUNC;
     }
     return ZU_VCAM_REAL(glob64)(pattern, flags, error, result);

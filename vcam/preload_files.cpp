@@ -34,9 +34,13 @@ int Fail(int error) {
 // Opens a virtual camera: the descriptor, -1 with errno set, or kNotOurs.
 int OpenNode(int directory, const char* path, int flags) {
     const char* server = ServerName();
-    const int number = server == nullptr ? -1 : NodeNumber(directory, path);
-    if (number < 0) {
+    if (server == nullptr) {
         return kNotOurs;
+    }
+    const int number = NodeNumber(directory, path);
+    if (number < 0) {
+        const int event_file = OpenEventFile(path);
+        return event_file >= 0 ? event_file : kNotOurs;
     }
     const FileIdentity nobody{};
     Request request = MakeRequest(Operation::kOpen, nobody);

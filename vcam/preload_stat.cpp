@@ -1,8 +1,9 @@
-// stat, access, readlink and their other names: the device files look like character devices that may be used.
+// stat, access, readlink, getxattr and their other names: the device files look like character devices that may be used.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -79,8 +80,7 @@ Answer StatDescriptor(int fd, Stat* result) {
     if (!IsMarked(fd) || !Identify(fd, identity)) {
         return Answer::kNotOurs;
     }
-    // The identity says which camera; its number is only needed for the minor, where the slot is as good.
-    Fill(static_cast<int>(identity.slot), *result);
+    Fill(static_cast<int>(identity.number), *result);
     return Answer::kFilled;
 }
 
@@ -219,4 +219,25 @@ ZU_VCAM_EXPORT ssize_t readlink(const char* path, char* buffer, size_t size) __T
         return -1;
     }
     return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(readlink)(path, buffer, size);
+}
+
+// Device files have no attributes; a listing with details asks for them.
+ZU_VCAM_EXPORT ssize_t getxattr(const char* path, const char* name, void* value, size_t size) __THROW {
+    int number = -1;
+    const Answer answer = FindNode(AT_FDCWD, path, number);
+    if (answer == Answer::kFilled) {
+        errno = ENODATA;
+        return -1;
+    }
+    return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(getxattr)(path, name, value, size);
+}
+
+ZU_VCAM_EXPORT ssize_t lgetxattr(const char* path, const char* name, void* value, size_t size) __THROW {
+    int number = -1;
+    const Answer answer = FindNode(AT_FDCWD, path, number);
+    if (answer == Answer::kFilled) {
+        errno = ENODATA;
+        return -1;
+    }
+    return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(lgetxattr)(path, name, value, size);
 }

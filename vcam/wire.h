@@ -29,8 +29,9 @@ struct FileIdentity {
     uint32_t file;   // the open file, never 0
     uint32_t plug;   // which of the camera's plug-ins it belongs to
     uint32_t flags;  // as given to open
+    uint32_t number;  // of /dev/videoN
 };
-static_assert(sizeof(FileIdentity) == 48);
+static_assert(sizeof(FileIdentity) == 52);
 
 enum class Operation : uint32_t {
     kOpen,     // value: number; argument: flags -> value: slot, descriptor
