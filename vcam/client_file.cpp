@@ -129,12 +129,11 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
     Request request = MakeRequest(Operation::kIoctl, identity);
     request.command = command;
     request.flags = flags;
-    iovec parts[2] = {{argument, _IOC_SIZE(command)}, {nullptr, 0}};
+    // Without an argument the camera still says whether it knows the request at all.
+    iovec parts[2] = {{argument, argument == nullptr ? 0 : _IOC_SIZE(command)}, {nullptr, 0}};
     int part_count = 1;
-    if (argument == nullptr && parts[0].iov_len != 0) {
-        return EFAULT;
-    }
-    if (command == VIDIOC_G_EXT_CTRLS || command == VIDIOC_S_EXT_CTRLS || command == VIDIOC_TRY_EXT_CTRLS) {
+    const bool has_array = command == VIDIOC_G_EXT_CTRLS || command == VIDIOC_S_EXT_CTRLS || command == VIDIOC_TRY_EXT_CTRLS;
+    if (has_array && argument != nullptr) {
         const auto& controls = *static_cast<const v4l2_ext_controls*>(argument);
         if (controls.count > kMaxExtControls) {
             return EINVAL;
