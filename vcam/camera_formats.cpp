@@ -190,11 +190,13 @@ int Camera::EnumSizes(OpenFile& /*file*/, void* argument) {
 int Camera::EnumIntervals(OpenFile& /*file*/, void* argument) {
     auto& intervals = As<v4l2_frmivalenum>(argument);
     const v4l2_frmivalenum asked = intervals;
+    if (config_.rate_habit != RateHabit::kSettable) {
+        return ENOTTY;
+    }
     const Size size{asked.width, asked.height};
     const bool known =
         std::find(config_.formats.begin(), config_.formats.end(), asked.pixel_format) != config_.formats.end();
-    if (!known || AdjustSize(size) != size || asked.index >= config_.rates.size() ||
-        config_.rate_habit == RateHabit::kNone) {
+    if (!known || AdjustSize(size) != size || asked.index >= config_.rates.size()) {
         return EINVAL;
     }
     intervals = {};

@@ -1,0 +1,589 @@
+#include "vcam/camera.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/epoll.h>
+#include <sys/select.h>
+
+#include <cstring>
+#include <thread>
+
+#include "vcam/pattern_reader.h"
+#include "vcam/test_rig.h"
+
+namespace zumod::vcam {
+namespace {
+
+v4l2_format Format(uint32_t width, uint32_t height, uint32_t fourcc, uint32_t bytesperline = 0) {
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.fmt.pix.width = width;
+    format.fmt.pix.height = height;
+    format.fmt.pix.pixelformat = fourcc;
+    format.fmt.pix.bytesperline = bytesperline;
+    return format;
+}
+
+TEST(Camera, SaysWhatItIsAndCanDo) {
+    TestRig rig("card=Front Camera,device=3");
+    v4l2_capability capability{};
+    ASSERT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), 0);
+    EXPECT_STREQ(reinterpret_cast<const char*>(capability.driver), "zu-vcam");
+    EXPECT_STREQ(reinterpret_cast<const char*>(capability.card), "Front Camera");
+    EXPECT_STREQ(reinterpret_cast<const char*>(capability.bus_info), "usb-zu-vcam-3");
+    EXPECT_EQ(capability.device_caps, 0x04200001U);
+    EXPECT_EQ(capability.capabilities, 0x84200001U);
+}
+
+TEST(Camera, ListsItsFormatsInTheGivenOrderAndThenEnds) {
+    TestRig rig("formats=MJPG:YUYV");
+    v4l2_fmtdesc format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    ASSERT_EQ(rig.Call(VIDIOC_ENUM_FMT, format), 0);
+    EXPECT_EQ(format.pixelformat, V4L2_PIX_FMT_MJPEG);
+    EXPECT_EQ(format.flags, V4L2_FMT_FLAG_COMPRESSED);
+    format.index = 1;
+    ASSERT_EQ(rig.Call(VIDIOC_ENUM_FMT, format), 0);
+    EXPECT_EQ(format.pixelformat, V4L2_PIX_FMT_YUYV);
+    EXPECT_EQ(format.flags, 0U);
+    format.index = 2;
+    EXPECT_EQ(rig.Call(VIDIOC_ENUM_FMT, format), EINVAL);
+}
+
+TEST(Camera, GivesTheNearestOfItsSizes) {
+    TestRig rig("sizes=640x480:1280x720,adjust=nearest");
+    v4l2_format format = Format(800, 600, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 640U);
+    EXPECT_EQ(format.fmt.pix.height, 480U);
+    format = Format(1440, 1080, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 1280U);
+    EXPECT_EQ(format.fmt.pix.height, 720U);
+}
+
+TEST(Camera, MayJudgeASizeByItsWidthAlone) {
+    TestRig rig("sizes=640x480:1280x720,adjust=width");
+    v4l2_format format = Format(1280, 96, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 1280U);
+    EXPECT_EQ(format.fmt.pix.height, 720U);
+}
+
+TEST(Camera, MayTakeAnySizeExactly) {
+    TestRig rig("adjust=exact");
+    v4l2_format format = Format(642, 480, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 642U);
+    EXPECT_EQ(format.fmt.pix.height, 480U);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 642U);
+    EXPECT_EQ(format.fmt.pix.sizeimage, 642U * 480 * 3 / 2);
+    v4l2_frmsizeenum sizes{};
+    sizes.pixel_format = V4L2_PIX_FMT_NV12;
+    ASSERT_EQ(rig.Call(VIDIOC_ENUM_FRAMESIZES, sizes), 0);
+    EXPECT_EQ(sizes.type, uint32_t{V4L2_FRMSIZE_TYPE_STEPWISE});
+}
+
+TEST(Camera, PutsItsFirstFormatInPlaceOfAnUnknownOne) {
+    TestRig rig("formats=YUYV:NV12");
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_H264);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.pixelformat, V4L2_PIX_FMT_YUYV);
+}
+
+TEST(Camera, TriesAFormatWithoutChangingTheCurrentOne) {
+    TestRig rig("sizes=640x480:1280x720");
+    v4l2_format format = Format(1280, 720, V4L2_PIX_FMT_YUYV);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    ASSERT_EQ(rig.Call(VIDIOC_G_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 640U);
+    EXPECT_EQ(format.fmt.pix.pixelformat, V4L2_PIX_FMT_NV12);
+    format = Format(1280, 720, V4L2_PIX_FMT_YUYV);
+    ASSERT_EQ(rig.Call(VIDIOC_S_FMT, format), 0);
+    ASSERT_EQ(rig.Call(VIDIOC_G_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 1280U);
+    EXPECT_EQ(format.fmt.pix.pixelformat, V4L2_PIX_FMT_YUYV);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 2560U);
+}
+
+TEST(Camera, RefusesAnotherBufferType) {
+    TestRig rig;
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
+    format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    EXPECT_EQ(rig.Call(VIDIOC_G_FMT, format), EINVAL);
+    EXPECT_EQ(rig.Call(VIDIOC_TRY_FMT, format), EINVAL);
+    EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), EINVAL);
+}
+
+TEST(Camera, PadsItsRows) {
+    TestRig rig("padding=22,formats=NV12");
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 662U);
+    EXPECT_EQ(format.fmt.pix.sizeimage, 662U * 480 * 3 / 2);
+}
+
+TEST(Camera, KeepsALongerRowThatIsAskedForOnlyIfThatIsItsHabit) {
+    TestRig keeps("stride=asked");
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12, 768);
+    ASSERT_EQ(keeps.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 768U);
+    TestRig ignores;
+    format = Format(640, 480, V4L2_PIX_FMT_NV12, 768);
+    ASSERT_EQ(ignores.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 64U);
+}
+
+v4l2_streamparm Parm(uint32_t numerator, uint32_t denominator) {
+    v4l2_streamparm parm{};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    parm.parm.capture.timeperframe = {numerator, denominator};
+    return parm;
+}
+
+TEST(Camera, SetsTheNearestOfItsRates) {
+    TestRig rig("fps=30:15:5");
+    v4l2_streamparm parm = Parm(1, 14);
+    ASSERT_EQ(rig.Call(VIDIOC_S_PARM, parm), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 15U);
+    EXPECT_EQ(parm.parm.capture.capability, uint32_t{V4L2_CAP_TIMEPERFRAME});
+    ASSERT_EQ(rig.Call(VIDIOC_G_PARM, parm), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.numerator, 1U);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 15U);
+}
+
+TEST(Camera, GoesBackToItsFirstRateForNone) {
+    TestRig rig("fps=30:15");
+    v4l2_streamparm parm = Parm(1, 15);
+    ASSERT_EQ(rig.Call(VIDIOC_S_PARM, parm), 0);
+    parm = Parm(0, 0);
+    ASSERT_EQ(rig.Call(VIDIOC_S_PARM, parm), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 30U);
+}
+
+TEST(Camera, MaySayThatItsRateIsFixed) {
+    TestRig rig("fps=30:15,parm=fixed");
+    v4l2_streamparm parm = Parm(1, 15);
+    ASSERT_EQ(rig.Call(VIDIOC_G_PARM, parm), 0);
+    EXPECT_EQ(parm.parm.capture.capability, 0U);
+    parm = Parm(1, 15);
+    ASSERT_EQ(rig.Call(VIDIOC_S_PARM, parm), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 30U);
+}
+
+TEST(Camera, MayHaveNeitherGetNorSetRate) {
+    TestRig rig("parm=none");
+    v4l2_streamparm parm = Parm(1, 15);
+    EXPECT_EQ(rig.Call(VIDIOC_G_PARM, parm), ENOTTY);
+    EXPECT_EQ(rig.Call(VIDIOC_S_PARM, parm), ENOTTY);
+}
+
+TEST(Camera, ListsSizesAndRates) {
+    TestRig rig("sizes=640x480:320x240,fps=30:15");
+    v4l2_frmsizeenum sizes{};
+    sizes.index = 1;
+    sizes.pixel_format = V4L2_PIX_FMT_YUYV;
+    ASSERT_EQ(rig.Call(VIDIOC_ENUM_FRAMESIZES, sizes), 0);
+    EXPECT_EQ(sizes.discrete.width, 320U);
+    sizes.index = 2;
+    EXPECT_EQ(rig.Call(VIDIOC_ENUM_FRAMESIZES, sizes), EINVAL);
+    v4l2_frmivalenum rates{};
+    rates.index = 1;
+    rates.pixel_format = V4L2_PIX_FMT_YUYV;
+    rates.width = 320;
+    rates.height = 240;
+    ASSERT_EQ(rig.Call(VIDIOC_ENUM_FRAMEINTERVALS, rates), 0);
+    EXPECT_EQ(rates.discrete.denominator, 15U);
+    rates.height = 200;
+    EXPECT_EQ(rig.Call(VIDIOC_ENUM_FRAMEINTERVALS, rates), EINVAL);
+}
+
+TEST(Camera, HasOneInput) {
+    TestRig rig;
+    v4l2_input input{};
+    ASSERT_EQ(rig.Call(VIDIOC_ENUMINPUT, input), 0);
+    EXPECT_EQ(input.type, uint32_t{V4L2_INPUT_TYPE_CAMERA});
+    input.index = 1;
+    EXPECT_EQ(rig.Call(VIDIOC_ENUMINPUT, input), EINVAL);
+    uint32_t index = 0;
+    EXPECT_EQ(rig.Call(VIDIOC_S_INPUT, index), 0);
+    index = 1;
+    EXPECT_EQ(rig.Call(VIDIOC_S_INPUT, index), EINVAL);
+}
+
+TEST(Camera, DoesNotKnowOtherRequests) {
+    TestRig rig;
+    v4l2_exportbuffer unknown{};
+    EXPECT_EQ(rig.Call(VIDIOC_EXPBUF, unknown), ENOTTY);
+    EXPECT_EQ(rig.File().Ioctl(VIDIOC_LOG_STATUS, nullptr), ENOTTY);
+}
+
+TEST(Camera, FailsForAMissingArgument) {
+    TestRig rig;
+    EXPECT_EQ(rig.File().Ioctl(VIDIOC_QUERYCAP, nullptr), EFAULT);
+    EXPECT_EQ(rig.File().Ioctl(VIDIOC_DQBUF, nullptr), EFAULT);
+    EXPECT_EQ(rig.File().Ioctl(VIDIOC_QBUF, nullptr), EFAULT);
+}
+
+TEST(Camera, GrantsWhatIsAskedWithinItsLimits) {
+    TestRig rig;
+    EXPECT_EQ(rig.Request(1), 2);
+    EXPECT_EQ(rig.Request(4), 4);
+    EXPECT_EQ(rig.Request(100), 32);
+    EXPECT_EQ(rig.Request(0), 0);
+}
+
+TEST(Camera, GrantsWhatItIsConfiguredTo) {
+    for (const int grant : {0, 2, 4, 8}) {
+        TestRig rig("buffers=" + std::to_string(grant));
+        EXPECT_EQ(rig.Request(4), grant);
+    }
+}
+
+TEST(Camera, KnowsNoMemoryButItsOwn) {
+    TestRig rig;
+    v4l2_requestbuffers request{};
+    request.count = 4;
+    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.memory = V4L2_MEMORY_USERPTR;
+    EXPECT_EQ(rig.Call(VIDIOC_REQBUFS, request), EINVAL);
+}
+
+TEST(Camera, TellsWhereABufferIsAndWhatBecameOfIt) {
+    TestRig rig;
+    ASSERT_EQ(rig.Request(2), 2);
+    v4l2_buffer buffer = TestRig::Buffer(1);
+    ASSERT_EQ(rig.Call(VIDIOC_QUERYBUF, buffer), 0);
+    EXPECT_EQ(buffer.length, 64U * 64 * 3 / 2);
+    EXPECT_EQ(buffer.m.offset, 8192U);
+    EXPECT_EQ(buffer.flags, uint32_t{V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC});
+    ASSERT_EQ(rig.Queue(1), 0);
+    ASSERT_EQ(rig.Call(VIDIOC_QUERYBUF, buffer), 0);
+    EXPECT_EQ(buffer.flags, uint32_t{V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_QUEUED});
+    buffer.index = 2;
+    EXPECT_EQ(rig.Call(VIDIOC_QUERYBUF, buffer), EINVAL);
+}
+
+TEST(Camera, TakesABufferOnlyOnceAndOnlyOneItHas) {
+    TestRig rig;
+    EXPECT_EQ(rig.Queue(0), EINVAL);
+    ASSERT_EQ(rig.Request(2), 2);
+    EXPECT_EQ(rig.Queue(0), 0);
+    EXPECT_EQ(rig.Queue(0), EINVAL);
+    EXPECT_EQ(rig.Queue(2), EINVAL);
+}
+
+TEST(Camera, MapsOnlyItsBuffers) {
+    TestRig rig;
+    EXPECT_EQ(rig.File().Map(4096, PROT_READ, 0), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(rig.Request(2), 2);
+    EXPECT_EQ(rig.File().Map(4096, PROT_READ, 4096), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(rig.File().Map(1 << 20, PROT_READ, 0), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    void* memory = rig.File().Map(6144, PROT_READ | PROT_WRITE, 8192);
+    ASSERT_NE(memory, MAP_FAILED);
+    v4l2_buffer buffer = TestRig::Buffer(1);
+    ASSERT_EQ(rig.Call(VIDIOC_QUERYBUF, buffer), 0);
+    EXPECT_NE(buffer.flags & V4L2_BUF_FLAG_MAPPED, 0U);
+    munmap(memory, 6144);
+}
+
+TEST(Camera, OpenedForReadingIsNotMappedForWriting) {
+    TestRig rig;
+    ASSERT_EQ(rig.Reopen(O_RDONLY), 0);
+    ASSERT_EQ(rig.Request(2), 2);
+    EXPECT_EQ(rig.File().Map(6144, PROT_READ | PROT_WRITE, 0), MAP_FAILED);
+    EXPECT_EQ(errno, EACCES);
+    void* memory = rig.File().Map(6144, PROT_READ, 0);
+    EXPECT_NE(memory, MAP_FAILED);
+    munmap(memory, 6144);
+}
+
+TEST(Camera, DoesNotStreamWithoutBuffers) {
+    TestRig rig;
+    EXPECT_EQ(rig.StreamOn(), EINVAL);
+    v4l2_buffer buffer;
+    EXPECT_EQ(rig.Dequeue(buffer), EINVAL);
+    EXPECT_EQ(rig.StreamOff(), 0);
+}
+
+TEST(Camera, GivesFramesInOrderWithExactTimes) {
+    TestRig rig("sizes=64x64,fps=250");
+    ASSERT_EQ(rig.Start(8), 0);
+    int64_t first = 0;
+    for (uint32_t i = 0; i < 8; ++i) {
+        const TestRig::Frame frame = rig.Next();
+        ASSERT_EQ(frame.error, 0);
+        EXPECT_EQ(frame.buffer.sequence, i);
+        EXPECT_EQ(frame.buffer.index, i);
+        EXPECT_EQ(frame.buffer.bytesused, 64U * 64 * 3 / 2);
+        EXPECT_EQ(frame.buffer.flags, uint32_t{V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_MAPPED});
+        EXPECT_EQ(frame.buffer.field, uint32_t{V4L2_FIELD_NONE});
+        const int64_t time = frame.buffer.timestamp.tv_sec * 1000000L + frame.buffer.timestamp.tv_usec;
+        first = i == 0 ? time : first;
+        EXPECT_NEAR(static_cast<double>(time - first), 4000.0 * i, 1.0);
+    }
+}
+
+TEST(Camera, StampsTheSequenceAndTheTimeIntoThePicture) {
+    TestRig rig("sizes=128x96,fps=250");
+    ASSERT_EQ(rig.Start(4), 0);
+    for (int i = 0; i < 4; ++i) {
+        const TestRig::Frame frame = rig.Next();
+        ASSERT_EQ(frame.error, 0);
+        const auto stamp = ReadStamp(rig.Memory(frame.buffer.index), rig.Device().Layout());
+        ASSERT_TRUE(stamp);
+        EXPECT_EQ(stamp->counter, frame.buffer.sequence);
+        EXPECT_EQ(stamp->time_us, static_cast<uint64_t>(frame.buffer.timestamp.tv_sec) * 1000000U +
+                                      static_cast<uint64_t>(frame.buffer.timestamp.tv_usec));
+    }
+}
+
+TEST(Camera, DropsFramesWhileNoBufferIsQueued) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    ASSERT_EQ(rig.Next().error, 0);
+    ASSERT_EQ(rig.Next().error, 0);
+    for (int tries = 0; rig.Device().Status().dropped < 3 && tries < 20000; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_EQ(rig.Queue(0), 0);
+    const TestRig::Frame frame = rig.Next();
+    ASSERT_EQ(frame.error, 0);
+    EXPECT_GE(frame.buffer.sequence, 5U);
+}
+
+TEST(Camera, HasNothingToDequeueBeforeAFrameIsDue) {
+    TestRig rig("sizes=64x64,fps=1");
+    ASSERT_EQ(rig.Start(2), 0);
+    EXPECT_EQ(rig.Poll(0), 0);
+    v4l2_buffer buffer;
+    EXPECT_EQ(rig.Dequeue(buffer), EAGAIN);
+}
+
+TEST(Camera, LetsABlockingFileWaitForAFrame) {
+    TestRig rig;
+    ASSERT_EQ(rig.Reopen(O_RDWR), 0);
+    ASSERT_EQ(rig.Start(2), 0);
+    v4l2_buffer buffer;
+    EXPECT_EQ(rig.Dequeue(buffer), 0);
+}
+
+TEST(Camera, WakesABlockedDequeueWhenTheStreamStops) {
+    TestRig rig("sizes=64x64,fault=no-frames");
+    ASSERT_EQ(rig.Reopen(O_RDWR), 0);
+    ASSERT_EQ(rig.Start(2), 0);
+    int error = 0;
+    std::thread waiting([&] {
+        v4l2_buffer buffer;
+        error = rig.Dequeue(buffer);
+    });
+    EXPECT_EQ(rig.StreamOff(), 0);
+    waiting.join();
+    EXPECT_EQ(error, EINVAL);
+    // And the descriptor still does not let a poll wait.
+    EXPECT_NE(rig.Poll(0), 0);
+}
+
+TEST(Camera, GivesEveryBufferBackWhenTheStreamStops) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    ASSERT_NE(rig.Poll(), 0);
+    ASSERT_EQ(rig.StreamOff(), 0);
+    v4l2_buffer buffer;
+    EXPECT_EQ(rig.Dequeue(buffer), EINVAL);
+    EXPECT_EQ(rig.Queue(0), 0);
+    EXPECT_EQ(rig.Queue(1), 0);
+}
+
+TEST(Camera, CountsFramesAnewInEachStreamAndForgetsTheOldOnes) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(4), 0);
+    ASSERT_NE(rig.Poll(), 0);
+    ASSERT_EQ(rig.StreamOff(), 0);
+    ASSERT_EQ(rig.Queue(2), 0);
+    ASSERT_EQ(rig.StreamOn(), 0);
+    const TestRig::Frame frame = rig.Next();
+    ASSERT_EQ(frame.error, 0);
+    EXPECT_EQ(frame.buffer.sequence, 0U);
+    EXPECT_EQ(frame.buffer.index, 2U);
+}
+
+TEST(Camera, DoesNotLetAPollWaitOnAStoppedStream) {
+    TestRig rig;
+    EXPECT_NE(rig.Poll(0), 0);
+}
+
+TEST(Camera, IsSeenBySelectAndEpollByItself) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(4), 0);
+    const int fd = rig.File().Descriptor();
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    timeval limit{20, 0};
+    EXPECT_EQ(select(fd + 1, &readable, nullptr, nullptr, &limit), 1);
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    ASSERT_EQ(epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event), 0);
+    EXPECT_EQ(epoll_wait(epoll, &event, 1, 20000), 1);
+    EXPECT_EQ(event.events, uint32_t{EPOLLIN});
+    close(epoll);
+}
+
+TEST(Camera, IsNeverWritable) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    pollfd state{rig.File().Descriptor(), POLLOUT, 0};
+    EXPECT_EQ(poll(&state, 1, 0), 0);
+}
+
+TEST(Camera, IsBusyForASecondStreamer) {
+    TestRig rig;
+    ModelFile second(rig.Device());
+    ASSERT_EQ(rig.Start(2), 0);
+    v4l2_requestbuffers request{};
+    request.count = 2;
+    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.memory = V4L2_MEMORY_MMAP;
+    EXPECT_EQ(second.Ioctl(VIDIOC_REQBUFS, &request), EBUSY);
+    uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    EXPECT_EQ(second.Ioctl(VIDIOC_STREAMON, &type), EBUSY);
+    EXPECT_EQ(second.Ioctl(VIDIOC_STREAMOFF, &type), EBUSY);
+    v4l2_buffer buffer = TestRig::Buffer();
+    EXPECT_EQ(second.Ioctl(VIDIOC_QBUF, &buffer), EBUSY);
+    EXPECT_EQ(second.Ioctl(VIDIOC_DQBUF, &buffer), EBUSY);
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
+    EXPECT_EQ(second.Ioctl(VIDIOC_S_FMT, &format), EBUSY);
+    EXPECT_EQ(second.Ioctl(VIDIOC_G_FMT, &format), 0);
+}
+
+TEST(Camera, DoesNotChangeFormatOrRateWhileItIsInUse) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
+    EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), EBUSY);
+    v4l2_streamparm parm = Parm(1, 30);
+    EXPECT_EQ(rig.Call(VIDIOC_S_PARM, parm), EBUSY);
+    EXPECT_EQ(rig.Request(4), -EBUSY);
+}
+
+TEST(Camera, IsFreeAtOnceWhenItsUserClosedAndUnmapped) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    rig.Unmap();
+    ASSERT_EQ(rig.Reopen(), 0);
+    EXPECT_EQ(rig.Start(2), 0);
+}
+
+// The kernel keeps a device file until its memory is unmapped too.
+TEST(Camera, StaysBusyWhileItsMemoryIsMapped) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    ASSERT_EQ(rig.Reopen(), 0);
+    EXPECT_EQ(rig.Request(2), -EBUSY);
+    rig.Unmap();
+    EXPECT_EQ(rig.Request(2), 2);
+}
+
+TEST(Camera, IsKeptOpenByACopyOfTheDescriptor) {
+    TestRig rig;
+    ASSERT_EQ(rig.Request(2), 2);
+    const int copy = dup(rig.File().Descriptor());
+    ASSERT_EQ(rig.Reopen(), 0);
+    EXPECT_EQ(rig.Request(2), -EBUSY);
+    EXPECT_EQ(rig.Device().Status().open_files, 2U);
+    close(copy);
+    EXPECT_EQ(rig.Request(2), 2);
+    EXPECT_EQ(rig.Device().Status().open_files, 1U);
+}
+
+TEST(Camera, StopsPaintingForAProgramThatEnded) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    rig.CloseFile();
+    for (int tries = 0; rig.Device().Status().streaming && tries < 20000; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_FALSE(rig.Device().Status().streaming);
+}
+
+TEST(Camera, ObeysPriorities) {
+    TestRig rig;
+    ModelFile second(rig.Device());
+    uint32_t priority = V4L2_PRIORITY_RECORD;
+    ASSERT_EQ(second.Ioctl(VIDIOC_S_PRIORITY, &priority), 0);
+    v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
+    EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), EBUSY);
+    EXPECT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    ASSERT_EQ(rig.Call(VIDIOC_G_PRIORITY, priority), 0);
+    EXPECT_EQ(priority, uint32_t{V4L2_PRIORITY_RECORD});
+    second.Close();
+    EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), 0);
+    priority = 17;
+    EXPECT_EQ(rig.Call(VIDIOC_S_PRIORITY, priority), EINVAL);
+}
+
+TEST(Camera, KeepsItsControls) {
+    TestRig rig;
+    v4l2_control control{V4L2_CID_BRIGHTNESS, 300};
+    ASSERT_EQ(rig.Call(VIDIOC_S_CTRL, control), 0);
+    control.value = 0;
+    ASSERT_EQ(rig.Call(VIDIOC_G_CTRL, control), 0);
+    EXPECT_EQ(control.value, 255);
+    control = {V4L2_CID_POWER_LINE_FREQUENCY, 3};
+    EXPECT_EQ(rig.Call(VIDIOC_S_CTRL, control), ERANGE);
+    control = {V4L2_CID_ZOOM_ABSOLUTE, 0};
+    EXPECT_EQ(rig.Call(VIDIOC_G_CTRL, control), EINVAL);
+}
+
+TEST(Camera, RaisesAnEventWhenAnotherFileChangesAControl) {
+    TestRig rig;
+    ModelFile second(rig.Device());
+    ASSERT_EQ(rig.Start(2), 0);
+    v4l2_event_subscription subscription{};
+    subscription.type = V4L2_EVENT_CTRL;
+    subscription.id = V4L2_CID_CONTRAST;
+    ASSERT_EQ(rig.Call(VIDIOC_SUBSCRIBE_EVENT, subscription), 0);
+    EXPECT_EQ(rig.Poll(0, POLLPRI), 0);
+    v4l2_event event{};
+    EXPECT_EQ(rig.Call(VIDIOC_DQEVENT, event), ENOENT);
+    for (const int value : {1, 2}) {
+        v4l2_control control{V4L2_CID_CONTRAST, value};
+        ASSERT_EQ(second.Ioctl(VIDIOC_S_CTRL, &control), 0);
+    }
+    EXPECT_EQ(rig.Poll(20000, POLLPRI), POLLPRI);
+    // Frames in between do not take the event away.
+    ASSERT_EQ(rig.NextAndQueue().error, 0);
+    EXPECT_EQ(rig.Poll(20000, POLLPRI), POLLPRI);
+    ASSERT_EQ(rig.Call(VIDIOC_DQEVENT, event), 0);
+    EXPECT_EQ(event.u.ctrl.value, 2);
+    EXPECT_EQ(event.pending, 1U);
+    EXPECT_EQ(rig.Poll(20000, POLLPRI), POLLPRI);
+    ASSERT_EQ(rig.Call(VIDIOC_DQEVENT, event), 0);
+    EXPECT_EQ(event.pending, 0U);
+    EXPECT_EQ(rig.Poll(0, POLLPRI), 0);
+    ASSERT_EQ(rig.NextAndQueue().error, 0);
+}
+
+TEST(Camera, KeepsARateOfAThousandFrames) {
+    TestRig rig("sizes=160x120,fps=1000");
+    ASSERT_EQ(rig.Start(32), 0);
+    TestRig::Frame first = rig.NextAndQueue();
+    ASSERT_EQ(first.error, 0);
+    TestRig::Frame last;
+    for (int i = 0; i < 300; ++i) {
+        last = rig.NextAndQueue();
+        ASSERT_EQ(last.error, 0);
+    }
+    const int64_t microseconds = (last.buffer.timestamp.tv_sec - first.buffer.timestamp.tv_sec) * 1000000L +
+                                 last.buffer.timestamp.tv_usec - first.buffer.timestamp.tv_usec;
+    EXPECT_NEAR(static_cast<double>(microseconds),
+                1000.0 * static_cast<double>(last.buffer.sequence - first.buffer.sequence), 2.0);
+}
+
+}  // namespace
+}  // namespace zumod::vcam
