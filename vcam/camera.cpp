@@ -263,9 +263,10 @@ void Camera::UnplugLocked() {
         return;
     }
     present_ = false;
+    // First of all: whoever is woken by the rest sees that the camera is gone.
+    board_.plug.fetch_add(1, std::memory_order_acq_rel);
     StopStream();
     FreeBuffers();
-    board_.plug.fetch_add(1, std::memory_order_acq_rel);
     for (auto& [id, file] : files_) {
         file.end.HangUp();
     }

@@ -7,8 +7,6 @@
 namespace zumod::vcam {
 namespace {
 
-constexpr size_t kMaxEvents = 64;
-
 template <class T>
 T& As(void* argument) {
     return *static_cast<T*>(argument);
@@ -138,8 +136,13 @@ void Camera::TellChanged(const OpenFile& origin, const std::vector<uint32_t>& ch
 void Camera::PushEvent(OpenFile& file, v4l2_event event) {
     event.sequence = file.event_sequence++;
     clock_gettime(CLOCK_MONOTONIC, &event.timestamp);
-    if (file.events.size() >= kMaxEvents) {
-        file.events.pop_front();
+    // Only the last of a control's events is kept; it tells of all that changed.
+    const auto older = std::find_if(file.events.begin(), file.events.end(), [&](const v4l2_event& other) {
+        return other.type == event.type && other.id == event.id;
+    });
+    if (older != file.events.end()) {
+        event.u.ctrl.changes |= older->u.ctrl.changes;
+        file.events.erase(older);
     }
     file.events.push_back(event);
     MarkEvent(file);

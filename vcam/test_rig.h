@@ -33,7 +33,7 @@ inline CameraConfig Configure(const std::string& options) {
 class TestRig {
    public:
     explicit TestRig(const std::string& options = "sizes=64x64,fps=500")
-        : camera_(0, Configure(options), "test", board_) {
+        : camera_(0, Configure(options), NewName(), board_) {
         Reopen();
     }
     ~TestRig() { Unmap(); }
@@ -152,6 +152,12 @@ class TestRig {
     }
 
    private:
+    // The names of descriptors must differ between the tests that run at one time.
+    static std::string NewName() {
+        static unsigned count = 0;
+        return "rig." + std::to_string(getpid()) + "." + std::to_string(count++);
+    }
+
     CameraBoard board_{};
     Camera camera_;
     std::unique_ptr<ModelFile> file_;
