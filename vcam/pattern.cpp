@@ -2,6 +2,7 @@
 
 #include <linux/videodev2.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace zumod::vcam {
@@ -77,6 +78,10 @@ Pattern::Pattern(const PictureLayout& layout, const std::string& label)
     for (unsigned x = 0; x < kTile; ++x) {
         PutPixel(square_, x, Scene::kSquare);
     }
+    const bool u_first = layout.u_offset < layout.v_offset;
+    for (size_t i = 0; i < chroma_row_.size(); ++i) {
+        chroma_row_[i] = (i % 2 == 0) == u_first ? Scene::kSquare.u : Scene::kSquare.v;
+    }
 }
 
 void Pattern::PutPixel(TileRow& row, unsigned column, Colour colour) const {
@@ -147,14 +152,15 @@ void Pattern::PaintSquare(uint8_t* out, const Stamp& stamp) const {
         return;
     }
     const unsigned half = square.size * kTile / 2;
-    for (unsigned y = 0; y < half; ++y) {
-        const size_t at = (size_t{square.row} * kTile / 2 + y) * layout_.chroma_stride +
+    const size_t corner = size_t{square.row} * kTile / 2 * layout_.chroma_stride +
                           size_t{square.column} * kTile / 2 * layout_.chroma_step;
-        uint8_t* u = out + layout_.u_offset + at;
-        uint8_t* v = out + layout_.v_offset + at;
-        for (unsigned x = 0; x < half; ++x) {
-            u[size_t{x} * layout_.chroma_step] = Scene::kSquare.u;
-            v[size_t{x} * layout_.chroma_step] = Scene::kSquare.v;
+    for (unsigned y = 0; y < half; ++y) {
+        const size_t at = corner + size_t{y} * layout_.chroma_stride;
+        if (layout_.chroma_step == 2) {
+            std::memcpy(out + std::min(layout_.u_offset, layout_.v_offset) + at, chroma_row_.data(), size_t{half} * 2);
+        } else {
+            std::memset(out + layout_.u_offset + at, Scene::kSquare.u, half);
+            std::memset(out + layout_.v_offset + at, Scene::kSquare.v, half);
         }
     }
 }

@@ -39,6 +39,7 @@ class Pattern final : public FrameSource {
     std::vector<uint8_t> white_;  // one row of a white block of the stamp
     std::vector<Tile> glyphs_;    // by letter, from the blank on
     TileRow square_{};
+    std::array<uint8_t, Scene::kGreatestSquare * kTile> chroma_row_{};  // of the square, where both samples are interleaved
 };
 
 }  // namespace zumod::vcam

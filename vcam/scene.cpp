@@ -88,7 +88,7 @@ std::vector<PlacedGlyph> Scene::Letters(const Stamp& stamp) const {
 
 PlacedSquare Scene::Square(const Stamp& stamp) const {
     const unsigned free_rows = rows_ - first_free_row_;
-    unsigned size = std::min({4U, free_rows, columns_});
+    unsigned size = std::min({kGreatestSquare, free_rows, columns_});
     if (size == 0) {
         return {};
     }

@@ -25,6 +25,8 @@ struct PlacedSquare {
 
 class Scene {
    public:
+    static constexpr unsigned kGreatestSquare = 4;  // tiles
+
     Scene(unsigned width, unsigned height, const std::string& label);
 
     static constexpr Colour kSquare{170, 60, 190};
