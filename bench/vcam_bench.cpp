@@ -1,5 +1,5 @@
-// What a virtual camera costs: a frame's painting and its whole delivery to a program, beside writing that frame once
-// into memory.
+// What a virtual camera costs: a frame's painting and its whole delivery to a program, beside writing that
+// frame once into memory.
 #include <linux/videodev2.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -87,7 +87,7 @@ double ProcessorSeconds() {
 
 // Cameras that stream in this process, all read by one thread.
 class Cameras {
-   public:
+public:
     Cameras(unsigned count, const std::string& options) : boards_(new CameraBoard[count]()) {
         for (unsigned i = 0; i < count; ++i) {
             CameraConfig config;
@@ -138,7 +138,7 @@ class Cameras {
         return lost;
     }
 
-   private:
+private:
     static v4l2_buffer Buffer(uint32_t index) {
         v4l2_buffer buffer{};
         buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -169,9 +169,10 @@ class Cameras {
     std::vector<std::pair<void*, size_t>> mapped_;
 };
 
-// The least that gives frames at a rate to a reader that waits: a thread that sleeps until each is due, writes it once
-// into memory and sends a note.
-void TakeMinimum(uint64_t frames, const FrameClock& clock, const std::vector<uint8_t>& frame, BufferPool& pool) {
+// The least that gives frames at a rate to a reader that waits: a thread that sleeps until each is due,
+// writes it once into memory and sends a note.
+void TakeMinimum(uint64_t frames, const FrameClock& clock, const std::vector<uint8_t>& frame,
+                 BufferPool& pool) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) {
         throw std::runtime_error("no socket pair");
@@ -197,8 +198,8 @@ void TakeMinimum(uint64_t frames, const FrameClock& clock, const std::vector<uin
     close(pair[1]);
 }
 
-// All that a delivered frame takes of the processor, both sides together, from its clock to its being queued again,
-// against the least that writes it once at the same rate and wakes a reader.
+// All that a delivered frame takes of the processor, both sides together, from its clock to its being queued
+// again, against the least that writes it once at the same rate and wakes a reader.
 void DeliverFrame(benchmark::State& state, uint32_t fps, uint32_t width, uint32_t height) {
     constexpr uint64_t kFrames = 300;
     const PictureLayout layout = LayOut(V4L2_PIX_FMT_NV12, width, height);

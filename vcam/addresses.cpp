@@ -20,7 +20,8 @@ char* BeginAddress(sockaddr_un& address, char separator) {
 }
 
 unsigned LengthUpTo(const sockaddr_un& address, const char* end) {
-    return static_cast<unsigned>(offsetof(sockaddr_un, sun_path)) + static_cast<unsigned>(end - address.sun_path);
+    return static_cast<unsigned>(offsetof(sockaddr_un, sun_path)) +
+           static_cast<unsigned>(end - address.sun_path);
 }
 
 }  // namespace
@@ -43,8 +44,7 @@ bool ReadDescriptorAddress(const sockaddr_un& address, unsigned length, FileIden
     sockaddr_un expected;
     const char* body = BeginAddress(expected, ':');
     const auto head = static_cast<unsigned>(body - expected.sun_path);
-    if (address.sun_family != AF_UNIX ||
-        length != offsetof(sockaddr_un, sun_path) + head + sizeof identity ||
+    if (address.sun_family != AF_UNIX || length != offsetof(sockaddr_un, sun_path) + head + sizeof identity ||
         std::memcmp(address.sun_path, expected.sun_path, head) != 0) {
         return false;
     }

@@ -1,4 +1,5 @@
-// The abstract socket addresses of servers and of device files' descriptors. Pure functions without the C++ runtime.
+// The abstract socket addresses of servers and of device files' descriptors. Pure functions without the C++
+// runtime.
 #pragma once
 
 #include <sys/un.h>

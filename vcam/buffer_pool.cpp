@@ -18,8 +18,7 @@ std::shared_ptr<BufferPool> BufferPool::Create(uint32_t count, uint32_t length) 
         return nullptr;
     }
     // The pages are there before the first frame is due.
-    void* base =
-        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, pool->fd_.Get(), 0);
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, pool->fd_.Get(), 0);
     if (base == MAP_FAILED) {
         return nullptr;
     }
@@ -27,7 +26,9 @@ std::shared_ptr<BufferPool> BufferPool::Create(uint32_t count, uint32_t length) 
     return pool;
 }
 
-BufferPool::~BufferPool() { Unmap(); }
+BufferPool::~BufferPool() {
+    Unmap();
+}
 
 void BufferPool::Unmap() {
     if (base_ != nullptr) {

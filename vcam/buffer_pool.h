@@ -10,7 +10,7 @@
 namespace zumod::vcam {
 
 class BufferPool {
-   public:
+public:
     // Null, with errno set, when there is no memory.
     static std::shared_ptr<BufferPool> Create(uint32_t count, uint32_t length);
     BufferPool(const BufferPool&) = delete;
@@ -23,11 +23,11 @@ class BufferPool {
     uint32_t Length() const { return length_; }
     int Descriptor() const { return fd_.Get(); }
 
-    // Gives up the camera's own mapping, for good, and says whether a program still has one: like the kernel, a
-    // camera is in use until its memory is unmapped too. Nobody may use At any more.
+    // Gives up the camera's own mapping, for good, and says whether a program still has one: like the kernel,
+    // a camera is in use until its memory is unmapped too. Nobody may use At any more.
     bool IsMappedElsewhere();
 
-   private:
+private:
     BufferPool() = default;
     void Unmap();
 

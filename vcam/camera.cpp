@@ -91,8 +91,8 @@ Reply Camera::Serve(const Request& request, std::vector<uint8_t>& payload, Uniqu
     return reply;
 }
 
-int Camera::ServeFile(const Request& request, std::vector<uint8_t>& payload, Reply& reply, UniqueFd& descriptor,
-                      Lock& lock) {
+int Camera::ServeFile(const Request& request, std::vector<uint8_t>& payload, Reply& reply,
+                      UniqueFd& descriptor, Lock& lock) {
     ReapLocked(lock);
     OpenFile* file = FindFile(request.file, request.plug);
     if (file == nullptr) {
@@ -223,7 +223,7 @@ void Camera::Remind(OpenFile& file, uint32_t what) {
 Camera::OpenFile* Camera::FindFile(uint32_t id, uint32_t plug) {
     const auto found = files_.find(id);
     return plug != board_.plug.load(std::memory_order_relaxed) || found == files_.end() ? nullptr
-                                                                                         : &found->second;
+                                                                                        : &found->second;
 }
 
 void Camera::Reap() {
@@ -274,8 +274,7 @@ void Camera::UnplugLocked() {
     for (const FaultKind kind : {FaultKind::kReplug, FaultKind::kReplugAs}) {
         if (const ActiveFault* fault = FindFault(kind)) {
             replug_at_ = Clock::now() + std::chrono::milliseconds(fault->fault.value);
-            replug_number_ =
-                kind == FaultKind::kReplug ? number_ : static_cast<int>(fault->fault.value2);
+            replug_number_ = kind == FaultKind::kReplug ? number_ : static_cast<int>(fault->fault.value2);
             RemoveFault(fault);
             break;
         }
@@ -297,8 +296,7 @@ void Camera::Inject(const Fault& fault) {
         if (fault.kind == FaultKind::kUnplug && fault.first == 0) {
             UnplugLocked();
         } else if (!present_ && (fault.kind == FaultKind::kReplug || fault.kind == FaultKind::kReplugAs)) {
-            const int number =
-                fault.kind == FaultKind::kReplug ? number_ : static_cast<int>(fault.value2);
+            const int number = fault.kind == FaultKind::kReplug ? number_ : static_cast<int>(fault.value2);
             if (fault.value == 0) {
                 PlugLocked(number);
             } else {
@@ -307,7 +305,8 @@ void Camera::Inject(const Fault& fault) {
             }
         } else {
             faults_.push_back({fault});
-            const bool of_clock = fault.kind == FaultKind::kTooFast || fault.kind == FaultKind::kSequenceWrap ||
+            const bool of_clock = fault.kind == FaultKind::kTooFast ||
+                                  fault.kind == FaultKind::kSequenceWrap ||
                                   fault.kind == FaultKind::kTimeWrap;
             if (of_clock && IsStreaming()) {
                 StartClock();
@@ -365,13 +364,14 @@ PictureLayout Camera::Layout() {
 }
 
 Camera::ActiveFault* Camera::FindFault(FaultKind kind) {
-    const auto found = std::find_if(faults_.begin(), faults_.end(), [kind](const ActiveFault& active) {
-        return active.fault.kind == kind;
-    });
+    const auto found = std::find_if(faults_.begin(), faults_.end(),
+                                    [kind](const ActiveFault& active) { return active.fault.kind == kind; });
     return found == faults_.end() ? nullptr : &*found;
 }
 
-void Camera::RemoveFault(const ActiveFault* fault) { faults_.erase(faults_.begin() + (fault - faults_.data())); }
+void Camera::RemoveFault(const ActiveFault* fault) {
+    faults_.erase(faults_.begin() + (fault - faults_.data()));
+}
 
 // Counts a call against every fault of the kind; the error if one of them covers it.
 int Camera::FailCall(FaultKind kind, unsigned long command, int error) {

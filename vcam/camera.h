@@ -1,5 +1,5 @@
-// One virtual camera: what a driver keeps for a device. Any thread; one lock guards everything but the board, and a
-// thread of its own gives the frames.
+// One virtual camera: what a driver keeps for a device. Any thread; one lock guards everything but the board,
+// and a thread of its own gives the frames.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -40,7 +40,7 @@ struct CameraStatus {
 };
 
 class Camera {
-   public:
+public:
     // The board must outlive the camera. A Y4M file that cannot be read leaves the test picture.
     Camera(unsigned slot, CameraConfig config, const std::string& server_name, CameraBoard& board);
     Camera(const Camera&) = delete;
@@ -67,7 +67,7 @@ class Camera {
     std::vector<uint8_t> Picture(const Stamp& stamp);
     PictureLayout Layout();
 
-   private:
+private:
     struct Subscription {
         uint32_t type;
         uint32_t id;

@@ -1,5 +1,6 @@
-// What a camera and the programs that use it share in memory: the state of the stream and of each buffer, so that a
-// buffer is queued and dequeued without a round trip. Any thread of any process; every word is atomic by itself.
+// What a camera and the programs that use it share in memory: the state of the stream and of each buffer, so
+// that a buffer is queued and dequeued without a round trip. Any thread of any process; every word is atomic
+// by itself.
 #pragma once
 
 #include <atomic>
@@ -21,8 +22,8 @@ struct CameraBoard {
     static constexpr uint32_t kFailed = 2;
     static constexpr uint32_t kStreamStep = 4;
 
-    // Written by the camera alone, read by programs; what orders them is the camera's reply to the request that
-    // changed them.
+    // Written by the camera alone, read by programs; what orders them is the camera's reply to the request
+    // that changed them.
     std::atomic<uint32_t> plug;
     std::atomic<uint32_t> owner;
     std::atomic<uint32_t> stream;
@@ -43,10 +44,10 @@ struct CameraBoard {
     bool Move(uint32_t index, BufferState from, BufferState to) {
         uint64_t word = buffers[index].load(std::memory_order_acquire);
         while (StateOf(word) == from) {
-            const uint64_t next = to == BufferState::kQueued
-                                      ? (next_ticket.fetch_add(1, std::memory_order_relaxed) << 8) |
-                                            static_cast<uint64_t>(to)
-                                      : static_cast<uint64_t>(to);
+            const uint64_t next =
+                to == BufferState::kQueued
+                    ? (next_ticket.fetch_add(1, std::memory_order_relaxed) << 8) | static_cast<uint64_t>(to)
+                    : static_cast<uint64_t>(to);
             if (buffers[index].compare_exchange_weak(word, next, std::memory_order_acq_rel)) {
                 return true;
             }

@@ -18,8 +18,8 @@ bool Camera::IsStreaming() const {
     return (board_.stream.load(std::memory_order_relaxed) & CameraBoard::kStreaming) != 0;
 }
 
-// Makes the descriptor readable, so that whoever waits looks again: a driver's poll does not wait on a stream that
-// is stopped or has failed.
+// Makes the descriptor readable, so that whoever waits looks again: a driver's poll does not wait on a stream
+// that is stopped or has failed.
 void Camera::SendMark(const OpenFile& file) const {
     Record record{};
     record.magic = kWireMagic;
@@ -107,7 +107,8 @@ int Camera::StreamOn(OpenFile& file, void* argument) {
     }
     const uint32_t before = board_.stream.load(std::memory_order_relaxed);
     const uint32_t streams = before / CameraBoard::kStreamStep + 1;
-    board_.stream.store(streams * CameraBoard::kStreamStep | CameraBoard::kStreaming, std::memory_order_release);
+    board_.stream.store(streams * CameraBoard::kStreamStep | CameraBoard::kStreaming,
+                        std::memory_order_release);
     frame_ = 0;
     painted_ahead_ = {};
     sequence_offset_ = 0;
@@ -131,7 +132,8 @@ int Camera::StreamOff(OpenFile& file, void* argument) {
 void Camera::StopStream() {
     const uint32_t stream = board_.stream.load(std::memory_order_relaxed);
     const bool streamed = (stream & CameraBoard::kStreaming) != 0;
-    board_.stream.store(stream & ~(CameraBoard::kStreaming | CameraBoard::kFailed), std::memory_order_release);
+    board_.stream.store(stream & ~(CameraBoard::kStreaming | CameraBoard::kFailed),
+                        std::memory_order_release);
     for (auto& buffer : board_.buffers) {
         buffer.store(static_cast<uint64_t>(BufferState::kDequeued), std::memory_order_release);
     }

@@ -47,11 +47,11 @@ struct CameraConfig {
     std::vector<Rate> rates;  // the first is the one a stream starts with
     SizeHabit size_habit = SizeHabit::kNearest;
     RateHabit rate_habit = RateHabit::kSettable;
-    uint32_t padding = 0;              // bytes added to each row
-    bool keeps_stride = false;         // a larger bytesperline in a request is kept
-    std::optional<uint32_t> grant;     // buffers granted, whatever was asked
-    std::string y4m;                   // pictures from this file instead of the test picture
-    std::vector<Fault> faults;         // from the start
+    uint32_t padding = 0;           // bytes added to each row
+    bool keeps_stride = false;      // a larger bytesperline in a request is kept
+    std::optional<uint32_t> grant;  // buffers granted, whatever was asked
+    std::string y4m;                // pictures from this file instead of the test picture
+    std::vector<Fault> faults;      // from the start
 
     // Fills what was left empty: NV12 and YUYV, 640x480, 30 a second.
     void Complete();

@@ -26,7 +26,9 @@ int Camera::QueryControlMenu(OpenFile& /*file*/, void* argument) {
     return controls_.QueryMenu(As<v4l2_querymenu>(argument));
 }
 
-int Camera::GetControl(OpenFile& /*file*/, void* argument) { return controls_.Get(As<v4l2_control>(argument)); }
+int Camera::GetControl(OpenFile& /*file*/, void* argument) {
+    return controls_.Get(As<v4l2_control>(argument));
+}
 
 int Camera::SetControl(OpenFile& file, void* argument) {
     std::vector<uint32_t> changed;

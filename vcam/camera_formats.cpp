@@ -24,9 +24,13 @@ void PutText(uint8_t (&to)[kSize], const std::string& from) {
     std::copy_n(from.begin(), std::min(from.size(), kSize - 1), to);
 }
 
-uint32_t Distance(uint32_t a, uint32_t b) { return a > b ? a - b : b - a; }
+uint32_t Distance(uint32_t a, uint32_t b) {
+    return a > b ? a - b : b - a;
+}
 
-v4l2_fract Interval(Rate rate) { return {rate.denominator, rate.numerator}; }
+v4l2_fract Interval(Rate rate) {
+    return {rate.denominator, rate.numerator};
+}
 
 std::string RateText(Rate rate) {
     return rate.denominator == 1 ? std::to_string(rate.numerator)
@@ -40,7 +44,8 @@ int Camera::QueryCapability(OpenFile& /*file*/, void* argument) {
     capability = {};
     PutText(capability.driver, "zu-vcam");
     PutText(capability.card, config_.card);
-    PutText(capability.bus_info, config_.bus.empty() ? "usb-zu-vcam-" + std::to_string(number_) : config_.bus);
+    PutText(capability.bus_info,
+            config_.bus.empty() ? "usb-zu-vcam-" + std::to_string(number_) : config_.bus);
     capability.version = 6U << 16 | 1U << 8;
     capability.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_STREAMING;
     capability.capabilities = capability.device_caps | V4L2_CAP_DEVICE_CAPS;
@@ -169,7 +174,8 @@ int Camera::EnumSizes(OpenFile& /*file*/, void* argument) {
     auto& sizes = As<v4l2_frmsizeenum>(argument);
     const uint32_t index = sizes.index;
     const uint32_t fourcc = sizes.pixel_format;
-    const bool known = std::find(config_.formats.begin(), config_.formats.end(), fourcc) != config_.formats.end();
+    const bool known =
+        std::find(config_.formats.begin(), config_.formats.end(), fourcc) != config_.formats.end();
     const bool any = config_.size_habit == SizeHabit::kExact;
     if (!known || index >= (any ? 1 : config_.sizes.size())) {
         return EINVAL;
@@ -194,8 +200,8 @@ int Camera::EnumIntervals(OpenFile& /*file*/, void* argument) {
         return ENOTTY;
     }
     const Size size{asked.width, asked.height};
-    const bool known =
-        std::find(config_.formats.begin(), config_.formats.end(), asked.pixel_format) != config_.formats.end();
+    const bool known = std::find(config_.formats.begin(), config_.formats.end(), asked.pixel_format) !=
+                       config_.formats.end();
     if (!known || AdjustSize(size) != size || asked.index >= config_.rates.size()) {
         return EINVAL;
     }
@@ -271,6 +277,8 @@ int Camera::GetInput(OpenFile& /*file*/, void* argument) {
     return 0;
 }
 
-int Camera::SetInput(OpenFile& /*file*/, void* argument) { return As<uint32_t>(argument) == 0 ? 0 : EINVAL; }
+int Camera::SetInput(OpenFile& /*file*/, void* argument) {
+    return As<uint32_t>(argument) == 0 ? 0 : EINVAL;
+}
 
 }  // namespace zumod::vcam

@@ -43,8 +43,7 @@ void Camera::FrameLoop() {
         if (replug_at_ && Clock::now() >= *replug_at_) {
             PlugLocked(replug_number_);
         }
-        const bool failed =
-            (board_.stream.load(std::memory_order_relaxed) & CameraBoard::kFailed) != 0;
+        const bool failed = (board_.stream.load(std::memory_order_relaxed) & CameraBoard::kFailed) != 0;
         if (!IsStreaming() || failed || FindFault(FaultKind::kNoFrames) != nullptr) {
             WaitForWork(lock);
             continue;
@@ -110,9 +109,8 @@ bool Camera::ServeStall(Lock& lock) {
     const auto until = Clock::now() + std::chrono::milliseconds(stall->fault.value);
     const uint32_t stream = board_.stream.load(std::memory_order_relaxed);
     RemoveFault(stall);
-    changed_.wait_until(lock, until, [&] {
-        return quit_ || stream != board_.stream.load(std::memory_order_relaxed);
-    });
+    changed_.wait_until(lock, until,
+                        [&] { return quit_ || stream != board_.stream.load(std::memory_order_relaxed); });
     if (stream == board_.stream.load(std::memory_order_relaxed)) {
         const uint64_t next = std::max(clock_.FirstAfter(Clock::now()), frame_);
         dropped_ += next - frame_;
@@ -135,7 +133,8 @@ void Camera::PaintAhead(Lock& lock) {
     const uint32_t stream = board_.stream.load(std::memory_order_relaxed);
     painting_ = true;
     lock.unlock();
-    painted.bytes = source->Paint(painted.pool->At(painted.index), {static_cast<uint32_t>(painted.frame), time_us});
+    painted.bytes =
+        source->Paint(painted.pool->At(painted.index), {static_cast<uint32_t>(painted.frame), time_us});
     lock.lock();
     painting_ = false;
     painted_.notify_all();
@@ -196,7 +195,8 @@ void Camera::Deliver() {
     buffer.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
     buffer.bytesused = static_cast<uint32_t>(painted_ahead_.bytes);
     buffer.sequence = static_cast<uint32_t>(frame_) + sequence_offset_;
-    const auto time_us = static_cast<uint64_t>(static_cast<int64_t>(painted_ahead_.time_us) + time_offset_us_);
+    const auto time_us =
+        static_cast<uint64_t>(static_cast<int64_t>(painted_ahead_.time_us) + time_offset_us_);
     buffer.timestamp.tv_sec = static_cast<time_t>(time_us / 1000000);
     buffer.timestamp.tv_usec = static_cast<suseconds_t>(time_us % 1000000);
     Spoil(buffer);
@@ -207,7 +207,8 @@ void Camera::Deliver() {
 // Faults in what a program is told about a frame.
 void Camera::Spoil(v4l2_buffer& buffer) {
     if (const ActiveFault* fault = FrameFault(FaultKind::kShort)) {
-        buffer.bytesused = static_cast<uint32_t>(buffer.bytesused * std::min<uint64_t>(fault->fault.value, 100) / 100);
+        buffer.bytesused =
+            static_cast<uint32_t>(buffer.bytesused * std::min<uint64_t>(fault->fault.value, 100) / 100);
     }
     if (FrameFault(FaultKind::kZero) != nullptr) {
         buffer.bytesused = 0;

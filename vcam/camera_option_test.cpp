@@ -31,10 +31,10 @@ TEST(CameraOption, FillsWhatIsLeftOut) {
 }
 
 TEST(CameraOption, ReadsEveryKey) {
-    const CameraConfig config =
-        Parse("device=5,card=Front Camera,bus=pci-1,formats=MJPG:BGR4,sizes=642x480:1280x720,"
-              "fps=30000/1001:15,adjust=width,parm=fixed,padding=64,stride=asked,buffers=8,"
-              "fault=unplug/30,fault=drop/3/2");
+    const CameraConfig config = Parse(
+        "device=5,card=Front Camera,bus=pci-1,formats=MJPG:BGR4,sizes=642x480:1280x720,"
+        "fps=30000/1001:15,adjust=width,parm=fixed,padding=64,stride=asked,buffers=8,"
+        "fault=unplug/30,fault=drop/3/2");
     EXPECT_EQ(config.number, 5);
     EXPECT_EQ(config.card, "Front Camera");
     EXPECT_EQ(config.bus, "pci-1");
@@ -60,7 +60,8 @@ TEST(CameraOption, SaysInOneLineWhatIsWrong) {
     EXPECT_EQ(ErrorOf("card"), "expected KEY=VALUE, not \"card\"");
     EXPECT_EQ(ErrorOf("formats=NV12:XYZ"),
               "unknown format \"XYZ\"; there are NV12 NV21 YU12 YV12 YUYV BGR4 MJPG");
-    EXPECT_EQ(ErrorOf("sizes=641x480"), "a size is WIDTHxHEIGHT, both even and from 16 to 8192, not \"641x480\"");
+    EXPECT_EQ(ErrorOf("sizes=641x480"),
+              "a size is WIDTHxHEIGHT, both even and from 16 to 8192, not \"641x480\"");
     EXPECT_EQ(ErrorOf("sizes=640"), "a size is WIDTHxHEIGHT, both even and from 16 to 8192, not \"640\"");
     EXPECT_EQ(ErrorOf("fps=0"), "a rate is N or N/D frames a second, at most 1000, not \"0\"");
     EXPECT_EQ(ErrorOf("fps=1001"), "a rate is N or N/D frames a second, at most 1000, not \"1001\"");
@@ -81,8 +82,8 @@ TEST(CameraOption, DescribesEveryFault) {
     for (const FaultDescription& fault : FaultDescriptions()) {
         EXPECT_NE(text.find(std::string("  ") + fault.name + " "), std::string::npos) << fault.name;
     }
-    for (const char* key : {"device", "card", "formats", "sizes", "fps", "adjust", "parm", "padding", "stride",
-                            "buffers", "y4m", "fault", "bus"}) {
+    for (const char* key : {"device", "card", "formats", "sizes", "fps", "adjust", "parm", "padding",
+                            "stride", "buffers", "y4m", "fault", "bus"}) {
         EXPECT_NE(text.find(std::string("  ") + key + " "), std::string::npos) << key;
     }
 }

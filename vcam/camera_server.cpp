@@ -84,9 +84,9 @@ std::string StatusText(const CameraStatus& status) {
     std::ostringstream text;
     text << "device=/dev/video" << status.number << " present=" << (status.present ? "yes" : "no")
          << " streaming=" << (status.streaming ? "yes" : "no") << " open=" << status.open_files
-         << " format=" << FourccText(status.fourcc) << " size=" << status.size.width << "x" << status.size.height
-         << " fps=" << status.rate.numerator << "/" << status.rate.denominator << " delivered=" << status.delivered
-         << " dropped=" << status.dropped;
+         << " format=" << FourccText(status.fourcc) << " size=" << status.size.width << "x"
+         << status.size.height << " fps=" << status.rate.numerator << "/" << status.rate.denominator
+         << " delivered=" << status.delivered << " dropped=" << status.dropped;
     return text.str();
 }
 
@@ -281,7 +281,8 @@ bool CameraServer::Control(const std::string& line, std::string& answer) {
     size_t index = 0;
     std::string verb;
     if (!(words >> index >> verb) || index >= cameras_.size()) {
-        answer = "expected the number of a camera, counted from 0 in the order they were given, and a command";
+        answer =
+            "expected the number of a camera, counted from 0 in the order they were given, and a command";
         return false;
     }
     Camera& camera = *cameras_[index];

@@ -1,5 +1,5 @@
-// Serves virtual cameras to every program that is preloaded for them and finds the server's name in its environment.
-// Any thread.
+// Serves virtual cameras to every program that is preloaded for them and finds the server's name in its
+// environment. Any thread.
 #pragma once
 
 #include <memory>
@@ -13,7 +13,7 @@
 namespace zumod::vcam {
 
 class CameraServer {
-   public:
+public:
     // Null when it cannot start; `error` then says why, in one line. An empty name makes a new one.
     static std::unique_ptr<CameraServer> Start(std::vector<CameraConfig> configs, std::string& error,
                                                std::string name = {});
@@ -30,7 +30,7 @@ class CameraServer {
     // A line for one camera, "0 unplug", "1 status": what it answers. False for a line that makes no sense.
     bool Control(const std::string& line, std::string& answer);
 
-   private:
+private:
     explicit CameraServer(std::string name) : name_(std::move(name)) {}
     bool MakeBoards();
     bool Listen();

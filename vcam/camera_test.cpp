@@ -553,7 +553,8 @@ TEST(Camera, RaisesAnEventWhenAnotherFileChangesAControl) {
     EXPECT_EQ(rig.Poll(0, POLLPRI), 0);
     v4l2_event event{};
     EXPECT_EQ(rig.Call(VIDIOC_DQEVENT, event), ENOENT);
-    for (v4l2_control control : {v4l2_control{V4L2_CID_CONTRAST, 1}, {V4L2_CID_CONTRAST, 2}, {V4L2_CID_BRIGHTNESS, 3}}) {
+    for (v4l2_control control :
+         {v4l2_control{V4L2_CID_CONTRAST, 1}, {V4L2_CID_CONTRAST, 2}, {V4L2_CID_BRIGHTNESS, 3}}) {
         ASSERT_EQ(second.Ioctl(VIDIOC_S_CTRL, &control), 0);
     }
     EXPECT_EQ(rig.Poll(20000, POLLPRI), POLLPRI);

@@ -31,7 +31,9 @@ bool IsGone(const FileIdentity& identity, const CameraBoard& board) {
     return board.plug.load(std::memory_order_acquire) != identity.plug;
 }
 
-bool IsNonBlocking(int fd) { return (RawCall(SYS_fcntl, fd, F_GETFL) & O_NONBLOCK) != 0; }
+bool IsNonBlocking(int fd) {
+    return (RawCall(SYS_fcntl, fd, F_GETFL) & O_NONBLOCK) != 0;
+}
 
 long Receive(int fd, Record& record, int flags) {
     return RawCall(SYS_recvfrom, fd, Word(&record), sizeof record, flags);
@@ -116,8 +118,9 @@ int Queue(const FileIdentity& identity, CameraBoard& board, const Channel& chann
     }
     const uint32_t index = buffer.index;
     if (buffer.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || buffer.memory != V4L2_MEMORY_MMAP || owner == 0 ||
-        (buffer.flags & V4L2_BUF_FLAG_REQUEST_FD) != 0 || index >= board.count.load(std::memory_order_acquire) ||
-        index >= kMaxBuffers || !board.Move(index, BufferState::kDequeued, BufferState::kQueued)) {
+        (buffer.flags & V4L2_BUF_FLAG_REQUEST_FD) != 0 ||
+        index >= board.count.load(std::memory_order_acquire) || index >= kMaxBuffers ||
+        !board.Move(index, BufferState::kDequeued, BufferState::kQueued)) {
         return EINVAL;
     }
     board.Describe(index, buffer);
@@ -132,7 +135,8 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
     // Without an argument the camera still says whether it knows the request at all.
     iovec parts[2] = {{argument, argument == nullptr ? 0 : _IOC_SIZE(command)}, {nullptr, 0}};
     int part_count = 1;
-    const bool has_array = command == VIDIOC_G_EXT_CTRLS || command == VIDIOC_S_EXT_CTRLS || command == VIDIOC_TRY_EXT_CTRLS;
+    const bool has_array =
+        command == VIDIOC_G_EXT_CTRLS || command == VIDIOC_S_EXT_CTRLS || command == VIDIOC_TRY_EXT_CTRLS;
     if (has_array && argument != nullptr) {
         const auto& controls = *static_cast<const v4l2_ext_controls*>(argument);
         if (controls.count > kMaxExtControls) {
@@ -148,7 +152,8 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
     }
     request.size = static_cast<uint32_t>(parts[0].iov_len + parts[1].iov_len);
     Reply reply{};
-    // The reply overwrites the arrays in place; the pointer between them belongs to the program and comes back as is.
+    // The reply overwrites the arrays in place; the pointer between them belongs to the program and comes
+    // back as is.
     const int failure = channel.call(channel.context, request, parts, part_count, reply, nullptr);
     return failure != 0 ? failure : reply.error;
 }
@@ -157,7 +162,8 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
 void DropStale(int fd, const CameraBoard& board) {
     Record record;
     while (Receive(fd, record, MSG_PEEK | MSG_DONTWAIT) == static_cast<long>(sizeof record)) {
-        if (record.kind != RecordKind::kMark && record.stream == board.stream.load(std::memory_order_acquire)) {
+        if (record.kind != RecordKind::kMark &&
+            record.stream == board.stream.load(std::memory_order_acquire)) {
             return;
         }
         Receive(fd, record, MSG_DONTWAIT);
@@ -212,8 +218,9 @@ int ClientIoctl(int fd, const FileIdentity& identity, CameraBoard& board, const 
                        ? EFAULT
                        : Dequeue(fd, identity, board, channel, *static_cast<v4l2_buffer*>(argument));
         case VIDIOC_QBUF:
-            return argument == nullptr ? EFAULT
-                                       : Queue(identity, board, channel, *static_cast<v4l2_buffer*>(argument));
+            return argument == nullptr
+                       ? EFAULT
+                       : Queue(identity, board, channel, *static_cast<v4l2_buffer*>(argument));
         case VIDIOC_DQEVENT:
             return DequeueEvent(fd, identity, channel, argument);
         case VIDIOC_STREAMON: {

@@ -12,9 +12,10 @@ namespace zumod::vcam {
 // How a request gets to the camera: over a socket from another program, by a plain call from a unit test.
 struct Channel {
     void* context;
-    // The request's and the reply's payload are gathered from and scattered to `parts`. A descriptor in the reply
-    // goes to *fd when fd is not null. Returns 0, or the errno for a camera that cannot be reached.
-    int (*call)(void* context, const Request& request, const iovec* parts, int part_count, Reply& reply, int* fd);
+    // The request's and the reply's payload are gathered from and scattered to `parts`. A descriptor in the
+    // reply goes to *fd when fd is not null. Returns 0, or the errno for a camera that cannot be reached.
+    int (*call)(void* context, const Request& request, const iovec* parts, int part_count, Reply& reply,
+                int* fd);
 };
 
 Request MakeRequest(Operation operation, const FileIdentity& identity);

@@ -1,7 +1,7 @@
 #include "vcam/control.h"
 
-#include <cstdlib>
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include "vcam/rpc_client.h"

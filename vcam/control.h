@@ -1,4 +1,5 @@
-// Tells cameras that run what to do next, from any program below them or with their server's name. Any thread.
+// Tells cameras that run what to do next, from any program below them or with their server's name. Any
+// thread.
 #pragma once
 
 #include <string>

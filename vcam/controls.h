@@ -1,5 +1,5 @@
-// The few controls a virtual camera has. They keep what is set and do not change the picture, which stays comparable
-// byte for byte. Guarded by its camera's lock.
+// The few controls a virtual camera has. They keep what is set and do not change the picture, which stays
+// comparable byte for byte. Guarded by its camera's lock.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -22,7 +22,7 @@ struct Control {
 };
 
 class Controls {
-   public:
+public:
     Controls();
 
     // Each returns 0 or errno. `changed` lists the controls whose value became another.
@@ -37,7 +37,7 @@ class Controls {
     // The event that tells of a control; false for an unknown one.
     bool Describe(uint32_t id, v4l2_event& event) const;
 
-   private:
+private:
     const Control* Find(uint32_t id) const;
     // The control a query asks for, by its id or as the one after it.
     const Control* FindAsked(uint32_t id) const;

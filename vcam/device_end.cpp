@@ -14,8 +14,8 @@ bool DeviceEnd::Open(const FileIdentity& identity, UniqueFd& program_end) {
     }
     program_end.Reset(pair[0]);
     fd_.Reset(pair[1]);
-    // Fills the way to the camera with bytes nobody reads: the program's end is then never writable, and closing
-    // this end with bytes unread is what gives the program's end an error beside the hang-up.
+    // Fills the way to the camera with bytes nobody reads: the program's end is then never writable, and
+    // closing this end with bytes unread is what gives the program's end an error beside the hang-up.
     const int least = 1;
     setsockopt(program_end.Get(), SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
     const char filling = 0;
@@ -27,7 +27,8 @@ bool DeviceEnd::Open(const FileIdentity& identity, UniqueFd& program_end) {
 }
 
 void DeviceEnd::Send(const Record& record) const {
-    // There is room for far more records than there are buffers; a program that is gone is found out elsewhere.
+    // There is room for far more records than there are buffers; a program that is gone is found out
+    // elsewhere.
     send(fd_.Get(), &record, sizeof record, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 

@@ -1,6 +1,6 @@
-// The camera's end of an open device file. The program's end is one half of a socket pair, so the kernel itself keeps
-// it readable while there is a frame, raises POLLPRI for an event, says when its last copy is closed, and reports
-// error and hang-up when the camera goes. Guarded by its camera's lock.
+// The camera's end of an open device file. The program's end is one half of a socket pair, so the kernel
+// itself keeps it readable while there is a frame, raises POLLPRI for an event, says when its last copy is
+// closed, and reports error and hang-up when the camera goes. Guarded by its camera's lock.
 #pragma once
 
 #include "vcam/unique_fd.h"
@@ -9,7 +9,7 @@
 namespace zumod::vcam {
 
 class DeviceEnd {
-   public:
+public:
     // False, with errno set, when there are no descriptors left.
     bool Open(const FileIdentity& identity, UniqueFd& program_end);
 
@@ -23,7 +23,7 @@ class DeviceEnd {
 
     int Descriptor() const { return fd_.Get(); }
 
-   private:
+private:
     UniqueFd fd_;
 };
 

@@ -42,15 +42,15 @@ constexpr NamedNumber kRequests[] = {
 };
 
 constexpr NamedNumber kErrors[] = {
-    {"EPERM", EPERM},   {"ENOENT", ENOENT}, {"EINTR", EINTR},   {"EIO", EIO},       {"ENXIO", ENXIO},
-    {"EAGAIN", EAGAIN}, {"ENOMEM", ENOMEM}, {"EACCES", EACCES}, {"EFAULT", EFAULT}, {"EBUSY", EBUSY},
-    {"ENODEV", ENODEV}, {"EINVAL", EINVAL}, {"ENOTTY", ENOTTY}, {"ENOSPC", ENOSPC}, {"EPIPE", EPIPE},
+    {"EPERM", EPERM},   {"ENOENT", ENOENT}, {"EINTR", EINTR},         {"EIO", EIO},       {"ENXIO", ENXIO},
+    {"EAGAIN", EAGAIN}, {"ENOMEM", ENOMEM}, {"EACCES", EACCES},       {"EFAULT", EFAULT}, {"EBUSY", EBUSY},
+    {"ENODEV", ENODEV}, {"EINVAL", EINVAL}, {"ENOTTY", ENOTTY},       {"ENOSPC", ENOSPC}, {"EPIPE", EPIPE},
     {"ERANGE", ERANGE}, {"EPROTO", EPROTO}, {"ETIMEDOUT", ETIMEDOUT},
 };
 
 // One argument of a fault: the field it goes to, and whether it may be left out.
 struct Argument {
-    uint64_t Fault::* field;
+    uint64_t Fault::*field;
     bool required;
 };
 
@@ -157,8 +157,10 @@ int ParseError(std::string_view text) {
 
 const std::vector<FaultDescription>& FaultDescriptions() {
     static const std::vector<FaultDescription> descriptions = {
-        {FaultKind::kUnplug, "unplug", "FRAME", "is unplugged before frame FRAME of a stream (0 or none: at once)"},
-        {FaultKind::kReplug, "replug", "MS", "comes back under its number, MS milliseconds after it was unplugged"},
+        {FaultKind::kUnplug, "unplug", "FRAME",
+         "is unplugged before frame FRAME of a stream (0 or none: at once)"},
+        {FaultKind::kReplug, "replug", "MS",
+         "comes back under its number, MS milliseconds after it was unplugged"},
         {FaultKind::kReplugAs, "replug-as", "NUMBER/MS", "comes back as /dev/videoNUMBER"},
         {FaultKind::kErrno, "errno", "REQUEST/ERROR/FIRST/COUNT",
          "COUNT calls of REQUEST fail with ERROR, from the FIRST from now: errno/DQBUF/EIO/3/1"},
@@ -166,13 +168,16 @@ const std::vector<FaultDescription>& FaultDescriptions() {
         {FaultKind::kFormatBusy, "format-busy", "COUNT", "S_FMT fails with EBUSY"},
         {FaultKind::kBuffersBusy, "buffers-busy", "COUNT", "REQBUFS fails with EBUSY"},
         {FaultKind::kStreamBusy, "stream-busy", "COUNT", "STREAMON fails with EBUSY"},
-        {FaultKind::kEintrStorm, "eintr-storm", "COUNT", "DQBUF fails with EINTR (100 times unless COUNT says)"},
-        {FaultKind::kEagainStorm, "eagain-storm", "COUNT", "DQBUF fails with EAGAIN (100 times unless COUNT says)"},
+        {FaultKind::kEintrStorm, "eintr-storm", "COUNT",
+         "DQBUF fails with EINTR (100 times unless COUNT says)"},
+        {FaultKind::kEagainStorm, "eagain-storm", "COUNT",
+         "DQBUF fails with EAGAIN (100 times unless COUNT says)"},
         {FaultKind::kReadableEmpty, "readable-empty", "FIRST/COUNT",
          "the descriptor is readable, and there is nothing to dequeue"},
         {FaultKind::kShort, "short", "FIRST/COUNT/PERCENT", "bytesused is PERCENT of the picture (50)"},
         {FaultKind::kZero, "zero", "FIRST/COUNT", "bytesused is 0"},
-        {FaultKind::kLong, "long", "FIRST/COUNT/BYTES", "bytesused is BYTES (4096) more than the buffer's length"},
+        {FaultKind::kLong, "long", "FIRST/COUNT/BYTES",
+         "bytesused is BYTES (4096) more than the buffer's length"},
         {FaultKind::kErrorFlag, "error-flag", "FIRST/COUNT", "the buffer is flagged as faulty"},
         {FaultKind::kBadIndex, "bad-index", "FIRST/COUNT/INDEX", "the buffer's index is INDEX (1000)"},
         {FaultKind::kStall, "stall", "MS/FRAME", "no frame for MS milliseconds, before frame FRAME"},
@@ -185,7 +190,8 @@ const std::vector<FaultDescription>& FaultDescriptions() {
         {FaultKind::kTimeBack, "time-back", "FIRST/COUNT/MS", "the time stamp is MS (1000) too early"},
         {FaultKind::kRepeat, "repeat", "FIRST/COUNT", "the sequence number of the frame before comes again"},
         {FaultKind::kSizeChange, "size-change", "WIDTH/HEIGHT", "S_FMT sets this size, whatever was asked"},
-        {FaultKind::kStrideChange, "stride-change", "BYTES", "S_FMT makes rows BYTES (64) longer than TRY_FMT said"},
+        {FaultKind::kStrideChange, "stride-change", "BYTES",
+         "S_FMT makes rows BYTES (64) longer than TRY_FMT said"},
         {FaultKind::kFatal, "fatal", "FRAME", "before frame FRAME streaming fails (EIO) until STREAMOFF"},
         {FaultKind::kGrant, "grant", "N", "REQBUFS grants N buffers, whatever was asked"},
         {FaultKind::kSlowOpen, "slow-open", "MS", "open takes MS milliseconds"},

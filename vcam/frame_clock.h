@@ -1,4 +1,5 @@
-// When each frame of a stream is due: exact multiples of the frame time from the start, so nothing drifts. A value.
+// When each frame of a stream is due: exact multiples of the frame time from the start, so nothing drifts. A
+// value.
 #pragma once
 
 #include <chrono>
@@ -9,7 +10,7 @@
 namespace zumod::vcam {
 
 class FrameClock {
-   public:
+public:
     using Time = std::chrono::steady_clock::time_point;
 
     FrameClock() = default;
@@ -31,7 +32,7 @@ class FrameClock {
                                      (static_cast<Wide>(kSecond) * rate_.denominator));
     }
 
-   private:
+private:
     __extension__ using Wide = unsigned __int128;
     static constexpr uint64_t kSecond = 1000000000;
 

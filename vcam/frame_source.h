@@ -11,7 +11,7 @@
 namespace zumod::vcam {
 
 class FrameSource {
-   public:
+public:
     FrameSource() = default;
     FrameSource(const FrameSource&) = delete;
     FrameSource& operator=(const FrameSource&) = delete;

@@ -6,7 +6,9 @@
 namespace zumod::vcam {
 namespace {
 
-std::vector<uint8_t> CompressTile(const PlanarImage& tile) { return CompressJpeg(tile).blocks.at(0); }
+std::vector<uint8_t> CompressTile(const PlanarImage& tile) {
+    return CompressJpeg(tile).blocks.at(0);
+}
 
 }  // namespace
 
@@ -30,7 +32,8 @@ JpegPattern::JpegPattern(const PictureLayout& layout, const std::string& label)
         PlanarImage tile(kTile, kTile);
         for (unsigned quarter = 0; quarter < 4; ++quarter) {
             const uint8_t luma = (quarters >> (3 - quarter) & 1) != 0 ? kStampWhite : kStampBlack;
-            tile.Fill(quarter % 2 * kTile / 2, quarter / 2 * kTile / 2, kTile / 2, kTile / 2, {luma, 128, 128});
+            tile.Fill(quarter % 2 * kTile / 2, quarter / 2 * kTile / 2, kTile / 2, kTile / 2,
+                      {luma, 128, 128});
         }
         stamp_blocks_.push_back(CompressTile(tile));
     }

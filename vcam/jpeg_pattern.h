@@ -13,12 +13,12 @@
 namespace zumod::vcam {
 
 class JpegPattern final : public FrameSource {
-   public:
+public:
     JpegPattern(const PictureLayout& layout, const std::string& label);
 
     size_t Paint(uint8_t* out, const Stamp& stamp) const override;
 
-   private:
+private:
     using Block = std::vector<uint8_t>;
 
     struct Change {
@@ -32,8 +32,8 @@ class JpegPattern final : public FrameSource {
     Scene scene_;
     size_t block_columns_;
     std::vector<uint8_t> still_;
-    std::vector<size_t> starts_;        // of each block in still_, and where the last one ends
-    std::vector<Block> stamp_blocks_;   // by the four quarters' bits, the top left one highest
+    std::vector<size_t> starts_;       // of each block in still_, and where the last one ends
+    std::vector<Block> stamp_blocks_;  // by the four quarters' bits, the top left one highest
     std::map<char, Block> letters_;
     Block square_;
 };

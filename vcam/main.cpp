@@ -217,4 +217,6 @@ int Run(int count, char** words) {
 }  // namespace
 }  // namespace zumod::vcam
 
-int main(int argc, char** argv) { return zumod::vcam::Run(argc, argv); }
+int main(int argc, char** argv) {
+    return zumod::vcam::Run(argc, argv);
+}

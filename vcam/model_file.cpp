@@ -24,8 +24,10 @@ int ModelFile::Call(void* context, const Request& request, const iovec* parts, i
     size_t copied = 0;
     for (int i = 0; i < part_count; ++i) {
         const size_t size = std::min(parts[i].iov_len, payload.size() - copied);
-        std::memcpy(parts[i].iov_base, payload.data() + copied, size);
-        copied += size;
+        if (size != 0) {
+            std::memcpy(parts[i].iov_base, payload.data() + copied, size);
+            copied += size;
+        }
     }
     if (fd != nullptr) {
         *fd = descriptor.Release();

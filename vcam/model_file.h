@@ -1,5 +1,6 @@
-// An open device file of a camera in the same process, for tests of the model without a preload: the calls a program
-// makes, as methods that return 0 or errno. One thread at a time; the descriptor may be polled anywhere.
+// An open device file of a camera in the same process, for tests of the model without a preload: the calls a
+// program makes, as methods that return 0 or errno. One thread at a time; the descriptor may be polled
+// anywhere.
 #pragma once
 
 #include <fcntl.h>
@@ -13,7 +14,7 @@
 namespace zumod::vcam {
 
 class ModelFile {
-   public:
+public:
     // Check Error() before anything else.
     explicit ModelFile(Camera& camera, int flags = O_RDWR | O_NONBLOCK);
     ModelFile(const ModelFile&) = delete;
@@ -27,7 +28,7 @@ class ModelFile {
     // MAP_FAILED with errno set, as mmap does. Unmap with munmap.
     void* Map(size_t length, int protection, uint64_t offset);
 
-   private:
+private:
     static int Call(void* context, const Request& request, const iovec* parts, int part_count, Reply& reply,
                     int* fd);
 

@@ -157,7 +157,8 @@ void Pattern::PaintSquare(uint8_t* out, const Stamp& stamp) const {
     for (unsigned y = 0; y < half; ++y) {
         const size_t at = corner + size_t{y} * layout_.chroma_stride;
         if (layout_.chroma_step == 2) {
-            std::memcpy(out + std::min(layout_.u_offset, layout_.v_offset) + at, chroma_row_.data(), size_t{half} * 2);
+            std::memcpy(out + std::min(layout_.u_offset, layout_.v_offset) + at, chroma_row_.data(),
+                        size_t{half} * 2);
         } else {
             std::memset(out + layout_.u_offset + at, Scene::kSquare.u, half);
             std::memset(out + layout_.v_offset + at, Scene::kSquare.v, half);

@@ -1,5 +1,5 @@
-// The test picture in an uncompressed format: the still part is prepared once and copied, the moving parts are drawn
-// from prepared tiles. Immutable after construction; any thread.
+// The test picture in an uncompressed format: the still part is prepared once and copied, the moving parts
+// are drawn from prepared tiles. Immutable after construction; any thread.
 #pragma once
 
 #include <array>
@@ -12,16 +12,17 @@
 namespace zumod::vcam {
 
 class Pattern final : public FrameSource {
-   public:
+public:
     // The label is burnt into the picture, as far as it fits.
     Pattern(const PictureLayout& layout, const std::string& label);
 
     size_t Paint(uint8_t* out, const Stamp& stamp) const override;
 
-    // The picture before anything that moves is drawn on it: what one frame costs at the very least is copying this.
+    // The picture before anything that moves is drawn on it: what one frame costs at the very least is
+    // copying this.
     const std::vector<uint8_t>& Still() const { return still_; }
 
-   private:
+private:
     // Bytes of one tile's row in the first plane: luma, or whole pixels where the format packs them.
     static constexpr unsigned kMaxPixelBytes = 4;
     using TileRow = std::array<uint8_t, kTile * kMaxPixelBytes>;
@@ -39,7 +40,8 @@ class Pattern final : public FrameSource {
     std::vector<uint8_t> white_;  // one row of a white block of the stamp
     std::vector<Tile> glyphs_;    // by letter, from the blank on
     TileRow square_{};
-    std::array<uint8_t, Scene::kGreatestSquare * kTile> chroma_row_{};  // of the square, where both samples are interleaved
+    std::array<uint8_t, Scene::kGreatestSquare * kTile>
+        chroma_row_{};  // of the square, where both samples are interleaved
 };
 
 }  // namespace zumod::vcam

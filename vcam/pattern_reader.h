@@ -1,5 +1,5 @@
-// Reads the counter and the time out of a picture, straight from a camera or after it was compressed and decoded.
-// Needs nothing but this header and stamp.{h,cpp}. Pure functions; any thread.
+// Reads the counter and the time out of a picture, straight from a camera or after it was compressed and
+// decoded. Needs nothing but this header and stamp.{h,cpp}. Pure functions; any thread.
 #pragma once
 
 #include <cstddef>
@@ -11,9 +11,9 @@
 
 namespace zumod::vcam {
 
-// A luma plane: `stride` bytes from row to row, `step` bytes from one luma sample to the next (1 for planar pictures,
-// 2 for YUYV, 4 for BGR4, where blue serves as well as luma for black and white). Nothing when there is no stamp or
-// it was destroyed.
+// A luma plane: `stride` bytes from row to row, `step` bytes from one luma sample to the next (1 for planar
+// pictures, 2 for YUYV, 4 for BGR4, where blue serves as well as luma for black and white). Nothing when
+// there is no stamp or it was destroyed.
 std::optional<Stamp> ReadStamp(const uint8_t* luma, size_t stride, unsigned width, unsigned height,
                                unsigned step = 1);
 

@@ -79,7 +79,8 @@ TEST_P(EveryFormat, MovesFromFrameToFrame) {
 
 TEST_P(EveryFormat, BurnsTheLabelIn) {
     const PictureLayout layout = LayOut(*ParseFourcc(GetParam()), 640, 480);
-    EXPECT_NE(Paint(Pattern(layout, "FRONT"), layout, {1, 2}), Paint(Pattern(layout, "BACK"), layout, {1, 2}));
+    EXPECT_NE(Paint(Pattern(layout, "FRONT"), layout, {1, 2}),
+              Paint(Pattern(layout, "BACK"), layout, {1, 2}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Pattern, EveryFormat,
@@ -138,8 +139,8 @@ TEST(ToBgr, GivesBlackWhiteAndRedOfStudioVideo) {
 }
 
 TEST(JpegPattern, DecodesWithoutAWarningAndCarriesTheStamp) {
-    for (const auto& [width, height] : {std::pair{640U, 480U}, {642U, 482U}, {160U, 120U}, {128U, 96U},
-                                        {1280U, 720U}, {1920U, 1080U}}) {
+    for (const auto& [width, height] :
+         {std::pair{640U, 480U}, {642U, 482U}, {160U, 120U}, {128U, 96U}, {1280U, 720U}, {1920U, 1080U}}) {
         const PictureLayout layout = LayOut(V4L2_PIX_FMT_MJPEG, width, height);
         const JpegPattern pattern(layout, "TEST");
         const Stamp stamp{4000000001U, 987654321012};
@@ -165,11 +166,13 @@ TEST(JpegPattern, ShowsTheUncompressedPictureNearly) {
 }
 
 class Y4m : public ::testing::Test {
-   protected:
+protected:
     static constexpr unsigned kWidth = 32;
     static constexpr unsigned kHeight = 16;
 
-    Y4m() : path_(::testing::TempDir() + "zu_vcam_" + ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".y4m") {}
+    Y4m()
+        : path_(::testing::TempDir() + "zu_vcam_" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".y4m") {}
     ~Y4m() override { std::remove(path_.c_str()); }
 
     void Write(const std::string& head, unsigned frames, size_t missing = 0) {

@@ -8,9 +8,12 @@ namespace zumod::vcam {
 
 const std::vector<PixelFormat>& PixelFormats() {
     static const std::vector<PixelFormat> formats = {
-        {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", false},         {V4L2_PIX_FMT_NV21, "Y/CrCb 4:2:0", false},
-        {V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", false}, {V4L2_PIX_FMT_YVU420, "Planar YVU 4:2:0", false},
-        {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", false},         {V4L2_PIX_FMT_BGR32, "32-bit BGRA/X 8-8-8-8", false},
+        {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", false},
+        {V4L2_PIX_FMT_NV21, "Y/CrCb 4:2:0", false},
+        {V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", false},
+        {V4L2_PIX_FMT_YVU420, "Planar YVU 4:2:0", false},
+        {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", false},
+        {V4L2_PIX_FMT_BGR32, "32-bit BGRA/X 8-8-8-8", false},
         {V4L2_PIX_FMT_MJPEG, "Motion-JPEG", true},
     };
     return formats;

@@ -1,4 +1,5 @@
-// The pixel formats a virtual camera can give, and where the bytes of a picture lie in each. Values; any thread.
+// The pixel formats a virtual camera can give, and where the bytes of a picture lie in each. Values; any
+// thread.
 #pragma once
 
 #include <cstddef>
@@ -23,8 +24,8 @@ const PixelFormat* FindPixelFormat(uint32_t fourcc);
 std::optional<uint32_t> ParseFourcc(std::string_view text);
 std::string FourccText(uint32_t fourcc);
 
-// A picture of one format and size. Offsets are bytes from the start of the buffer; a chroma sample of a planar
-// picture lies at chroma_offset + row * chroma_stride + column * chroma_step.
+// A picture of one format and size. Offsets are bytes from the start of the buffer; a chroma sample of a
+// planar picture lies at chroma_offset + row * chroma_stride + column * chroma_step.
 struct PictureLayout {
     uint32_t fourcc = 0;
     uint32_t width = 0;

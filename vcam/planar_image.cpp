@@ -16,7 +16,8 @@ PlanarImage::PlanarImage(unsigned image_width, unsigned image_height)
       u(size_t{chroma_width} * chroma_height, 128),
       v(size_t{chroma_width} * chroma_height, 128) {}
 
-void PlanarImage::Fill(unsigned left, unsigned top, unsigned fill_width, unsigned fill_height, Colour colour) {
+void PlanarImage::Fill(unsigned left, unsigned top, unsigned fill_width, unsigned fill_height,
+                       Colour colour) {
     const unsigned right = std::min(left + fill_width, width);
     const unsigned bottom = std::min(top + fill_height, height);
     for (unsigned row = top; row < bottom; ++row) {

@@ -1,5 +1,5 @@
-// A picture as three planes, chroma at half the width and height: what pictures are prepared in before they are laid
-// out as a camera gives them. A value; one thread at a time.
+// A picture as three planes, chroma at half the width and height: what pictures are prepared in before they
+// are laid out as a camera gives them. A value; one thread at a time.
 #pragma once
 
 #include <cstddef>

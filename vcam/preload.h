@@ -1,5 +1,5 @@
-// Shared by the pieces of the preload library: what is a virtual camera's, by path and by descriptor. No C++ runtime,
-// no constructors, no allocation; any thread, also between fork and exec.
+// Shared by the pieces of the preload library: what is a virtual camera's, by path and by descriptor. No C++
+// runtime, no constructors, no allocation; any thread, also between fork and exec.
 #pragma once
 
 #include <sys/types.h>
@@ -20,8 +20,8 @@ int NodeNumber(int directory, const char* path);
 // Whether a descriptor is a device file of a virtual camera. One system call.
 bool Identify(int fd, FileIdentity& identity);
 
-// Descriptors known to be ours, so that calls which are frequent on other files need no system call. A mark may be
-// out of date: Identify decides.
+// Descriptors known to be ours, so that calls which are frequent on other files need no system call. A mark
+// may be out of date: Identify decides.
 void MarkDescriptor(int fd, bool is_ours);
 bool IsMarked(int fd);
 // Both: marked, and really ours.
@@ -50,13 +50,13 @@ void* FindReal(const char* name);
 #define ZU_VCAM_EXPORT extern "C" __attribute__((visibility("default")))
 
 // The real function behind the one being defined.
-#define ZU_VCAM_REAL(name)                                                                             \
-    ([]() {                                                                                            \
-        static std::atomic<void*> real{nullptr};                                                      \
-        void* function = real.load(std::memory_order_relaxed);                                        \
-        if (function == nullptr) {                                                                     \
-            function = ::zumod::vcam::FindReal(#name);                                                 \
-            real.store(function, std::memory_order_relaxed);                                          \
-        }                                                                                              \
-        return reinterpret_cast<decltype(&::name)>(function);                                          \
+#define ZU_VCAM_REAL(name)                                     \
+    ([]() {                                                    \
+        static std::atomic<void*> real{nullptr};               \
+        void* function = real.load(std::memory_order_relaxed); \
+        if (function == nullptr) {                             \
+            function = ::zumod::vcam::FindReal(#name);         \
+            real.store(function, std::memory_order_relaxed);   \
+        }                                                      \
+        return reinterpret_cast<decltype(&::name)>(function);  \
     }())

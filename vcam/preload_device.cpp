@@ -35,15 +35,16 @@ bool DeviceIoctl(int fd, unsigned long command, void* argument, int& result) {
     MarkDescriptor(fd, true);
     CameraBoard* board = BoardOf(identity);
     const int kept = errno;
-    const int error =
-        board == nullptr ? ENODEV : ClientIoctl(fd, identity, *board, ServerChannel(identity), command, argument);
+    const int error = board == nullptr
+                          ? ENODEV
+                          : ClientIoctl(fd, identity, *board, ServerChannel(identity), command, argument);
     errno = error != 0 ? error : kept;
     result = error != 0 ? -1 : 0;
     return true;
 }
 
-// Exchanges a descriptor that is ours for the memory behind it; false when it is not ours. *memory is -1, with errno
-// set, when the camera refuses.
+// Exchanges a descriptor that is ours for the memory behind it; false when it is not ours. *memory is -1,
+// with errno set, when the camera refuses.
 bool FindMemory(const MapArguments& arguments, int* memory) {
     FileIdentity identity;
     if (arguments.fd < 0 || (arguments.flags & MAP_ANONYMOUS) != 0 || !Identify(arguments.fd, identity)) {
@@ -98,7 +99,8 @@ ZU_VCAM_EXPORT int ioctl(int fd, unsigned long command, ...) __THROW {
     return DeviceIoctl(fd, command, argument, result) ? result : ZU_VCAM_REAL(ioctl)(fd, command, argument);
 }
 
-ZU_VCAM_EXPORT void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset) __THROW {
+ZU_VCAM_EXPORT void* mmap(void* address, size_t length, int protection, int flags, int fd,
+                          off_t offset) __THROW {
     return MapFile({address, length, protection, flags, fd, offset}, ZU_VCAM_REAL(mmap));
 }
 
@@ -132,8 +134,8 @@ ZU_VCAM_EXPORT long syscall(long number, ...) __THROW {
             return ioctl(first, static_cast<unsigned long>(words[1]), reinterpret_cast<void*>(words[2]));
         case SYS_mmap:
             return Word(mmap(reinterpret_cast<void*>(words[0]), static_cast<size_t>(words[1]),
-                             static_cast<int>(words[2]), static_cast<int>(words[3]), static_cast<int>(words[4]),
-                             words[5]));
+                             static_cast<int>(words[2]), static_cast<int>(words[3]),
+                             static_cast<int>(words[4]), words[5]));
         case SYS_read:
             return read(first, reinterpret_cast<void*>(words[1]), static_cast<size_t>(words[2]));
         default: {

@@ -125,8 +125,12 @@ void EndListing(DIR* stream) {
 
 static_assert(sizeof(dirent) == sizeof(dirent64), "one listing serves both names");
 
-dirent64* As64(dirent* entry) { return reinterpret_cast<dirent64*>(entry); }
-dirent* From64(dirent64* entry) { return reinterpret_cast<dirent*>(entry); }
+dirent64* As64(dirent* entry) {
+    return reinterpret_cast<dirent64*>(entry);
+}
+dirent* From64(dirent64* entry) {
+    return reinterpret_cast<dirent*>(entry);
+}
 
 // scandir reads its directory past every interposed name, so a listing of /dev is put together here.
 int Scan(const char* path, dirent*** list, int (*filter)(const dirent*),
@@ -195,11 +199,14 @@ ZU_VCAM_EXPORT DIR* opendir(const char* path) {
     return stream;
 }
 
-ZU_VCAM_EXPORT dirent* readdir(DIR* stream) { return ReadEntry(stream, ZU_VCAM_REAL(readdir)); }
+ZU_VCAM_EXPORT dirent* readdir(DIR* stream) {
+    return ReadEntry(stream, ZU_VCAM_REAL(readdir));
+}
 
 ZU_VCAM_EXPORT dirent64* readdir64(DIR* stream) {
     const auto real_readdir = ZU_VCAM_REAL(readdir64);
-    return As64(ReadEntry(stream, [real_readdir](DIR* directory) { return From64(real_readdir(directory)); }));
+    return As64(
+        ReadEntry(stream, [real_readdir](DIR* directory) { return From64(real_readdir(directory)); }));
 }
 
 ZU_VCAM_EXPORT void rewinddir(DIR* stream) __THROW {
@@ -232,7 +239,8 @@ ZU_VCAM_EXPORT int scandir64(const char* path, dirent64*** list, int (*filter)(c
                : ZU_VCAM_REAL(scandir64)(path, list, filter, compare);
 }
 
-ZU_VCAM_EXPORT int glob(const char* pattern, int flags, int (*error)(const char*, int), glob_t* result) __THROW {
+ZU_VCAM_EXPORT int glob(const char* pattern, int flags, int (*error)(const char*, int),
+                        glob_t* result) __THROW {
     if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
         UseOurFunctions(*result);
         result->gl_readdir = [](void* stream) { return readdir(static_cast<DIR*>(stream)); };
@@ -243,7 +251,8 @@ ZU_VCAM_EXPORT int glob(const char* pattern, int flags, int (*error)(const char*
     return ZU_VCAM_REAL(glob)(pattern, flags, error, result);
 }
 
-ZU_VCAM_EXPORT int glob64(const char* pattern, int flags, int (*error)(const char*, int), glob64_t* result) __THROW {
+ZU_VCAM_EXPORT int glob64(const char* pattern, int flags, int (*error)(const char*, int),
+                          glob64_t* result) __THROW {
     if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
         UseOurFunctions(*result);
         result->gl_readdir = [](void* stream) { return readdir64(static_cast<DIR*>(stream)); };

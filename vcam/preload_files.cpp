@@ -66,7 +66,9 @@ int OpenNode(int directory, const char* path, int flags) {
     return fd;
 }
 
-bool TakesMode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
+bool TakesMode(int flags) {
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
 
 // A copy of a descriptor is ours if the first one is.
 int MarkCopy(int from, int to) {
@@ -171,9 +173,13 @@ ZU_VCAM_EXPORT int close(int fd) {
     return ZU_VCAM_REAL(close)(fd);
 }
 
-ZU_VCAM_EXPORT int dup(int fd) __THROW { return MarkCopy(fd, ZU_VCAM_REAL(dup)(fd)); }
+ZU_VCAM_EXPORT int dup(int fd) __THROW {
+    return MarkCopy(fd, ZU_VCAM_REAL(dup)(fd));
+}
 
-ZU_VCAM_EXPORT int dup2(int fd, int to) __THROW { return MarkCopy(fd, ZU_VCAM_REAL(dup2)(fd, to)); }
+ZU_VCAM_EXPORT int dup2(int fd, int to) __THROW {
+    return MarkCopy(fd, ZU_VCAM_REAL(dup2)(fd, to));
+}
 
 ZU_VCAM_EXPORT int dup3(int fd, int to, int flags) __THROW {
     return MarkCopy(fd, ZU_VCAM_REAL(dup3)(fd, to, flags));

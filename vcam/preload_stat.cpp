@@ -1,4 +1,5 @@
-// stat, access, readlink, getxattr and their other names: the device files look like character devices that may be used.
+// stat, access, readlink, getxattr and their other names: the device files look like character devices that
+// may be used.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -84,7 +85,9 @@ Answer StatDescriptor(int fd, Stat* result) {
     return Answer::kFilled;
 }
 
-int ResultOf(Answer answer) { return answer == Answer::kFilled ? 0 : -1; }
+int ResultOf(Answer answer) {
+    return answer == Answer::kFilled ? 0 : -1;
+}
 
 template <class Stat>
 Answer StatAt(int directory, const char* path, Stat* result, int flags) {
@@ -99,8 +102,8 @@ Answer StatAt(int directory, const char* path, Stat* result, int flags) {
 
 using namespace zumod::vcam;
 
-#define ZU_VCAM_STAT(answer, call)          \
-    const Answer found = answer;            \
+#define ZU_VCAM_STAT(answer, call) \
+    const Answer found = answer;   \
     return found != Answer::kNotOurs ? ResultOf(found) : (call)
 
 ZU_VCAM_EXPORT int stat(const char* path, struct stat* result) __THROW {
@@ -128,11 +131,13 @@ ZU_VCAM_EXPORT int fstat64(int fd, struct stat64* result) __THROW {
 }
 
 ZU_VCAM_EXPORT int fstatat(int directory, const char* path, struct stat* result, int flags) __THROW {
-    ZU_VCAM_STAT(StatAt(directory, path, result, flags), ZU_VCAM_REAL(fstatat)(directory, path, result, flags));
+    ZU_VCAM_STAT(StatAt(directory, path, result, flags),
+                 ZU_VCAM_REAL(fstatat)(directory, path, result, flags));
 }
 
 ZU_VCAM_EXPORT int fstatat64(int directory, const char* path, struct stat64* result, int flags) __THROW {
-    ZU_VCAM_STAT(StatAt(directory, path, result, flags), ZU_VCAM_REAL(fstatat64)(directory, path, result, flags));
+    ZU_VCAM_STAT(StatAt(directory, path, result, flags),
+                 ZU_VCAM_REAL(fstatat64)(directory, path, result, flags));
 }
 
 ZU_VCAM_EXPORT int __xstat(int version, const char* path, struct stat* result) {
@@ -164,12 +169,14 @@ ZU_VCAM_EXPORT int __fxstatat(int version, int directory, const char* path, stru
                  ZU_VCAM_REAL(__fxstatat)(version, directory, path, result, flags));
 }
 
-ZU_VCAM_EXPORT int __fxstatat64(int version, int directory, const char* path, struct stat64* result, int flags) {
+ZU_VCAM_EXPORT int __fxstatat64(int version, int directory, const char* path, struct stat64* result,
+                                int flags) {
     ZU_VCAM_STAT(StatAt(directory, path, result, flags),
                  ZU_VCAM_REAL(__fxstatat64)(version, directory, path, result, flags));
 }
 
-ZU_VCAM_EXPORT int statx(int directory, const char* path, int flags, unsigned mask, struct statx* result) __THROW {
+ZU_VCAM_EXPORT int statx(int directory, const char* path, int flags, unsigned mask,
+                         struct statx* result) __THROW {
     struct stat plain;
     const Answer answer = StatAt(directory, path, &plain, flags);
     if (answer == Answer::kNotOurs) {
@@ -208,7 +215,8 @@ ZU_VCAM_EXPORT int faccessat(int directory, const char* path, int mode, int flag
         errno = EACCES;
         return -1;
     }
-    return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(faccessat)(directory, path, mode, flags);
+    return answer != Answer::kNotOurs ? ResultOf(answer)
+                                      : ZU_VCAM_REAL(faccessat)(directory, path, mode, flags);
 }
 
 ZU_VCAM_EXPORT ssize_t readlink(const char* path, char* buffer, size_t size) __THROW {

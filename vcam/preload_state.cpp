@@ -86,15 +86,17 @@ CameraBoard* MapBoards(const FileIdentity& identity) {
     if (CallServer(identity.server, request, nullptr, 0, reply, &fd) != 0 || fd < 0) {
         return nullptr;
     }
-    const long address = RawCall(SYS_mmap, 0, static_cast<long>(kBoardsSize), PROT_READ | PROT_WRITE, MAP_SHARED,
-                                 fd, 0);
+    const long address =
+        RawCall(SYS_mmap, 0, static_cast<long>(kBoardsSize), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     RawClose(fd);
     return address < 0 && address > -4096 ? nullptr : reinterpret_cast<CameraBoard*>(address);
 }
 
 }  // namespace
 
-const char* ServerName() { return std::getenv(kServerVariable); }
+const char* ServerName() {
+    return std::getenv(kServerVariable);
+}
 
 int NodeNumber(int directory, const char* path) {
     if (path == nullptr) {
@@ -102,8 +104,9 @@ int NodeNumber(int directory, const char* path) {
     }
     constexpr size_t prefix = sizeof kDirectory - 1;
     if (path[0] == '/') {
-        return std::strncmp(path, kDirectory, prefix) == 0 && path[prefix] == '/' ? ReadNode(path + prefix + 1)
-                                                                                  : -1;
+        return std::strncmp(path, kDirectory, prefix) == 0 && path[prefix] == '/'
+                   ? ReadNode(path + prefix + 1)
+                   : -1;
     }
     const int number = path[0] == kNode[0] ? ReadNode(path) : -1;
     return number >= 0 && IsDevDirectory(directory) ? number : -1;
@@ -139,7 +142,8 @@ bool IsMarked(int fd) {
     if (static_cast<unsigned>(fd) >= kMarkedDescriptors) {
         return true;  // there is no room to know; whoever asks looks closer
     }
-    return (marks[static_cast<unsigned>(fd) / 64].load(std::memory_order_relaxed) >> (static_cast<unsigned>(fd) % 64) &
+    return (marks[static_cast<unsigned>(fd) / 64].load(std::memory_order_relaxed) >>
+                (static_cast<unsigned>(fd) % 64) &
             1) != 0;
 }
 

@@ -33,7 +33,9 @@ int __openat64_2(int directory, const char* path, int flags);
 namespace zumod::vcam {
 namespace {
 
-int Call(int fd, unsigned long command, void* argument) { return ioctl(fd, command, argument) == 0 ? 0 : errno; }
+int Call(int fd, unsigned long command, void* argument) {
+    return ioctl(fd, command, argument) == 0 ? 0 : errno;
+}
 
 std::string CardOf(int fd) {
     v4l2_capability capability{};
@@ -70,7 +72,7 @@ bool InChild(Work work) {
 
 // A device file with mapped and queued buffers that streams.
 class Stream {
-   public:
+public:
     explicit Stream(int flags = O_RDWR | O_NONBLOCK, uint32_t count = 4) : fd_(open("/dev/video0", flags)) {
         EXPECT_EQ(Request(fd_, count), 0);
         for (uint32_t i = 0; i < count; ++i) {
@@ -92,9 +94,11 @@ class Stream {
         close(fd_);
     }
     int Descriptor() const { return fd_; }
-    const uint8_t* Memory(uint32_t index) const { return static_cast<const uint8_t*>(memory_.at(index).first); }
+    const uint8_t* Memory(uint32_t index) const {
+        return static_cast<const uint8_t*>(memory_.at(index).first);
+    }
 
-   private:
+private:
     int fd_;
     std::vector<std::pair<void*, size_t>> memory_;
 };
@@ -109,8 +113,9 @@ TEST(Preload, OpensACameraByEveryNameOfOpen) {
     const int directory = open("/dev", O_RDONLY | O_DIRECTORY);
     for (const int fd :
          {open("/dev/video0", O_RDWR), open64("/dev/video0", O_RDWR), openat(AT_FDCWD, "/dev/video0", O_RDWR),
-          openat64(directory, "video0", O_RDWR), __open_2("/dev/video0", O_RDWR), __open64_2("/dev/video0", O_RDWR),
-          __openat_2(directory, "video0", O_RDWR), __openat64_2(AT_FDCWD, "/dev/video0", O_RDWR),
+          openat64(directory, "video0", O_RDWR), __open_2("/dev/video0", O_RDWR),
+          __open64_2("/dev/video0", O_RDWR), __openat_2(directory, "video0", O_RDWR),
+          __openat64_2(AT_FDCWD, "/dev/video0", O_RDWR),
           static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/dev/video0", O_RDWR))}) {
         ASSERT_GE(fd, 0);
         EXPECT_EQ(CardOf(fd), "Front");
@@ -230,8 +235,8 @@ TEST(Preload, ListsTheNodesInDev) {
     EXPECT_EQ(NodesByReaddir(), (std::set<std::string>{"video0", "video12"}));
     dirent** entries = nullptr;
     const int count = scandir(
-        "/dev", &entries, [](const dirent* entry) { return std::strncmp(entry->d_name, "video", 5) == 0 ? 1 : 0; },
-        alphasort);
+        "/dev", &entries,
+        [](const dirent* entry) { return std::strncmp(entry->d_name, "video", 5) == 0 ? 1 : 0; }, alphasort);
     ASSERT_EQ(count, 2);
     EXPECT_STREQ(entries[0]->d_name, "video0");
     EXPECT_STREQ(entries[1]->d_name, "video12");
@@ -413,9 +418,10 @@ TEST(Preload, TakesControlLinesFromAnyProcess) {
     ASSERT_TRUE(SendControl("1 replug-as/9", answer));
     EXPECT_EQ(cameras.At(1).Number(), 9);
     ASSERT_TRUE(SendControl("1 status", answer));
-    EXPECT_EQ(answer,
-              "device=/dev/video9 present=yes streaming=no open=0 format=NV12 size=640x480 fps=30/1 delivered=0 "
-              "dropped=0");
+    EXPECT_EQ(
+        answer,
+        "device=/dev/video9 present=yes streaming=no open=0 format=NV12 size=640x480 fps=30/1 delivered=0 "
+        "dropped=0");
     EXPECT_FALSE(SendControl("2 status", answer));
     EXPECT_FALSE(SendControl("0 nonsense", answer));
     EXPECT_EQ(answer, "unknown fault \"nonsense\"");

@@ -1,6 +1,6 @@
-// Virtual cameras for the calls of this very process: a test program that runs with the preload library makes one of
-// these, and /dev/videoN is there, with the model at hand in C++. See zu_vcam_test in CMakeLists.txt. Make and destroy
-// it on one thread while no other thread of the test runs.
+// Virtual cameras for the calls of this very process: a test program that runs with the preload library makes
+// one of these, and /dev/videoN is there, with the model at hand in C++. See zu_vcam_test in CMakeLists.txt.
+// Make and destroy it on one thread while no other thread of the test runs.
 #pragma once
 
 #include <cstdlib>
@@ -16,7 +16,7 @@
 namespace zumod::vcam {
 
 class PreloadedCameras {
-   public:
+public:
     // One list of options a camera, as --camera takes it.
     explicit PreloadedCameras(std::initializer_list<const char*> cameras) {
         std::vector<CameraConfig> configs;
@@ -40,7 +40,7 @@ class PreloadedCameras {
     Camera& At(size_t index) { return server_->At(index); }
     CameraServer& Server() { return *server_; }
 
-   private:
+private:
     std::unique_ptr<CameraServer> server_;
 };
 

@@ -1,5 +1,6 @@
-// System calls past the C library: what the client half of a camera does inside a program is no cancellation point,
-// meets no interposed function and leaves errno alone. Results are the kernel's, a negative errno for a failure.
+// System calls past the C library: what the client half of a camera does inside a program is no cancellation
+// point, meets no interposed function and leaves errno alone. Results are the kernel's, a negative errno for
+// a failure.
 #pragma once
 
 #include <sys/syscall.h>
@@ -27,10 +28,7 @@ inline long RawCall(long number, long a = 0, long b = 0, long c = 0, long d = 0,
     register long x3 __asm__("x3") = d;
     register long x4 __asm__("x4") = e;
     register long x5 __asm__("x5") = f;
-    __asm__ volatile("svc #0"
-                     : "+r"(x0)
-                     : "r"(x8), "r"(x1), "r"(x2), "r"(x3), "r"(x4), "r"(x5)
-                     : "memory");
+    __asm__ volatile("svc #0" : "+r"(x0) : "r"(x8), "r"(x1), "r"(x2), "r"(x3), "r"(x4), "r"(x5) : "memory");
     return x0;
 }
 #else
@@ -42,6 +40,8 @@ long Word(T* pointer) {
     return reinterpret_cast<long>(pointer);
 }
 
-inline void RawClose(int fd) { RawCall(SYS_close, fd); }
+inline void RawClose(int fd) {
+    RawCall(SYS_close, fd);
+}
 
 }  // namespace zumod::vcam

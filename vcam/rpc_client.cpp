@@ -27,9 +27,8 @@ int Connect(const char* server_name) {
     }
     sockaddr_un address;
     const unsigned length = ServerAddress(server_name, address);
-    const long result = RetryInterrupted([&] {
-        return RawCall(SYS_connect, socket, Word(&address), static_cast<long>(length));
-    });
+    const long result = RetryInterrupted(
+        [&] { return RawCall(SYS_connect, socket, Word(&address), static_cast<long>(length)); });
     if (result < 0) {
         RawClose(static_cast<int>(socket));
         return -ENODEV;
@@ -67,7 +66,8 @@ int Exchange(int socket, const Request& request, const iovec* parts, int part_co
     message.msg_control = control;
     message.msg_controllen = sizeof control;
     const int flags = close_on_exec ? MSG_CMSG_CLOEXEC : 0;
-    const long received = RetryInterrupted([&] { return RawCall(SYS_recvmsg, socket, Word(&message), flags); });
+    const long received =
+        RetryInterrupted([&] { return RawCall(SYS_recvmsg, socket, Word(&message), flags); });
     if (received < static_cast<long>(sizeof reply)) {
         return received == -EFAULT ? EFAULT : ENODEV;
     }
@@ -87,8 +87,8 @@ int CallForFile(void* context, const Request& request, const iovec* parts, int p
 
 }  // namespace
 
-int CallServer(const char* server_name, const Request& request, const iovec* parts, int part_count, Reply& reply,
-               int* fd, bool close_on_exec) {
+int CallServer(const char* server_name, const Request& request, const iovec* parts, int part_count,
+               Reply& reply, int* fd, bool close_on_exec) {
     if (fd != nullptr) {
         *fd = -1;
     }

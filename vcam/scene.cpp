@@ -1,7 +1,6 @@
 #include "vcam/scene.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace zumod::vcam {
 namespace {
@@ -67,20 +66,33 @@ void Scene::PaintLabel(const std::string& label) {
     }
 }
 
-std::vector<PlacedGlyph> Scene::Letters(const Stamp& stamp) const {
-    std::vector<PlacedGlyph> letters;
+PlacedGlyphs Scene::Letters(const Stamp& stamp) const {
+    PlacedGlyphs letters;
     if (!has_letters_) {
         return letters;
     }
-    char text[40];
-    const auto milliseconds = static_cast<unsigned long>(stamp.time_us / 1000);
-    const int size = std::snprintf(text, sizeof text, "%010u %lu.%03lu", stamp.counter, milliseconds / 1000,
-                                   milliseconds % 1000);
+    // The counter in ten digits, a blank, then seconds and milliseconds, written from the right.
+    constexpr unsigned kCounterDigits = 10;
+    char text[PlacedGlyphs::kMost];
+    char* const end = text + sizeof text;
+    char* next = end;
+    uint64_t time = stamp.time_us / 1000;
+    for (unsigned digits = 0; digits < 4 || time != 0; ++digits, time /= 10) {
+        if (digits == 3) {
+            *--next = '.';
+        }
+        *--next = static_cast<char>('0' + time % 10);
+    }
+    *--next = ' ';
+    uint32_t counter = stamp.counter;
+    for (unsigned digits = 0; digits < kCounterDigits; ++digits, counter /= 10) {
+        *--next = static_cast<char>('0' + counter % 10);
+    }
     // Where there is not room for everything, the last digits of the counter matter most.
-    const unsigned skip = columns_ < 10 ? 10 - columns_ : 0;
-    for (unsigned i = skip; i < static_cast<unsigned>(size) && i - skip < columns_; ++i) {
-        if (text[i] != ' ') {
-            letters.push_back({i - skip, letter_row_, text[i]});
+    next += columns_ < kCounterDigits ? kCounterDigits - columns_ : 0;
+    for (unsigned column = 0; next + column < end && column < columns_; ++column) {
+        if (next[column] != ' ') {
+            letters.Add({column, letter_row_, next[column]});
         }
     }
     return letters;

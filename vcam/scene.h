@@ -1,9 +1,10 @@
-// The test picture: what stands still in it and what changes from frame to frame, all of it on a grid of tiles of 16
-// pixels, so that every pixel format can have the moving parts prepared. Immutable; any thread.
+// The test picture: what stands still in it and what changes from frame to frame, all of it on a grid of
+// tiles of 16 pixels, so that every pixel format can have the moving parts prepared. Immutable; any thread.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <string>
-#include <vector>
 
 #include "vcam/glyphs.h"
 #include "vcam/planar_image.h"
@@ -23,8 +24,22 @@ struct PlacedSquare {
     unsigned size;
 };
 
+// A line of letters; made for each frame, so it lives on the stack.
+class PlacedGlyphs {
+public:
+    static constexpr size_t kMost = 32;
+
+    void Add(PlacedGlyph glyph) { glyphs_[count_++] = glyph; }
+    const PlacedGlyph* begin() const { return glyphs_.data(); }
+    const PlacedGlyph* end() const { return glyphs_.data() + count_; }
+
+private:
+    std::array<PlacedGlyph, kMost> glyphs_;
+    size_t count_ = 0;
+};
+
 class Scene {
-   public:
+public:
     static constexpr unsigned kGreatestSquare = 4;  // tiles
 
     Scene(unsigned width, unsigned height, const std::string& label);
@@ -36,10 +51,10 @@ class Scene {
     unsigned Columns() const { return columns_; }
 
     // The counter and the time in letters.
-    std::vector<PlacedGlyph> Letters(const Stamp& stamp) const;
+    PlacedGlyphs Letters(const Stamp& stamp) const;
     PlacedSquare Square(const Stamp& stamp) const;
 
-   private:
+private:
     void PaintBars();
     void PaintLabel(const std::string& label);
 

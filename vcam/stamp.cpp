@@ -27,7 +27,8 @@ uint16_t CheckSum(const Stamp& stamp) {
 }  // namespace
 
 StampGrid StampGrid::For(unsigned width, unsigned height) {
-    // The largest block that leaves most of the picture free; small pictures give the stamp more of their height.
+    // The largest block that leaves most of the picture free; small pictures give the stamp more of their
+    // height.
     struct Choice {
         unsigned block;
         unsigned of_height;  // the stamp takes at most this many twelfths of the height

@@ -1,5 +1,5 @@
-// The machine-readable mark in a picture: a frame counter and a monotonic time as black and white luma blocks along
-// the top, large enough to come through a strong compression. Pure functions; any thread.
+// The machine-readable mark in a picture: a frame counter and a monotonic time as black and white luma blocks
+// along the top, large enough to come through a strong compression. Pure functions; any thread.
 #pragma once
 
 #include <array>
@@ -16,7 +16,8 @@ struct Stamp {
     bool operator==(const Stamp&) const = default;
 };
 
-inline constexpr unsigned kStampBits = 4 + 32 + 48 + 16;  // black-and-white reference, counter, time, check sum
+inline constexpr unsigned kStampBits =
+    4 + 32 + 48 + 16;  // black-and-white reference, counter, time, check sum
 inline constexpr uint8_t kStampBlack = 16;
 inline constexpr uint8_t kStampWhite = 235;
 

@@ -13,7 +13,9 @@ namespace {
 
 constexpr Stamp kStamp{0xdeadbeef, 0x123456789abc};
 
-TEST(Stamp, ComesBackFromItsBits) { EXPECT_EQ(DecodeStamp(EncodeStamp(kStamp)), kStamp); }
+TEST(Stamp, ComesBackFromItsBits) {
+    EXPECT_EQ(DecodeStamp(EncodeStamp(kStamp)), kStamp);
+}
 
 TEST(Stamp, WithAnyOneBitWrongIsNotBelieved) {
     for (unsigned bit = 0; bit < kStampBits; ++bit) {
@@ -42,11 +44,13 @@ TEST(StampGrid, FitsSmallPicturesWithSmallerBlocks) {
     EXPECT_EQ(StampGrid::For(64, 64).block, 4U);
 }
 
-TEST(StampGrid, IsEmptyWhereThereIsNoRoom) { EXPECT_EQ(StampGrid::For(16, 16).block, 0U); }
+TEST(StampGrid, IsEmptyWhereThereIsNoRoom) {
+    EXPECT_EQ(StampGrid::For(16, 16).block, 0U);
+}
 
 TEST(ReadStamp, FindsTheStampInEverySizeThatHasRoom) {
-    for (const auto& [width, height] : {std::pair{64U, 64U}, {128U, 96U}, {160U, 120U}, {642U, 480U},
-                                        {1280U, 720U}, {1920U, 1080U}}) {
+    for (const auto& [width, height] :
+         {std::pair{64U, 64U}, {128U, 96U}, {160U, 120U}, {642U, 480U}, {1280U, 720U}, {1920U, 1080U}}) {
         const PictureLayout layout = LayOut(V4L2_PIX_FMT_NV12, width, height);
         const Pattern pattern(layout, "TEST");
         std::vector<uint8_t> picture(layout.sizeimage);

@@ -31,7 +31,7 @@ inline CameraConfig Configure(const std::string& options) {
 }
 
 class TestRig {
-   public:
+public:
     explicit TestRig(const std::string& options = "sizes=64x64,fps=500")
         : camera_(0, Configure(options), NewName(), board_) {
         Reopen();
@@ -151,7 +151,7 @@ class TestRig {
         return frame;
     }
 
-   private:
+private:
     // The names of descriptors must differ between the tests that run at one time.
     static std::string NewName() {
         static unsigned count = 0;

@@ -8,7 +8,7 @@
 namespace zumod::vcam {
 
 class UniqueFd {
-   public:
+public:
     UniqueFd() = default;
     explicit UniqueFd(int fd) : fd_(fd) {}
     UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
@@ -30,7 +30,7 @@ class UniqueFd {
         fd_ = fd;
     }
 
-   private:
+private:
     int fd_ = -1;
 };
 

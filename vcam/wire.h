@@ -1,6 +1,6 @@
-// What travels between a program and its virtual cameras: the name a descriptor carries, a request with its reply,
-// and the record that makes a descriptor readable. Plain data; shared by the preload library, which has no C++
-// runtime, and the camera side.
+// What travels between a program and its virtual cameras: the name a descriptor carries, a request with its
+// reply, and the record that makes a descriptor readable. Plain data; shared by the preload library, which
+// has no C++ runtime, and the camera side.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -17,18 +17,20 @@ inline constexpr uint32_t kWireVersion = 1;
 // The largest array an extended-controls request may carry, as the kernel limits it.
 inline constexpr uint32_t kMaxExtControls = 1024;
 
-// Abstract socket addresses: of the server "<prefix>@<server name>", of a descriptor "<prefix>:" and a FileIdentity.
+// Abstract socket addresses: of the server "<prefix>@<server name>", of a descriptor "<prefix>:" and a
+// FileIdentity.
 inline constexpr char kAddressPrefix[] = "zu-vcam";
 // Names the server for every program below it.
 inline constexpr char kServerVariable[] = "ZU_VCAM";
 
-// Who an open device file is. Bound to the descriptor itself, so it survives dup, fork, exec and being passed on.
+// Who an open device file is. Bound to the descriptor itself, so it survives dup, fork, exec and being passed
+// on.
 struct FileIdentity {
     char server[kServerNameSize];
-    uint32_t slot;   // the camera, in the order the cameras were given
-    uint32_t file;   // the open file, never 0
-    uint32_t plug;   // which of the camera's plug-ins it belongs to
-    uint32_t flags;  // as given to open
+    uint32_t slot;    // the camera, in the order the cameras were given
+    uint32_t file;    // the open file, never 0
+    uint32_t plug;    // which of the camera's plug-ins it belongs to
+    uint32_t flags;   // as given to open
     uint32_t number;  // of /dev/videoN
 };
 static_assert(sizeof(FileIdentity) == 52);

@@ -1,5 +1,5 @@
-// Pictures from a Y4M file (8 bit, 4:2:0), shown in order and from the start again. Everything is read and laid out
-// ahead. Immutable after construction; any thread.
+// Pictures from a Y4M file (8 bit, 4:2:0), shown in order and from the start again. Everything is read and
+// laid out ahead. Immutable after construction; any thread.
 #pragma once
 
 #include <string>
@@ -22,12 +22,12 @@ struct Y4mFile {
 };
 
 class Y4mSource final : public FrameSource {
-   public:
+public:
     Y4mSource(const PictureLayout& layout, const Y4mFile& file);
 
     size_t Paint(uint8_t* out, const Stamp& stamp) const override;
 
-   private:
+private:
     std::vector<std::vector<uint8_t>> frames_;
 };
 

@@ -1,5 +1,5 @@
-// Judges pictures that another program took from a virtual camera: that there are as many as there should be, that
-// they came in order and at the agreed rate, and that each is the model's picture byte for byte.
+// Judges pictures that another program took from a virtual camera: that there are as many as there should be,
+// that they came in order and at the agreed rate, and that each is the model's picture byte for byte.
 #include <linux/videodev2.h>
 
 #include <cstdio>
@@ -120,10 +120,9 @@ bool Judge(const Expected& expected, const Bytes& all) {
         if (last) {
             const int64_t frames = int64_t{stamp->counter} - last->counter;
             const auto passed = static_cast<int64_t>(stamp->time_us - last->time_us);
-            if (frames < 1 ||
-                std::abs(passed - frames * 1000000 / static_cast<int64_t>(expected.fps)) > 2) {
-                std::fprintf(stderr, "picture %zu came %lld frames and %lld us after the one before\n", number,
-                             static_cast<long long>(frames), static_cast<long long>(passed));
+            if (frames < 1 || std::abs(passed - frames * 1000000 / static_cast<int64_t>(expected.fps)) > 2) {
+                std::fprintf(stderr, "picture %zu came %lld frames and %lld us after the one before\n",
+                             number, static_cast<long long>(frames), static_cast<long long>(passed));
                 return false;
             }
             lost += static_cast<uint64_t>(frames - 1);
