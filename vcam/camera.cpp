@@ -226,14 +226,7 @@ Camera::OpenFile* Camera::FindFile(uint32_t id, uint32_t plug) {
                                                                                         : &found->second;
 }
 
-void Camera::Reap() {
-    {
-        Lock lock(mutex_);
-        ReapLocked(lock);
-    }
-    changed_.notify_all();
-}
-
+// Forgets the files that no process has open any more.
 void Camera::ReapLocked(Lock& lock) {
     for (auto file = files_.begin(); file != files_.end();) {
         if (!file->second.end.IsAbandoned()) {

@@ -60,8 +60,6 @@ public:
     // The number of its device file, or -1 while it is unplugged.
     int Number();
     CameraBoard& Board() { return board_; }
-    // Forgets the files that no process has open any more.
-    void Reap();
 
     // The picture of that moment as the negotiated format lays it out: for comparing.
     std::vector<uint8_t> Picture(const Stamp& stamp);

@@ -6,6 +6,7 @@
 #include <sys/select.h>
 
 #include <cstring>
+#include <memory>
 #include <thread>
 
 #include "vcam/pattern_reader.h"
@@ -590,6 +591,28 @@ TEST(Camera, KeepsARateOfAThousandFrames) {
                                  last.buffer.timestamp.tv_usec - first.buffer.timestamp.tv_usec;
     EXPECT_NEAR(static_cast<double>(microseconds),
                 1000.0 * static_cast<double>(last.buffer.sequence - first.buffer.sequence), 2.0);
+}
+
+TEST(Camera, KeepsItsRateBesideFifteenOthers) {
+    constexpr size_t kCount = 16;
+    constexpr double kRate = 30;
+    // Enough buffers that a reader who has to wait for a processor costs no frame.
+    std::vector<std::unique_ptr<TestRig>> rigs;
+    for (size_t i = 0; i < kCount; ++i) {
+        rigs.push_back(std::make_unique<TestRig>("sizes=640x480,fps=30"));
+        ASSERT_EQ(rigs.back()->Start(24), 0);
+    }
+    for (const auto& rig : rigs) {
+        int64_t first = 0;
+        for (uint32_t i = 0; i < 20; ++i) {
+            const TestRig::Frame frame = rig->Next();
+            ASSERT_EQ(frame.error, 0);
+            EXPECT_EQ(frame.buffer.sequence, i);
+            const int64_t time = frame.buffer.timestamp.tv_sec * 1000000L + frame.buffer.timestamp.tv_usec;
+            first = i == 0 ? time : first;
+            EXPECT_NEAR(static_cast<double>(time - first), 1e6 / kRate * i, 2.0);
+        }
+    }
 }
 
 }  // namespace

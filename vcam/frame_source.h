@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
 #include "vcam/pixel_format.h"
 #include "vcam/stamp.h"

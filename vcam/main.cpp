@@ -136,7 +136,8 @@ int ReadArguments(int count, char** words, Arguments& arguments) {
 
 void SetEnvironment(const std::string& library, const std::string& server_name) {
     const char* others = getenv("LD_PRELOAD");
-    const std::string preload = others == nullptr || *others == 0 ? library : library + ":" + others;
+    // After the others: a sanitizer's run time insists on being the first.
+    const std::string preload = others == nullptr || *others == 0 ? library : others + (":" + library);
     setenv("LD_PRELOAD", preload.c_str(), 1);
     setenv(kServerVariable, server_name.c_str(), 1);
 }

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #include "vcam/preload.h"
@@ -227,6 +229,25 @@ ZU_VCAM_EXPORT ssize_t readlink(const char* path, char* buffer, size_t size) __T
         return -1;
     }
     return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(readlink)(path, buffer, size);
+}
+
+ZU_VCAM_EXPORT char* realpath(const char* path, char* resolved) __THROW {
+    int number = -1;
+    const Answer answer = FindNode(AT_FDCWD, path, number);
+    if (answer != Answer::kFilled) {
+        return answer == Answer::kFailed ? nullptr : ZU_VCAM_REAL(realpath)(path, resolved);
+    }
+    if (resolved == nullptr) {
+        resolved = static_cast<char*>(std::malloc(PATH_MAX));
+        if (resolved == nullptr) {
+            return nullptr;
+        }
+    }
+    // A path relative to /dev ends like an absolute one.
+    const char* name = std::strrchr(path, '/');
+    std::strcpy(resolved, "/dev/");
+    std::strcat(resolved, name == nullptr ? path : name + 1);
+    return resolved;
 }
 
 // Device files have no attributes; a listing with details asks for them.

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -197,6 +198,10 @@ TEST(Preload, MakesNodesLookLikeCharacterDevices) {
     EXPECT_EQ(access("/dev/video7", R_OK | W_OK), 0);
     EXPECT_EQ(access("/dev/video7", X_OK), -1);
     EXPECT_EQ(stat("/dev/video8", &status), -1);
+    char resolved[PATH_MAX];
+    EXPECT_STREQ(realpath("/dev/video7", resolved), "/dev/video7");
+    EXPECT_EQ(readlink("/dev/video7", resolved, sizeof resolved), -1);
+    EXPECT_EQ(errno, EINVAL);
     std::ifstream event("/sys/dev/char/81:7/uevent");
     std::string text((std::istreambuf_iterator<char>(event)), std::istreambuf_iterator<char>());
     EXPECT_EQ(text, "MAJOR=81\nMINOR=7\nDEVNAME=video7\n");

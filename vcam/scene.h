@@ -48,7 +48,6 @@ public:
 
     const PlanarImage& Background() const { return background_; }
     const StampGrid& Grid() const { return grid_; }
-    unsigned Columns() const { return columns_; }
 
     // The counter and the time in letters.
     PlacedGlyphs Letters(const Stamp& stamp) const;
