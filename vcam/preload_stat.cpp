@@ -15,8 +15,10 @@
 #include "vcam/preload.h"
 #include "vcam/raw_system.h"
 
-// The names binaries from before glibc 2.33 call.
+// A fortified name, and the names binaries from before glibc 2.33 call.
 extern "C" {
+char* __realpath_chk(const char* path, char* resolved, size_t size);
+ssize_t __readlink_chk(const char* path, char* buffer, size_t size, size_t buffer_size);
 int __xstat(int version, const char* path, struct stat* result);
 int __xstat64(int version, const char* path, struct stat64* result);
 int __lxstat(int version, const char* path, struct stat* result);
@@ -85,6 +87,28 @@ Answer StatDescriptor(int fd, Stat* result) {
     }
     Fill(static_cast<int>(identity.number), *result);
     return Answer::kFilled;
+}
+
+// realpath: *resolved becomes the result when the path is ours.
+Answer ResolveNode(const char* path, char** resolved) {
+    int number = -1;
+    const Answer answer = FindNode(AT_FDCWD, path, number);
+    if (answer == Answer::kFailed) {
+        *resolved = nullptr;
+    }
+    if (answer != Answer::kFilled) {
+        return answer;
+    }
+    if (*resolved == nullptr) {
+        *resolved = static_cast<char*>(std::malloc(PATH_MAX));
+    }
+    if (*resolved != nullptr) {
+        // A path relative to /dev ends like an absolute one.
+        const char* name = std::strrchr(path, '/');
+        std::strcpy(*resolved, "/dev/");
+        std::strcat(*resolved, name == nullptr ? path : name + 1);
+    }
+    return answer;
 }
 
 int ResultOf(Answer answer) {
@@ -231,23 +255,25 @@ ZU_VCAM_EXPORT ssize_t readlink(const char* path, char* buffer, size_t size) __T
     return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(readlink)(path, buffer, size);
 }
 
-ZU_VCAM_EXPORT char* realpath(const char* path, char* resolved) __THROW {
+ZU_VCAM_EXPORT ssize_t __readlink_chk(const char* path, char* buffer, size_t size, size_t buffer_size) {
     int number = -1;
     const Answer answer = FindNode(AT_FDCWD, path, number);
-    if (answer != Answer::kFilled) {
-        return answer == Answer::kFailed ? nullptr : ZU_VCAM_REAL(realpath)(path, resolved);
+    if (answer == Answer::kFilled) {
+        errno = EINVAL;
+        return -1;
     }
-    if (resolved == nullptr) {
-        resolved = static_cast<char*>(std::malloc(PATH_MAX));
-        if (resolved == nullptr) {
-            return nullptr;
-        }
-    }
-    // A path relative to /dev ends like an absolute one.
-    const char* name = std::strrchr(path, '/');
-    std::strcpy(resolved, "/dev/");
-    std::strcat(resolved, name == nullptr ? path : name + 1);
-    return resolved;
+    return answer != Answer::kNotOurs ? ResultOf(answer)
+                                      : ZU_VCAM_REAL(__readlink_chk)(path, buffer, size, buffer_size);
+}
+
+ZU_VCAM_EXPORT char* realpath(const char* path, char* resolved) __THROW {
+    const Answer answer = ResolveNode(path, &resolved);
+    return answer != Answer::kNotOurs ? resolved : ZU_VCAM_REAL(realpath)(path, resolved);
+}
+
+ZU_VCAM_EXPORT char* __realpath_chk(const char* path, char* resolved, size_t size) {
+    const Answer answer = ResolveNode(path, &resolved);
+    return answer != Answer::kNotOurs ? resolved : ZU_VCAM_REAL(__realpath_chk)(path, resolved, size);
 }
 
 // Device files have no attributes; a listing with details asks for them.
