@@ -33,14 +33,14 @@ int Fail(int error) {
 
 // Opens a virtual camera: the descriptor, -1 with errno set, or kNotOurs.
 int OpenNode(int directory, const char* path, int flags) {
-    const char* server = ServerName();
-    if (server == nullptr) {
-        return kNotOurs;
-    }
     const int number = NodeNumber(directory, path);
     if (number < 0) {
         const int event_file = OpenEventFile(path);
         return event_file >= 0 ? event_file : kNotOurs;
+    }
+    const char* server = ServerName();
+    if (server == nullptr) {
+        return kNotOurs;
     }
     const FileIdentity nobody{};
     Request request = MakeRequest(Operation::kOpen, nobody);

@@ -54,8 +54,8 @@ void Fill(int number, Stat& result) {
 
 // The number of a node that is there; kFailed sets errno.
 Answer FindNode(int directory, const char* path, int& number) {
-    number = ServerName() == nullptr ? -1 : NodeNumber(directory, path);
-    if (number < 0) {
+    number = NodeNumber(directory, path);
+    if (number < 0 || ServerName() == nullptr) {
         return Answer::kNotOurs;
     }
     const int error = StatNode(number);

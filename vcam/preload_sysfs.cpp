@@ -61,8 +61,7 @@ struct Writer {
 }  // namespace
 
 int OpenEventFile(const char* path) {
-    const char* server = ServerName();
-    const int number = server == nullptr ? -1 : EventFileNumber(path);
+    const int number = EventFileNumber(path);
     if (number < 0 || StatNode(number) != 0) {
         return -1;
     }
