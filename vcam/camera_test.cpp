@@ -442,6 +442,19 @@ TEST(Camera, IsNeverWritable) {
     EXPECT_EQ(poll(&state, 1, 0), 0);
 }
 
+TEST(Camera, IsBusyForAnotherFileAsSoonAsItGrantedBuffers) {
+    TestRig rig;
+    ModelFile second(rig.Device());
+    ASSERT_EQ(rig.Request(2), 2);
+    v4l2_requestbuffers request{};
+    request.count = 2;
+    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.memory = V4L2_MEMORY_MMAP;
+    EXPECT_EQ(second.Ioctl(VIDIOC_REQBUFS, &request), EBUSY);
+    ASSERT_EQ(rig.Request(0), 0);
+    EXPECT_EQ(second.Ioctl(VIDIOC_REQBUFS, &request), 0);
+}
+
 TEST(Camera, IsBusyForASecondStreamer) {
     TestRig rig;
     ModelFile second(rig.Device());
