@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "codec/library_pin.h"
 #include "codec/policy_values.h"
 #include "codec/video_decoder.h"
 #include "codec/video_encoder.h"
@@ -65,6 +66,7 @@ int codec_create(IZUModCreatePolicy* policy, IZUModInterface** out) {
         ZuModLog(kLogFailure, "[zu-codec] create refused, unknown image type %lu", image_type);
         return 0;
     }
+    KeepLibavcodecLoaded();
     return encoder ? CreateEncoder(*policy, out) : CreateDecoder(*policy, out);
 }
 
