@@ -214,8 +214,10 @@ TEST_F(VideoDecoderTest, WithoutArgumentsOrBytesThereIsNoPicture) {
     EXPECT_FALSE(decoder->Decode(&no_bytes));
     no_bytes.size = INT32_MAX;
     EXPECT_FALSE(decoder->Decode(&no_bytes));
+    no_bytes.size = 0x100000064;  // 100 in 32 bits
+    EXPECT_FALSE(decoder->Decode(&no_bytes));
     const LogLine line{2, "[zu-codec] decode fail: Invalid argument"};
-    EXPECT_THAT(host.Lines(), ElementsAre(line, line, line));
+    EXPECT_THAT(host.Lines(), ElementsAre(line, line, line, line));
 }
 
 TEST_F(VideoDecoderTest, AnEndOfTheStreamIsNoFailureAndAnotherStreamMayFollow) {

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
+#include <random>
+#include <string>
+#include <vector>
 
 #include "tests/support/codec_calls.h"
 #include "tests/support/picture_pattern.h"
@@ -133,6 +135,19 @@ TEST_F(VideoEncoderTest, TheHostsBitRateIsKept) {
     Make({});
     SetText("zu.codec.bitrate", "2000000");
     EXPECT_GT(total(), 2 * low);
+}
+
+TEST_F(VideoEncoderTest, NoiseDoesNotBurstTheBitRate) {
+    SetText("zu.codec.bitrate", "600000");
+    std::mt19937 random(7);
+    TestPicture picture = Paint(kI420, {320, 240});
+    size_t total = 0;
+    for (int i = 0; i < 30; ++i) {
+        std::generate(picture.bytes.begin(), picture.bytes.end(),
+                      [&] { return static_cast<uint8_t>(random()); });
+        total += Encode(picture).size();
+    }
+    EXPECT_LT(total, 2U * 600000 / 8) << "one second's worth, and one that was saved up";
 }
 
 TEST_F(VideoEncoderTest, APresetOfTheHostsIsUsed) {
