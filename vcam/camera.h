@@ -102,7 +102,7 @@ private:
     using Clock = std::chrono::steady_clock;
     using Lock = std::unique_lock<std::mutex>;
 
-    // camera.cpp: files, plugging, faults
+    // camera.cpp: files and plugging
     int ServeFile(const Request& request, std::vector<uint8_t>& payload, Reply& reply, UniqueFd& descriptor,
                   Lock& lock);
     int Ioctl(OpenFile& file, const Request& request, std::vector<uint8_t>& payload);
@@ -113,12 +113,14 @@ private:
     void ReleaseLingering(Lock& lock);
     void UnplugLocked();
     void PlugLocked(int number);
+    static const Entry* FindEntry(unsigned long command);
+
+    // camera_faults.cpp
     ActiveFault* FindFault(FaultKind kind);
     void RemoveFault(const ActiveFault* fault);
     int FailCall(FaultKind kind, unsigned long command, int error);
     int FailIoctl(unsigned long command);
     void UpdateSlowCalls();
-    static const Entry* FindEntry(unsigned long command);
 
     // camera_formats.cpp
     int QueryCapability(OpenFile& file, void* argument);
