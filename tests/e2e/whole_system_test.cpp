@@ -1,0 +1,181 @@
+// From the host's slots to the driver's calls in one process: the built module, a codec that records what is
+// asked of it, and a virtual camera behind the C library's own calls. Wire, log and codec are looked at
+// together.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/process_state.h"
+#include "tests/support/raw_host.h"
+#include "vcam/preloaded_cameras.h"
+
+namespace {
+
+using namespace zumod::testing::raw;
+using zumod::testing::CountDescriptors;
+using zumod::testing::CountThreads;
+
+// The lines that begin with one of these, in order: the milestones of a session, whatever the camera traces
+// between.
+std::vector<std::string> Milestones(const Lines& lines) {
+    std::vector<std::string> found;
+    for (const auto& [level, text] : lines) {
+        for (const char* start :
+             {"[cameraclient]", "[CCameraClientLinux]", "[codec] create", "[codec] SetProperty",
+              "[codec] destroy", "[LinuxV4L2CameraCapture] startCapture success",
+              "[LinuxV4L2CameraCapture] stopCapture, devid 0 finish", "[CameraEnumerator]"}) {
+            if (text.rfind(start, 0) == 0) {
+                found.push_back(text);
+            }
+        }
+    }
+    return found;
+}
+
+class WholeSystem : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_library = dlopen(ZU_MODULE_FILE, RTLD_NOW);
+        ASSERT_NE(m_library, nullptr) << dlerror();
+        module = reinterpret_cast<const Descriptor* (*)()>(dlsym(m_library, "zumod_get_entrypoint"))();
+        runtime.properties["zu.env.modules.dir"] = {{kValueTable, 1}, 4, ZU_TEST_MODULES_DIR "/recording", 0};
+        ASSERT_EQ(module->attach_runtime(&runtime), 1);
+        ASSERT_EQ(module->create(&m_policy, &plugin), 1);
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, m_ends), 0);
+        m_stream.fd = m_ends[0];
+        ASSERT_EQ(Call<int>(plugin, 5, &m_stream), 0);
+        m_run = std::thread([this] {
+            const LeavesSomethingBehind of_the_open_requests;
+            EXPECT_EQ(Call<int>(plugin, 6), 1);
+        });
+    }
+
+    // Ends the session and everything with it.
+    void Finish(const Peer& peer) {
+        peer.Hang();
+        m_run.join();
+        EXPECT_EQ(Call<int>(plugin, 7), 0);
+        EXPECT_EQ(Call<int64_t>(plugin, 3), 0);
+        EXPECT_EQ(m_stream.count, 0);
+        close(m_ends[0]);
+        module->detach_runtime();
+        EXPECT_EQ(dlclose(m_library), 0);
+    }
+
+    int PeerEnd() const { return m_ends[1]; }
+
+    const Descriptor* module = nullptr;
+    void* plugin = nullptr;
+    Runtime runtime{kRuntimeTable, {}, {}, {}};
+
+private:
+    void* m_library = nullptr;
+    Policy m_policy{{kPolicyTable, 1},
+                    {{kValueTable}, 4, "IClientCameraPlugin", 0},
+                    {{kValueTable}, 2, nullptr, 0x0002000000000000}};
+    Stream m_stream{{kStreamTable}, -1};
+    int m_ends[2] = {-1, -1};
+    std::thread m_run;
+};
+
+TEST_F(WholeSystem, APeerListsOpensReceivesChangesAndClosesACamera) {
+    const zumod::vcam::PreloadedCameras cameras{"card=Front,formats=NV12,sizes=640x480:1280x720,fps=30"};
+    close(open("/dev/video0", O_RDONLY));  // the first call connects this process with its cameras, for good
+    const auto threads = CountThreads();
+    const auto descriptors = CountDescriptors();
+    {
+        const Peer peer(PeerEnd());
+        peer.Send({0, 0, 0, 0, 1, 0, 0, 0});
+        const Bytes list = peer.Receive(12 + 1304 + 16);
+        EXPECT_EQ((Bytes{list.begin(), list.begin() + 12}), (Bytes{0x2C, 5, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0}));
+        EXPECT_EQ((std::string{list.begin() + 18, list.begin() + 24}), std::string("Front\0", 6));
+        EXPECT_EQ((Bytes{list.begin() + 1312, list.end()}),
+                  (Bytes{2, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0}));
+
+        peer.Send({16, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0});
+        // The notice and the frames come from two threads, in any order.
+        const Bytes state = {8, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0};
+        const Bytes frame = {12, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 'c', 'o', 'd', 'e'};
+        int states = 0;
+        int frames = 0;
+        while (states == 0 || frames < 10) {
+            Bytes message = peer.Receive(8);
+            const Bytes body = peer.Receive(message[0]);
+            message.insert(message.end(), body.begin(), body.end());
+            ASSERT_TRUE(message == state || message == frame);
+            states += message == state ? 1 : 0;
+            frames += message == frame ? 1 : 0;
+        }
+        EXPECT_EQ(states, 1);
+        EXPECT_TRUE(runtime.Has("[codec] SetInputFormat 640x480 stride 640 bits 8"));
+        EXPECT_TRUE(runtime.Has("[codec] Encode 460800 bytes"));
+
+        peer.Send({16, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0, 30, 0, 0, 0});
+        while (!runtime.Has("[codec] Encode 1382400 bytes")) {
+            EXPECT_EQ(peer.Receive(20), frame);
+        }
+        peer.Send({4, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0});
+        Bytes message = peer.Receive(8);
+        while (message[4] == 7) {
+            peer.Receive(message[0]);
+            message = peer.Receive(8);
+        }
+        const Bytes body = peer.Receive(8);
+        message.insert(message.end(), body.begin(), body.end());
+        EXPECT_EQ(message, (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0}));
+        Finish(peer);
+    }
+    const std::string scan =
+        "[CameraEnumerator]  id: 0 name: Front bus:  usb-zu-vcam-0 file: /dev/video0 res:  640x480 "
+        "1280x720";
+    const std::string stopped = "[LinuxV4L2CameraCapture] stopCapture, devid 0 finish stop work thread";
+    const auto started = [](const char* size) {
+        return "[LinuxV4L2CameraCapture] startCapture success, devid 0, " + std::string(size) +
+               " format NV12 fps 30 setfps 1";
+    };
+    EXPECT_EQ(Milestones(runtime.lines),
+              (std::vector<std::string>{
+                  "[cameraclient] create",
+                  "[cameraclient] Run start",
+                  scan,
+                  "[cameraclient] OnProtoGetCameraList, count 1",
+                  "[cameraclient] OnProtoOpenCamera id 0 w 640 h 480 fps 30",
+                  scan,
+                  started("width 640 height 480"),
+                  "[CCameraClientLinux] detect encode size change, 0x0 -> 640x480",
+                  "[codec] create IVEncoder",
+                  "[codec] SetProperty zu.codec.property.hardware 1 true",
+                  "[cameraclient] OnProtoSetFormat id 0 w 1280 h 720 fps 30",
+                  stopped,
+                  scan,
+                  started("width 1280 height 720"),
+                  stopped,
+                  scan,
+                  started("width 1280 height 720"),
+                  "[CCameraClientLinux] detect encode size change, 640x480 -> 1280x720",
+                  "[codec] destroy",
+                  "[codec] create IVEncoder",
+                  "[codec] SetProperty zu.codec.property.hardware 1 true",
+                  "[cameraclient] OnProtoCloseCamera id 0",
+                  stopped,
+                  "[codec] destroy",
+                  "[cameraclient] Run return",
+                  "[cameraclient] ExitInstance",
+                  "[cameraclient] start to clear devs",
+                  "[cameraclient] finish to clear devs",
+                  "[cameraclient] start to stop send thread",
+                  "[cameraclient] ExitInstance finish",
+                  "[cameraclient] destroy",
+                  "[cameraclient] finish to clear devs",
+              }));
+    EXPECT_LE(CountThreads(), threads - 1) << "Run's own thread was among them";
+    EXPECT_LE(CountDescriptors(), descriptors - 2) << "the socket pair was among them";
+}
+
+}  // namespace
