@@ -175,7 +175,8 @@ TEST_F(WholeSystem, APeerListsOpensReceivesChangesAndClosesACamera) {
                   "[cameraclient] finish to clear devs",
               }));
     EXPECT_LE(CountThreads(), threads - 1) << "Run's own thread was among them";
-    EXPECT_LE(CountDescriptors(), descriptors - 2) << "the socket pair was among them";
+    // The socket pair is gone; the camera, which lives in this process too, keeps the memory of its buffers.
+    EXPECT_LE(CountDescriptors(), descriptors - 2 + 1);
 }
 
 }  // namespace
