@@ -1,18 +1,15 @@
 // From the host's slots to the driver's calls in one process: the built module, a codec that records what is
 // asked of it, and a virtual camera behind the C library's own calls. Wire, log and codec are looked at
 // together.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "tests/e2e/whole_system.h"
 #include "tests/support/process_state.h"
-#include "tests/support/raw_host.h"
 #include "vcam/preloaded_cameras.h"
 
 namespace {
@@ -38,53 +35,8 @@ std::vector<std::string> Milestones(const Lines& lines) {
     return found;
 }
 
-class WholeSystem : public ::testing::Test {
-protected:
-    void SetUp() override {
-        m_library = dlopen(ZU_MODULE_FILE, RTLD_NOW);
-        ASSERT_NE(m_library, nullptr) << dlerror();
-        module = reinterpret_cast<const Descriptor* (*)()>(dlsym(m_library, "zumod_get_entrypoint"))();
-        runtime.properties["zu.env.modules.dir"] = {{kValueTable, 1}, 4, ZU_TEST_MODULES_DIR "/recording", 0};
-        ASSERT_EQ(module->attach_runtime(&runtime), 1);
-        ASSERT_EQ(module->create(&m_policy, &plugin), 1);
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, m_ends), 0);
-        m_stream.fd = m_ends[0];
-        ASSERT_EQ(Call<int>(plugin, 5, &m_stream), 0);
-        m_run = std::thread([this] {
-            const LeavesSomethingBehind of_the_open_requests;
-            EXPECT_EQ(Call<int>(plugin, 6), 1);
-        });
-    }
-
-    // Ends the session and everything with it.
-    void Finish(const Peer& peer) {
-        peer.Hang();
-        m_run.join();
-        EXPECT_EQ(Call<int>(plugin, 7), 0);
-        EXPECT_EQ(Call<int64_t>(plugin, 3), 0);
-        EXPECT_EQ(m_stream.count, 0);
-        close(m_ends[0]);
-        module->detach_runtime();
-        EXPECT_EQ(dlclose(m_library), 0);
-    }
-
-    int PeerEnd() const { return m_ends[1]; }
-
-    const Descriptor* module = nullptr;
-    void* plugin = nullptr;
-    Runtime runtime{kRuntimeTable, {}, {}, {}};
-
-private:
-    void* m_library = nullptr;
-    Policy m_policy{{kPolicyTable, 1},
-                    {{kValueTable}, 4, "IClientCameraPlugin", 0},
-                    {{kValueTable}, 2, nullptr, 0x0002000000000000}};
-    Stream m_stream{{kStreamTable}, -1};
-    int m_ends[2] = {-1, -1};
-    std::thread m_run;
-};
-
 TEST_F(WholeSystem, APeerListsOpensReceivesChangesAndClosesACamera) {
+    Start(ZU_TEST_MODULES_DIR "/recording");
     const zumod::vcam::PreloadedCameras cameras{"card=Front,formats=NV12,sizes=640x480:1280x720,fps=30"};
     close(open("/dev/video0", O_RDONLY));  // the first call connects this process with its cameras, for good
     const auto threads = CountThreads();
