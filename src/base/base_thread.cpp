@@ -63,7 +63,7 @@ bool CBaseThread::Sleep(int32_t milliseconds) {
     }
     timeval duration{};
     duration.tv_sec = milliseconds / 1000;
-    duration.tv_usec = (milliseconds % 1000) * 1000;
+    duration.tv_usec = long{milliseconds % 1000} * 1000;
     select(0, nullptr, nullptr, nullptr, &duration);
     return true;
 }
