@@ -21,7 +21,8 @@ public:
     }
     IZUModData* GetProperty(const char*) override { return nullptr; }
     int SetInputFormat(const VideoInputFormat*) override { return 0; }
-    bool Encode(IVEncArgs*) override { return m_hardware; }
+    // At once: a kilobyte whose content is of no account.
+    bool Encode(IVEncArgs* args) override { return args->PrepareOutput(1024) == 1024 && m_hardware; }
 
 private:
     bool m_hardware = false;
