@@ -1,9 +1,9 @@
 // Every request of a start, of a running stream and of a stop, refused with every errno of a list: the
 // outcome, what is left behind, and that the next start works.
 #include <algorithm>
-#include <filesystem>
 
 #include "tests/support/capture_fixture.h"
+#include "tests/support/process_state.h"
 
 namespace zumod::testing {
 namespace {
@@ -289,11 +289,6 @@ LogLines From(const LogLines& lines, const std::string& text) {
     return {lines.begin() + static_cast<std::ptrdiff_t>(head.size()), lines.end()};
 }
 
-long ThreadCount() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                         std::filesystem::directory_iterator());
-}
-
 template <class FaultType>
 class FaultTest : public CaptureTest, public ::testing::WithParamInterface<std::tuple<FaultType, Errno>> {
 protected:
@@ -308,7 +303,7 @@ protected:
     void ExpectIdle(int mappings) {
         EXPECT_EQ(devices.OpenDescriptors(), 0);
         EXPECT_EQ(devices.Mappings(), mappings);
-        EXPECT_TRUE(WaitUntil([this] { return ThreadCount() <= threads_before; }));
+        EXPECT_TRUE(WaitUntil([this] { return CountThreads() <= threads_before; }));
     }
     void ExpectNextStartWorks() {
         devices.ForgetScripts();
@@ -321,7 +316,7 @@ protected:
     }
 
     // A thread that was joined may be listed for a moment longer, so this may count the last test's.
-    const long threads_before = ThreadCount();
+    const std::ptrdiff_t threads_before = CountThreads();
     FrameCollector collector;
     LinuxV4L2CameraCapture capture;
 };

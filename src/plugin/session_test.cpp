@@ -20,6 +20,7 @@ using testing::CountDescriptors;
 using testing::CountThreads;
 using testing::LogLine;
 using testing::SocketStream;
+using testing::ThreadsComeTo;
 using testing::operator+;
 
 // The peer's end of a socket pair whose other end is the plugin's stream, with Run on a thread of its own.
@@ -111,7 +112,7 @@ TEST(Session, FromCreationToTheLastReleaseEveryByteAndEveryLineIsAsItShouldBe) {
                                 {1, "[cameraclient] destroy"},
                                 {8, "[cameraclient] finish to clear devs"},
                             }));
-    EXPECT_EQ(CountThreads(), threads);
+    EXPECT_TRUE(ThreadsComeTo(threads));
     EXPECT_EQ(CountDescriptors(), descriptors);
     EXPECT_EQ(CameraScript().alive, 0);
     DetachRuntime();

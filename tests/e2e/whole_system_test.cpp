@@ -17,6 +17,7 @@ namespace {
 using namespace zumod::testing::raw;
 using zumod::testing::CountDescriptors;
 using zumod::testing::CountThreads;
+using zumod::testing::ThreadsComeTo;
 
 // The lines that begin with one of these, in order: the milestones of a session, whatever the camera traces
 // between.
@@ -126,7 +127,7 @@ TEST_F(WholeSystem, APeerListsOpensReceivesChangesAndClosesACamera) {
                   "[cameraclient] destroy",
                   "[cameraclient] finish to clear devs",
               }));
-    EXPECT_LE(CountThreads(), threads - 1) << "Run's own thread was among them";
+    EXPECT_TRUE(ThreadsComeTo(threads - 1)) << "Run's own thread was among them";
     // The socket pair is gone; the camera, which lives in this process too, keeps the memory of its buffers.
     EXPECT_LE(CountDescriptors(), descriptors - 2 + 1);
 }

@@ -1,8 +1,14 @@
 // What this process holds of the system, for tests that nothing is left behind.
 #pragma once
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <iterator>
+#include <string>
+#include <thread>
+
+#include "tests/support/wait_until.h"
 
 namespace zumod::testing {
 
@@ -11,8 +17,26 @@ inline std::ptrdiff_t CountEntries(const char* directory) {
                          std::filesystem::directory_iterator());
 }
 
+// A sanitizer starts a thread of its own beside the first one that a program makes, for good. Made here, it
+// counts from the start.
+inline void StartSanitizersThread() {
+    static const bool started = [] {
+        std::filesystem::path listed;
+        std::thread([&listed] { listed = "/proc/self/task/" + std::to_string(gettid()); }).join();
+        // A thread that was joined is listed for a moment longer.
+        return WaitUntil([&listed] { return !std::filesystem::exists(listed); });
+    }();
+    (void)started;
+}
+
 inline std::ptrdiff_t CountThreads() {
+    StartSanitizersThread();
     return CountEntries("/proc/self/task");
+}
+
+// Whether the process comes down, or up, to this many threads.
+inline bool ThreadsComeTo(std::ptrdiff_t count) {
+    return WaitUntil([count] { return CountThreads() == count; });
 }
 
 inline std::ptrdiff_t CountDescriptors() {
