@@ -1,6 +1,7 @@
 // The whole SDK.
 #pragma once
 
+#include "zumod/camera_channel.h"
 #include "zumod/channel_stream.h"
 #include "zumod/client_camera_plugin.h"
 #include "zumod/codec.h"

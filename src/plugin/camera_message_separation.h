@@ -3,8 +3,8 @@
 #pragma once
 
 #include "base/buffer.h"
-#include "plugin/message_header.h"
 #include "plugin/message_separation.h"
+#include "zumod/camera_channel.h"
 
 namespace zumod {
 

@@ -5,35 +5,8 @@
 #include <cstring>
 #include <string>
 
-#include "plugin/message_header.h"
-
 namespace zumod {
 namespace {
-
-constexpr size_t kNameSize = 516;
-
-struct CameraRecord {
-    uint32_t id;
-    uint8_t in_use;
-    uint8_t zero_1;
-    char name[kNameSize];
-    uint8_t zero_2[4];
-    char display_name[kNameSize];
-    uint8_t zero_3[258];
-    uint8_t resolution_count;
-    uint8_t zero_4[3];
-};
-static_assert(offsetof(CameraRecord, in_use) == 4);
-static_assert(offsetof(CameraRecord, name) == 6);
-static_assert(offsetof(CameraRecord, display_name) == 526);
-static_assert(offsetof(CameraRecord, resolution_count) == 1300);
-static_assert(sizeof(CameraRecord) == 1304);
-
-struct ResolutionPair {
-    uint32_t width;
-    uint32_t height;
-};
-static_assert(sizeof(ResolutionPair) == 8);
 
 constexpr uint64_t kCameraListHeadSize = 12;
 
@@ -49,7 +22,6 @@ uint8_t* PutHeader(uint8_t* out, uint64_t message_size, MessageType type) {
 
 template <class Request>
 std::optional<Request> ReadExactly(const uint8_t* body, uint64_t length) {
-    static_assert(sizeof(Request) == 16);
     if (length != sizeof(Request)) {
         return std::nullopt;
     }
@@ -59,7 +31,7 @@ std::optional<Request> ReadExactly(const uint8_t* body, uint64_t length) {
 }
 
 // A text that fills the field carries no terminating zero.
-void CopyName(char (&field)[kNameSize], const std::string& text) {
+void CopyName(char (&field)[kCameraNameSize], const std::string& text) {
     std::memcpy(field, text.data(), std::min(text.size(), sizeof field));
 }
 

@@ -1,4 +1,4 @@
-// The messages of the camera channel, byte by byte: the one place that knows their layout. Pure functions;
+// Reads the peer's requests and writes the answers, in the layouts of zumod/camera_channel.h. Pure functions;
 // every length from the wire is checked here.
 #pragma once
 
@@ -7,43 +7,9 @@
 #include <vector>
 
 #include "capture/camera_device_info.h"
+#include "zumod/camera_channel.h"
 
 namespace zumod {
-
-inline constexpr uint32_t kProtocolVersion = 5;
-
-enum MessageType : uint8_t {
-    kGetCameraList = 1,    // from the peer
-    kCameraList = 2,       // to the peer
-    kOpenCamera = 3,       // from the peer
-    kCloseCamera = 4,      // from the peer
-    kCameraState = 5,      // to the peer
-    kVideoFrame = 7,       // to the peer
-    kSetProperty = 8,      // from the peer
-    kSetFormat = 9,        // from the peer
-    kVersionRequest = 10,  // from the peer
-    kVersionReply = 11,    // to the peer
-};
-
-enum CameraState : uint32_t {
-    kCameraFailed = 1,
-    kCameraOpen = 2,
-    kCameraClosed = 4,
-};
-
-struct FormatRequest {
-    uint32_t id;
-    int32_t width;
-    int32_t height;
-    int32_t fps;
-};
-
-struct PropertyRequest {
-    uint32_t id;
-    int32_t property;
-    int32_t value;
-    int32_t automatic;
-};
 
 // The body of an open or a set-format request; nothing unless it has exactly 16 bytes.
 std::optional<FormatRequest> ReadFormatRequest(const uint8_t* body, uint64_t length);

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "plugin/message_header.h"
 #include "tests/support/raw_slots.h"
+#include "zumod/camera_channel.h"
 
 namespace zumod {
 namespace {

@@ -1,7 +1,7 @@
 #include "plugin/receive_loop.h"
 
 #include "base/buffer.h"
-#include "plugin/message_header.h"
+#include "zumod/camera_channel.h"
 
 namespace zumod {
 namespace {

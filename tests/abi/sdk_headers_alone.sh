@@ -17,4 +17,4 @@ for header in "$include_dir"/zumod/*.h; do
     }
 done
 printf '%d headers\n' "$count"
-[ "$count" -ge 11 ] && [ "$bad" -eq 0 ]
+[ "$count" -ge 14 ] && [ "$bad" -eq 0 ]

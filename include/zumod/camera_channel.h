@@ -1,0 +1,101 @@
+// What goes over the host's byte stream between the plugin and a peer: the layout of every message, in host
+// byte order, which is little-endian on the target. docs/protocol.md says when each is sent. Records are read
+// and written with memcpy: a message need not be aligned.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zumod {
+
+inline constexpr uint32_t kProtocolVersion = 5;
+
+enum MessageType : uint8_t {
+    kGetCameraList = 1,    // from the peer
+    kCameraList = 2,       // to the peer
+    kOpenCamera = 3,       // from the peer
+    kCloseCamera = 4,      // from the peer
+    kCameraState = 5,      // to the peer
+    kVideoFrame = 7,       // to the peer
+    kSetProperty = 8,      // from the peer
+    kSetFormat = 9,        // from the peer
+    kVersionRequest = 10,  // from the peer
+    kVersionReply = 11,    // to the peer
+};
+
+enum CameraState : uint32_t {
+    kCameraFailed = 1,
+    kCameraOpen = 2,
+    kCameraClosed = 4,
+};
+
+// In front of every message.
+struct _MESSAGE_HEADER {
+    uint32_t length;      // bytes that follow this header
+    uint8_t type;         // MessageType
+    uint8_t reserved[3];  // written as zero, ignored on receipt
+};
+static_assert(sizeof(_MESSAGE_HEADER) == 8);
+static_assert(offsetof(_MESSAGE_HEADER, length) == 0);
+static_assert(offsetof(_MESSAGE_HEADER, type) == 4);
+
+// The body of kOpenCamera and of kSetFormat.
+struct FormatRequest {
+    uint32_t id;
+    int32_t width;   // in pixels
+    int32_t height;  // in pixels
+    int32_t fps;     // frames a second
+};
+static_assert(sizeof(FormatRequest) == 16);
+
+// The body of kSetProperty.
+struct PropertyRequest {
+    uint32_t id;
+    int32_t property;
+    int32_t value;
+    int32_t automatic;
+};
+static_assert(sizeof(PropertyRequest) == 16);
+
+// The body of kCameraState.
+struct StateNotice {
+    uint32_t state;  // CameraState
+    uint32_t id;
+};
+static_assert(sizeof(StateNotice) == 8);
+
+// In front of the encoded bytes in the body of kVideoFrame.
+struct VideoFrameHead {
+    uint32_t id;
+    uint32_t size;  // encoded bytes that follow
+};
+static_assert(sizeof(VideoFrameHead) == 8);
+
+inline constexpr size_t kCameraNameSize = 516;
+
+// In the body of kCameraList, after the 32-bit number of cameras: one of these a camera, each with its sizes.
+struct CameraRecord {
+    uint32_t id;
+    uint8_t in_use;
+    uint8_t zero_1;
+    char name[kCameraNameSize];  // no terminating zero when the field is full
+    uint8_t zero_2[4];
+    char display_name[kCameraNameSize];  // likewise
+    uint8_t zero_3[258];
+    uint8_t resolution_count;  // the number of sizes that follow, its low 8 bits
+    uint8_t zero_4[3];
+};
+static_assert(offsetof(CameraRecord, in_use) == 4);
+static_assert(offsetof(CameraRecord, name) == 6);
+static_assert(offsetof(CameraRecord, display_name) == 526);
+static_assert(offsetof(CameraRecord, resolution_count) == 1300);
+static_assert(sizeof(CameraRecord) == 1304);
+
+// One size of a camera, in pixels, after its CameraRecord.
+struct ResolutionPair {
+    uint32_t width;
+    uint32_t height;
+};
+static_assert(sizeof(ResolutionPair) == 8);
+
+}  // namespace zumod
