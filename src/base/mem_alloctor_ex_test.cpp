@@ -44,7 +44,7 @@ TEST(MemAlloctorEx, ABufferIsOneHeapBlockOfExactlyTheSizeAndOneReference) {
     const PlatformWatch watch;
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(12345);
     EXPECT_EQ(watch.Mallocs(12345), 1);
-    EXPECT_EQ(buffer->GetData(), watch.LastMalloc());
+    EXPECT_EQ(buffer->GetData(), watch.FirstMalloc());
     EXPECT_EQ(buffer->GetCapacity(), 12345U);
     EXPECT_EQ(buffer->AddRef(), 2U);
     EXPECT_EQ(buffer->Release(), 1);
@@ -100,9 +100,9 @@ TEST(MemAlloctorEx, GivesAnEmptyPointerAfterTheSecondFailure) {
 TEST(MemAlloctorEx, AFailureToMakeTheObjectGoesOnToTheCallerAndKeepsTheBlock) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     PlatformWatch watch;
-    watch.FailNew(sizeof(CMemBuffer), 1);
+    watch.FailMalloc(sizeof(CMemBuffer), 1);
     EXPECT_THROW(static_cast<void>(alloctor->Alloc(4321)), std::bad_alloc);
-    void* block = watch.LastMalloc();
+    void* block = watch.FirstMalloc();
     EXPECT_EQ(watch.Mallocs(4321), 1);
     EXPECT_EQ(watch.Frees(block), 0);
     EXPECT_EQ(ReferencesOf(alloctor), 1);

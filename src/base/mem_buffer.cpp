@@ -20,16 +20,10 @@ CMemBuffer::~CMemBuffer() {
     GiveBack();
 }
 
-int64_t CMemBuffer::Release() {
-    bool last = false;
-    const int64_t left = DropReference(last);
-    if (last) {
-        // Ahead of the destructor, which would set the object's tables back first for the sake of these
-        // calls.
-        GiveBack();
-        delete this;
-    }
-    return left;
+void CMemBuffer::End() {
+    // Ahead of the destructor, which would set the object's tables back first for the sake of these calls.
+    GiveBack();
+    delete this;
 }
 
 uint64_t CMemBuffer::SetSize(uint64_t size) {

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <new>
 
 extern "C" {
 // The linker sends each call of f to __wrap_f, and __real_f to f.
@@ -14,7 +13,6 @@ void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* block, size_t size);
 void __real_free(void* block);
-void* __real__Znwm(size_t size);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument);
 int __real_pthread_join(pthread_t thread, void** result);
@@ -25,7 +23,6 @@ void* __wrap_malloc(size_t size);
 void* __wrap_calloc(size_t count, size_t size);
 void* __wrap_realloc(void* block, size_t size);
 void __wrap_free(void* block);
-void* __wrap__Znwm(size_t size);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument);
 int __wrap_pthread_join(pthread_t thread, void** result);
@@ -75,9 +72,8 @@ CallLog frees;
 Failure malloc_failure;
 Failure calloc_failure;
 Failure realloc_failure;
-Failure new_failure;
 Failure thread_failure;
-std::atomic<void*> last_malloc{nullptr};
+std::atomic<void*> first_malloc{nullptr};
 std::atomic<int> threads_created{0};
 std::atomic<int> joins{0};
 std::atomic<int> detaches{0};
@@ -94,7 +90,8 @@ void* __wrap_malloc(size_t size) {
         return nullptr;
     }
     void* block = __real_malloc(size);
-    last_malloc = block;
+    void* none = nullptr;
+    first_malloc.compare_exchange_strong(none, block);
     return block;
 }
 
@@ -120,13 +117,6 @@ void __wrap_free(void* block) {
         frees.Add(reinterpret_cast<uintptr_t>(block));
     }
     __real_free(block);
-}
-
-void* __wrap__Znwm(size_t size) {
-    if (watching && new_failure.Strikes(size)) {
-        throw std::bad_alloc();
-    }
-    return __real__Znwm(size);
 }
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
@@ -159,7 +149,7 @@ PlatformWatch::PlatformWatch() {
     mallocs.Clear();
     callocs.Clear();
     frees.Clear();
-    last_malloc = nullptr;
+    first_malloc = nullptr;
     threads_created = 0;
     joins = 0;
     detaches = 0;
@@ -169,8 +159,7 @@ PlatformWatch::PlatformWatch() {
 
 PlatformWatch::~PlatformWatch() {
     watching = false;
-    for (Failure* each :
-         {&malloc_failure, &calloc_failure, &realloc_failure, &new_failure, &thread_failure}) {
+    for (Failure* each : {&malloc_failure, &calloc_failure, &realloc_failure, &thread_failure}) {
         each->Set(0, 0);
     }
 }
@@ -184,9 +173,6 @@ void PlatformWatch::FailCalloc(size_t size, int times) {
 void PlatformWatch::FailRealloc(size_t size, int times) {
     realloc_failure.Set(size, times);
 }
-void PlatformWatch::FailNew(size_t size, int times) {
-    new_failure.Set(size, times);
-}
 void PlatformWatch::FailThreadCreation(int times) {
     thread_failure.Set(0, times);
 }
@@ -197,8 +183,8 @@ int PlatformWatch::Mallocs(size_t size) const {
 int PlatformWatch::Callocs(size_t size) const {
     return callocs.CountOf(size);
 }
-void* PlatformWatch::LastMalloc() const {
-    return last_malloc;
+void* PlatformWatch::FirstMalloc() const {
+    return first_malloc;
 }
 int PlatformWatch::Frees(const void* block) const {
     return frees.CountOf(reinterpret_cast<uintptr_t>(block));

@@ -21,16 +21,14 @@ public:
     void FailMalloc(size_t size, int times);
     void FailCalloc(size_t size, int times);
     void FailRealloc(size_t size, int times);
-    // The next `times` operator new calls for exactly `size` bytes throw.
-    void FailNew(size_t size, int times);
     // The next `times` threads are not created.
     void FailThreadCreation(int times);
 
     // Requests of exactly `size` bytes, failed ones included.
     int Mallocs(size_t size) const;
     int Callocs(size_t size) const;
-    // The last block that malloc gave out.
-    void* LastMalloc() const;
+    // The first block that malloc gave out.
+    void* FirstMalloc() const;
     // How often this block was given back with free.
     int Frees(const void* block) const;
     int ThreadsCreated() const;
