@@ -1,6 +1,11 @@
-// A codec module that does what each must, and no more: it reads its policies and makes an object.
+// A codec module that does what each must, and no more: it reads its policies, makes an object, and returns a
+// kilobyte at once. Built with ZU_BENCH_STAMPS, the kilobyte begins with what the picture's stamp says.
 #include <cstring>
 
+#ifdef ZU_BENCH_STAMPS
+#include "bench/picture_stamp.h"
+#endif
+#include "bench/stamped_packet.h"
 #include "zumod/zumod.h"
 
 namespace {
@@ -20,12 +25,26 @@ public:
         return true;
     }
     IZUModData* GetProperty(const char*) override { return nullptr; }
-    int SetInputFormat(const VideoInputFormat*) override { return 0; }
-    // At once: a kilobyte whose content is of no account.
-    bool Encode(IVEncArgs* args) override { return args->PrepareOutput(1024) == 1024 && m_hardware; }
+    int SetInputFormat(const VideoInputFormat* format) override {
+        m_format = *format;
+        return 0;
+    }
+    bool Encode(IVEncArgs* args) override {
+        if (args->PrepareOutput(bench::kEncodedSize) != bench::kEncodedSize || !m_hardware) {
+            return false;
+        }
+#ifdef ZU_BENCH_STAMPS
+        const bench::StampedPacket packet =
+            bench::ReadPicture(static_cast<const uint8_t*>(args->GetInputData()),
+                               static_cast<int>(m_format.width), static_cast<int>(m_format.height));
+        std::memcpy(args->GetOutputData(), &packet, sizeof packet);
+#endif
+        return true;
+    }
 
 private:
     bool m_hardware = false;
+    VideoInputFormat m_format{};
 };
 
 int Attach(IZUModRuntime*) {
