@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "vcam/unique_fd.h"
+#include "src/base/unique_fd.h"
 
 namespace zumod::vcam {
 

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "src/base/unique_fd.h"
 #include "vcam/camera.h"
-#include "vcam/unique_fd.h"
 
 namespace zumod::vcam {
 

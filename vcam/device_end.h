@@ -3,7 +3,7 @@
 // closed, and reports error and hang-up when the camera goes. Guarded by its camera's lock.
 #pragma once
 
-#include "vcam/unique_fd.h"
+#include "src/base/unique_fd.h"
 #include "vcam/wire.h"
 
 namespace zumod::vcam {

@@ -21,7 +21,11 @@ enum MessageType : uint8_t {
     kSetFormat = 9,        // from the peer
     kVersionRequest = 10,  // from the peer
     kVersionReply = 11,    // to the peer
+    kHostNotice = 128,     // to the peer, from the host application itself, never from the module
 };
+
+// The most bytes in the body of kHostNotice, which is UTF-8 text without a terminating zero.
+inline constexpr uint32_t kHostNoticeLimit = 256;
 
 enum CameraState : uint32_t {
     kCameraFailed = 1,
