@@ -116,6 +116,10 @@ private:
     }
 
     void Tell(const WatchAction& action) {
+        if (action.event == CameraEvent::kBack) {
+            // The next figures are of the time since.
+            m_meter.Take(Clock::now());
+        }
         if (m_work.options.json) {
             WriteOut(EventJson(m_watch.Camera(), action.event, action.text), m_work.signals);
             return;
