@@ -1,0 +1,40 @@
+// The command line.
+//
+// Thread rule: values and a pure function; any thread.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <optional>
+#include <string>
+
+#include "peer/camera_list.h"
+#include "peer/deadline.h"
+
+namespace zumod::peer {
+
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitWrongOptions = 2;
+
+enum class Command { kList, kSnapshot, kRecord, kStats, kFormat, kClose, kVersion };
+
+struct PeerOptions {
+    Command command{};
+    std::string socket;
+    std::string exec;
+    std::string modules;
+    Clock::duration limit = std::chrono::seconds(10);
+    uint32_t id = 0;
+    std::string path;
+    std::optional<PictureSize> size;
+    int fps = 30;
+    std::optional<Clock::duration> seconds;
+    bool json = false;
+    bool overwrite = false;
+};
+
+// Nothing to go on, otherwise the exit status, after what there is to say was written.
+std::optional<int> ParseOptions(int count, const char* const* words, PeerOptions& options, std::ostream& out,
+                                std::ostream& err);
+
+}  // namespace zumod::peer

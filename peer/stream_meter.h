@@ -1,0 +1,51 @@
+// Counts what arrives of a stream, for a line a second.
+//
+// Thread rule: one thread at a time. No clock of its own.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "peer/deadline.h"
+
+namespace zumod::peer {
+
+struct StreamFigures {
+    double seconds = 0;  // that the figures are of
+    uint64_t frames = 0;
+    uint64_t bytes = 0;
+    uint64_t undecoded = 0;
+    // From the time in a picture to its being decoded; nothing when no picture had a time of this machine's.
+    std::optional<double> median_latency_ms;
+    std::optional<double> greatest_latency_ms;
+    // Pictures that the counter in them says were left out; nothing when no picture had one.
+    std::optional<uint64_t> dropped;
+
+    double FramesPerSecond() const { return seconds > 0 ? static_cast<double>(frames) / seconds : 0; }
+    double BitsPerSecond() const { return seconds > 0 ? 8 * static_cast<double>(bytes) / seconds : 0; }
+};
+
+class StreamMeter {
+public:
+    explicit StreamMeter(Clock::time_point now) : m_since(now) {}
+
+    void AddFrame(size_t bytes);
+    void AddUndecoded() { ++m_figures.undecoded; }
+    // The counter and the time in a picture that was decoded at `decoded`.
+    void AddStamp(uint32_t counter, Clock::time_point shown, Clock::time_point decoded);
+    // The counter begins anew.
+    void NewStream() { m_last_counter.reset(); }
+
+    // The figures since the last call.
+    StreamFigures Take(Clock::time_point now);
+
+private:
+    Clock::time_point m_since;
+    StreamFigures m_figures;
+    std::vector<double> m_latencies_ms;
+    std::optional<uint32_t> m_last_counter;
+};
+
+}  // namespace zumod::peer

@@ -1,0 +1,83 @@
+#include "peer/stream_parser.h"
+
+#include <climits>
+#include <cstring>
+
+#include "peer/peer_error.h"
+
+namespace zumod::peer {
+namespace {
+
+struct FilterDeleter {
+    void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
+};
+using Filter = std::unique_ptr<AVBSFContext, FilterDeleter>;
+
+Filter OpenFilter() {
+    AVBSFContext* filter = nullptr;
+    const AVBitStreamFilter* kind = av_bsf_get_by_name("extract_extradata");
+    if (kind == nullptr || av_bsf_alloc(kind, &filter) < 0) {
+        throw PeerError("libavcodec cannot look for parameter sets");
+    }
+    Filter owner(filter);
+    owner->par_in->codec_type = AVMEDIA_TYPE_VIDEO;
+    owner->par_in->codec_id = AV_CODEC_ID_H264;
+    if (av_bsf_init(owner.get()) < 0) {
+        throw PeerError("libavcodec cannot look for parameter sets");
+    }
+    return owner;
+}
+
+}  // namespace
+
+AvOwner<AVPacket> MakePacket(std::span<const uint8_t> bytes) {
+    AvOwner<AVPacket> packet(av_packet_alloc());
+    if (packet == nullptr || bytes.size() > INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE ||
+        av_new_packet(packet.get(), static_cast<int>(bytes.size())) < 0) {
+        throw PeerError("no memory for a frame of " + std::to_string(bytes.size()) + " bytes");
+    }
+    std::memcpy(packet->data, bytes.data(), bytes.size());
+    return packet;
+}
+
+StreamParser::StreamParser()
+    : m_parser(av_parser_init(AV_CODEC_ID_H264)), m_context(avcodec_alloc_context3(nullptr)) {
+    if (m_parser == nullptr || m_context == nullptr) {
+        av_parser_close(m_parser);
+        throw PeerError("libavcodec cannot parse H.264");
+    }
+    m_context->codec_id = AV_CODEC_ID_H264;
+    Silence(*m_context);
+    m_parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
+}
+
+StreamParser::~StreamParser() {
+    av_parser_close(m_parser);
+}
+
+StreamParser::Picture StreamParser::Parse(const AVPacket& packet) {
+    uint8_t* data = nullptr;
+    int size = 0;
+    av_parser_parse2(m_parser, m_context.get(), &data, &size, packet.data, packet.size, AV_NOPTS_VALUE,
+                     AV_NOPTS_VALUE, 0);
+    Picture picture;
+    picture.key = m_parser->key_frame == 1;
+    if (m_parser->width > 0 && m_parser->height > 0) {
+        picture.size = {static_cast<uint32_t>(m_parser->width), static_cast<uint32_t>(m_parser->height)};
+    }
+    return picture;
+}
+
+std::vector<uint8_t> ParameterSets(const AVPacket& packet) {
+    const Filter filter = OpenFilter();
+    const AvOwner<AVPacket> copy(av_packet_clone(&packet));
+    if (copy == nullptr || av_bsf_send_packet(filter.get(), copy.get()) < 0 ||
+        av_bsf_receive_packet(filter.get(), copy.get()) < 0) {
+        return {};
+    }
+    size_t size = 0;
+    const uint8_t* data = av_packet_get_side_data(copy.get(), AV_PKT_DATA_NEW_EXTRADATA, &size);
+    return data != nullptr ? std::vector<uint8_t>(data, data + size) : std::vector<uint8_t>{};
+}
+
+}  // namespace zumod::peer
