@@ -44,7 +44,7 @@ PictureSize SizeFor(const PeerOptions& options, const CameraEntry& camera);
 
 void ListCameras(const Work& work);
 void TakeSnapshot(const Work& work);
-void RecordCamera(const Work& work);
+void RecordCameras(const Work& work);
 void ShowStats(const Work& work);
 void ChangeFormat(const Work& work);
 void CloseOne(const Work& work);

@@ -138,17 +138,18 @@ void CloseCameraAtEnd(Session& session, uint32_t id) {
     }
 }
 
-std::optional<Frame> NextFrame(Session& session, const CameraEntry& camera, Clock::time_point deadline) {
+std::optional<Frame> NextFrame(Session& session, std::span<const CameraEntry> cameras,
+                               Clock::time_point deadline) {
     while (auto arrived = session.Receive(deadline)) {
-        if (const StateMessage* state = StateOf(*arrived, camera.id)) {
-            if (state->state != kCameraOpen) {
+        auto* frame = std::get_if<FrameMessage>(&arrived->message);
+        for (const CameraEntry& camera : cameras) {
+            const StateMessage* state = StateOf(*arrived, camera.id);
+            if (state != nullptr && state->state != kCameraOpen) {
                 throw PeerError("the host closed " + CameraLabel(camera));
             }
-            continue;
-        }
-        auto* frame = std::get_if<FrameMessage>(&arrived->message);
-        if (frame != nullptr && frame->id == camera.id && !frame->bytes.empty()) {
-            return Frame{std::move(frame->bytes), arrived->at};
+            if (frame != nullptr && frame->id == camera.id && !frame->bytes.empty()) {
+                return Frame{camera.id, std::move(frame->bytes), arrived->at};
+            }
         }
     }
     return std::nullopt;

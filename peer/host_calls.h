@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -39,11 +40,18 @@ CameraState CloseCamera(Session& session, uint32_t id);
 void CloseCameraAtEnd(Session& session, uint32_t id);
 
 struct Frame {
+    uint32_t id;                 // the camera's
     std::vector<uint8_t> bytes;  // never empty
     Clock::time_point at;
 };
 
-// The next frame of that camera; nothing when the time has come. Throws when the host has closed the camera.
-std::optional<Frame> NextFrame(Session& session, const CameraEntry& camera, Clock::time_point deadline);
+// The next frame of one of these cameras; nothing when the time has come. Throws when the host has closed
+// one.
+std::optional<Frame> NextFrame(Session& session, std::span<const CameraEntry> cameras,
+                               Clock::time_point deadline);
+inline std::optional<Frame> NextFrame(Session& session, const CameraEntry& camera,
+                                      Clock::time_point deadline) {
+    return NextFrame(session, std::span(&camera, 1), deadline);
+}
 
 }  // namespace zumod::peer

@@ -32,7 +32,7 @@ void Run(const Work& work) {
         case Command::kSnapshot:
             return TakeSnapshot(work);
         case Command::kRecord:
-            return RecordCamera(work);
+            return RecordCameras(work);
         case Command::kStats:
             return ShowStats(work);
         case Command::kFormat:

@@ -26,13 +26,15 @@ std::string ModuleDirectory(const std::string& given) {
     return program.parent_path().string();
 }
 
-ModuleServices::ModuleServices(const std::string& directory)
-    : m_directory(CZUModData::FromText(directory.c_str())) {
-    AttachRuntime(this);
+ModuleServices& ModuleServices::For(const std::string& directory) {
+    // Never destroyed: modules log until the process is gone.
+    static auto* const services = new ModuleServices;
+    services->m_directory = CZUModData::FromText(directory.c_str());
+    return *services;
 }
 
-ModuleServices::~ModuleServices() {
-    DetachRuntime();
+ModuleServices::ModuleServices() {
+    AttachRuntime(this);
 }
 
 int ModuleServices::WriteLog(uint32_t level, const char* text) {

@@ -1,7 +1,7 @@
 // What this program lends to the codec module that it loads: where modules are, and a place for what they
 // log.
 //
-// Thread rule: one object at a time; WriteLog and GetEnvProperty are [any thread], one call at a time.
+// Thread rule: the main thread, which alone calls the modules.
 #pragma once
 
 #include <string>
@@ -15,11 +15,13 @@ namespace zumod::peer {
 // The directory given, or the one beside the program in the build tree or the install tree.
 std::string ModuleDirectory(const std::string& given);
 
-// Attached to the modules while it exists. Log lines are kept for an error message and not shown.
+// A module that has made a codec stays loaded and attached as long as the process runs, so this one does too.
+// Log lines are kept for an error message and not shown.
 class ModuleServices final : public IZUModRuntime {
 public:
-    explicit ModuleServices(const std::string& directory);
-    ~ModuleServices();
+    // The one of this process; modules are in `directory` from now on.
+    static ModuleServices& For(const std::string& directory);
+
     ModuleServices(const ModuleServices&) = delete;
     ModuleServices& operator=(const ModuleServices&) = delete;
 
@@ -32,6 +34,8 @@ public:
     std::string TakeFailure();
 
 private:
+    ModuleServices();
+
     CRefPtr_T<IZUModData> m_directory;
     std::string m_failure;
 };

@@ -58,8 +58,10 @@ public:
     void Parse(int count, const char* const* words) { m_app.parse(count, words); }
     CLI::App& App() { return m_app; }
 
+    // Throws CLI::ParseError.
     PeerOptions Options() const {
         PeerOptions options = m_options;
+        options.more = FurtherRecordings();
         options.command = m_commands.at(m_app.get_subcommands().front());
         options.limit = Seconds(m_limit);
         options.size = ParseSize(m_size);
@@ -70,6 +72,38 @@ public:
     }
 
 private:
+    std::vector<Recording> FurtherRecordings() const {
+        std::vector<Recording> recordings;
+        for (size_t i = 0; i < m_further.size(); i += 2) {
+            Recording& recording = recordings.emplace_back();
+            if (!CLI::detail::lexical_cast(m_further[i], recording.id)) {
+                throw CLI::ValidationError("ID", "takes a number, not \"" + m_further[i] + "\"");
+            }
+            if (i + 1 == m_further.size()) {
+                throw CLI::ValidationError("FILE", "is missing after ID " + m_further[i]);
+            }
+            recording.path = m_further[i + 1];
+            const std::string complaint = CheckRecording(recording.path);
+            if (!complaint.empty()) {
+                throw CLI::ValidationError("FILE", complaint);
+            }
+            RequireAnother(m_options.id, m_options.path, recording);
+            for (size_t earlier = 0; earlier + 1 < recordings.size(); ++earlier) {
+                RequireAnother(recordings[earlier].id, recordings[earlier].path, recording);
+            }
+        }
+        return recordings;
+    }
+
+    static void RequireAnother(uint32_t id, const std::string& path, const Recording& recording) {
+        if (recording.id == id) {
+            throw CLI::ValidationError("ID", std::to_string(id) + " is given twice");
+        }
+        if (recording.path == path || recording.path == "-" || path == "-") {
+            throw CLI::ValidationError("FILE", "each camera takes a file of its own");
+        }
+    }
+
     void AddConnection() {
         const CLI::Validator not_empty(CheckNotEmpty, "");
         m_app.add_option("--socket", m_options.socket, "The Unix socket of zu-camera-host")
@@ -109,6 +143,8 @@ private:
                          "standard output, as in \"| ffplay -\"")
             ->required()
             ->check(CLI::Validator(CheckRecording, ""));
+        record->add_option("ID FILE", m_further, "Further cameras, recorded at the same time")
+            ->type_name("...");
         AddFormat(record, false);
         AddSeconds(record, "Stop after this time (default: on SIGINT, SIGTERM or SIGHUP)");
         AddOverwrite(record);
@@ -165,6 +201,7 @@ private:
     double m_limit = 10;
     double m_seconds = 0;
     std::string m_size;
+    std::vector<std::string> m_further;
 };
 
 // One line, whatever the library put into its text.
@@ -183,12 +220,12 @@ std::optional<int> ParseOptions(int count, const char* const* words, PeerOptions
     Grammar grammar;
     try {
         grammar.Parse(count, words);
+        options = grammar.Options();
     } catch (const CLI::Success& wanted) {
         return grammar.App().exit(wanted, out, err);
     } catch (const CLI::ParseError& error) {
         return WrongOptions(err, error.what());
     }
-    options = grammar.Options();
     if (options.socket.empty() == options.exec.empty()) {
         return WrongOptions(err, options.socket.empty() ? "give --socket PATH or --exec COMMAND"
                                                         : "--socket and --exec exclude each other");

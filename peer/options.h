@@ -7,6 +7,7 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "peer/camera_list.h"
 #include "peer/deadline.h"
@@ -18,6 +19,12 @@ inline constexpr int kExitWrongOptions = 2;
 
 enum class Command { kList, kSnapshot, kRecord, kStats, kFormat, kClose, kVersion };
 
+// A camera and the file that it goes to.
+struct Recording {
+    uint32_t id = 0;
+    std::string path;
+};
+
 struct PeerOptions {
     Command command{};
     std::string socket;
@@ -26,6 +33,7 @@ struct PeerOptions {
     Clock::duration limit = std::chrono::seconds(10);
     uint32_t id = 0;
     std::string path;
+    std::vector<Recording> more;  // recorded along with the first
     std::optional<PictureSize> size;
     int fps = 30;
     std::optional<Clock::duration> seconds;

@@ -41,7 +41,7 @@ private:
 }  // namespace
 
 PictureDecoder::PictureDecoder(const std::string& module_directory, VideoTargetFormat target)
-    : m_directory(module_directory), m_target(target), m_services(module_directory) {
+    : m_directory(module_directory), m_target(target), m_services(ModuleServices::For(module_directory)) {
     Create();
 }
 

@@ -35,7 +35,7 @@ private:
 
     const std::string m_directory;
     const VideoTargetFormat m_target;
-    ModuleServices m_services;
+    ModuleServices& m_services;
     CRefPtr_T<IVDecoder> m_decoder;
 };
 

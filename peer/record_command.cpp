@@ -5,91 +5,28 @@
 #include <memory>
 
 #include "peer/commands.h"
-#include "peer/output_file.h"
 #include "peer/peer_error.h"
-#include "peer/recorder.h"
-#include "peer/safe_text.h"
-#include "peer/standard_output.h"
+#include "peer/record_track.h"
 
 namespace zumod::peer {
 namespace {
 
 constexpr auto kProgressEvery = std::chrono::milliseconds(500);
 
-// Where the frames go.
-class FrameSink {
-public:
-    virtual ~FrameSink() = default;
-    // False for a frame that is left out because it is no place to begin.
-    virtual bool Add(const Frame& frame) = 0;
-    // To be called once a frame was added, also after a failure.
-    virtual void Keep() = 0;
-    virtual std::string Name() const = 0;
-};
-
-class FileSink final : public FrameSink {
-public:
-    explicit FileSink(const PeerOptions& options)
-        : m_file(options.path, options.overwrite),
-          m_recorder(m_file.TemporaryPath(), RecordingFormat(options.path), options.fps),
-          m_name(SafeText(options.path)) {}
-
-    bool Add(const Frame& frame) override { return m_recorder.Add(frame.bytes, frame.at); }
-    void Keep() override {
-        try {
-            m_recorder.Finish();
-        } catch (const PeerError&) {
-            // What was written is better than nothing.
-            m_file.Commit();
-            throw;
-        }
-        m_file.Commit();
-    }
-    std::string Name() const override { return m_name; }
-
-private:
-    OutputFile m_file;
-    Recorder m_recorder;
-    const std::string m_name;
-};
-
-class OutputSink final : public FrameSink {
-public:
-    explicit OutputSink(const StopSignals& signals) : m_signals(signals) {}
-
-    bool Add(const Frame& frame) override {
-        if (!m_begun) {
-            const AvOwner<AVPacket> packet = MakePacket(frame.bytes);
-            m_begun = m_parser.Parse(*packet).key && !ParameterSets(*packet).empty();
-        }
-        if (m_begun) {
-            WriteOut(frame.bytes, m_signals);
-        }
-        return m_begun;
-    }
-    void Keep() override {}
-    std::string Name() const override { return "standard output"; }
-
-private:
-    const StopSignals& m_signals;
-    StreamParser m_parser;
-    bool m_begun = false;
-};
-
 // One line that is written again and again, on a terminal alone.
 class Progress {
 public:
     ~Progress() { Clear(); }
-    void Show(const std::string& name, uint64_t frames, uint64_t bytes, Clock::duration length) {
+    // `Text` makes the line, when it is time for one.
+    template <class Text>
+    void Show(Text text) {
         const auto now = Clock::now();
         if (!m_shows || now < m_next) {
             return;
         }
         m_next = now + kProgressEvery;
         m_shown = true;
-        std::fprintf(stderr, "\r\033[K%s: %s, %llu frames, %.1f MB", name.c_str(),
-                     SecondsText(length).c_str(), static_cast<unsigned long long>(frames),
-                     static_cast<double>(bytes) / 1e6);
+        std::fprintf(stderr, "\r\033[K%s", text().c_str());
     }
     void Clear() {
         if (m_shown) {
@@ -104,76 +41,131 @@ private:
     Clock::time_point m_next;
 };
 
-class Recording {
+// The sinks come first: what cannot be written is told before a camera is opened.
+class Recorders {
 public:
-    Recording(const Work& work, FrameSink& sink) : m_work(work), m_sink(sink) {}
+    explicit Recorders(const Work& work) : m_work(work), m_targets(work.options.more) {
+        m_targets.insert(m_targets.begin(), {work.options.id, work.options.path});
+        for (const Recording& target : m_targets) {
+            m_sinks.push_back(MakeFrameSink(target.path, work.options, work.signals));
+        }
+    }
 
     void Run() {
         Session session = m_work.Connect();
-        const CameraEntry camera = AskCamera(session, m_work.options.id);
-        const CameraHold hold(session, camera, SizeFor(m_work.options, camera), m_work.options.fps);
-        auto no_frame_until = Clock::now() + session.Limit();
-        while (Clock::now() < m_end) {
-            const auto frame = NextFrame(session, camera, std::min(no_frame_until, m_end));
-            if (frame && frame->at < m_end && m_sink.Add(*frame)) {
-                Count(*frame);
-                no_frame_until = frame->at + session.Limit();
-            } else if (Clock::now() >= no_frame_until) {
-                throw PeerError(CameraLabel(camera) + " sent " + (frame ? "no key frame" : "no frame") +
-                                " within " + SecondsText(session.Limit()));
+        const std::vector<CameraEntry> listed = AskCameras(session);
+        std::vector<CameraEntry> cameras;
+        for (size_t i = 0; i < m_targets.size(); ++i) {
+            cameras.push_back(FindCamera(listed, m_targets[i].id));
+            m_tracks.push_back(std::make_unique<RecordTrack>(cameras.back(), std::move(m_sinks[i]),
+                                                             session.Limit(), m_work.options.seconds));
+        }
+        std::vector<std::unique_ptr<CameraHold>> holds;
+        for (const auto& track : m_tracks) {
+            holds.push_back(std::make_unique<CameraHold>(
+                session, track->Camera(), SizeFor(m_work.options, track->Camera()), m_work.options.fps));
+        }
+        for (const auto& track : m_tracks) {
+            track->Begin();
+        }
+        while (const auto due = NextDue()) {
+            if (const auto frame = NextFrame(session, cameras, *due)) {
+                TrackOf(frame->id).Take(*frame);
+                m_progress.Show([this] { return ProgressText(); });
             }
         }
     }
 
-    uint64_t Frames() const { return m_frames; }
+    uint64_t Frames() const {
+        uint64_t frames = 0;
+        for (const auto& track : m_tracks) {
+            frames += track->Frames();
+        }
+        return frames;
+    }
 
-private:
-    void Count(const Frame& frame) {
-        if (m_frames == 0) {
-            m_first = frame.at;
-            if (m_work.options.seconds) {
-                m_end = m_first + *m_work.options.seconds;
+    // Of all tracks with a frame.
+    void Keep() {
+        for (const auto& track : m_tracks) {
+            if (track->Frames() > 0) {
+                track->Keep();
             }
         }
-        ++m_frames;
-        m_bytes += frame.bytes.size();
-        m_progress.Show(m_sink.Name(), m_frames, m_bytes, frame.at - m_first);
+    }
+
+    // "the 5 frames before that are in FILE", and so on for each file.
+    std::string WhatIsKept() const {
+        std::string text;
+        for (const auto& track : m_tracks) {
+            if (track->Frames() > 0) {
+                text += (text.empty() ? "the " : ", the ") + std::to_string(track->Frames()) +
+                        " frames before that are in " + track->Name();
+            }
+        }
+        return text;
+    }
+
+    void PrintSummary() {
+        m_progress.Clear();
+        if (m_work.options.path == "-") {
+            return;
+        }
+        for (const auto& track : m_tracks) {
+            std::printf("%s\n", track->Summary().c_str());
+        }
+    }
+
+private:
+    // The earliest among the tracks that are not over; nothing when all are.
+    std::optional<Clock::time_point> NextDue() const {
+        std::optional<Clock::time_point> due;
+        for (const auto& track : m_tracks) {
+            if (!track->IsOver()) {
+                due = due ? std::min(*due, track->Due()) : track->Due();
+            }
+        }
+        return due;
+    }
+
+    RecordTrack& TrackOf(uint32_t id) {
+        return **std::find_if(m_tracks.begin(), m_tracks.end(),
+                              [id](const auto& track) { return track->Camera().id == id; });
+    }
+
+    std::string ProgressText() const {
+        std::string text;
+        for (const auto& track : m_tracks) {
+            text += (text.empty() ? "" : "; ") + track->Progress();
+        }
+        return text;
     }
 
     const Work& m_work;
-    FrameSink& m_sink;
+    std::vector<Recording> m_targets;
+    std::vector<std::unique_ptr<FrameSink>> m_sinks;  // until they belong to a track
+    std::vector<std::unique_ptr<RecordTrack>> m_tracks;
     Progress m_progress;
-    uint64_t m_frames = 0;
-    uint64_t m_bytes = 0;
-    Clock::time_point m_first;
-    Clock::time_point m_end = Clock::time_point::max();
 };
 
 }  // namespace
 
-void RecordCamera(const Work& work) {
-    std::unique_ptr<FrameSink> sink;
-    if (work.options.path == "-") {
-        sink = std::make_unique<OutputSink>(work.signals);
-    } else {
-        sink = std::make_unique<FileSink>(work.options);
-    }
-    Recording recording(work, *sink);
+void RecordCameras(const Work& work) {
+    Recorders recorders(work);
     try {
-        recording.Run();
+        recorders.Run();
     } catch (const Interrupted&) {
-        if (recording.Frames() == 0) {
+        if (recorders.Frames() == 0) {
             throw;
         }
     } catch (const PeerError& error) {
-        if (recording.Frames() == 0) {
+        if (recorders.Frames() == 0) {
             throw;
         }
-        sink->Keep();
-        throw PeerError(std::string(error.what()) + "; the " + std::to_string(recording.Frames()) +
-                        " frames before that are in " + sink->Name());
+        recorders.Keep();
+        throw PeerError(std::string(error.what()) + "; " + recorders.WhatIsKept());
     }
-    sink->Keep();
+    recorders.Keep();
+    recorders.PrintSummary();
 }
 
 }  // namespace zumod::peer

@@ -1,0 +1,150 @@
+#include "peer/message_reader.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/host_messages.h"
+
+namespace zumod::peer {
+namespace {
+
+using testing::operator+;
+using testing::Bytes;
+using testing::CameraBytes;
+using testing::FrameBytes;
+using testing::HostMessage;
+using testing::ListBytes;
+using testing::StateBytes;
+
+// What a reader makes of bytes that come in two pieces.
+struct Read {
+    bool good = true;
+    std::vector<Message> messages;
+    std::string error;
+};
+
+Read ReadSplit(const Bytes& bytes, size_t first) {
+    MessageReader reader;
+    Read read;
+    const std::span<const uint8_t> all(bytes);
+    read.good =
+        reader.Feed(all.first(first), read.messages) && reader.Feed(all.subspan(first), read.messages);
+    read.error = reader.Error();
+    return read;
+}
+
+Read ReadAll(const Bytes& bytes) {
+    return ReadSplit(bytes, 0);
+}
+
+const Bytes kConversation = testing::kVersionReplyBytes + ListBytes({CameraBytes(0, "Cam", {{640, 480}})}) +
+                            StateBytes(2, 7) + HostMessage(99, {1, 2, 3}) + FrameBytes(7, {9, 8, 7}) +
+                            FrameBytes(7, {}) + testing::NoticeBytes("busy") + StateBytes(4, 7);
+
+const std::vector<Message> kInIt = {VersionMessage{5},
+                                    CameraListMessage{{{0, false, "Cam", "Cam", {{640, 480}}}}},
+                                    StateMessage{kCameraOpen, 7},
+                                    FrameMessage{7, {9, 8, 7}},
+                                    FrameMessage{7, {}},
+                                    NoticeMessage{"busy"},
+                                    StateMessage{kCameraClosed, 7}};
+
+TEST(MessageReader, ReadsAConversationWhereverItIsSplit) {
+    for (size_t first = 0; first <= kConversation.size(); ++first) {
+        const Read read = ReadSplit(kConversation, first);
+        ASSERT_TRUE(read.good) << "at " << first << ": " << read.error;
+        ASSERT_EQ(read.messages, kInIt) << "at " << first;
+    }
+}
+
+TEST(MessageReader, ReadsAConversationByteByByte) {
+    MessageReader reader;
+    std::vector<Message> messages;
+    for (const uint8_t byte : kConversation) {
+        ASSERT_TRUE(reader.Feed({&byte, 1}, messages)) << reader.Error();
+    }
+    EXPECT_EQ(messages, kInIt);
+    EXPECT_FALSE(reader.InMessage());
+}
+
+TEST(MessageReader, KnowsWhetherAMessageHasBegun) {
+    MessageReader reader;
+    std::vector<Message> messages;
+    EXPECT_FALSE(reader.InMessage());
+    reader.Feed(std::span(kConversation).first(1), messages);
+    EXPECT_TRUE(reader.InMessage());
+    reader.Feed(std::span(kConversation).subspan(1, 10), messages);
+    EXPECT_TRUE(reader.InMessage());
+    reader.Feed(std::span(kConversation).subspan(11, 1), messages);
+    EXPECT_FALSE(reader.InMessage());
+}
+
+TEST(MessageReader, IgnoresTheReservedBytesOfAHeader) {
+    const Read read = ReadAll({4, 0, 0, 0, 11, 1, 2, 3, 5, 0, 0, 0});
+    EXPECT_TRUE(read.good);
+    EXPECT_EQ(read.messages, std::vector<Message>{VersionMessage{5}});
+}
+
+TEST(MessageReader, PassesOverRequestsAndEmptyMessagesOfUnknownTypes) {
+    const Read read = ReadAll(HostMessage(1, {}) + HostMessage(0, {}) + HostMessage(255, Bytes(70000, 7)) +
+                              testing::kVersionReplyBytes);
+    EXPECT_TRUE(read.good);
+    EXPECT_EQ(read.messages, std::vector<Message>{VersionMessage{5}});
+}
+
+TEST(MessageReader, TakesTheLongestNotice) {
+    const std::string longest(256, 'x');
+    EXPECT_EQ(ReadAll(testing::NoticeBytes(longest)).messages, std::vector<Message>{NoticeMessage{longest}});
+}
+
+struct Malformed {
+    const char* name;
+    Bytes bytes;
+    const char* error;
+};
+
+class MessageReaderRefuses : public ::testing::TestWithParam<Malformed> {};
+
+TEST_P(MessageReaderRefuses, AndReadsNothingAfterIt) {
+    const Bytes bytes = testing::kVersionReplyBytes + GetParam().bytes;
+    for (size_t first = 0; first <= bytes.size(); ++first) {
+        MessageReader reader;
+        std::vector<Message> messages;
+        reader.Feed(std::span(bytes).first(first), messages);
+        reader.Feed(std::span(bytes).subspan(first), messages);
+        ASSERT_EQ(reader.Error(), GetParam().error) << "split at " << first;
+        ASSERT_EQ(messages, std::vector<Message>{VersionMessage{5}});
+        EXPECT_FALSE(reader.Feed(testing::kVersionReplyBytes, messages));
+        ASSERT_EQ(messages.size(), 1U);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Malformed, MessageReaderRefuses,
+    ::testing::Values(
+        Malformed{"ShortVersion", {3, 0, 0, 0, 11, 0, 0, 0, 5, 0, 0}, "a version message of 3 bytes"},
+        Malformed{"LongVersion", {5, 0, 0, 0, 11, 0, 0, 0, 5, 0, 0, 0, 0}, "a version message of 5 bytes"},
+        Malformed{"ShortState", {4, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0}, "a camera state message of 4 bytes"},
+        Malformed{"LongState", {9, 0, 0, 0, 5, 0, 0, 0}, "a camera state message of 9 bytes"},
+        Malformed{"UnknownState", StateBytes(3, 0), "the unknown camera state 3"},
+        Malformed{"StateZero", StateBytes(0, 0), "the unknown camera state 0"},
+        Malformed{"ShortFrame", {7, 0, 0, 0, 7, 0, 0, 0}, "a video frame message of 7 bytes"},
+        Malformed{"FrameThatSaysLess",
+                  {11, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 1, 2, 3},
+                  "a video frame of 2 bytes in a message with 3"},
+        Malformed{"FrameThatSaysMore",
+                  {8, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0},
+                  "a video frame of 1 bytes in a message with 0"},
+        Malformed{"FrameTooLarge", {9, 0, 0, 4, 7, 0, 0, 0}, "a video frame message of 67108873 bytes"},
+        Malformed{
+            "GreatestLength", {255, 255, 255, 255, 7, 0, 0, 0}, "a video frame message of 4294967295 bytes"},
+        Malformed{"EmptyList", {0, 0, 0, 0, 2, 0, 0, 0}, "a camera list message of 0 bytes"},
+        Malformed{"ListTooLong", {0, 0, 0, 1, 2, 0, 0, 0}, "a camera list message of 16777216 bytes"},
+        Malformed{"ListWithoutItsCamera",
+                  {4, 0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0},
+                  "a camera list whose records and sizes do not fill its 4 bytes"},
+        Malformed{"LongNotice", {1, 1, 0, 0, 128, 0, 0, 0}, "a notice message of 257 bytes"},
+        Malformed{"UnknownTooLong", {9, 0, 0, 4, 77, 0, 0, 0}, "a message of type 77 and 67108873 bytes"}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+}  // namespace
+}  // namespace zumod::peer

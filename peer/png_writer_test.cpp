@@ -1,0 +1,98 @@
+#include "peer/png_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "codec/av_objects.h"
+#include "peer/peer_error.h"
+#include "peer/picture_decoder.h"
+#include "tests/support/encoded_stream.h"
+
+namespace zumod::peer {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// The pixels of a PNG file: red, green, blue.
+Bytes PixelsOf(const Bytes& png, int& width, int& height) {
+    const AvOwner<AVCodecContext> decoder(avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_PNG)));
+    EXPECT_EQ(avcodec_open2(decoder.get(), nullptr, nullptr), 0);
+    const AvOwner<AVPacket> packet(av_packet_alloc());
+    av_new_packet(packet.get(), static_cast<int>(png.size()));
+    std::memcpy(packet->data, png.data(), png.size());
+    const AvOwner<AVFrame> frame(av_frame_alloc());
+    EXPECT_EQ(avcodec_send_packet(decoder.get(), packet.get()), 0);
+    EXPECT_EQ(avcodec_receive_frame(decoder.get(), frame.get()), 0);
+    EXPECT_EQ(frame->format, AV_PIX_FMT_RGB24);
+    width = frame->width;
+    height = frame->height;
+    Bytes pixels;
+    for (int y = 0; y < height; ++y) {
+        const uint8_t* row = frame->data[0] + y * frame->linesize[0];
+        pixels.insert(pixels.end(), row, row + 3 * width);
+    }
+    return pixels;
+}
+
+TEST(PngWriter, KeepsEveryPixelAndItsColours) {
+    // 3x2 pixels of blue, green, red and a byte that means nothing; each row has 4 bytes to spare.
+    const uint8_t bytes[] = {255, 0, 0, 9, 0, 255, 0, 9, 0, 0, 255, 9, 7, 7, 7, 7,  //
+                             1,   2, 3, 9, 4, 5,   6, 9, 7, 8, 9,   9, 7, 7, 7, 7};
+    const VideoDecodedPicture picture{3, 2, 0, 1, {bytes}, {16}, 1};
+    const Bytes png = EncodePng(picture);
+    const Bytes signature = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+    EXPECT_EQ(Bytes(png.begin(), png.begin() + 8), signature);
+    int width = 0;
+    int height = 0;
+    EXPECT_EQ(PixelsOf(png, width, height),
+              (Bytes{0, 0, 255, 0, 255, 0, 255, 0, 0, 3, 2, 1, 6, 5, 4, 9, 8, 7}));
+    EXPECT_EQ(width, 3);
+    EXPECT_EQ(height, 2);
+}
+
+TEST(PngWriter, SaysWhenAPictureCannotBeWritten) {
+    const VideoDecodedPicture picture{0, 2, 0, 1, {nullptr}, {16}, 1};
+    EXPECT_THROW(EncodePng(picture), PeerError);
+}
+
+TEST(PictureDecoder, DecodesWhatACameraSends) {
+    testing::EncodedStream stream(320, 240);
+    PictureDecoder decoder(ZU_MODULE_DIR, kVideoTargetBgr32);
+    int pictures = 0;
+    EXPECT_TRUE(decoder.Decode(stream.Next(0, 0), [&](const VideoDecodedPicture& picture) {
+        ++pictures;
+        EXPECT_EQ(picture.width, 320);
+        EXPECT_EQ(picture.height, 240);
+        EXPECT_FALSE(EncodePng(picture).empty());
+    }));
+    EXPECT_EQ(pictures, 1);
+}
+
+TEST(PictureDecoder, WaitsForAKeyFrameAlsoAfterARestart) {
+    testing::EncodedStream stream(320, 240);
+    const Bytes key = stream.Next(0, 0);
+    const Bytes second = stream.Next(1, 0);
+    const auto nothing = [](const VideoDecodedPicture&) {};
+    PictureDecoder decoder(ZU_MODULE_DIR, kVideoTargetI420);
+    EXPECT_FALSE(decoder.Decode(second, nothing));
+    EXPECT_FALSE(decoder.Decode(Bytes(500, 0x55), nothing));
+    EXPECT_TRUE(decoder.Decode(key, nothing));
+    EXPECT_TRUE(decoder.Decode(second, nothing));
+    decoder.Restart();
+    EXPECT_FALSE(decoder.Decode(second, nothing));
+}
+
+TEST(PictureDecoder, SaysWhereItLookedForTheModule) {
+    try {
+        const PictureDecoder decoder("/nonexistent", kVideoTargetI420);
+        ADD_FAILURE() << "found a decoder";
+    } catch (const PeerError& error) {
+        EXPECT_STREQ(error.what(),
+                     "no decoder from zu-codec.so in /nonexistent (see --modules): "
+                     "[zumod] module file is not exist");
+    }
+}
+
+}  // namespace
+}  // namespace zumod::peer

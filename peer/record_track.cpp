@@ -1,0 +1,58 @@
+#include "peer/record_track.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "peer/peer_error.h"
+
+namespace zumod::peer {
+
+void RecordTrack::Take(const Frame& frame) {
+    m_refused = frame.at >= m_end || !m_sink->Add(frame);
+    if (m_refused) {
+        return;
+    }
+    if (m_frames == 0) {
+        m_first = frame.at;
+        m_end = m_seconds ? m_first + *m_seconds : m_end;
+    }
+    ++m_frames;
+    m_bytes += frame.bytes.size();
+    m_last = frame.at;
+    m_no_frame_until = frame.at + m_limit;
+}
+
+bool RecordTrack::IsOver() const {
+    const auto now = Clock::now();
+    if (now < m_end && now >= m_no_frame_until) {
+        throw PeerError(CameraLabel(m_camera) + " sent " + (m_refused ? "no key frame" : "no frame") +
+                        " within " + SecondsText(m_limit));
+    }
+    return now >= m_end;
+}
+
+std::string RecordTrack::Progress() const {
+    char text[96];
+    std::snprintf(text, sizeof text, ": %s, %llu frames, %.1f MB", SecondsText(m_last - m_first).c_str(),
+                  static_cast<unsigned long long>(m_frames), static_cast<double>(m_bytes) / 1e6);
+    return Name() + text;
+}
+
+std::string RecordTrack::Summary() const {
+    const double span = std::chrono::duration<double>(m_last - m_first).count();
+    const double count = static_cast<double>(m_frames);
+    // The last frame stands as long as the others did.
+    const double length = m_frames > 1 ? span * count / (count - 1) : 0;
+    char text[128];
+    std::snprintf(text, sizeof text, ": %.1f s, %llu frame%s", length,
+                  static_cast<unsigned long long>(m_frames), m_frames == 1 ? "" : "s");
+    std::string summary = Name() + text;
+    if (length > 0) {
+        std::snprintf(text, sizeof text, ", %.1f frames a second, %.2f Mbit/s", count / length,
+                      static_cast<double>(m_bytes) * 8 / length / 1e6);
+        summary += text;
+    }
+    return summary;
+}
+
+}  // namespace zumod::peer

@@ -1,0 +1,50 @@
+#include "peer/safe_text.h"
+
+#include <gtest/gtest.h>
+
+namespace zumod::peer {
+namespace {
+
+TEST(SafeText, LeavesWhatCanBeShown) {
+    EXPECT_EQ(SafeText(""), "");
+    EXPECT_EQ(SafeText("Front Camera (USB) 2.0"), "Front Camera (USB) 2.0");
+    EXPECT_EQ(SafeText("Kamera \xc3\xbc \xe2\x82\xac \xf0\x9f\x93\xb7"),
+              "Kamera \xc3\xbc \xe2\x82\xac \xf0\x9f\x93\xb7");
+}
+
+TEST(SafeText, EscapesControlCharactersOfOneAndOfTwoBytes) {
+    EXPECT_EQ(SafeText("a\x1b[2Jb\r\n\t\x7f"), "a\\x1b[2Jb\\x0d\\x0a\\x09\\x7f");
+    EXPECT_EQ(SafeText(std::string("a\0b", 3)), "a\\x00b");
+    EXPECT_EQ(SafeText("\xc2\x9b"
+                       "2J"),
+              "\\u009b2J");
+}
+
+TEST(SafeText, EscapesItsOwnEscapeCharacter) {
+    EXPECT_EQ(SafeText("\\x1b"), "\\x5cx1b");
+}
+
+TEST(SafeText, EscapesMarksThatTurnTheDirectionOrEndALine) {
+    EXPECT_EQ(SafeText("\xe2\x80\xae"
+                       "a"),
+              "\\u202ea");
+    EXPECT_EQ(SafeText("\xe2\x81\xa6\xe2\x80\xa8\xef\xbb\xbf"), "\\u2066\\u2028\\ufeff");
+}
+
+TEST(SafeText, EscapesEveryByteThatIsNoUtf8) {
+    EXPECT_EQ(SafeText("\xff"), "\\xff");
+    EXPECT_EQ(SafeText("a\xc3"), "a\\xc3");
+    EXPECT_EQ(SafeText("\xc0\x80"), "\\xc0\\x80");
+    EXPECT_EQ(SafeText("\xe0\x80\xaf"), "\\xe0\\x80\\xaf");
+    EXPECT_EQ(SafeText("\xed\xa0\x80"), "\\xed\\xa0\\x80");
+    EXPECT_EQ(SafeText("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");
+    EXPECT_EQ(SafeText("\xe2\x82z"), "\\xe2\\x82z");
+}
+
+TEST(SafeText, CountsCharactersAndNotBytes) {
+    EXPECT_EQ(CharacterCount(""), 0U);
+    EXPECT_EQ(CharacterCount("a\xc3\xbc\xe2\x82\xac"), 3U);
+}
+
+}  // namespace
+}  // namespace zumod::peer

@@ -1,0 +1,147 @@
+// zu-camera-peer and what a host may answer: what is right, what is wrong, and nothing.
+#include <csignal>
+
+#include "tests/e2e/peer_process.h"
+
+namespace zumod::testing {
+namespace {
+
+class PeerAnswers : public PeerProcess {};
+
+TEST_F(PeerAnswers, PrintsTheList) {
+    Start({"list"});
+    GiveList(ListBytes({CameraBytes(0, "Front", {{640, 480}, {1280, 720}}), CameraBytes(1, "De\x1bsk", {})}));
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed(),
+              "ID  NAME      SIZES\n"
+              "0   Front     640x480 1280x720\n"
+              "1   De\\x1bsk  -\n");
+}
+
+TEST_F(PeerAnswers, PrintsTheListAsJson) {
+    Start({"list", "--json"});
+    GiveList(ListBytes({CameraBytes(0, "Front", {{640, 480}})}));
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed(),
+              "[{\"id\":0,\"name\":\"Front\",\"display_name\":\"Front\",\"in_use\":false,"
+              "\"sizes\":[{\"width\":640,\"height\":480}]}]\n");
+}
+
+TEST_F(PeerAnswers, CountsTheSizesBeyondTheCountOfOneByte) {
+    Start({"list"});
+    GiveList(ListBytes({CameraBytes(0, "Many", Sizes(300, {16, 8}))}));
+    ExpectEnd(0, "");
+    const std::string printed = Printed();
+    size_t sizes = 0;
+    for (size_t at = 0; (at = printed.find("16x8", at)) != std::string::npos; ++at) {
+        ++sizes;
+    }
+    EXPECT_EQ(sizes, 300U);
+}
+
+TEST_F(PeerAnswers, PrintsTheVersion) {
+    Start({"version"});
+    host.Expect(kVersionRequestBytes);
+    host.Send(kVersionReplyBytes);
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed(), "5\n");
+}
+
+TEST_F(PeerAnswers, PrintsTheStateThatFollowsAClose) {
+    Start({"close", "7"});
+    host.Expect(CloseBytes(7));
+    host.Send(StateBytes(4, 3) + StateBytes(4, 7));
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed(), "camera 7: closed\n");
+}
+
+TEST_F(PeerAnswers, PassesOverWhatItDoesNotKnowAndFramesThatItDidNotAskFor) {
+    Start({"version"});
+    host.Expect(kVersionRequestBytes);
+    host.Send(HostMessage(200, Bytes(100000, 1)) + FrameBytes(9, {1, 2, 3}) + kVersionReplyBytes);
+    ExpectEnd(0, "");
+}
+
+TEST_F(PeerAnswers, PrintsAHostsNoticeAsAnError) {
+    Start({"list"});
+    host.Send(NoticeBytes("busy: \x1b[2Janother peer\n"));
+    host.Close();
+    ExpectEnd(1, "zu-camera-peer: the host says: busy: \\x1b[2Janother peer\\x0a\n");
+    EXPECT_EQ(Printed(), "");
+}
+
+TEST_F(PeerAnswers, SaysThatTheHostClosedWithoutAnAnswer) {
+    Start({"list"});
+    host.Expect(kGetListBytes);
+    host.Close();
+    ExpectEnd(1, "zu-camera-peer: the host closed the connection\n");
+}
+
+TEST_F(PeerAnswers, SaysThatTheHostClosedInTheMiddleOfAnAnswer) {
+    Start({"list"});
+    host.Expect(kGetListBytes);
+    host.Send({4, 0, 0, 0, 2, 0, 0, 0, 0});
+    host.Close();
+    ExpectEnd(1, "zu-camera-peer: the host closed the connection in the middle of a message\n");
+}
+
+TEST_F(PeerAnswers, SaysThatTheHostDoesNotAnswer) {
+    Start({"list", "--timeout", "0.2"});
+    host.Expect(kGetListBytes);
+    ExpectEnd(1, "zu-camera-peer: the host did not answer within 0.2 s: camera list request\n");
+}
+
+TEST_F(PeerAnswers, WaitsNoLongerForAHostThatSendsWithoutEndButNoAnswer) {
+    Start({"list", "--timeout", "0.2"});
+    host.Expect(kGetListBytes);
+    while (host.Send(kVersionReplyBytes)) {
+    }
+    ExpectEnd(1, "zu-camera-peer: the host did not answer within 0.2 s: camera list request\n");
+}
+
+TEST_F(PeerAnswers, EndsOnASignalWhileItWaits) {
+    Start({"list", "--timeout", "1000"});
+    host.Expect(kGetListBytes);
+    peer->Signal(SIGTERM);
+    ExpectEnd(1, "zu-camera-peer: interrupted\n");
+}
+
+struct BadAnswer {
+    const char* name;
+    Bytes bytes;
+    const char* error;
+};
+
+class PeerRefuses : public PeerProcess, public ::testing::WithParamInterface<BadAnswer> {};
+
+TEST_P(PeerRefuses, AnAnswerThatIsNone) {
+    Start({"list"});
+    host.Expect(kGetListBytes);
+    host.Send(GetParam().bytes);
+    ExpectEnd(1, std::string("zu-camera-peer: the host sent ") + GetParam().error + "\n");
+    EXPECT_EQ(Printed(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Malformed, PeerRefuses,
+    ::testing::Values(
+        BadAnswer{"ListTooShort", HostMessage(2, {1}), "a camera list message of 1 bytes"},
+        BadAnswer{"ListWithoutCameras", HostMessage(2, {3, 0, 0, 0}),
+                  "a camera list whose records and sizes do not fill its 4 bytes"},
+        BadAnswer{"ListOfTooMany", HostMessage(2, {0, 1, 0, 0}), "a camera list of 256 cameras"},
+        BadAnswer{"LengthOfEverything",
+                  {255, 255, 255, 255, 2, 0, 0, 0},
+                  "a camera list message of 4294967295 bytes"},
+        BadAnswer{"ShortState", HostMessage(5, {2, 0, 0, 0}), "a camera state message of 4 bytes"},
+        BadAnswer{"UnknownState", StateBytes(8, 0), "the unknown camera state 8"},
+        BadAnswer{"ShortFrame", HostMessage(7, {0, 0, 0, 0}), "a video frame message of 4 bytes"},
+        BadAnswer{"FrameOfAnotherSize", HostMessage(7, {0, 0, 0, 0, 9, 0, 0, 0, 1}),
+                  "a video frame of 9 bytes in a message with 1"},
+        BadAnswer{"HugeFrame", {0, 0, 0, 5, 7, 0, 0, 0}, "a video frame message of 83886080 bytes"},
+        BadAnswer{"ShortVersion", HostMessage(11, {5}), "a version message of 1 bytes"},
+        BadAnswer{"LongNotice", HostMessage(128, Bytes(300, 'x')), "a notice message of 300 bytes"},
+        BadAnswer{"HugeUnknown", {0, 0, 0, 5, 66, 0, 0, 0}, "a message of type 66 and 83886080 bytes"}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+}  // namespace
+}  // namespace zumod::testing

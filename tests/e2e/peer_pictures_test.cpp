@@ -1,0 +1,331 @@
+// zu-camera-peer and the pictures of a camera: one of them, a recording, another format.
+#include <sys/ioctl.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include "tests/e2e/peer_process.h"
+#include "tests/support/encoded_stream.h"
+
+namespace zumod::testing {
+namespace {
+
+class PeerPictures : public PeerProcess {
+protected:
+    Bytes NextFrame() { return LongFrameBytes(0, stream.Next(counter++, 0)); }
+    void SendFrames(int count) {
+        for (int i = 0; i < count; ++i) {
+            ASSERT_TRUE(host.Send(NextFrame()));
+        }
+    }
+
+    uint32_t counter = 0;
+    EncodedStream stream{640, 480};
+};
+
+// Width and height out of a PNG file.
+std::pair<uint32_t, uint32_t> PngSize(const std::string& png) {
+    const auto number = [&](size_t at) {
+        uint32_t value = 0;
+        for (size_t i = 0; i < 4; ++i) {
+            value = value << 8 | static_cast<uint8_t>(png.at(at + i));
+        }
+        return value;
+    };
+    return {number(16), number(20)};
+}
+
+TEST_F(PeerPictures, TakesTheFirstPictureThatCanBeDecoded) {
+    const std::string path = work / "picture.png";
+    Start({"snapshot", "0", path});
+    GiveOpenCamera();
+    host.Send(FrameBytes(0, {1, 2, 3}) + FrameBytes(0, {}) + LongFrameBytes(5, stream.Next(0, 0)));
+    // A stream that is joined in its middle: up to the next key frame nothing can be decoded.
+    SendFrames(60);
+    GiveClosed();
+    ExpectEnd(0, "");
+    const std::string png = Content(path);
+    EXPECT_EQ(png.substr(0, 8), "\x89PNG\r\n\x1a\n");
+    EXPECT_EQ(PngSize(png), std::make_pair(640U, 480U));
+    EXPECT_EQ(Files(), std::vector<std::string>{"picture.png"});
+}
+
+TEST_F(PeerPictures, KeepsAFrameThatOvertakesTheAnswer) {
+    Start({"snapshot", "0", work / "picture.png"});
+    GiveList(kOneCamera);
+    host.Expect(OpenBytes(0));
+    SendFrames(1);
+    host.Send(StateBytes(2, 0));
+    GiveClosed();
+    ExpectEnd(0, "");
+}
+
+TEST_F(PeerPictures, LeavesNoPictureWhereNoneCouldBeDecoded) {
+    Start({"snapshot", "0", work / "picture.png", "--timeout", "0.3"});
+    GiveOpenCamera();
+    host.Send(LongFrameBytes(0, Bytes(5000, 0x65)) + FrameBytes(0, {0, 0, 0, 1, 0x65}));
+    GiveClosed();
+    ExpectEnd(1, "zu-camera-peer: none of the 2 frames of camera 0 (Front) within 0.3 s could be decoded\n");
+    EXPECT_EQ(Files().size(), 0U);
+}
+
+TEST_F(PeerPictures, SaysThatACameraGivesNone) {
+    Start({"snapshot", "0", work / "picture.png", "--timeout", "0.2"});
+    GiveOpenCamera();
+    GiveClosed();
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.2 s\n");
+}
+
+TEST_F(PeerPictures, AsksForTheFormatItIsGiven) {
+    Start({"snapshot", "0", work / "picture.png", "--size", "1280x720", "--fps", "25"});
+    GiveList(kOneCamera);
+    Bytes open = SetFormatBytes(0);
+    open[4] = 3;
+    host.Expect(open);
+    host.Send(StateBytes(2, 0));
+    SendFrames(1);
+    GiveClosed();
+    ExpectEnd(0, "");
+}
+
+// Frames in the file, by a player of somebody else's, which complains of nothing.
+int PlayedFrames(const std::string& path) {
+    const std::string command =
+        "ffprobe -v error -count_frames -select_streams v -show_entries "
+        "stream=nb_read_frames -of csv=p=0 '" +
+        path + "' 2>&1";
+    const std::unique_ptr<FILE, int (*)(FILE*)> out(popen(command.c_str(), "r"), &pclose);
+    int frames = -1;
+    EXPECT_EQ(std::fscanf(out.get(), "%d", &frames), 1) << path;
+    return frames;
+}
+
+class PeerRecords : public PeerPictures, public ::testing::WithParamInterface<const char*> {
+protected:
+    std::string Path() const { return work / (std::string("film.") + GetParam()); }
+};
+
+TEST_P(PeerRecords, UntilASignalAndFinishesTheFile) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        EncodedStream fresh(640, 480);
+        Start({"record", "0", Path(), "--overwrite"});
+        GiveOpenCamera();
+        for (uint32_t i = 0; i < 20; ++i) {
+            ASSERT_TRUE(host.Send(LongFrameBytes(0, fresh.Next(i, 0))));
+        }
+        EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+        peer->Signal(signal);
+        GiveClosed();
+        ExpectEnd(0, "");
+        EXPECT_EQ(PlayedFrames(Path()), 20);
+    }
+    EXPECT_EQ(Files().size(), 1U);
+}
+
+TEST_P(PeerRecords, AndKeepsWhatThereIsWhenTheHostVanishes) {
+    Start({"record", "0", Path()});
+    GiveOpenCamera();
+    SendFrames(15);
+    host.Send({100, 0, 0, 0, 7, 0, 0, 0, 0});
+    host.Close();
+    ExpectEnd(
+        1,
+        "zu-camera-peer: the host closed the connection in the middle of a message; the 15 frames before "
+        "that are in " +
+            Path() + "\n");
+    EXPECT_EQ(PlayedFrames(Path()), 15);
+}
+
+TEST_P(PeerRecords, AndKeepsWhatThereIsWhenTheCameraFallsSilent) {
+    Start({"record", "0", Path(), "--timeout", "0.5"});
+    GiveOpenCamera();
+    SendFrames(5);
+    GiveClosed();
+    ExpectEnd(
+        1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.5 s; the 5 frames before that are in " +
+               Path() + "\n");
+    EXPECT_EQ(PlayedFrames(Path()), 5);
+}
+
+TEST_P(PeerRecords, AndKeepsWhatThereIsWhenTheHostSendsNonsense) {
+    Start({"record", "0", Path()});
+    GiveOpenCamera();
+    SendFrames(5);
+    host.Send(StateBytes(9, 0));
+    ExpectEnd(1,
+              "zu-camera-peer: the host sent the unknown camera state 9; the 5 frames before that are in " +
+                  Path() + "\n");
+    EXPECT_EQ(PlayedFrames(Path()), 5);
+}
+
+TEST_P(PeerRecords, ForAsLongAsItIsTold) {
+    Start({"record", "0", Path(), "--seconds", "0.3"});
+    GiveOpenCamera();
+    SendFrames(3);
+    GiveClosed();
+    ExpectEnd(0, "");
+    EXPECT_EQ(PlayedFrames(Path()), 3);
+}
+
+TEST_P(PeerRecords, NothingWithoutAKeyFrame) {
+    Start({"record", "0", Path(), "--timeout", "0.3"});
+    GiveOpenCamera();
+    NextFrame();
+    SendFrames(3);
+    GiveClosed();
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no key frame within 0.3 s\n");
+    EXPECT_EQ(Files().size(), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, PeerRecords, ::testing::Values("mp4", "mkv", "h264"),
+                         [](const auto& test) { return std::string(test.param); });
+
+class PeerRecordsTwo : public PeerPictures {
+protected:
+    // Cameras 0 and 3, each into a file.
+    void StartBoth(const std::vector<std::string>& more = {}) {
+        std::vector<std::string> words = {"record", "0", work / "a.mp4", "3", work / "b.mkv"};
+        words.insert(words.end(), more.begin(), more.end());
+        Start(words);
+        GiveList(ListBytes({CameraBytes(0, "Front", {{640, 480}}), CameraBytes(3, "Desk", {{640, 480}})}));
+        host.Expect(OpenBytes(0));
+        EXPECT_TRUE(host.Send(StateBytes(2, 0)));
+        // What comes of the first one before the second is open is not lost.
+        SendTo(0, stream, 2);
+        host.Expect(OpenBytes(3));
+        EXPECT_TRUE(host.Send(StateBytes(2, 3)));
+    }
+    void SendTo(uint8_t id, EncodedStream& from, int count) {
+        for (int i = 0; i < count; ++i) {
+            ASSERT_TRUE(host.Send(LongFrameBytes(id, from.Next(counter++, 0))));
+        }
+    }
+    void GiveBothClosed() {
+        for (const uint8_t id : {uint8_t{0}, uint8_t{3}}) {
+            host.Expect(CloseBytes(id));
+            EXPECT_TRUE(host.Send(StateBytes(4, id)));
+        }
+        host.ExpectClosed();
+    }
+
+    EncodedStream other{640, 480};
+};
+
+TEST_F(PeerRecordsTwo, CamerasAtOnceEachIntoItsFile) {
+    StartBoth();
+    for (int i = 0; i < 5; ++i) {
+        SendTo(3, other, 2);
+        SendTo(0, stream, 1);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    peer->Signal(SIGINT);
+    GiveBothClosed();
+    ExpectEnd(0, "");
+    EXPECT_EQ(PlayedFrames(work / "a.mp4"), 7);
+    EXPECT_EQ(PlayedFrames(work / "b.mkv"), 10);
+    EXPECT_NE(Printed().find(work / "a.mp4" + ": "), std::string::npos);
+    EXPECT_NE(Printed().find(", 10 frames, "), std::string::npos);
+}
+
+TEST_F(PeerRecordsTwo, AndKeepsBothWhenOneFallsSilent) {
+    StartBoth({"--timeout", "0.5"});
+    SendTo(3, other, 4);
+    GiveBothClosed();
+    EXPECT_EQ(peer->Wait(), 1);
+    EXPECT_NE(peer->Errors().find(" sent no frame within 0.5 s; the 2 frames before that are in " +
+                                  (work / "a.mp4") + ", the 4 frames before that are in " + (work / "b.mkv")),
+              std::string::npos)
+        << peer->Errors();
+    EXPECT_EQ(PlayedFrames(work / "a.mp4"), 2);
+    EXPECT_EQ(PlayedFrames(work / "b.mkv"), 4);
+}
+
+TEST_F(PeerPictures, WritesTheFramesToStandardOutputAsTheyCome) {
+    Start({"record", "0", "-"});
+    GiveOpenCamera();
+    std::string sent;
+    for (int i = 0; i < 3; ++i) {
+        const Bytes frame = stream.Next(counter++, 0);
+        host.Send(LongFrameBytes(0, frame));
+        sent.append(frame.begin(), frame.end());
+        WaitUntil([&] { return Printed().size() >= sent.size(); });
+        EXPECT_EQ(Printed(), sent);
+    }
+    peer->Signal(SIGINT);
+    GiveClosed();
+    ExpectEnd(0, "");
+}
+
+TEST_F(PeerPictures, EndsWhenNobodyReadsStandardOutputAnyMore) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    peer = std::make_unique<ChildProcess>(
+        std::vector<std::string>{ZU_PEER_FILE, "--socket", socket, "record", "0", "-"}, work / "errors", -1,
+        ends[1]);
+    close(ends[1]);
+    host.Accept();
+    GiveOpenCamera();
+    SendFrames(1);
+    char byte = 0;
+    EXPECT_EQ(read(ends[0], &byte, 1), 1);
+    close(ends[0]);
+    SendFrames(1);
+    GiveClosed();
+    ExpectEnd(0, "");
+}
+
+TEST_F(PeerPictures, EndsOnASignalWhileNobodyReadsStandardOutput) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    peer = std::make_unique<ChildProcess>(
+        std::vector<std::string>{ZU_PEER_FILE, "--socket", socket, "record", "0", "-"}, work / "errors", -1,
+        ends[1]);
+    close(ends[1]);
+    host.Accept();
+    GiveOpenCamera();
+    // More than a pipe holds.
+    Bytes frame = stream.Next(0, 0);
+    frame.resize(200000);
+    EXPECT_TRUE(host.Send(LongFrameBytes(0, frame)));
+    EXPECT_TRUE(WaitUntil([&] {
+        int waiting = 0;
+        return ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting >= 65536;
+    }));
+    peer->Signal(SIGTERM);
+    GiveClosed();
+    ExpectEnd(1, "zu-camera-peer: interrupted\n");
+    close(ends[0]);
+}
+
+TEST_F(PeerPictures, ReportsTheSizeThatArrivesAfterAChange) {
+    EncodedStream after(320, 240);
+    Start({"format", "0", "--size", "320x240"});
+    GiveOpenCamera();
+    SendFrames(2);
+    host.Expect(HostMessage(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
+                kVersionRequestBytes);
+    // What was on its way.
+    SendFrames(2);
+    host.Send(kVersionReplyBytes);
+    SendFrames(1);
+    host.Send(LongFrameBytes(0, after.Next(0, 0)));
+    GiveClosed();
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed(), "camera 0 (Front): 640x480, then 320x240\n");
+}
+
+TEST_F(PeerPictures, ReportsThatTheSizeStaysAsItWas) {
+    Start({"format", "0", "--size", "320x240"});
+    GiveOpenCamera();
+    SendFrames(1);
+    host.Expect(HostMessage(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
+                kVersionRequestBytes);
+    host.Send(kVersionReplyBytes);
+    SendFrames(20);
+    GiveClosed();
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sends 640x480 where 320x240 was asked for\n");
+    EXPECT_EQ(Printed(), "camera 0 (Front): 640x480, then 640x480\n");
+}
+
+}  // namespace
+}  // namespace zumod::testing

@@ -1,0 +1,123 @@
+// How zu-camera-peer begins: its options, the ways to a host, the file it is to write.
+#include <csignal>
+
+#include "tests/e2e/peer_process.h"
+
+namespace zumod::testing {
+namespace {
+
+class PeerStart : public PeerProcess {
+protected:
+    static void Put(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+};
+
+TEST_F(PeerStart, RefusesWrongOptionsWithStatusTwo) {
+    StartWith({"--socket", socket, "record", "0", "film.avi"});
+    EXPECT_EQ(peer->Wait(), 2);
+    EXPECT_NE(peer->Errors().find("ends in .mp4, .mkv or .h264"), std::string::npos);
+    StartWith({"list"});
+    ExpectEnd(2, "zu-camera-peer: give --socket PATH or --exec COMMAND (see --help)\n");
+}
+
+TEST_F(PeerStart, PrintsItsHelpAndItsVersion) {
+    StartWith({"--help"});
+    ExpectEnd(0, "");
+    EXPECT_NE(Printed().find("--exec"), std::string::npos);
+    StartWith({"--version"});
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed().rfind("zu-camera-peer ", 0), 0U);
+}
+
+TEST_F(PeerStart, SaysThatNobodyListens) {
+    const std::string nowhere = work / "nowhere";
+    StartWith({"--socket", nowhere, "list"});
+    ExpectEnd(1, "zu-camera-peer: no connection to " + nowhere + ": No such file or directory\n");
+    const std::string longest(200, 'x');
+    StartWith({"--socket", longest, "list"});
+    ExpectEnd(1, "zu-camera-peer: the path of the socket is too long: " + longest + "\n");
+}
+
+TEST_F(PeerStart, SpeaksWithACommand) {
+    // Reads the request and answers it.
+    StartWith({"--exec",
+               "head -c 8 >/dev/null; printf '\\004\\000\\000\\000\\013\\000\\000\\000\\005\\000\\000\\000'",
+               "version"});
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed(), "5\n");
+}
+
+TEST_F(PeerStart, LetsTheCommandsErrorsThroughAndTellsItsStatus) {
+    StartWith({"--exec", "echo something is wrong >&2; exit 3", "version"});
+    ExpectEnd(1,
+              "something is wrong\n"
+              "zu-camera-peer: the host closed the connection: the command ended with status 3\n");
+}
+
+TEST_F(PeerStart, EndsACommandThatStays) {
+    // Ignores the end of its input; its own number tells whether it is gone.
+    const std::string pid_file = work / "pid";
+    StartWith({"--exec", "echo $$ >" + pid_file + "; exec sleep 1000", "version", "--timeout", "0.2"});
+    ExpectEnd(1, "zu-camera-peer: the host did not answer within 0.2 s: version request\n");
+    const int pid = std::stoi(Content(pid_file));
+    EXPECT_EQ(kill(pid, 0), -1);
+}
+
+TEST_F(PeerStart, GivesTheCommandTheSignalsAsTheyAre) {
+    // A mask or an ignored signal would be inherited.
+    const std::string status = work / "status";
+    StartWith({"--exec", "exec cat /proc/self/status >" + status, "version"});
+    EXPECT_EQ(peer->Wait(), 1);
+    const std::string text = Content(status);
+    const auto signals = [&](const std::string& name) {
+        return std::stoull(text.substr(text.find(name) + name.size()), nullptr, 16);
+    };
+    EXPECT_EQ(signals("SigBlk:"), 0U);
+    EXPECT_EQ(signals("SigIgn:") >> (SIGPIPE - 1) & 1, 0U);
+}
+
+TEST_F(PeerStart, KeepsAFileThatExistsBeforeItAsksTheHostForAnything) {
+    for (const char* command : {"snapshot", "record"}) {
+        const std::string path = work / (std::string(command) == "record" ? "film.mp4" : "picture.png");
+        Put(path, "precious");
+        StartWith({"--socket", socket, command, "0", path});
+        ExpectEnd(1, "zu-camera-peer: " + path + " exists (--overwrite replaces it)\n");
+        EXPECT_EQ(Content(path), "precious");
+    }
+    EXPECT_EQ(Files().size(), 2U);
+}
+
+TEST_F(PeerStart, SaysThatADirectoryCannotBeWrittenTo) {
+    // Not by its permissions, which do not hold for root: nobody can make a file there.
+    StartWith({"--socket", socket, "snapshot", "0", "/proc/picture.png"});
+    EXPECT_EQ(peer->Wait(), 1);
+    EXPECT_EQ(peer->Errors().rfind("zu-camera-peer: /proc/picture.png cannot be written: ", 0), 0U);
+}
+
+TEST_F(PeerStart, SaysThatThereIsNoDecoder) {
+    StartWith({"--socket", socket, "--modules", work.Path(), "snapshot", "0", work / "picture.png"});
+    ExpectEnd(1, "zu-camera-peer: no decoder from zu-codec.so in " + work.Path() +
+                     " (see --modules): [zumod] module file is not exist\n");
+    EXPECT_EQ(Files().size(), 0U);
+}
+
+TEST_F(PeerStart, RefusesAnIdThatIsNotListed) {
+    Start({"snapshot", "4", work / "picture.png"});
+    GiveList(kOneCamera);
+    ExpectEnd(1, "zu-camera-peer: there is no camera 4; the host lists camera 0 (Front)\n");
+    Start({"stats", "0"});
+    GiveList(kEmptyListBytes);
+    ExpectEnd(1, "zu-camera-peer: there is no camera 0; the host lists none\n");
+    EXPECT_EQ(Files().size(), 0U);
+}
+
+TEST_F(PeerStart, SaysThatACameraCouldNotBeOpened) {
+    Start({"record", "0", work / "film.mkv"});
+    GiveList(kOneCamera);
+    host.Expect(OpenBytes(0));
+    host.Send(StateBytes(1, 0));
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) could not be opened\n");
+    EXPECT_EQ(Files().size(), 0U);
+}
+
+}  // namespace
+}  // namespace zumod::testing

@@ -1,0 +1,86 @@
+// Gives a peer any bytes as its host's: it must keep to its bounds, and find the same messages and the same
+// error however the bytes are cut into pieces.
+//
+// Input: the size of the pieces of the second reading, less one, then the host's bytes.
+#include <algorithm>
+#include <cstdint>
+
+#include "peer/message_reader.h"
+#include "tests/fuzz/check.h"
+
+namespace zumod::peer {
+namespace {
+
+struct Reading {
+    std::vector<Message> messages;
+    std::string error;
+    bool in_message = false;
+};
+
+Reading ReadInPieces(std::span<const uint8_t> bytes, size_t piece) {
+    MessageReader reader;
+    Reading reading;
+    while (!bytes.empty()) {
+        const size_t count = std::min(piece, bytes.size());
+        const bool good = reader.Feed(bytes.first(count), reading.messages);
+        FUZZ_CHECK(good == reader.Error().empty());
+        bytes = bytes.subspan(count);
+    }
+    reading.error = reader.Error();
+    reading.in_message = reader.InMessage();
+    return reading;
+}
+
+// What the messages take on the wire, at least: nothing is made up.
+size_t LeastBytes(const Message& message) {
+    if (const auto* list = std::get_if<CameraListMessage>(&message)) {
+        FUZZ_CHECK(list->cameras.size() <= kMostCameras);
+        size_t bytes = 12;
+        for (const CameraEntry& camera : list->cameras) {
+            FUZZ_CHECK(camera.sizes.size() <= kMostSizes);
+            FUZZ_CHECK(camera.name.size() <= 516 && camera.display_name.size() <= 516);
+            FUZZ_CHECK(camera.name.find('\0') == std::string::npos);
+            bytes += 1304 + 8 * camera.sizes.size();
+        }
+        return bytes;
+    }
+    if (const auto* frame = std::get_if<FrameMessage>(&message)) {
+        return 16 + frame->bytes.size();
+    }
+    if (const auto* notice = std::get_if<NoticeMessage>(&message)) {
+        FUZZ_CHECK(notice->text.size() <= 256);
+        return 8 + notice->text.size();
+    }
+    if (const auto* state = std::get_if<StateMessage>(&message)) {
+        FUZZ_CHECK(state->state == 1 || state->state == 2 || state->state == 4);
+        return 16;
+    }
+    return 12;
+}
+
+void ReadTwice(std::span<const uint8_t> bytes, size_t piece) {
+    const Reading whole = ReadInPieces(bytes, std::max<size_t>(bytes.size(), 1));
+    const Reading cut = ReadInPieces(bytes, piece);
+    FUZZ_CHECK(whole.messages == cut.messages);
+    FUZZ_CHECK(whole.error == cut.error);
+    FUZZ_CHECK(whole.in_message == cut.in_message);
+    size_t least = 0;
+    for (const Message& message : whole.messages) {
+        least += LeastBytes(message);
+    }
+    FUZZ_CHECK(least <= bytes.size());
+    // It goes to a terminal.
+    for (const char byte : whole.error) {
+        FUZZ_CHECK(byte >= ' ' && byte <= '~');
+    }
+}
+
+}  // namespace
+}  // namespace zumod::peer
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size >= 1) {
+        zumod::peer::ReadTwice({data + 1, size - 1}, size_t{data[0]} + 1);
+    }
+    return 0;
+}
