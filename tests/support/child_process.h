@@ -1,5 +1,4 @@
-// A program that a test starts, with its standard error in a file. Whatever becomes of the test, it does not
-// outlive it.
+// A program that a test starts, with its standard error in a file; killed with the object if it still runs.
 //
 // Thread rule: one thread at a time.
 #pragma once

@@ -1,0 +1,52 @@
+#include "host/camera_module.h"
+
+#include <unistd.h>
+
+#include "loader/create_policy_adapter.h"
+#include "loader/load_module.h"
+#include "loader/module_path.h"
+#include "zumod/codec.h"
+
+namespace zumod::host {
+namespace {
+
+constexpr char kCameraModuleName[] = "zu-client-camera";
+
+}  // namespace
+
+CameraModule::~CameraModule() {
+    ZuModUnloadModule(m_handle);
+}
+
+bool CameraModule::Load(std::string& error) {
+    const std::string file = ZuModGetModulePath(kCameraModuleName, false);
+    if (access(file.c_str(), F_OK) != 0) {
+        error = "the camera module is not there: " + file;
+        return false;
+    }
+    if (Create(&m_handle) == nullptr) {
+        error = "the camera module does not load (the log says why): " + file;
+        return false;
+    }
+    return true;
+}
+
+CRefPtr_T<IClientCameraPlugin> CameraModule::CreatePlugin() {
+    return Create(nullptr);
+}
+
+CRefPtr_T<IClientCameraPlugin> CameraModule::Create(void** handle) {
+    const CRefPtr_T<IZUModCreatePolicy> policy(
+        new CZUModCreatePolicyAdapter(kClientCameraPluginName, kClientCameraPluginVersion));
+    IZUModInterface* face = nullptr;
+    ZuModLoadModule(&face, kCameraModuleName, policy, handle, false);
+    // What the slot holds is the table that was asked for.
+    return CRefPtr_T<IClientCameraPlugin>::Adopt(static_cast<IClientCameraPlugin*>(static_cast<void*>(face)));
+}
+
+std::string MissingCodecFile() {
+    std::string file = ZuModGetModulePath(kCodecModuleName, false);
+    return access(file.c_str(), F_OK) != 0 ? file : "";
+}
+
+}  // namespace zumod::host

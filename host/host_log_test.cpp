@@ -1,0 +1,106 @@
+#include "host/host_log.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "tests/support/scoped_environment.h"
+
+namespace zumod::host {
+namespace {
+
+using zumod::testing::ScopedTimeZone;
+using zumod::testing::ScopedVariable;
+
+// A pipe whose writing end is the log's.
+struct Pipe {
+    Pipe() {
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        read_end.Reset(ends[0]);
+        write_end.Reset(ends[1]);
+    }
+    std::string Read() const {
+        std::string bytes(1 << 20, 0);
+        const ssize_t count = read(read_end.Get(), bytes.data(), bytes.size());
+        bytes.resize(static_cast<size_t>(count));
+        return bytes;
+    }
+    UniqueFd read_end;
+    UniqueFd write_end;
+};
+
+TEST(HostLog, ALineHasTimeLevelAndText) {
+    const ScopedTimeZone zone("UTC0");
+    const timeval time{1588748949, 7999};
+    EXPECT_EQ(FormatLogLine(time, 1, "[x] text", false), "2020-05-06 07:09:09.007 info    [x] text\n");
+    EXPECT_EQ(FormatLogLine(time, 2, "", false), "2020-05-06 07:09:09.007 warning \n");
+    EXPECT_EQ(FormatLogLine(time, 4, "a", false), "2020-05-06 07:09:09.007 error   a\n");
+    EXPECT_EQ(FormatLogLine(time, 8, "a", false), "2020-05-06 07:09:09.007 trace   a\n");
+    EXPECT_EQ(FormatLogLine(time, 16, "a", false), "2020-05-06 07:09:09.007 16      a\n");
+}
+
+TEST(HostLog, ColoursAreForEverythingButOrdinaryLines) {
+    const ScopedTimeZone zone("UTC0");
+    EXPECT_EQ(FormatLogLine({0, 0}, 4, "a", true), "\033[31m1970-01-01 00:00:00.000 error   a\033[0m\n");
+    EXPECT_EQ(FormatLogLine({0, 0}, 2, "a", true), "\033[33m1970-01-01 00:00:00.000 warning a\033[0m\n");
+    EXPECT_EQ(FormatLogLine({0, 0}, 8, "a", true), "\033[2m1970-01-01 00:00:00.000 trace   a\033[0m\n");
+    EXPECT_EQ(FormatLogLine({0, 0}, 1, "a", true), "1970-01-01 00:00:00.000 info    a\n");
+}
+
+TEST(HostLog, ADevicesNameCannotForgeALineOrSpeakToTheTerminal) {
+    const ScopedTimeZone zone("UTC0");
+    EXPECT_EQ(FormatLogLine({0, 0}, 1, "name \033[2J\nforged\tr\xC3\xA9sum\xC3\xA9\x7F", false),
+              "1970-01-01 00:00:00.000 info    name ?[2J?forged\tr\xC3\xA9sum\xC3\xA9?\n");
+}
+
+TEST(HostLog, ATerminalGetsColoursUnlessNobodyWantsThem) {
+    const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(terminal);
+    const Pipe pipe;
+    {
+        const ScopedVariable empty("NO_COLOR", "");
+        EXPECT_TRUE(WantsColour(terminal.Get()));
+        EXPECT_FALSE(WantsColour(pipe.write_end.Get()));
+    }
+    const ScopedVariable set("NO_COLOR", "1");
+    EXPECT_FALSE(WantsColour(terminal.Get()));
+}
+
+TEST(HostLog, OnlyTheChosenLevelsAreShown) {
+    const Pipe pipe;
+    HostLog log(pipe.write_end.Get(), 4 | 2);
+    log.Write(1, "event");
+    log.Write(8, "trace");
+    log.Write(2, "ignored");
+    log.Write(4, "failure");
+    const std::string lines = pipe.Read();
+    EXPECT_EQ(lines.find("event"), std::string::npos);
+    EXPECT_EQ(lines.find("trace"), std::string::npos);
+    EXPECT_NE(lines.find("warning ignored\n"), std::string::npos);
+    EXPECT_NE(lines.find("error   failure\n"), std::string::npos);
+}
+
+TEST(HostLog, AReaderThatIsStuckCostsLinesAndIsToldHowMany) {
+    const Pipe pipe;
+    HostLog log(pipe.write_end.Get(), 15);
+    const std::string text(1000, 'x');
+    for (int line = 0; line < 1000; ++line) {
+        log.Write(1, text);
+    }
+    const std::string before = pipe.Read();
+    EXPECT_LT(before.size(), 200'000U);
+    log.Write(1, "after");
+    const std::string after = pipe.Read();
+    EXPECT_NE(after.find(" lines were lost\n"), std::string::npos);
+    EXPECT_NE(after.find("info    after\n"), std::string::npos);
+    log.Write(1, "next");
+    EXPECT_EQ(pipe.Read().find("lost"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zumod::host

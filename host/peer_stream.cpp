@@ -1,0 +1,115 @@
+#include "host/peer_stream.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <utility>
+
+namespace zumod::host {
+namespace {
+
+constexpr int kFailed = -1;
+
+bool IsSocket(int descriptor) {
+    struct stat status {};
+    return fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+bool WouldWait() {
+    return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+}  // namespace
+
+PeerStream::PeerStream(UniqueFd socket) : PeerStream(std::move(socket), UniqueFd()) {}
+
+PeerStream::PeerStream(UniqueFd in, UniqueFd out)
+    : m_in(std::move(in)),
+      m_out(std::move(out)),
+      m_in_is_socket(IsSocket(In())),
+      m_out_is_socket(IsSocket(Out())),
+      m_end(eventfd(0, EFD_CLOEXEC)) {}
+
+int PeerStream::Read(void* data, unsigned long size, unsigned long* done) {
+    while (!m_ended.load()) {
+        // A socket is asked first and waited for only if it has nothing.
+        if (!m_in_is_socket && !WaitFor(In(), POLLIN)) {
+            return kFailed;
+        }
+        const ssize_t count = m_in_is_socket ? recv(In(), data, size, MSG_DONTWAIT) : read(In(), data, size);
+        if (count > 0) {
+            *done = static_cast<unsigned long>(count);
+            return 0;
+        }
+        if (count == 0 || (errno != EINTR && !WouldWait())) {
+            return kFailed;
+        }
+        if (m_in_is_socket && !WaitFor(In(), POLLIN)) {
+            return kFailed;
+        }
+    }
+    return kFailed;
+}
+
+int PeerStream::Write(const void* data, unsigned long size, unsigned long* done) {
+    const std::lock_guard guard(m_write_mutex);
+    if (!WriteAll(static_cast<const char*>(data), size)) {
+        End();
+        return kFailed;
+    }
+    *done = size;
+    return 0;
+}
+
+bool PeerStream::WriteAll(const char* bytes, unsigned long size) {
+    while (size != 0) {
+        if (m_ended.load() || (!m_out_is_socket && !WaitFor(Out(), POLLOUT))) {
+            return false;
+        }
+        // A pipe that is ready takes PIPE_BUF bytes without waiting, whatever its flags are.
+        const ssize_t count = m_out_is_socket ? send(Out(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL)
+                                              : write(Out(), bytes, std::min<unsigned long>(size, PIPE_BUF));
+        if (count >= 0) {
+            bytes += count;
+            size -= static_cast<unsigned long>(count);
+            continue;
+        }
+        if (errno != EINTR && !WouldWait()) {
+            return false;
+        }
+        if (m_out_is_socket && !WaitFor(Out(), POLLOUT)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void PeerStream::End() {
+    m_ended.store(true);
+    const uint64_t one = 1;
+    // Fails only when it is readable already.
+    [[maybe_unused]] const ssize_t count = write(m_end.Get(), &one, sizeof one);
+}
+
+bool PeerStream::IsHungUp() const {
+    pollfd watched{In(), 0, 0};
+    return poll(&watched, 1, 0) == 1 && (watched.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+bool PeerStream::WaitFor(int descriptor, short events) const {
+    pollfd watched[] = {{descriptor, events, 0}, {m_end.Get(), POLLIN, 0}};
+    while (poll(watched, 2, -1) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return watched[1].revents == 0;
+}
+
+}  // namespace zumod::host

@@ -1,0 +1,207 @@
+// What peers get from the reference host, over real sockets and pipes.
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include "tests/e2e/host_process.h"
+
+namespace zumod::testing {
+namespace {
+
+using HostSession = HostProcess;
+
+TEST_F(HostSession, APeerAsksListsOpensReceivesAndCloses) {
+    const auto host = Start();
+    const PeerClient peer = Connect();
+    ExpectServed(peer);
+    EXPECT_TRUE(peer.Send(kGetListBytes));
+    const auto list = peer.Receive();
+    ASSERT_TRUE(list.has_value());
+    EXPECT_EQ(list->type, 2);
+    ASSERT_EQ(list->body.size(), 4U + 1304 + 8);
+    EXPECT_EQ((Bytes{list->body.begin() + 10, list->body.begin() + 16}), (Bytes{'F', 'r', 'o', 'n', 't', 0}));
+    ExpectPictures(peer, 10);
+    EXPECT_TRUE(peer.Send(CloseBytes(0)));
+    const auto closed = peer.ReceiveType(5);
+    ASSERT_TRUE(closed.has_value());
+    EXPECT_EQ(closed->body, (Bytes{4, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(HostSession, TheNextPeerFindsTheCameraFreeHoweverTheLastOneLeft) {
+    const auto host = Start();
+    { ExpectPictures(Connect()); }
+    ExpectPictures(Connect());
+}
+
+TEST_F(HostSession, ASecondPeerIsToldAndTheFirstOneGoesOn) {
+    const auto host = Start();
+    const PeerClient first = Connect();
+    ExpectPictures(first);
+    const PeerClient second = Connect();
+    const auto notice = second.Receive();
+    ASSERT_TRUE(notice.has_value());
+    EXPECT_EQ(notice->type, 128);
+    EXPECT_EQ(std::string(notice->body.begin(), notice->body.end()), "busy: another peer is being served");
+    EXPECT_TRUE(second.IsClosed());
+    ExpectServed(first);
+}
+
+TEST_F(HostSession, WhoOnlyLooksWhetherItListensDisturbsNobody) {
+    const auto host = Start();
+    { Connect(); }
+    ExpectServed(Connect());
+}
+
+// Waits until the channel takes nothing more, so that the host is stuck with what it has.
+void WaitUntilFull(const PeerClient& peer) {
+    const auto waiting = [&] {
+        int bytes = 0;
+        EXPECT_EQ(ioctl(peer.Descriptor(), FIONREAD, &bytes), 0);
+        return bytes;
+    };
+    constexpr std::chrono::milliseconds kQuiet{500};
+    for (int before = -1; before != waiting();) {
+        before = waiting();
+        WaitUntil([&] { return waiting() != before; }, kQuiet);
+    }
+}
+
+// Frames alone fill the channel: no request of the peer's is under way.
+class HostOfAFastCamera : public HostProcess {
+protected:
+    HostOfAFastCamera() : HostProcess("formats=NV12,sizes=640x480,fps=200") {}
+};
+
+TEST_F(HostOfAFastCamera, IsNotHeldByAPeerThatStopsSendingAndReadsNothing) {
+    const auto host = Start();
+    const PeerClient stuck = Connect();
+    Bytes open = OpenBytes(0);
+    open[20] = 200;
+    EXPECT_TRUE(stuck.Send(open));
+    ASSERT_TRUE(stuck.ReceiveType(7).has_value());
+    WaitUntilFull(stuck);
+    shutdown(stuck.Descriptor(), SHUT_WR);
+    EXPECT_TRUE(host->Says("[host] the peer has gone"));
+}
+
+TEST_F(HostSession, PeersThatVanishInTheMiddleOfAnythingLeaveTheHostReady) {
+    const auto host = Start();
+    std::mt19937 random(7);
+    Bytes script = kVersionRequestBytes;
+    script = script + kGetListBytes + OpenBytes(0) + SetFormatBytes(0) + CloseBytes(0) + OpenBytes(0);
+    for (int i = 0; i < ZU_VANISHING_PEERS; ++i) {
+        const PeerClient peer = Connect();
+        const size_t said = random() % (script.size() + 1);
+        EXPECT_TRUE(peer.Send(Bytes(script.begin(), script.begin() + static_cast<std::ptrdiff_t>(said))));
+        // So far a session of these requests surely answers.
+        const size_t heard = said >= 8 ? random() % (12 + (said >= 16 ? 1324 : 0)) : 0;
+        EXPECT_TRUE(peer.Skip(heard));
+    }
+    ExpectPictures(Connect());
+    EXPECT_FALSE(host->HasEnded());
+}
+
+TEST_F(HostSession, ADirectoryWithoutACodecIsSaidAndEverythingButVideoWorks) {
+    std::filesystem::create_directory(work / "modules");
+    std::filesystem::create_symlink(ZU_MODULE_DIR "/zu-client-camera.so",
+                                    work / "modules/zu-client-camera.so");
+    const auto host = Start({"--modules", work / "modules/"});
+    EXPECT_NE(host->Errors().find("warning [host] no video can be sent, because zu-codec.so is missing: " +
+                                  (work / "modules/zu-codec.so\n")),
+              std::string::npos)
+        << host->Errors();
+    const PeerClient peer = Connect();
+    ExpectServed(peer);
+    EXPECT_TRUE(peer.Send(OpenBytes(0)));
+    const auto state = peer.Receive();
+    ASSERT_TRUE(state.has_value());
+    EXPECT_EQ(state->type, 5);
+}
+
+TEST_F(HostSession, PropertiesReachTheModules) {
+    const auto host = Start({"--env", "zu.codec.bitrate=777000"});
+    const PeerClient peer = Connect();
+    ExpectPictures(peer);
+    EXPECT_TRUE(host->Says("[zu-codec] encode 640x480 with libx264, 777000 bits a second"));
+}
+
+TEST_F(HostSession, AnotherUserIsRefusedEvenWhereTheFilesLetHimIn) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can connect as somebody else";
+    }
+    const auto host = Start();
+    for (const std::string& place : {work.Path(), work / "private"}) {
+        ASSERT_EQ(chmod(place.c_str(), 0755), 0);
+    }
+    ASSERT_EQ(chmod(socket.c_str(), 0666), 0);
+    std::optional<PeerMessage> notice;
+    bool closed = false;
+    std::thread([&] {
+        // Of this thread alone.
+        ASSERT_EQ(syscall(SYS_setresuid, -1, 65534, -1), 0);
+        const PeerClient peer = Connect();
+        notice = peer.Receive();
+        closed = peer.IsClosed();
+    }).join();
+    ASSERT_TRUE(notice.has_value());
+    EXPECT_EQ(notice->type, 128);
+    EXPECT_EQ(std::string(notice->body.begin(), notice->body.end()),
+              "refused: this host serves its own user alone");
+    EXPECT_TRUE(closed);
+    ExpectServed(Connect());
+}
+
+// Standard input and output as a socket, and as pipes.
+TEST_F(HostSession, TheChannelMayBeASocketAtStandardInputAndOutput) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const auto host = StartWith({"--stdio"}, ends[0], ends[0]);
+    close(ends[0]);
+    {
+        const PeerClient peer{UniqueFd(ends[1])};
+        ExpectServed(peer);
+        ExpectPictures(peer);
+    }
+    EXPECT_EQ(host->Wait(), 0);
+}
+
+TEST_F(HostSession, TheChannelMayBePipesAtStandardInputAndOutputWithNothingElseOnThem) {
+    int to_host[2];
+    int from_host[2];
+    ASSERT_EQ(pipe2(to_host, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(from_host, O_CLOEXEC), 0);
+    const auto host = StartWith({"--stdio", "--log-level", "trace"}, to_host[0], from_host[1]);
+    close(to_host[0]);
+    close(from_host[1]);
+    {
+        const PeerClient peer{UniqueFd(from_host[0]), UniqueFd(to_host[1])};
+        ExpectServed(peer);
+        ExpectPictures(peer);
+    }
+    EXPECT_EQ(host->Wait(), 0);
+    EXPECT_NE(host->Errors().find("trace   [cameraclient] version req"), std::string::npos);
+}
+
+TEST_F(HostSession, WhatALibraryPrintsDoesNotReachTheChannel) {
+    // The loader prints a line of its own on standard output when a file is no module.
+    std::filesystem::create_directory(work / "modules");
+    std::ofstream(work / "modules/zu-client-camera.so") << "no module";
+    int from_host[2];
+    ASSERT_EQ(pipe2(from_host, O_CLOEXEC), 0);
+    const auto host = StartWith({"--stdio", "--modules", work / "modules"}, -1, from_host[1]);
+    close(from_host[1]);
+    EXPECT_EQ(host->Wait(), 1);
+    char byte = 0;
+    EXPECT_EQ(read(from_host[0], &byte, 1), 0);
+    close(from_host[0]);
+    EXPECT_NE(host->Errors().find("load " + (work / "modules/zu-client-camera.so") + " err "),
+              std::string::npos);
+}
+
+}  // namespace
+}  // namespace zumod::testing

@@ -1,0 +1,85 @@
+// How the reference host starts, and what it says when it cannot.
+#include <sys/stat.h>
+
+#include "tests/e2e/host_process.h"
+
+namespace zumod::testing {
+namespace {
+
+class HostStart : public HostProcess {
+protected:
+    // It ends with this status and this last line on standard error.
+    void ExpectFailure(int status, const std::string& line, std::vector<std::string> words) {
+        const auto host = StartWith(std::move(words));
+        EXPECT_EQ(host->Wait(), status);
+        const std::string errors = host->Errors();
+        const std::string end = "zu-camera-host: " + line + "\n";
+        EXPECT_TRUE(errors.size() >= end.size() && errors.substr(errors.size() - end.size()) == end)
+            << errors;
+    }
+};
+
+mode_t ModeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0);
+    return status.st_mode & 07777;
+}
+
+TEST_F(HostStart, TheSocketAndItsDirectoryAreTheUsersAlone) {
+    const auto host = Start();
+    EXPECT_EQ(ModeOf(work / "private"), 0700U);
+    EXPECT_EQ(ModeOf(socket), 0600U);
+}
+
+TEST_F(HostStart, WrongOptionsEndItWithStatus2) {
+    ExpectFailure(2, "give --listen PATH or --stdio (see --help)", {});
+    ExpectFailure(2, "--log-level: takes error, warning, info or trace, not \"loud\" (see --help)",
+                  {"--stdio", "--log-level", "loud"});
+}
+
+TEST_F(HostStart, WhatIsMissingIsNamed) {
+    ExpectFailure(1, "the module directory is not there: /nonexistent/modules",
+                  {"--listen", socket, "--modules", "/nonexistent/modules"});
+    ExpectFailure(1, "the camera module is not there: " + (work / "zu-client-camera.so"),
+                  {"--listen", socket, "--modules", work.Path()});
+    ExpectFailure(1, "the camera module is not there: " + (work / "zu-client-camera.so"),
+                  {"--stdio", "--env", "zu.env.modules.dir=" + work.Path()});
+    EXPECT_FALSE(std::filesystem::exists(work / "private")) << "nothing was made";
+}
+
+TEST_F(HostStart, AFileThatIsNoModuleIsNamed) {
+    std::ofstream(work / "zu-client-camera.so") << "no module";
+    ExpectFailure(1, "the camera module does not load (the log says why): " + (work / "zu-client-camera.so"),
+                  {"--listen", socket, "--modules", work.Path()});
+}
+
+TEST_F(HostStart, ADirectoryThatOthersMayWriteToIsRefused) {
+    ASSERT_EQ(chmod(work.Path().c_str(), 0777), 0);
+    ExpectFailure(
+        1, work.Path() + ": others may write to the directory; choose one that is yours alone (chmod go-w)",
+        {"--listen", work / "socket"});
+}
+
+TEST_F(HostStart, TheSocketOfAHostThatLivesIsInUse) {
+    const auto host = Start();
+    const PeerClient peer = Connect();
+    ExpectServed(peer);
+    const ChildProcess second({ZU_HOST_FILE, "--listen", socket}, work / "second");
+    EXPECT_TRUE(const_cast<ChildProcess&>(second).Wait() == 1);
+    EXPECT_NE(second.Errors().find(socket + ": the address is in use, another program listens there\n"),
+              std::string::npos)
+        << second.Errors();
+    ExpectServed(peer);
+}
+
+TEST_F(HostStart, ATerminalIsNoChannel) {
+    const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(terminal);
+    const auto host = StartWith({"--stdio"}, terminal.Get(), terminal.Get());
+    EXPECT_EQ(host->Wait(), 1);
+    EXPECT_EQ(host->Errors(),
+              "zu-camera-host: standard input is a terminal; --stdio needs a program at the other end\n");
+}
+
+}  // namespace
+}  // namespace zumod::testing
