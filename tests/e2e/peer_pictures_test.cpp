@@ -172,7 +172,7 @@ TEST_P(PeerRecords, NothingWithoutAKeyFrame) {
     NextFrame();
     SendFrames(3);
     GiveClosed();
-    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.3 s\n");
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no key frame within 0.3 s\n");
     EXPECT_EQ(Files().size(), 0U);
 }
 
