@@ -37,7 +37,7 @@ CameraState CloseCamera(Session& session, uint32_t id);
 
 // For the end of the work: closes it and waits a little for the answer; a host that does not answer any more,
 // and an impatient user, are let go.
-void CloseCameraAtEnd(Session& session, uint32_t id);
+void CloseCameraAtEnd(Session& session, uint32_t id) noexcept;
 
 struct Frame {
     uint32_t id;                 // the camera's

@@ -1,5 +1,7 @@
 #include "peer/picture_decoder.h"
 
+#include <exception>
+
 #include "loader/codec_factory.h"
 #include "peer/peer_error.h"
 #include "peer/safe_text.h"
@@ -24,13 +26,21 @@ public:
     const void* GetInputData() override { return m_frame.data(); }
     uint64_t GetInputSize() override { return m_frame.size(); }
     void OnPicture(const VideoDecodedPicture* picture) override {
-        if (picture->width > 0 && picture->height > 0 && picture->plane_count == m_planes) {
+        const bool usable = picture->width > 0 && picture->height > 0 && picture->plane_count == m_planes;
+        if (!usable || failure) {
+            return;
+        }
+        // Nothing is thrown through the module.
+        try {
             m_taker(*picture);
             any = true;
+        } catch (...) {
+            failure = std::current_exception();
         }
     }
 
     bool any = false;
+    std::exception_ptr failure;
 
 private:
     const std::span<const uint8_t> m_frame;
@@ -48,6 +58,9 @@ PictureDecoder::PictureDecoder(const std::string& module_directory, VideoTargetF
 bool PictureDecoder::Decode(std::span<const uint8_t> frame, const Taker& taker) {
     DecodeCall call(frame, PlanesOf(m_target), taker);
     m_decoder->Decode(&call);
+    if (call.failure) {
+        std::rethrow_exception(call.failure);
+    }
     return call.any;
 }
 

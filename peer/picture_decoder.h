@@ -23,8 +23,8 @@ public:
     PictureDecoder(const std::string& module_directory, VideoTargetFormat target);
 
     // Gives each picture that comes of the frame, which is not empty, to `taker`; what its planes point at is
-    // valid during the call. Returns false when there is none: the frame is damaged, or needs one that was
-    // not seen.
+    // valid during the call, and what it throws comes back from here. Returns false when there is none: the
+    // frame is damaged, or needs one that was not seen.
     bool Decode(std::span<const uint8_t> frame, const Taker& taker);
 
     // Forgets the stream: the next frame is of another one.

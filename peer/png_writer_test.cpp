@@ -83,6 +83,14 @@ TEST(PictureDecoder, WaitsForAKeyFrameAlsoAfterARestart) {
     EXPECT_FALSE(decoder.Decode(second, nothing));
 }
 
+TEST(PictureDecoder, GivesBackWhatTheTakerThrowsAndGoesOn) {
+    testing::EncodedStream stream(320, 240);
+    PictureDecoder decoder(ZU_MODULE_DIR, kVideoTargetI420);
+    const auto failing = [](const VideoDecodedPicture&) { throw PeerError("no"); };
+    EXPECT_THROW(decoder.Decode(stream.Next(0, 0), failing), PeerError);
+    EXPECT_TRUE(decoder.Decode(stream.Next(1, 0), [](const VideoDecodedPicture&) {}));
+}
+
 TEST(PictureDecoder, SaysWhereItLookedForTheModule) {
     try {
         const PictureDecoder decoder("/nonexistent", kVideoTargetI420);

@@ -178,6 +178,22 @@ TEST(IncludeFloors, TheHostIsMadeOfTheSdkTheBaseTheRuntimeAndTheLoader) {
     }
 }
 
+TEST(IncludeFloors, ThePeerIsMadeOfTheSameAndOfTwoReadersOfPictures) {
+    const auto files = SourcesBelow(kRoot / "peer");
+    EXPECT_GT(files.size(), 10U);
+    for (const fs::path& file : files) {
+        for (const std::string& include : QuotedIncludesOf(file)) {
+            bool allowed = IsTest(file.filename().string()) && StartsWith(include, "tests/support/");
+            for (const char* room :
+                 {"peer/", "zumod/", "base/", "module/runtime", "module/log", "module/attach_runtime",
+                  "loader/", "codec/av_objects.h", "vcam/pattern_reader.h"}) {
+                allowed = allowed || StartsWith(include, room);
+            }
+            EXPECT_TRUE(allowed) << file << " includes \"" << include << '"';
+        }
+    }
+}
+
 TEST(IncludeFloors, AnIncludeLineIsFoundHoweverItIsSpaced) {
     EXPECT_EQ(QuotedInclude("#include \"base/x.h\""), "base/x.h");
     EXPECT_EQ(QuotedInclude(" #  include\t\"base/x.h\"  // why"), "base/x.h");
