@@ -71,7 +71,7 @@ void PictureDecoder::Restart() {
 
 void PictureDecoder::Create() {
     m_services.TakeFailure();
-    m_decoder = CreateVideoDecoder(kH264, m_target, 0);
+    m_decoder = CreateVideoDecoder(kH264, static_cast<int32_t>(m_target), 0);
     if (m_decoder == nullptr) {
         throw PeerError("no decoder from zu-codec.so in " + SafeText(m_directory) +
                         " (see --modules): " + SafeText(m_services.TakeFailure()));

@@ -27,6 +27,7 @@ void WriteOut(std::span<const uint8_t> bytes, const StopSignals& signals) {
         } else if (errno == EPIPE) {
             throw OutputClosed();
         } else if (errno != EAGAIN && errno != EINTR) {
+            // NOLINTNEXTLINE(concurrency-mt-unsafe): the program has one thread
             throw PeerError(std::string("standard output: ") + std::strerror(errno));
         }
     }
