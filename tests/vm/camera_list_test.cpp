@@ -21,8 +21,9 @@ std::string Told(int camera, const std::string& name) {
 std::string Adjusted(int camera, const std::string& size) {
     const std::string width = size.substr(0, size.find('x'));
     const std::string height = size.substr(size.find('x') + 1);
-    const std::string told = OutputOf("v4l2-ctl -d " + DeviceFile(camera) + " --try-fmt-video=width=" + width +
-                                      ",height=" + height + ",pixelformat=YU12");
+    const std::string told =
+        OutputOf("v4l2-ctl -d " + DeviceFile(camera) + " --try-fmt-video=width=" + width +
+                 ",height=" + height + ",pixelformat=YU12");
     std::smatch found;
     std::regex_search(told, found, std::regex("Width/Height *: ([0-9]+)/([0-9]+)"));
     return found[1].str() + "x" + found[2].str();
@@ -39,9 +40,8 @@ TEST_F(CameraList, NamesTheCamerasThatV4l2CtlFindsInTheirOrder) {
         EXPECT_EQ(cameras[id].name, Told(camera, "Card type"));
         EXPECT_EQ(cameras[id].display_name, "vivid");
         // The bus is in the log alone.
-        EXPECT_EQ(CountLines("[CameraEnumerator]  id: " + std::to_string(id) +
-                             " name: vivid bus:  " + Told(camera, "Bus info") + " file: " +
-                             DeviceFile(camera) + " res:  "),
+        EXPECT_EQ(CountLines("[CameraEnumerator]  id: " + std::to_string(id) + " name: vivid bus:  " +
+                             Told(camera, "Bus info") + " file: " + DeviceFile(camera) + " res:  "),
                   1U);
     }
 }
@@ -53,8 +53,7 @@ TEST_F(CameraList, HoldsASizeOfTheWebcamForEachCandidateWithOneMatchingSide) {
               (std::vector<std::string>{"320x180", "640x480", "1280x720", "1920x1080"}));
     EXPECT_EQ(cameras[kSecondWebcam].sizes, cameras[kWebcam].sizes);
 
-    const std::string offered =
-        OutputOf("v4l2-ctl -d " + DeviceFile(kWebcam) + " --list-framesizes YU12");
+    const std::string offered = OutputOf("v4l2-ctl -d " + DeviceFile(kWebcam) + " --list-framesizes YU12");
     for (const std::string& size : cameras[kWebcam].sizes) {
         EXPECT_NE(offered.find("Discrete " + size + "\n"), std::string::npos) << offered;
     }

@@ -163,11 +163,12 @@ size_t DriverSession::CountLines(const std::string& start) {
     return count;
 }
 
-std::vector<std::string> DriverSession::Complaints() {
+std::vector<std::string> DriverSession::Complaints(uint32_t id) {
     const std::lock_guard guard(runtime.mutex);
+    const std::string camera = "devid " + std::to_string(id);
     std::vector<std::string> complaints;
     for (const auto& [level, text] : runtime.lines) {
-        if (level == 4) {
+        if (level == 4 && text.find(camera) != std::string::npos) {
             complaints.push_back(text);
         }
     }

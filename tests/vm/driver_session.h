@@ -49,8 +49,9 @@ protected:
     bool FramesCome(uint32_t id, int count);
     // How many log lines begin with this.
     size_t CountLines(const std::string& start);
-    // The log lines of failures.
-    std::vector<std::string> Complaints();
+    // The log lines of failures that name this camera. (The open of another than the first one starts the
+    // first one for a moment, which may not have that size.)
+    std::vector<std::string> Complaints(uint32_t id);
 
 private:
     struct Message {

@@ -10,11 +10,12 @@
 namespace zumod::testing {
 namespace {
 
-constexpr int kTextRows = 16;
+// The text's line is 16 pixels from the top.
+constexpr int kTextEnd = 32;
 
 // The kernel's letters of 8x16 pixels: rows 2 to 11, which hold all of a digit; the most significant bit is
 // the leftmost pixel.
-constexpr int kFirstRow = 2;
+constexpr int kFirstRow = 16 + 2;
 constexpr int kDigitRows = 10;
 constexpr std::array<std::array<uint8_t, kDigitRows>, 10> kDigits = {{
     {0x38, 0x6C, 0xC6, 0xC6, 0xD6, 0xD6, 0xC6, 0xC6, 0x6C, 0x38},
@@ -146,7 +147,7 @@ double Likeness(const Picture& one, const Picture& other) {
     for (size_t plane = 0; plane < 3; ++plane) {
         Psnr likeness;
         const size_t start = static_cast<size_t>(one.PlaneWidth(plane)) *
-                             static_cast<size_t>(plane == 0 ? kTextRows : kTextRows / 2);
+                             static_cast<size_t>(plane == 0 ? kTextEnd : kTextEnd / 2);
         for (size_t i = start; i < one.planes.at(plane).size(); ++i) {
             likeness.Add(one.planes.at(plane)[i], other.planes.at(plane).at(i));
         }

@@ -16,6 +16,14 @@
 namespace zumod::testing {
 namespace {
 
+// The encoder, whose rate is limited, comes closer to a still picture with each; it has the fewest bytes for
+// the smallest ones.
+int EnoughPictures(int width) {
+    return width < 320 ? 20 : 5;
+}
+// Decibels. Swapped colours or a sheared row make it less than 15.
+constexpr double kAlike = 30;
+
 struct Case {
     int camera;
     std::string format;
@@ -53,8 +61,8 @@ Picture Shown(const Case& test) {
 
 class Pictures : public DriverSession, public ::testing::WithParamInterface<Case> {
 protected:
-    // Opens, looks at pictures until three of this size have come, and closes; the last of them.
-    Picture ThirdPicture(const Case& test) {
+    // Opens, looks at pictures until enough of this size have come, and closes; the last of them.
+    Picture LastPicture(const Case& test) {
         const auto id = static_cast<uint32_t>(test.camera);
         EXPECT_EQ(Open({id, test.width, test.height, 30}), uint32_t{kCameraOpen});
         EXPECT_EQ(CountLines("[LinuxV4L2CameraCapture] startCapture success, devid " + std::to_string(id) +
@@ -63,24 +71,26 @@ protected:
                   1U);
         PictureReader reader;
         std::optional<Picture> picture;
-        std::optional<int> before;
-        for (int good = 0, all = 0; good < 3 && all < 30; ++all) {
+        std::optional<int> first;
+        std::optional<int> last;
+        for (int good = 0, all = 0; good < EnoughPictures(test.width) && all < 60; ++all) {
             picture = reader.Decode(NextFrame(id));
             // The first may still be the default camera's, or of the default size.
             if (!picture || picture->width != test.width || picture->height != test.height) {
                 good = 0;
+                first = last = std::nullopt;
                 continue;
             }
             const auto time = BurntInTime(*picture);
             EXPECT_TRUE(time) << "no time in the picture";
-            if (good > 0 && time && before) {
-                EXPECT_GT(*time, *before);
-            }
-            before = time;
+            EXPECT_GE(time, last);
+            first = first ? first : time;
+            last = time;
             ++good;
         }
+        EXPECT_GT(last, first) << "the picture stands still";
         EXPECT_EQ(Close(id), uint32_t{kCameraClosed});
-        EXPECT_EQ(Complaints(), std::vector<std::string>{});
+        EXPECT_EQ(Complaints(id), std::vector<std::string>{});
         return picture.value_or(Picture{});
     }
 };
@@ -92,17 +102,17 @@ TEST_P(Pictures, ArriveAsTheDriverShowedThem) {
         // Never chosen, only kept: when the device refuses to change from it.
         OutputOf("v4l2-ctl -d " + DeviceFile(test.camera) + SetFormatOption(test));
         const FormatFilter filter = FormatFilter::KeepsItsFormat();
-        arrived = ThirdPicture(test);
+        arrived = LastPicture(test);
     } else if (test.format == "YU12") {
         // The driver's first.
-        arrived = ThirdPicture(test);
+        arrived = LastPicture(test);
     } else {
         const FormatFilter filter = FormatFilter::Only(FourCc(test.format));
-        arrived = ThirdPicture(test);
+        arrived = LastPicture(test);
     }
     const double likeness = Likeness(Shown(test), arrived);
     std::printf("%d %s %s: %.1f dB\n", test.camera, test.format.c_str(), test.Size().c_str(), likeness);
-    EXPECT_GE(likeness, 30.0);
+    EXPECT_GE(likeness, kAlike);
 }
 
 std::string NameOf(const ::testing::TestParamInfo<Case>& test) {
@@ -119,10 +129,10 @@ const std::vector<Case> kUsual = {
 // Every other size, from large to small: rows that the driver keeps long are met on the way.
 std::vector<Case> TheOthers() {
     const std::vector<std::pair<int, int>> webcam = {{1920, 1080}, {1280, 720}, {640, 480}, {320, 180}};
-    const std::vector<std::pair<int, int>> hdmi = {
-        {1920, 1080}, {1440, 1080}, {1440, 900}, {1280, 720}, {1280, 600}, {1152, 864},
-        {1024, 768},  {960, 720},   {800, 600},  {704, 576},  {640, 480},  {352, 288},
-        {320, 240},   {176, 144},   {160, 120},  {128, 96}};
+    const std::vector<std::pair<int, int>> hdmi = {{1920, 1080}, {1440, 1080}, {1440, 900}, {1280, 720},
+                                                   {1280, 600},  {1152, 864},  {1024, 768}, {960, 720},
+                                                   {800, 600},   {704, 576},   {640, 480},  {352, 288},
+                                                   {320, 240},   {176, 144},   {160, 120},  {128, 96}};
     std::vector<Case> cases;
     for (const char* format : {"YU12", "NV12", "NV21", "YV12", "YUYV", "BGR4"}) {
         for (const int camera : {kWebcam, kHdmi}) {
@@ -173,18 +183,19 @@ TEST_P(PaddedRows, OfASizeAfterALargerOneDoNotShearThePicture) {
     ASSERT_EQ(Open({id, test.width, test.height, 30}), uint32_t{kCameraOpen});
     const std::string format = OutputOf("v4l2-ctl -d " + DeviceFile(test.camera) + " --get-fmt-video");
     EXPECT_NE(format.find("Width/Height      : 320/180\n"), std::string::npos) << format;
-    EXPECT_NE(format.find(test.format == "YUYV" ? "Bytes per Line    : 3840\n" : "Bytes per Line    : 1920\n"),
-              std::string::npos)
+    EXPECT_NE(
+        format.find(test.format == "YUYV" ? "Bytes per Line    : 3840\n" : "Bytes per Line    : 1920\n"),
+        std::string::npos)
         << format;
     PictureReader reader;
     std::optional<Picture> picture;
-    for (int good = 0, all = 0; good < 3 && all < 30; ++all) {
+    for (int good = 0, all = 0; good < EnoughPictures(test.width) && all < 60; ++all) {
         picture = reader.Decode(NextFrame(id));
         good += picture && picture->width == test.width ? 1 : 0;
     }
     EXPECT_EQ(Close(id), uint32_t{kCameraClosed});
     ASSERT_TRUE(picture);
-    EXPECT_GE(Likeness(shown, *picture), 30.0);
+    EXPECT_GE(Likeness(shown, *picture), kAlike);
 }
 
 INSTANTIATE_TEST_SUITE_P(Usual, PaddedRows,
