@@ -6,6 +6,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "tests/vm/device_requests.h"
+
 namespace zumod::testing {
 namespace {
 
@@ -29,6 +31,7 @@ std::string TextOf(const char (&field)[kCameraNameSize]) {
 }  // namespace
 
 void DriverSession::SetUp() {
+    ForgetCaptureThreads();
     Start(ZU_MODULE_DIR);
     m_peer.emplace(PeerEnd());
     const timeval limit{30, 0};

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "tests/support/wait_until.h"
+#include "tests/vm/device_requests.h"
 #include "tests/vm/driver_session.h"
 #include "tests/vm/vivid_cameras.h"
 #include "tests/vm/work_thread.h"
@@ -33,13 +34,13 @@ protected:
 TEST_F(ManyCameras, TwoDeliverSideBySideEachItsOwnSize) {
     ASSERT_EQ(Open({0, 640, 480, 15}), uint32_t{kCameraOpen});
     ASSERT_EQ(Open({2, 320, 180, 15}), uint32_t{kCameraOpen});
-    EXPECT_EQ(ThreadsNamed("v4l2-cap").size(), 2U);
     PictureReader first;
     PictureReader second;
     for (int turn = 0; turn < 3; ++turn) {
         ExpectRunning(0, first, 640, 2);
         ExpectRunning(2, second, 320, 2);
     }
+    EXPECT_EQ(CaptureThreads().size(), 2U);
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
     EXPECT_EQ(Close(2), uint32_t{kCameraClosed});
 }
@@ -50,18 +51,18 @@ TEST_F(ManyCameras, ThreeDeliverAndTheOthersGoOnAsEachIsClosed) {
     for (const uint32_t id : {0U, 1U, 2U}) {
         ASSERT_EQ(Open({id, 640, 480, 15}), uint32_t{kCameraOpen}) << id;
     }
-    EXPECT_EQ(ThreadsNamed("v4l2-cap").size(), 3U);
     for (const uint32_t id : {0U, 1U, 2U}) {
         ExpectRunning(id, readers.at(id), 640, 3);
     }
+    EXPECT_EQ(CaptureThreads().size(), 3U);
     EXPECT_EQ(Close(1), uint32_t{kCameraClosed});
-    EXPECT_EQ(ThreadsNamed("v4l2-cap").size(), 2U);
+    EXPECT_EQ(CaptureThreads().size(), 2U);
     ExpectRunning(0, readers[0], 640, 3);
     ExpectRunning(2, readers[2], 640, 3);
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
     ExpectRunning(2, readers[2], 640, 3);
     EXPECT_EQ(Close(2), uint32_t{kCameraClosed});
-    EXPECT_EQ(ThreadsNamed("v4l2-cap").size(), 0U);
+    EXPECT_EQ(CaptureThreads().size(), 0U);
     for (const uint32_t id : {0U, 1U, 2U}) {
         EXPECT_EQ(Complaints(id), std::vector<std::string>{});
     }

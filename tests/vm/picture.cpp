@@ -52,12 +52,11 @@ std::optional<int> DigitAt(const Picture& picture, int left) {
     return fewest <= kMostWrongPixels ? std::optional(best) : std::nullopt;
 }
 
-// Three planes cut out of bytes: where each begins and how far its samples and its rows are apart.
+// Three planes cut out of bytes: where each begins, and how far its samples and its rows are apart.
 struct Cut {
     size_t start;
     size_t step;
     size_t stride;
-    size_t row_step = 1;
 };
 
 Picture Cut420(int width, int height, const std::vector<uint8_t>& bytes, const std::array<Cut, 3>& cuts) {
@@ -66,9 +65,23 @@ Picture Cut420(int width, int height, const std::vector<uint8_t>& bytes, const s
         const Cut& cut = cuts.at(plane);
         for (size_t y = 0; y < static_cast<size_t>(picture.PlaneHeight(plane)); ++y) {
             for (size_t x = 0; x < static_cast<size_t>(picture.PlaneWidth(plane)); ++x) {
-                picture.planes.at(plane).push_back(
-                    bytes.at(cut.start + y * cut.row_step * cut.stride + x * cut.step));
+                picture.planes.at(plane).push_back(bytes.at(cut.start + y * cut.stride + x * cut.step));
             }
+        }
+    }
+    return picture;
+}
+
+// Two pixels in four bytes; the colours of two rows are taken together.
+Picture FromYuyv(int width, int height, const std::vector<uint8_t>& bytes) {
+    Picture picture{width, height, {}};
+    const auto stride = static_cast<size_t>(2 * width);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        if (i % 2 == 0) {
+            picture.planes[0].push_back(bytes[i]);
+        } else if (i / stride % 2 == 0) {
+            const int both = bytes[i] + bytes.at(i + stride) + 1;
+            picture.planes.at(i % 4 == 1 ? 1 : 2).push_back(static_cast<uint8_t>(both / 2));
         }
     }
     return picture;
@@ -131,7 +144,7 @@ Picture FromBytes(const std::string& format, int width, int height, const std::v
         return Cut420(width, height, bytes, {{{0, 1, row}, {luma + 1, 2, row}, {luma, 2, row}}});
     }
     if (format == "YUYV") {
-        return Cut420(width, height, bytes, {{{0, 2, 2 * row}, {1, 4, 2 * row, 2}, {3, 4, 2 * row, 2}}});
+        return FromYuyv(width, height, bytes);
     }
     if (format == "BGR4") {
         return FromBgr(width, height, bytes);

@@ -9,8 +9,8 @@
 #include <optional>
 #include <ostream>
 
+#include "tests/vm/device_requests.h"
 #include "tests/vm/driver_session.h"
-#include "tests/vm/format_filter.h"
 #include "tests/vm/vivid_cameras.h"
 
 namespace zumod::testing {
@@ -110,7 +110,8 @@ TEST_P(Pictures, ArriveAsTheDriverShowedThem) {
         const FormatFilter filter = FormatFilter::Only(FourCc(test.format));
         arrived = LastPicture(test);
     }
-    const double likeness = Likeness(Shown(test), arrived);
+    const Picture shown = Shown(test);
+    const double likeness = Likeness(shown, arrived);
     std::printf("%d %s %s: %.1f dB\n", test.camera, test.format.c_str(), test.Size().c_str(), likeness);
     EXPECT_GE(likeness, kAlike);
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/process_state.h"
+#include "tests/vm/device_requests.h"
 #include "tests/vm/driver_session.h"
 #include "tests/vm/vivid_cameras.h"
 #include "tests/vm/work_thread.h"
@@ -21,12 +22,10 @@ protected:
         while (FrameComes(0, seconds(1))) {
             NextFrame(0);
         }
-        const auto threads = ThreadsNamed("v4l2-cap");
+        const auto threads = CaptureThreads();
         ASSERT_EQ(threads.size(), 1U) << "the work thread has ended";
-        const ThreadCost cost = CostOf(threads[0], milliseconds(2500));
-        std::printf("[figure] %s: the work thread takes %.1f %% of a processor, %.0f waits a second\n", how,
-                    100 * cost.processor_share, cost.waits_a_second);
-        EXPECT_EQ(ThreadsNamed("v4l2-cap"), threads);
+        PrintCostOf(threads[0], milliseconds(2500), how);
+        EXPECT_EQ(CaptureThreads(), threads);
         EXPECT_EQ(CountLines("[LinuxV4L2CameraCapture] work thread finish"), 0U);
         EXPECT_EQ(Complaints(0), std::vector<std::string>{});
     }
@@ -38,7 +37,7 @@ protected:
         EXPECT_EQ(
             Complaints(0),
             (std::vector<std::string>{"[LinuxV4L2CameraCapture] dealloc buffer pool fail, devid 0, err 19"}));
-        EXPECT_EQ(ThreadsNamed("v4l2-cap").size(), 0U);
+        EXPECT_EQ(CaptureThreads().size(), 0U);
     }
 };
 
@@ -90,8 +89,7 @@ TEST_F(Unplug, ASessionThatEndsWithoutClosingAMissingCameraGivesEverythingBack) 
     }
     // Finish, which every test of a session ends with, looks at the rest.
     TearDown();
-    EXPECT_EQ(ThreadsNamed("v4l2-cap").size(), 0U);
-    EXPECT_EQ(ThreadsNamed("cameraclient-se").size(), 0U);
+    EXPECT_EQ(CaptureThreads().size(), 0U);
     BindDriver();
     SetUp();
     EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});

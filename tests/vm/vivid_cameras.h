@@ -22,6 +22,9 @@ std::string OutputOf(const std::string& command);
 // v4l2-ctl --set-ctrl for that camera: "name=value,name=value".
 void SetControls(int camera, const std::string& controls);
 
+// Set in the environment of a program of these tests that shall leave the cameras as they are.
+inline constexpr char kCamerasAreSetUp[] = "ZU_VM_CAMERAS_ARE_SET_UP";
+
 // The same still picture on every camera but for the running time in its first rows, each camera with other
 // colours; no fault is left set.
 void SetUpCameras();

@@ -1,4 +1,4 @@
-// What the module's capture threads cost: processor time and context switches, as the kernel counts them.
+// What a capture thread costs: processor time and context switches, as the kernel counts them.
 //
 // Thread rule: any thread.
 #pragma once
@@ -6,21 +6,11 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <cstdint>
-#include <string>
-#include <vector>
 
 namespace zumod::testing {
 
-// The threads of this process with that name.
-std::vector<pid_t> ThreadsNamed(const std::string& name);
-
-struct ThreadCost {
-    double processor_share;  // of one processor
-    double waits_a_second;   // how often it gave the processor away
-};
-
-// Over that time, in which the thread does what it does. Zeros when it has ended.
-ThreadCost CostOf(pid_t thread, std::chrono::milliseconds time);
+// Prints, as a figure of that name, what the thread does within that time: how much of a processor it takes,
+// how often it gives it away, how often it asks for a filled buffer.
+void PrintCostOf(pid_t thread, std::chrono::milliseconds time, const char* name);
 
 }  // namespace zumod::testing

@@ -1,4 +1,4 @@
-#include "tests/vm/format_filter.h"
+#include "tests/vm/device_requests.h"
 
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
@@ -8,12 +8,19 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <string>
 
 namespace zumod::testing {
 namespace {
 
 std::atomic<uint32_t> only_format{0};
 std::atomic<bool> keeps_its_format{false};
+
+std::mutex threads_mutex;
+std::map<pid_t, uint64_t> dequeues;
 
 int Call(int descriptor, unsigned long request, void* argument) {
     return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
@@ -38,6 +45,27 @@ int ListOnly(int descriptor, v4l2_fmtdesc* description) {
 
 }  // namespace
 
+std::vector<pid_t> CaptureThreads() {
+    const std::lock_guard guard(threads_mutex);
+    std::vector<pid_t> threads;
+    for (const auto& [thread, count] : dequeues) {
+        if (std::filesystem::exists("/proc/self/task/" + std::to_string(thread))) {
+            threads.push_back(thread);
+        }
+    }
+    return threads;
+}
+
+void ForgetCaptureThreads() {
+    const std::lock_guard guard(threads_mutex);
+    dequeues.clear();
+}
+
+uint64_t DequeuesOf(pid_t thread) {
+    const std::lock_guard guard(threads_mutex);
+    return dequeues[thread];
+}
+
 FormatFilter::FormatFilter(uint32_t only, bool keeps_format) {
     only_format = only;
     keeps_its_format = keeps_format;
@@ -55,6 +83,10 @@ static int Filtered(int descriptor, unsigned long request, void* argument) {
     if (request == VIDIOC_S_FMT && keeps_its_format) {
         errno = EBUSY;
         return -1;
+    }
+    if (request == VIDIOC_DQBUF) {
+        const std::lock_guard guard(threads_mutex);
+        ++dequeues[gettid()];
     }
     return Call(descriptor, request, argument);
 }
