@@ -174,7 +174,7 @@ TEST(CallOrder, OfAStartAndAStopIsTheOneThatIsDocumented) {
     }
     EXPECT_GE(pictures, 3);
     // The stop found the thread waiting, or with a picture that is not given back.
-    for (const char* last : {"select", "DQBUF"}) {
+    for (const char* last : {"DQBUF", "select"}) {
         const auto stop = std::find(words.begin(), words.end(), "munmap");
         if (stop != words.begin() && stop != words.end() && *(stop - 1) == last) {
             words.erase(stop - 1);
