@@ -66,6 +66,17 @@ as_user 1000
 run
 [ "$(grep -c '^sudo$' <<<"$calls")" -eq 2 ] || fail 'another user asks sudo for each call'
 
+as_user 0
+sed 's/^/ii  /' "$work/list" >"$work/packages"
+grep -qx 'qemu-system-x86' "$work/list" && fail 'the virtual machine is not for everyone'
+run --vm
+grep -qE '^apt-get install .* qemu-system-x86( |$)' <<<"$calls" || fail "--vm installs the virtual machine: $calls"
+run --vm --list
+grep -qx 'qemu-system-x86' <<<"$printed" || fail '--vm --list names the virtual machine'
+grep -qx 'cmake' <<<"$printed" || fail '--vm --list names the rest as well'
+[ -z "$calls" ] || fail '--vm --list installs nothing'
+as_user 1000
+
 for wrong in --lst list -x; do
     run "$wrong"
     [ "$status" -eq 2 ] || fail "$wrong is refused with 2, not $status"
@@ -77,7 +88,7 @@ run --help
 grep -q '^Usage: scripts/setup' <<<"$printed" || fail '--help tells the usage'
 [ -z "$calls" ] || fail '--help installs nothing'
 
-for script in scripts/test scripts/bench; do
+for script in scripts/test scripts/bench scripts/vm; do
     status=0
     "${setup%scripts/setup}$script" --no-such-option >/dev/null 2>&1 || status=$?
     [ "$status" -eq 2 ] || fail "$script refuses a wrong option with 2, not $status"
