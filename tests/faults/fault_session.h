@@ -196,8 +196,8 @@ private:
             const std::lock_guard guard(m_mutex);
             return std::pair(frames, !replies.empty() && replies.back()[4] == 5 && replies.back()[8] == 2);
         };
-        const auto [first, open] = now();
-        if (!open) {
+        const int first = now().first;
+        if (!now().second) {
             return;
         }
         auto last_news = std::chrono::steady_clock::now();

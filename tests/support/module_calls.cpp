@@ -110,9 +110,10 @@ public:
     }
 
 private:
-    static constexpr size_t kSlots = size_t{1} << 16;
+    static constexpr int kBits = 18;
+    static constexpr size_t kSlots = size_t{1} << kBits;
     static size_t Home(const void* block) {
-        return (reinterpret_cast<uintptr_t>(block) * 0x9E3779B97F4A7C15U) >> 48;
+        return (reinterpret_cast<uintptr_t>(block) * 0x9E3779B97F4A7C15U) >> (64 - kBits);
     }
     static size_t Next(size_t at) { return (at + 1) & (kSlots - 1); }
 
@@ -122,6 +123,7 @@ private:
 };
 
 constinit BlockTable g_blocks;
+constinit std::atomic<int64_t> g_mappings{0};
 constinit std::array<std::atomic<uint64_t>, kModuleCallKinds> g_calls{};
 constinit std::atomic<int> g_failing_kind{-1};
 constinit std::atomic<uint64_t> g_fail_from{0};
@@ -325,7 +327,15 @@ void* mmap(void* address, size_t length, int protection, int flags, int descript
         errno = ENOMEM;
         return MAP_FAILED;
     }
-    return ZU_REAL(mmap)(address, length, protection, flags, descriptor, offset);
+    void* const start = ZU_REAL(mmap)(address, length, protection, flags, descriptor, offset);
+    g_mappings += IsInside() && start != MAP_FAILED ? 1 : 0;
+    return start;
+}
+
+int munmap(void* address, size_t length) noexcept {
+    const int result = ZU_REAL(munmap)(address, length);
+    g_mappings -= IsInside() && result == 0 ? 1 : 0;
+    return result;
 }
 
 // Long waits of the module become short: what it waits for does not depend on how long it waits.
@@ -411,6 +421,9 @@ uint64_t CallsOf(ModuleCall kind) {
 }
 ModuleHeap HeapOfModule() {
     return g_blocks.Heap();
+}
+int64_t MappingsOfModule() {
+    return g_mappings;
 }
 size_t ListHeapOfModule(ModuleBlock* blocks, size_t room) {
     return g_blocks.List(blocks, room);

@@ -45,6 +45,8 @@ struct ModuleHeap {
 ModuleHeap HeapOfModule();
 // The first so many of its blocks; returns how many it has.
 size_t ListHeapOfModule(ModuleBlock* blocks, size_t room);
+// What it has mapped, in mappings.
+int64_t MappingsOfModule();
 // The block that malloc gave to the thread of the failed call just before it; null when no call failed.
 const void* LastBlockBeforeFailure();
 // What was asked for in the first call that failed.
