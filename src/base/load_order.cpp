@@ -1,5 +1,7 @@
 // What the module makes when it is loaded, in one file: within a file the order of making is the order of
 // writing, whatever the linker does.
+#include <new>
+
 #include "base/base_thread.h"
 #include "base/create_buffer.h"
 #include "base/mem_alloctor_ex.h"
@@ -15,6 +17,7 @@ ADD_TO_MONITORING_LIST<CBaseThread> g_BaseThreadMonitor("CBaseThread");
 
 }  // namespace
 
-CRefPtr_T<IMemAlloctor> g_pDefaultAlloctor(new CMemAlloctorEx<CMemBuffer>);
+// Empty when memory is short: an exception has nowhere to go while a library is loaded.
+CRefPtr_T<IMemAlloctor> g_pDefaultAlloctor(new (std::nothrow) CMemAlloctorEx<CMemBuffer>);
 
 }  // namespace zumod

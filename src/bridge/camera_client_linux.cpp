@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <optional>
 
 #include "bridge/input_format.h"
@@ -19,7 +20,12 @@ constexpr std::chrono::milliseconds kStopCheckInterval{10};
 }  // namespace
 
 CCameraClientLinux::CCameraClientLinux() : m_capture(new LinuxV4L2CameraCapture) {
-    m_capture->SignalCaptureFrame.connect(this, &CCameraClientLinux::OnCaptureFrame);
+    try {
+        m_capture->SignalCaptureFrame.connect(this, &CCameraClientLinux::OnCaptureFrame);
+    } catch (...) {
+        delete m_capture;  // what a destructor leaves behind, deliberately, a constructor does not
+        throw;
+    }
 }
 
 CCameraClientLinux::~CCameraClientLinux() {
@@ -82,7 +88,11 @@ int32_t CCameraClientLinux::Close(const uint32_t* /*ignored*/) {
 void CCameraClientLinux::OnCaptureFrame(const unsigned char* data, unsigned long length, int width,
                                         int height, int fourcc) {
     if (LockForFrame()) {
-        HandleFrame(data, length, width, height, fourcc);
+        try {
+            HandleFrame(data, length, width, height, fourcc);
+        } catch (const std::bad_alloc&) {
+            // The frame is dropped: on this thread nobody stands above to be told.
+        }
         m_lock.Unlock();
     }
 }

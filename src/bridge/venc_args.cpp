@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <new>
+
 #include "base/create_buffer.h"
 
 namespace zumod {
@@ -9,8 +11,12 @@ namespace zumod {
 uint64_t CVEncArgs::PrepareOutput(uint32_t size) {
     if (m_output != nullptr) {
         m_output->Resize(size);
-    } else {
-        m_output = (m_alloctor != nullptr ? m_alloctor : g_pDefaultAlloctor)->Alloc(size);
+    } else if (IMemAlloctor* alloctor = m_alloctor != nullptr ? m_alloctor.Get() : g_pDefaultAlloctor.Get()) {
+        try {
+            m_output = alloctor->Alloc(size);
+        } catch (const std::bad_alloc&) {
+            // The encoder, another module's code, is told by the 0 below, not by an exception of this one's.
+        }
     }
     return m_output != nullptr ? m_output->SetSize(size) : 0;
 }

@@ -4,7 +4,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/create_buffer.h"
@@ -31,6 +33,9 @@ public:
     }
     CRefPtr_T<IBuffer> Alloc(uint64_t size) override {
         m_events.push_back("alloc " + std::to_string(size));
+        if (throws) {
+            throw std::bad_alloc();
+        }
         return empty ? nullptr : CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(size), size));
     }
     bool Free(IBuffer* buffer) override {
@@ -52,6 +57,7 @@ public:
 
     int64_t references = 0;
     bool empty = false;
+    bool throws = false;
 
 private:
     Events& m_events;
@@ -127,6 +133,22 @@ TEST_F(VEncArgsTest, AnAllocatorWithoutMemoryGivesNoOutput) {
     EXPECT_EQ(own->PrepareOutput(100), 0U);
     EXPECT_EQ(own->GetOutputData(), nullptr);
     EXPECT_EQ(own->GetOutputSize(), 0U);
+}
+
+TEST_F(VEncArgsTest, AnAllocatorThatThrowsForWantOfMemoryGivesNoOutput) {
+    const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
+    alloctor.throws = true;
+    EXPECT_EQ(own->PrepareOutput(100), 0U);
+    EXPECT_EQ(own->GetOutputData(), nullptr);
+    alloctor.throws = false;
+    EXPECT_EQ(own->PrepareOutput(100), 100U);
+}
+
+TEST_F(VEncArgsTest, WithoutAnyAllocatorThereIsNoOutput) {
+    const CRefPtr_T<IMemAlloctor> none = std::exchange(g_pDefaultAlloctor, nullptr);
+    EXPECT_EQ(args->PrepareOutput(100), 0U);
+    EXPECT_EQ(args->GetOutputData(), nullptr);
+    g_pDefaultAlloctor = none;
 }
 
 TEST_F(VEncArgsTest, WithoutAnAllocatorTheDefaultOneIsUsed) {

@@ -3,10 +3,12 @@
 #include <linux/videodev2.h>
 
 #include <cerrno>
+#include <new>
 #include <stdexcept>
 #include <thread>
 
 #include "tests/support/device_double.h"
+#include "tests/support/platform_watch.h"
 #include "tests/support/recording_host.h"
 
 namespace zumod {
@@ -292,6 +294,19 @@ class ThrowingHost final : public testing::RecordingHost {
 public:
     int WriteLog(uint32_t, const char*) override { throw std::runtime_error("sink"); }
 };
+
+TEST_F(CameraEnumeratorTest, AScanWithoutMemoryThrowsWhatTheAllocationThrewAndLeavesNoDeviceOpen) {
+    devices.SetCamera(0, Vga("First"));
+    devices.SetCamera(1, Vga("Second"));
+    for (const size_t size : {2 * sizeof(CameraDeviceInfo), sizeof(CameraDeviceInfo)}) {
+        // The list of cameras grows from one place to two.
+        testing::PlatformWatch watch;
+        watch.FailNew(size, 1);
+        EXPECT_THROW(List(), std::bad_alloc) << size;
+        EXPECT_EQ(devices.OpenDescriptors(), 0);
+    }
+    EXPECT_EQ(List().size(), 2U);
+}
 
 TEST_F(CameraEnumeratorTest, AThrowingSinkLeavesNoDeviceOpen) {
     devices.SetCamera(0, Vga("Good"));

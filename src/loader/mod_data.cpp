@@ -1,6 +1,7 @@
 #include "loader/mod_data.h"
 
 #include <cstring>
+#include <memory>
 
 namespace zumod {
 namespace {
@@ -54,10 +55,10 @@ IZUModData* CZUModData::Clone() {
     if (m_tag != kZUModDataObject) {
         return new CZUModData(m_tag, m_bytes.data(), m_bytes.size());
     }
-    auto* copy = new CZUModData(m_object.Get());
+    auto copy = std::make_unique<CZUModData>(m_object.Get());
     // The copy of an object value carries the eight zero bytes that an integer would have. Kept as it is.
     copy->m_bytes.assign(sizeof(int64_t), 0);
-    return copy;
+    return copy.release();
 }
 
 }  // namespace zumod

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/support/counted_object.h"
+#include "tests/support/platform_watch.h"
 #include "tests/support/raw_slots.h"
 
 namespace zumod {
@@ -14,6 +15,7 @@ namespace {
 
 using testing::CallSlot;
 using testing::CountedObject;
+using testing::PlatformWatch;
 using testing::ReferenceLedger;
 using Bytes = std::vector<uint8_t>;
 
@@ -211,6 +213,18 @@ TEST(ModData, ACloneOfAnObjectCarriesEightZeroBytes) {
     EXPECT_EQ(value->GetSize(), 0U);
     EXPECT_EQ(BytesOf(copy), Bytes(8, 0));
     EXPECT_EQ(BytesOf(CRefPtr_T<IZUModData>(copy->Clone())), Bytes(8, 0));
+}
+
+TEST(ModData, ACloneOfAnObjectThatMemoryDoesNotSufficeForGivesItsReferenceBack) {
+    ReferenceLedger ledger;
+    {
+        const CRefPtr_T<IZUModData> value(new CZUModData(new CountedObject(ledger)));
+        PlatformWatch watch;
+        watch.FailNew(8, 1);  // the eight zero bytes
+        EXPECT_THROW(static_cast<void>(value->Clone()), std::bad_alloc);
+    }
+    EXPECT_TRUE(ledger.Balanced());
+    EXPECT_EQ(ledger.died, 1);
 }
 
 TEST(ModData, TheTableHasItsOperationsInTheBindingOrder) {

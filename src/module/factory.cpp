@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <new>
 #include <string>
 
 #include "module/log.h"
@@ -35,9 +36,7 @@ uint64_t MajorVersion(uint64_t version) {
     return version >> 48;
 }
 
-}  // namespace
-
-int camera_client_create(IZUModCreatePolicy* props, IZUModInterface** out) {
+int Create(IZUModCreatePolicy* props, IZUModInterface** out) {
     if (props == nullptr || out == nullptr) {
         ZuModLog(kLogTrace, "[camera_client] camera_client_create invalid param");
         return 0;
@@ -64,6 +63,16 @@ int camera_client_create(IZUModCreatePolicy* props, IZUModInterface** out) {
     IClientCameraPlugin* plugin = CRefPtr_T<IClientCameraPlugin>(new ClientCamera).Detach();
     *out = static_cast<IZUModInterface*>(static_cast<void*>(plugin));
     return 1;
+}
+
+}  // namespace
+
+int camera_client_create(IZUModCreatePolicy* props, IZUModInterface** out) {
+    try {
+        return Create(props, out);
+    } catch (const std::bad_alloc&) {
+        return 0;  // a refusal like any other; what a host object throws goes on to the host
+    }
 }
 
 }  // namespace zumod

@@ -1,8 +1,10 @@
 // Any bytes from the peer and any failure of the stream: nothing is left behind and the plugin serves on.
 #include <gtest/gtest.h>
+#include <cstdlib>
 
 #include <random>
 
+#include "base/mem_buffer.h"
 #include "plugin/client_camera.h"
 #include "tests/support/camera_messages.h"
 #include "tests/support/client_camera_double.h"
@@ -169,6 +171,34 @@ TEST_F(BadInput, NoMemoryForAFrameDropsIt) {
     plugin->OnVideoPacket(7, "abcd", 4);
     EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 20; }));
     EXPECT_EQ(stream->Written()[12], 4);
+}
+
+// A buffer is an object and its block; when there is no memory for the object, the allocation throws, and its
+// block is deliberately left.
+TEST_F(BadInput, NoMemoryForAMessagesObjectEndsTheRunLikeAFailedRead) {
+    PlatformWatch heap;
+    heap.FailNew(sizeof(CMemBuffer), 1);
+    host.TakeLines();
+    EXPECT_TRUE(Serve(kVersionRequestBytes)->Written().empty());
+    std::free(heap.LastMalloc());
+    EXPECT_EQ(host.Lines(),
+              (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
+    ExpectServesOn();
+}
+
+TEST_F(BadInput, NoMemoryForAFramesObjectDropsIt) {
+    const auto stream = Serve({});
+    plugin->ExitInstance();
+    PlatformWatch heap;
+    heap.FailNew(sizeof(CMemBuffer), 1);
+    plugin->OnVideoPacket(7, "abc", 3);
+    std::free(heap.LastMalloc());
+    EXPECT_FALSE(plugin->IsBusy(7));
+    for (int frame = 0; frame < 6; ++frame) {
+        EXPECT_FALSE(plugin->IsBusy(7));
+        plugin->OnVideoPacket(7, "abcd", 4);
+    }
+    EXPECT_TRUE(plugin->IsBusy(7));
 }
 
 TEST_F(BadInput, RandomBytesInRandomPieces) {

@@ -1,6 +1,7 @@
 #include "plugin/client_camera.h"
 
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "base/mem_alloctor_ex.h"
@@ -61,7 +62,11 @@ int ClientCamera::Run() {
     m_queue.Reset();
     m_send_thread->Start();
     if (const CRefPtr_T<IChannelStream> stream = m_stream.Get(); stream != nullptr) {
-        ServePeer(*stream, *m_alloctor, *this);
+        try {
+            ServePeer(*stream, *m_alloctor, *this);
+        } catch (const std::bad_alloc&) {
+            // As after a failed read: the peer learns from the end of the stream, not from a missing reply.
+        }
     }
     ZuModLog(kLogEvent, "[cameraclient] Run return");
     return 1;
@@ -90,11 +95,15 @@ void ClientCamera::CloseAllCameras() {
 }
 
 CRefPtr_T<IBuffer> ClientCamera::AllocMessage(uint64_t size) {
-    CRefPtr_T<IBuffer> message = m_alloctor->Alloc(size);
-    if (message != nullptr) {
-        message->SetSize(size);
+    try {
+        CRefPtr_T<IBuffer> message = m_alloctor->Alloc(size);
+        if (message != nullptr) {
+            message->SetSize(size);
+        }
+        return message;
+    } catch (const std::bad_alloc&) {
+        return {};
     }
-    return message;
 }
 
 void ClientCamera::SendDirectly(IBuffer& message) {

@@ -62,6 +62,8 @@ private:
     bool OnProtoSetProperty(const uint8_t* body, unsigned long length, IBuffer* context);
     bool OnProtoSetFormat(const uint8_t* body, unsigned long length, IBuffer* context);
 
+    // A new camera client in the map; null when none can be made.
+    IClientCamera* AddCamera(uint32_t id);
     bool OpenCamera(IClientCamera& camera, const FormatRequest& request);
     void CloseAllCameras();
 

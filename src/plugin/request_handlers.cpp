@@ -1,4 +1,5 @@
 // ClientCamera's handlers, one for each request of the peer, and the table that leads to them.
+#include <new>
 #include <utility>
 
 #include "capture/camera_enumerator.h"
@@ -61,19 +62,31 @@ bool ClientCamera::OnProtoOpenCamera(const uint8_t* body, unsigned long length, 
     }
     ZuModLog(kLogEvent, "[cameraclient] OnProtoOpenCamera id %d w %d h %d fps %d", id, request->width,
              request->height, request->fps);
-    CRefPtr_T<IClientCamera> created = CreateClientCamera();
-    if (created == nullptr) {
-        ZuModLog(kLogIgnored, "[cameraclient] OnProtoOpenCamera cureent platform not impl");
+    IClientCamera* const camera = AddCamera(request->id);
+    if (camera == nullptr) {
         return SendCameraState(kCameraFailed, request->id);
     }
-    // The map's reference is the only one: a camera that does not open is gone before the peer hears of it.
-    IClientCamera& camera = *(m_devs[request->id] = std::move(created));
-    if (!OpenCamera(camera, *request)) {
-        camera.Close(&request->id);
+    if (!OpenCamera(*camera, *request)) {
+        camera->Close(&request->id);
         m_devs.erase(request->id);
         return SendCameraState(kCameraFailed, request->id);
     }
     return SendCameraState(kCameraOpen, request->id);
+}
+
+IClientCamera* ClientCamera::AddCamera(uint32_t id) {
+    try {
+        CRefPtr_T<IClientCamera> created = CreateClientCamera();
+        if (created == nullptr) {
+            ZuModLog(kLogIgnored, "[cameraclient] OnProtoOpenCamera cureent platform not impl");
+            return nullptr;
+        }
+        // The map's reference is the only one: a camera that does not open is gone before the peer hears of
+        // it.
+        return (m_devs[id] = std::move(created)).Get();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 bool ClientCamera::OpenCamera(IClientCamera& camera, const FormatRequest& request) {

@@ -49,6 +49,9 @@ CSendQueue::~CSendQueue() {
 }
 
 void CSendQueue::Enqueue(CRefPtr_T<IBuffer> message) {
+    // Whatever may throw comes before a slot is taken.
+    std::list<CRefPtr_T<IBuffer>> link;
+    link.push_back(std::move(message));
     uint64_t generation = 0;
     if (!m_running.load(std::memory_order_relaxed) || !BeginUse(generation)) {
         return;
@@ -63,7 +66,7 @@ void CSendQueue::Enqueue(CRefPtr_T<IBuffer> message) {
         if (m_generation != generation) {
             return;
         }
-        m_list.push_back(std::move(message));
+        m_list.splice(m_list.end(), link);
         m_count.fetch_add(1, std::memory_order_relaxed);
         m_uses.fetch_add(1, std::memory_order_relaxed);
     }
@@ -122,8 +125,14 @@ bool CSendQueue::BeginUse(uint64_t& generation) {
 
 void CSendQueue::OpenLocked() {
     m_list.clear();
-    sem_init(&m_free_slots, 0, kFreeSlots);
-    sem_init(&m_items, 0, 0);
+    // A queue without its semaphores stays closed: nobody may wait on what was never made.
+    if (sem_init(&m_free_slots, 0, kFreeSlots) != 0) {
+        return;
+    }
+    if (sem_init(&m_items, 0, 0) != 0) {
+        sem_destroy(&m_free_slots);
+        return;
+    }
     while (sem_trywait(&m_items) == 0) {
     }
     m_running.store(true, std::memory_order_relaxed);

@@ -114,6 +114,29 @@ TEST_F(SendQueueCalls, InterruptedCallsAreRepeated) {
                                         "sem_post(free)", "sem_post(free)"}));
 }
 
+TEST_F(SendQueueCalls, AQueueWithoutItsSemaphoresIsClosedUntilAResetMakesThem) {
+    const Calls close_calls = kCloseCalls;
+    for (const char* call : {"sem_init(free", "sem_init(items"}) {
+        watch.Fail(call, {ENOSPC});
+        queue.Reset();
+        Calls expected = close_calls;
+        expected.emplace_back("sem_init(free, 0, 1073741823)");
+        if (call == std::string("sem_init(items")) {
+            expected.emplace_back("sem_init(items, 0, 0)");
+            expected.emplace_back("sem_destroy(free)");
+        }
+        EXPECT_EQ(watch.TakeCalls(), expected);
+        queue.Enqueue(message);
+        EXPECT_EQ(queue.Take(), nullptr);
+        EXPECT_EQ(watch.TakeCalls(), Calls{});
+        queue.Reset();
+        EXPECT_EQ(watch.TakeCalls(), kOpenCalls);
+        queue.Enqueue(message);
+        EXPECT_EQ(queue.Take(), message);
+        watch.TakeCalls();
+    }
+}
+
 TEST_F(SendQueueCalls, AFailedWaitForASlotDropsTheMessage) {
     watch.Fail("sem_wait(free", {EINVAL});
     queue.Enqueue(message);

@@ -88,7 +88,7 @@ run --help
 grep -q '^Usage: scripts/setup' <<<"$printed" || fail '--help tells the usage'
 [ -z "$calls" ] || fail '--help installs nothing'
 
-for script in scripts/test scripts/bench scripts/vm; do
+for script in scripts/test scripts/bench scripts/demo scripts/vm scripts/coverage scripts/soak; do
     status=0
     "${setup%scripts/setup}$script" --no-such-option >/dev/null 2>&1 || status=$?
     [ "$status" -eq 2 ] || fail "$script refuses a wrong option with 2, not $status"

@@ -1,0 +1,306 @@
+// A whole session in which one call fails, for each call that the module makes: memory, threads, semaphores,
+// libraries, mappings. Whatever fails, the module ends nothing but what that call was for: no crash, no
+// exception that leaves it, nothing left behind but what it leaves deliberately, and the next session is
+// whole. Each failure has a process of its own.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <new>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "base/mem_buffer.h"
+#include "capture/linux_v4l2_camera_capture.h"
+#include "tests/faults/fault_session.h"
+#include "tests/support/process_state.h"
+#include "vcam/preloaded_cameras.h"
+
+namespace {
+
+using namespace zumod::testing;
+using raw::Bytes;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// A session takes several times as long: every so many failures, beginning with the first.
+constexpr uint64_t kStep = 5;
+#else
+constexpr uint64_t kStep = 1;
+#endif
+constexpr size_t kProcessesAtOnce = 12;
+constexpr unsigned kSecondsForOne = 100;
+
+const Bytes kVersion = {4, 0, 0, 0, 11, 0, 0, 0, 5, 0, 0, 0};
+const Bytes kFailed = {8, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kOpen = {8, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kClosed = {8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0};
+
+struct Failure {
+    ModuleCall kind;
+    uint64_t first;
+    uint64_t times;
+};
+
+// What a child tells its parent, in memory that both see.
+struct Outcome {
+    bool struck;
+    std::array<uint64_t, kModuleCallKinds> calls;
+    int requests_read;
+    char complaint[512];
+};
+
+bool IsList(const Bytes& message) {
+    return message.size() == 12 + 1304 + 2 * 8 && message[4] == 2;
+}
+
+// The replies that a session with nothing wrong has.
+std::string CheckWhole(const FaultSession& session) {
+    std::ostringstream out;
+    if (session.run_result != 1 || session.requests_read != FaultSession::kRequests) {
+        out << "Run returned " << session.run_result << " after " << session.requests_read << " requests; ";
+    }
+    if (session.replies.size() != 4 || session.replies[0] != kVersion || !IsList(session.replies[1]) ||
+        session.replies[2] != kOpen || session.replies[3] != kClosed) {
+        out << session.replies.size() << " replies, not as they should be; ";
+    }
+    if (session.frames < 6) {
+        out << "only " << session.frames << " frames; ";
+    }
+    return out.str();
+}
+
+// The replies that a session may have in which something failed: each in its form and its place, and of the
+// requests that were handled no more than `lost` without theirs.
+std::string CheckDamaged(const FaultSession& session, uint64_t lost) {
+    if (session.created != 1) {
+        return session.replies.empty() ? "" : "replies without a plugin";
+    }
+    if (session.run_result != 1) {
+        return "Run returned " + std::to_string(session.run_result);
+    }
+    size_t place = 0;
+    for (const Bytes& reply : session.replies) {
+        const size_t its_place = reply == kVersion                    ? 1
+                                 : IsList(reply) || reply[4] == 2     ? 2
+                                 : reply == kOpen || reply == kFailed ? 3
+                                 : reply == kClosed                   ? 4
+                                                                      : 0;
+        if (its_place <= place) {
+            return "a reply out of its form or its place";
+        }
+        place = its_place;
+    }
+    // The change of format has no reply. The last request that was read may be the one that was not handled.
+    constexpr size_t kRepliesAfter[] = {0, 0, 1, 2, 3, 3};
+    const auto requests = static_cast<size_t>(session.requests_read);
+    const size_t due = requests == FaultSession::kRequests ? 4 : kRepliesAfter[requests];
+    if (due > session.replies.size() && due - session.replies.size() > lost) {
+        return std::to_string(session.replies.size()) + " replies after " + std::to_string(requests) +
+               " requests";
+    }
+    return "";
+}
+
+// What is on the module's heap after its end. A camera client deliberately leaves its capture and that one's
+// list of buffers; an allocator leaves a buffer's block when the object around it cannot be made.
+std::string CheckHeap(size_t sessions_with_camera) {
+    constexpr size_t kCaptureSize = sizeof(zumod::LinuxV4L2CameraCapture);
+    constexpr size_t kPoolSize = 4 * (sizeof(void*) + sizeof(size_t));
+    std::array<ModuleBlock, 64> blocks{};
+    const size_t count = ListHeapOfModule(blocks.data(), blocks.size());
+    size_t captures = 0;
+    size_t pools = 0;
+    std::ostringstream out;
+    for (size_t i = 0; i < std::min(count, blocks.size()); ++i) {
+        if (blocks[i].size == kCaptureSize) {
+            ++captures;
+        } else if (blocks[i].size == kPoolSize) {
+            ++pools;
+        } else if (blocks[i].address != LastBlockBeforeFailure() ||
+                   SizeOfFailure() != sizeof(zumod::CMemBuffer)) {
+            out << blocks[i].size << " bytes left; ";
+        }
+    }
+    if (captures > sessions_with_camera || pools > captures) {
+        out << captures << " captures and " << pools << " lists of buffers left by " << sessions_with_camera
+            << " sessions with a camera; ";
+    }
+    return out.str();
+}
+
+std::string Prefixed(const char* prefix, const std::string& complaint) {
+    return complaint.empty() ? "" : std::string(prefix) + ": " + complaint;
+}
+
+// In a child: a session with the failure, one without, and what is left after each.
+std::string TwoSessions(const Failure& failure, Outcome& outcome) {
+    const zumod::vcam::PreloadedCameras cameras{"card=Front,formats=NV12,sizes=160x120:128x96,fps=200"};
+    close(open("/dev/video0", O_RDONLY));  // the first call connects this process with its cameras, for good
+    const auto threads = CountThreads();
+    const auto descriptors = CountDescriptors();
+    const auto check_process = [&]() -> std::string {
+        if (!ThreadsComeTo(threads)) {
+            return "a thread is left";
+        }
+        // The cameras, which live in this process too, keep the memory of their buffers.
+        return CountDescriptors() > descriptors + 1 ? "a descriptor is left" : "";
+    };
+
+    FailFrom(failure.kind, failure.first, failure.times);
+    FaultSession damaged;
+    damaged.Go();
+    outcome.struck = HasFailed();
+    outcome.requests_read = damaged.requests_read;
+    for (size_t kind = 0; kind < kModuleCallKinds; ++kind) {
+        outcome.calls[kind] = CallsOf(static_cast<ModuleCall>(kind));
+    }
+    std::string complaint = damaged.complaint;
+    if (complaint.empty()) {
+        complaint = HasFailed() ? CheckDamaged(damaged, failure.times) : CheckWhole(damaged);
+    }
+    // Where no line can be logged, none says whether there was a capture.
+    complaint += CheckHeap(damaged.has_capture || failure.times != 1 ? 1 : 0);
+    complaint += check_process();
+    if (!complaint.empty()) {
+        return Prefixed("with the failure", complaint);
+    }
+    const ModuleHeap left = HeapOfModule();
+    StopFailing();
+
+    FaultSession whole;
+    whole.Go();
+    complaint = whole.complaint + CheckWhole(whole) + check_process();
+    const ModuleHeap after = HeapOfModule();
+    constexpr size_t kOneCamera =
+        sizeof(zumod::LinuxV4L2CameraCapture) + 4 * (sizeof(void*) + sizeof(size_t));
+    if (after.blocks != left.blocks + 2 || after.bytes != left.bytes + kOneCamera) {
+        complaint += std::to_string(after.bytes - left.bytes) + " bytes left";
+    }
+    return Prefixed("in the session after it", complaint);
+}
+
+class Children {
+public:
+    explicit Children(size_t count)
+        : m_count(count),
+          m_outcomes(static_cast<Outcome*>(mmap(nullptr, count * sizeof(Outcome), PROT_READ | PROT_WRITE,
+                                                MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+    ~Children() { munmap(m_outcomes, m_count * sizeof(Outcome)); }
+    Children(const Children&) = delete;
+    Children& operator=(const Children&) = delete;
+
+    void Start(size_t index, const Failure& failure) {
+        if (m_running.size() == kProcessesAtOnce) {
+            WaitForOne();
+        }
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(kSecondsForOne);
+            const int null = open("/dev/null", O_WRONLY);
+            dup2(null, STDOUT_FILENO);
+            Outcome& outcome = m_outcomes[index];
+            std::string complaint = "an exception left the module";
+            try {
+                complaint = TwoSessions(failure, outcome);
+            } catch (...) {  // the test program's own catching would go on with the parent's work
+            }
+            strncpy(outcome.complaint, complaint.c_str(), sizeof outcome.complaint - 1);
+            _exit(complaint.empty() ? 0 : 1);
+        }
+        m_running[child] = {index, failure};
+    }
+
+    void WaitForAll() {
+        while (!m_running.empty()) {
+            WaitForOne();
+        }
+    }
+
+    const Outcome& At(size_t index) const { return m_outcomes[index]; }
+
+private:
+    void WaitForOne() {
+        int status = 0;
+        const pid_t child = wait(&status);
+        const auto [index, failure] = m_running.at(child);
+        m_running.erase(child);
+        const Outcome& outcome = m_outcomes[index];
+        const std::string which =
+            "call " + std::to_string(failure.first) + (failure.times == 1 ? " alone" : " and all after it");
+        if (WIFSIGNALED(status)) {
+            ADD_FAILURE() << which << ": ended by signal " << WTERMSIG(status)
+                          << (WTERMSIG(status) == SIGALRM ? " (did not end)" : "");
+        } else if (WEXITSTATUS(status) != 0) {
+            ADD_FAILURE() << which << ": status " << WEXITSTATUS(status) << ", " << outcome.complaint;
+        }
+    }
+
+    const size_t m_count;
+    Outcome* const m_outcomes;
+    std::map<pid_t, std::pair<size_t, Failure>> m_running;
+};
+
+struct Case {
+    const char* name;
+    ModuleCall kind;
+    uint64_t at_least;  // calls of the kind that a session makes
+};
+
+void PrintTo(const Case& test, std::ostream* out) {
+    *out << test.name;
+}
+
+class FaultInjection : public ::testing::TestWithParam<Case> {
+protected:
+    // The host's threads make the same calls in every session; a thread of the module's makes them as frames
+    // come, so that which call is the nth differs from session to session. Every n up to the number of calls
+    // of a session without a failure is tried, whichever call it then is.
+    static void FailEach(uint64_t times) {
+        const Case& test = GetParam();
+        Children count(1);
+        count.Start(0, {test.kind, UINT64_MAX, 1});
+        count.WaitForAll();
+        const uint64_t calls = count.At(0).calls[static_cast<size_t>(test.kind)];
+        ASSERT_GE(calls, test.at_least);
+        const uint64_t step = calls > 50 ? kStep : 1;
+        Children children((calls + step - 1) / step);
+        size_t tried = 0;
+        for (uint64_t first = 1; first <= calls; first += step) {
+            children.Start(tried++, {test.kind, first, times});
+        }
+        children.WaitForAll();
+        size_t struck = 0;
+        for (size_t i = 0; i < tried; ++i) {
+            struck += children.At(i).struck ? 1U : 0U;
+        }
+        RecordProperty("calls", std::to_string(calls));
+        RecordProperty("struck", std::to_string(struck));
+        std::printf("%lu calls, %zu failures tried, %zu met\n", calls, tried, struck);
+        EXPECT_GE(struck * 10, tried * 9);
+    }
+};
+
+TEST_P(FaultInjection, OneFailedCallEndsNothingButWhatItWasFor) {
+    FailEach(1);
+}
+
+TEST_P(FaultInjection, NothingIsLeftWhenAllCallsFailFromOneOn) {
+    FailEach(UINT64_MAX);
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, FaultInjection,
+                         ::testing::Values(Case{"HostAllocation", ModuleCall::kHostAllocation, 100},
+                                           Case{"ThreadAllocation", ModuleCall::kThreadAllocation, 40},
+                                           Case{"ThreadCreation", ModuleCall::kThreadCreation, 4},
+                                           Case{"Semaphore", ModuleCall::kSemaphore, 4},
+                                           Case{"Library", ModuleCall::kLibrary, 2},
+                                           Case{"Mapping", ModuleCall::kMapping, 12}),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+}  // namespace

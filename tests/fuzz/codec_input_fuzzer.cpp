@@ -1,0 +1,114 @@
+// Any records with any numbers of bytes, one after the other into one real encoder: what does not fit is
+// refused, what comes out is a stream, and no byte outside the picture is read. The input is a byte of policy
+// flags, then for each picture the 20 bytes of its record and 2 bytes of byte count, which keep the pictures
+// small.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "codec/picture_layout.h"
+#include "codec/video_encoder.h"
+#include "loader/mod_data.h"
+#include "module/attach_runtime.h"
+#include "tests/fuzz/check.h"
+#include "zumod/enc_args.h"
+#include "zumod/runtime.h"
+
+using namespace zumod;
+
+namespace {
+
+constexpr std::size_t kMostPictures = 4;
+
+// Silent, and asks for the fastest encoder.
+class Host final : public IZUModRuntime {
+public:
+    virtual ~Host() = default;
+    int WriteLog(uint32_t /*level*/, const char* /*text*/) override { return 0; }
+    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
+    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
+    IZUModData* GetEnvProperty(const char* key) override {
+        return std::strcmp(key, kEnvPreset) == 0 ? m_preset.Get() : nullptr;
+    }
+
+private:
+    const CRefPtr_T<IZUModData> m_preset = CZUModData::FromText("ultrafast");
+};
+
+class Call final : public IVEncArgs {
+public:
+    Call(const void* bytes, uint64_t size) : m_bytes(bytes), m_size(size) {}
+
+    uint64_t AddRef() override { return 1; }
+    int64_t Release() override { return 1; }
+    uint64_t GetArgOption() override { return 0; }
+    const void* GetInputData() override { return m_bytes; }
+    uint64_t GetInputSize() override { return m_size; }
+    uint64_t GetArgFlags() override { return 0; }
+    void ResetArgs() override {}
+    uint64_t PrepareOutput(uint32_t size) override {
+        output.resize(size);
+        return size;
+    }
+    void* GetOutputData() override { return output.data(); }
+    uint64_t GetOutputSize() override { return output.size(); }
+
+    std::vector<uint8_t> output;
+
+private:
+    const void* m_bytes;
+    uint64_t m_size;
+};
+
+bool BeginsLikeAStream(const std::vector<uint8_t>& bytes) {
+    return bytes.size() > 4 && bytes[0] == 0 && bytes[1] == 0 &&
+           (bytes[2] == 1 || (bytes[2] == 0 && bytes[3] == 1));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static Host host;
+    AttachRuntime(&host);
+    if (size == 0) {
+        return 0;
+    }
+    EncoderPolicy policy;
+    policy.fast_conversion = (data[0] & 1) != 0;
+    policy.no_stream_header = (data[0] & 2) != 0;
+    policy.file_record = (data[0] & 4) != 0;
+    policy.source_rgb = (data[0] & 8) != 0;
+    const CRefPtr_T<IVEncoder> encoder(new CVideoEncoder(policy));
+
+    std::size_t at = 1;
+    for (std::size_t picture = 0; picture < kMostPictures; ++picture) {
+        VideoInputFormat record{};
+        std::uint16_t byte_count = 0;
+        if (size - at < sizeof record + sizeof byte_count) {
+            break;
+        }
+        std::memcpy(&record, data + at, sizeof record);
+        std::memcpy(&byte_count, data + at + sizeof record, sizeof byte_count);
+        at += sizeof record + sizeof byte_count;
+
+        // Exactly so many bytes on the heap: the next one is not to be read.
+        const std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[byte_count]);
+        for (std::size_t i = 0; i < byte_count; ++i) {
+            bytes[i] = static_cast<std::uint8_t>(i * 7 + picture);
+        }
+        Call call(bytes.get(), byte_count);
+        FUZZ_CHECK(encoder->SetInputFormat(&record) == 1);
+        const bool encoded = encoder->Encode(&call);
+        FUZZ_CHECK(encoded == !call.output.empty());
+        FUZZ_CHECK(!encoded || BeginsLikeAStream(call.output));
+        PictureLayout layout{};
+        if (LayOutPicture(record, byte_count, layout) != PictureError::kNone ||
+            (layout.pixel_layout == PixelLayout::kBgr32 && !policy.source_rgb)) {
+            FUZZ_CHECK(!encoded);
+        }
+    }
+    return 0;
+}
