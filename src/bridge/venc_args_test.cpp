@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "base/create_buffer.h"
@@ -15,6 +16,10 @@ namespace zumod {
 namespace {
 
 using testing::CallSlot;
+
+// One count, which only the faces reach.
+static_assert(std::is_convertible_v<CVEncArgs*, IVEncArgs*>);
+static_assert(std::is_base_of_v<CReference, CVEncArgs> && !std::is_convertible_v<CVEncArgs*, CReference*>);
 using Events = std::vector<std::string>;
 
 // Tells what becomes of its buffers and of itself.
