@@ -4,6 +4,8 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "tests/support/capture_fixture.h"
 #include "tests/support/process_state.h"
 
@@ -21,6 +23,8 @@ std::atomic<bool> g_refuse{false};
 std::atomic<int> g_asked{0};
 std::atomic<const void*> g_argument{nullptr};
 std::atomic<pid_t> g_passed{0};
+std::atomic<int> g_pauses{0};
+std::atomic<useconds_t> g_longest_pause{0};
 // One thread at a time.
 ThreadStart g_start;
 
@@ -38,6 +42,15 @@ int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
                           void* argument);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument);
+int __real_usleep(useconds_t time);
+int __wrap_usleep(useconds_t time);
+
+int __wrap_usleep(useconds_t time) {
+    using namespace zumod::testing;
+    ++g_pauses;
+    g_longest_pause = std::max(g_longest_pause.load(), time);
+    return __real_usleep(time);
+}
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument) {
@@ -65,6 +78,8 @@ protected:
         g_asked = 0;
         g_argument = nullptr;
         g_passed = 0;
+        g_pauses = 0;
+        g_longest_pause = 0;
         g_watching = true;
     }
     ~CaptureThreadTest() override {
@@ -130,6 +145,24 @@ TEST_F(CaptureThreadTest, AThreadThatFindsItselfStoppedSaysThatItStartsAndEndsAn
     EXPECT_EQ(host.OtherLines(), (LogLines{{1, "[LinuxV4L2CameraCapture] work thread start, devid 0"},
                                            {1, "[LinuxV4L2CameraCapture] work thread finish, devid 0"}}));
     EXPECT_EQ(devices.Calls(), StartCalls() + StopCalls());
+}
+
+TEST_F(CaptureThreadTest, EveryPassBeginsWithTheShortestPause) {
+    std::vector<int> pauses_at_wait;
+    devices.Before(DeviceCall::kSelect, [&pauses_at_wait] { pauses_at_wait.push_back(g_pauses); });
+    // Two waits that time out, one that is interrupted and asks for a frame in vain, one that brings a frame.
+    devices.Answer(DeviceCall::kSelect, 0, 0, 1, 2);
+    devices.Fail(DeviceCall::kSelect, EINTR, 3);
+    devices.Fail(DeviceCall::kDequeueBuf, EAGAIN);
+    devices.PushFrame(0, {{1}});
+    LinuxV4L2CameraCapture capture;
+    ASSERT_TRUE(capture.startCapture());
+    ASSERT_TRUE(WaitUntil([this] { return devices.CallCount(DeviceCall::kSelect) >= 5; }));
+    capture.stopCapture();
+    for (size_t pass = 0; pass < pauses_at_wait.size(); ++pass) {
+        EXPECT_EQ(pauses_at_wait[pass], static_cast<int>(pass) + 1);
+    }
+    EXPECT_EQ(g_longest_pause, 1u);
 }
 
 }  // namespace
