@@ -400,6 +400,14 @@ TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesDoesNothingAtAll) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 0);
 }
 
+TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesLeavesAStartedCameraAlone) {
+    ASSERT_TRUE(OpenCamera(0, 1280, 720, 30));
+    host.TakeLines();
+    client->SetFormat(1280, 720, 30);
+    EXPECT_EQ(CaptureSteps(), std::vector<std::string>{});
+    EXPECT_EQ(devices.CallCount(DeviceCall::kStreamOn), 1);
+}
+
 TEST_F(CameraClientLinux, SetFormatOfAnyOtherValueGoesToTheCapture) {
     client->SetFormat(640, 480, 16);
     client->SetFormat(640, 720, 16);
