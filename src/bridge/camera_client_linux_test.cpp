@@ -501,12 +501,24 @@ TEST_F(CameraClientLinux, OpeningAnotherCameraThanTheFirstAtAnotherSizeStartsThe
 }
 
 // A host whose log throws keeps the capture from the format that the client has stored.
-TEST_F(CameraClientLinux, OpenSetsTheFormatThatTheCaptureDoesNotHave) {
-    host.hook_text = "[LinuxV4L2CameraCapture] setFormat, devid 0";
-    host.hook = [] { throw std::runtime_error("log"); };
-    EXPECT_THROW(client->SetFormat(1280, 720, 30), std::runtime_error);
+class CameraClientLinuxWithItsFormatAlone : public CameraClientLinux {
+protected:
+    void SetUp() override {
+        host.hook_text = "[LinuxV4L2CameraCapture] setFormat, devid 0";
+        host.hook = [] { throw std::runtime_error("log"); };
+        EXPECT_THROW(client->SetFormat(1280, 720, 30), std::runtime_error);
+        host.TakeLines();
+    }
+};
+
+TEST_F(CameraClientLinuxWithItsFormatAlone, OpenSetsTheFormatBeforeItStarts) {
+    EXPECT_TRUE(client->Open());
+    EXPECT_EQ(CaptureSteps(),
+              (std::vector<std::string>{"setFormat", "resetCapture", "stopCapture", "startCapture success"}));
+}
+
+TEST_F(CameraClientLinuxWithItsFormatAlone, OpenSetsTheDeviceBeforeTheFormat) {
     client->SetCameraId(1);
-    host.TakeLines();
     bool opened = false;
     std::thread([&] { opened = client->Open(); }).join();  // the lock is free
     EXPECT_TRUE(opened);
@@ -702,6 +714,7 @@ protected:
     // of the lock.
     void StopWithAFrameInFlight(const std::function<void()>& stop) {
         bool parked = false;
+        int asked_before = -1;
         host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid";
         host.hook = [&] {
             int asleep = 0;
@@ -709,9 +722,12 @@ protected:
                 asleep = holds_a_frame && IsAsleep(listener.work_thread) ? asleep + 1 : 0;
                 return asleep == 20;
             });
+            devices.SetFramePeriod(0, std::chrono::milliseconds(0));
+            asked_before = listener.asked;
         };
         stop();
         EXPECT_TRUE(parked);
+        EXPECT_EQ(listener.asked, asked_before) << "that frame is dropped";
     }
 
     std::atomic<bool> holds_a_frame{false};
