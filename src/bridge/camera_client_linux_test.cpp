@@ -363,6 +363,16 @@ TEST_F(CameraClientLinux, EveryFrameOfAFormatThatIsNotSupportedIsOneLine) {
     EXPECT_EQ(listener.Packets(), std::vector<Packet>{});
 }
 
+TEST_F(CameraClientLinux, AFrameOfAFormatThatIsNotSupportedLeavesTheEncoder) {
+    client->SetListener(&listener);
+    Frame();
+    Frame(640, 480, "MJPG");
+    EXPECT_EQ(codec.Record().objects, 1);
+    Frame();
+    EXPECT_EQ(Lines("[codec] create").size(), 1u);
+    EXPECT_EQ(listener.Packets().size(), 2u);
+}
+
 TEST_F(CameraClientLinux, AFrameThatTheEncoderRefusesIsOneLineAndTheEncoderIsKept) {
     client->SetListener(&listener);
     codec.Record().encode_result = false;

@@ -36,10 +36,12 @@ public:
     }
     CRefPtr_T<IBuffer> Alloc(uint64_t size) override {
         m_events.push_back("alloc " + std::to_string(size));
-        return empty ? nullptr : CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(size), size));
+        const uint64_t room = size + spare;
+        return empty ? nullptr : CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(room), room));
     }
     bool Free(IBuffer* buffer) override {
         m_events.emplace_back("free");
+        references_at_free = references;
         std::free(buffer->GetAllocData());
         return true;
     }
@@ -56,7 +58,10 @@ public:
     CRefPtr_T<IBuffer> AllocBuffer(uint64_t size) override { return Alloc(size); }
 
     int64_t references = 0;
+    int64_t references_at_free = 0;
     bool empty = false;
+    // What a buffer has room for beyond the size that was asked for.
+    uint64_t spare = 0;
 
 private:
     Events& m_events;
@@ -109,6 +114,13 @@ TEST_F(VEncArgsTest, PreparingTwiceResizesTheOneOutput) {
     EXPECT_EQ(events, (Events{"alloc 100", "realloc 50", "realloc 200"}));
 }
 
+TEST_F(VEncArgsTest, TheOutputsSizeIsWhatWasPreparedAndNotItsRoom) {
+    const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
+    alloctor.spare = 28;
+    EXPECT_EQ(own->PrepareOutput(100), 100U);
+    EXPECT_EQ(own->GetOutputSize(), 100U);
+}
+
 TEST_F(VEncArgsTest, AnOutputOfNoBytesCanBePrepared) {
     EXPECT_EQ(args->PrepareOutput(0), 0U);
     EXPECT_EQ(args->GetOutputData(), nullptr);
@@ -152,6 +164,8 @@ TEST_F(VEncArgsTest, TheLastReleaseFreesTheOutputOnceAndThenTheAllocator) {
     events.clear();
     own = nullptr;
     EXPECT_EQ(events, (Events{"free", "allocator released"}));
+    // The buffer's and the arguments' own.
+    EXPECT_EQ(alloctor.references_at_free, 2);
     EXPECT_EQ(alloctor.references, 0);
 }
 
@@ -160,6 +174,7 @@ TEST_F(VEncArgsTest, ResettingChangesNothing) {
     void* const data = args->GetOutputData();
     args->ResetArgs();
     EXPECT_EQ(args->GetInputData(), picture.data());
+    EXPECT_EQ(args->GetInputSize(), 7U);
     EXPECT_EQ(args->GetOutputData(), data);
     EXPECT_EQ(args->GetOutputSize(), 100U);
 }
