@@ -30,7 +30,11 @@ CCameraClientLinux::CCameraClientLinux() : m_capture(new LinuxV4L2CameraCapture)
 
 CCameraClientLinux::~CCameraClientLinux() {
     // Joined first: the list of connections is not protected against a frame that is being emitted.
-    m_capture->stopCapture();
+    try {
+        m_capture->stopCapture();
+    } catch (...) {
+        // The log sink's exception cannot leave a destructor; the capture is idle all the same.
+    }
     m_capture->SignalCaptureFrame.disconnect_all();
 }
 

@@ -3,17 +3,22 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
+#include "base/create_buffer.h"
 #include "loader/mod_data.h"
 #include "tests/support/device_double.h"
+#include "tests/support/process_state.h"
 #include "tests/support/raw_slots.h"
 #include "tests/support/recording_host.h"
 #include "tests/support/test_modules.h"
@@ -26,9 +31,16 @@ using testing::CallSlot;
 using testing::CodecProbe;
 using testing::DeviceCall;
 using testing::DeviceDouble;
+using testing::IsAsleep;
 using testing::LogLine;
 using testing::RecordingHost;
 using testing::WaitUntil;
+
+// Two faces, and one count behind them that nobody else reaches.
+static_assert(std::is_convertible_v<CCameraClientLinux*, IClientCamera*>);
+static_assert(std::is_convertible_v<CCameraClientLinux*, sigslot::has_slots<sigslot::single_threaded>*>);
+static_assert(std::is_base_of_v<CReference, CCameraClientLinux> &&
+              !std::is_convertible_v<CCameraClientLinux*, CReference*>);
 
 int Code(const char* text) {
     int code = 0;
@@ -53,6 +65,10 @@ public:
     int64_t Release() override { return 1; }
 
     void OnVideoPacket(uint32_t camera_id, const void* data, unsigned long length) override {
+        packet_thread = gettid();
+        if (during_packet) {
+            during_packet();
+        }
         const std::lock_guard guard(m_mutex);
         m_packets.push_back({camera_id, std::string(static_cast<const char*>(data), length)});
     }
@@ -76,8 +92,10 @@ public:
     std::atomic<int> asked{0};
     std::atomic<uint32_t> last_asked_id{0};
     std::atomic<pid_t> work_thread{0};
+    std::atomic<pid_t> packet_thread{0};
     // Run on the capture thread with the client's lock held; set before the camera is opened.
     std::function<void()> during;
+    std::function<void()> during_packet;
 
 private:
     mutable std::mutex m_mutex;
@@ -103,6 +121,7 @@ protected:
     CameraClientLinux() {
         codec.Record().encode_result = true;
         codec.Record().prepares_output = true;
+        codec.Record().set_format_result = 0;
         host.SetProperty("zu.env.modules.dir",
                          CZUModData::FromText(testing::TestModuleDir("recording").c_str()));
         AttachRuntime(&host);
@@ -148,12 +167,37 @@ protected:
         return found;
     }
 
+    // What the capture was told and did, in order: "setDevId", "setFormat", "resetCapture", "stopCapture",
+    // "startCapture success".
+    std::vector<std::string> CaptureSteps() {
+        std::vector<std::string> steps;
+        for (const std::string& line : Lines("[LinuxV4L2CameraCapture] ")) {
+            const std::string text = line.substr(std::strlen("[LinuxV4L2CameraCapture] "));
+            const std::string step = text.substr(0, text.find(','));
+            // Of a start its last line, of a stop its first.
+            const bool within = step == "startCapture" ||
+                                (step == "stopCapture" && std::count(text.begin(), text.end(), ' ') > 2);
+            const bool own = step.find("Capture") != std::string::npos || step.rfind("set", 0) == 0;
+            if (own && !within && step.rfind("set ", 0) != 0) {
+                steps.push_back(step);
+            }
+        }
+        return steps;
+    }
+
     HookedHost host;
     DeviceDouble devices;
     Listener listener;
     CodecProbe codec{"recording"};
     CRefPtr_T<CCameraClientLinux> client{new CCameraClientLinux};
 };
+
+TEST_F(CameraClientLinux, IsThePlatformsCamera) {
+    const CRefPtr_T<IClientCamera> camera = CreateClientCamera();
+    EXPECT_NE(dynamic_cast<CCameraClientLinux*>(camera.Get()), nullptr);
+    EXPECT_EQ(camera->AddRef(), 2u) << "the caller's reference alone";
+    EXPECT_EQ(camera->Release(), 1);
+}
 
 TEST_F(CameraClientLinux, OpensNothingWhenItIsMade) {
     EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
@@ -227,9 +271,68 @@ TEST_F(CameraClientLinux, TheEncoderIsToldTheFramesOwnSizeAndNotReplacedForIt) {
     EXPECT_EQ(Lines("[codec] create").size(), 1u);
 }
 
+TEST_F(CameraClientLinux, TheEncoderIsToldTheFormatsNameAndItsAnswerIsIgnored) {
+    client->SetListener(&listener);
+    codec.Record().set_format_result = -1;
+    Frame(640, 480, "YU12");
+    EXPECT_EQ(codec.Record().last_format, static_cast<uint32_t>(Code("I420")));
+    Frame(640, 480, "BGR4");
+    EXPECT_EQ(codec.Record().last_format, 0u);
+    EXPECT_EQ(listener.Packets().size(), 2u);
+}
+
+TEST_F(CameraClientLinux, TheEncoderGetsThePictureItselfInArgumentsThatAreHeldOnce) {
+    client->SetListener(&listener);
+    const unsigned char picture[9] = {};
+    client->OnCaptureFrame(picture, 5, 640, 480, Code("NV12"));
+    EXPECT_EQ(codec.Record().last_input, picture);
+    EXPECT_EQ(Lines("[codec] Encode"), (std::vector<std::string>{"[codec] Encode 5 bytes"}));
+    EXPECT_EQ(codec.Record().argument_references, 1u);
+}
+
+TEST_F(CameraClientLinux, AFramesOutputComesFromTheDefaultAllocatorAndIsGivenBackAfterIt) {
+    client->SetListener(&listener);
+    const uint64_t before = g_pDefaultAlloctor->AddRef();
+    uint64_t during = 0;
+    listener.during_packet = [&] {
+        during = g_pDefaultAlloctor->AddRef() - 1;
+        g_pDefaultAlloctor->Release();
+    };
+    Frame();
+    EXPECT_EQ(during, before + 1);
+    codec.Record().encode_result = false;
+    Frame();
+    EXPECT_EQ(listener.Packets().size(), 1u);
+    EXPECT_EQ(g_pDefaultAlloctor->Release(), static_cast<int64_t>(before) - 1);
+}
+
+TEST_F(CameraClientLinux, PacketsAreHandedOverOnTheCaptureThread) {
+    ASSERT_TRUE(OpenCamera(0));
+    devices.PushFrame(0, {.bytes = {1}});
+    ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
+    EXPECT_EQ(listener.packet_thread, listener.work_thread);
+    EXPECT_NE(listener.packet_thread, gettid());
+}
+
 TEST_F(CameraClientLinux, WithoutAListenerAFrameIsDroppedInSilence) {
     Frame();
     EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+    client->SetListener(&listener);
+    Frame();
+    client->SetListener(nullptr);
+    client->SetFormat(1280, 720, 15);
+    host.TakeLines();
+    Frame(640, 480, "MJPG");
+    EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+    EXPECT_EQ(listener.asked, 1);
+}
+
+TEST_F(CameraClientLinux, AListenerMayCallBackFromItsOwnThread) {
+    client->SetListener(&listener);
+    listener.during = [&] { client->SetCameraId(5); };
+    Frame();
+    EXPECT_EQ(listener.last_asked_id, 0u);
+    EXPECT_EQ(listener.Packets(), (std::vector<Packet>{{5, "code"}}));
 }
 
 TEST_F(CameraClientLinux, WhileTheListenerIsBusyFramesAreDroppedAndNoEncoderIsMade) {
@@ -258,6 +361,16 @@ TEST_F(CameraClientLinux, EveryFrameOfAFormatThatIsNotSupportedIsOneLine) {
                                     {4, "[CCameraClientLinux] video format not support, MJPG"},
                                     {4, "[CCameraClientLinux] video format not support, H264"}}));
     EXPECT_EQ(listener.Packets(), std::vector<Packet>{});
+}
+
+TEST_F(CameraClientLinux, AFrameOfAFormatThatIsNotSupportedLeavesTheEncoder) {
+    client->SetListener(&listener);
+    Frame();
+    Frame(640, 480, "MJPG");
+    EXPECT_EQ(codec.Record().objects, 1);
+    Frame();
+    EXPECT_EQ(Lines("[codec] create").size(), 1u);
+    EXPECT_EQ(listener.Packets().size(), 2u);
 }
 
 TEST_F(CameraClientLinux, AFrameThatTheEncoderRefusesIsOneLineAndTheEncoderIsKept) {
@@ -297,6 +410,14 @@ TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesDoesNothingAtAll) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 0);
 }
 
+TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesLeavesAStartedCameraAlone) {
+    ASSERT_TRUE(OpenCamera(0, 1280, 720, 30));
+    host.TakeLines();
+    client->SetFormat(1280, 720, 30);
+    EXPECT_EQ(CaptureSteps(), std::vector<std::string>{});
+    EXPECT_EQ(devices.CallCount(DeviceCall::kStreamOn), 1);
+}
+
 TEST_F(CameraClientLinux, SetFormatOfAnyOtherValueGoesToTheCapture) {
     client->SetFormat(640, 480, 16);
     client->SetFormat(640, 720, 16);
@@ -316,8 +437,9 @@ TEST_F(CameraClientLinux, SetFormatOfAStartedCameraRestartsTwiceAndTheNextFrameG
     ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
     host.TakeLines();
     client->SetFormat(1280, 720, 30);
-    EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] resetCapture").size(), 2u);
-    EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] startCapture success").size(), 2u);
+    EXPECT_EQ(CaptureSteps(),
+              (std::vector<std::string>{"setFormat", "resetCapture", "stopCapture", "startCapture success",
+                                        "resetCapture", "stopCapture", "startCapture success"}));
     EXPECT_EQ(codec.Record().objects, 1) << "replaced by the next frame only";
     host.TakeLines();
     devices.PushFrame(0, {.bytes = {1}});
@@ -328,6 +450,31 @@ TEST_F(CameraClientLinux, SetFormatOfAStartedCameraRestartsTwiceAndTheNextFrameG
     EXPECT_EQ(Lines("[codec] destroy").size(), 1u);
     EXPECT_EQ(Lines("[codec] create").size(), 1u);
     EXPECT_EQ(codec.Record().objects, 1);
+}
+
+TEST_F(CameraClientLinux, ANewSizeInOneDirectionIsANewSize) {
+    client->SetListener(&listener);
+    Frame();
+    client->SetFormat(640, 720, 15);
+    Frame();
+    client->SetFormat(1280, 720, 15);
+    Frame();
+    EXPECT_EQ(
+        Lines("[CCameraClientLinux]"),
+        (std::vector<std::string>{"[CCameraClientLinux] detect encode size change, 0x0 -> 640x480",
+                                  "[CCameraClientLinux] detect encode size change, 640x480 -> 640x720",
+                                  "[CCameraClientLinux] detect encode size change, 640x720 -> 1280x720"}));
+    EXPECT_EQ(Lines("[codec] create").size(), 3u);
+    EXPECT_EQ(codec.Record().objects, 1);
+}
+
+TEST_F(CameraClientLinux, ANewSizeReleasesTheEncoderAlsoAtAFrameThatIsDropped) {
+    client->SetListener(&listener);
+    Frame();
+    client->SetFormat(1280, 720, 15);
+    listener.busy = true;
+    Frame();
+    EXPECT_EQ(codec.Record().objects, 0);
 }
 
 TEST_F(CameraClientLinux, ANewRateAloneKeepsTheEncoder) {
@@ -361,6 +508,36 @@ TEST_F(CameraClientLinux, OpeningAnotherCameraThanTheFirstAtAnotherSizeStartsThe
     EXPECT_EQ(started, (std::vector<std::string>{
                            "[LinuxV4L2CameraCapture] startCapture success, devid 0, width 1280 height 720",
                            "[LinuxV4L2CameraCapture] startCapture success, devid 1, width 1280 height 720"}));
+}
+
+// A host whose log throws keeps the capture from the format that the client has stored.
+class CameraClientLinuxWithItsFormatAlone : public CameraClientLinux {
+protected:
+    void SetUp() override {
+        host.hook_text = "[LinuxV4L2CameraCapture] setFormat, devid 0";
+        host.hook = [] { throw std::runtime_error("log"); };
+        EXPECT_THROW(client->SetFormat(1280, 720, 30), std::runtime_error);
+        host.TakeLines();
+    }
+};
+
+TEST_F(CameraClientLinuxWithItsFormatAlone, OpenSetsTheFormatBeforeItStarts) {
+    EXPECT_TRUE(client->Open());
+    EXPECT_EQ(CaptureSteps(),
+              (std::vector<std::string>{"setFormat", "resetCapture", "stopCapture", "startCapture success"}));
+}
+
+TEST_F(CameraClientLinuxWithItsFormatAlone, OpenSetsTheDeviceBeforeTheFormat) {
+    client->SetCameraId(1);
+    bool opened = false;
+    std::thread([&] { opened = client->Open(); }).join();  // the lock is free
+    EXPECT_TRUE(opened);
+    EXPECT_EQ(CaptureSteps(),
+              (std::vector<std::string>{"setDevId", "resetCapture", "stopCapture", "startCapture success",
+                                        "setFormat", "resetCapture", "stopCapture", "startCapture success"}));
+    EXPECT_EQ(
+        Lines("[LinuxV4L2CameraCapture] setFormat, "),
+        (std::vector<std::string>{"[LinuxV4L2CameraCapture] setFormat, devid 1, size 1280x720 fps 30"}));
 }
 
 TEST_F(CameraClientLinux, OpenTwiceStartsOnce) {
@@ -418,16 +595,118 @@ TEST_F(CameraClientLinux, ItsEndStopsARunningCamera) {
     EXPECT_EQ(codec.Record().objects, 0);
 }
 
+TEST_F(CameraClientLinux, UntilItsThreadHasEndedTheEndStillHandsFramesOn) {
+    ASSERT_TRUE(OpenCamera(0));
+    devices.PushFrame(0, {.bytes = {1}});
+    ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
+    host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid 0";
+    host.hook = [&] {
+        devices.PushFrame(0, {.bytes = {2}});
+        EXPECT_TRUE(WaitUntil([&] { return listener.asked == 2; }));
+    };
+    client = nullptr;
+    EXPECT_EQ(host.hook, nullptr);
+}
+
+TEST_F(CameraClientLinux, ItsEndKeepsAnExceptionOfTheLogToItself) {
+    ASSERT_TRUE(OpenCamera(0));
+    devices.PushFrame(0, {.bytes = {1}});
+    ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
+    host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid 0";
+    host.hook = [] { throw std::runtime_error("log"); };
+    client = nullptr;
+    EXPECT_EQ(host.hook, nullptr);
+    EXPECT_EQ(devices.OpenDescriptors(), 0);
+    EXPECT_EQ(codec.Record().objects, 0);
+}
+
+// ---- The client's lock.
+
+struct Operation {
+    const char* name;
+    std::function<void(CCameraClientLinux&)> call;
+};
+
+class CameraClientLinuxLock : public CameraClientLinux {
+protected:
+    // Holds a frame in the listener while the operation is called on another thread: until that one waits, or
+    // has returned.
+    void ExpectToWaitForAFrame(std::function<void()>& hook, const Operation& operation) {
+        std::atomic<bool> in_frame{false};
+        std::atomic<bool> may_leave{false};
+        std::atomic<bool> left{false};
+        client->SetListener(&listener);
+        hook = [&] {
+            in_frame = true;
+            WaitUntil([&] { return may_leave.load(); });
+            left = true;
+        };
+        std::thread frame([&] { Frame(); });
+        EXPECT_TRUE(WaitUntil([&] { return in_frame.load(); }));
+
+        client->SetProperty(1, 2, 3);
+        client->GetCameraFlag();
+        EXPECT_FALSE(left) << "these two wait for nothing";
+
+        std::atomic<pid_t> caller{0};
+        std::atomic<bool> returned{false};
+        std::thread thread([&] {
+            caller = gettid();
+            operation.call(*client);
+            returned = true;
+        });
+        int asleep = 0;
+        EXPECT_TRUE(WaitUntil([&] {
+            asleep = caller != 0 && IsAsleep(caller) ? asleep + 1 : 0;
+            return returned || asleep == 20;
+        }));
+        EXPECT_FALSE(returned) << operation.name;
+        may_leave = true;
+        frame.join();
+        thread.join();
+        hook = nullptr;
+    }
+
+    const std::vector<Operation> operations = {
+        {"SetListener", [this](CCameraClientLinux& camera) { camera.SetListener(&listener); }},
+        {"SetCameraId", [](CCameraClientLinux& camera) { camera.SetCameraId(0); }},
+        {"SetFormat", [](CCameraClientLinux& camera) { camera.SetFormat(640, 480, 15); }},
+        {"SetCameraFlag", [](CCameraClientLinux& camera) { camera.SetCameraFlag(1); }},
+        {"Close", [](CCameraClientLinux& camera) { camera.Close(nullptr); }},
+        {"Open", [](CCameraClientLinux& camera) { camera.Open(); }},
+    };
+};
+
+TEST_F(CameraClientLinuxLock, EveryOperationButTwoWaitsForTheFrameInProgress) {
+    for (const Operation& operation : operations) {
+        ExpectToWaitForAFrame(listener.during, operation);
+    }
+}
+
+TEST_F(CameraClientLinuxLock, AFrameIsInProgressUntilItsPacketIsHandedOver) {
+    ExpectToWaitForAFrame(listener.during_packet, operations[1]);
+}
+
+TEST_F(CameraClientLinuxLock, EveryEndOfAFrameGivesTheLockBack) {
+    const auto expect_free_after_a_frame = [&](const char* fourcc) {
+        std::thread([&] { Frame(640, 480, fourcc); }).join();
+        client->SetCameraFlag(1);  // would wait for ever
+    };
+    expect_free_after_a_frame("NV12");  // without a listener
+    client->SetListener(&listener);
+    listener.busy = true;
+    expect_free_after_a_frame("NV12");
+    listener.busy = false;
+    expect_free_after_a_frame("MJPG");
+    expect_free_after_a_frame("NV12");
+    codec.Record().encode_result = false;
+    expect_free_after_a_frame("NV12");
+    EXPECT_EQ(listener.Packets().size(), 1u);
+    EXPECT_EQ(client->GetCameraFlag(), 1);
+}
+
 // ---- Whoever stops a camera holds the client's lock and waits for the work thread, which may want that
 // lock.
-
-// Whether the kernel says that this thread waits for something.
-bool IsAsleep(pid_t thread) {
-    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const size_t name_end = text.rfind(')');
-    return name_end != std::string::npos && text.substr(name_end + 2, 1) == "S";
-}
 
 class CameraClientLinuxLockOrder : public CameraClientLinux {
 protected:
@@ -445,6 +724,7 @@ protected:
     // of the lock.
     void StopWithAFrameInFlight(const std::function<void()>& stop) {
         bool parked = false;
+        int asked_before = -1;
         host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid";
         host.hook = [&] {
             int asleep = 0;
@@ -452,9 +732,12 @@ protected:
                 asleep = holds_a_frame && IsAsleep(listener.work_thread) ? asleep + 1 : 0;
                 return asleep == 20;
             });
+            devices.SetFramePeriod(0, std::chrono::milliseconds(0));
+            asked_before = listener.asked;
         };
         stop();
         EXPECT_TRUE(parked);
+        EXPECT_EQ(listener.asked, asked_before) << "that frame is dropped";
     }
 
     std::atomic<bool> holds_a_frame{false};

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -17,6 +18,10 @@ namespace zumod {
 namespace {
 
 using testing::CallSlot;
+
+// One count, which only the faces reach.
+static_assert(std::is_convertible_v<CVEncArgs*, IVEncArgs*>);
+static_assert(std::is_base_of_v<CReference, CVEncArgs> && !std::is_convertible_v<CVEncArgs*, CReference*>);
 using Events = std::vector<std::string>;
 
 // Tells what becomes of its buffers and of itself.
@@ -36,10 +41,12 @@ public:
         if (throws) {
             throw std::bad_alloc();
         }
-        return empty ? nullptr : CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(size), size));
+        const uint64_t room = size + spare;
+        return empty ? nullptr : CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(room), room));
     }
     bool Free(IBuffer* buffer) override {
         m_events.emplace_back("free");
+        references_at_free = references;
         std::free(buffer->GetAllocData());
         return true;
     }
@@ -56,8 +63,11 @@ public:
     CRefPtr_T<IBuffer> AllocBuffer(uint64_t size) override { return Alloc(size); }
 
     int64_t references = 0;
+    int64_t references_at_free = 0;
     bool empty = false;
     bool throws = false;
+    // What a buffer has room for beyond the size that was asked for.
+    uint64_t spare = 0;
 
 private:
     Events& m_events;
@@ -108,6 +118,13 @@ TEST_F(VEncArgsTest, PreparingTwiceResizesTheOneOutput) {
     EXPECT_EQ(static_cast<char*>(own->GetOutputData())[49], 'x');
     EXPECT_EQ(own->PrepareOutput(200), 200U);
     EXPECT_EQ(events, (Events{"alloc 100", "realloc 50", "realloc 200"}));
+}
+
+TEST_F(VEncArgsTest, TheOutputsSizeIsWhatWasPreparedAndNotItsRoom) {
+    const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
+    alloctor.spare = 28;
+    EXPECT_EQ(own->PrepareOutput(100), 100U);
+    EXPECT_EQ(own->GetOutputSize(), 100U);
 }
 
 TEST_F(VEncArgsTest, AnOutputOfNoBytesCanBePrepared) {
@@ -169,6 +186,8 @@ TEST_F(VEncArgsTest, TheLastReleaseFreesTheOutputOnceAndThenTheAllocator) {
     events.clear();
     own = nullptr;
     EXPECT_EQ(events, (Events{"free", "allocator released"}));
+    // The buffer's and the arguments' own.
+    EXPECT_EQ(alloctor.references_at_free, 2);
     EXPECT_EQ(alloctor.references, 0);
 }
 
@@ -177,6 +196,7 @@ TEST_F(VEncArgsTest, ResettingChangesNothing) {
     void* const data = args->GetOutputData();
     args->ResetArgs();
     EXPECT_EQ(args->GetInputData(), picture.data());
+    EXPECT_EQ(args->GetInputSize(), 7U);
     EXPECT_EQ(args->GetOutputData(), data);
     EXPECT_EQ(args->GetOutputSize(), 100U);
 }

@@ -1,5 +1,5 @@
 // Every request of a start, of a running stream and of a stop, refused with every errno of a list: the
-// outcome, what is left behind, and that the next start works.
+// outcome, the calls, the log, what is left behind, and that the next start works.
 #include <algorithm>
 
 #include "tests/support/capture_fixture.h"
@@ -19,6 +19,30 @@ void PrintTo(const Errno& error, std::ostream* out) {
     *out << error.name;
 }
 
+// The calls of a start, put together from an ordinary one's.
+class Sequence : public CaptureTest {
+public:
+    using CaptureTest::OpenTheOtherFiles;
+    using CaptureTest::Probe;
+    using CaptureTest::Scan;
+    using CaptureTest::StartCalls;
+    using CaptureTest::StartCallsThrough;
+    using CaptureTest::StartCallsWith;
+
+    // Probing a device that refuses every size: nothing is filled in from one try to the next.
+    static Calls ProbeInVain() {
+        return {"ENUM_FMT video0 type=1 index=0 0",     "ENUM_FMT video0 type=1 index=1 NV12 flags=2",
+                "TRY_FMT video0 type=1 128x96 NV12",    "TRY_FMT video0 type=1 160x120 NV12",
+                "TRY_FMT video0 type=1 176x144 NV12",   "TRY_FMT video0 type=1 320x240 NV12",
+                "TRY_FMT video0 type=1 352x288 NV12",   "TRY_FMT video0 type=1 640x480 NV12",
+                "TRY_FMT video0 type=1 704x576 NV12",   "TRY_FMT video0 type=1 800x600 NV12",
+                "TRY_FMT video0 type=1 960x720 NV12",   "TRY_FMT video0 type=1 1024x768 NV12",
+                "TRY_FMT video0 type=1 1152x864 NV12",  "TRY_FMT video0 type=1 1280x600 NV12",
+                "TRY_FMT video0 type=1 1280x720 NV12",  "TRY_FMT video0 type=1 1440x900 NV12",
+                "TRY_FMT video0 type=1 1440x1080 NV12", "TRY_FMT video0 type=1 1920x1080 NV12"};
+    }
+};
+
 struct Fault {
     const char* name;
     DeviceCall call;
@@ -26,6 +50,8 @@ struct Fault {
     int times;
     bool starts;
     int mappings_left;
+    // All of the start's, the refused one among them.
+    Calls (*calls)();
     // The lines before this one are as ever.
     const char* first_other_line;
     // In its place; "%" stands for the errno. Of a start that succeeds, the lines between here and its last
@@ -48,6 +74,7 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     [] { return Calls{"open /dev/video0 O_RDONLY"} + Sequence::OpenTheOtherFiles(); },
      "[CameraEnumerator]",
      {{4, "[LinuxV4L2CameraCapture] startCapture, camera not founded, devid 0"}}},
     {"ScanEnumFmt",
@@ -56,6 +83,10 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     [] {
+         return Calls{"open /dev/video0 O_RDONLY", "ENUM_FMT video0 type=1 index=0 0", "close video0"} +
+                Sequence::OpenTheOtherFiles();
+     },
      "[CameraEnumerator]",
      {{2, "[CameraEnumerator] invalid device, dev index 0, device /dev/video0"},
       {4, "[LinuxV4L2CameraCapture] startCapture, camera not founded, devid 0"}}},
@@ -65,6 +96,10 @@ const Fault kStartFaults[] = {
      16,
      false,
      0,
+     [] {
+         return Calls{"open /dev/video0 O_RDONLY"} + Sequence::ProbeInVain() + Calls{"close video0"} +
+                Sequence::OpenTheOtherFiles();
+     },
      "[CameraEnumerator]",
      {{2, "[CameraEnumerator] invalid device, dev index 0, device /dev/video0"},
       {4, "[LinuxV4L2CameraCapture] startCapture, camera not founded, devid 0"}}},
@@ -74,17 +109,28 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     &Sequence::Scan,
      "[CameraEnumerator]",
      {{2, "[CameraEnumerator] dev index 0, query cap fail, /dev/video0"},
       {4, "[LinuxV4L2CameraCapture] startCapture, camera not founded, devid 0"}}},
     // A scan looks at no close.
-    {"ScanClose", DeviceCall::kClose, 1, 1, true, 0, "startCapture success", {}, "startCapture success"},
+    {"ScanClose",
+     DeviceCall::kClose,
+     1,
+     1,
+     true,
+     0,
+     &Sequence::StartCalls,
+     "startCapture success",
+     {},
+     "startCapture success"},
     {"Open",
      DeviceCall::kOpen,
      65,
      1,
      false,
      0,
+     [] { return Sequence::Scan() + Calls{"open /dev/video0 O_RDWR|O_NONBLOCK"}; },
      "file /dev/video0, enum capabilities",
      {{4, "[LinuxV4L2CameraCapture] startCapture, open device fail, devid 0, err: %"}}},
     {"EnumFmt",
@@ -93,16 +139,33 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     [] {
+         return Sequence::Scan() + Calls{"open /dev/video0 O_RDWR|O_NONBLOCK",
+                                         "ENUM_FMT video0 type=1 index=0 0", "close video0"};
+     },
      "support 640x480",
      {{4, "[LinuxV4L2CameraCapture] query device capabilities fail, devid 0, err: %"}}},
     // The end of the list, which every device refuses.
-    {"EnumFmtEnd", DeviceCall::kEnumFmt, 4, 1, true, 0, "startCapture success", {}, "startCapture success"},
+    {"EnumFmtEnd",
+     DeviceCall::kEnumFmt,
+     4,
+     1,
+     true,
+     0,
+     &Sequence::StartCalls,
+     "startCapture success",
+     {},
+     "startCapture success"},
     {"TryFmt",
      DeviceCall::kTryFmt,
      17,
      16,
      false,
      0,
+     [] {
+         return Sequence::Scan() + Calls{"open /dev/video0 O_RDWR|O_NONBLOCK"} + Sequence::ProbeInVain() +
+                Calls{"close video0"};
+     },
      "support 640x480",
      {{4, "[LinuxV4L2CameraCapture] query device capabilities fail, devid 0, err: %"}}},
     {"GetFmt",
@@ -111,6 +174,11 @@ const Fault kStartFaults[] = {
      1,
      true,
      0,
+     [] {
+         return Sequence::StartCallsWith(
+             "S_FMT video0 type=1 640x480 NV12 field=1 stride=1280 size=614400 colorspace=8",
+             {"S_FMT video0 type=1 640x480 NV12"});
+     },
      "current size",
      {{2, "[LinuxV4L2CameraCapture] get capture format fail, devid 0, err: %"}},
      "set success"},
@@ -120,6 +188,11 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     [] {
+         return Sequence::StartCallsThrough(
+                    "S_FMT video0 type=1 640x480 NV12 field=1 stride=1280 size=614400 colorspace=8") +
+                Calls{"close video0"};
+     },
      "set success",
      {{4, "[LinuxV4L2CameraCapture] set capture format fail, devid 0, err: %"}}},
     {"GetParm",
@@ -128,6 +201,7 @@ const Fault kStartFaults[] = {
      1,
      true,
      0,
+     [] { return Sequence::StartCallsWith("S_PARM video0 type=1 timeperframe=1/15", {}); },
      "set capture fps success",
      {{8, "[LinuxV4L2CameraCapture] query support change fps fail, devid 0, err: %"}},
      "alloc buffer pool",
@@ -138,6 +212,7 @@ const Fault kStartFaults[] = {
      1,
      true,
      0,
+     &Sequence::StartCalls,
      "set capture fps success",
      {{8, "[LinuxV4L2CameraCapture] set capture fps fail, devid 0, err: %"}},
      "alloc buffer pool",
@@ -148,25 +223,62 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     [] {
+         return Sequence::StartCallsThrough("REQBUFS video0 type=1 memory=1 count=4") + Calls{"close video0"};
+     },
      "start capture device ",
      {{4, "[LinuxV4L2CameraCapture] req buf fail, devid 0, err %"},
       {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
+    // What is mapped already stays so, deliberately.
     {"QueryBuf1",
      DeviceCall::kQueryBuf,
      1,
      1,
      false,
      0,
+     [] {
+         return Sequence::StartCallsThrough("QUERYBUF video0 type=1 memory=1 index=0") +
+                Calls{"close video0"};
+     },
      "start capture device ",
      {{4, "[LinuxV4L2CameraCapture] query buf fail, devid 0, err %"},
       {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
-    // What is mapped already stays so, deliberately.
+    {"QueryBuf2",
+     DeviceCall::kQueryBuf,
+     2,
+     1,
+     false,
+     1,
+     [] {
+         return Sequence::StartCallsThrough("QUERYBUF video0 type=1 memory=1 index=1") +
+                Calls{"close video0"};
+     },
+     "start capture device ",
+     {{4, "[LinuxV4L2CameraCapture] query buf fail, devid 0, err %"},
+      {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
+    {"QueryBuf3",
+     DeviceCall::kQueryBuf,
+     3,
+     1,
+     false,
+     2,
+     [] {
+         return Sequence::StartCallsThrough("QUERYBUF video0 type=1 memory=1 index=2") +
+                Calls{"close video0"};
+     },
+     "start capture device ",
+     {{4, "[LinuxV4L2CameraCapture] query buf fail, devid 0, err %"},
+      {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
     {"QueryBuf4",
      DeviceCall::kQueryBuf,
      4,
      1,
      false,
      3,
+     [] {
+         return Sequence::StartCallsThrough("QUERYBUF video0 type=1 memory=1 index=3") +
+                Calls{"close video0"};
+     },
      "start capture device ",
      {{4, "[LinuxV4L2CameraCapture] query buf fail, devid 0, err %"},
       {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
@@ -176,6 +288,40 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     [] {
+         return Sequence::StartCallsThrough(
+                    "mmap video0 length=4096 offset=0 PROT_READ|PROT_WRITE MAP_SHARED") +
+                Calls{"close video0"};
+     },
+     "start capture device ",
+     {{4, "[LinuxV4L2CameraCapture] map buf fail, devid 0, err %"},
+      {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
+    {"Map2",
+     DeviceCall::kMap,
+     2,
+     1,
+     false,
+     0,
+     [] {
+         return Sequence::StartCallsThrough(
+                    "mmap video0 length=4096 offset=65536 PROT_READ|PROT_WRITE MAP_SHARED") +
+                Calls{"munmap video0 buffer=0 length=4096", "close video0"};
+     },
+     "start capture device ",
+     {{4, "[LinuxV4L2CameraCapture] map buf fail, devid 0, err %"},
+      {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
+    {"Map3",
+     DeviceCall::kMap,
+     3,
+     1,
+     false,
+     0,
+     [] {
+         return Sequence::StartCallsThrough(
+                    "mmap video0 length=4096 offset=131072 PROT_READ|PROT_WRITE MAP_SHARED") +
+                Calls{"munmap video0 buffer=0 length=4096", "munmap video0 buffer=1 length=4096",
+                      "close video0"};
+     },
      "start capture device ",
      {{4, "[LinuxV4L2CameraCapture] map buf fail, devid 0, err %"},
       {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
@@ -185,6 +331,12 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     [] {
+         return Sequence::StartCallsThrough(
+                    "mmap video0 length=4096 offset=196608 PROT_READ|PROT_WRITE MAP_SHARED") +
+                Calls{"munmap video0 buffer=0 length=4096", "munmap video0 buffer=1 length=4096",
+                      "munmap video0 buffer=2 length=4096", "close video0"};
+     },
      "start capture device ",
      {{4, "[LinuxV4L2CameraCapture] map buf fail, devid 0, err %"},
       {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
@@ -194,6 +346,36 @@ const Fault kStartFaults[] = {
      1,
      false,
      1,
+     [] {
+         return Sequence::StartCallsThrough("QBUF video0 type=1 memory=1 index=0 length=4096") +
+                Calls{"close video0"};
+     },
+     "start capture device ",
+     {{4, "[LinuxV4L2CameraCapture] qbuf fail, devid 0, err %"},
+      {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
+    {"QueueBuf2",
+     DeviceCall::kQueueBuf,
+     2,
+     1,
+     false,
+     2,
+     [] {
+         return Sequence::StartCallsThrough("QBUF video0 type=1 memory=1 index=1 length=4096 offset=65536") +
+                Calls{"close video0"};
+     },
+     "start capture device ",
+     {{4, "[LinuxV4L2CameraCapture] qbuf fail, devid 0, err %"},
+      {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
+    {"QueueBuf3",
+     DeviceCall::kQueueBuf,
+     3,
+     1,
+     false,
+     3,
+     [] {
+         return Sequence::StartCallsThrough("QBUF video0 type=1 memory=1 index=2 length=4096 offset=131072") +
+                Calls{"close video0"};
+     },
      "start capture device ",
      {{4, "[LinuxV4L2CameraCapture] qbuf fail, devid 0, err %"},
       {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
@@ -203,6 +385,10 @@ const Fault kStartFaults[] = {
      1,
      false,
      4,
+     [] {
+         return Sequence::StartCallsThrough("QBUF video0 type=1 memory=1 index=3 length=4096 offset=196608") +
+                Calls{"close video0"};
+     },
      "start capture device ",
      {{4, "[LinuxV4L2CameraCapture] qbuf fail, devid 0, err %"},
       {4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
@@ -212,6 +398,15 @@ const Fault kStartFaults[] = {
      1,
      false,
      0,
+     [] {
+         return Sequence::StartCallsThrough("STREAMON video0 type=1") +
+                Calls{"munmap video0 buffer=0 length=4096",
+                      "munmap video0 buffer=1 length=4096",
+                      "munmap video0 buffer=2 length=4096",
+                      "munmap video0 buffer=3 length=4096",
+                      "STREAMOFF video0 type=1",
+                      "close video0"};
+     },
      "create work thread",
      {{4, "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: %"}}},
 };
@@ -265,6 +460,8 @@ void PrintTo(const StopFault& fault, std::ostream* out) {
 const StopFault kStopFaults[] = {
     // The system has not unmapped it; there is nothing to be done about it.
     {"Unmap1", DeviceCall::kUnmap, 1, 1, {}},
+    {"Unmap2", DeviceCall::kUnmap, 2, 1, {}},
+    {"Unmap3", DeviceCall::kUnmap, 3, 1, {}},
     {"Unmap4", DeviceCall::kUnmap, 4, 1, {}},
     {"StreamOff",
      DeviceCall::kStreamOff,
@@ -343,7 +540,11 @@ TEST_P(StartFaultTest, AStartEndsAsItShould) {
     if (fault.starts) {
         EXPECT_EQ(devices.OpenDescriptors(), 1);
         EXPECT_EQ(devices.Mappings(), 4);
+        ASSERT_TRUE(WaitForSelect());
         capture.stopCapture();
+        EXPECT_EQ(devices.Calls(), fault.calls() + Calls{"select video0 timeout=1.000000"} + StopCalls());
+    } else {
+        EXPECT_EQ(devices.Calls(), fault.calls());
     }
     mappings_left = fault.mappings_left;
     ExpectIdle(fault.mappings_left);
@@ -399,6 +600,7 @@ TEST_P(StopFaultTest, AStopGoesOnToItsEnd) {
     devices.Fail(fault.call, Error(), fault.nth);
     capture.stopCapture();
     EXPECT_EQ(host.OwnerLines(), StopLines() + WithErrno(fault.lines, Error()));
+    EXPECT_EQ(devices.Calls(), StartCalls() + Calls{"select video0 timeout=1.000000"} + StopCalls());
     mappings_left = fault.mappings_left;
     ExpectIdle(fault.mappings_left);
     ExpectNextStartWorks();

@@ -1,5 +1,6 @@
 #include "capture/linux_v4l2_camera_capture.h"
 
+#include <tuple>
 #include <type_traits>
 
 #include "tests/support/capture_fixture.h"
@@ -8,6 +9,20 @@ namespace zumod::testing {
 namespace {
 
 static_assert(!std::is_polymorphic_v<LinuxV4L2CameraCapture>);
+
+constexpr char kSetFmt[] = "S_FMT video0 type=1 640x480 NV12 field=1 stride=1280 size=614400 colorspace=8";
+const Calls kWait = {"select video0 timeout=1.000000"};
+
+// With another pixel format than NV12, which is four characters as well.
+Calls InFormat(Calls calls, const std::string& format) {
+    for (std::string& call : calls) {
+        const size_t place = call.find("NV12");
+        if (place != std::string::npos) {
+            call.replace(place, format.size(), format);
+        }
+    }
+    return calls;
+}
 
 TEST_F(CaptureTest, AStartAndAStopMakeTheseCallsInThisOrder) {
     devices.SetCamera(0, Nv12Camera());
@@ -34,11 +49,11 @@ TEST_F(CaptureTest, ASecondStartReturnsTrueAtOnceAndLogsNothing) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
-    const int opens = devices.CallCount(DeviceCall::kOpen);
+    ASSERT_TRUE(WaitForSelect());
     host.Clear();
     EXPECT_TRUE(capture.startCapture());
     EXPECT_EQ(host.OwnerLines(), LogLines{});
-    EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), opens);
+    EXPECT_EQ(devices.Calls(), StartCalls() + kWait);
 }
 
 TEST_F(CaptureTest, StoppingWhatNeverStartedOnlySaysSo) {
@@ -274,8 +289,27 @@ TEST_F(CaptureTest, OnlyMjpgAtTheSizeIsNotEnough) {
             {8, "[LinuxV4L2CameraCapture] startCapture, devid 0, search mached format"},
             {4, "[LinuxV4L2CameraCapture] query supported format fail, devid 0, err: " +
                     std::to_string(EINVAL)}}));
-    EXPECT_EQ(devices.CallCount(DeviceCall::kGetFmt), 0);
-    EXPECT_EQ(devices.Calls().back(), "close video0");
+    EXPECT_EQ(devices.Calls(),
+              InFormat(UpTo(StartCalls(), "G_FMT video0 type=1 0x0 0"), "MJPG") + Calls{"close video0"});
+}
+
+TEST_F(CaptureTest, AnotherSizeThanTheOneAskedForIsNotEnough) {
+    devices.SetCamera(0, Nv12Camera());
+    LinuxV4L2CameraCapture capture;
+    for (const FrameSize size : {FrameSize{640, 720}, FrameSize{1280, 480}}) {
+        host.Clear();
+        devices.TakeCalls();
+        capture.setFormat(static_cast<int>(size.width), static_cast<int>(size.height), 15);
+        LogLines expected = {
+            {1, "[LinuxV4L2CameraCapture] setFormat, devid 0, size " + std::to_string(size.width) + "x" +
+                    std::to_string(size.height) + " fps 15"},
+            {1, "[LinuxV4L2CameraCapture] resetCapture, devId 0"},
+            {1, "[LinuxV4L2CameraCapture] stopCapture, devid 0"}};
+        Append(expected, UpTo(StartLines(), "set input format"));
+        expected.push_back({4, "[LinuxV4L2CameraCapture] query supported format fail, devid 0, err: 22"});
+        EXPECT_EQ(host.OwnerLines(), expected);
+        EXPECT_EQ(devices.Calls(), UpTo(StartCalls(), "G_FMT video0 type=1 0x0 0") + Calls{"close video0"});
+    }
 }
 
 TEST_F(CaptureTest, NoOtherSizeIsTried) {
@@ -296,7 +330,8 @@ TEST_F(CaptureTest, AFormatThatIsSetAlreadyIsNotSetAgain) {
     devices.SetCamera(0, model);
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
-    EXPECT_EQ(devices.CallCount(DeviceCall::kSetFmt), 0);
+    ASSERT_TRUE(WaitForSelect());
+    EXPECT_EQ(devices.Calls(), StartCallsWith(kSetFmt, {}) + kWait);
     EXPECT_EQ(host.OwnerLines().at(7),
               (LogLine{2,
                        "[LinuxV4L2CameraCapture] current size 640x480 fmt 842094158, requresize 640x480 fmt "
@@ -361,11 +396,15 @@ TEST_F(CaptureTest, AFormatTheDeviceInsistsOnIsAdoptedIfItCanBeCaptured) {
         model.current_format = each.current;
         devices.SetCamera(0, model);
         devices.Fail(DeviceCall::kSetFmt, EBUSY);
+        devices.TakeCalls();
         host.Clear();
         FrameCollector collector;
         LinuxV4L2CameraCapture capture;
         capture.SignalCaptureFrame.connect(&collector, &FrameCollector::OnFrame);
         ASSERT_TRUE(capture.startCapture());
+        ASSERT_TRUE(
+            WaitUntil([this] { return !devices.Calls().empty() && devices.Calls().back() == kWait[0]; }));
+        EXPECT_EQ(devices.Calls(), StartCalls() + kWait);
         EXPECT_EQ(host.OwnerLines().at(7),
                   (LogLine{2, "[LinuxV4L2CameraCapture] current size 640x480 fmt " + each.number +
                                   ", requresize 640x480 fmt 842094158 devid 0, need set device 1"}));
@@ -394,16 +433,41 @@ TEST_F(CaptureTest, AFormatTheDeviceInsistsOnIsRefusedIfItCannotBeCaptured) {
     CameraModel other_height = Nv12Camera();
     other_height.current_format = V4L2_PIX_FMT_YUYV;
     other_height.current_size = {640, 240};
-    for (const CameraModel& model : {mjpg, other_width, other_height}) {
+    const std::vector<std::tuple<CameraModel, std::string, std::string>> cases = {
+        {mjpg, "640x480 fmt 1196444237", "stride=1280 size=614400"},
+        {other_width, "320x480 fmt 1448695129", "stride=640 size=307200"},
+        {other_height, "640x240 fmt 1448695129", "stride=1280 size=307200"}};
+    for (const auto& [model, current, kept] : cases) {
         devices.SetCamera(0, model);
         devices.Fail(DeviceCall::kSetFmt, EBUSY);
+        devices.TakeCalls();
         host.Clear();
         LinuxV4L2CameraCapture capture;
         EXPECT_FALSE(capture.startCapture());
-        EXPECT_EQ(host.OwnerLines().back(),
-                  (LogLine{4, "[LinuxV4L2CameraCapture] set capture format fail, devid 0, err: " +
-                                  std::to_string(EBUSY)}));
+        EXPECT_EQ(host.OwnerLines(),
+                  UpTo(StartLines(), "current size") +
+                      (LogLines{{2, "[LinuxV4L2CameraCapture] current size " + current +
+                                        ", requresize 640x480 fmt 842094158 devid 0, need set device 1"},
+                                {4, "[LinuxV4L2CameraCapture] set capture format fail, devid 0, err: 16"}}));
+        EXPECT_EQ(devices.Calls(),
+                  UpTo(StartCalls(), kSetFmt) +
+                      (Calls{"S_FMT video0 type=1 640x480 NV12 field=1 " + kept + " colorspace=8",
+                             "close video0"}));
     }
+}
+
+TEST_F(CaptureTest, AFormatThatCanBeNeitherReadNorSetIsAFailure) {
+    devices.SetCamera(0, Nv12Camera());
+    devices.Fail(DeviceCall::kGetFmt, EIO);
+    devices.Fail(DeviceCall::kSetFmt, EBUSY);
+    LinuxV4L2CameraCapture capture;
+    EXPECT_FALSE(capture.startCapture());
+    EXPECT_EQ(host.OwnerLines(),
+              UpTo(StartLines(), "current size") +
+                  (LogLines{{2, "[LinuxV4L2CameraCapture] get capture format fail, devid 0, err: 5"},
+                            {4, "[LinuxV4L2CameraCapture] set capture format fail, devid 0, err: 16"}}));
+    EXPECT_EQ(devices.Calls(),
+              UpTo(StartCalls(), kSetFmt) + (Calls{"S_FMT video0 type=1 640x480 NV12", "close video0"}));
 }
 
 TEST_F(CaptureTest, WithoutTheCurrentFormatTheSetStartsFromNothing) {
@@ -442,6 +506,8 @@ TEST_F(CaptureTest, ADeviceWithOneRateIsCapturedAtIt) {
     ASSERT_TRUE(capture.startCapture());
     EXPECT_EQ(host.OwnerLines().at(10),
               (LogLine{8, "[LinuxV4L2CameraCapture] device not support change fps, devid 0"}));
+    ASSERT_TRUE(WaitForSelect());
+    EXPECT_EQ(devices.Calls(), StartCallsWith("S_PARM video0 type=1 timeperframe=1/15", {}) + kWait);
     EXPECT_EQ(host.OwnerLines().back(),
               (LogLine{1,
                        "[LinuxV4L2CameraCapture] startCapture success, devid 0, width 640 height 480 format "
@@ -469,8 +535,9 @@ TEST_F(CaptureTest, OfEightGrantedBuffersFourAreMappedAndQueued) {
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
     EXPECT_EQ(devices.Mappings(), 4);
-    EXPECT_EQ(devices.CallCount(DeviceCall::kQueryBuf), 4);
-    EXPECT_EQ(devices.CallCount(DeviceCall::kQueueBuf), 4);
+    ASSERT_TRUE(WaitForSelect());
+    capture.stopCapture();
+    EXPECT_EQ(devices.Calls(), StartCalls() + kWait + StopCalls());
 }
 
 TEST_F(CaptureTest, FewerGrantedBuffersAreAllMapped) {
@@ -478,11 +545,17 @@ TEST_F(CaptureTest, FewerGrantedBuffersAreAllMapped) {
         CameraModel model = Nv12Camera();
         model.granted_buffers = granted;
         devices.SetCamera(0, model);
+        devices.TakeCalls();
         LinuxV4L2CameraCapture capture;
         ASSERT_TRUE(capture.startCapture());
-        EXPECT_EQ(devices.Mappings(), static_cast<int>(granted));
+        ASSERT_TRUE(WaitUntil([this] { return devices.Calls().back() == kWait[0]; }));
         capture.stopCapture();
-        EXPECT_EQ(devices.Mappings(), 0);
+        const Calls unmapped = UnmapCalls();
+        EXPECT_EQ(devices.Calls(),
+                  UpTo(StartCalls(), "QUERYBUF video0 type=1 memory=1 index=" + std::to_string(granted)) +
+                      Calls{"STREAMON video0 type=1"} + kWait +
+                      Calls(unmapped.begin(), unmapped.begin() + granted) +
+                      (Calls{"STREAMOFF video0 type=1", "close video0"}));
     }
 }
 
@@ -492,9 +565,11 @@ TEST_F(CaptureTest, NoGrantedBufferIsAnEmptyPoolAndNoFailure) {
     devices.SetCamera(0, model);
     LinuxV4L2CameraCapture capture;
     EXPECT_TRUE(capture.startCapture());
-    EXPECT_EQ(devices.Mappings(), 0);
-    EXPECT_EQ(devices.CallCount(DeviceCall::kQueryBuf), 0);
-    EXPECT_EQ(devices.CallCount(DeviceCall::kStreamOn), 1);
+    ASSERT_TRUE(WaitForSelect());
+    capture.stopCapture();
+    EXPECT_EQ(devices.Calls(), StartCallsThrough("REQBUFS video0 type=1 memory=1 count=4") +
+                                   Calls{"STREAMON video0 type=1"} + kWait +
+                                   (Calls{"STREAMOFF video0 type=1", "close video0"}));
 }
 
 TEST_F(CaptureTest, APoolLeftByAFailedStartIsForgottenByTheNext) {

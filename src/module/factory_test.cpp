@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -141,6 +142,7 @@ TEST_F(CameraClientCreate, RefusesAnotherMajorVersion) {
               (LogLine{4,
                        "[camera_client] camera_client_create version 844424930131968 not compactible with "
                        "562949953421312"}));
+    EXPECT_EQ(RefusalOf(Policy("IClientCameraPlugin", 0x0102000000000000)).size(), 2u);
     EXPECT_EQ(
         RefusalOf(Policy("IClientCameraPlugin", 0)).back(),
         (LogLine{4, "[camera_client] camera_client_create version 0 not compactible with 562949953421312"}));
@@ -186,6 +188,59 @@ TEST_F(CameraClientCreate, APolicyThatThrowsIsReleasedOnTheWay) {
         }
         EXPECT_TRUE(ledger.Balanced());
     }
+}
+
+// Notes how often the policy is held at each line of the log.
+class HoldingHost final : public testing::RecordingHost {
+public:
+    explicit HoldingHost(const CountedPolicy& policy) : m_policy(policy) {}
+    int WriteLog(uint32_t, const char*) override {
+        held.push_back(m_policy.References());
+        return 0;
+    }
+    std::vector<int64_t> held;
+
+private:
+    const CountedPolicy& m_policy;
+};
+
+TEST_F(CameraClientCreate, ThePolicyIsHeldFromTheBeginningToTheEnd) {
+    const auto held_during = [&](const CRefPtr_T<CountedPolicy>& policy) {
+        HoldingHost holding(*policy);
+        AttachRuntime(&holding);
+        IZUModInterface* out = nullptr;
+        const int created = camera_client_create(policy.Get(), &out);
+        AttachRuntime(&host);
+        EXPECT_EQ(policy->References(), 1);
+        if (created == 1) {
+            CallSlot<int64_t>(out, 3);
+        }
+        return holding.held;
+    };
+    // Besides the caller's own reference: when the values are logged, and when the plugin is made or refused.
+    EXPECT_EQ(held_during(Policy("IClientCameraPlugin", 0x0002000000000000)), (std::vector<int64_t>{2, 2}));
+    EXPECT_EQ(held_during(Policy(nullptr, -1)), (std::vector<int64_t>{2, 2}));
+    EXPECT_EQ(held_during(Policy("IClientCamera", 1)), (std::vector<int64_t>{2, 2}));
+    EXPECT_EQ(held_during(Policy("IClientCameraPlugin", 1)), (std::vector<int64_t>{2, 2}));
+}
+
+// Notes what it is asked for, and how often it is held then; has nothing.
+class AskedPolicy final : public testing::Counted<IZUModCreatePolicy> {
+public:
+    using Counted::Counted;
+    IZUModData* GetPolicy(const char* key) override {
+        asked.emplace_back(key, References());
+        return nullptr;
+    }
+    std::vector<std::pair<std::string, int64_t>> asked;
+};
+
+TEST_F(CameraClientCreate, TheNameIsAskedForAndThenTheVersion) {
+    const CRefPtr_T<AskedPolicy> policy(new AskedPolicy(ledger));
+    IZUModInterface* out = nullptr;
+    EXPECT_EQ(camera_client_create(policy.Get(), &out), 0);
+    EXPECT_EQ(policy->asked, (std::vector<std::pair<std::string, int64_t>>{{"zu.module.interface.name", 2},
+                                                                           {"zu.module.version", 2}}));
 }
 
 // A policy whose value throws while it is read.

@@ -85,10 +85,14 @@ public:
     int SetInputFormat(const VideoInputFormat* format) override {
         Tell("[codec] SetInputFormat %dx%d stride %d bits %d", format->width, format->height, format->stride,
              format->bits_per_pixel);
-        return 0;
+        g_record.last_format = format->format;
+        return g_record.set_format_result;
     }
     bool Encode(IVEncArgs* args) override {
         Tell("[codec] Encode %u bytes", static_cast<unsigned>(args->GetInputSize()));
+        g_record.last_input = args->GetInputData();
+        g_record.argument_references = args->AddRef() - 1;
+        args->Release();
         if (g_record.prepares_output) {
             args->PrepareOutput(4);
             std::memcpy(args->GetOutputData(), "code", 4);

@@ -22,6 +22,12 @@ struct CodecRecord {
     // What Encode returns, and whether it prepares an output first.
     std::atomic<bool> encode_result{true};
     std::atomic<bool> prepares_output{true};
+    // What SetInputFormat returns, and what it and Encode were given last.
+    std::atomic<int> set_format_result{0};
+    std::atomic<uint32_t> last_format{0};
+    std::atomic<const void*> last_input{nullptr};
+    // On the arguments, while they are encoded.
+    std::atomic<uint64_t> argument_references{0};
     // While set, each created object keeps its policy alive.
     std::atomic<bool> keep_policy{false};
     std::atomic<IZUModCreatePolicy*> last_policy{nullptr};

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <functional>
 #include <initializer_list>
 #include <mutex>
@@ -232,6 +233,13 @@ protected:
                    "QBUF video0 type=1 memory=1 index=3 length=4096 offset=196608",
                    "STREAMON video0 type=1",
                };
+    }
+    // Of those: up to and with this one, and with others in the place of one.
+    static Calls StartCallsThrough(const std::string& call) { return UpTo(StartCalls(), call) + Calls{call}; }
+    static Calls StartCallsWith(const std::string& call, const Calls& instead) {
+        const Calls all = StartCalls();
+        const Calls head = UpTo(all, call);
+        return head + instead + Calls(all.begin() + static_cast<std::ptrdiff_t>(head.size()) + 1, all.end());
     }
     static Calls UnmapCalls() {
         return {"munmap video0 buffer=0 length=4096", "munmap video0 buffer=1 length=4096",

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -37,6 +38,14 @@ inline std::ptrdiff_t CountThreads() {
 // Whether the process comes down, or up, to this many threads.
 inline bool ThreadsComeTo(std::ptrdiff_t count) {
     return WaitUntil([count] { return CountThreads() == count; });
+}
+
+// Whether the kernel says that this thread of the process waits for something.
+inline bool IsAsleep(pid_t thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const size_t name_end = text.rfind(')');
+    return name_end != std::string::npos && text.substr(name_end + 2, 1) == "S";
 }
 
 inline std::ptrdiff_t CountDescriptors() {
