@@ -226,5 +226,17 @@ TEST_F(CameraWatchTest, KnowsWhichOfTwoCamerasOfOneNameIsMissing) {
               Actions{Open(2)});
 }
 
+TEST_F(CameraWatchTest, DoesNotTakeTheOtherOfTwoCamerasOfOneNameForTheFirst) {
+    const std::vector<CameraEntry> twins = {Camera(0, "Twin"), Camera(1, "Twin")};
+    CameraWatch first(twins, twins[0], {}, At(0));
+    first.OnFrame(At(0));
+    EXPECT_EQ(first.OnTime(At(500)), Actions{kAsk});
+    EXPECT_EQ(first.OnCameras({Camera(0, "Twin")}, At(510)).size(), 2U);
+    EXPECT_EQ(first.OnTime(At(1510)), Actions{kAsk});
+    EXPECT_EQ(first.OnCameras({Camera(0, "Twin")}, At(1510)), Actions{});
+    EXPECT_EQ(first.OnTime(At(2510)), Actions{kAsk});
+    EXPECT_EQ(first.OnCameras(twins, At(2510)), Actions{Open(0)});
+}
+
 }  // namespace
 }  // namespace zumod::peer
