@@ -177,10 +177,10 @@ TEST_F(BadInput, NoMemoryForAFrameDropsIt) {
 // block is deliberately left.
 TEST_F(BadInput, NoMemoryForAMessagesObjectEndsTheRunLikeAFailedRead) {
     PlatformWatch heap;
-    heap.FailNew(sizeof(CMemBuffer), 1);
+    heap.FailMalloc(sizeof(CMemBuffer), 1);
     host.TakeLines();
     EXPECT_TRUE(Serve(kVersionRequestBytes)->Written().empty());
-    std::free(heap.LastMalloc());
+    std::free(heap.FirstMalloc());
     EXPECT_EQ(host.Lines(),
               (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
     ExpectServesOn();
@@ -190,9 +190,9 @@ TEST_F(BadInput, NoMemoryForAFramesObjectDropsIt) {
     const auto stream = Serve({});
     plugin->ExitInstance();
     PlatformWatch heap;
-    heap.FailNew(sizeof(CMemBuffer), 1);
+    heap.FailMalloc(sizeof(CMemBuffer), 1);
     plugin->OnVideoPacket(7, "abc", 3);
-    std::free(heap.LastMalloc());
+    std::free(heap.FirstMalloc());
     EXPECT_FALSE(plugin->IsBusy(7));
     for (int frame = 0; frame < 6; ++frame) {
         EXPECT_FALSE(plugin->IsBusy(7));

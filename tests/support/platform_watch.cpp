@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 
 extern "C" {
 // The linker sends each call of f to __wrap_f, and __real_f to f.
@@ -13,6 +14,7 @@ void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* block, size_t size);
 void __real_free(void* block);
+void* __real__Znwm(size_t size);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument);
 int __real_pthread_join(pthread_t thread, void** result);
@@ -23,6 +25,7 @@ void* __wrap_malloc(size_t size);
 void* __wrap_calloc(size_t count, size_t size);
 void* __wrap_realloc(void* block, size_t size);
 void __wrap_free(void* block);
+void* __wrap__Znwm(size_t size);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument);
 int __wrap_pthread_join(pthread_t thread, void** result);
@@ -72,6 +75,7 @@ CallLog frees;
 Failure malloc_failure;
 Failure calloc_failure;
 Failure realloc_failure;
+Failure new_failure;
 Failure thread_failure;
 std::atomic<void*> first_malloc{nullptr};
 std::atomic<int> threads_created{0};
@@ -119,6 +123,13 @@ void __wrap_free(void* block) {
     __real_free(block);
 }
 
+void* __wrap__Znwm(size_t size) {
+    if (watching && new_failure.Strikes(size)) {
+        throw std::bad_alloc();
+    }
+    return __real__Znwm(size);
+}
+
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument) {
     if (watching && thread_failure.Strikes(0)) {
@@ -159,7 +170,8 @@ PlatformWatch::PlatformWatch() {
 
 PlatformWatch::~PlatformWatch() {
     watching = false;
-    for (Failure* each : {&malloc_failure, &calloc_failure, &realloc_failure, &thread_failure}) {
+    for (Failure* each :
+         {&malloc_failure, &calloc_failure, &realloc_failure, &new_failure, &thread_failure}) {
         each->Set(0, 0);
     }
 }
@@ -172,6 +184,9 @@ void PlatformWatch::FailCalloc(size_t size, int times) {
 }
 void PlatformWatch::FailRealloc(size_t size, int times) {
     realloc_failure.Set(size, times);
+}
+void PlatformWatch::FailNew(size_t size, int times) {
+    new_failure.Set(size, times);
 }
 void PlatformWatch::FailThreadCreation(int times) {
     thread_failure.Set(0, times);

@@ -21,6 +21,8 @@ public:
     void FailMalloc(size_t size, int times);
     void FailCalloc(size_t size, int times);
     void FailRealloc(size_t size, int times);
+    // The next `times` calls of the global operator new for exactly `size` bytes throw.
+    void FailNew(size_t size, int times);
     // The next `times` threads are not created.
     void FailThreadCreation(int times);
 
