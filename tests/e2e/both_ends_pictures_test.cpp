@@ -1,6 +1,9 @@
 // Whether what the reference peer writes is what the reference host's cameras showed.
 #include <linux/videodev2.h>
 
+#include <array>
+#include <csignal>
+#include <fstream>
 #include <ostream>
 
 #include "tests/e2e/both_ends.h"
@@ -65,6 +68,28 @@ TEST_F(BothEndsRecord, TwoCamerasAtOnce) {
     ExpectRecording(desk, 320, 240, true);
     ExpectCameraFree(0);
     ExpectCameraFree(1);
+}
+
+TEST_F(BothEndsRecord, AndKeepTheSecondCamerasFileWhenTheFirstOnesPlaceIsTaken) {
+    const auto host = Start();
+    const std::string front = work / "front.mkv";
+    const std::string desk = work / "desk.mkv";
+    PeerRun peer = Peer({"record", "0", front, "1", desk});
+    for (const size_t camera : {0U, 1U}) {
+        EXPECT_TRUE(WaitUntil([&] { return cameras.At(camera).Status().delivered >= 10; }));
+    }
+    std::ofstream(front) << "precious";
+    peer.Process().Signal(SIGINT);
+    EXPECT_EQ(peer.Process().Wait(), 1);
+    const std::string errors = peer.Process().Errors();
+    const std::string start =
+        "zu-camera-peer: " + front + " cannot be put in place: File exists; it is kept as ";
+    ASSERT_EQ(errors.substr(0, start.size()), start);
+    EXPECT_EQ(FileContent(front), "precious");
+    const std::string kept = errors.substr(start.size(), errors.size() - start.size() - 1);
+    EXPECT_EQ(StampsIn(work, kept, 640, 480).size(), Probe(work, kept).frames);
+    EXPECT_EQ(StampsIn(work, desk, 320, 240).size(), Probe(work, desk).frames);
+    EXPECT_GT(Probe(work, desk).frames, 0U);
 }
 
 struct Shot {

@@ -52,6 +52,19 @@ TEST_F(BothEndsTalk, ChangesTheFormatWhileTheCameraStreams) {
     ExpectCameraFree();
 }
 
+TEST_F(BothEndsTalk, NamesASizeThatTheCameraDoesNotHave) {
+    const auto host = Start();
+    Peer({"snapshot", "0", work / "none.png", "--size", "1280x720"})
+        .ExpectEnd(1,
+                   "zu-camera-peer: camera 0 (Front Camera) could not be opened at 1280x720, which it does "
+                   "not list\n");
+    Peer({"format", "0", "--size", "1280x720", "--timeout", "1"})
+        .ExpectEnd(1,
+                   "zu-camera-peer: no picture of camera 0 (Front Camera) came within 1.0 s of the change "
+                   "to 1280x720, which it does not list\n");
+    ExpectCameraFree();
+}
+
 TEST_F(BothEndsTalk, MeasuresRateLatencyAndDropsByThePictures) {
     const auto host = Start();
     std::istringstream lines(PrintedBy(Peer({"stats", "0", "--json", "--seconds", "2"})));
