@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <optional>
+#include <string>
 
 #include "peer/commands.h"
 #include "peer/peer_error.h"
@@ -28,8 +29,8 @@ public:
     FormatChanging(Session& session, PictureDecoder& decoder, const CameraEntry& camera)
         : m_session(session), m_decoder(decoder), m_camera(camera) {}
 
-    // The size of the next decoded picture.
-    PictureSize NextSize() {
+    // The size of the next decoded picture. `since` says what it comes, or does not come, after.
+    PictureSize NextSize(const std::string& since) {
         const auto deadline = Clock::now() + m_session.Limit();
         while (const auto arrived = m_session.Receive(deadline)) {
             if (const auto size = Look(*arrived)) {
@@ -37,7 +38,7 @@ public:
             }
         }
         throw PeerError("no picture of " + CameraLabel(m_camera) + " came within " +
-                        SecondsText(m_session.Limit()));
+                        SecondsText(m_session.Limit()) + since);
     }
 
     PictureSize ChangeTo(PictureSize wanted, int fps, PictureSize before) {
@@ -46,8 +47,10 @@ public:
         m_changed = false;
         int pictures_since = 0;
         PictureSize size = before;
+        const std::string since = " of the change to " + SizeText(wanted) +
+                                  (Lists(m_camera, wanted) ? "" : ", which it does not list");
         while (size == before && pictures_since < kFramesOfBefore) {
-            size = NextSize();
+            size = NextSize(since);
             pictures_since += m_changed ? 1 : 0;
         }
         return size;
@@ -87,7 +90,7 @@ void ChangeFormat(const Work& work) {
     const CameraEntry camera = AskCamera(session, options.id);
     const CameraHold hold(session, camera, OpeningSize(camera, *options.size), options.fps);
     FormatChanging changing(session, decoder, camera);
-    const PictureSize before = changing.NextSize();
+    const PictureSize before = changing.NextSize("");
     const PictureSize after = changing.ChangeTo(*options.size, options.fps, before);
     WriteOut(CameraLabel(camera) + ": " + SizeText(before) + ", then " + SizeText(after) + "\n",
              work.signals);

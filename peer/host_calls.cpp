@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "peer/peer_error.h"
+#include "peer/picture_size.h"
 #include "peer/requests.h"
 #include "peer/safe_text.h"
 
@@ -52,6 +53,10 @@ private:
 
 std::string CameraLabel(uint32_t id, const std::string& name) {
     return "camera " + std::to_string(id) + " (" + SafeText(name) + ")";
+}
+
+bool Lists(const CameraEntry& camera, PictureSize size) {
+    return std::find(camera.sizes.begin(), camera.sizes.end(), size) != camera.sizes.end();
 }
 
 uint32_t AskVersion(Session& session) {
@@ -108,7 +113,8 @@ void OpenCamera(Session& session, const CameraEntry& camera, PictureSize size, i
         return false;
     });
     if (state != kCameraOpen) {
-        throw PeerError(CameraLabel(camera) + " could not be opened");
+        throw PeerError(CameraLabel(camera) + " could not be opened" +
+                        (Lists(camera, size) ? "" : " at " + SizeText(size) + ", which it does not list"));
     }
     session.PutBack(early.Take());
 }

@@ -21,6 +21,9 @@ inline std::string CameraLabel(const CameraEntry& camera) {
     return CameraLabel(camera.id, camera.name);
 }
 
+// Whether the camera is listed with this size.
+bool Lists(const CameraEntry& camera, PictureSize size);
+
 uint32_t AskVersion(Session& session);
 std::vector<CameraEntry> AskCameras(Session& session);
 

@@ -1,6 +1,7 @@
 #include "peer/options.h"
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <map>
 #include <ostream>
 
@@ -99,7 +100,9 @@ private:
         if (recording.id == id) {
             throw CLI::ValidationError("ID", std::to_string(id) + " is given twice");
         }
-        if (recording.path == path || recording.path == "-" || path == "-") {
+        const bool same = std::filesystem::path(recording.path).lexically_normal() ==
+                          std::filesystem::path(path).lexically_normal();
+        if (same || recording.path == "-" || path == "-") {
             throw CLI::ValidationError("FILE", "each camera takes a file of its own");
         }
     }

@@ -119,6 +119,7 @@ TEST(PeerOptions, ThatAreWrongGiveStatusTwoAndOneLine) {
         {"--socket", "s", "record", "0", "a.mp4", "1", "b.mp4", "1", "c.mp4"},
         {"--socket", "s", "record", "0", "a.mp4", "1", "a.mp4"},
         {"--socket", "s", "record", "0", "a.mp4", "1", "b.mp4", "2", "b.mp4"},
+        {"--socket", "s", "record", "0", "a.mp4", "1", "./a.mp4"},
         {"--socket", "s", "record", "0", "a.mp4", "1", "-"},
         {"--socket", "s", "record", "0", "-", "1", "b.mp4"},
         {"--socket", "s", "record", "0", "a.mp4", "--seconds", "0"},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <string>
 
 #include "peer/commands.h"
 #include "peer/peer_error.h"
@@ -84,12 +85,21 @@ public:
         return frames;
     }
 
-    // Of all tracks with a frame.
+    // Of all tracks with a frame, also when one of them cannot be kept; that is thrown at the end.
     void Keep() {
+        std::string failures;
         for (const auto& track : m_tracks) {
-            if (track->Frames() > 0) {
-                track->Keep();
+            if (track->Frames() == 0) {
+                continue;
             }
+            try {
+                track->Keep();
+            } catch (const PeerError& error) {
+                failures += (failures.empty() ? "" : "; ") + std::string(error.what());
+            }
+        }
+        if (!failures.empty()) {
+            throw PeerError(failures);
         }
     }
 
@@ -161,8 +171,13 @@ void RecordCameras(const Work& work) {
         if (recorders.Frames() == 0) {
             throw;
         }
-        recorders.Keep();
-        throw PeerError(std::string(error.what()) + "; " + recorders.WhatIsKept());
+        std::string rest = recorders.WhatIsKept();
+        try {
+            recorders.Keep();
+        } catch (const PeerError& also) {
+            rest = also.what();
+        }
+        throw PeerError(std::string(error.what()) + "; " + rest);
     }
     recorders.Keep();
     recorders.PrintSummary();

@@ -88,7 +88,6 @@ void Recorder::Begin(const AVPacket& key_frame, PictureSize size, Clock::time_po
     parameters.extradata_size = static_cast<int>(parameter_sets.size());
     // Finer than any distance between frames, where the format lets one choose.
     m_stream->time_base = {1, 90000};
-    m_stream->avg_frame_rate = {m_fps, 1};
     Check(avformat_write_header(m_file, nullptr), "header");
     m_begun = true;
     m_size = size;

@@ -38,15 +38,16 @@ public:
           m_meter(Clock::now()) {}
 
     void Run() {
-        const auto end =
-            m_work.options.seconds ? Clock::now() + *m_work.options.seconds : Clock::time_point::max();
-        auto next_line = Clock::now() + kLineEvery;
-        while (Clock::now() < end) {
+        const auto begin = Clock::now();
+        const auto end = m_work.options.seconds ? begin + *m_work.options.seconds : Clock::time_point::max();
+        auto next_line = begin + kLineEvery;
+        // The line that is due at the end is printed too.
+        for (auto now = begin; now < end;) {
             auto arrived = m_session.Receive(std::min({m_watch.NextTime(), next_line, end}));
             if (arrived) {
                 Take(*arrived);
             }
-            const auto now = Clock::now();
+            now = Clock::now();
             Do(m_watch.OnTime(now));
             if (now >= next_line) {
                 PrintFigures(now);

@@ -1,10 +1,11 @@
-// The reference host as a process, with a virtual camera and a directory of its own.
+// The reference host as a process, with virtual cameras and a directory of its own.
 //
 // Thread rule: one test thread.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -20,8 +21,8 @@ namespace zumod::testing {
 
 class HostProcess : public ::testing::Test {
 protected:
-    HostProcess() : HostProcess("card=Front,formats=NV12,sizes=640x480,fps=30") {}
-    explicit HostProcess(const char* camera) : cameras({camera}) {}
+    HostProcess() : HostProcess({"card=Front,formats=NV12,sizes=640x480,fps=30"}) {}
+    explicit HostProcess(std::initializer_list<const char*> with) : cameras(with) {}
 
     // Any command line.
     std::unique_ptr<ChildProcess> StartWith(std::vector<std::string> words, int in = -1, int out = -1) const {

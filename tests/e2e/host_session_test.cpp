@@ -74,7 +74,7 @@ void WaitUntilFull(const PeerClient& peer) {
 // Frames alone fill the channel: no request of the peer's is under way.
 class HostOfAFastCamera : public HostProcess {
 protected:
-    HostOfAFastCamera() : HostProcess("formats=NV12,sizes=640x480,fps=200") {}
+    HostOfAFastCamera() : HostProcess({"formats=NV12,sizes=640x480,fps=200"}) {}
 };
 
 TEST_F(HostOfAFastCamera, IsNotHeldByAPeerThatStopsSendingAndReadsNothing) {

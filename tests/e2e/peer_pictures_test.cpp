@@ -44,7 +44,7 @@ TEST_F(PeerPictures, TakesTheFirstPictureThatCanBeDecoded) {
     SendFrames(60);
     GiveClosed();
     ExpectEnd(0, "");
-    const std::string png = Content(path);
+    const std::string png = FileContent(path);
     EXPECT_EQ(png.substr(0, 8), "\x89PNG\r\n\x1a\n");
     EXPECT_EQ(PngSize(png), std::make_pair(640U, 480U));
     EXPECT_EQ(Files(), std::vector<std::string>{"picture.png"});

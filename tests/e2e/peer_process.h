@@ -6,14 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tests/support/child_process.h"
+#include "tests/support/file_content.h"
 #include "tests/support/scripted_host.h"
 #include "tests/support/work_directory.h"
 
@@ -62,7 +61,7 @@ protected:
     }
 
     std::string Out() const { return work / "out"; }
-    std::string Printed() const { return Content(Out()); }
+    std::string Printed() const { return FileContent(Out()); }
     // Waits until it has printed this, or has ended.
     bool Prints(const std::string& text) {
         const auto has = [&] { return Printed().find(text) != std::string::npos; };
@@ -70,10 +69,6 @@ protected:
         return has();
     }
 
-    static std::string Content(const std::string& path) {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    }
     // The names of the files of the test, those of this class apart.
     std::vector<std::string> Files() const {
         std::vector<std::string> names;

@@ -58,7 +58,7 @@ TEST_F(PeerStart, EndsACommandThatStays) {
     const std::string pid_file = work / "pid";
     StartWith({"--exec", "echo $$ >" + pid_file + "; exec sleep 1000", "version", "--timeout", "0.2"});
     ExpectEnd(1, "zu-camera-peer: the host did not answer within 0.2 s: version request\n");
-    const int pid = std::stoi(Content(pid_file));
+    const int pid = std::stoi(FileContent(pid_file));
     EXPECT_EQ(kill(pid, 0), -1);
 }
 
@@ -67,7 +67,7 @@ TEST_F(PeerStart, GivesTheCommandTheSignalsAsTheyAre) {
     const std::string status = work / "status";
     StartWith({"--exec", "exec cat /proc/self/status >" + status, "version"});
     EXPECT_EQ(peer->Wait(), 1);
-    const std::string text = Content(status);
+    const std::string text = FileContent(status);
     const auto signals = [&](const std::string& name) {
         return std::stoull(text.substr(text.find(name) + name.size()), nullptr, 16);
     };
@@ -81,7 +81,7 @@ TEST_F(PeerStart, KeepsAFileThatExistsBeforeItAsksTheHostForAnything) {
         Put(path, "precious");
         StartWith({"--socket", socket, command, "0", path});
         ExpectEnd(1, "zu-camera-peer: " + path + " exists (--overwrite replaces it)\n");
-        EXPECT_EQ(Content(path), "precious");
+        EXPECT_EQ(FileContent(path), "precious");
     }
     EXPECT_EQ(Files().size(), 2U);
 }

@@ -10,13 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tests/support/file_content.h"
 #include "tests/support/wait_until.h"
 
 namespace zumod::testing {
@@ -67,10 +65,7 @@ public:
     }
 
     // What it has written on standard error so far.
-    std::string Errors() const {
-        std::ifstream file(m_errors);
-        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    }
+    std::string Errors() const { return FileContent(m_errors); }
 
     // Waits until it has written this, or has ended.
     bool Says(const std::string& text) {

@@ -1,0 +1,103 @@
+// The reference host and the reference peer, both as processes, with a real socket between them.
+//
+// Thread rule: one test thread.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/e2e/host_process.h"
+#include "tests/support/child_process.h"
+#include "tests/support/file_content.h"
+#include "tests/support/work_directory.h"
+
+namespace zumod::testing {
+
+// One zu-camera-peer, and what it prints.
+class PeerRun {
+public:
+    // `name` is of its files in the directory.
+    PeerRun(const WorkDirectory& work, const std::string& name, std::vector<std::string> words)
+        : m_out(work / (name + ".out")) {
+        words.insert(words.begin(), ZU_PEER_FILE);
+        const UniqueFd out(open(m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600));
+        m_process =
+            std::make_unique<ChildProcess>(std::move(words), work / (name + ".errors"), -1, out.Get());
+    }
+
+    ChildProcess& Process() { return *m_process; }
+    std::string Printed() const { return FileContent(m_out); }
+
+    // Waits until it has printed this past `from`, or has ended; where what it printed ends, or npos.
+    size_t Prints(const std::string& text, size_t from = 0) {
+        const auto find = [&] { return Printed().find(text, from); };
+        WaitUntil([&] { return find() != std::string::npos || m_process->HasEnded(); });
+        const size_t found = find();
+        EXPECT_NE(found, std::string::npos) << "\"" << text << "\" is not in:\n"
+                                            << Printed() << m_process->Errors();
+        return found == std::string::npos ? found : found + text.size();
+    }
+
+    void ExpectEnd(int status, const std::string& errors) {
+        EXPECT_EQ(m_process->Wait(), status) << m_process->Errors();
+        EXPECT_EQ(m_process->Errors(), errors);
+    }
+
+    // A signal ends it well.
+    void Stop() {
+        m_process->Signal(SIGINT);
+        ExpectEnd(0, "");
+    }
+
+private:
+    const std::string m_out;
+    std::unique_ptr<ChildProcess> m_process;
+};
+
+class BothEnds : public HostProcess {
+protected:
+    explicit BothEnds(std::initializer_list<const char*> with) : HostProcess(with) {}
+
+    PeerRun Peer(std::vector<std::string> words, const std::string& name = "peer") const {
+        words.insert(words.begin(), {"--socket", socket});
+        return {work, name, std::move(words)};
+    }
+
+    // One that runs a host of its own.
+    PeerRun PeerWithHost(std::vector<std::string> words, const std::string& name = "peer") const {
+        words.insert(words.begin(),
+                     {"--exec", "exec " ZU_HOST_FILE " --stdio --log-level error 2>" + (work / "errors")});
+        return {work, name, std::move(words)};
+    }
+
+    // What it prints when it does its work.
+    std::string PrintedBy(PeerRun peer) const {
+        peer.ExpectEnd(0, "");
+        return peer.Printed();
+    }
+
+    void ExpectCameraFree(size_t index = 0) {
+        EXPECT_TRUE(WaitUntil([&] {
+            const vcam::CameraStatus status = cameras.At(index).Status();
+            return !status.streaming && status.open_files == 0;
+        })) << "the camera is still in use";
+    }
+
+    // What a recording has until it is complete.
+    bool HasTemporaryFile() const {
+        for (const auto& entry : std::filesystem::directory_iterator(work.Path())) {
+            if (entry.path().string().find(".part-") != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+};
+
+}  // namespace zumod::testing

@@ -1,0 +1,183 @@
+// What is left when the reference host or the reference peer is killed, and what the peer makes of a camera
+// that goes away or stalls.
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/both_ends.h"
+#include "tests/e2e/video_file.h"
+
+namespace zumod::testing {
+namespace {
+
+class BothEndsKilled : public BothEnds {
+protected:
+    static constexpr size_t kAtOnce = 3;
+
+    BothEndsKilled()
+        : BothEnds({"card=Front,formats=NV12,sizes=320x240,fps=100",
+                    "card=Desk,formats=YUYV,sizes=320x240,fps=100",
+                    "card=Door,formats=YU12,sizes=320x240,fps=100"}) {}
+
+    uint64_t Delivered(size_t camera) { return cameras.At(camera).Status().delivered; }
+
+    // All cameras are free: what they deliver from now on is of the next ones.
+    void BeginRound() {
+        for (size_t camera = 0; camera < kAtOnce; ++camera) {
+            ExpectCameraFree(camera);
+            m_delivered.at(camera) = Delivered(camera);
+        }
+    }
+
+    // At a moment of its life: once its camera has delivered so many frames.
+    void KillAfter(uint64_t frames, size_t camera, ChildProcess& victim) {
+        EXPECT_TRUE(WaitUntil([&] { return Delivered(camera) - m_delivered.at(camera) >= frames; }));
+        victim.Signal(SIGKILL);
+        EXPECT_EQ(victim.Wait(), 128 + SIGKILL);
+    }
+
+    std::string SocketOf(size_t camera) const { return work / ("private/" + std::to_string(camera)); }
+
+    // The recording of a peer whose host went away, and what the peer said of it.
+    void ExpectPlayable(const std::string& path, const std::string& errors) const {
+        const auto stamps = StampsIn(work, path, 320, 240);
+        for (size_t i = 1; i < stamps.size(); ++i) {
+            EXPECT_GT(stamps[i].counter, stamps[i - 1].counter);
+        }
+        const std::string rest =
+            "; the " + std::to_string(stamps.size()) + " frames before that are in " + path + "\n";
+        const std::string closed = "zu-camera-peer: the host closed the connection";
+        EXPECT_TRUE(errors == closed + rest || errors == closed + " in the middle of a message" + rest)
+            << errors << "expected: " << rest;
+    }
+
+private:
+    std::array<uint64_t, kAtOnce> m_delivered{};
+};
+
+TEST_F(BothEndsKilled, AKilledHostLeavesNothingInTheWayAndThePeerKeepsWhatCame) {
+    constexpr std::array<const char*, 3> kEndings = {".mp4", ".mkv", ".h264"};
+    std::mt19937 random(5);
+    int kept = 0;
+    for (size_t i = 0; i < ZU_KILLED_HOSTS_OF_PEERS; ++i) {
+        const std::string path = work / (std::to_string(i) + kEndings.at(i % kEndings.size()));
+        SCOPED_TRACE(path);
+        const auto host = Start({"--log-level", "error"});
+        BeginRound();
+        PeerRun peer = Peer({"record", "0", path});
+        KillAfter(random() % 25, 0, *host);
+        EXPECT_EQ(peer.Process().Wait(), 1);
+        if (std::filesystem::exists(path)) {
+            ++kept;
+            ExpectPlayable(path, peer.Process().Errors());
+        }
+        EXPECT_FALSE(HasTemporaryFile());
+    }
+    EXPECT_GT(kept, ZU_KILLED_HOSTS_OF_PEERS / 2);
+    const auto host = Start();
+    PrintedBy(Peer({"snapshot", "0", work / "picture.png"}));
+}
+
+TEST_F(BothEndsKilled, AHostOutlivesItsKilledPeersAndServesTheNext) {
+    std::mt19937 random(6);
+    std::vector<std::unique_ptr<ChildProcess>> hosts;
+    for (size_t i = 0; i < kAtOnce; ++i) {
+        hosts.push_back(std::make_unique<ChildProcess>(
+            std::vector<std::string>{ZU_HOST_FILE, "--listen", SocketOf(i), "--log-level", "error"},
+            work / (std::to_string(i) + ".errors")));
+        EXPECT_TRUE(hosts.back()->Says("listening")) << hosts.back()->Errors();
+    }
+    for (int round = 0; round < ZU_ROUNDS_OF_KILLED_PEERS; ++round) {
+        BeginRound();
+        std::vector<PeerRun> peers;
+        for (size_t i = 0; i < kAtOnce; ++i) {
+            const std::string id = std::to_string(i);
+            peers.emplace_back(
+                work, "peer" + id,
+                std::vector<std::string>{"--socket", SocketOf(i), "record", id, work / (id + ".mkv")});
+        }
+        for (size_t i = 0; i < kAtOnce; ++i) {
+            KillAfter(random() % 25, i, peers.at(i).Process());
+            EXPECT_FALSE(std::filesystem::exists(work / (std::to_string(i) + ".mkv")));
+        }
+    }
+    BeginRound();
+    for (size_t i = 0; i < kAtOnce; ++i) {
+        EXPECT_FALSE(hosts.at(i)->HasEnded());
+        EXPECT_EQ(PrintedBy({work, "peer", {"--socket", SocketOf(i), "version"}}), "5\n");
+        hosts.at(i)->Signal(SIGTERM);
+        EXPECT_EQ(hosts.at(i)->Wait(), 0);
+        EXPECT_FALSE(std::filesystem::exists(SocketOf(i)));
+    }
+}
+
+TEST_F(BothEndsKilled, AHostAtAPipeEndsWithItsKilledPeer) {
+    // Whoever loses its parent becomes this process's child.
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    std::mt19937 random(7);
+    for (int round = 0; round < ZU_ROUNDS_OF_KILLED_PEERS_OF_PIPES; ++round) {
+        std::vector<PeerRun> peers;
+        BeginRound();
+        for (size_t i = 0; i < kAtOnce; ++i) {
+            const std::string id = std::to_string(i);
+            peers.push_back(PeerWithHost({"record", id, work / (id + ".mkv")}, "peer" + id));
+        }
+        for (size_t i = 0; i < kAtOnce; ++i) {
+            // From the first frame on there is a host.
+            KillAfter(1 + random() % 24, i, peers.at(i).Process());
+        }
+        for (size_t i = 0; i < kAtOnce; ++i) {
+            int status = -1;
+            EXPECT_TRUE(WaitUntil([&] { return waitpid(-1, &status, WNOHANG) > 0; })) << "a host still runs";
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        }
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process is left";
+    }
+    BeginRound();
+}
+
+class BothEndsWatch : public BothEnds {
+protected:
+    BothEndsWatch() : BothEnds({"card=Front,formats=NV12,sizes=640x480,fps=30"}) {}
+
+    // Breaks the camera while its figures are shown; they go on once it is back.
+    void ExpectNamedAndBack(const vcam::Fault& fault, const std::string& event, bool to_replug) {
+        const auto host = Start();
+        PeerRun peer = Peer({"stats", "0"});
+        peer.Prints("camera 0 (Front) 640x480: ");
+        const size_t before = peer.Printed().size();
+        cameras.At(0).Inject(fault);
+        const size_t named = peer.Prints(event, before);
+        // It was named within a second or so: a line of figures stands for a second.
+        const std::string printed = peer.Printed();
+        EXPECT_LE(std::count(printed.begin() + static_cast<std::ptrdiff_t>(before), printed.end(), '\n'), 3)
+            << printed;
+        if (to_replug) {
+            cameras.At(0).Inject(vcam::faults::Replug());
+        }
+        const size_t back = peer.Prints("camera 0 (Front) is back after ", named);
+        peer.Prints("camera 0 (Front) 640x480: ", back);
+        peer.Prints(", 0 dropped\n", back);
+        peer.Stop();
+        ExpectCameraFree();
+    }
+};
+
+TEST_F(BothEndsWatch, NamesACameraThatIsUnpluggedAndOpensItWhenItIsBack) {
+    ExpectNamedAndBack(vcam::faults::Unplug(), "camera 0 (Front) is gone\n", true);
+}
+
+TEST_F(BothEndsWatch, NamesACameraThatStallsAndOpensItAgain) {
+    constexpr uint64_t kForGood = 600'000;  // milliseconds; until the stream begins anew
+    ExpectNamedAndBack(vcam::faults::Stall(kForGood), "camera 0 (Front) stalled: no frame for 1.0 s\n",
+                       false);
+}
+
+}  // namespace
+}  // namespace zumod::testing

@@ -1,0 +1,153 @@
+// What people and programs get from the reference peer when the reference host is at the other end.
+#include <csignal>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "tests/e2e/both_ends.h"
+#include "tests/e2e/video_file.h"
+
+namespace zumod::testing {
+namespace {
+
+// A rate at which no machine leaves frames out.
+constexpr double kRate = 15;
+
+class BothEndsTalk : public BothEnds {
+protected:
+    BothEndsTalk()
+        : BothEnds({"card=Front Camera,formats=NV12,sizes=320x240:640x480,fps=15",
+                    "card=Old,formats=MJPG,sizes=640x480", "card=Desk,formats=YUYV,sizes=320x240,fps=15"}) {}
+};
+
+TEST_F(BothEndsTalk, ListsTheCamerasForPeopleAndForPrograms) {
+    const auto host = Start();
+    EXPECT_EQ(PrintedBy(Peer({"list"})),
+              "ID  NAME          SIZES\n"
+              "0   Front Camera  320x240 640x480\n"
+              "1   Old           640x480\n"
+              "2   Desk          320x240\n");
+    EXPECT_EQ(PrintedBy(Peer({"list", "--json"})),
+              R"([{"id":0,"name":"Front Camera","display_name":"Front Camera","in_use":false,)"
+              R"("sizes":[{"width":320,"height":240},{"width":640,"height":480}]},)"
+              R"({"id":1,"name":"Old","display_name":"Old","in_use":false,)"
+              R"("sizes":[{"width":640,"height":480}]},)"
+              R"({"id":2,"name":"Desk","display_name":"Desk","in_use":false,)"
+              R"("sizes":[{"width":320,"height":240}]}])"
+              "\n");
+}
+
+TEST_F(BothEndsTalk, TellsTheVersionAndThatACameraIsClosed) {
+    const auto host = Start();
+    EXPECT_EQ(PrintedBy(Peer({"version"})), "5\n");
+    EXPECT_EQ(PrintedBy(Peer({"close", "0"})), "camera 0: closed\n");
+    EXPECT_EQ(PrintedBy(Peer({"close", "9"})), "camera 9: closed\n");
+}
+
+TEST_F(BothEndsTalk, ChangesTheFormatWhileTheCameraStreams) {
+    const auto host = Start();
+    EXPECT_EQ(PrintedBy(Peer({"format", "0", "--size", "320x240"})),
+              "camera 0 (Front Camera): 640x480, then 320x240\n");
+    EXPECT_EQ(PrintedBy(Peer({"format", "0", "--size", "640x480"})),
+              "camera 0 (Front Camera): 320x240, then 640x480\n");
+    ExpectCameraFree();
+}
+
+TEST_F(BothEndsTalk, NamesASizeThatTheCameraDoesNotHave) {
+    const auto host = Start();
+    Peer({"snapshot", "0", work / "none.png", "--size", "1280x720"})
+        .ExpectEnd(1,
+                   "zu-camera-peer: camera 0 (Front Camera) could not be opened at 1280x720, which it does "
+                   "not list\n");
+    Peer({"format", "0", "--size", "1280x720", "--timeout", "1"})
+        .ExpectEnd(1,
+                   "zu-camera-peer: no picture of camera 0 (Front Camera) came within 1.0 s of the change "
+                   "to 1280x720, which it does not list\n");
+    ExpectCameraFree();
+}
+
+TEST_F(BothEndsTalk, MeasuresRateLatencyAndDropsByThePictures) {
+    const auto host = Start();
+    std::istringstream lines(PrintedBy(Peer({"stats", "0", "--json", "--seconds", "2"})));
+    std::string line;
+    int count = 0;
+    while (std::getline(lines, line)) {
+        const auto figures = nlohmann::json::parse(line);
+        ASSERT_TRUE(figures.contains("frames")) << line;
+        EXPECT_EQ(figures["width"], 640);
+        EXPECT_EQ(figures["height"], 480);
+        EXPECT_NEAR(figures["fps"], kRate, kRate / 4);
+        EXPECT_EQ(figures["dropped"], 0);
+        EXPECT_EQ(figures["undecoded"], 0);
+        EXPECT_GT(figures["latency_ms"]["median"], 0);
+        EXPECT_GE(figures["latency_ms"]["max"], figures["latency_ms"]["median"]);
+        ++count;
+    }
+    // The end of the last second is not missing.
+    EXPECT_EQ(count, 2);
+}
+
+TEST_F(BothEndsTalk, RefusesACameraThatHasOnlyCompressedPictures) {
+    const auto host = Start();
+    const std::string refused = "zu-camera-peer: camera 1 (Old) could not be opened\n";
+    Peer({"snapshot", "1", work / "refused.png"}).ExpectEnd(1, refused);
+    Peer({"record", "1", work / "refused.mkv"}).ExpectEnd(1, refused);
+    Peer({"record", "0", work / "front.mkv", "1", work / "refused.mkv"}).ExpectEnd(1, refused);
+    EXPECT_FALSE(HasTemporaryFile());
+    EXPECT_FALSE(std::filesystem::exists(work / "refused.png"));
+    EXPECT_FALSE(std::filesystem::exists(work / "front.mkv"));
+    ExpectCameraFree(0);
+    ExpectCameraFree(1);
+}
+
+TEST_F(BothEndsTalk, SendsASecondPeerAwayWithoutDisturbingTheFirst) {
+    const auto host = Start();
+    const std::string path = work / "first.mkv";
+    PeerRun first = Peer({"record", "0", path});
+    const auto delivered = [this] { return cameras.At(0).Status().delivered; };
+    ASSERT_TRUE(WaitUntil([&] { return delivered() >= 5; })) << first.Process().Errors();
+    for (int i = 0; i < 3; ++i) {
+        Peer({"list"}, "second")
+            .ExpectEnd(1, "zu-camera-peer: the host says: busy: another peer is being served\n");
+    }
+    const uint64_t so_far = delivered();
+    EXPECT_TRUE(WaitUntil([&] { return delivered() >= so_far + 5; }));
+    first.Stop();
+    const auto stamps = StampsIn(work, path, 640, 480);
+    ASSERT_GE(stamps.size(), 5U);
+    EXPECT_EQ(stamps.back().counter - stamps.front().counter + 1, stamps.size());
+    EXPECT_GE(stamps.back().counter, so_far);
+}
+
+TEST_F(BothEndsTalk, TalkThroughTheStandardStreamsOfACommand) {
+    EXPECT_EQ(PrintedBy(PeerWithHost({"list"})),
+              "ID  NAME          SIZES\n"
+              "0   Front Camera  320x240 640x480\n"
+              "1   Old           640x480\n"
+              "2   Desk          320x240\n");
+    const std::string path = work / "desk.mp4";
+    PrintedBy(PeerWithHost({"record", "2", path, "--seconds", "1"}));
+    const VideoFile file = Probe(work, path);
+    EXPECT_EQ(file.width, 320U);
+    EXPECT_EQ(file.height, 240U);
+    EXPECT_EQ(StampsIn(work, path, 320, 240).size(), file.frames);
+    EXPECT_GE(file.frames, 5U);
+    EXPECT_EQ(FileContent(work / "errors"), "");
+    ExpectCameraFree(2);
+}
+
+TEST_F(BothEndsTalk, SayWhatIsMissingWhenThereIsNoCodec) {
+    std::filesystem::create_directory(work / "modules");
+    std::filesystem::create_symlink(ZU_MODULE_DIR "/zu-client-camera.so",
+                                    work / "modules/zu-client-camera.so");
+    const auto host = Start({"--modules", work / "modules"});
+    EXPECT_TRUE(host->Says("[host] no video can be sent, because zu-codec.so is missing: " +
+                           (work / "modules/zu-codec.so\n")));
+    Peer({"record", "0", work / "nothing.mkv", "--timeout", "1"})
+        .ExpectEnd(1, "zu-camera-peer: camera 0 (Front Camera) sent no frame within 1.0 s\n");
+    EXPECT_FALSE(HasTemporaryFile());
+    EXPECT_FALSE(std::filesystem::exists(work / "nothing.mkv"));
+    ExpectCameraFree();
+}
+
+}  // namespace
+}  // namespace zumod::testing
