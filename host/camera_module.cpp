@@ -1,5 +1,6 @@
 #include "host/camera_module.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include "loader/create_policy_adapter.h"
@@ -44,9 +45,18 @@ CRefPtr_T<IClientCameraPlugin> CameraModule::Create(void** handle) {
     return CRefPtr_T<IClientCameraPlugin>::Adopt(static_cast<IClientCameraPlugin*>(static_cast<void*>(face)));
 }
 
-std::string MissingCodecFile() {
-    std::string file = ZuModGetModulePath(kCodecModuleName, false);
-    return access(file.c_str(), F_OK) != 0 ? file : "";
+std::string LoadCodecLibrary() {
+    const std::string file = ZuModGetModulePath(kCodecModuleName, false);
+    if (access(file.c_str(), F_OK) != 0) {
+        return "zu-codec.so is missing: " + file;
+    }
+    // Never closed: a codec module, once used, stays mapped until the process has ended.
+    if (dlopen(file.c_str(), RTLD_LAZY) == nullptr) {
+        const char* const reason =
+            dlerror();  // NOLINT(concurrency-mt-unsafe): the text belongs to the thread
+        return std::string("zu-codec.so does not load: ") + (reason != nullptr ? reason : "");
+    }
+    return "";
 }
 
 }  // namespace zumod::host

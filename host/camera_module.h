@@ -32,7 +32,9 @@ private:
     void* m_handle = nullptr;
 };
 
-// The file of the codec module that the camera module will look for, when there is none; else empty.
-std::string MissingCodecFile();
+// Maps the codec module's library for as long as the process runs, so that a camera's first frame need not
+// wait for it: with what it depends on it is the largest thing on the way. Returns what is wrong with it, or
+// nothing.
+std::string LoadCodecLibrary();
 
 }  // namespace zumod::host

@@ -52,8 +52,8 @@ int Serve(const HostOptions& options, UniqueFd in, UniqueFd out, HostLog& log, i
     if (!module.Load(error)) {
         return Fail(error);
     }
-    if (const std::string file = MissingCodecFile(); !file.empty()) {
-        log.Write(kLogIgnored, "[host] no video can be sent, because zu-codec.so is missing: " + file);
+    if (const std::string complaint = LoadCodecLibrary(); !complaint.empty()) {
+        log.Write(kLogIgnored, "[host] no video can be sent, because " + complaint);
     }
     if (options.stdio) {
         ServeOnePeer(CRefPtr_T<PeerStream>(new PeerStream(std::move(in), std::move(out))), module, signals);

@@ -123,6 +123,19 @@ TEST_F(HostSession, ADirectoryWithoutACodecIsSaidAndEverythingButVideoWorks) {
     EXPECT_EQ(state->type, 5);
 }
 
+TEST_F(HostSession, ACodecThatDoesNotLoadIsSaidBeforeAnybodyComes) {
+    std::filesystem::create_directory(work / "modules");
+    std::filesystem::create_symlink(ZU_MODULE_DIR "/zu-client-camera.so",
+                                    work / "modules/zu-client-camera.so");
+    std::ofstream(work / "modules/zu-codec.so") << "no library";
+    const auto host = Start({"--modules", work / "modules"});
+    EXPECT_NE(host->Errors().find("warning [host] no video can be sent, because zu-codec.so does not load: " +
+                                  (work / "modules/zu-codec.so: ")),
+              std::string::npos)
+        << host->Errors();
+    ExpectServed(Connect());
+}
+
 TEST_F(HostSession, PropertiesReachTheModules) {
     const auto host = Start({"--env", "zu.codec.bitrate=777000"});
     const PeerClient peer = Connect();
