@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
 #include <memory>
@@ -22,10 +23,9 @@ namespace zumod::testing {
 // One zu-camera-peer, and what it prints.
 class PeerRun {
 public:
-    // `name` is of its files in the directory.
+    // A whole command line; `name` is of the files in the directory.
     PeerRun(const WorkDirectory& work, const std::string& name, std::vector<std::string> words)
         : m_out(work / (name + ".out")) {
-        words.insert(words.begin(), ZU_PEER_FILE);
         const UniqueFd out(open(m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600));
         m_process =
             std::make_unique<ChildProcess>(std::move(words), work / (name + ".errors"), -1, out.Get());
@@ -65,14 +65,18 @@ protected:
     explicit BothEnds(std::initializer_list<const char*> with) : HostProcess(with) {}
 
     PeerRun Peer(std::vector<std::string> words, const std::string& name = "peer") const {
-        words.insert(words.begin(), {"--socket", socket});
+        words.insert(words.begin(), {ZU_PEER_FILE, "--socket", socket});
         return {work, name, std::move(words)};
     }
 
-    // One that runs a host of its own.
+    // One that runs a host of its own. The shell between them is to see neither virtual cameras nor a
+    // sanitizer, which it does not survive.
     PeerRun PeerWithHost(std::vector<std::string> words, const std::string& name = "peer") const {
+        const char* preload = std::getenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe): nobody sets it
         words.insert(words.begin(),
-                     {"--exec", "exec " ZU_HOST_FILE " --stdio --log-level error 2>" + (work / "errors")});
+                     {"/usr/bin/env", "-u", "LD_PRELOAD", ZU_PEER_FILE, "--exec",
+                      "exec env LD_PRELOAD=" + std::string(preload == nullptr ? "" : preload) +
+                          " " ZU_HOST_FILE " --stdio --log-level error 2>" + (work / "errors")});
         return {work, name, std::move(words)};
     }
 

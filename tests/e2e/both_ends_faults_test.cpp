@@ -98,9 +98,9 @@ TEST_F(BothEndsKilled, AHostOutlivesItsKilledPeersAndServesTheNext) {
         std::vector<PeerRun> peers;
         for (size_t i = 0; i < kAtOnce; ++i) {
             const std::string id = std::to_string(i);
-            peers.emplace_back(
-                work, "peer" + id,
-                std::vector<std::string>{"--socket", SocketOf(i), "record", id, work / (id + ".mkv")});
+            peers.emplace_back(work, "peer" + id,
+                               std::vector<std::string>{ZU_PEER_FILE, "--socket", SocketOf(i), "record", id,
+                                                        work / (id + ".mkv")});
         }
         for (size_t i = 0; i < kAtOnce; ++i) {
             KillAfter(random() % 25, i, peers.at(i).Process());
@@ -110,7 +110,7 @@ TEST_F(BothEndsKilled, AHostOutlivesItsKilledPeersAndServesTheNext) {
     BeginRound();
     for (size_t i = 0; i < kAtOnce; ++i) {
         EXPECT_FALSE(hosts.at(i)->HasEnded());
-        EXPECT_EQ(PrintedBy({work, "peer", {"--socket", SocketOf(i), "version"}}), "5\n");
+        EXPECT_EQ(PrintedBy({work, "peer", {ZU_PEER_FILE, "--socket", SocketOf(i), "version"}}), "5\n");
         hosts.at(i)->Signal(SIGTERM);
         EXPECT_EQ(hosts.at(i)->Wait(), 0);
         EXPECT_FALSE(std::filesystem::exists(SocketOf(i)));

@@ -70,7 +70,10 @@ inline VideoFile Probe(const WorkDirectory& work, const std::string& path) {
     const auto found = nlohmann::json::parse(
         ToolOutput(work, {"ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height",
                           "-show_entries", "packet=pts_time", "-of", "json", path}));
-    EXPECT_EQ(found["streams"].size(), 1U);
+    if (!found.contains("streams") || found["streams"].size() != 1) {
+        ADD_FAILURE() << found;
+        return {};
+    }
     const auto& stream = found["streams"][0];
     EXPECT_EQ(stream["codec_name"], "h264");
     VideoFile file{stream["width"], stream["height"], found["packets"].size(), {}};
