@@ -282,7 +282,9 @@ protected:
         RecordProperty("calls", std::to_string(calls));
         RecordProperty("struck", std::to_string(struck));
         std::printf("%lu calls, %zu failures tried, %zu met\n", calls, tried, struck);
-        EXPECT_GE(struck * 10, tried * 9);
+        // How often the module's own threads allocate depends on how many frames come: on a slow machine the
+        // last ones are not met in every session.
+        EXPECT_GE(struck * 10, tried * (test.kind == ModuleCall::kThreadAllocation ? 5 : 9));
     }
 };
 
