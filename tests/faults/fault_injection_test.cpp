@@ -20,6 +20,7 @@
 #include "capture/linux_v4l2_camera_capture.h"
 #include "tests/faults/fault_session.h"
 #include "tests/support/process_state.h"
+#include "tests/support/wait_until.h"
 #include "vcam/preloaded_cameras.h"
 
 namespace {
@@ -148,8 +149,9 @@ std::string TwoSessions(const Failure& failure, Outcome& outcome) {
         if (!ThreadsComeTo(threads)) {
             return "a thread is left";
         }
-        // The cameras, which live in this process too, keep the memory of their buffers.
-        return CountDescriptors() > descriptors + 1 ? "a descriptor is left" : "";
+        // The cameras, which live in this process too, keep the memory of their buffers, and notice a moment
+        // later that a file of theirs was closed.
+        return WaitUntil([&] { return CountDescriptors() <= descriptors + 1; }) ? "" : "a descriptor is left";
     };
 
     FailFrom(failure.kind, failure.first, failure.times);
