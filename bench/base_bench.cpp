@@ -6,13 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "base/create_buffer.h"
-#include "base/mem_alloctor_ex.h"
-#include "base/mem_buffer.h"
-#include "base/singleton.h"
 #include "bench/paired.h"
-#include "module/attach_runtime.h"
-#include "module/log.h"
+#include "src/base/create_buffer.h"
+#include "src/base/mem_alloctor_ex.h"
+#include "src/base/mem_buffer.h"
+#include "src/base/singleton.h"
+#include "src/module/attach_runtime.h"
+#include "src/module/log.h"
 
 namespace zumod::bench {
 namespace {

@@ -9,7 +9,7 @@
 #include "bench/capture_rig.h"
 #include "bench/paired.h"
 #include "bench/picture_stamp.h"
-#include "vcam/preloaded_cameras.h"
+#include "vcam/testing/preloaded_cameras.h"
 
 namespace zumod::bench {
 namespace {

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "bench/paired.h"
-#include "codec/av_objects.h"
-#include "loader/create_policy_adapter.h"
-#include "loader/mod_data.h"
+#include "common/av_objects.h"
+#include "src/loader/create_policy_adapter.h"
+#include "src/loader/mod_data.h"
 #include "zumod/codec.h"
 #include "zumod/descriptor.h"
 #include "zumod/enc_args.h"

@@ -8,10 +8,10 @@
 #include <cstring>
 
 #include "bench/paired.h"
-#include "capture/camera_enumerator.h"
-#include "capture/device_calls.h"
-#include "module/attach_runtime.h"
-#include "tests/support/device_double.h"
+#include "src/capture/camera_enumerator.h"
+#include "src/capture/device_calls.h"
+#include "src/module/attach_runtime.h"
+#include "tests/support/doubles/device_double.h"
 
 namespace zumod::bench {
 namespace {

@@ -18,14 +18,14 @@
 #include <vector>
 
 #include "bench/paired.h"
-#include "codec/av_objects.h"
-#include "tests/support/camera_messages.h"
-#include "tests/support/child_process.h"
-#include "tests/support/peer_client.h"
-#include "tests/support/scoped_environment.h"
-#include "tests/support/work_directory.h"
-#include "vcam/pattern.h"
-#include "vcam/preloaded_cameras.h"
+#include "common/av_objects.h"
+#include "tests/support/process/child_process.h"
+#include "tests/support/process/scoped_environment.h"
+#include "tests/support/process/work_directory.h"
+#include "tests/support/wire/camera_messages.h"
+#include "tests/support/wire/peer_client.h"
+#include "vcam/picture/pattern.h"
+#include "vcam/testing/preloaded_cameras.h"
 
 extern "C" {
 #include <libavutil/opt.h>

@@ -7,13 +7,13 @@
 #include <cstring>
 #include <string>
 
-#include "base/create_buffer.h"
 #include "bench/paired.h"
-#include "bridge/venc_args.h"
-#include "loader/codec_factory.h"
-#include "loader/create_policy_adapter.h"
-#include "loader/mod_data.h"
-#include "module/attach_runtime.h"
+#include "src/base/create_buffer.h"
+#include "src/bridge/venc_args.h"
+#include "src/loader/codec_factory.h"
+#include "src/loader/create_policy_adapter.h"
+#include "src/loader/mod_data.h"
+#include "src/module/attach_runtime.h"
 #include "zumod/descriptor.h"
 
 namespace {

@@ -4,14 +4,14 @@
 #include <chrono>
 
 #include "bench/stamped_packet.h"
-#include "vcam/pattern_reader.h"
+#include "common/picture_stamp.h"
 
 namespace zumod::bench {
 
 inline StampedPacket ReadPicture(const uint8_t* luma, int width, int height) {
     const auto start = std::chrono::steady_clock::now();
-    const auto stamp = vcam::ReadStamp(luma, static_cast<size_t>(width), static_cast<unsigned>(width),
-                                       static_cast<unsigned>(height));
+    const auto stamp = ReadStamp(luma, static_cast<size_t>(width), static_cast<unsigned>(width),
+                                 static_cast<unsigned>(height));
     StampedPacket packet{};
     if (stamp) {
         packet.painted_us = stamp->time_us;

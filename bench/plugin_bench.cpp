@@ -9,12 +9,12 @@
 #include <string>
 #include <thread>
 
-#include "base/mem_alloctor_ex.h"
 #include "bench/paired.h"
-#include "plugin/client_camera.h"
-#include "plugin/receive_loop.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/socket_stream.h"
+#include "src/base/mem_alloctor_ex.h"
+#include "src/plugin/client_camera.h"
+#include "src/plugin/receive_loop.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/socket_stream.h"
 
 namespace zumod::bench {
 namespace {

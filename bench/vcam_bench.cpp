@@ -15,11 +15,11 @@
 #include <vector>
 
 #include "bench/paired.h"
-#include "vcam/buffer_pool.h"
-#include "vcam/camera_option.h"
-#include "vcam/jpeg_pattern.h"
-#include "vcam/model_file.h"
-#include "vcam/pattern.h"
+#include "vcam/model/buffer_pool.h"
+#include "vcam/model/camera_option.h"
+#include "vcam/picture/jpeg_pattern.h"
+#include "vcam/picture/pattern.h"
+#include "vcam/testing/model_file.h"
 
 namespace zumod::vcam {
 namespace {

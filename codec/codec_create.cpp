@@ -8,7 +8,7 @@
 #include "codec/policy_values.h"
 #include "codec/video_decoder.h"
 #include "codec/video_encoder.h"
-#include "module/log.h"
+#include "src/module/log.h"
 #include "zumod/codec.h"
 
 namespace zumod {

@@ -1,11 +1,11 @@
 // The codec module found and loaded by the camera module's own loader.
 #include <gtest/gtest.h>
 
-#include "loader/codec_factory.h"
-#include "loader/mod_data.h"
-#include "tests/support/codec_calls.h"
-#include "tests/support/picture_pattern.h"
-#include "tests/support/recording_host.h"
+#include "src/loader/codec_factory.h"
+#include "src/loader/mod_data.h"
+#include "tests/support/doubles/codec_calls.h"
+#include "tests/support/doubles/picture_pattern.h"
+#include "tests/support/doubles/recording_host.h"
 
 namespace zumod::testing {
 namespace {

@@ -6,13 +6,13 @@
 #include <string>
 #include <thread>
 
-#include "tests/abi/elf_file.h"
-#include "tests/support/captured_stdout.h"
-#include "tests/support/codec_calls.h"
-#include "tests/support/mappings.h"
-#include "tests/support/picture_pattern.h"
-#include "tests/support/process_state.h"
-#include "tests/support/recording_host.h"
+#include "tests/support/doubles/codec_calls.h"
+#include "tests/support/doubles/picture_pattern.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/process/captured_stdout.h"
+#include "tests/support/process/elf_file.h"
+#include "tests/support/watch/mappings.h"
+#include "tests/support/watch/process_state.h"
 
 extern "C" {
 #include <libavcodec/version_major.h>

@@ -3,7 +3,7 @@
 #include <cinttypes>
 
 #include "codec/vaapi_frames.h"
-#include "module/log.h"
+#include "src/module/log.h"
 
 extern "C" {
 #include <libavutil/opt.h>

@@ -3,8 +3,8 @@
 // Thread rule: [encode thread]; the objects belong to the thread that opens them.
 #pragma once
 
-#include "codec/av_objects.h"
 #include "codec/encoder_settings.h"
+#include "common/av_objects.h"
 
 namespace zumod {
 

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string_view>
 
-#include "module/log.h"
-#include "module/runtime.h"
+#include "src/module/log.h"
+#include "src/module/runtime.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod {

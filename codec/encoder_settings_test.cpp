@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/counted_object.h"
-#include "tests/support/recording_host.h"
+#include "tests/support/doubles/counted_object.h"
+#include "tests/support/doubles/recording_host.h"
 
 namespace zumod::testing {
 namespace {

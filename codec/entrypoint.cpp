@@ -1,6 +1,6 @@
 // The codec module's one export, and the descriptor it returns.
 #include "codec/codec_create.h"
-#include "module/attach_runtime.h"
+#include "src/module/attach_runtime.h"
 #include "zumod/descriptor.h"
 
 namespace {

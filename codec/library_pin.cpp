@@ -2,7 +2,7 @@
 
 #include <dlfcn.h>
 
-#include "codec/av_objects.h"
+#include "common/av_objects.h"
 
 namespace zumod {
 namespace {

@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "codec/av_objects.h"
 #include "codec/picture_layout.h"
+#include "common/av_objects.h"
 
 namespace zumod {
 

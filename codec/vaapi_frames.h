@@ -3,7 +3,7 @@
 // Thread rule: [encode thread].
 #pragma once
 
-#include "codec/av_objects.h"
+#include "common/av_objects.h"
 
 namespace zumod {
 

@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "loader/mod_data.h"
-#include "module/log.h"
+#include "src/loader/mod_data.h"
+#include "src/module/log.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>

@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "codec/av_objects.h"
 #include "codec/picture_layout.h"
+#include "common/av_objects.h"
 #include "zumod/codec.h"
 #include "zumod/codec_decode.h"
 #include "zumod/ref_ptr.h"

@@ -8,9 +8,9 @@
 #include <random>
 
 #include "codec/video_encoder.h"
-#include "tests/support/codec_calls.h"
-#include "tests/support/picture_pattern.h"
-#include "tests/support/recording_host.h"
+#include "tests/support/doubles/codec_calls.h"
+#include "tests/support/doubles/picture_pattern.h"
+#include "tests/support/doubles/recording_host.h"
 
 namespace zumod::testing {
 namespace {

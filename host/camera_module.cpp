@@ -3,9 +3,9 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include "loader/create_policy_adapter.h"
-#include "loader/load_module.h"
-#include "loader/module_path.h"
+#include "src/loader/create_policy_adapter.h"
+#include "src/loader/load_module.h"
+#include "src/loader/module_path.h"
 #include "zumod/codec.h"
 
 namespace zumod::host {

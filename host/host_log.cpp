@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "base/time_text.h"
+#include "src/base/time_text.h"
 #include "zumod/runtime.h"
 
 namespace zumod::host {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "base/unique_fd.h"
-#include "tests/support/scoped_environment.h"
+#include "common/unique_fd.h"
+#include "tests/support/process/scoped_environment.h"
 
 namespace zumod::host {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "host/host_log.h"
-#include "loader/mod_data.h"
+#include "src/loader/mod_data.h"
 #include "zumod/ref_ptr.h"
 #include "zumod/runtime.h"
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace zumod::host {
 

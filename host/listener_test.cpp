@@ -12,7 +12,7 @@
 #include <fstream>
 #include <string>
 
-#include "tests/support/work_directory.h"
+#include "tests/support/process/work_directory.h"
 
 namespace zumod::host {
 namespace {

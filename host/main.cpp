@@ -18,7 +18,7 @@
 #include "host/serve.h"
 #include "host/signals.h"
 #include "host/standard_descriptors.h"
-#include "module/attach_runtime.h"
+#include "src/module/attach_runtime.h"
 
 namespace zumod::host {
 namespace {

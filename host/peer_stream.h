@@ -6,7 +6,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "base/unique_fd.h"
+#include "common/unique_fd.h"
 #include "zumod/channel_stream.h"
 
 namespace zumod::host {

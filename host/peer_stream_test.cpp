@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/wait_until.h"
+#include "tests/support/watch/wait_until.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod::host {

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string>
 
-#include "tests/support/work_directory.h"
+#include "tests/support/process/work_directory.h"
 
 namespace zumod::host {
 namespace {

@@ -7,7 +7,7 @@
 #include <atomic>
 #include <thread>
 
-#include "base/unique_fd.h"
+#include "common/unique_fd.h"
 #include "host/camera_module.h"
 #include "host/peer_stream.h"
 #include "zumod/ref_ptr.h"

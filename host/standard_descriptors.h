@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace zumod::host {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "base/unique_fd.h"
+#include "common/unique_fd.h"
 #include "peer/deadline.h"
 
 namespace zumod::peer {

@@ -5,8 +5,8 @@
 #include <system_error>
 #include <utility>
 
-#include "loader/mod_data.h"
-#include "module/attach_runtime.h"
+#include "src/loader/mod_data.h"
+#include "src/module/attach_runtime.h"
 
 namespace zumod::peer {
 

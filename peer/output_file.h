@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-#include "base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace zumod::peer {
 

@@ -9,7 +9,7 @@
 #include <iterator>
 
 #include "peer/peer_error.h"
-#include "tests/support/work_directory.h"
+#include "tests/support/process/work_directory.h"
 
 namespace zumod::peer {
 namespace {

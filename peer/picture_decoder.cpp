@@ -2,9 +2,9 @@
 
 #include <exception>
 
-#include "loader/codec_factory.h"
 #include "peer/peer_error.h"
 #include "peer/safe_text.h"
+#include "src/loader/codec_factory.h"
 
 namespace zumod::peer {
 namespace {

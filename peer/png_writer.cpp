@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "codec/av_objects.h"
+#include "common/av_objects.h"
 #include "peer/peer_error.h"
 
 namespace zumod::peer {

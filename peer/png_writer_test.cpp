@@ -4,10 +4,10 @@
 
 #include <cstring>
 
-#include "codec/av_objects.h"
+#include "common/av_objects.h"
 #include "peer/peer_error.h"
 #include "peer/picture_decoder.h"
-#include "tests/support/encoded_stream.h"
+#include "tests/support/wire/encoded_stream.h"
 
 namespace zumod::peer {
 namespace {

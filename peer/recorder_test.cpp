@@ -6,8 +6,8 @@
 #include <iterator>
 
 #include "peer/peer_error.h"
-#include "tests/support/encoded_stream.h"
-#include "tests/support/work_directory.h"
+#include "tests/support/process/work_directory.h"
+#include "tests/support/wire/encoded_stream.h"
 
 namespace zumod::peer {
 namespace {

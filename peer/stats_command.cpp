@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "common/picture_stamp.h"
 #include "peer/camera_watch.h"
 #include "peer/commands.h"
 #include "peer/peer_error.h"
@@ -10,7 +11,6 @@
 #include "peer/standard_output.h"
 #include "peer/stats_text.h"
 #include "peer/stream_meter.h"
-#include "vcam/pattern_reader.h"
 
 namespace zumod::peer {
 namespace {
@@ -83,8 +83,8 @@ private:
         const bool decoded = m_decoder.Decode(frame.bytes, [&](const VideoDecodedPicture& picture) {
             const auto now = Clock::now();
             m_size = {static_cast<uint32_t>(picture.width), static_cast<uint32_t>(picture.height)};
-            if (const auto stamp = vcam::ReadStamp(picture.planes[0], static_cast<size_t>(picture.strides[0]),
-                                                   m_size.width, m_size.height)) {
+            if (const auto stamp = ReadStamp(picture.planes[0], static_cast<size_t>(picture.strides[0]),
+                                             m_size.width, m_size.height)) {
                 m_meter.AddStamp(stamp->counter, Clock::time_point(std::chrono::microseconds(stamp->time_us)),
                                  now);
             }

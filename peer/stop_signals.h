@@ -3,7 +3,7 @@
 // Thread rule: made on the main thread before there is any other, because threads inherit what is blocked.
 #pragma once
 
-#include "base/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace zumod::peer {
 

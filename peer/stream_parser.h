@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "codec/av_objects.h"
+#include "common/av_objects.h"
 #include "peer/camera_list.h"
 
 extern "C" {

@@ -1,9 +1,9 @@
-#include "base/base_thread.h"
+#include "src/base/base_thread.h"
 
 #include <sys/select.h>
 #include <unistd.h>
 
-#include "base/object_monitor.h"
+#include "src/base/object_monitor.h"
 
 namespace zumod {
 

@@ -1,4 +1,4 @@
-#include "base/base_thread.h"
+#include "src/base/base_thread.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -11,9 +11,9 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/platform_watch.h"
-#include "tests/support/raw_slots.h"
-#include "tests/support/wait_until.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/wait_until.h"
 
 namespace zumod {
 namespace {

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "base/mem_alloctor.h"
+#include "src/base/mem_alloctor.h"
 #include "zumod/ref_ptr.h"
 #include "zumod/reference.h"
 

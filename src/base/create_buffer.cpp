@@ -1,4 +1,4 @@
-#include "base/create_buffer.h"
+#include "src/base/create_buffer.h"
 
 #include <cstring>
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "base/buffer.h"
+#include "src/base/buffer.h"
 
 namespace zumod {
 

@@ -1,4 +1,4 @@
-#include "base/create_buffer.h"
+#include "src/base/create_buffer.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <cstring>
 #include <string>
 
-#include "base/mem_alloctor_ex.h"
-#include "base/mem_buffer.h"
-#include "tests/support/platform_watch.h"
+#include "src/base/mem_alloctor_ex.h"
+#include "src/base/mem_buffer.h"
+#include "tests/support/watch/platform_watch.h"
 
 namespace zumod {
 namespace {

@@ -2,11 +2,11 @@
 // writing, whatever the linker does.
 #include <new>
 
-#include "base/base_thread.h"
-#include "base/create_buffer.h"
-#include "base/mem_alloctor_ex.h"
-#include "base/mem_buffer.h"
-#include "base/object_monitor.h"
+#include "src/base/base_thread.h"
+#include "src/base/create_buffer.h"
+#include "src/base/mem_alloctor_ex.h"
+#include "src/base/mem_buffer.h"
+#include "src/base/object_monitor.h"
 
 namespace zumod {
 namespace {

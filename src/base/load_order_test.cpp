@@ -3,10 +3,10 @@
 
 #include <cstring>
 
-#include "base/create_buffer.h"
-#include "base/object_monitor.h"
-#include "base/object_registry.h"
-#include "base/object_reports.h"
+#include "src/base/create_buffer.h"
+#include "src/base/object_monitor.h"
+#include "src/base/object_registry.h"
+#include "src/base/object_reports.h"
 
 namespace zumod {
 namespace {

@@ -1,7 +1,7 @@
 // The lock as an interface.
 #pragma once
 
-#include "base/thread_annotations.h"
+#include "src/base/thread_annotations.h"
 
 namespace zumod {
 

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "base/buffer.h"
-#include "base/mem_alloctor.h"
+#include "src/base/buffer.h"
+#include "src/base/mem_alloctor.h"
 #include "zumod/reference.h"
 
 namespace zumod {

@@ -1,4 +1,4 @@
-#include "base/mem_alloctor_ex.h"
+#include "src/base/mem_alloctor_ex.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <cstring>
 #include <new>
 
-#include "base/mem_buffer.h"
-#include "tests/support/platform_watch.h"
-#include "tests/support/raw_slots.h"
+#include "src/base/mem_buffer.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/watch/platform_watch.h"
 
 namespace zumod {
 namespace {

@@ -1,8 +1,8 @@
-#include "base/mem_buffer.h"
+#include "src/base/mem_buffer.h"
 
 #include <algorithm>
 
-#include "base/mem_alloctor_ex.h"
+#include "src/base/mem_alloctor_ex.h"
 
 namespace zumod {
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "base/buffer.h"
+#include "src/base/buffer.h"
 
 namespace zumod {
 

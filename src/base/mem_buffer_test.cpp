@@ -1,4 +1,4 @@
-#include "base/mem_buffer.h"
+#include "src/base/mem_buffer.h"
 
 #include <gtest/gtest.h>
 
@@ -8,10 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "base/create_buffer.h"
-#include "base/mem_alloctor_ex.h"
-#include "tests/support/platform_watch.h"
-#include "tests/support/raw_slots.h"
+#include "src/base/create_buffer.h"
+#include "src/base/mem_alloctor_ex.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/watch/platform_watch.h"
 
 namespace zumod {
 namespace {

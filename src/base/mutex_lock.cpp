@@ -1,4 +1,4 @@
-#include "base/mutex_lock.h"
+#include "src/base/mutex_lock.h"
 
 #include <cstdint>
 #include <ctime>

@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-#include "base/lock_item.h"
+#include "src/base/lock_item.h"
 
 namespace zumod {
 

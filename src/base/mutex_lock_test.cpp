@@ -1,4 +1,4 @@
-#include "base/mutex_lock.h"
+#include "src/base/mutex_lock.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tests/support/platform_watch.h"
-#include "tests/support/raw_slots.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/watch/platform_watch.h"
 
 namespace zumod {
 namespace {

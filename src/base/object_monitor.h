@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "base/object_registry.h"
+#include "src/base/object_registry.h"
 
 namespace zumod {
 

@@ -1,4 +1,4 @@
-#include "base/object_registry.h"
+#include "src/base/object_registry.h"
 
 namespace zumod {
 

@@ -1,4 +1,4 @@
-#include "base/object_registry.h"
+#include "src/base/object_registry.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "base/base_thread.h"
-#include "base/object_monitor.h"
-#include "tests/support/raw_slots.h"
+#include "src/base/base_thread.h"
+#include "src/base/object_monitor.h"
+#include "tests/support/doubles/raw_slots.h"
 
 namespace zumod {
 namespace {

@@ -1,9 +1,9 @@
-#include "base/object_reports.h"
+#include "src/base/object_reports.h"
 
 #include <cinttypes>
 #include <cstdio>
 
-#include "base/object_monitor.h"
+#include "src/base/object_monitor.h"
 
 namespace zumod {
 namespace {

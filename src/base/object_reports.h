@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "base/object_registry.h"
+#include "src/base/object_registry.h"
 
 namespace zumod {
 

@@ -1,4 +1,4 @@
-#include "base/object_reports.h"
+#include "src/base/object_reports.h"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "base/base_thread.h"
-#include "base/object_monitor.h"
+#include "src/base/base_thread.h"
+#include "src/base/object_monitor.h"
 
 namespace zumod {
 namespace {

@@ -1,4 +1,4 @@
-#include "base/random.h"
+#include "src/base/random.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

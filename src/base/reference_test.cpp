@@ -7,7 +7,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "tests/support/raw_slots.h"
+#include "tests/support/doubles/raw_slots.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod {

@@ -5,7 +5,7 @@
 
 #include <atomic>
 
-#include "base/mutex_lock.h"
+#include "src/base/mutex_lock.h"
 
 namespace zumod {
 

@@ -1,4 +1,4 @@
-#include "base/singleton.h"
+#include "src/base/singleton.h"
 
 #include <gtest/gtest.h>
 

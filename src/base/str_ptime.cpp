@@ -1,8 +1,8 @@
-#include "base/str_ptime.h"
+#include "src/base/str_ptime.h"
 
 #include <cstddef>
 
-#include "base/text.h"
+#include "src/base/text.h"
 
 namespace zumod {
 namespace {

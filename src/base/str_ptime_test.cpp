@@ -1,4 +1,4 @@
-#include "base/str_ptime.h"
+#include "src/base/str_ptime.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "tests/support/scoped_environment.h"
+#include "tests/support/process/scoped_environment.h"
 
 namespace zumod {
 namespace {

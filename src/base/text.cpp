@@ -1,4 +1,4 @@
-#include "base/text.h"
+#include "src/base/text.h"
 
 #include <cctype>
 #include <cstdint>

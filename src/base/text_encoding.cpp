@@ -1,4 +1,4 @@
-#include "base/text_encoding.h"
+#include "src/base/text_encoding.h"
 
 #include <cstdint>
 #include <cstdlib>

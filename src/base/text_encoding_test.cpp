@@ -1,4 +1,4 @@
-#include "base/text_encoding.h"
+#include "src/base/text_encoding.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,8 @@
 #include <cstring>
 #include <vector>
 
-#include "tests/support/latin1_locale.h"
-#include "tests/support/scoped_environment.h"
+#include "tests/support/process/latin1_locale.h"
+#include "tests/support/process/scoped_environment.h"
 
 namespace zumod {
 namespace {

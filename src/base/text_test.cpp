@@ -1,12 +1,12 @@
-#include "base/text.h"
+#include "src/base/text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <climits>
 
-#include "tests/support/latin1_locale.h"
-#include "tests/support/scoped_environment.h"
+#include "tests/support/process/latin1_locale.h"
+#include "tests/support/process/scoped_environment.h"
 
 namespace zumod {
 namespace {

@@ -1,4 +1,4 @@
-#include "base/time_text.h"
+#include "src/base/time_text.h"
 
 #include <chrono>
 #include <clocale>
@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/str_ptime.h"
+#include "src/base/str_ptime.h"
 
 namespace zumod {
 namespace {

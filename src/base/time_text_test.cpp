@@ -1,4 +1,4 @@
-#include "base/time_text.h"
+#include "src/base/time_text.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 #include <limits>
 #include <stdexcept>
 
-#include "tests/support/scoped_environment.h"
+#include "tests/support/process/scoped_environment.h"
 
 namespace zumod {
 namespace {

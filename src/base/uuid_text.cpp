@@ -1,4 +1,4 @@
-#include "base/uuid_text.h"
+#include "src/base/uuid_text.h"
 
 #include <uuid/uuid.h>
 

@@ -1,14 +1,14 @@
-#include "bridge/camera_client_linux.h"
+#include "src/bridge/camera_client_linux.h"
 
 #include <chrono>
 #include <cstring>
 #include <new>
 #include <optional>
 
-#include "bridge/input_format.h"
-#include "bridge/venc_args.h"
-#include "loader/codec_factory.h"
-#include "module/log.h"
+#include "src/bridge/input_format.h"
+#include "src/bridge/venc_args.h"
+#include "src/loader/codec_factory.h"
+#include "src/module/log.h"
 
 namespace zumod {
 namespace {

@@ -7,11 +7,11 @@
 #include <atomic>
 #include <cstdint>
 
-#include "base/mutex_lock.h"
-#include "bridge/client_camera.h"
-#include "bridge/client_camera_listenter.h"
-#include "capture/linux_v4l2_camera_capture.h"
-#include "capture/sigslot.h"
+#include "src/base/mutex_lock.h"
+#include "src/bridge/client_camera.h"
+#include "src/bridge/client_camera_listenter.h"
+#include "src/capture/linux_v4l2_camera_capture.h"
+#include "src/capture/sigslot.h"
 #include "zumod/codec.h"
 #include "zumod/ref_ptr.h"
 

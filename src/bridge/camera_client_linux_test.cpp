@@ -1,4 +1,4 @@
-#include "bridge/camera_client_linux.h"
+#include "src/bridge/camera_client_linux.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -15,14 +15,14 @@
 #include <utility>
 #include <vector>
 
-#include "base/create_buffer.h"
-#include "loader/mod_data.h"
-#include "tests/support/device_double.h"
-#include "tests/support/process_state.h"
-#include "tests/support/raw_slots.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/test_modules.h"
-#include "tests/support/wait_until.h"
+#include "src/base/create_buffer.h"
+#include "src/loader/mod_data.h"
+#include "tests/support/doubles/device_double.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/process/test_modules.h"
+#include "tests/support/watch/process_state.h"
+#include "tests/support/watch/wait_until.h"
 
 namespace zumod {
 namespace {

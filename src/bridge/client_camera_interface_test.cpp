@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "bridge/client_camera.h"
-#include "bridge/client_camera_listenter.h"
-#include "tests/support/client_camera_double.h"
-#include "tests/support/raw_slots.h"
+#include "src/bridge/client_camera.h"
+#include "src/bridge/client_camera_listenter.h"
+#include "tests/support/doubles/client_camera_double.h"
+#include "tests/support/doubles/raw_slots.h"
 
 namespace zumod {
 namespace {

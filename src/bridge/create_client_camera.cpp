@@ -1,5 +1,5 @@
-#include "bridge/camera_client_linux.h"
-#include "bridge/client_camera.h"
+#include "src/bridge/camera_client_linux.h"
+#include "src/bridge/client_camera.h"
 
 namespace zumod {
 

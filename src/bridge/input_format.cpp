@@ -1,4 +1,4 @@
-#include "bridge/input_format.h"
+#include "src/bridge/input_format.h"
 
 #include <linux/videodev2.h>
 

@@ -1,10 +1,10 @@
-#include "bridge/venc_args.h"
+#include "src/bridge/venc_args.h"
 
 #include <strings.h>
 
 #include <new>
 
-#include "base/create_buffer.h"
+#include "src/base/create_buffer.h"
 
 namespace zumod {
 

@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "base/buffer.h"
-#include "base/mem_alloctor.h"
+#include "src/base/buffer.h"
+#include "src/base/mem_alloctor.h"
 #include "zumod/enc_args.h"
 #include "zumod/ref_ptr.h"
 #include "zumod/reference.h"

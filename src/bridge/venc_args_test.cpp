@@ -1,4 +1,4 @@
-#include "bridge/venc_args.h"
+#include "src/bridge/venc_args.h"
 
 #include <gtest/gtest.h>
 
@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "base/create_buffer.h"
-#include "base/mem_buffer.h"
-#include "tests/support/raw_slots.h"
+#include "src/base/create_buffer.h"
+#include "src/base/mem_buffer.h"
+#include "tests/support/doubles/raw_slots.h"
 
 namespace zumod {
 namespace {

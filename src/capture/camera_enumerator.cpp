@@ -1,4 +1,4 @@
-#include "capture/camera_enumerator.h"
+#include "src/capture/camera_enumerator.h"
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
@@ -10,9 +10,9 @@
 #include <string_view>
 #include <utility>
 
-#include "capture/device_calls.h"
-#include "capture/supported_formats.h"
-#include "module/log.h"
+#include "src/capture/device_calls.h"
+#include "src/capture/supported_formats.h"
+#include "src/module/log.h"
 
 namespace zumod {
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "base/singleton.h"
-#include "capture/camera_device_info.h"
+#include "src/base/singleton.h"
+#include "src/capture/camera_device_info.h"
 
 namespace zumod {
 

@@ -1,4 +1,4 @@
-#include "capture/camera_enumerator.h"
+#include "src/capture/camera_enumerator.h"
 
 #include <linux/videodev2.h>
 
@@ -7,9 +7,9 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tests/support/device_double.h"
-#include "tests/support/platform_watch.h"
-#include "tests/support/recording_host.h"
+#include "tests/support/doubles/device_double.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/watch/platform_watch.h"
 
 namespace zumod {
 namespace {

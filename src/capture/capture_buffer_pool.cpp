@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "capture/device_calls.h"
-#include "capture/linux_v4l2_camera_capture.h"
-#include "module/log.h"
+#include "src/capture/device_calls.h"
+#include "src/capture/linux_v4l2_camera_capture.h"
+#include "src/module/log.h"
 
 namespace zumod {
 namespace {

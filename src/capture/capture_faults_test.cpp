@@ -2,8 +2,8 @@
 // outcome, the calls, the log, what is left behind, and that the next start works.
 #include <algorithm>
 
-#include "tests/support/capture_fixture.h"
-#include "tests/support/process_state.h"
+#include "tests/support/doubles/capture_fixture.h"
+#include "tests/support/watch/process_state.h"
 
 namespace zumod::testing {
 namespace {

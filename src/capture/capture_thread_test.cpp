@@ -6,8 +6,8 @@
 
 #include <algorithm>
 
-#include "tests/support/capture_fixture.h"
-#include "tests/support/process_state.h"
+#include "tests/support/doubles/capture_fixture.h"
+#include "tests/support/watch/process_state.h"
 
 namespace zumod::testing {
 namespace {

@@ -1,6 +1,6 @@
 #include <sys/select.h>
 
-#include "tests/support/capture_fixture.h"
+#include "tests/support/doubles/capture_fixture.h"
 
 namespace zumod::testing {
 namespace {

@@ -1,4 +1,4 @@
-#include "capture/device_calls.h"
+#include "src/capture/device_calls.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // The double must notice what it is there to notice.
-#include "tests/support/device_double.h"
+#include "tests/support/doubles/device_double.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <thread>
 
-#include "capture/device_calls.h"
-#include "capture/read_set.h"
+#include "src/capture/device_calls.h"
+#include "src/capture/read_set.h"
 
 namespace zumod::testing {
 namespace {

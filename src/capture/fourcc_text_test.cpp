@@ -1,4 +1,4 @@
-#include "capture/fourcc_text.h"
+#include "src/capture/fourcc_text.h"
 
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>

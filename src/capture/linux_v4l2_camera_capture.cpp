@@ -1,4 +1,4 @@
-#include "capture/linux_v4l2_camera_capture.h"
+#include "src/capture/linux_v4l2_camera_capture.h"
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
@@ -9,12 +9,12 @@
 #include <optional>
 #include <utility>
 
-#include "capture/camera_enumerator.h"
-#include "capture/device_calls.h"
-#include "capture/fourcc_text.h"
-#include "capture/pixel_format_choice.h"
-#include "capture/supported_formats.h"
-#include "module/log.h"
+#include "src/capture/camera_enumerator.h"
+#include "src/capture/device_calls.h"
+#include "src/capture/fourcc_text.h"
+#include "src/capture/pixel_format_choice.h"
+#include "src/capture/supported_formats.h"
+#include "src/module/log.h"
 
 // errno is kept in a local before anything is logged: a host's sink may change it.
 

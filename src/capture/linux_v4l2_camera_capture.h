@@ -13,10 +13,10 @@
 #include <span>
 #include <vector>
 
-#include "base/mutex_lock.h"
-#include "capture/read_set.h"
-#include "capture/sigslot.h"
-#include "capture/v4l2_thread.h"
+#include "src/base/mutex_lock.h"
+#include "src/capture/read_set.h"
+#include "src/capture/sigslot.h"
+#include "src/capture/v4l2_thread.h"
 
 namespace zumod {
 

@@ -1,9 +1,9 @@
-#include "capture/linux_v4l2_camera_capture.h"
+#include "src/capture/linux_v4l2_camera_capture.h"
 
 #include <tuple>
 #include <type_traits>
 
-#include "tests/support/capture_fixture.h"
+#include "tests/support/doubles/capture_fixture.h"
 
 namespace zumod::testing {
 namespace {

@@ -7,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "capture/supported_formats.h"
+#include "src/capture/supported_formats.h"
 
 namespace zumod {
 

@@ -1,4 +1,4 @@
-#include "capture/pixel_format_choice.h"
+#include "src/capture/pixel_format_choice.h"
 
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>

@@ -1,4 +1,4 @@
-#include "capture/read_set.h"
+#include "src/capture/read_set.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <array>
 #include <cstring>
 
-#include "capture/device_calls.h"
+#include "src/capture/device_calls.h"
 
 namespace zumod {
 namespace {

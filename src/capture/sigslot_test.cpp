@@ -1,4 +1,4 @@
-#include "capture/sigslot.h"
+#include "src/capture/sigslot.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "tests/support/raw_slots.h"
+#include "tests/support/doubles/raw_slots.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "capture/supported_formats.h"
+#include "src/capture/supported_formats.h"
 
 #include <linux/videodev2.h>
 
 #include <iterator>
 
-#include "capture/device_calls.h"
+#include "src/capture/device_calls.h"
 
 namespace zumod {
 namespace {

@@ -1,11 +1,11 @@
-#include "capture/supported_formats.h"
+#include "src/capture/supported_formats.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
 
-#include "capture/device_calls.h"
-#include "tests/support/device_double.h"
+#include "src/capture/device_calls.h"
+#include "tests/support/doubles/device_double.h"
 
 namespace zumod {
 namespace {

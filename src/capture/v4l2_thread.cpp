@@ -1,4 +1,4 @@
-#include "capture/v4l2_thread.h"
+#include "src/capture/v4l2_thread.h"
 
 #include <utility>
 

@@ -5,7 +5,7 @@
 
 #include <functional>
 
-#include "base/base_thread.h"
+#include "src/base/base_thread.h"
 
 namespace zumod {
 

@@ -1,11 +1,11 @@
-#include "capture/v4l2_thread.h"
+#include "src/capture/v4l2_thread.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
 
-#include "tests/support/wait_until.h"
+#include "tests/support/watch/wait_until.h"
 
 namespace zumod {
 namespace {

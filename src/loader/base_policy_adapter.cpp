@@ -1,4 +1,4 @@
-#include "loader/base_policy_adapter.h"
+#include "src/loader/base_policy_adapter.h"
 
 #include <string_view>
 #include <utility>

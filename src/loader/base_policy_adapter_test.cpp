@@ -1,4 +1,4 @@
-#include "loader/base_policy_adapter.h"
+#include "src/loader/base_policy_adapter.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "loader/mod_data.h"
-#include "tests/support/counted_object.h"
-#include "tests/support/raw_slots.h"
+#include "src/loader/mod_data.h"
+#include "tests/support/doubles/counted_object.h"
+#include "tests/support/doubles/raw_slots.h"
 
 namespace zumod {
 namespace {

@@ -1,8 +1,8 @@
-#include "loader/codec_factory.h"
+#include "src/loader/codec_factory.h"
 
-#include "loader/create_policy_adapter.h"
-#include "loader/load_module.h"
-#include "loader/mod_data.h"
+#include "src/loader/create_policy_adapter.h"
+#include "src/loader/load_module.h"
+#include "src/loader/mod_data.h"
 
 namespace zumod {
 namespace {

@@ -1,4 +1,4 @@
-#include "loader/codec_factory.h"
+#include "src/loader/codec_factory.h"
 
 #include <gtest/gtest.h>
 
@@ -9,13 +9,13 @@
 #include <utility>
 #include <vector>
 
-#include "loader/base_policy_adapter.h"
-#include "loader/mod_data.h"
-#include "tests/support/captured_stdout.h"
-#include "tests/support/mappings.h"
-#include "tests/support/raw_slots.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/test_modules.h"
+#include "src/loader/base_policy_adapter.h"
+#include "src/loader/mod_data.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/process/captured_stdout.h"
+#include "tests/support/process/test_modules.h"
+#include "tests/support/watch/mappings.h"
 
 namespace zumod {
 namespace {

@@ -1,6 +1,6 @@
-#include "loader/create_policy_adapter.h"
+#include "src/loader/create_policy_adapter.h"
 
-#include "loader/mod_data.h"
+#include "src/loader/mod_data.h"
 
 namespace zumod {
 

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "loader/base_policy_adapter.h"
+#include "src/loader/base_policy_adapter.h"
 
 namespace zumod {
 

@@ -1,11 +1,11 @@
-#include "loader/create_policy_adapter.h"
+#include "src/loader/create_policy_adapter.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "loader/mod_data.h"
+#include "src/loader/mod_data.h"
 
 namespace zumod {
 namespace {

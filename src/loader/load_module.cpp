@@ -1,4 +1,4 @@
-#include "loader/load_module.h"
+#include "src/loader/load_module.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-#include "loader/module_path.h"
-#include "module/log.h"
-#include "module/runtime.h"
+#include "src/loader/module_path.h"
+#include "src/module/log.h"
+#include "src/module/runtime.h"
 #include "zumod/descriptor.h"
 
 namespace zumod {

@@ -1,4 +1,4 @@
-#include "loader/load_module.h"
+#include "src/loader/load_module.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -15,14 +15,14 @@
 #include <utility>
 #include <vector>
 
-#include "loader/create_policy_adapter.h"
-#include "loader/mod_data.h"
-#include "module/log.h"
-#include "tests/support/captured_stdout.h"
-#include "tests/support/counted_object.h"
-#include "tests/support/mappings.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/test_modules.h"
+#include "src/loader/create_policy_adapter.h"
+#include "src/loader/mod_data.h"
+#include "src/module/log.h"
+#include "tests/support/doubles/counted_object.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/process/captured_stdout.h"
+#include "tests/support/process/test_modules.h"
+#include "tests/support/watch/mappings.h"
 
 namespace zumod {
 namespace {

@@ -1,4 +1,4 @@
-#include "loader/mod_data.h"
+#include "src/loader/mod_data.h"
 
 #include <cstring>
 #include <memory>

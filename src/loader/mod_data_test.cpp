@@ -1,4 +1,4 @@
-#include "loader/mod_data.h"
+#include "src/loader/mod_data.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/counted_object.h"
-#include "tests/support/platform_watch.h"
-#include "tests/support/raw_slots.h"
+#include "tests/support/doubles/counted_object.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/watch/platform_watch.h"
 
 namespace zumod {
 namespace {

@@ -1,7 +1,7 @@
-#include "loader/module_path.h"
+#include "src/loader/module_path.h"
 
-#include "module/log.h"
-#include "module/runtime.h"
+#include "src/module/log.h"
+#include "src/module/runtime.h"
 #include "zumod/mod_data.h"
 #include "zumod/ref_ptr.h"
 

@@ -1,4 +1,4 @@
-#include "loader/module_path.h"
+#include "src/loader/module_path.h"
 
 #include <gtest/gtest.h>
 
@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "loader/mod_data.h"
-#include "tests/support/captured_stdout.h"
-#include "tests/support/counted_object.h"
-#include "tests/support/recording_host.h"
+#include "src/loader/mod_data.h"
+#include "tests/support/doubles/counted_object.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/process/captured_stdout.h"
 
 namespace zumod {
 namespace {

@@ -1,6 +1,6 @@
-#include "module/attach_runtime.h"
+#include "src/module/attach_runtime.h"
 
-#include "module/runtime.h"
+#include "src/module/runtime.h"
 
 namespace zumod {
 

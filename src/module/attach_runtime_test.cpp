@@ -1,11 +1,11 @@
-#include "module/attach_runtime.h"
+#include "src/module/attach_runtime.h"
 
 #include <gtest/gtest.h>
 
-#include "module/log.h"
-#include "module/runtime.h"
-#include "tests/support/captured_stdout.h"
-#include "tests/support/recording_host.h"
+#include "src/module/log.h"
+#include "src/module/runtime.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/process/captured_stdout.h"
 
 namespace zumod {
 namespace {

@@ -1,6 +1,6 @@
 // The module's one export, and the descriptor it returns.
-#include "module/attach_runtime.h"
-#include "module/factory.h"
+#include "src/module/attach_runtime.h"
+#include "src/module/factory.h"
 #include "zumod/descriptor.h"
 
 namespace {

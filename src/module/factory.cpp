@@ -1,12 +1,12 @@
-#include "module/factory.h"
+#include "src/module/factory.h"
 
 #include <strings.h>
 
 #include <new>
 #include <string>
 
-#include "module/log.h"
-#include "plugin/client_camera.h"
+#include "src/module/log.h"
+#include "src/plugin/client_camera.h"
 #include "zumod/client_camera_plugin.h"
 #include "zumod/ref_ptr.h"
 

@@ -1,4 +1,4 @@
-#include "module/factory.h"
+#include "src/module/factory.h"
 
 #include <gtest/gtest.h>
 
@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
-#include "loader/create_policy_adapter.h"
-#include "tests/support/counted_object.h"
-#include "tests/support/raw_slots.h"
-#include "tests/support/recording_host.h"
+#include "src/loader/create_policy_adapter.h"
+#include "tests/support/doubles/counted_object.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/doubles/recording_host.h"
 #include "zumod/client_camera_plugin.h"
 
 namespace zumod {

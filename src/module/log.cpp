@@ -1,11 +1,11 @@
-#include "module/log.h"
+#include "src/module/log.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
-#include "module/runtime.h"
+#include "src/module/runtime.h"
 
 namespace zumod {
 namespace {

@@ -1,4 +1,4 @@
-#include "module/log.h"
+#include "src/module/log.h"
 
 #include <gtest/gtest.h>
 
@@ -8,10 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "module/attach_runtime.h"
-#include "tests/support/captured_stdout.h"
-#include "tests/support/platform_watch.h"
-#include "tests/support/recording_host.h"
+#include "src/module/attach_runtime.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/process/captured_stdout.h"
+#include "tests/support/watch/platform_watch.h"
 
 namespace zumod {
 namespace {

@@ -1,4 +1,4 @@
-#include "module/runtime.h"
+#include "src/module/runtime.h"
 
 #include <cstdio>
 

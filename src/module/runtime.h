@@ -3,8 +3,8 @@
 // Thread rule: every operation is [any thread].
 #pragma once
 
-#include "base/mutex_lock.h"
-#include "base/singleton.h"
+#include "src/base/mutex_lock.h"
+#include "src/base/singleton.h"
 #include "zumod/runtime.h"
 
 namespace zumod {

@@ -1,4 +1,4 @@
-#include "module/runtime.h"
+#include "src/module/runtime.h"
 
 #include <gtest/gtest.h>
 
@@ -9,11 +9,11 @@
 #include <thread>
 #include <vector>
 
-#include "module/attach_runtime.h"
-#include "module/log.h"
-#include "tests/support/captured_stdout.h"
-#include "tests/support/raw_slots.h"
-#include "tests/support/recording_host.h"
+#include "src/module/attach_runtime.h"
+#include "src/module/log.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/process/captured_stdout.h"
 
 namespace zumod {
 namespace {

@@ -4,15 +4,15 @@
 
 #include <random>
 
-#include "base/mem_buffer.h"
-#include "plugin/client_camera.h"
-#include "tests/support/camera_messages.h"
-#include "tests/support/client_camera_double.h"
-#include "tests/support/platform_watch.h"
-#include "tests/support/process_state.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/scripted_stream.h"
-#include "tests/support/wait_until.h"
+#include "src/base/mem_buffer.h"
+#include "src/plugin/client_camera.h"
+#include "tests/support/doubles/client_camera_double.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/process_state.h"
+#include "tests/support/watch/wait_until.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod {
 namespace {

@@ -2,8 +2,8 @@
 // with the whole message.
 #pragma once
 
-#include "base/buffer.h"
-#include "plugin/message_separation.h"
+#include "src/base/buffer.h"
+#include "src/plugin/message_separation.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod {

@@ -1,4 +1,4 @@
-#include "plugin/camera_protocol.h"
+#include "src/plugin/camera_protocol.h"
 
 #include <algorithm>
 #include <cstddef>

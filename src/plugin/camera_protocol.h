@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "capture/camera_device_info.h"
+#include "src/capture/camera_device_info.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod {

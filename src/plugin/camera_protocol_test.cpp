@@ -1,10 +1,10 @@
-#include "plugin/camera_protocol.h"
+#include "src/plugin/camera_protocol.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "tests/support/scripted_stream.h"
+#include "tests/support/doubles/scripted_stream.h"
 
 namespace zumod {
 namespace {

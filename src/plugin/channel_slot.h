@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "base/mutex_lock.h"
+#include "src/base/mutex_lock.h"
 #include "zumod/channel_stream.h"
 #include "zumod/ref_ptr.h"
 

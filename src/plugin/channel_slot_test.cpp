@@ -1,8 +1,8 @@
-#include "plugin/channel_slot.h"
+#include "src/plugin/channel_slot.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/support/scripted_stream.h"
+#include "tests/support/doubles/scripted_stream.h"
 
 namespace zumod {
 namespace {

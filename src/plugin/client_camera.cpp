@@ -1,13 +1,13 @@
-#include "plugin/client_camera.h"
+#include "src/plugin/client_camera.h"
 
 #include <cstring>
 #include <new>
 #include <utility>
 
-#include "base/mem_alloctor_ex.h"
-#include "module/log.h"
-#include "plugin/receive_loop.h"
-#include "plugin/stream_io.h"
+#include "src/base/mem_alloctor_ex.h"
+#include "src/module/log.h"
+#include "src/plugin/receive_loop.h"
+#include "src/plugin/stream_io.h"
 
 namespace zumod {
 

@@ -8,14 +8,14 @@
 #include <map>
 #include <memory>
 
-#include "base/buffer.h"
-#include "bridge/client_camera.h"
-#include "bridge/client_camera_listenter.h"
-#include "plugin/camera_message_separation.h"
-#include "plugin/camera_protocol.h"
-#include "plugin/channel_slot.h"
-#include "plugin/client_camera_thread.h"
-#include "plugin/send_queue.h"
+#include "src/base/buffer.h"
+#include "src/bridge/client_camera.h"
+#include "src/bridge/client_camera_listenter.h"
+#include "src/plugin/camera_message_separation.h"
+#include "src/plugin/camera_protocol.h"
+#include "src/plugin/channel_slot.h"
+#include "src/plugin/client_camera_thread.h"
+#include "src/plugin/send_queue.h"
 #include "zumod/client_camera_plugin.h"
 
 namespace zumod {

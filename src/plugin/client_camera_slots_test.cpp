@@ -1,11 +1,11 @@
 // ClientCamera through its raw tables, as a host and a camera client written elsewhere see it.
 #include <gtest/gtest.h>
 
-#include "plugin/client_camera.h"
-#include "tests/support/client_camera_double.h"
-#include "tests/support/raw_slots.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/scripted_stream.h"
+#include "src/plugin/client_camera.h"
+#include "tests/support/doubles/client_camera_double.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/scripted_stream.h"
 
 namespace zumod {
 namespace {

@@ -1,16 +1,16 @@
 // The plugin's life: creation, Run, the frames' way out, ExitInstance, destruction.
-#include "plugin/client_camera.h"
+#include "src/plugin/client_camera.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
 
-#include "tests/support/camera_messages.h"
-#include "tests/support/client_camera_double.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/scripted_stream.h"
-#include "tests/support/wait_until.h"
+#include "tests/support/doubles/client_camera_double.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/watch/wait_until.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod {
 namespace {

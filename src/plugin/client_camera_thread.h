@@ -4,7 +4,7 @@
 #include <functional>
 #include <utility>
 
-#include "base/base_thread.h"
+#include "src/base/base_thread.h"
 
 namespace zumod {
 

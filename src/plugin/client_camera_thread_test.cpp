@@ -1,11 +1,11 @@
-#include "plugin/client_camera_thread.h"
+#include "src/plugin/client_camera_thread.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 
-#include "tests/support/raw_slots.h"
-#include "tests/support/wait_until.h"
+#include "tests/support/doubles/raw_slots.h"
+#include "tests/support/watch/wait_until.h"
 
 namespace zumod {
 namespace {

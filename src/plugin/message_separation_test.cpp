@@ -1,11 +1,11 @@
-#include "plugin/message_separation.h"
+#include "src/plugin/message_separation.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "tests/support/raw_slots.h"
+#include "tests/support/doubles/raw_slots.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod {

@@ -1,6 +1,6 @@
-#include "plugin/receive_loop.h"
+#include "src/plugin/receive_loop.h"
 
-#include "base/buffer.h"
+#include "src/base/buffer.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod {

@@ -1,8 +1,8 @@
 // The plugin's receiving side: cuts the stream into messages and hands each to the matcher.
 #pragma once
 
-#include "base/mem_alloctor.h"
-#include "plugin/camera_message_separation.h"
+#include "src/base/mem_alloctor.h"
+#include "src/plugin/camera_message_separation.h"
 #include "zumod/channel_stream.h"
 
 namespace zumod {

@@ -3,13 +3,13 @@
 
 #include <initializer_list>
 
-#include "base/create_buffer.h"
-#include "plugin/client_camera.h"
-#include "plugin/receive_loop.h"
-#include "tests/support/camera_messages.h"
-#include "tests/support/client_camera_double.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/scripted_stream.h"
+#include "src/base/create_buffer.h"
+#include "src/plugin/client_camera.h"
+#include "src/plugin/receive_loop.h"
+#include "tests/support/doubles/client_camera_double.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod {
 namespace {

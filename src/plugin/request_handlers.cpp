@@ -2,9 +2,9 @@
 #include <new>
 #include <utility>
 
-#include "capture/camera_enumerator.h"
-#include "module/log.h"
-#include "plugin/client_camera.h"
+#include "src/capture/camera_enumerator.h"
+#include "src/module/log.h"
+#include "src/plugin/client_camera.h"
 
 namespace zumod {
 

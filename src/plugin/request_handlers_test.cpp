@@ -3,12 +3,12 @@
 
 #include <initializer_list>
 
-#include "plugin/client_camera.h"
-#include "tests/support/camera_messages.h"
-#include "tests/support/client_camera_double.h"
-#include "tests/support/device_double.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/scripted_stream.h"
+#include "src/plugin/client_camera.h"
+#include "tests/support/doubles/client_camera_double.h"
+#include "tests/support/doubles/device_double.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod {
 namespace {

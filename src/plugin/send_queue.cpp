@@ -1,4 +1,4 @@
-#include "plugin/send_queue.h"
+#include "src/plugin/send_queue.h"
 
 #include <sys/time.h>
 #include <unistd.h>

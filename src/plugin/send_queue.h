@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <list>
 
-#include "base/buffer.h"
-#include "base/mutex_lock.h"
+#include "src/base/buffer.h"
+#include "src/base/mutex_lock.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod {

@@ -8,11 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include "base/create_buffer.h"
-#include "plugin/send_queue.h"
-#include "tests/support/buffer_references.h"
-#include "tests/support/semaphore_watch.h"
-#include "tests/support/wait_until.h"
+#include "src/base/create_buffer.h"
+#include "src/plugin/send_queue.h"
+#include "tests/support/doubles/buffer_references.h"
+#include "tests/support/watch/semaphore_watch.h"
+#include "tests/support/watch/wait_until.h"
 
 namespace zumod {
 namespace {

@@ -1,4 +1,4 @@
-#include "plugin/send_queue.h"
+#include "src/plugin/send_queue.h"
 
 #include <gtest/gtest.h>
 
@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "base/create_buffer.h"
-#include "tests/support/buffer_references.h"
-#include "tests/support/wait_until.h"
+#include "src/base/create_buffer.h"
+#include "tests/support/doubles/buffer_references.h"
+#include "tests/support/watch/wait_until.h"
 
 namespace zumod {
 namespace {

@@ -4,12 +4,12 @@
 
 #include <thread>
 
-#include "plugin/client_camera.h"
-#include "tests/support/client_camera_double.h"
-#include "tests/support/process_state.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/scripted_stream.h"
-#include "tests/support/socket_stream.h"
+#include "src/plugin/client_camera.h"
+#include "tests/support/doubles/client_camera_double.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/doubles/socket_stream.h"
+#include "tests/support/watch/process_state.h"
 
 namespace zumod {
 namespace {

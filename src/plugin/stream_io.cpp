@@ -1,4 +1,4 @@
-#include "plugin/stream_io.h"
+#include "src/plugin/stream_io.h"
 
 #include <algorithm>
 

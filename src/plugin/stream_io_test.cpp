@@ -1,8 +1,8 @@
-#include "plugin/stream_io.h"
+#include "src/plugin/stream_io.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/support/scripted_stream.h"
+#include "tests/support/doubles/scripted_stream.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod {

@@ -2,13 +2,13 @@
 #include <cstdint>
 #include <stdexcept>
 
-#include "base/base_thread.h"
-#include "base/create_buffer.h"
-#include "base/object_reports.h"
-#include "base/singleton.h"
-#include "module/attach_runtime.h"
-#include "module/log.h"
-#include "module/runtime.h"
+#include "src/base/base_thread.h"
+#include "src/base/create_buffer.h"
+#include "src/base/object_reports.h"
+#include "src/base/singleton.h"
+#include "src/module/attach_runtime.h"
+#include "src/module/log.h"
+#include "src/module/runtime.h"
 
 namespace zumod {
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/abi/elf_file.h"
+#include "tests/support/process/elf_file.h"
 
 namespace zumod::testing {
 namespace {

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/raw_host.h"
+#include "tests/support/doubles/raw_host.h"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "tests/e2e/host_process.h"
-#include "tests/support/child_process.h"
-#include "tests/support/file_content.h"
-#include "tests/support/work_directory.h"
+#include "tests/support/process/child_process.h"
+#include "tests/support/process/file_content.h"
+#include "tests/support/process/work_directory.h"
 
 namespace zumod::testing {
 

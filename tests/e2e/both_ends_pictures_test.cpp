@@ -8,8 +8,8 @@
 
 #include "tests/e2e/both_ends.h"
 #include "tests/e2e/video_file.h"
-#include "tests/support/picture_pattern.h"
-#include "vcam/pattern.h"
+#include "tests/support/doubles/picture_pattern.h"
+#include "vcam/picture/pattern.h"
 
 namespace zumod::testing {
 namespace {

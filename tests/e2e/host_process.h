@@ -11,11 +11,11 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/camera_messages.h"
-#include "tests/support/child_process.h"
-#include "tests/support/peer_client.h"
-#include "tests/support/work_directory.h"
-#include "vcam/preloaded_cameras.h"
+#include "tests/support/process/child_process.h"
+#include "tests/support/process/work_directory.h"
+#include "tests/support/wire/camera_messages.h"
+#include "tests/support/wire/peer_client.h"
+#include "vcam/testing/preloaded_cameras.h"
 
 namespace zumod::testing {
 

@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "tests/e2e/peer_process.h"
-#include "tests/support/encoded_stream.h"
+#include "tests/support/wire/encoded_stream.h"
 
 namespace zumod::testing {
 namespace {

@@ -11,10 +11,10 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/child_process.h"
-#include "tests/support/file_content.h"
-#include "tests/support/scripted_host.h"
-#include "tests/support/work_directory.h"
+#include "tests/support/doubles/scripted_host.h"
+#include "tests/support/process/child_process.h"
+#include "tests/support/process/file_content.h"
+#include "tests/support/process/work_directory.h"
 
 namespace zumod::testing {
 

@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "tests/e2e/peer_process.h"
-#include "tests/support/encoded_stream.h"
+#include "tests/support/wire/encoded_stream.h"
 
 namespace zumod::testing {
 namespace {

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "tests/e2e/whole_system.h"
-#include "tests/support/codec_calls.h"
-#include "vcam/pattern.h"
-#include "vcam/pattern_reader.h"
-#include "vcam/preloaded_cameras.h"
+#include "tests/support/doubles/codec_calls.h"
+#include "vcam/picture/pattern.h"
+#include "vcam/picture/pattern_reader.h"
+#include "vcam/testing/preloaded_cameras.h"
 
 namespace {
 
@@ -37,7 +37,7 @@ struct Planes {
     std::vector<uint8_t> plane[3];
 };
 
-Planes Shown(const Case& test, const zumod::vcam::Stamp& stamp) {
+Planes Shown(const Case& test, const zumod::Stamp& stamp) {
     // What every format is laid out from; BGR and YUYV carry the same colours.
     const auto layout = zumod::vcam::LayOut(V4L2_PIX_FMT_YUV420, test.width, test.height);
     std::vector<uint8_t> bytes(layout.sizeimage);

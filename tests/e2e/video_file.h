@@ -12,11 +12,11 @@
 #include <utility>
 #include <vector>
 
-#include "base/unique_fd.h"
-#include "tests/support/child_process.h"
-#include "tests/support/file_content.h"
-#include "tests/support/work_directory.h"
-#include "vcam/pattern_reader.h"
+#include "common/unique_fd.h"
+#include "tests/support/process/child_process.h"
+#include "tests/support/process/file_content.h"
+#include "tests/support/process/work_directory.h"
+#include "vcam/picture/pattern_reader.h"
 
 namespace zumod::testing {
 
@@ -39,17 +39,17 @@ inline std::string DecodedBytes(const WorkDirectory& work, const std::string& pa
 }
 
 // The stamps of its decoded pictures, which have this size.
-inline std::vector<vcam::Stamp> StampsIn(const WorkDirectory& work, const std::string& path, unsigned width,
-                                         unsigned height) {
+inline std::vector<Stamp> StampsIn(const WorkDirectory& work, const std::string& path, unsigned width,
+                                   unsigned height) {
     const std::string bytes = DecodedBytes(work, path, "gray");
     const size_t size = size_t{width} * height;
     EXPECT_EQ(bytes.size() % size, 0U);
-    std::vector<vcam::Stamp> stamps;
+    std::vector<Stamp> stamps;
     for (size_t at = 0; at + size <= bytes.size(); at += size) {
         const auto stamp =
-            vcam::ReadStamp(reinterpret_cast<const uint8_t*>(bytes.data()) + at, width, width, height);
+            ReadStamp(reinterpret_cast<const uint8_t*>(bytes.data()) + at, width, width, height);
         EXPECT_TRUE(stamp) << "picture " << stamps.size();
-        stamps.push_back(stamp.value_or(vcam::Stamp{}));
+        stamps.push_back(stamp.value_or(Stamp{}));
     }
     return stamps;
 }

@@ -11,7 +11,7 @@
 
 #include <thread>
 
-#include "tests/support/raw_host.h"
+#include "tests/support/doubles/raw_host.h"
 
 namespace zumod::testing::raw {
 

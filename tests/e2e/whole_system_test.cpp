@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "tests/e2e/whole_system.h"
-#include "tests/support/process_state.h"
-#include "vcam/preloaded_cameras.h"
+#include "tests/support/watch/process_state.h"
+#include "vcam/testing/preloaded_cameras.h"
 
 namespace {
 

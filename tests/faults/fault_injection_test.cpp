@@ -16,12 +16,12 @@
 #include <string>
 #include <vector>
 
-#include "base/mem_buffer.h"
-#include "capture/linux_v4l2_camera_capture.h"
+#include "src/base/mem_buffer.h"
+#include "src/capture/linux_v4l2_camera_capture.h"
 #include "tests/faults/fault_session.h"
-#include "tests/support/process_state.h"
-#include "tests/support/wait_until.h"
-#include "vcam/preloaded_cameras.h"
+#include "tests/support/watch/process_state.h"
+#include "tests/support/watch/wait_until.h"
+#include "vcam/testing/preloaded_cameras.h"
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/module_calls.h"
-#include "tests/support/raw_host.h"
-#include "tests/support/wait_until.h"
+#include "tests/support/doubles/raw_host.h"
+#include "tests/support/watch/module_calls.h"
+#include "tests/support/watch/wait_until.h"
 
 namespace zumod::testing {
 

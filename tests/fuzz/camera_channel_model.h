@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "tests/support/scripted_stream.h"
+#include "tests/support/doubles/scripted_stream.h"
 
 namespace zumod::testing {
 

@@ -11,8 +11,8 @@
 
 #include "codec/picture_layout.h"
 #include "codec/video_encoder.h"
-#include "loader/mod_data.h"
-#include "module/attach_runtime.h"
+#include "src/loader/mod_data.h"
+#include "src/module/attach_runtime.h"
 #include "tests/fuzz/check.h"
 #include "zumod/enc_args.h"
 #include "zumod/runtime.h"

@@ -7,15 +7,15 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "base/mem_buffer.h"
-#include "plugin/client_camera.h"
-#include "plugin/receive_loop.h"
+#include "src/base/mem_buffer.h"
+#include "src/plugin/client_camera.h"
+#include "src/plugin/receive_loop.h"
 #include "tests/fuzz/camera_channel_model.h"
 #include "tests/fuzz/check.h"
-#include "tests/support/client_camera_double.h"
-#include "tests/support/device_double.h"
-#include "tests/support/recording_host.h"
-#include "tests/support/scripted_stream.h"
+#include "tests/support/doubles/client_camera_double.h"
+#include "tests/support/doubles/device_double.h"
+#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/scripted_stream.h"
 
 namespace zumod {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "base/text.h"
+#include "src/base/text.h"
 #include "tests/fuzz/check.h"
 
 using zumod::CompareVersion;

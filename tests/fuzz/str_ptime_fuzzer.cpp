@@ -6,8 +6,8 @@
 #include <ctime>
 #include <string>
 
-#include "base/str_ptime.h"
-#include "base/time_text.h"
+#include "src/base/str_ptime.h"
+#include "src/base/time_text.h"
 #include "tests/fuzz/check.h"
 #include "tests/fuzz/exact_text.h"
 

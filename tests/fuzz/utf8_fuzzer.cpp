@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "base/text_encoding.h"
+#include "src/base/text_encoding.h"
 #include "tests/fuzz/check.h"
 #include "tests/fuzz/exact_text.h"
 

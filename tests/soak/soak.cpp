@@ -25,12 +25,12 @@
 #include <thread>
 #include <vector>
 
-#include "capture/linux_v4l2_camera_capture.h"
-#include "tests/support/mappings.h"
-#include "tests/support/module_calls.h"
-#include "tests/support/process_state.h"
-#include "tests/support/raw_host.h"
-#include "vcam/preloaded_cameras.h"
+#include "src/capture/linux_v4l2_camera_capture.h"
+#include "tests/support/doubles/raw_host.h"
+#include "tests/support/watch/mappings.h"
+#include "tests/support/watch/module_calls.h"
+#include "tests/support/watch/process_state.h"
+#include "vcam/testing/preloaded_cameras.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "tests/support/process_state.h"
+#include "tests/support/watch/process_state.h"
 #include "tests/vm/device_requests.h"
 #include "tests/vm/driver_session.h"
 #include "tests/vm/vivid_cameras.h"

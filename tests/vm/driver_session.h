@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "tests/e2e/whole_system.h"
-#include "tests/support/codec_calls.h"
+#include "tests/support/doubles/codec_calls.h"
 #include "tests/vm/picture.h"
 #include "zumod/camera_channel.h"
 

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "tests/support/wait_until.h"
+#include "tests/support/watch/wait_until.h"
 #include "tests/vm/device_requests.h"
 #include "tests/vm/driver_session.h"
 #include "tests/vm/vivid_cameras.h"

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <stdexcept>
 
-#include "tests/support/picture_pattern.h"
+#include "tests/support/doubles/picture_pattern.h"
 
 namespace zumod::testing {
 namespace {

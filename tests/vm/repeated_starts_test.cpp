@@ -4,7 +4,7 @@
 #include <fstream>
 #include <ostream>
 
-#include "tests/support/process_state.h"
+#include "tests/support/watch/process_state.h"
 #include "tests/vm/driver_session.h"
 #include "tests/vm/vivid_cameras.h"
 

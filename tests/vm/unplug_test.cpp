@@ -2,7 +2,7 @@
 // from its device.
 #include <gtest/gtest.h>
 
-#include "tests/support/process_state.h"
+#include "tests/support/watch/process_state.h"
 #include "tests/vm/device_requests.h"
 #include "tests/vm/driver_session.h"
 #include "tests/vm/vivid_cameras.h"

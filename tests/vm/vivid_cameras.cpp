@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "tests/support/wait_until.h"
+#include "tests/support/watch/wait_until.h"
 
 namespace zumod::testing {
 

@@ -1,0 +1,212 @@
+# Flags, targets and tests of this project: the same rules for the whole tree and for vcam/ built by itself.
+include_guard(GLOBAL)
+
+set(ZU_ROOT ${CMAKE_CURRENT_LIST_DIR}/..)
+cmake_path(NORMAL_PATH ZU_ROOT)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+set(ZU_SANITIZE "" CACHE STRING "Sanitizers to build with: address, thread, or empty for none")
+set_property(CACHE ZU_SANITIZE PROPERTY STRINGS "" address thread)
+option(ZU_WERROR "Treat warnings as errors" OFF)
+option(ZU_FUZZ "Build the fuzzers (Clang only)" OFF)
+option(ZU_COVERAGE "Count which lines and branches of src/ the tests reach (GCC only)" OFF)
+
+include(CTest)
+include(GNUInstallDirs)
+include(CheckPIESupported)
+include(CheckCXXCompilerFlag)
+check_pie_supported()
+find_package(Threads REQUIRED)
+
+# Programs in one directory and shared objects in another, in the build tree as in the install tree: a program
+# finds its modules by the same relative path wherever it is built.
+set(ZU_PROGRAM_DIR ${CMAKE_BINARY_DIR}/bin)
+set(ZU_MODULE_DIR ${CMAKE_BINARY_DIR}/modules)
+set(ZU_INSTALL_MODULE_DIR ${CMAKE_INSTALL_LIBDIR}/zu)
+
+# ---- Flags ----
+
+# Language, warnings and hardening. Use zu_flags; only an object that must do without a sanitizer takes this one.
+add_library(zu_plain_flags INTERFACE)
+target_include_directories(zu_plain_flags INTERFACE ${ZU_ROOT} ${ZU_ROOT}/include)
+target_compile_options(
+  zu_plain_flags
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            $<$<BOOL:${ZU_WERROR}>:-Werror>
+            -Wformat=2
+            -Wundef
+            -fstack-protector-strong
+            -fvisibility=hidden
+            $<$<COMPILE_LANGUAGE:CXX>:-Wshadow>
+            $<$<COMPILE_LANGUAGE:CXX>:-Wconversion>
+            $<$<COMPILE_LANGUAGE:CXX>:-Wsign-conversion>
+            $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+            $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+            $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+            # An object has its interface's virtual IReference beside CReference's.
+            $<$<COMPILE_LANGUAGE:CXX>:-Wno-inaccessible-base>
+            $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
+            # A unique symbol would keep a shared object mapped after its last dlclose.
+            $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>
+            $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
+target_compile_definitions(zu_plain_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>)
+# What only some processors have.
+foreach(flag -fcf-protection -fstack-clash-protection)
+  string(MAKE_C_IDENTIFIER "ZU_HAS${flag}" known)
+  check_cxx_compiler_flag(${flag} ${known})
+  if(${known})
+    target_compile_options(zu_plain_flags INTERFACE ${flag})
+  endif()
+endforeach()
+target_link_options(zu_plain_flags INTERFACE -Wl,-z,relro -Wl,-z,now)
+
+if(ZU_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "ZU_FUZZ needs Clang")
+  elseif(ZU_SANITIZE)
+    message(FATAL_ERROR "ZU_FUZZ brings its own sanitizers: leave ZU_SANITIZE empty")
+  endif()
+  # The code under test is instrumented as well; the fuzzers add the engine.
+  set(sanitize -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize=vptr,function -fno-sanitize-recover=all
+               -fno-omit-frame-pointer)
+elseif(ZU_SANITIZE STREQUAL "address")
+  # No vptr check: an object from another module need not carry C++ type information.
+  set(sanitize -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all -fno-omit-frame-pointer)
+elseif(ZU_SANITIZE STREQUAL "thread")
+  set(sanitize -fsanitize=thread -fno-omit-frame-pointer)
+elseif(ZU_SANITIZE)
+  message(FATAL_ERROR "ZU_SANITIZE must be address, thread or empty")
+elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT "${CMAKE_CXX_FLAGS} ${CMAKE_C_FLAGS}" MATCHES "_FORTIFY_SOURCE")
+  target_compile_definitions(zu_plain_flags INTERFACE _FORTIFY_SOURCE=3)
+endif()
+
+# The flags every target of the project is built with.
+add_library(zu_flags INTERFACE)
+target_link_libraries(zu_flags INTERFACE zu_plain_flags)
+target_compile_options(zu_flags INTERFACE ${sanitize})
+target_link_options(zu_flags INTERFACE ${sanitize})
+if(ZU_COVERAGE)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    message(FATAL_ERROR "ZU_COVERAGE needs GCC")
+  endif()
+  # Only the module's own code is counted; see src/CMakeLists.txt.
+  target_link_options(zu_flags INTERFACE --coverage)
+endif()
+
+# ---- Targets ----
+
+# zu_layer(NAME SOURCES files... [ON layers...] [LINK libraries...] [FLAGS target]): the object library
+# zu_NAME_objects, and zu_NAME, which brings those objects and the objects of the layers below into the target that
+# links it. Objects and not archives: a linker leaves nothing out of them. FLAGS: what it is compiled with
+# (default zu_flags).
+function(zu_layer name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FLAGS" "SOURCES;ON;LINK")
+  if(NOT arg_FLAGS)
+    set(arg_FLAGS zu_flags)
+  endif()
+  add_library(zu_${name}_objects OBJECT EXCLUDE_FROM_ALL ${arg_SOURCES})
+  target_link_libraries(zu_${name}_objects PRIVATE ${arg_FLAGS} ${arg_LINK})
+  add_library(zu_${name} INTERFACE)
+  target_sources(zu_${name} INTERFACE $<TARGET_OBJECTS:zu_${name}_objects>)
+  target_link_libraries(zu_${name} INTERFACE ${arg_ON} ${arg_LINK})
+endfunction()
+
+# zu_module(NAME sources... LINK libraries...): a shared object that a host loads: in the module directory, without
+# a prefix, with one exported symbol and none left undefined.
+function(zu_module name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
+  set(exports ${ZU_ROOT}/src/module/exports.map)
+  add_library(${name} MODULE ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE zu_flags ${arg_LINK})
+  target_link_options(${name} PRIVATE -Wl,-z,defs -Wl,--version-script=${exports})
+  set_target_properties(${name} PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTORY ${ZU_MODULE_DIR}
+                                           LINK_DEPENDS ${exports})
+  install(TARGETS ${name} LIBRARY DESTINATION ${ZU_INSTALL_MODULE_DIR})
+endfunction()
+
+# zu_program(NAME sources... LINK libraries...): an executable that is installed with its man page, NAME.1.
+function(zu_program name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE zu_flags ${arg_LINK})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${ZU_PROGRAM_DIR})
+  install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${name}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endfunction()
+
+# ---- Tests ----
+
+if(BUILD_TESTING)
+  find_package(GTest REQUIRED)
+  include(GoogleTest)
+  # The headers that every test needs, compiled once: they take longer than most tests.
+  add_executable(zu_test_headers EXCLUDE_FROM_ALL ${ZU_ROOT}/tests/support/test_headers.cpp)
+  target_link_libraries(zu_test_headers PRIVATE zu_flags GTest::gmock)
+  target_compile_options(zu_test_headers PRIVATE $<$<NOT:$<CONFIG:Debug>>:-O1>)
+  target_precompile_headers(zu_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h> <string> <vector>)
+endif()
+
+# What a program is started with so that its calls reach virtual cameras.
+set(ZU_VCAM_PRELOAD ${ZU_MODULE_DIR}/libzu-vcam-preload.so)
+if(ZU_SANITIZE)
+  # A sanitizer's run time must come before every other library.
+  set(runtime_address libasan.so)
+  set(runtime_thread libtsan.so)
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${runtime_${ZU_SANITIZE}}
+                  OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+  string(PREPEND ZU_VCAM_PRELOAD ${runtime}:)
+endif()
+
+# zu_test(NAME sources... [CAMERAS] [LINK libraries...] [TIMEOUT seconds] [DEFINE definitions...] [NEEDS targets...]):
+# one GoogleTest program, each of its tests a ctest. With CAMERAS its own calls reach virtual cameras: it makes a
+# PreloadedCameras and opens /dev/videoN. NEEDS: what must be built before it runs.
+function(zu_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "CAMERAS" "TIMEOUT" "LINK;DEFINE;NEEDS")
+  if(NOT BUILD_TESTING)
+    return()
+  endif()
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 120)
+  endif()
+  set(environment "")
+  if(arg_CAMERAS)
+    set(environment ENVIRONMENT "LD_PRELOAD=${ZU_VCAM_PRELOAD}")
+    list(APPEND arg_LINK zu_vcam_testing)
+    list(APPEND arg_NEEDS zu_vcam_preload)
+  endif()
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE zu_flags ${arg_LINK} GTest::gmock GTest::gtest_main ${CMAKE_DL_LIBS})
+  target_compile_definitions(${name} PRIVATE ${arg_DEFINE})
+  # The code under test is built as it is shipped; the tests themselves need not be fast, but soon built.
+  target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-O1>)
+  target_precompile_headers(${name} REUSE_FROM zu_test_headers)
+  # GCC 12 sees writes past short strings that are not there; from a precompiled header it also says so.
+  target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-array-bounds -Wno-restrict
+                                         -Wno-stringop-overflow>)
+  if(arg_NEEDS)
+    add_dependencies(${name} ${arg_NEEDS})
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${arg_TIMEOUT} ${environment})
+endfunction()
+
+# zu_program_test(NAME COMMAND words... [TIMEOUT seconds] [ENVIRONMENT NAME=value]): a ctest that is not GoogleTest's.
+# Exit status 77 means that it was skipped.
+function(zu_program_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT;ENVIRONMENT" "COMMAND")
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 120)
+  endif()
+  add_test(NAME ${name} COMMAND ${arg_COMMAND})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} SKIP_RETURN_CODE 77 ENVIRONMENT "${arg_ENVIRONMENT}")
+endfunction()

@@ -1,0 +1,108 @@
+// What a camera and the programs that use it share in memory: the state of the stream and of each buffer, so
+// that a buffer is queued and dequeued without a round trip. Any thread of any process; every word is atomic
+// by itself.
+#pragma once
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+
+#include "vcam/model/wire.h"
+
+namespace zumod::vcam {
+
+enum class BufferState : uint8_t { kDequeued, kQueued, kDone };
+
+struct CameraBoard {
+    // Set in `slow`: these calls ask the camera first, because a fault counts them.
+    static constexpr uint32_t kSlowDequeue = 1;
+    static constexpr uint32_t kSlowQueue = 2;
+    // Set in `stream`; the bits above count the streams.
+    static constexpr uint32_t kStreaming = 1;
+    static constexpr uint32_t kFailed = 2;
+    static constexpr uint32_t kStreamStep = 4;
+
+    // Written by the camera alone, read by programs; what orders them is the camera's reply to the request
+    // that changed them.
+    std::atomic<uint32_t> plug;
+    std::atomic<uint32_t> owner;
+    std::atomic<uint32_t> stream;
+    std::atomic<uint32_t> slow;
+    std::atomic<uint32_t> count;
+    std::atomic<uint32_t> length;
+    std::atomic<uint32_t> buffer_stride;
+    std::atomic<uint32_t> mapped;          // a bit for each buffer
+    std::atomic<uint32_t> pending_events;  // of the owner
+
+    // Written by both sides: a buffer's state below, the order in which it was queued above.
+    std::atomic<uint64_t> next_ticket;
+    std::atomic<uint64_t> buffers[kMaxBuffers];
+
+    static BufferState StateOf(uint64_t word) { return static_cast<BufferState>(word & 0xff); }
+
+    // Moves a buffer from one state to another; false when it is not in the first.
+    bool Move(uint32_t index, BufferState from, BufferState to) {
+        uint64_t word = buffers[index].load(std::memory_order_acquire);
+        while (StateOf(word) == from) {
+            const uint64_t next =
+                to == BufferState::kQueued
+                    ? (next_ticket.fetch_add(1, std::memory_order_relaxed) << 8) | static_cast<uint64_t>(to)
+                    : static_cast<uint64_t>(to);
+            if (buffers[index].compare_exchange_weak(word, next, std::memory_order_acq_rel)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // The buffer that has been queued longest, or -1.
+    int Oldest() const {
+        int oldest = -1;
+        uint64_t ticket = UINT64_MAX;
+        const uint32_t buffer_count = count.load(std::memory_order_acquire);
+        for (uint32_t i = 0; i < buffer_count && i < kMaxBuffers; ++i) {
+            const uint64_t word = buffers[i].load(std::memory_order_acquire);
+            if (StateOf(word) == BufferState::kQueued && (word >> 8) < ticket) {
+                ticket = word >> 8;
+                oldest = static_cast<int>(i);
+            }
+        }
+        return oldest;
+    }
+
+    uint32_t OffsetOf(uint32_t index) const { return index * buffer_stride.load(std::memory_order_relaxed); }
+
+    // The fields of a v4l2_buffer that follow from its index and state.
+    void Describe(uint32_t index, v4l2_buffer& buffer) const {
+        uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
+        if ((mapped.load(std::memory_order_relaxed) >> index & 1) != 0) {
+            flags |= V4L2_BUF_FLAG_MAPPED;
+        }
+        switch (StateOf(buffers[index].load(std::memory_order_acquire))) {
+            case BufferState::kQueued:
+                flags |= V4L2_BUF_FLAG_QUEUED;
+                break;
+            case BufferState::kDone:
+                flags |= V4L2_BUF_FLAG_DONE;
+                break;
+            case BufferState::kDequeued:
+                break;
+        }
+        buffer.index = index;
+        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        buffer.bytesused = 0;
+        buffer.flags = flags;
+        buffer.field = V4L2_FIELD_NONE;
+        buffer.timestamp = {};
+        buffer.timecode = {};
+        buffer.sequence = 0;
+        buffer.memory = V4L2_MEMORY_MMAP;
+        buffer.m.offset = OffsetOf(index);
+        buffer.length = length.load(std::memory_order_relaxed);
+        buffer.reserved2 = 0;
+        buffer.request_fd = 0;
+    }
+};
+static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<uint32_t>::is_always_lock_free);
+
+}  // namespace zumod::vcam

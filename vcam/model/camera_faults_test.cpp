@@ -1,0 +1,393 @@
+// Each fault as a program meets it.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "vcam/model/camera.h"
+#include "vcam/testing/test_rig.h"
+
+namespace zumod::vcam {
+namespace {
+
+v4l2_format AskFor(uint32_t width, uint32_t height) {
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.fmt.pix.width = width;
+    format.fmt.pix.height = height;
+    format.fmt.pix.pixelformat = V4L2_PIX_FMT_NV12;
+    return format;
+}
+
+int64_t TimeOf(const v4l2_buffer& buffer) {
+    return buffer.timestamp.tv_sec * 1000000L + buffer.timestamp.tv_usec;
+}
+
+TEST(Fault, UnplugRaisesErrorAndHangUpAndTakesEverythingAway) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    rig.Device().Inject(faults::Unplug());
+    const short events = rig.Poll();
+    EXPECT_NE(events & POLLERR, 0);
+    EXPECT_NE(events & POLLHUP, 0);
+    v4l2_buffer buffer;
+    EXPECT_EQ(rig.Dequeue(buffer), ENODEV);
+    EXPECT_EQ(rig.Queue(0), ENODEV);
+    EXPECT_EQ(rig.StreamOff(), ENODEV);
+    v4l2_capability capability{};
+    EXPECT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), ENODEV);
+    EXPECT_EQ(rig.Device().Number(), -1);
+    EXPECT_EQ(rig.Reopen(), ENOENT);
+}
+
+TEST(Fault, UnplugComesBeforeTheFrameItNames) {
+    TestRig rig("sizes=64x64,fps=500,fault=unplug/3");
+    ASSERT_EQ(rig.Start(8), 0);
+    for (uint32_t i = 0; i < 3; ++i) {
+        // Once the camera is gone its frames are gone with it, so they are taken as they come.
+        const TestRig::Frame frame = rig.Next();
+        if (frame.error == ENODEV) {
+            break;
+        }
+        EXPECT_EQ(frame.buffer.sequence, i);
+    }
+    while ((rig.Poll() & POLLHUP) == 0) {
+    }
+    EXPECT_EQ(rig.Device().Status().delivered, 3U);
+}
+
+TEST(Fault, UnplugWakesABlockedDequeue) {
+    TestRig rig("sizes=64x64,fault=no-frames");
+    ASSERT_EQ(rig.Reopen(O_RDWR), 0);
+    ASSERT_EQ(rig.Start(2), 0);
+    int error = 0;
+    std::thread waiting([&] {
+        v4l2_buffer buffer;
+        error = rig.Dequeue(buffer);
+    });
+    rig.Device().Inject(faults::Unplug());
+    waiting.join();
+    EXPECT_EQ(error, ENODEV);
+}
+
+TEST(Fault, ReplugBringsTheCameraBackAsAFreshOne) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    rig.Device().Inject(faults::Unplug());
+    rig.Device().Inject(faults::Replug());
+    EXPECT_EQ(rig.Device().Number(), 0);
+    v4l2_buffer buffer;
+    EXPECT_EQ(rig.Dequeue(buffer), ENODEV);
+    EXPECT_EQ(rig.StreamOff(), ENODEV);
+    rig.Unmap();
+    ASSERT_EQ(rig.Reopen(), 0);
+    ASSERT_EQ(rig.Start(2), 0);
+    EXPECT_EQ(rig.Next().error, 0);
+}
+
+TEST(Fault, ReplugWaitsAsLongAsItWasTold) {
+    TestRig rig("sizes=64x64,fault=replug/50");
+    const auto start = std::chrono::steady_clock::now();
+    rig.Device().Inject(faults::Unplug());
+    for (int tries = 0; rig.Device().Number() < 0 && tries < 20000; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(rig.Device().Number(), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+}
+
+TEST(Fault, ReplugAsBringsItBackUnderAnotherNumber) {
+    TestRig rig;
+    rig.Device().Inject(faults::Unplug());
+    rig.Device().Inject(faults::ReplugAs(5));
+    EXPECT_EQ(rig.Device().Number(), 5);
+    EXPECT_EQ(rig.Reopen(), 0);
+}
+
+TEST(Fault, ErrnoMeetsTheNthCallOfTheRequest) {
+    TestRig rig;
+    rig.Device().Inject(faults::Errno(VIDIOC_QUERYCAP, EIO, 2, 2));
+    v4l2_capability capability{};
+    v4l2_format format = AskFor(64, 64);
+    EXPECT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), 0);
+    EXPECT_EQ(rig.Call(VIDIOC_G_FMT, format), 0);
+    EXPECT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), EIO);
+    EXPECT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), EIO);
+    EXPECT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), 0);
+}
+
+TEST(Fault, ErrnoCountsQueueingAndDequeueingToo) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(4), 0);
+    rig.Device().Inject(faults::Errno(VIDIOC_DQBUF, EIO, 2));
+    rig.Device().Inject(faults::Errno(VIDIOC_QBUF, ENOMEM, 1));
+    EXPECT_EQ(rig.Next().error, 0);
+    EXPECT_EQ(rig.Next().error, EIO);
+    EXPECT_EQ(rig.Next().error, 0);
+    EXPECT_EQ(rig.Queue(0), ENOMEM);
+    EXPECT_EQ(rig.Queue(0), 0);
+}
+
+TEST(Fault, ErrnoMeetsEveryRequestOfACapture) {
+    for (const unsigned long request :
+         {VIDIOC_ENUM_FMT, VIDIOC_TRY_FMT, VIDIOC_G_PARM, VIDIOC_S_PARM, VIDIOC_QUERYBUF, VIDIOC_STREAMOFF}) {
+        TestRig rig;
+        rig.Device().Inject(faults::Errno(static_cast<uint32_t>(request), EIO));
+        char argument[256] = {};
+        EXPECT_EQ(rig.File().Ioctl(request, argument), EIO);
+    }
+}
+
+TEST(Fault, OpenBusyFailsToOpen) {
+    TestRig rig;
+    rig.Device().Inject(faults::OpenBusy(2));
+    EXPECT_EQ(rig.Reopen(), EBUSY);
+    EXPECT_EQ(rig.Reopen(), EBUSY);
+    EXPECT_EQ(rig.Reopen(), 0);
+}
+
+TEST(Fault, FormatBusyFailsToSetTheFormat) {
+    TestRig rig;
+    rig.Device().Inject(faults::FormatBusy());
+    v4l2_format format = AskFor(64, 64);
+    EXPECT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), EBUSY);
+    EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), 0);
+}
+
+TEST(Fault, BuffersBusyFailsToGrantBuffers) {
+    TestRig rig;
+    rig.Device().Inject(faults::BuffersBusy());
+    EXPECT_EQ(rig.Request(4), -EBUSY);
+    EXPECT_EQ(rig.Request(4), 4);
+}
+
+TEST(Fault, StreamBusyFailsToStart) {
+    TestRig rig;
+    rig.Device().Inject(faults::StreamBusy());
+    EXPECT_EQ(rig.Start(2), EBUSY);
+    EXPECT_EQ(rig.StreamOn(), 0);
+}
+
+TEST(Fault, EintrStormInterruptsDequeueingAndLeavesTheFrame) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    rig.Device().Inject(faults::EintrStorm(50));
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ(rig.Next().error, EINTR);
+    }
+    const TestRig::Frame frame = rig.Next();
+    EXPECT_EQ(frame.error, 0);
+    EXPECT_EQ(frame.buffer.sequence, 0U);
+}
+
+TEST(Fault, EagainStormRefusesAFrameThatIsThere) {
+    TestRig rig;
+    ASSERT_EQ(rig.Start(2), 0);
+    rig.Device().Inject(faults::EagainStorm(50));
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ(rig.Next().error, EAGAIN);
+    }
+    EXPECT_EQ(rig.Next().error, 0);
+}
+
+TEST(Fault, ReadableEmptyIsReadableWithNothingToDequeue) {
+    TestRig rig("sizes=64x64,fps=500,fault=readable-empty/1/2");
+    ASSERT_EQ(rig.Start(4), 0);
+    EXPECT_EQ(rig.Next().buffer.sequence, 0U);
+    EXPECT_EQ(rig.Next().error, EAGAIN);
+    EXPECT_EQ(rig.Next().error, EAGAIN);
+    EXPECT_EQ(rig.Next().buffer.sequence, 3U);
+}
+
+TEST(Fault, ShortGivesPartOfThePicture) {
+    TestRig rig("sizes=64x64,fps=500,fault=short/1/1/25");
+    ASSERT_EQ(rig.Start(4), 0);
+    EXPECT_EQ(rig.Next().buffer.bytesused, 6144U);
+    EXPECT_EQ(rig.Next().buffer.bytesused, 1536U);
+    EXPECT_EQ(rig.Next().buffer.bytesused, 6144U);
+}
+
+TEST(Fault, ZeroGivesNothing) {
+    TestRig rig("sizes=64x64,fps=500,fault=zero/0/2");
+    ASSERT_EQ(rig.Start(4), 0);
+    EXPECT_EQ(rig.Next().buffer.bytesused, 0U);
+    EXPECT_EQ(rig.Next().buffer.bytesused, 0U);
+    EXPECT_EQ(rig.Next().buffer.bytesused, 6144U);
+}
+
+TEST(Fault, LongClaimsMoreThanTheBufferHolds) {
+    TestRig rig("sizes=64x64,fps=500,fault=long");
+    ASSERT_EQ(rig.Start(2), 0);
+    const TestRig::Frame frame = rig.Next();
+    EXPECT_EQ(frame.buffer.bytesused, frame.buffer.length + 4096);
+}
+
+TEST(Fault, ErrorFlagMarksTheBuffer) {
+    TestRig rig("sizes=64x64,fps=500,fault=error-flag/1");
+    ASSERT_EQ(rig.Start(2), 0);
+    EXPECT_EQ(rig.Next().buffer.flags & V4L2_BUF_FLAG_ERROR, 0U);
+    EXPECT_NE(rig.Next().buffer.flags & V4L2_BUF_FLAG_ERROR, 0U);
+}
+
+TEST(Fault, BadIndexNamesABufferThatIsNotThere) {
+    TestRig rig("sizes=64x64,fps=500,fault=bad-index");
+    ASSERT_EQ(rig.Start(2), 0);
+    EXPECT_EQ(rig.Next().buffer.index, 1000U);
+    EXPECT_EQ(rig.Queue(1000), EINVAL);
+    EXPECT_EQ(rig.Next().buffer.index, 1U);
+}
+
+TEST(Fault, StallHoldsTheFramesBack) {
+    TestRig rig("sizes=64x64,fps=500,fault=stall/300/2");
+    ASSERT_EQ(rig.Start(8), 0);
+    const TestRig::Frame before[2] = {rig.Next(), rig.Next()};
+    EXPECT_EQ(before[1].buffer.sequence, 1U);
+    const TestRig::Frame after = rig.Next();
+    ASSERT_EQ(after.error, 0);
+    EXPECT_GE(TimeOf(after.buffer) - TimeOf(before[1].buffer), 300000 - 2000);
+    EXPECT_GE(after.buffer.sequence, 149U);
+}
+
+TEST(Fault, NoFramesStreamsWithoutAFrame) {
+    TestRig rig("sizes=64x64,fps=1000,fault=no-frames");
+    ASSERT_EQ(rig.Start(2), 0);
+    EXPECT_EQ(rig.Poll(100), 0);
+    rig.Device().ClearFaults();
+    EXPECT_EQ(rig.Next().error, 0);
+}
+
+TEST(Fault, TooFastGivesFramesAboveTheAgreedRate) {
+    TestRig rig("sizes=64x64,fps=100,fault=too-fast/5");
+    ASSERT_EQ(rig.Start(4), 0);
+    const TestRig::Frame first = rig.Next();
+    const TestRig::Frame second = rig.Next();
+    EXPECT_NEAR(static_cast<double>(TimeOf(second.buffer) - TimeOf(first.buffer)), 2000.0, 1.0);
+}
+
+TEST(Fault, DropLosesFramesAndTheSequenceShowsIt) {
+    TestRig rig("sizes=64x64,fps=500,fault=drop/1/2");
+    ASSERT_EQ(rig.Start(4), 0);
+    EXPECT_EQ(rig.Next().buffer.sequence, 0U);
+    const TestRig::Frame frame = rig.Next();
+    EXPECT_EQ(frame.buffer.sequence, 3U);
+    EXPECT_EQ(frame.buffer.index, 1U);
+}
+
+TEST(Fault, DropEveryLosesEveryNthFrame) {
+    TestRig rig("sizes=64x64,fps=500,fault=drop-every/3");
+    ASSERT_EQ(rig.Start(4), 0);
+    EXPECT_EQ(rig.Next().buffer.sequence, 0U);
+    EXPECT_EQ(rig.Next().buffer.sequence, 1U);
+    EXPECT_EQ(rig.Next().buffer.sequence, 3U);
+    EXPECT_EQ(rig.Next().buffer.sequence, 4U);
+}
+
+TEST(Fault, SequenceWrapPassesTheLargestNumber) {
+    TestRig rig("sizes=64x64,fps=500,fault=sequence-wrap/2");
+    ASSERT_EQ(rig.Start(4), 0);
+    EXPECT_EQ(rig.Next().buffer.sequence, 0xfffffffeU);
+    EXPECT_EQ(rig.Next().buffer.sequence, 0xffffffffU);
+    EXPECT_EQ(rig.Next().buffer.sequence, 0U);
+}
+
+TEST(Fault, TimeWrapPassesTheLargestSecond) {
+    TestRig rig("sizes=64x64,fps=500,fault=time-wrap/3");
+    ASSERT_EQ(rig.Start(4), 0);
+    EXPECT_EQ(rig.Next().buffer.timestamp.tv_sec, 0xffffffffL);
+    EXPECT_EQ(rig.Next().buffer.timestamp.tv_sec, 0L);
+}
+
+TEST(Fault, TimeBackGivesAnEarlierTime) {
+    TestRig rig("sizes=64x64,fps=500,fault=time-back/1/1/500");
+    ASSERT_EQ(rig.Start(4), 0);
+    const int64_t first = TimeOf(rig.Next().buffer);
+    EXPECT_NEAR(static_cast<double>(TimeOf(rig.Next().buffer) - first), -498000.0, 1.0);
+    EXPECT_NEAR(static_cast<double>(TimeOf(rig.Next().buffer) - first), 4000.0, 1.0);
+}
+
+TEST(Fault, RepeatGivesASequenceNumberTwice) {
+    TestRig rig("sizes=64x64,fps=500,fault=repeat/2");
+    ASSERT_EQ(rig.Start(4), 0);
+    EXPECT_EQ(rig.Next().buffer.sequence, 0U);
+    EXPECT_EQ(rig.Next().buffer.sequence, 1U);
+    EXPECT_EQ(rig.Next().buffer.sequence, 1U);
+    EXPECT_EQ(rig.Next().buffer.sequence, 3U);
+}
+
+TEST(Fault, SizeChangeSetsAnotherSizeThanWasAgreed) {
+    TestRig rig("fault=size-change/320/240");
+    v4l2_format format = AskFor(640, 480);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 640U);
+    ASSERT_EQ(rig.Call(VIDIOC_S_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 320U);
+    EXPECT_EQ(format.fmt.pix.height, 240U);
+    ASSERT_EQ(rig.Start(2), 0);
+    EXPECT_EQ(rig.Next().buffer.bytesused, 320U * 240 * 3 / 2);
+}
+
+TEST(Fault, StrideChangeMakesRowsLongerThanWasAgreed) {
+    TestRig rig("fault=stride-change/32");
+    v4l2_format format = AskFor(640, 480);
+    ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 640U);
+    ASSERT_EQ(rig.Call(VIDIOC_S_FMT, format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 672U);
+    ASSERT_EQ(rig.Start(2), 0);
+    EXPECT_EQ(rig.Next().buffer.bytesused, 672U * 480 * 3 / 2);
+}
+
+TEST(Fault, FatalFailsUntilTheStreamIsStopped) {
+    TestRig rig("sizes=64x64,fps=500,fault=fatal/1");
+    ASSERT_EQ(rig.Start(2), 0);
+    v4l2_buffer buffer;
+    TestRig::Frame frame = rig.Next();
+    while (frame.error == 0) {
+        frame = rig.NextAndQueue();
+    }
+    EXPECT_EQ(frame.error, EIO);
+    EXPECT_NE(rig.Poll(0), 0);
+    EXPECT_EQ(rig.Dequeue(buffer), EIO);
+    EXPECT_EQ(rig.StreamOn(), 0);
+    EXPECT_EQ(rig.Dequeue(buffer), EIO);
+    ASSERT_EQ(rig.StreamOff(), 0);
+    ASSERT_EQ(rig.Queue(0), 0);
+    ASSERT_EQ(rig.StreamOn(), 0);
+    EXPECT_EQ(rig.Next().error, 0);
+}
+
+TEST(Fault, GrantGivesNoneOneOrEightBuffers) {
+    for (const int count : {0, 1, 8}) {
+        TestRig rig;
+        rig.Device().Inject(faults::Grant(static_cast<uint64_t>(count)));
+        EXPECT_EQ(rig.Request(4), count);
+    }
+}
+
+TEST(Fault, GrantOfOneBufferStillStreams) {
+    TestRig rig("sizes=64x64,fps=500,fault=grant/1");
+    ASSERT_EQ(rig.Start(4), 0);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(rig.NextAndQueue().error, 0);
+    }
+}
+
+TEST(Fault, SlowOpenTellsHowLongOpeningTakes) {
+    TestRig rig;
+    EXPECT_EQ(rig.Device().OpenDelay(), 0U);
+    rig.Device().Inject(faults::SlowOpen(200));
+    EXPECT_EQ(rig.Device().OpenDelay(), 200U);
+}
+
+TEST(Fault, ClearingEndsThemAll) {
+    TestRig rig("fault=grant/1,fault=open-busy/0,fault=errno/DQBUF/EIO/1/0");
+    EXPECT_NE(rig.Board().slow.load(), 0U);
+    rig.Device().ClearFaults();
+    EXPECT_EQ(rig.Board().slow.load(), 0U);
+    EXPECT_EQ(rig.Reopen(), 0);
+    EXPECT_EQ(rig.Request(4), 4);
+}
+
+}  // namespace
+}  // namespace zumod::vcam

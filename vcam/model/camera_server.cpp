@@ -1,0 +1,304 @@
+#include "vcam/model/camera_server.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+
+#include "vcam/preload/addresses.h"
+
+namespace zumod::vcam {
+namespace {
+
+constexpr size_t kBoardsSize = sizeof(CameraBoard) * kMaxCameras;
+constexpr size_t kMaxPayload = sizeof(v4l2_ext_controls) + kMaxExtControls * sizeof(v4l2_ext_control);
+
+std::string NewName() {
+    uint64_t number = 0;
+    if (getrandom(&number, sizeof number, 0) != sizeof number) {
+        number = static_cast<uint64_t>(getpid());
+    }
+    char text[kServerNameSize];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(number));
+    return text;
+}
+
+// Gives a number to each camera that has none; false when two have the same.
+bool AssignNumbers(std::vector<CameraConfig>& configs, std::string& error) {
+    std::vector<int> taken;
+    for (const CameraConfig& config : configs) {
+        if (config.number >= 0) {
+            if (std::find(taken.begin(), taken.end(), config.number) != taken.end()) {
+                error = "two cameras have device=" + std::to_string(config.number);
+                return false;
+            }
+            taken.push_back(config.number);
+        }
+    }
+    int next = 0;
+    for (CameraConfig& config : configs) {
+        if (config.number < 0) {
+            while (std::find(taken.begin(), taken.end(), next) != taken.end()) {
+                ++next;
+            }
+            config.number = next++;
+        }
+    }
+    return true;
+}
+
+bool IsSameUser(int connection) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    return getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+           (peer.uid == geteuid() || peer.uid == 0);
+}
+
+void SendReply(int connection, const Reply& reply, const std::vector<uint8_t>& payload, int descriptor) {
+    iovec parts[2] = {{const_cast<Reply*>(&reply), sizeof reply},
+                      {const_cast<uint8_t*>(payload.data()), payload.size()}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    if (descriptor >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* head = CMSG_FIRSTHDR(&message);
+        head->cmsg_level = SOL_SOCKET;
+        head->cmsg_type = SCM_RIGHTS;
+        head->cmsg_len = CMSG_LEN(sizeof descriptor);
+        std::memcpy(CMSG_DATA(head), &descriptor, sizeof descriptor);
+    }
+    sendmsg(connection, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+std::string StatusText(const CameraStatus& status) {
+    std::ostringstream text;
+    text << "device=/dev/video" << status.number << " present=" << (status.present ? "yes" : "no")
+         << " streaming=" << (status.streaming ? "yes" : "no") << " open=" << status.open_files
+         << " format=" << FourccText(status.fourcc) << " size=" << status.size.width << "x"
+         << status.size.height << " fps=" << status.rate.numerator << "/" << status.rate.denominator
+         << " delivered=" << status.delivered << " dropped=" << status.dropped;
+    return text.str();
+}
+
+}  // namespace
+
+std::unique_ptr<CameraServer> CameraServer::Start(std::vector<CameraConfig> configs, std::string& error,
+                                                  std::string name) {
+    if (configs.size() > kMaxCameras) {
+        error = "at most " + std::to_string(kMaxCameras) + " cameras are possible";
+        return nullptr;
+    }
+    if (name.size() >= kServerNameSize) {
+        error = "a name has at most " + std::to_string(kServerNameSize - 1) + " characters";
+        return nullptr;
+    }
+    if (!AssignNumbers(configs, error)) {
+        return nullptr;
+    }
+    std::unique_ptr<CameraServer> server(new CameraServer(name.empty() ? NewName() : std::move(name)));
+    if (!server->MakeBoards() || !server->Listen()) {
+        error = std::string("cannot serve cameras: ") + std::strerror(errno);
+        return nullptr;
+    }
+    for (CameraConfig& config : configs) {
+        const auto slot = static_cast<unsigned>(server->cameras_.size());
+        server->numbers_.push_back(config.number);
+        server->cameras_.push_back(
+            std::make_unique<Camera>(slot, std::move(config), server->name_, server->boards_[slot]));
+    }
+    server->thread_ = std::thread([raw = server.get()] { raw->Loop(); });
+    return server;
+}
+
+CameraServer::~CameraServer() {
+    if (thread_.joinable()) {
+        const uint64_t one = 1;
+        if (write(stop_.Get(), &one, sizeof one) == sizeof one) {
+            thread_.join();
+        }
+    }
+    cameras_.clear();
+    if (boards_ != nullptr) {
+        munmap(boards_, kBoardsSize);
+    }
+}
+
+bool CameraServer::MakeBoards() {
+    boards_memory_.Reset(memfd_create("zu-vcam-boards", MFD_CLOEXEC));
+    if (!boards_memory_ || ftruncate(boards_memory_.Get(), static_cast<off_t>(kBoardsSize)) != 0) {
+        return false;
+    }
+    void* memory = mmap(nullptr, kBoardsSize, PROT_READ | PROT_WRITE, MAP_SHARED, boards_memory_.Get(), 0);
+    if (memory == MAP_FAILED) {
+        return false;
+    }
+    // Fresh memory is zero, and an atomic word of zero is what a board begins with.
+    boards_ = static_cast<CameraBoard*>(memory);
+    return true;
+}
+
+bool CameraServer::Listen() {
+    stop_.Reset(eventfd(0, EFD_CLOEXEC));
+    listener_.Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    const unsigned length = ServerAddress(name_.c_str(), address);
+    return stop_ && listener_ &&
+           bind(listener_.Get(), reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
+           listen(listener_.Get(), SOMAXCONN) == 0;
+}
+
+void CameraServer::Loop() {
+    std::vector<pollfd> waiting = {{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
+    for (;;) {
+        if (poll(waiting.data(), waiting.size(), -1) < 0) {
+            continue;
+        }
+        if (waiting[0].revents != 0) {
+            break;
+        }
+        for (size_t i = waiting.size(); i-- > 2;) {
+            if (waiting[i].revents != 0) {
+                ServeConnection(waiting[i].fd);
+                close(waiting[i].fd);
+                waiting.erase(waiting.begin() + static_cast<std::ptrdiff_t>(i));
+            }
+        }
+        if (waiting[1].revents != 0) {
+            const int connection = accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC);
+            if (connection >= 0) {
+                waiting.push_back({connection, POLLIN, 0});
+            }
+        }
+    }
+    for (size_t i = 2; i < waiting.size(); ++i) {
+        close(waiting[i].fd);
+    }
+}
+
+bool CameraServer::ServeConnection(int connection) {
+    Request request{};
+    std::vector<uint8_t> payload(kMaxPayload);
+    iovec parts[2] = {{&request, sizeof request}, {payload.data(), payload.size()}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    const ssize_t received = recvmsg(connection, &message, MSG_DONTWAIT);
+    if (received < static_cast<ssize_t>(sizeof request) || request.magic != kWireMagic ||
+        request.version != kWireVersion || !IsSameUser(connection)) {
+        return false;
+    }
+    payload.resize(static_cast<size_t>(received) - sizeof request);
+    UniqueFd descriptor;
+    Reply reply = Answer(request, payload, descriptor);
+    reply.size = static_cast<uint32_t>(payload.size());
+    SendReply(connection, reply, payload, descriptor.Get());
+    return true;
+}
+
+Reply CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor) {
+    Reply reply{};
+    switch (request.operation) {
+        case Operation::kOpen:
+            return Open(request, descriptor);
+        case Operation::kStat: {
+            const int number = static_cast<int>(request.value);
+            reply.error = FindNumber(number) != nullptr ? 0 : WasVirtual(number) ? ENOENT : kNotVirtual;
+            return reply;
+        }
+        case Operation::kList:
+            payload.clear();
+            for (const auto& camera : cameras_) {
+                const auto number = static_cast<uint32_t>(camera->Number());
+                const auto* bytes = reinterpret_cast<const uint8_t*>(&number);
+                if (camera->Number() >= 0) {
+                    payload.insert(payload.end(), bytes, bytes + sizeof number);
+                }
+            }
+            return reply;
+        case Operation::kBoards:
+            descriptor.Reset(fcntl(boards_memory_.Get(), F_DUPFD_CLOEXEC, 0));
+            reply.error = descriptor ? 0 : errno;
+            return reply;
+        case Operation::kControl: {
+            std::string answer;
+            const bool good = Control(std::string(payload.begin(), payload.end()), answer);
+            reply.error = good ? 0 : EINVAL;
+            payload.assign(answer.begin(), answer.end());
+            return reply;
+        }
+        default:
+            if (request.slot >= cameras_.size()) {
+                reply.error = ENODEV;
+                return reply;
+            }
+            return cameras_[request.slot]->Serve(request, payload, descriptor);
+    }
+}
+
+Reply CameraServer::Open(const Request& request, UniqueFd& descriptor) {
+    Reply reply{};
+    const int number = static_cast<int>(request.value);
+    Camera* camera = FindNumber(number);
+    if (camera == nullptr) {
+        reply.error = WasVirtual(number) ? ENOENT : kNotVirtual;
+        return reply;
+    }
+    FileIdentity identity{};
+    reply.delay_ms = camera->OpenDelay();
+    reply.error = camera->Open(request.flags, descriptor, identity);
+    return reply;
+}
+
+Camera* CameraServer::FindNumber(int number) {
+    for (const auto& camera : cameras_) {
+        if (camera->Number() == number) {
+            // A camera may have come back under another number.
+            if (!WasVirtual(number)) {
+                numbers_.push_back(number);
+            }
+            return camera.get();
+        }
+    }
+    return nullptr;
+}
+
+bool CameraServer::WasVirtual(int number) const {
+    return std::find(numbers_.begin(), numbers_.end(), number) != numbers_.end();
+}
+
+bool CameraServer::Control(const std::string& line, std::string& answer) {
+    std::istringstream words(line);
+    size_t index = 0;
+    std::string verb;
+    if (!(words >> index >> verb) || index >= cameras_.size()) {
+        answer =
+            "expected the number of a camera, counted from 0 in the order they were given, and a command";
+        return false;
+    }
+    Camera& camera = *cameras_[index];
+    if (verb == "status") {
+        answer = StatusText(camera.Status());
+        return true;
+    }
+    if (verb == "clear") {
+        camera.ClearFaults();
+        return true;
+    }
+    const std::optional<Fault> fault = ParseFault(verb, answer);
+    if (fault) {
+        camera.Inject(*fault);
+    }
+    return fault.has_value();
+}
+
+}  // namespace zumod::vcam

@@ -1,0 +1,43 @@
+// A picture as three planes, chroma at half the width and height: what pictures are prepared in before they
+// are laid out as a camera gives them. A value; one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "vcam/picture/pixel_format.h"
+
+namespace zumod::vcam {
+
+struct Colour {
+    uint8_t y = 16;
+    uint8_t u = 128;
+    uint8_t v = 128;
+};
+
+struct PlanarImage {
+    PlanarImage(unsigned image_width, unsigned image_height);
+
+    void Fill(unsigned left, unsigned top, unsigned fill_width, unsigned fill_height, Colour colour);
+    // Writes the picture in an uncompressed layout of the same size. Bytes beyond a row's pixels become 0.
+    void WriteTo(const PictureLayout& layout, uint8_t* out) const;
+
+    unsigned width;
+    unsigned height;
+    unsigned chroma_width;
+    unsigned chroma_height;
+    std::vector<uint8_t> y;
+    std::vector<uint8_t> u;
+    std::vector<uint8_t> v;
+};
+
+struct Bgr {
+    uint8_t b;
+    uint8_t g;
+    uint8_t r;
+};
+
+Bgr ToBgr(Colour colour);
+
+}  // namespace zumod::vcam

@@ -1,0 +1,122 @@
+#include "vcam/picture/y4m_source.h"
+
+#include <linux/videodev2.h>
+
+#include <charconv>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "vcam/picture/jpeg_picture.h"
+
+namespace zumod::vcam {
+namespace {
+
+constexpr unsigned kMaxSide = 16384;
+constexpr size_t kMaxBytes = size_t{1} << 30;
+
+bool ReadNumber(const std::string& field, unsigned& number) {
+    const char* end = field.data() + field.size();
+    const auto result = std::from_chars(field.data() + 1, end, number);
+    return result.ec == std::errc() && result.ptr == end;
+}
+
+bool ReadHead(std::istream& in, Y4mFile& file, std::string& error) {
+    std::string line;
+    std::string field;
+    if (!std::getline(in, line) || line.rfind("YUV4MPEG2", 0) != 0) {
+        error = "not a Y4M file";
+        return false;
+    }
+    std::istringstream fields(line);
+    fields >> field;
+    std::string chroma = "420";
+    while (fields >> field) {
+        if ((field[0] == 'W' && !ReadNumber(field, file.width)) ||
+            (field[0] == 'H' && !ReadNumber(field, file.height))) {
+            break;
+        }
+        if (field[0] == 'C') {
+            chroma = field.substr(1);
+        }
+    }
+    if (file.width == 0 || file.height == 0 || file.width > kMaxSide || file.height > kMaxSide ||
+        file.width % 2 != 0 || file.height % 2 != 0) {
+        error = "no size, or one that is not even";
+        return false;
+    }
+    if (chroma.rfind("420", 0) != 0 || chroma.find("p1") != std::string::npos) {
+        error = "only 8-bit 4:2:0 pictures are supported, this is " + chroma;
+        return false;
+    }
+    return true;
+}
+
+bool ReadPlane(std::istream& in, std::vector<uint8_t>& plane) {
+    // Bytes are characters to a stream.
+    return static_cast<bool>(
+        in.read(reinterpret_cast<char*>(plane.data()), static_cast<std::streamsize>(plane.size())));
+}
+
+}  // namespace
+
+bool Y4mFile::ReadSize(const std::string& path, Y4mFile& file, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        error = "cannot be opened";
+        return false;
+    }
+    return ReadHead(in, file, error);
+}
+
+bool Y4mFile::Read(const std::string& path, Y4mFile& file, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        error = "cannot be opened";
+        return false;
+    }
+    if (!ReadHead(in, file, error)) {
+        return false;
+    }
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("FRAME", 0) != 0) {
+            error = "no frame where one should begin";
+            return false;
+        }
+        PlanarImage image(file.width, file.height);
+        if (!ReadPlane(in, image.y) || !ReadPlane(in, image.u) || !ReadPlane(in, image.v)) {
+            error = "ends within a frame";
+            return false;
+        }
+        file.frames.push_back(std::move(image));
+        if (file.frames.size() * file.width * file.height * 3 / 2 > kMaxBytes) {
+            error = "holds more than a gigabyte of pictures";
+            return false;
+        }
+    }
+    if (file.frames.empty()) {
+        error = "holds no frame";
+        return false;
+    }
+    return true;
+}
+
+Y4mSource::Y4mSource(const PictureLayout& layout, const Y4mFile& file) {
+    for (const PlanarImage& image : file.frames) {
+        if (layout.fourcc == V4L2_PIX_FMT_MJPEG) {
+            frames_.push_back(JoinJpeg(CompressJpeg(image)));
+        } else {
+            frames_.emplace_back(layout.sizeimage);
+            image.WriteTo(layout, frames_.back().data());
+        }
+    }
+}
+
+size_t Y4mSource::Paint(uint8_t* out, const Stamp& stamp) const {
+    const std::vector<uint8_t>& frame = frames_[stamp.counter % frames_.size()];
+    std::memcpy(out, frame.data(), frame.size());
+    return frame.size();
+}
+
+}  // namespace zumod::vcam

@@ -1,0 +1,264 @@
+// Listings of /dev: the nodes of virtual cameras come after what is really there.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <glob.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "vcam/preload/preload.h"
+
+namespace zumod::vcam {
+namespace {
+
+// A listing of /dev under way. The program may use one from one thread at a time, as any directory stream.
+struct Listing {
+    std::atomic<DIR*> stream;
+    bool at_end;
+    unsigned next;
+    unsigned count;
+    uint32_t numbers[kMaxCameras];
+    dirent entry;
+};
+
+constexpr unsigned kMaxListings = 32;
+Listing listings[kMaxListings];
+std::atomic<unsigned> open_listings;
+DIR* const kBeingFilled = reinterpret_cast<DIR*>(1);
+
+bool IsDev(const char* path) {
+    const size_t length = path == nullptr ? 0 : std::strspn(path, "/");
+    if (length == 0 || std::strncmp(path + length, "dev", 3) != 0) {
+        return false;
+    }
+    const char* rest = path + length + 3;
+    return rest[std::strspn(rest, "/.")] == 0 && std::strstr(rest, "..") == nullptr;
+}
+
+Listing* FindListing(DIR* stream) {
+    if (open_listings.load(std::memory_order_acquire) == 0) {
+        return nullptr;
+    }
+    for (Listing& listing : listings) {
+        if (listing.stream.load(std::memory_order_acquire) == stream) {
+            return &listing;
+        }
+    }
+    return nullptr;
+}
+
+void BeginListing(DIR* stream) {
+    for (Listing& listing : listings) {
+        DIR* none = nullptr;
+        if (listing.stream.compare_exchange_strong(none, kBeingFilled, std::memory_order_acq_rel)) {
+            listing.at_end = false;
+            listing.next = 0;
+            listing.count = ListNodes(listing.numbers);
+            open_listings.fetch_add(1, std::memory_order_acq_rel);
+            listing.stream.store(stream, std::memory_order_release);
+            return;
+        }
+    }
+}
+
+void NameNode(uint32_t number, char (&name)[256]) {
+    char digits[12];
+    unsigned count = 0;
+    for (; count == 0 || number != 0; number /= 10) {
+        digits[count++] = static_cast<char>('0' + number % 10);
+    }
+    char* next = name;
+    std::memcpy(next, "video", 5);
+    next += 5;
+    while (count != 0) {
+        *next++ = digits[--count];
+    }
+    *next = 0;
+}
+
+bool IsListed(const Listing& listing, const char* name) {
+    for (unsigned i = 0; i < listing.count; ++i) {
+        char ours[256];
+        NameNode(listing.numbers[i], ours);
+        if (std::strcmp(ours, name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// readdir and readdir64 are one function here: the entry is the same.
+template <class Read>
+dirent* ReadEntry(DIR* stream, Read real) {
+    Listing* listing = FindListing(stream);
+    if (listing == nullptr) {
+        return real(stream);
+    }
+    while (!listing->at_end) {
+        dirent* entry = real(stream);
+        if (entry == nullptr) {
+            listing->at_end = true;
+        } else if (!IsListed(*listing, entry->d_name)) {
+            return entry;
+        }
+    }
+    if (listing->next >= listing->count) {
+        return nullptr;
+    }
+    listing->entry = {};
+    listing->entry.d_ino = 0x5a560000 + listing->numbers[listing->next];
+    listing->entry.d_reclen = sizeof listing->entry;
+    listing->entry.d_type = DT_CHR;
+    NameNode(listing->numbers[listing->next], listing->entry.d_name);
+    ++listing->next;
+    return &listing->entry;
+}
+
+void EndListing(DIR* stream) {
+    if (Listing* listing = FindListing(stream)) {
+        listing->stream.store(nullptr, std::memory_order_release);
+        open_listings.fetch_sub(1, std::memory_order_acq_rel);
+    }
+}
+
+static_assert(sizeof(dirent) == sizeof(dirent64), "one listing serves both names");
+
+dirent64* As64(dirent* entry) {
+    return reinterpret_cast<dirent64*>(entry);
+}
+dirent* From64(dirent64* entry) {
+    return reinterpret_cast<dirent*>(entry);
+}
+
+// scandir reads its directory past every interposed name, so a listing of /dev is put together here.
+int Scan(const char* path, dirent*** list, int (*filter)(const dirent*),
+         int (*compare)(const dirent**, const dirent**)) {
+    DIR* stream = opendir(path);
+    if (stream == nullptr) {
+        return -1;
+    }
+    dirent** found = nullptr;
+    size_t count = 0;
+    bool failed = false;
+    while (dirent* entry = readdir(stream)) {
+        if (filter != nullptr && filter(entry) == 0) {
+            continue;
+        }
+        auto** grown = static_cast<dirent**>(std::realloc(found, (count + 1) * sizeof *found));
+        auto* copy = grown == nullptr ? nullptr : static_cast<dirent*>(std::malloc(sizeof(dirent)));
+        if (grown != nullptr) {
+            found = grown;
+        }
+        if (copy == nullptr) {
+            failed = true;
+            break;
+        }
+        std::memcpy(copy, entry, entry->d_reclen < sizeof *copy ? entry->d_reclen : sizeof *copy);
+        found[count++] = copy;
+    }
+    closedir(stream);
+    if (failed) {
+        while (count != 0) {
+            std::free(found[--count]);
+        }
+        std::free(found);
+        errno = ENOMEM;
+        return -1;
+    }
+    if (compare != nullptr && count > 1) {
+        using Compare = int (*)(const void*, const void*);
+        std::qsort(found, count, sizeof *found, reinterpret_cast<Compare>(compare));
+    }
+    *list = found;
+    return static_cast<int>(count);
+}
+
+// Lets glob read directories and look at files through the functions here.
+template <class Glob>
+void UseOurFunctions(Glob& result) {
+    result.gl_opendir = [](const char* path) -> void* { return opendir(path); };
+    result.gl_closedir = [](void* stream) { closedir(static_cast<DIR*>(stream)); };
+}
+
+bool ListsDev(const char* pattern) {
+    return pattern != nullptr && std::strncmp(pattern, "/dev/", 5) == 0 && ServerName() != nullptr;
+}
+
+}  // namespace
+}  // namespace zumod::vcam
+
+using namespace zumod::vcam;
+
+ZU_VCAM_EXPORT DIR* opendir(const char* path) {
+    DIR* stream = ZU_VCAM_REAL(opendir)(path);
+    if (stream != nullptr && IsDev(path) && ServerName() != nullptr) {
+        BeginListing(stream);
+    }
+    return stream;
+}
+
+ZU_VCAM_EXPORT dirent* readdir(DIR* stream) {
+    return ReadEntry(stream, ZU_VCAM_REAL(readdir));
+}
+
+ZU_VCAM_EXPORT dirent64* readdir64(DIR* stream) {
+    const auto real_readdir = ZU_VCAM_REAL(readdir64);
+    return As64(
+        ReadEntry(stream, [real_readdir](DIR* directory) { return From64(real_readdir(directory)); }));
+}
+
+ZU_VCAM_EXPORT void rewinddir(DIR* stream) __THROW {
+    if (Listing* listing = FindListing(stream)) {
+        listing->at_end = false;
+        listing->next = 0;
+        listing->count = ListNodes(listing->numbers);
+    }
+    ZU_VCAM_REAL(rewinddir)(stream);
+}
+
+ZU_VCAM_EXPORT int closedir(DIR* stream) {
+    EndListing(stream);
+    return ZU_VCAM_REAL(closedir)(stream);
+}
+
+ZU_VCAM_EXPORT int scandir(const char* path, dirent*** list, int (*filter)(const dirent*),
+                           int (*compare)(const dirent**, const dirent**)) {
+    return IsDev(path) && ServerName() != nullptr ? Scan(path, list, filter, compare)
+                                                  : ZU_VCAM_REAL(scandir)(path, list, filter, compare);
+}
+
+ZU_VCAM_EXPORT int scandir64(const char* path, dirent64*** list, int (*filter)(const dirent64*),
+                             int (*compare)(const dirent64**, const dirent64**)) {
+    using Filter = int (*)(const dirent*);
+    using Compare = int (*)(const dirent**, const dirent**);
+    return IsDev(path) && ServerName() != nullptr
+               ? Scan(path, reinterpret_cast<dirent***>(list), reinterpret_cast<Filter>(filter),
+                      reinterpret_cast<Compare>(compare))
+               : ZU_VCAM_REAL(scandir64)(path, list, filter, compare);
+}
+
+ZU_VCAM_EXPORT int glob(const char* pattern, int flags, int (*error)(const char*, int),
+                        glob_t* result) __THROW {
+    if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
+        UseOurFunctions(*result);
+        result->gl_readdir = [](void* stream) { return readdir(static_cast<DIR*>(stream)); };
+        result->gl_lstat = &lstat;
+        result->gl_stat = &stat;
+        flags |= GLOB_ALTDIRFUNC;
+    }
+    return ZU_VCAM_REAL(glob)(pattern, flags, error, result);
+}
+
+ZU_VCAM_EXPORT int glob64(const char* pattern, int flags, int (*error)(const char*, int),
+                          glob64_t* result) __THROW {
+    if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
+        UseOurFunctions(*result);
+        result->gl_readdir = [](void* stream) { return readdir64(static_cast<DIR*>(stream)); };
+        result->gl_lstat = &lstat64;
+        result->gl_stat = &stat64;
+        flags |= GLOB_ALTDIRFUNC;
+    }
+    return ZU_VCAM_REAL(glob64)(pattern, flags, error, result);
+}

@@ -1,0 +1,216 @@
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "vcam/preload/addresses.h"
+#include "vcam/preload/preload.h"
+#include "vcam/preload/raw_system.h"
+#include "vcam/preload/rpc_client.h"
+
+namespace zumod::vcam {
+namespace {
+
+constexpr char kDirectory[] = "/dev";
+constexpr char kNode[] = "video";
+constexpr unsigned kMaxDigits = 3;
+
+// "video12" to 12.
+int ReadNode(const char* name) {
+    constexpr size_t prefix = sizeof kNode - 1;
+    if (std::strncmp(name, kNode, prefix) != 0) {
+        return -1;
+    }
+    const char* digit = name + prefix;
+    if (*digit == '0' && digit[1] != 0) {
+        return -1;
+    }
+    int number = 0;
+    unsigned digits = 0;
+    for (; *digit >= '0' && *digit <= '9' && digits < kMaxDigits; ++digit, ++digits) {
+        number = number * 10 + (*digit - '0');
+    }
+    return digits != 0 && *digit == 0 ? number : -1;
+}
+
+bool IsDevDirectory(int directory) {
+    char link[40] = "/proc/self/cwd";
+    if (directory != AT_FDCWD) {
+        // "/proc/self/fd/N" without the C library's formatting, which may allocate.
+        char digits[12];
+        unsigned count = 0;
+        for (auto rest = static_cast<unsigned>(directory); count == 0 || rest != 0; rest /= 10) {
+            digits[count++] = static_cast<char>('0' + rest % 10);
+        }
+        char* next = link + sizeof "/proc/self/" - 1;
+        std::memcpy(next, "fd/", 3);
+        next += 3;
+        while (count != 0) {
+            *next++ = digits[--count];
+        }
+        *next = 0;
+    }
+    char target[sizeof kDirectory];
+    const long length = RawCall(SYS_readlinkat, AT_FDCWD, Word(link), Word(target), sizeof target);
+    return length == static_cast<long>(sizeof kDirectory - 1) &&
+           std::memcmp(target, kDirectory, static_cast<size_t>(length)) == 0;
+}
+
+constexpr unsigned kMarkedDescriptors = 1U << 16;
+std::atomic<uint64_t> marks[kMarkedDescriptors / 64];
+
+constexpr size_t kBoardsSize = sizeof(CameraBoard) * kMaxCameras;
+
+// The boards of each server this process has met. Entries are only ever added.
+struct KnownServer {
+    std::atomic<bool> taken;
+    std::atomic<CameraBoard*> boards;
+    char name[kServerNameSize];
+};
+constexpr unsigned kMaxServers = 1024;
+KnownServer known_servers[kMaxServers];
+std::atomic<unsigned> last_server;
+
+bool IsServer(const KnownServer& known, const FileIdentity& identity) {
+    return std::memcmp(known.name, identity.server, sizeof known.name) == 0;
+}
+
+CameraBoard* MapBoards(const FileIdentity& identity) {
+    Reply reply{};
+    int fd = -1;
+    const Request request = MakeRequest(Operation::kBoards, identity);
+    if (CallServer(identity.server, request, nullptr, 0, reply, &fd) != 0 || fd < 0) {
+        return nullptr;
+    }
+    const long address =
+        RawCall(SYS_mmap, 0, static_cast<long>(kBoardsSize), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    RawClose(fd);
+    return address < 0 && address > -4096 ? nullptr : reinterpret_cast<CameraBoard*>(address);
+}
+
+}  // namespace
+
+const char* ServerName() {
+    return std::getenv(kServerVariable);
+}
+
+int NodeNumber(int directory, const char* path) {
+    if (path == nullptr) {
+        return -1;
+    }
+    constexpr size_t prefix = sizeof kDirectory - 1;
+    if (path[0] == '/') {
+        return std::strncmp(path, kDirectory, prefix) == 0 && path[prefix] == '/'
+                   ? ReadNode(path + prefix + 1)
+                   : -1;
+    }
+    const int number = path[0] == kNode[0] ? ReadNode(path) : -1;
+    return number >= 0 && IsDevDirectory(directory) ? number : -1;
+}
+
+bool Identify(int fd, FileIdentity& identity) {
+    sockaddr_un address;
+    socklen_t length = sizeof address;
+    return RawCall(SYS_getsockname, fd, Word(&address), Word(&length)) == 0 &&
+           ReadDescriptorAddress(address, length, identity);
+}
+
+void MarkDescriptor(int fd, bool is_ours) {
+    if (fd < 0 || static_cast<unsigned>(fd) >= kMarkedDescriptors) {
+        return;
+    }
+    std::atomic<uint64_t>& word = marks[static_cast<unsigned>(fd) / 64];
+    const uint64_t bit = uint64_t{1} << (static_cast<unsigned>(fd) % 64);
+    if (((word.load(std::memory_order_relaxed) & bit) != 0) == is_ours) {
+        return;
+    }
+    if (is_ours) {
+        word.fetch_or(bit, std::memory_order_relaxed);
+    } else {
+        word.fetch_and(~bit, std::memory_order_relaxed);
+    }
+}
+
+bool IsMarked(int fd) {
+    if (fd < 0) {
+        return false;
+    }
+    if (static_cast<unsigned>(fd) >= kMarkedDescriptors) {
+        return true;  // there is no room to know; whoever asks looks closer
+    }
+    return (marks[static_cast<unsigned>(fd) / 64].load(std::memory_order_relaxed) >>
+                (static_cast<unsigned>(fd) % 64) &
+            1) != 0;
+}
+
+CameraBoard* BoardOf(const FileIdentity& identity) {
+    if (identity.slot >= kMaxCameras) {
+        return nullptr;
+    }
+    const unsigned last = last_server.load(std::memory_order_relaxed);
+    for (unsigned i = 0; i < kMaxServers; ++i) {
+        const unsigned index = (last + i) % kMaxServers;
+        KnownServer& known = known_servers[index];
+        CameraBoard* boards = known.boards.load(std::memory_order_acquire);
+        if (boards != nullptr && IsServer(known, identity)) {
+            last_server.store(index, std::memory_order_relaxed);
+            return boards + identity.slot;
+        }
+    }
+    CameraBoard* boards = MapBoards(identity);
+    if (boards == nullptr) {
+        return nullptr;
+    }
+    for (KnownServer& known : known_servers) {
+        if (!known.taken.exchange(true, std::memory_order_relaxed)) {
+            std::memcpy(known.name, identity.server, sizeof known.name);
+            known.boards.store(boards, std::memory_order_release);
+            return boards + identity.slot;
+        }
+    }
+    RawCall(SYS_munmap, Word(boards), static_cast<long>(kBoardsSize));
+    return nullptr;
+}
+
+int StatNode(int number) {
+    const char* server = ServerName();
+    if (server == nullptr) {
+        return kNotVirtual;
+    }
+    const FileIdentity nobody{};
+    Request request = MakeRequest(Operation::kStat, nobody);
+    request.value = static_cast<uint64_t>(number);
+    Reply reply{};
+    return CallServer(server, request, nullptr, 0, reply, nullptr) != 0 ? kNotVirtual : reply.error;
+}
+
+unsigned ListNodes(uint32_t (&numbers)[kMaxCameras]) {
+    const char* server = ServerName();
+    if (server == nullptr) {
+        return 0;
+    }
+    const FileIdentity nobody{};
+    Request request = MakeRequest(Operation::kList, nobody);
+    // The answer comes into the same memory.
+    std::memset(numbers, 0, sizeof numbers);
+    request.size = sizeof numbers;
+    const iovec part{numbers, sizeof numbers};
+    Reply reply{};
+    if (CallServer(server, request, &part, 1, reply, nullptr) != 0) {
+        return 0;
+    }
+    return reply.size / sizeof numbers[0];
+}
+
+void* FindReal(const char* name) {
+    const int kept = errno;
+    void* function = dlsym(RTLD_NEXT, name);
+    errno = kept;
+    return function;
+}
+
+}  // namespace zumod::vcam

@@ -1,0 +1,160 @@
+// Judges pictures that another program took from a virtual camera: that there are as many as there should be,
+// that they came in order and at the agreed rate, and that each is the model's picture byte for byte.
+#include <linux/videodev2.h>
+
+#include <cstdio>
+
+#include <jpeglib.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vcam/picture/jpeg_pattern.h"
+#include "vcam/picture/pattern.h"
+#include "vcam/picture/pattern_reader.h"
+
+namespace zumod::vcam {
+namespace {
+
+constexpr char kUsage[] =
+    "Usage: check_frames FORMAT WIDTH HEIGHT FPS COUNT LABEL < PICTURES\n"
+    "FORMAT is a camera's format, or GREY for luma planes alone, of which only the stamps are judged.\n";
+
+struct Expected {
+    std::string format;
+    unsigned width;
+    unsigned height;
+    uint64_t fps;
+    size_t count;
+    std::string label;
+};
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes DecodeLuma(const Bytes& jpeg, unsigned width, unsigned height) {
+    jpeg_decompress_struct decompressor{};
+    jpeg_error_mgr errors{};
+    decompressor.err = jpeg_std_error(&errors);
+    jpeg_create_decompress(&decompressor);
+    jpeg_mem_src(&decompressor, jpeg.data(), jpeg.size());
+    jpeg_read_header(&decompressor, TRUE);
+    decompressor.out_color_space = JCS_GRAYSCALE;
+    jpeg_start_decompress(&decompressor);
+    Bytes luma(size_t{width} * height);
+    if (decompressor.output_width == width && decompressor.output_height == height) {
+        while (decompressor.output_scanline < height) {
+            unsigned char* line = &luma[size_t{decompressor.output_scanline} * width];
+            jpeg_read_scanlines(&decompressor, &line, 1);
+        }
+    }
+    jpeg_destroy_decompress(&decompressor);
+    return luma;
+}
+
+// The pictures one after the other: of one size, or each up to its end mark.
+std::vector<Bytes> Split(const Bytes& all, size_t size, bool is_jpeg) {
+    std::vector<Bytes> pictures;
+    size_t begin = 0;
+    while (begin < all.size()) {
+        size_t end = begin + size;
+        if (is_jpeg) {
+            end = begin + 2;
+            while (end < all.size() && !(all[end - 2] == 0xff && all[end - 1] == 0xd9)) {
+                ++end;
+            }
+        }
+        end = end < all.size() ? end : all.size();
+        pictures.emplace_back(all.begin() + static_cast<std::ptrdiff_t>(begin),
+                              all.begin() + static_cast<std::ptrdiff_t>(end));
+        begin = end;
+    }
+    return pictures;
+}
+
+bool Judge(const Expected& expected, const Bytes& all) {
+    const bool grey = expected.format == "GREY";
+    const uint32_t fourcc = grey ? 0 : ParseFourcc(expected.format).value_or(0);
+    const bool is_jpeg = fourcc == V4L2_PIX_FMT_MJPEG;
+    const PictureLayout layout = LayOut(fourcc, expected.width, expected.height);
+    std::unique_ptr<FrameSource> source;
+    if (is_jpeg) {
+        source = std::make_unique<JpegPattern>(layout, expected.label);
+    } else if (!grey) {
+        source = std::make_unique<Pattern>(layout, expected.label);
+    }
+    const size_t size = grey ? size_t{expected.width} * expected.height : layout.sizeimage;
+    const std::vector<Bytes> pictures = Split(all, size, is_jpeg);
+    if (pictures.size() != expected.count) {
+        std::fprintf(stderr, "%zu pictures, not %zu\n", pictures.size(), expected.count);
+        return false;
+    }
+    std::optional<Stamp> last;
+    uint64_t lost = 0;
+    for (const Bytes& picture : pictures) {
+        const size_t number = static_cast<size_t>(&picture - pictures.data());
+        std::optional<Stamp> stamp;
+        if (is_jpeg || grey) {
+            const Bytes luma = is_jpeg ? DecodeLuma(picture, expected.width, expected.height) : picture;
+            stamp = ReadStamp(luma.data(), expected.width, expected.width, expected.height);
+        } else if (picture.size() == size) {
+            stamp = ReadStamp(picture.data(), layout);
+        }
+        if (!stamp) {
+            std::fprintf(stderr, "picture %zu has no stamp\n", number);
+            return false;
+        }
+        if (source) {
+            Bytes model(layout.sizeimage);
+            model.resize(source->Paint(model.data(), *stamp));
+            if (model != picture) {
+                std::fprintf(stderr, "picture %zu is not the model's\n", number);
+                return false;
+            }
+        }
+        if (last) {
+            const int64_t frames = int64_t{stamp->counter} - last->counter;
+            const auto passed = static_cast<int64_t>(stamp->time_us - last->time_us);
+            if (frames < 1 || std::abs(passed - frames * 1000000 / static_cast<int64_t>(expected.fps)) > 2) {
+                std::fprintf(stderr, "picture %zu came %lld frames and %lld us after the one before\n",
+                             number, static_cast<long long>(frames), static_cast<long long>(passed));
+                return false;
+            }
+            lost += static_cast<uint64_t>(frames - 1);
+        }
+        last = stamp;
+    }
+    std::printf("%zu pictures at %llu a second, %llu lost\n", pictures.size(),
+                static_cast<unsigned long long>(expected.fps), static_cast<unsigned long long>(lost));
+    // A program that is kept from running loses frames of any camera; one that keeps up loses few.
+    if (lost > expected.count) {
+        std::fprintf(stderr, "more pictures are lost than came\n");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+}  // namespace zumod::vcam
+
+int main(int argc, char** argv) {
+    using namespace zumod::vcam;
+    if (argc != 7) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    const Expected expected{argv[1],
+                            static_cast<unsigned>(std::atoi(argv[2])),
+                            static_cast<unsigned>(std::atoi(argv[3])),
+                            static_cast<uint64_t>(std::atoi(argv[4])),
+                            static_cast<size_t>(std::atoi(argv[5])),
+                            argv[6]};
+    std::ifstream in("/dev/stdin", std::ios::binary);
+    const Bytes all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return Judge(expected, all) ? 0 : 1;
+}
