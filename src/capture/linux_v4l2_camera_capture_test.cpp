@@ -332,11 +332,11 @@ TEST_F(CaptureTest, AFormatThatIsSetAlreadyIsNotSetAgain) {
     ASSERT_TRUE(capture.startCapture());
     ASSERT_TRUE(WaitForSelect());
     EXPECT_EQ(devices.Calls(), StartCallsWith(kSetFmt, {}) + kWait);
-    EXPECT_EQ(host.OwnerLines().at(7),
+    EXPECT_EQ(LineWith(host.OwnerLines(), "current size"),
               (LogLine{2,
                        "[LinuxV4L2CameraCapture] current size 640x480 fmt 842094158, requresize 640x480 fmt "
                        "842094158 devid 0, need set device 0"}));
-    EXPECT_EQ(host.OwnerLines().at(8),
+    EXPECT_EQ(LineAfter(host.OwnerLines(), "current size"),
               (LogLine{8, "[LinuxV4L2CameraCapture] startCapture, devid 0, set fps"}));
 }
 

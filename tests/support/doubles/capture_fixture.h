@@ -25,7 +25,6 @@
 
 namespace zumod::testing {
 
-using LogLines = std::vector<LogLine>;
 using Calls = std::vector<std::string>;
 
 template <class Part>

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -27,6 +28,26 @@ struct LogLine {
 
 inline void PrintTo(const LogLine& line, std::ostream* out) {
     *out << "{" << line.level << ", \"" << line.text << "\"}";
+}
+
+using LogLines = std::vector<LogLine>;
+
+// The line `offset` places behind the only one that contains `text`. A failure of the test, and an empty
+// line, if none or several contain it, or if nothing is there.
+inline LogLine LineWith(const LogLines& lines, const std::string& text, size_t offset = 0) {
+    const auto contains = [&](const LogLine& line) { return line.text.find(text) != std::string::npos; };
+    const auto found = std::find_if(lines.begin(), lines.end(), contains);
+    const size_t place = static_cast<size_t>(found - lines.begin()) + offset;
+    if (std::count_if(lines.begin(), lines.end(), contains) != 1 || place >= lines.size()) {
+        ADD_FAILURE() << "not one line with \"" << text << "\" in " << ::testing::PrintToString(lines);
+        return {};
+    }
+    return lines[place];
+}
+
+// The line directly behind it.
+inline LogLine LineAfter(const LogLines& lines, const std::string& text) {
+    return LineWith(lines, text, 1);
 }
 
 class RecordingHost : public IZUModRuntime {
