@@ -105,8 +105,8 @@ int Camera::ServeFile(const Request& request, std::vector<uint8_t>& payload, Rep
             return FailIoctl(request.command);
         case Operation::kMap:
             return Map(*file, request, reply, descriptor);
-        case Operation::kRemind:
-            Remind(*file, request.flags);
+        case Operation::kRearm:
+            Rearm(*file, request.flags);
             return 0;
         default:
             return EINVAL;
@@ -164,7 +164,7 @@ int Camera::Ioctl(OpenFile& file, const Request& request, std::vector<uint8_t>& 
     if (entry->needs_priority && file.priority < GreatestPriority()) {
         return EBUSY;
     }
-    if (request.command == VIDIOC_DQEVENT && (request.flags & kRemindEvent) != 0) {
+    if (request.command == VIDIOC_DQEVENT && (request.flags & kRearmEvent) != 0) {
         file.event_marked = false;
     }
     // The arrays of extended controls follow their head; the pointer between them is the program's.
@@ -210,11 +210,11 @@ int Camera::Map(const OpenFile& file, const Request& request, Reply& reply, Uniq
     return 0;
 }
 
-void Camera::Remind(OpenFile& file, uint32_t what) {
-    if ((what & kRemindStopped) != 0 && (!IsStreaming() || !IsOwner(file))) {
+void Camera::Rearm(OpenFile& file, uint32_t what) {
+    if ((what & kRearmStopped) != 0 && (!IsStreaming() || !IsOwner(file))) {
         SendMark(file);
     }
-    if ((what & kRemindEvent) != 0) {
+    if ((what & kRearmEvent) != 0) {
         file.event_marked = false;
         MarkEvent(file);
     }

@@ -107,7 +107,7 @@ private:
                   Lock& lock);
     int Ioctl(OpenFile& file, const Request& request, std::vector<uint8_t>& payload);
     int Map(const OpenFile& file, const Request& request, Reply& reply, UniqueFd& descriptor);
-    void Remind(OpenFile& file, uint32_t what);
+    void Rearm(OpenFile& file, uint32_t what);
     OpenFile* FindFile(uint32_t id, uint32_t plug);
     void ReapLocked(Lock& lock);
     void ReleaseLingering(Lock& lock);

@@ -1,6 +1,6 @@
-// What a camera and the programs that use it share in memory: the state of the stream and of each buffer, so
-// that a buffer is queued and dequeued without a round trip. Any thread of any process; every word is atomic
-// by itself.
+// The memory that a camera shares with the programs that use it: the state of its stream and of each buffer,
+// so that QBUF and DQBUF need no round trip. wire.h explains the protocol. Thread rule: any thread of any
+// process; each word is atomic by itself.
 #pragma once
 
 #include <atomic>
@@ -14,33 +14,33 @@ namespace zumod::vcam {
 enum class BufferState : uint8_t { kDequeued, kQueued, kDone };
 
 struct CameraBoard {
-    // Set in `slow`: these calls ask the camera first, because a fault counts them.
+    // Bits of `slow`: these calls ask the camera first, because a fault counts them.
     static constexpr uint32_t kSlowDequeue = 1;
     static constexpr uint32_t kSlowQueue = 2;
-    // Set in `stream`; the bits above count the streams.
+    // Bits of `stream`; the bits above them count the streams.
     static constexpr uint32_t kStreaming = 1;
     static constexpr uint32_t kFailed = 2;
     static constexpr uint32_t kStreamStep = 4;
 
-    // Written by the camera alone, read by programs; what orders them is the camera's reply to the request
-    // that changed them.
-    std::atomic<uint32_t> plug;
-    std::atomic<uint32_t> owner;
+    // Written only by the camera. The reply to the request that changed them orders them for the program.
+    std::atomic<uint32_t> plug;   // 1, plus the number of times the camera was unplugged
+    std::atomic<uint32_t> owner;  // the file that has the buffers, or 0
     std::atomic<uint32_t> stream;
     std::atomic<uint32_t> slow;
-    std::atomic<uint32_t> count;
-    std::atomic<uint32_t> length;
+    std::atomic<uint32_t> count;   // of buffers
+    std::atomic<uint32_t> length;  // of each buffer
     std::atomic<uint32_t> buffer_stride;
-    std::atomic<uint32_t> mapped;          // a bit for each buffer
-    std::atomic<uint32_t> pending_events;  // of the owner
+    std::atomic<uint32_t> mapped;          // one bit per buffer
+    std::atomic<uint32_t> pending_events;  // of the owning file
 
-    // Written by both sides: a buffer's state below, the order in which it was queued above.
+    // Written by both sides. The low byte is the buffer's state, the rest the ticket it got when it was
+    // queued.
     std::atomic<uint64_t> next_ticket;
     std::atomic<uint64_t> buffers[kMaxBuffers];
 
     static BufferState StateOf(uint64_t word) { return static_cast<BufferState>(word & 0xff); }
 
-    // Moves a buffer from one state to another; false when it is not in the first.
+    // Moves a buffer from one state to another. Returns false if it is not in the first.
     bool Move(uint32_t index, BufferState from, BufferState to) {
         uint64_t word = buffers[index].load(std::memory_order_acquire);
         while (StateOf(word) == from) {

@@ -1,4 +1,5 @@
-// What a virtual camera is like: what it is called, what it offers and which habits its driver has. A value.
+// The configuration of a virtual camera: its name, its formats, and how its driver behaves.
+// Thread rule: a value.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +18,7 @@ struct Size {
     bool operator==(const Size&) const = default;
 };
 
-// Frames a second, as a fraction.
+// Frames per second, as a fraction.
 struct Rate {
     uint32_t numerator = 30;
     uint32_t denominator = 1;
@@ -25,35 +26,36 @@ struct Rate {
     bool operator==(const Rate&) const = default;
 };
 
-// What the driver makes of a size it does not list.
-enum class SizeHabit {
-    kExact,    // takes any even size as it is asked for
-    kWidth,    // looks for the nearest width it lists and gives the height that goes with it
-    kNearest,  // gives the size it lists that is nearest in both
+// What the driver does with a size that it does not list.
+enum class SizePolicy {
+    kExact,    // accepts any even size unchanged
+    kWidth,    // chooses the listed size with the nearest width
+    kNearest,  // chooses the listed size that is nearest in width and height
 };
 
-enum class RateHabit {
-    kSettable,  // G_PARM says that the rate can be set
-    kFixed,     // G_PARM works, and says that it cannot
-    kNone,      // there is neither G_PARM nor S_PARM
+// Whether programs can read and set the frame rate.
+enum class RateSupport {
+    kSettable,
+    kFixed,  // G_PARM works and reports that the rate cannot be set
+    kNone,   // neither G_PARM nor S_PARM exists
 };
 
 struct CameraConfig {
-    int number = -1;  // of /dev/videoN; -1 takes the next free one
+    int number = -1;  // of /dev/videoN; -1: the next free one
     std::string card = "Virtual Camera";
-    std::string bus;  // empty: made from the number
+    std::string bus;  // empty: derived from the number
     std::vector<uint32_t> formats;
     std::vector<Size> sizes;
-    std::vector<Rate> rates;  // the first is the one a stream starts with
-    SizeHabit size_habit = SizeHabit::kNearest;
-    RateHabit rate_habit = RateHabit::kSettable;
+    std::vector<Rate> rates;  // the first is the default
+    SizePolicy size_policy = SizePolicy::kNearest;
+    RateSupport rate_support = RateSupport::kSettable;
     uint32_t padding = 0;           // bytes added to each row
-    bool keeps_stride = false;      // a larger bytesperline in a request is kept
-    std::optional<uint32_t> grant;  // buffers granted, whatever was asked
-    std::string y4m;                // pictures from this file instead of the test picture
-    std::vector<Fault> faults;      // from the start
+    bool keeps_stride = false;      // accepts a larger bytesperline
+    std::optional<uint32_t> grant;  // REQBUFS grants this number, independent of the request
+    std::string y4m;                // shows this file instead of the test pattern
+    std::vector<Fault> faults;      // active from the start
 
-    // Fills what was left empty: NV12 and YUYV, 640x480, 30 a second.
+    // Fills in the defaults: NV12 and YUYV, 640x480, 30 frames per second.
     void Complete();
 };
 

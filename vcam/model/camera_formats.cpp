@@ -70,14 +70,14 @@ int Camera::EnumFormat(OpenFile& /*file*/, void* argument) {
 }
 
 Size Camera::AdjustSize(Size asked) const {
-    if (config_.size_habit == SizeHabit::kExact) {
+    if (config_.size_policy == SizePolicy::kExact) {
         const auto even = [](uint32_t side) { return std::clamp(side, kLeastSide, kGreatestSide) & ~1U; };
         return {even(asked.width), even(asked.height)};
     }
     const auto distance = [&](Size size) {
         const uint64_t in_width = Distance(size.width, asked.width);
-        return config_.size_habit == SizeHabit::kWidth ? in_width
-                                                       : in_width + Distance(size.height, asked.height);
+        return config_.size_policy == SizePolicy::kWidth ? in_width
+                                                         : in_width + Distance(size.height, asked.height);
     };
     return *std::min_element(config_.sizes.begin(), config_.sizes.end(),
                              [&](Size a, Size b) { return distance(a) < distance(b); });
@@ -176,7 +176,7 @@ int Camera::EnumSizes(OpenFile& /*file*/, void* argument) {
     const uint32_t fourcc = sizes.pixel_format;
     const bool known =
         std::find(config_.formats.begin(), config_.formats.end(), fourcc) != config_.formats.end();
-    const bool any = config_.size_habit == SizeHabit::kExact;
+    const bool any = config_.size_policy == SizePolicy::kExact;
     if (!known || index >= (any ? 1 : config_.sizes.size())) {
         return EINVAL;
     }
@@ -196,7 +196,7 @@ int Camera::EnumSizes(OpenFile& /*file*/, void* argument) {
 int Camera::EnumIntervals(OpenFile& /*file*/, void* argument) {
     auto& intervals = As<v4l2_frmivalenum>(argument);
     const v4l2_frmivalenum asked = intervals;
-    if (config_.rate_habit != RateHabit::kSettable) {
+    if (config_.rate_support != RateSupport::kSettable) {
         return ENOTTY;
     }
     const Size size{asked.width, asked.height};
@@ -217,7 +217,7 @@ int Camera::EnumIntervals(OpenFile& /*file*/, void* argument) {
 
 int Camera::GetParm(OpenFile& /*file*/, void* argument) {
     auto& parm = As<v4l2_streamparm>(argument);
-    if (config_.rate_habit == RateHabit::kNone) {
+    if (config_.rate_support == RateSupport::kNone) {
         return ENOTTY;
     }
     if (parm.type != V4L2_BUF_TYPE_VIDEO_CAPTURE) {
@@ -225,14 +225,14 @@ int Camera::GetParm(OpenFile& /*file*/, void* argument) {
     }
     parm = {};
     parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    parm.parm.capture.capability = config_.rate_habit == RateHabit::kSettable ? V4L2_CAP_TIMEPERFRAME : 0;
+    parm.parm.capture.capability = config_.rate_support == RateSupport::kSettable ? V4L2_CAP_TIMEPERFRAME : 0;
     parm.parm.capture.timeperframe = Interval(rate_);
     return 0;
 }
 
 int Camera::SetParm(OpenFile& file, void* argument) {
     auto& parm = As<v4l2_streamparm>(argument);
-    if (config_.rate_habit == RateHabit::kNone) {
+    if (config_.rate_support == RateSupport::kNone) {
         return ENOTTY;
     }
     if (parm.type != V4L2_BUF_TYPE_VIDEO_CAPTURE) {
@@ -241,7 +241,7 @@ int Camera::SetParm(OpenFile& file, void* argument) {
     if (IsStreaming()) {
         return EBUSY;
     }
-    if (config_.rate_habit == RateHabit::kSettable) {
+    if (config_.rate_support == RateSupport::kSettable) {
         const v4l2_fract asked = parm.parm.capture.timeperframe;
         Rate chosen = config_.rates[0];
         if (asked.numerator != 0 && asked.denominator != 0) {

@@ -122,19 +122,19 @@ bool ReadRates(std::string_view value, CameraConfig& config, std::string& error)
     });
 }
 
-bool ReadSizeHabit(std::string_view value, CameraConfig& config, std::string& error) {
+bool ReadSizePolicy(std::string_view value, CameraConfig& config, std::string& error) {
     error = "adjust must be exact, width or nearest, not " + Quote(value);
-    config.size_habit = value == "exact"   ? SizeHabit::kExact
-                        : value == "width" ? SizeHabit::kWidth
-                                           : SizeHabit::kNearest;
+    config.size_policy = value == "exact"   ? SizePolicy::kExact
+                         : value == "width" ? SizePolicy::kWidth
+                                            : SizePolicy::kNearest;
     return value == "exact" || value == "width" || value == "nearest";
 }
 
-bool ReadRateHabit(std::string_view value, CameraConfig& config, std::string& error) {
+bool ReadRateSupport(std::string_view value, CameraConfig& config, std::string& error) {
     error = "parm must be settable, fixed or none, not " + Quote(value);
-    config.rate_habit = value == "settable" ? RateHabit::kSettable
-                        : value == "fixed"  ? RateHabit::kFixed
-                                            : RateHabit::kNone;
+    config.rate_support = value == "settable" ? RateSupport::kSettable
+                          : value == "fixed"  ? RateSupport::kFixed
+                                              : RateSupport::kNone;
     return value == "settable" || value == "fixed" || value == "none";
 }
 
@@ -183,9 +183,9 @@ constexpr Key kKeys[] = {
     {"sizes", "WxH:WxH...", "even sizes, the first is the one it starts with (640x480)", ReadSizes},
     {"fps", "N:N/D...", "rates up to 1000, the first is the one it starts with (30)", ReadRates},
     {"adjust", "HABIT", "other sizes are taken (exact), judged by width alone (width), or by both (nearest)",
-     ReadSizeHabit},
+     ReadSizePolicy},
     {"parm", "HABIT", "the rate can be set (settable), only be read (fixed), or neither (none)",
-     ReadRateHabit},
+     ReadRateSupport},
     {"padding", "BYTES", "added to each row of a picture (0)", ReadPadding},
     {"stride", "HABIT", "a longer row that a program asks for is ignored (driver) or kept (asked)",
      ReadStride},
@@ -225,7 +225,7 @@ void CameraConfig::Complete() {
         std::string error;
         if (Y4mFile::ReadSize(y4m, file, error)) {
             sizes = {{file.width, file.height}};
-            size_habit = SizeHabit::kNearest;
+            size_policy = SizePolicy::kNearest;
         }
     }
     if (sizes.empty()) {

@@ -41,8 +41,8 @@ TEST(CameraOption, ReadsEveryKey) {
     EXPECT_EQ(config.formats, (std::vector<uint32_t>{V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_BGR32}));
     EXPECT_EQ(config.sizes, (std::vector<Size>{{642, 480}, {1280, 720}}));
     EXPECT_EQ(config.rates, (std::vector<Rate>{{30000, 1001}, {15, 1}}));
-    EXPECT_EQ(config.size_habit, SizeHabit::kWidth);
-    EXPECT_EQ(config.rate_habit, RateHabit::kFixed);
+    EXPECT_EQ(config.size_policy, SizePolicy::kWidth);
+    EXPECT_EQ(config.rate_support, RateSupport::kFixed);
     EXPECT_EQ(config.padding, 64U);
     EXPECT_TRUE(config.keeps_stride);
     EXPECT_EQ(config.grant, 8U);

@@ -1,6 +1,43 @@
-// What travels between a program and its virtual cameras: the name a descriptor carries, a request with its
-// reply, and the record that makes a descriptor readable. Plain data; shared by the preload library, which
-// has no C++ runtime, and the camera side.
+// The messages between a program (the preload library inside it) and its virtual cameras.
+// Thread rule: plain data; any thread of any process.
+//
+// The protocol. A program must be able to poll() a camera's descriptor, pass it to another process, and queue
+// and dequeue buffers at 1000 frames per second. So there are three channels:
+//
+// 1. Requests. Every ioctl but QBUF and DQBUF is a round trip: the program connects to the server's socket,
+// sends one
+//    Request and receives one Reply. Each call has its own connection, so a fork or a signal cannot mix up
+//    two calls.
+//
+// 2. The board (camera_board.h): shared memory with the state of the stream and one word per buffer. QBUF and
+// DQBUF
+//    only change that word, with a compare-and-swap. The program moves a buffer from dequeued to queued, the
+//    camera from queued to done, the program from done to dequeued. Only one side can make each move, so
+//    neither needs a lock. All other words are written by the camera only. The exception to "no round trip"
+//    is the board's `slow` word: while a fault counts the calls of QBUF or DQBUF, the program asks the camera
+//    first (kCheck).
+//
+// 3. The descriptor: the program's half of a stream socket pair. Its address holds the FileIdentity, so the
+// descriptor
+//    stays recognisable through dup, fork, exec and SCM_RIGHTS. The kernel provides what poll() must show:
+//    - Readable: the camera sends one Record per frame. DQBUF receives it and then takes the buffer that it
+//    names. A
+//      record whose `stream` is not the board's is left over from an earlier stream and is discarded.
+//    - Readable without a frame: a record of kind kMark. A driver does not let poll() wait on a stream that
+//    is not
+//      running, and a DQBUF that blocks must return when the stream stops. The mark does both.
+//    - POLLPRI: one urgent byte while events are pending. A second byte would turn the first into ordinary
+//    data, so
+//      there is never more than one.
+//    - Never writable: the socket's other direction is filled at open, with bytes that are never read.
+//    - Error and hang-up: the camera closes its half when it is unplugged. The board's `plug` counts unplugs;
+//    a
+//      program whose FileIdentity has another value gets ENODEV, also after the camera came back.
+//
+// Rearm. Receiving a record can remove a wake-up that must stay: DQBUF on a stopped stream has consumed its
+// mark, and a receive beyond the urgent byte removes that byte. The program then sends kRearm, and the camera
+// puts the mark or the byte back if its cause still exists. Rearm is idempotent: the worst case of two at
+// once is a superfluous wake-up.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -23,32 +60,32 @@ inline constexpr char kAddressPrefix[] = "zu-vcam";
 // Names the server for every program below it.
 inline constexpr char kServerVariable[] = "ZU_VCAM";
 
-// Who an open device file is. Bound to the descriptor itself, so it survives dup, fork, exec and being passed
-// on.
+// Identity of an open device file. It is the address of the program's socket.
 struct FileIdentity {
     char server[kServerNameSize];
     uint32_t slot;    // the camera, in the order the cameras were given
     uint32_t file;    // the open file, never 0
-    uint32_t plug;    // which of the camera's plug-ins it belongs to
-    uint32_t flags;   // as given to open
+    uint32_t plug;    // the board's `plug` when the file was opened
+    uint32_t flags;   // of open(2)
     uint32_t number;  // of /dev/videoN
 };
 static_assert(sizeof(FileIdentity) == 52);
 
 enum class Operation : uint32_t {
-    kOpen,     // value: number; argument: flags -> value: slot, descriptor
-    kStat,     // value: number
-    kList,     // -> payload: the numbers present, uint32_t each
-    kBoards,   // -> descriptor: the boards' memory
-    kIoctl,    // command, payload in and out
-    kCheck,    // command -> error: what a fault makes of a call that is otherwise served in the program
-    kMap,      // value: offset, argument: length, flags: 1 = writing -> descriptor: the buffers' memory
-    kRemind,   // flags: kRemindStopped, kRemindEvent
-    kControl,  // payload: text -> payload: text
+    kOpen,    // value: number, flags: of open(2) -> descriptor, delay_ms
+    kStat,    // value: number -> error: 0, ENOENT or kNotVirtual
+    kList,    // -> payload: the numbers of the cameras that are plugged in, uint32_t each
+    kBoards,  // -> descriptor: the memory of all boards
+    kIoctl,   // command, payload -> payload
+    kCheck,   // command -> error: of a fault that applies to this call
+    kMap,     // value: offset, argument: length, flags: 1 to write -> value: offset, descriptor: the buffers'
+              // memory
+    kRearm,   // flags: kRearmStopped, kRearmEvent
+    kControl,  // payload: a line of text -> payload: the answer
 };
 
-inline constexpr uint32_t kRemindStopped = 1;  // the mark of a stopped stream was taken from the descriptor
-inline constexpr uint32_t kRemindEvent = 2;    // the mark of a pending event was taken from the descriptor
+inline constexpr uint32_t kRearmStopped = 1;  // the mark of a stopped stream was consumed
+inline constexpr uint32_t kRearmEvent = 2;    // the urgent byte of a pending event was consumed
 
 struct Request {
     uint32_t magic;
@@ -68,26 +105,26 @@ struct Reply {
     int32_t error;  // errno, 0 for success
     uint32_t size;  // of the payload that follows
     uint64_t value;
-    uint32_t delay_ms;  // the program waits so long before it goes on
+    uint32_t delay_ms;  // the program waits this long before its call returns
     uint32_t reserved;
 };
 
-// Error of kOpen and kStat for a number that never was a virtual camera's.
+// Error of kOpen and kStat: the number was never a virtual camera's.
 inline constexpr int kNotVirtual = -1;
 
 enum class RecordKind : uint32_t {
     kFrame,
-    kEmpty,  // readable, and nothing to dequeue
-    kMark,   // the stream stopped or failed: whoever waits looks again
+    kEmpty,  // a fault: readable, with nothing to dequeue
+    kMark,   // the stream is not running or has failed
 };
 
-// Records have one size, so that a stream socket keeps them whole; a stream socket is needed because only its
-// urgent byte raises POLLPRI.
+// All records have the same size, so that each can be received whole from a stream socket. A stream socket is
+// needed because only its urgent byte raises POLLPRI.
 struct Record {
     uint32_t magic;
     RecordKind kind;
-    uint32_t stream;  // the stream it belongs to; an older one is stale
-    uint32_t index;   // the buffer, whatever index the program is shown
+    uint32_t stream;  // the board's `stream` when it was sent
+    uint32_t index;   // the buffer; buffer.index differs from it under a fault
     v4l2_buffer buffer;
 };
 

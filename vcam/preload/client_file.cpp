@@ -21,8 +21,8 @@ int Check(const FileIdentity& identity, const Channel& channel, unsigned long co
     return Ask(channel, request);
 }
 
-void Remind(const FileIdentity& identity, const Channel& channel, uint32_t what) {
-    Request request = MakeRequest(Operation::kRemind, identity);
+void Rearm(const FileIdentity& identity, const Channel& channel, uint32_t what) {
+    Request request = MakeRequest(Operation::kRearm, identity);
     request.flags = what;
     Ask(channel, request);
 }
@@ -68,7 +68,7 @@ int Dequeue(int fd, const FileIdentity& identity, CameraBoard& board, const Chan
         }
         if (error != 0) {
             if (took_mark && error != ENODEV) {
-                Remind(identity, channel, kRemindStopped);
+                Rearm(identity, channel, kRearmStopped);
             }
             return error;
         }
@@ -82,7 +82,7 @@ int Dequeue(int fd, const FileIdentity& identity, CameraBoard& board, const Chan
         }
         if (board.pending_events.load(std::memory_order_relaxed) != 0) {
             // Reading past the urgent byte of a pending event takes it away.
-            Remind(identity, channel, kRemindEvent);
+            Rearm(identity, channel, kRearmEvent);
         }
         if (record.kind == RecordKind::kMark) {
             took_mark = true;
@@ -183,7 +183,7 @@ void TakeEventMark(int fd) {
 int DequeueEvent(int fd, const FileIdentity& identity, const Channel& channel, void* argument) {
     for (;;) {
         TakeEventMark(fd);
-        const int error = Carry(identity, channel, VIDIOC_DQEVENT, argument, kRemindEvent);
+        const int error = Carry(identity, channel, VIDIOC_DQEVENT, argument, kRearmEvent);
         if (error != ENOENT || IsNonBlocking(fd)) {
             return error;
         }
