@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "common/safe_text.h"
 #include "peer/json_text.h"
 #include "peer/picture_size.h"
-#include "peer/safe_text.h"
 
 namespace zumod::peer {
 namespace {

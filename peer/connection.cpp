@@ -13,8 +13,8 @@
 #include <csignal>
 #include <cstring>
 
+#include "common/safe_text.h"
 #include "peer/peer_error.h"
-#include "peer/safe_text.h"
 
 namespace zumod::peer {
 namespace {

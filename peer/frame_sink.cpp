@@ -1,9 +1,9 @@
 #include "peer/frame_sink.h"
 
+#include "common/safe_text.h"
 #include "peer/output_file.h"
 #include "peer/peer_error.h"
 #include "peer/recorder.h"
-#include "peer/safe_text.h"
 #include "peer/standard_output.h"
 
 namespace zumod::peer {

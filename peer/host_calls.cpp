@@ -4,10 +4,10 @@
 #include <functional>
 #include <utility>
 
+#include "common/safe_text.h"
 #include "peer/peer_error.h"
 #include "peer/picture_size.h"
 #include "peer/requests.h"
-#include "peer/safe_text.h"
 
 namespace zumod::peer {
 namespace {

@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/safe_text.h"
 #include "peer/peer_error.h"
-#include "peer/safe_text.h"
 
 namespace zumod::peer {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <exception>
 
+#include "common/safe_text.h"
 #include "peer/peer_error.h"
-#include "peer/safe_text.h"
 #include "src/loader/codec_factory.h"
 
 namespace zumod::peer {

@@ -9,8 +9,8 @@
 #include <span>
 #include <utility>
 
+#include "common/safe_text.h"
 #include "peer/peer_error.h"
-#include "peer/safe_text.h"
 
 namespace zumod::peer {
 

@@ -1,11 +1,11 @@
-#include "peer/safe_text.h"
+#include "common/safe_text.h"
 
 #include <gtest/gtest.h>
 
-namespace zumod::peer {
+namespace zumod {
 namespace {
 
-TEST(SafeText, LeavesWhatCanBeShown) {
+TEST(SafeText, LeavesPrintableTextUnchanged) {
     EXPECT_EQ(SafeText(""), "");
     EXPECT_EQ(SafeText("Front Camera (USB) 2.0"), "Front Camera (USB) 2.0");
     EXPECT_EQ(SafeText("Kamera \xc3\xbc \xe2\x82\xac \xf0\x9f\x93\xb7"),
@@ -24,14 +24,14 @@ TEST(SafeText, EscapesItsOwnEscapeCharacter) {
     EXPECT_EQ(SafeText("\\x1b"), "\\x5cx1b");
 }
 
-TEST(SafeText, EscapesMarksThatTurnTheDirectionOrEndALine) {
+TEST(SafeText, EscapesMarksThatChangeTheWritingDirectionOrEndALine) {
     EXPECT_EQ(SafeText("\xe2\x80\xae"
                        "a"),
               "\\u202ea");
     EXPECT_EQ(SafeText("\xe2\x81\xa6\xe2\x80\xa8\xef\xbb\xbf"), "\\u2066\\u2028\\ufeff");
 }
 
-TEST(SafeText, EscapesEveryByteThatIsNoUtf8) {
+TEST(SafeText, EscapesEveryByteThatIsNotUtf8) {
     EXPECT_EQ(SafeText("\xff"), "\\xff");
     EXPECT_EQ(SafeText("a\xc3"), "a\\xc3");
     EXPECT_EQ(SafeText("\xc0\x80"), "\\xc0\\x80");
@@ -41,10 +41,10 @@ TEST(SafeText, EscapesEveryByteThatIsNoUtf8) {
     EXPECT_EQ(SafeText("\xe2\x82z"), "\\xe2\\x82z");
 }
 
-TEST(SafeText, CountsCharactersAndNotBytes) {
+TEST(SafeText, CountsCharactersInsteadOfBytes) {
     EXPECT_EQ(CharacterCount(""), 0U);
     EXPECT_EQ(CharacterCount("a\xc3\xbc\xe2\x82\xac"), 3U);
 }
 
 }  // namespace
-}  // namespace zumod::peer
+}  // namespace zumod

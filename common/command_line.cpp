@@ -1,0 +1,38 @@
+#include "common/command_line.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace zumod {
+
+void AddHelpAndVersion(CLI::App& app) {
+    app.set_help_flag("--help", "Print this text and exit");
+    app.set_version_flag("--version", app.get_name() + " " ZU_VERSION);
+}
+
+void AddModulesOption(CLI::App& app, std::string& directory, const std::string& files) {
+    app.add_option("--modules", directory, "The directory of " + files + " (default: beside the program)")
+        ->type_name("DIR")
+        ->check(NotEmpty("path"));
+}
+
+CLI::Validator NotEmpty(const std::string& what) {
+    return {[what](const std::string& text) { return text.empty() ? "takes a " + what : ""; }, ""};
+}
+
+Expected<void> ParseCommandLine(CLI::App& app, int count, const char* const* words) {
+    try {
+        app.parse(count, words);
+    } catch (const CLI::Success& request) {
+        std::ostringstream out;
+        app.exit(request, out, out);
+        return Fail(out.str(), 0);
+    } catch (const CLI::ParseError& error) {
+        std::string text = error.what();
+        std::replace(text.begin(), text.end(), '\n', ' ');
+        return FailUsage(text);
+    }
+    return {};
+}
+
+}  // namespace zumod
