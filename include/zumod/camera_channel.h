@@ -1,10 +1,13 @@
 // What goes over the host's byte stream between the plugin and a peer: the layout of every message, in host
-// byte order, which is little-endian on the target. docs/protocol.md says when each is sent. Records are read
-// and written with memcpy: a message need not be aligned.
+// byte order, which is little-endian on the target. docs/protocol.md says when each is sent. ReadRecord and
+// WriteRecord copy records from and to messages, which need not be aligned. They are pure functions and check
+// no length: the caller does.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <type_traits>
 
 namespace zumod {
 
@@ -101,5 +104,31 @@ struct ResolutionPair {
     uint32_t height;
 };
 static_assert(sizeof(ResolutionPair) == 8);
+
+// The record, or the number, at these bytes.
+template <class Record>
+Record ReadRecord(const void* bytes) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    Record record;
+    std::memcpy(&record, bytes, sizeof record);
+    return record;
+}
+
+// Writes the record, or the number. Returns the position after it.
+template <class Record>
+uint8_t* WriteRecord(uint8_t* bytes, const Record& record) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    std::memcpy(bytes, &record, sizeof record);
+    return bytes + sizeof record;
+}
+
+inline _MESSAGE_HEADER ReadHeader(const void* message) {
+    return ReadRecord<_MESSAGE_HEADER>(message);
+}
+
+// Writes the header of a message with a body of this many bytes. Returns the position of the body.
+inline uint8_t* WriteHeader(uint8_t* message, MessageType type, uint32_t body_size) {
+    return WriteRecord(message, _MESSAGE_HEADER{body_size, type, {}});
+}
 
 }  // namespace zumod
