@@ -1,16 +1,21 @@
-// The test picture as Motion-JPEG: everything is compressed ahead, and a frame is put together from the still
-// picture's blocks and those of the moving parts. Immutable after construction; any thread.
+// The test picture as Motion-JPEG: each frame is drawn uncompressed and then compressed.
+//
+// Thread rule: immutable after construction; any thread.
 #pragma once
 
-#include <map>
 #include <string>
-#include <vector>
 
 #include "vcam/picture/frame_source.h"
-#include "vcam/picture/jpeg_picture.h"
-#include "vcam/picture/scene.h"
+#include "vcam/picture/pattern.h"
 
 namespace zumod::vcam {
+
+// The layout that CompressJpeg reads: three planes, rows padded to whole blocks of the compression.
+PictureLayout JpegInputLayout(uint32_t width, uint32_t height);
+
+// Compresses a picture of that layout into at most `capacity` bytes and returns the bytes used, 0 if they are
+// not enough. Writes to the padding of `picture`.
+size_t CompressJpeg(const PictureLayout& layout, uint8_t* picture, uint8_t* out, size_t capacity);
 
 class JpegPattern final : public FrameSource {
 public:
@@ -19,23 +24,9 @@ public:
     size_t Paint(uint8_t* out, const Stamp& stamp) const override;
 
 private:
-    using Block = std::vector<uint8_t>;
-
-    struct Change {
-        size_t index;
-        const Block* block;
-    };
-
-    void PlaceStamp(std::vector<Change>& changes, const Stamp& stamp) const;
-
-    PictureLayout layout_;
-    Scene scene_;
-    size_t block_columns_;
-    std::vector<uint8_t> still_;
-    std::vector<size_t> starts_;       // of each block in still_, and where the last one ends
-    std::vector<Block> stamp_blocks_;  // by the four quarters' bits, the top left one highest
-    std::map<char, Block> letters_;
-    Block square_;
+    PictureLayout m_input;
+    size_t m_capacity;
+    Pattern m_pattern;
 };
 
 }  // namespace zumod::vcam

@@ -1,13 +1,11 @@
 #include "vcam/picture/y4m_source.h"
 
-#include <linux/videodev2.h>
-
 #include <charconv>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
-#include "vcam/picture/jpeg_picture.h"
+#include "vcam/picture/jpeg_pattern.h"
 
 namespace zumod::vcam {
 namespace {
@@ -21,7 +19,7 @@ bool ReadNumber(const std::string& field, unsigned& number) {
     return result.ec == std::errc() && result.ptr == end;
 }
 
-bool ReadHead(std::istream& in, Y4mFile& file, std::string& error) {
+bool ReadHeader(std::istream& in, Y4mFile& file, std::string& error) {
     std::string line;
     std::string field;
     if (!std::getline(in, line) || line.rfind("YUV4MPEG2", 0) != 0) {
@@ -53,7 +51,7 @@ bool ReadHead(std::istream& in, Y4mFile& file, std::string& error) {
 }
 
 bool ReadPlane(std::istream& in, std::vector<uint8_t>& plane) {
-    // Bytes are characters to a stream.
+    // A stream reads char, not uint8_t.
     return static_cast<bool>(
         in.read(reinterpret_cast<char*>(plane.data()), static_cast<std::streamsize>(plane.size())));
 }
@@ -66,7 +64,7 @@ bool Y4mFile::ReadSize(const std::string& path, Y4mFile& file, std::string& erro
         error = "cannot be opened";
         return false;
     }
-    return ReadHead(in, file, error);
+    return ReadHeader(in, file, error);
 }
 
 bool Y4mFile::Read(const std::string& path, Y4mFile& file, std::string& error) {
@@ -75,7 +73,7 @@ bool Y4mFile::Read(const std::string& path, Y4mFile& file, std::string& error) {
         error = "cannot be opened";
         return false;
     }
-    if (!ReadHead(in, file, error)) {
+    if (!ReadHeader(in, file, error)) {
         return false;
     }
     std::string line;
@@ -103,18 +101,23 @@ bool Y4mFile::Read(const std::string& path, Y4mFile& file, std::string& error) {
 }
 
 Y4mSource::Y4mSource(const PictureLayout& layout, const Y4mFile& file) {
+    const bool compressed = FindPixelFormat(layout.fourcc)->compressed;
+    const PictureLayout plain = compressed ? JpegInputLayout(layout.width, layout.height) : layout;
     for (const PlanarImage& image : file.frames) {
-        if (layout.fourcc == V4L2_PIX_FMT_MJPEG) {
-            frames_.push_back(JoinJpeg(CompressJpeg(image)));
-        } else {
-            frames_.emplace_back(layout.sizeimage);
-            image.WriteTo(layout, frames_.back().data());
+        std::vector<uint8_t> picture(plain.sizeimage);
+        image.WriteTo(plain, picture.data());
+        if (compressed) {
+            std::vector<uint8_t> jpeg(layout.sizeimage);
+            jpeg.resize(CompressJpeg(plain, picture.data(), jpeg.data(), jpeg.size()));
+            jpeg.shrink_to_fit();
+            picture.swap(jpeg);
         }
+        m_frames.push_back(std::move(picture));
     }
 }
 
 size_t Y4mSource::Paint(uint8_t* out, const Stamp& stamp) const {
-    const std::vector<uint8_t>& frame = frames_[stamp.counter % frames_.size()];
+    const std::vector<uint8_t>& frame = m_frames[stamp.counter % m_frames.size()];
     std::memcpy(out, frame.data(), frame.size());
     return frame.size();
 }

@@ -1,5 +1,6 @@
-// Pictures from a Y4M file (8 bit, 4:2:0), shown in order and from the start again. Everything is read and
-// laid out ahead. Immutable after construction; any thread.
+// Pictures from a Y4M file (8 bit, 4:2:0), shown in a loop. All are read and converted in advance.
+//
+// Thread rule: immutable after construction; any thread.
 #pragma once
 
 #include <string>
@@ -15,9 +16,9 @@ struct Y4mFile {
     unsigned height = 0;
     std::vector<PlanarImage> frames;
 
-    // On failure `error` says why, in a few words.
+    // On failure `error` holds the reason, in a few words.
     static bool Read(const std::string& path, Y4mFile& file, std::string& error);
-    // The size alone, from the file's head.
+    // Reads only the size, from the file's header.
     static bool ReadSize(const std::string& path, Y4mFile& file, std::string& error);
 };
 
@@ -28,7 +29,7 @@ public:
     size_t Paint(uint8_t* out, const Stamp& stamp) const override;
 
 private:
-    std::vector<std::vector<uint8_t>> frames_;
+    std::vector<std::vector<uint8_t>> m_frames;
 };
 
 }  // namespace zumod::vcam
