@@ -76,11 +76,7 @@ bool ReadFormats(std::string_view value, CameraConfig& config, std::string& erro
     return ReadList(value, [&](std::string_view part) {
         const std::optional<uint32_t> fourcc = ParseFourcc(part);
         if (!fourcc) {
-            error = "unknown format " + Quote(part) + "; there are";
-            for (const PixelFormat& format : PixelFormats()) {
-                error += ' ';
-                error += FourccText(format.fourcc);
-            }
+            error = "unknown format " + Quote(part) + "; there are " + FormatNames();
             return false;
         }
         config.formats.push_back(*fourcc);
@@ -179,7 +175,7 @@ constexpr Key kKeys[] = {
     {"device", "N", "the camera is /dev/videoN (the next free number)", ReadDevice},
     {"card", "NAME", "its name (Virtual Camera)", ReadCard},
     {"bus", "TEXT", "its bus information (usb-zu-vcam-N)", ReadBus},
-    {"formats", "F:F...", "NV12 NV21 YU12 YV12 YUYV BGR4 MJPG, in this order (NV12:YUYV)", ReadFormats},
+    {"formats", "F:F...", "formats as listed below, in this order (NV12:YUYV)", ReadFormats},
     {"sizes", "WxH:WxH...", "even sizes, the first is the one it starts with (640x480)", ReadSizes},
     {"fps", "N:N/D...", "rates up to 1000, the first is the one it starts with (30)", ReadRates},
     {"adjust", "HABIT", "other sizes are taken (exact), judged by width alone (width), or by both (nearest)",
@@ -270,6 +266,11 @@ std::string DescribeOptions() {
     char line[160];
     for (const Key& key : kKeys) {
         std::snprintf(line, sizeof line, "  %-8s %-11s %s\n", key.name, key.value, key.help);
+        text += line;
+    }
+    text += "\nFormats:\n";
+    for (const PixelFormat& format : PixelFormats()) {
+        std::snprintf(line, sizeof line, "  %-8s %s\n", FourccText(format.fourcc).c_str(), format.description);
         text += line;
     }
     text +=

@@ -1,4 +1,6 @@
-// Where a camera's pictures come from. A source is prepared for one layout and then only read: any thread.
+// The interface of what draws a camera's pictures. A source is made for one layout.
+//
+// Thread rule: immutable after construction; any thread.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +18,7 @@ public:
     FrameSource& operator=(const FrameSource&) = delete;
     virtual ~FrameSource() = default;
 
-    // Writes the picture of that moment, at most layout.sizeimage bytes, and returns the bytes used.
+    // Writes the picture with this stamp, at most layout.sizeimage bytes, and returns the bytes used.
     virtual size_t Paint(uint8_t* out, const Stamp& stamp) const = 0;
 };
 

@@ -7,7 +7,7 @@ namespace {
 
 struct Drawing {
     char letter;
-    std::array<uint8_t, 7> rows;  // five dots each, the leftmost highest
+    std::array<uint8_t, 7> rows;  // five dots each; the leftmost is the highest bit
 };
 
 constexpr Drawing kDrawings[] = {
@@ -44,7 +44,7 @@ Glyph DrawGlyph(char letter) {
         if (drawing.letter != letter) {
             continue;
         }
-        // Each dot is two pixels wide and high, in the middle of the tile.
+        // Each dot is two pixels wide and two high; the letter is centred in the tile.
         for (unsigned y = 0; y < 14; ++y) {
             for (unsigned x = 0; x < 10; ++x) {
                 glyph[y + 1][x + 3] = (drawing.rows[y / 2] >> (4 - x / 2) & 1) != 0;

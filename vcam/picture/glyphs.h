@@ -1,4 +1,6 @@
-// The letters burnt into a picture. Pure functions; any thread.
+// The letters drawn into a picture.
+//
+// Thread rule: pure functions; any thread.
 #pragma once
 
 #include <array>
@@ -6,11 +8,11 @@
 
 namespace zumod::vcam {
 
-inline constexpr unsigned kTile = 16;  // pixels: the grid everything that changes is drawn on
+inline constexpr unsigned kTile = 16;  // pixels; everything that changes is drawn on this grid
 
 using Glyph = std::array<std::array<bool, kTile>, kTile>;  // [row][column], true is lit
 
-// Digits, letters (small ones as capitals) and ". : - /"; anything else is blank.
+// Knows digits, letters (lower case is drawn as upper case) and ". : - /"; anything else is blank.
 Glyph DrawGlyph(char letter);
 
 }  // namespace zumod::vcam

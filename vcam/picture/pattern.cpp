@@ -1,7 +1,5 @@
 #include "vcam/picture/pattern.h"
 
-#include <linux/videodev2.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -11,17 +9,6 @@ namespace {
 constexpr char kFirstLetter = ' ';
 constexpr char kLastLetter = 'Z';
 
-unsigned PixelBytes(uint32_t fourcc) {
-    switch (fourcc) {
-        case V4L2_PIX_FMT_YUYV:
-            return 2;
-        case V4L2_PIX_FMT_BGR32:
-            return 4;
-        default:
-            return 1;
-    }
-}
-
 template <unsigned kBytes>
 void CopyRows(uint8_t* out, size_t out_stride, const uint8_t* from, size_t from_stride, unsigned rows) {
     for (unsigned y = 0; y < rows; ++y) {
@@ -29,7 +16,8 @@ void CopyRows(uint8_t* out, size_t out_stride, const uint8_t* from, size_t from_
     }
 }
 
-// Copies of a size known at compile time are a handful of instructions; these are the sizes there are.
+// A copy of a size known at compile time is a few instructions. The cases are the sizes of the present
+// formats.
 void CopyRows(uint8_t* out, size_t out_stride, const uint8_t* from, size_t from_stride, unsigned rows,
               size_t bytes) {
     switch (bytes) {
@@ -43,125 +31,110 @@ void CopyRows(uint8_t* out, size_t out_stride, const uint8_t* from, size_t from_
             return CopyRows<32>(out, out_stride, from, from_stride, rows);
         case 64:
             return CopyRows<64>(out, out_stride, from, from_stride, rows);
-        default:
+        case 128:
             return CopyRows<128>(out, out_stride, from, from_stride, rows);
+        default:
+            for (unsigned y = 0; y < rows; ++y) {
+                std::memcpy(out + y * out_stride, from + y * from_stride, bytes);
+            }
     }
 }
 
 }  // namespace
 
 Pattern::Pattern(const PictureLayout& layout, const std::string& label)
-    : layout_(layout),
-      scene_(layout.width, layout.height, label),
-      still_(layout.sizeimage),
-      pixel_bytes_(PixelBytes(layout.fourcc)) {
-    scene_.Background().WriteTo(layout, still_.data());
-    const auto block_row = [this](uint8_t luma) {
+    : m_layout(layout),
+      m_scene(layout.width, layout.height, label),
+      m_still(layout.sizeimage),
+      m_pixel_bytes(FindPixelFormat(layout.fourcc)->PixelBytes()) {
+    const PixelFormat& format = *FindPixelFormat(layout.fourcc);
+    m_scene.Background().WriteTo(layout, m_still.data());
+    const auto block_row = [&](uint8_t luma) {
         std::vector<uint8_t> bytes;
-        for (unsigned x = 0; x < scene_.Grid().block; ++x) {
+        for (unsigned x = 0; x < m_scene.Grid().block; ++x) {
             TileRow row{};
-            PutPixel(row, 0, {luma, 128, 128});
-            bytes.insert(bytes.end(), row.begin(), row.begin() + pixel_bytes_);
+            PutPixel(format, row.data(), 0, {luma, 128, 128});
+            bytes.insert(bytes.end(), row.begin(), row.begin() + m_pixel_bytes);
         }
         return bytes;
     };
-    white_ = block_row(kStampWhite);
+    m_white = block_row(kStampWhite);
     for (char letter = kFirstLetter; letter <= kLastLetter; ++letter) {
         const Glyph glyph = DrawGlyph(letter);
-        Tile& tile = glyphs_.emplace_back();
+        Tile& tile = m_glyphs.emplace_back();
         for (unsigned y = 0; y < kTile; ++y) {
             for (unsigned x = 0; x < kTile; ++x) {
-                PutPixel(tile[y], x, {glyph[y][x] ? kStampWhite : kStampBlack, 128, 128});
+                PutPixel(format, tile[y].data(), x, {glyph[y][x] ? kStampWhite : kStampBlack, 128, 128});
             }
         }
     }
     for (unsigned x = 0; x < kTile; ++x) {
-        PutPixel(square_, x, Scene::kSquare);
+        PutPixel(format, m_square.data(), x, Scene::kSquare);
     }
     const bool u_first = layout.u_offset < layout.v_offset;
-    for (size_t i = 0; i < chroma_row_.size(); ++i) {
-        chroma_row_[i] = (i % 2 == 0) == u_first ? Scene::kSquare.u : Scene::kSquare.v;
-    }
-}
-
-void Pattern::PutPixel(TileRow& row, unsigned column, Colour colour) const {
-    switch (layout_.fourcc) {
-        case V4L2_PIX_FMT_YUYV:
-            row[column * 2] = colour.y;
-            row[column * 2 + 1] = column % 2 == 0 ? colour.u : colour.v;
-            break;
-        case V4L2_PIX_FMT_BGR32: {
-            const Bgr pixel = ToBgr(colour);
-            row[column * 4] = pixel.b;
-            row[column * 4 + 1] = pixel.g;
-            row[column * 4 + 2] = pixel.r;
-            row[column * 4 + 3] = 255;
-            break;
-        }
-        default:
-            row[column] = colour.y;
-            break;
+    for (size_t i = 0; i < m_chroma_row.size(); ++i) {
+        m_chroma_row[i] = (i % 2 == 0) == u_first ? Scene::kSquare.u : Scene::kSquare.v;
     }
 }
 
 size_t Pattern::Paint(uint8_t* out, const Stamp& stamp) const {
-    std::memcpy(out, still_.data(), still_.size());
+    std::memcpy(out, m_still.data(), m_still.size());
     PaintStamp(out, stamp);
     PaintLetters(out, stamp);
     PaintSquare(out, stamp);
-    return still_.size();
+    return m_still.size();
 }
 
-// The stamp and the letters stand on a grey part of the still picture: only luma changes there.
+// The stamp and the letters are drawn where the still picture is grey, so only luma changes.
 void Pattern::PaintStamp(uint8_t* out, const Stamp& stamp) const {
-    const StampGrid& grid = scene_.Grid();
+    const StampGrid& grid = m_scene.Grid();
     if (grid.block == 0) {
         return;
     }
     const StampPattern bits = EncodeStamp(stamp);
-    const size_t stride = layout_.bytesperline;
-    const size_t block_bytes = size_t{grid.block} * pixel_bytes_;
+    const size_t stride = m_layout.bytesperline;
+    const size_t block_bytes = size_t{grid.block} * m_pixel_bytes;
     for (unsigned bit = 0; bit < kStampBits; ++bit) {
         if (!bits[bit]) {
-            continue;  // the still picture is black there
+            continue;  // the still picture is already black here
         }
         uint8_t* corner = out + bit / grid.columns * grid.block * stride + bit % grid.columns * block_bytes;
-        CopyRows(corner, stride, white_.data(), 0, grid.block, block_bytes);
+        CopyRows(corner, stride, m_white.data(), 0, grid.block, block_bytes);
     }
 }
 
 void Pattern::PaintLetters(uint8_t* out, const Stamp& stamp) const {
-    const size_t stride = layout_.bytesperline;
-    const size_t tile_bytes = size_t{kTile} * pixel_bytes_;
-    for (const PlacedGlyph& placed : scene_.Letters(stamp)) {
-        const Tile& tile = glyphs_[static_cast<size_t>(placed.letter - kFirstLetter)];
+    const size_t stride = m_layout.bytesperline;
+    const size_t tile_bytes = size_t{kTile} * m_pixel_bytes;
+    for (const PlacedGlyph& placed : m_scene.Letters(stamp)) {
+        const Tile& tile = m_glyphs[static_cast<size_t>(placed.letter - kFirstLetter)];
         uint8_t* corner = out + size_t{placed.row} * kTile * stride + placed.column * tile_bytes;
         CopyRows(corner, stride, tile[0].data(), sizeof(TileRow), kTile, tile_bytes);
     }
 }
 
 void Pattern::PaintSquare(uint8_t* out, const Stamp& stamp) const {
-    const PlacedSquare square = scene_.Square(stamp);
-    const size_t stride = layout_.bytesperline;
-    const size_t tile_bytes = size_t{kTile} * pixel_bytes_;
+    const PlacedSquare square = m_scene.Square(stamp);
+    const size_t stride = m_layout.bytesperline;
+    const size_t tile_bytes = size_t{kTile} * m_pixel_bytes;
     for (unsigned column = square.column; column < square.column + square.size; ++column) {
-        CopyRows(out + size_t{square.row} * kTile * stride + column * tile_bytes, stride, square_.data(), 0,
+        CopyRows(out + size_t{square.row} * kTile * stride + column * tile_bytes, stride, m_square.data(), 0,
                  square.size * kTile, tile_bytes);
     }
-    if (layout_.chroma_step == 0) {
+    if (m_layout.chroma_step == 0) {
         return;
     }
     const unsigned half = square.size * kTile / 2;
-    const size_t corner = size_t{square.row} * kTile / 2 * layout_.chroma_stride +
-                          size_t{square.column} * kTile / 2 * layout_.chroma_step;
+    const size_t corner = size_t{square.row} * kTile / 2 * m_layout.chroma_stride +
+                          size_t{square.column} * kTile / 2 * m_layout.chroma_step;
     for (unsigned y = 0; y < half; ++y) {
-        const size_t at = corner + size_t{y} * layout_.chroma_stride;
-        if (layout_.chroma_step == 2) {
-            std::memcpy(out + std::min(layout_.u_offset, layout_.v_offset) + at, chroma_row_.data(),
+        const size_t at = corner + size_t{y} * m_layout.chroma_stride;
+        if (m_layout.chroma_step == 2) {
+            std::memcpy(out + std::min(m_layout.u_offset, m_layout.v_offset) + at, m_chroma_row.data(),
                         size_t{half} * 2);
         } else {
-            std::memset(out + layout_.u_offset + at, Scene::kSquare.u, half);
-            std::memset(out + layout_.v_offset + at, Scene::kSquare.v, half);
+            std::memset(out + m_layout.u_offset + at, Scene::kSquare.u, half);
+            std::memset(out + m_layout.v_offset + at, Scene::kSquare.v, half);
         }
     }
 }

@@ -1,5 +1,7 @@
-// The test picture in an uncompressed format: the still part is prepared once and copied, the moving parts
-// are drawn from prepared tiles. Immutable after construction; any thread.
+// The test picture in an uncompressed format. The still part is prepared once and copied for each frame; the
+// moving parts are drawn from prepared tiles.
+//
+// Thread rule: immutable after construction; any thread.
 #pragma once
 
 #include <array>
@@ -13,35 +15,33 @@ namespace zumod::vcam {
 
 class Pattern final : public FrameSource {
 public:
-    // The label is burnt into the picture, as far as it fits.
+    // The label is drawn into the picture, as far as it fits.
     Pattern(const PictureLayout& layout, const std::string& label);
 
     size_t Paint(uint8_t* out, const Stamp& stamp) const override;
 
-    // The picture before anything that moves is drawn on it: what one frame costs at the very least is
-    // copying this.
-    const std::vector<uint8_t>& Still() const { return still_; }
+    // The picture without its moving parts. Copying it is the minimum cost of a frame.
+    const std::vector<uint8_t>& Still() const { return m_still; }
 
 private:
-    // Bytes of one tile's row in the first plane: luma, or whole pixels where the format packs them.
+    // Bytes of one row of a tile in the first plane.
     static constexpr unsigned kMaxPixelBytes = 4;
     using TileRow = std::array<uint8_t, kTile * kMaxPixelBytes>;
     using Tile = std::array<TileRow, kTile>;
 
-    void PutPixel(TileRow& row, unsigned column, Colour colour) const;
     void PaintStamp(uint8_t* out, const Stamp& stamp) const;
     void PaintLetters(uint8_t* out, const Stamp& stamp) const;
     void PaintSquare(uint8_t* out, const Stamp& stamp) const;
 
-    PictureLayout layout_;
-    Scene scene_;
-    std::vector<uint8_t> still_;
-    unsigned pixel_bytes_;
-    std::vector<uint8_t> white_;  // one row of a white block of the stamp
-    std::vector<Tile> glyphs_;    // by letter, from the blank on
-    TileRow square_{};
-    std::array<uint8_t, Scene::kGreatestSquare * kTile>
-        chroma_row_{};  // of the square, where both samples are interleaved
+    PictureLayout m_layout;
+    Scene m_scene;
+    std::vector<uint8_t> m_still;
+    unsigned m_pixel_bytes;
+    std::vector<uint8_t> m_white;  // one row of a white block of the stamp
+    std::vector<Tile> m_glyphs;    // by letter, from the space on
+    TileRow m_square{};
+    // A row of the square's chroma for formats that interleave both samples.
+    std::array<uint8_t, Scene::kGreatestSquare * kTile> m_chroma_row{};
 };
 
 }  // namespace zumod::vcam

@@ -1,20 +1,16 @@
 #include "vcam/picture/pattern_reader.h"
 
-#include <linux/videodev2.h>
-
 namespace zumod::vcam {
 
 std::optional<Stamp> ReadStamp(const uint8_t* picture, const PictureLayout& layout) {
-    switch (layout.fourcc) {
-        case V4L2_PIX_FMT_MJPEG:
-            return std::nullopt;
-        case V4L2_PIX_FMT_YUYV:
-            return ReadStamp(picture, layout.bytesperline, layout.width, layout.height, 2);
-        case V4L2_PIX_FMT_BGR32:
-            return ReadStamp(picture, layout.bytesperline, layout.width, layout.height, 4);
-        default:
-            return ReadStamp(picture, layout.bytesperline, layout.width, layout.height, 1);
+    const PixelFormat* format = FindPixelFormat(layout.fourcc);
+    if (format == nullptr || format->compressed) {
+        return std::nullopt;
     }
+    // In a format without luma the first colour does as well: the blocks are black and white.
+    const size_t luma = format->pixel.find('Y');
+    return ReadStamp(picture + (luma == std::string_view::npos ? 0 : luma), layout.bytesperline, layout.width,
+                     layout.height, format->PixelBytes());
 }
 
 }  // namespace zumod::vcam

@@ -1,5 +1,6 @@
-// Reads the counter and the time out of a picture, straight from a camera or after it was compressed and
-// decoded. Needs nothing but this header and stamp.{h,cpp}. Pure functions; any thread.
+// Reading of the counter and the time from a camera's picture.
+//
+// Thread rule: pure functions; any thread.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +14,7 @@ namespace zumod::vcam {
 
 using zumod::ReadStamp;
 
-// The stamp of an uncompressed picture; nothing when there is none or it was destroyed.
+// The stamp of an uncompressed picture, or nullopt if it has none or an unreadable one.
 std::optional<Stamp> ReadStamp(const uint8_t* picture, const PictureLayout& layout);
 
 }  // namespace zumod::vcam

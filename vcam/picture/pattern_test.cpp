@@ -48,17 +48,17 @@ std::vector<uint8_t> DecodeLuma(const std::vector<uint8_t>& jpeg, unsigned width
     return luma;
 }
 
-class EveryFormat : public ::testing::TestWithParam<const char*> {};
+class EveryFormat : public ::testing::TestWithParam<uint32_t> {};
 
 TEST_P(EveryFormat, CarriesTheStamp) {
-    const PictureLayout layout = LayOut(*ParseFourcc(GetParam()), 642, 480);
+    const PictureLayout layout = LayOut(GetParam(), 642, 480);
     const Pattern pattern(layout, "TEST");
     const Stamp stamp{77, 123456789};
     EXPECT_EQ(ReadStamp(Paint(pattern, layout, stamp).data(), layout), stamp);
 }
 
-TEST_P(EveryFormat, IsPaintedAnewWhateverTheBufferHeld) {
-    const PictureLayout layout = LayOut(*ParseFourcc(GetParam()), 320, 240, 2000);
+TEST_P(EveryFormat, IsPaintedAnewOverAnythingInTheBuffer) {
+    const PictureLayout layout = LayOut(GetParam(), 320, 240, 2000);
     const Pattern pattern(layout, "TEST");
     std::vector<uint8_t> first(layout.sizeimage, 0x00);
     std::vector<uint8_t> second(layout.sizeimage, 0xff);
@@ -68,7 +68,7 @@ TEST_P(EveryFormat, IsPaintedAnewWhateverTheBufferHeld) {
 }
 
 TEST_P(EveryFormat, MovesFromFrameToFrame) {
-    const PictureLayout layout = LayOut(*ParseFourcc(GetParam()), 320, 240);
+    const PictureLayout layout = LayOut(GetParam(), 320, 240);
     const Pattern pattern(layout, "TEST");
     const std::vector<uint8_t> first = Paint(pattern, layout, {1, 0});
     const std::vector<uint8_t> second = Paint(pattern, layout, {2, 0});
@@ -77,17 +77,26 @@ TEST_P(EveryFormat, MovesFromFrameToFrame) {
     EXPECT_FALSE(std::equal(first.begin() + row, first.end(), second.begin() + row));
 }
 
-TEST_P(EveryFormat, BurnsTheLabelIn) {
-    const PictureLayout layout = LayOut(*ParseFourcc(GetParam()), 640, 480);
+TEST_P(EveryFormat, DrawsTheLabel) {
+    const PictureLayout layout = LayOut(GetParam(), 640, 480);
     EXPECT_NE(Paint(Pattern(layout, "FRONT"), layout, {1, 2}),
               Paint(Pattern(layout, "BACK"), layout, {1, 2}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Pattern, EveryFormat,
-                         ::testing::Values("NV12", "NV21", "YU12", "YV12", "YUYV", "BGR4"),
-                         [](const auto& test) { return std::string(test.param); });
+std::vector<uint32_t> UncompressedFormats() {
+    std::vector<uint32_t> codes;
+    for (const PixelFormat& format : PixelFormats()) {
+        if (!format.compressed) {
+            codes.push_back(format.fourcc);
+        }
+    }
+    return codes;
+}
 
-// The six formats lay the same picture out: each sample is found where the format puts it.
+INSTANTIATE_TEST_SUITE_P(Pattern, EveryFormat, ::testing::ValuesIn(UncompressedFormats()),
+                         [](const auto& test) { return FourccText(test.param); });
+
+// Every format holds the same picture: each sample is where the format puts it.
 TEST(Pattern, IsTheSamePictureInEveryLayout) {
     constexpr unsigned kWidth = 322;
     constexpr unsigned kHeight = 242;
@@ -129,7 +138,7 @@ TEST(Pattern, IsTheSamePictureInEveryLayout) {
     }
 }
 
-TEST(ToBgr, GivesBlackWhiteAndRedOfStudioVideo) {
+TEST(ToBgr, ConvertsBlackWhiteAndRedOfStudioVideo) {
     const auto equals = [](Bgr colour, int b, int g, int r) {
         return colour.b == b && colour.g == g && colour.r == r;
     };
@@ -139,8 +148,13 @@ TEST(ToBgr, GivesBlackWhiteAndRedOfStudioVideo) {
 }
 
 TEST(JpegPattern, DecodesWithoutAWarningAndCarriesTheStamp) {
-    for (const auto& [width, height] :
-         {std::pair{640U, 480U}, {642U, 482U}, {160U, 120U}, {128U, 96U}, {1280U, 720U}, {1920U, 1080U}}) {
+    for (const auto& [width, height] : {std::pair{640U, 480U},
+                                        {642U, 482U},
+                                        {160U, 120U},
+                                        {128U, 96U},
+                                        {64U, 64U},
+                                        {1280U, 720U},
+                                        {1920U, 1080U}}) {
         const PictureLayout layout = LayOut(V4L2_PIX_FMT_MJPEG, width, height);
         const JpegPattern pattern(layout, "TEST");
         const Stamp stamp{4000000001U, 987654321012};
@@ -149,7 +163,7 @@ TEST(JpegPattern, DecodesWithoutAWarningAndCarriesTheStamp) {
     }
 }
 
-TEST(JpegPattern, ShowsTheUncompressedPictureNearly) {
+TEST(JpegPattern, IsCloseToTheUncompressedPicture) {
     constexpr unsigned kWidth = 640;
     constexpr unsigned kHeight = 480;
     const Stamp stamp{31, 4711};
@@ -171,12 +185,12 @@ protected:
     static constexpr unsigned kHeight = 16;
 
     Y4m()
-        : path_(::testing::TempDir() + "zu_vcam_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".y4m") {}
-    ~Y4m() override { std::remove(path_.c_str()); }
+        : m_path(::testing::TempDir() + "m_zu_vcam" +
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".y4m") {}
+    ~Y4m() override { std::remove(m_path.c_str()); }
 
     void Write(const std::string& head, unsigned frames, size_t missing = 0) {
-        std::ofstream out(path_, std::ios::binary);
+        std::ofstream out(m_path, std::ios::binary);
         out << head << "\n";
         for (unsigned frame = 0; frame < frames; ++frame) {
             std::string body(kWidth * kHeight * 3 / 2, static_cast<char>(100 + frame));
@@ -187,14 +201,14 @@ protected:
         }
     }
 
-    std::string path_;
+    std::string m_path;
 };
 
-TEST_F(Y4m, ShowsItsFramesInOrderAndFromTheStartAgain) {
+TEST_F(Y4m, ShowsItsFramesInALoop) {
     Write("YUV4MPEG2 W32 H16 F30:1 C420jpeg", 3);
     Y4mFile file;
     std::string error;
-    ASSERT_TRUE(Y4mFile::Read(path_, file, error)) << error;
+    ASSERT_TRUE(Y4mFile::Read(m_path, file, error)) << error;
     const PictureLayout layout = LayOut(V4L2_PIX_FMT_NV12, kWidth, kHeight);
     const Y4mSource source(layout, file);
     for (uint32_t counter = 0; counter < 7; ++counter) {
@@ -207,7 +221,7 @@ TEST_F(Y4m, IsCompressedForMotionJpeg) {
     Write("YUV4MPEG2 W32 H16 F30:1", 1);
     Y4mFile file;
     std::string error;
-    ASSERT_TRUE(Y4mFile::Read(path_, file, error)) << error;
+    ASSERT_TRUE(Y4mFile::Read(m_path, file, error)) << error;
     const PictureLayout layout = LayOut(V4L2_PIX_FMT_MJPEG, kWidth, kHeight);
     const auto luma = DecodeLuma(Paint(Y4mSource(layout, file), layout, {}), kWidth, kHeight);
     EXPECT_NEAR(luma[0], 100, 2);
@@ -217,7 +231,7 @@ TEST_F(Y4m, IsRefusedWhenItEndsWithinAFrame) {
     Write("YUV4MPEG2 W32 H16 F30:1", 2, 1);
     Y4mFile file;
     std::string error;
-    EXPECT_FALSE(Y4mFile::Read(path_, file, error));
+    EXPECT_FALSE(Y4mFile::Read(m_path, file, error));
     EXPECT_EQ(error, "ends within a frame");
 }
 
@@ -225,7 +239,7 @@ TEST_F(Y4m, IsRefusedInAnotherChromaFormat) {
     Write("YUV4MPEG2 W32 H16 F30:1 C444", 1);
     Y4mFile file;
     std::string error;
-    EXPECT_FALSE(Y4mFile::Read(path_, file, error));
+    EXPECT_FALSE(Y4mFile::Read(m_path, file, error));
     EXPECT_EQ(error, "only 8-bit 4:2:0 pictures are supported, this is 444");
 }
 
@@ -233,15 +247,15 @@ TEST_F(Y4m, IsRefusedWithoutASize) {
     Write("YUV4MPEG2 F30:1", 1);
     Y4mFile file;
     std::string error;
-    EXPECT_FALSE(Y4mFile::Read(path_, file, error));
+    EXPECT_FALSE(Y4mFile::Read(m_path, file, error));
     EXPECT_EQ(error, "no size, or one that is not even");
 }
 
-TEST_F(Y4m, IsRefusedWhenItIsSomethingElse) {
+TEST_F(Y4m, IsRefusedIfItIsAnotherKindOfFile) {
     Write("RIFF", 0);
     Y4mFile file;
     std::string error;
-    EXPECT_FALSE(Y4mFile::Read(path_, file, error));
+    EXPECT_FALSE(Y4mFile::Read(m_path, file, error));
     EXPECT_EQ(error, "not a Y4M file");
 }
 

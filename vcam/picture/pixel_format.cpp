@@ -3,31 +3,35 @@
 #include <linux/videodev2.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace zumod::vcam {
+namespace {
 
-const std::vector<PixelFormat>& PixelFormats() {
-    static const std::vector<PixelFormat> formats = {
-        {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", false},
-        {V4L2_PIX_FMT_NV21, "Y/CrCb 4:2:0", false},
-        {V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", false},
-        {V4L2_PIX_FMT_YVU420, "Planar YVU 4:2:0", false},
-        {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", false},
-        {V4L2_PIX_FMT_BGR32, "32-bit BGRA/X 8-8-8-8", false},
-        {V4L2_PIX_FMT_MJPEG, "Motion-JPEG", true},
-    };
-    return formats;
+constexpr PixelFormat kFormats[] = {
+    {V4L2_PIX_FMT_NV12, "Y/CbCr 4:2:0", "Y", 2},
+    {V4L2_PIX_FMT_NV21, "Y/CrCb 4:2:0", "Y", 2, true},
+    {V4L2_PIX_FMT_YUV420, "Planar YUV 4:2:0", "Y", 1},
+    {V4L2_PIX_FMT_YVU420, "Planar YVU 4:2:0", "Y", 1, true},
+    {V4L2_PIX_FMT_YUYV, "YUYV 4:2:2", "YC"},
+    {V4L2_PIX_FMT_BGR32, "32-bit BGRA/X 8-8-8-8", "BGRX"},
+    {.fourcc = V4L2_PIX_FMT_MJPEG, .description = "Motion-JPEG", .compressed = true},
+};
+
+}  // namespace
+
+std::span<const PixelFormat> PixelFormats() {
+    return kFormats;
 }
 
 const PixelFormat* FindPixelFormat(uint32_t fourcc) {
-    const auto& formats = PixelFormats();
-    const auto found = std::find_if(formats.begin(), formats.end(),
-                                    [fourcc](const PixelFormat& format) { return format.fourcc == fourcc; });
-    return found == formats.end() ? nullptr : &*found;
+    const auto* found = std::find_if(std::begin(kFormats), std::end(kFormats),
+                                     [fourcc](const PixelFormat& format) { return format.fourcc == fourcc; });
+    return found == std::end(kFormats) ? nullptr : found;
 }
 
 std::optional<uint32_t> ParseFourcc(std::string_view text) {
-    for (const PixelFormat& format : PixelFormats()) {
+    for (const PixelFormat& format : kFormats) {
         if (FourccText(format.fourcc) == text) {
             return format.fourcc;
         }
@@ -43,49 +47,44 @@ std::string FourccText(uint32_t fourcc) {
     return text;
 }
 
+std::string FormatNames() {
+    std::string names;
+    for (const PixelFormat& format : kFormats) {
+        if (!names.empty()) {
+            names += ' ';
+        }
+        names += FourccText(format.fourcc);
+    }
+    return names;
+}
+
 PictureLayout LayOut(uint32_t fourcc, uint32_t width, uint32_t height, uint32_t bytesperline) {
     PictureLayout layout;
     layout.fourcc = fourcc;
     layout.width = width;
     layout.height = height;
-    switch (fourcc) {
-        case V4L2_PIX_FMT_NV12:
-        case V4L2_PIX_FMT_NV21: {
-            layout.bytesperline = std::max(bytesperline, width);
-            const size_t luma = size_t{layout.bytesperline} * height;
-            layout.chroma_stride = layout.bytesperline;
-            layout.chroma_step = 2;
-            layout.u_offset = luma + (fourcc == V4L2_PIX_FMT_NV21 ? 1 : 0);
-            layout.v_offset = luma + (fourcc == V4L2_PIX_FMT_NV21 ? 0 : 1);
-            layout.sizeimage = static_cast<uint32_t>(luma + luma / 2);
-            break;
-        }
-        case V4L2_PIX_FMT_YUV420:
-        case V4L2_PIX_FMT_YVU420: {
-            layout.bytesperline = (std::max(bytesperline, width) + 1) & ~1U;
-            layout.chroma_stride = layout.bytesperline / 2;
-            layout.chroma_step = 1;
-            const size_t luma = size_t{layout.bytesperline} * height;
-            const size_t chroma = size_t{layout.chroma_stride} * (height / 2);
-            const bool v_first = fourcc == V4L2_PIX_FMT_YVU420;
-            layout.u_offset = luma + (v_first ? chroma : 0);
-            layout.v_offset = luma + (v_first ? 0 : chroma);
-            layout.sizeimage = static_cast<uint32_t>(luma + 2 * chroma);
-            break;
-        }
-        case V4L2_PIX_FMT_YUYV:
-            layout.bytesperline = std::max(bytesperline, width * 2);
-            layout.sizeimage = layout.bytesperline * height;
-            break;
-        case V4L2_PIX_FMT_BGR32:
-            layout.bytesperline = std::max(bytesperline, width * 4);
-            layout.sizeimage = layout.bytesperline * height;
-            break;
-        default:
-            // Room for a picture that does not compress at all, beside its tables.
-            layout.sizeimage = width * height * 2 + 8192;
-            break;
+    const PixelFormat* format = FindPixelFormat(fourcc);
+    if (format == nullptr || format->compressed) {
+        // Enough for a picture that does not compress at all, with its tables.
+        layout.sizeimage = width * height * 2 + 8192;
+        return layout;
     }
+    layout.bytesperline = std::max(bytesperline, width * format->PixelBytes());
+    layout.chroma_step = format->chroma_step;
+    if (layout.chroma_step == 0) {
+        layout.sizeimage = layout.bytesperline * height;
+        return layout;
+    }
+    const bool interleaved = layout.chroma_step == 2;
+    if (!interleaved) {
+        layout.bytesperline = (layout.bytesperline + 1) & ~1U;
+    }
+    layout.chroma_stride = interleaved ? layout.bytesperline : layout.bytesperline / 2;
+    const size_t luma = size_t{layout.bytesperline} * height;
+    const size_t second = interleaved ? 1 : size_t{layout.chroma_stride} * (height / 2);
+    layout.u_offset = luma + (format->v_first ? second : 0);
+    layout.v_offset = luma + (format->v_first ? 0 : second);
+    layout.sizeimage = static_cast<uint32_t>(luma + luma / 2);
     return layout;
 }
 

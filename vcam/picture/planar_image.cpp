@@ -1,7 +1,5 @@
 #include "vcam/picture/planar_image.h"
 
-#include <linux/videodev2.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -32,31 +30,15 @@ void PlanarImage::Fill(unsigned left, unsigned top, unsigned fill_width, unsigne
 }
 
 void PlanarImage::WriteTo(const PictureLayout& layout, uint8_t* out) const {
+    const PixelFormat& format = *FindPixelFormat(layout.fourcc);
     std::memset(out, 0, layout.sizeimage);
     for (unsigned row = 0; row < height; ++row) {
         const uint8_t* luma = &y[size_t{row} * width];
         const uint8_t* blue = &u[size_t{row / 2} * chroma_width];
         const uint8_t* red = &v[size_t{row / 2} * chroma_width];
         uint8_t* line = out + size_t{row} * layout.bytesperline;
-        switch (layout.fourcc) {
-            case V4L2_PIX_FMT_YUYV:
-                for (unsigned x = 0; x < width; ++x) {
-                    line[size_t{x} * 2] = luma[x];
-                    line[size_t{x} * 2 + 1] = x % 2 == 0 ? blue[x / 2] : red[x / 2];
-                }
-                break;
-            case V4L2_PIX_FMT_BGR32:
-                for (unsigned x = 0; x < width; ++x) {
-                    const Bgr pixel = ToBgr({luma[x], blue[x / 2], red[x / 2]});
-                    line[size_t{x} * 4] = pixel.b;
-                    line[size_t{x} * 4 + 1] = pixel.g;
-                    line[size_t{x} * 4 + 2] = pixel.r;
-                    line[size_t{x} * 4 + 3] = 255;
-                }
-                break;
-            default:
-                std::memcpy(line, luma, width);
-                break;
+        for (unsigned x = 0; x < width; ++x) {
+            PutPixel(format, line, x, {luma[x], blue[x / 2], red[x / 2]});
         }
     }
     if (layout.chroma_step == 0) {
@@ -71,8 +53,34 @@ void PlanarImage::WriteTo(const PictureLayout& layout, uint8_t* out) const {
     }
 }
 
+void PutPixel(const PixelFormat& format, uint8_t* row, unsigned column, Colour colour) {
+    uint8_t* out = row + size_t{column} * format.PixelBytes();
+    for (const char sample : format.pixel) {
+        switch (sample) {
+            case 'Y':
+                *out++ = colour.y;
+                break;
+            case 'C':
+                *out++ = (column % 2 == 0) != format.v_first ? colour.u : colour.v;
+                break;
+            case 'B':
+                *out++ = ToBgr(colour).b;
+                break;
+            case 'G':
+                *out++ = ToBgr(colour).g;
+                break;
+            case 'R':
+                *out++ = ToBgr(colour).r;
+                break;
+            default:
+                *out++ = 255;
+                break;
+        }
+    }
+}
+
 Bgr ToBgr(Colour colour) {
-    // BT.601, studio range to full range, in 1/256ths.
+    // BT.601, studio range to full range, in units of 1/256.
     const int luma = 298 * (colour.y - 16) + 128;
     const int u = colour.u - 128;
     const int v = colour.v - 128;

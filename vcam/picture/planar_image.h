@@ -1,5 +1,7 @@
-// A picture as three planes, chroma at half the width and height: what pictures are prepared in before they
-// are laid out as a camera gives them. A value; one thread at a time.
+// A picture as three planes, chroma at half the width and height. Pictures are composed in it and then
+// written in the layout of a camera's format.
+//
+// Thread rule: a value; one thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -31,6 +33,9 @@ struct PlanarImage {
     std::vector<uint8_t> u;
     std::vector<uint8_t> v;
 };
+
+// Writes the bytes that an uncompressed format's first plane has for the pixel in that column of a row.
+void PutPixel(const PixelFormat& format, uint8_t* row, unsigned column, Colour colour);
 
 struct Bgr {
     uint8_t b;

@@ -12,28 +12,28 @@ constexpr uint8_t kLetterLuma = kStampWhite;
 }  // namespace
 
 Scene::Scene(unsigned width, unsigned height, const std::string& label)
-    : background_(width, height),
-      grid_(StampGrid::For(width, height)),
-      columns_(width / kTile),
-      rows_(height / kTile) {
-    unsigned row = (grid_.rows * grid_.block + kTile - 1) / kTile;
-    has_label_ = row + 3 <= rows_;
-    if (has_label_) {
-        label_row_ = row++;
+    : m_background(width, height),
+      m_grid(StampGrid::For(width, height)),
+      m_columns(width / kTile),
+      m_rows(height / kTile) {
+    unsigned row = (m_grid.rows * m_grid.block + kTile - 1) / kTile;
+    m_has_label = row + 3 <= m_rows;
+    if (m_has_label) {
+        m_label_row = row++;
     }
-    has_letters_ = row < rows_;
-    if (has_letters_) {
-        letter_row_ = row++;
+    m_has_letters = row < m_rows;
+    if (m_has_letters) {
+        m_letter_row = row++;
     }
-    first_free_row_ = std::min(row, rows_);
+    m_first_free_row = std::min(row, m_rows);
     PaintBars();
     PaintLabel(label);
 }
 
 void Scene::PaintBars() {
-    const unsigned top = first_free_row_ * kTile;
-    const unsigned width = background_.width;
-    const unsigned height = background_.height;
+    const unsigned top = m_first_free_row * kTile;
+    const unsigned width = m_background.width;
+    const unsigned height = m_background.height;
     if (top >= height) {
         return;
     }
@@ -42,23 +42,23 @@ void Scene::PaintBars() {
     for (unsigned bar = 0; bar < bars; ++bar) {
         const unsigned left = width * bar / bars / 2 * 2;
         const unsigned right = bar + 1 == bars ? width : width * (bar + 1) / bars / 2 * 2;
-        background_.Fill(left, top, right - left, ramp - top, kBars[bar]);
+        m_background.Fill(left, top, right - left, ramp - top, kBars[bar]);
     }
     for (unsigned x = 0; x < width; x += 2) {
-        background_.Fill(x, ramp, 2, height - ramp, {static_cast<uint8_t>(16 + 219 * x / width), 128, 128});
+        m_background.Fill(x, ramp, 2, height - ramp, {static_cast<uint8_t>(16 + 219 * x / width), 128, 128});
     }
 }
 
 void Scene::PaintLabel(const std::string& label) {
-    if (!has_label_) {
+    if (!m_has_label) {
         return;
     }
-    for (unsigned i = 0; i < label.size() && i < columns_; ++i) {
+    for (unsigned i = 0; i < label.size() && i < m_columns; ++i) {
         const Glyph glyph = DrawGlyph(label[i]);
         for (unsigned y = 0; y < kTile; ++y) {
             for (unsigned x = 0; x < kTile; ++x) {
                 if (glyph[y][x]) {
-                    background_.y[size_t{label_row_ * kTile + y} * background_.width + i * kTile + x] =
+                    m_background.y[size_t{m_label_row * kTile + y} * m_background.width + i * kTile + x] =
                         kLetterLuma;
                 }
             }
@@ -68,12 +68,12 @@ void Scene::PaintLabel(const std::string& label) {
 
 PlacedGlyphs Scene::Letters(const Stamp& stamp) const {
     PlacedGlyphs letters;
-    if (!has_letters_) {
+    if (!m_has_letters) {
         return letters;
     }
-    // The counter in ten digits, a blank, then seconds and milliseconds, written from the right.
+    // The counter in ten digits, a space, then seconds and milliseconds, written from right to left.
     constexpr unsigned kCounterDigits = 10;
-    char text[PlacedGlyphs::kMost];
+    char text[PlacedGlyphs::kMaxGlyphs];
     char* const end = text + sizeof text;
     char* next = end;
     uint64_t time = stamp.time_us / 1000;
@@ -88,27 +88,27 @@ PlacedGlyphs Scene::Letters(const Stamp& stamp) const {
     for (unsigned digits = 0; digits < kCounterDigits; ++digits, counter /= 10) {
         *--next = static_cast<char>('0' + counter % 10);
     }
-    // Where there is not room for everything, the last digits of the counter matter most.
-    next += columns_ < kCounterDigits ? kCounterDigits - columns_ : 0;
-    for (unsigned column = 0; next + column < end && column < columns_; ++column) {
+    // If there is not room for everything, keep the last digits of the counter.
+    next += m_columns < kCounterDigits ? kCounterDigits - m_columns : 0;
+    for (unsigned column = 0; next + column < end && column < m_columns; ++column) {
         if (next[column] != ' ') {
-            letters.Add({column, letter_row_, next[column]});
+            letters.Add({column, m_letter_row, next[column]});
         }
     }
     return letters;
 }
 
 PlacedSquare Scene::Square(const Stamp& stamp) const {
-    const unsigned free_rows = rows_ - first_free_row_;
-    unsigned size = std::min({kGreatestSquare, free_rows, columns_});
+    const unsigned free_rows = m_rows - m_first_free_row;
+    unsigned size = std::min({kGreatestSquare, free_rows, m_columns});
     if (size == 0) {
         return {};
     }
-    // It crosses the picture from left to right, one line of squares after the other.
-    const unsigned steps = columns_ - size + 1;
+    // It crosses the picture from left to right, one row of squares after another.
+    const unsigned steps = m_columns - size + 1;
     const unsigned lines = free_rows / size;
     const unsigned step = stamp.counter % (steps * lines);
-    return {step % steps, first_free_row_ + step / steps * size, size};
+    return {step % steps, m_first_free_row + step / steps * size, size};
 }
 
 }  // namespace zumod::vcam

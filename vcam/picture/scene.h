@@ -1,5 +1,7 @@
-// The test picture: what stands still in it and what changes from frame to frame, all of it on a grid of
-// tiles of 16 pixels, so that every pixel format can have the moving parts prepared. Immutable; any thread.
+// The composition of the test picture: a still background, and the parts that change from frame to frame. All
+// parts lie on a grid of 16-pixel tiles, so that the moving parts can be prepared in any pixel format.
+//
+// Thread rule: immutable; any thread.
 #pragma once
 
 #include <array>
@@ -19,23 +21,23 @@ struct PlacedGlyph {
 };
 
 struct PlacedSquare {
-    unsigned column;  // in tiles; size 0 when the picture has no room for it
+    unsigned column;  // in tiles; size is 0 if the picture is too small for it
     unsigned row;
     unsigned size;
 };
 
-// A line of letters; made for each frame, so it lives on the stack.
+// A line of letters. Built for each frame, so it allocates nothing.
 class PlacedGlyphs {
 public:
-    static constexpr size_t kMost = 32;
+    static constexpr size_t kMaxGlyphs = 32;
 
-    void Add(PlacedGlyph glyph) { glyphs_[count_++] = glyph; }
-    const PlacedGlyph* begin() const { return glyphs_.data(); }
-    const PlacedGlyph* end() const { return glyphs_.data() + count_; }
+    void Add(PlacedGlyph glyph) { m_glyphs[m_count++] = glyph; }
+    const PlacedGlyph* begin() const { return m_glyphs.data(); }
+    const PlacedGlyph* end() const { return m_glyphs.data() + m_count; }
 
 private:
-    std::array<PlacedGlyph, kMost> glyphs_;
-    size_t count_ = 0;
+    std::array<PlacedGlyph, kMaxGlyphs> m_glyphs;
+    size_t m_count = 0;
 };
 
 class Scene {
@@ -46,10 +48,10 @@ public:
 
     static constexpr Colour kSquare{170, 60, 190};
 
-    const PlanarImage& Background() const { return background_; }
-    const StampGrid& Grid() const { return grid_; }
+    const PlanarImage& Background() const { return m_background; }
+    const StampGrid& Grid() const { return m_grid; }
 
-    // The counter and the time in letters.
+    // The counter and the time as text.
     PlacedGlyphs Letters(const Stamp& stamp) const;
     PlacedSquare Square(const Stamp& stamp) const;
 
@@ -57,16 +59,16 @@ private:
     void PaintBars();
     void PaintLabel(const std::string& label);
 
-    PlanarImage background_;
-    StampGrid grid_;
-    unsigned columns_;
-    unsigned rows_;
-    // Rows of tiles from the top: the stamp, the label, the letters, then the bars the square moves over.
-    unsigned label_row_ = 0;
-    unsigned letter_row_ = 0;
-    unsigned first_free_row_ = 0;
-    bool has_label_ = false;
-    bool has_letters_ = false;
+    PlanarImage m_background;
+    StampGrid m_grid;
+    unsigned m_columns;
+    unsigned m_rows;
+    // Rows of tiles from the top: the stamp, the label, the text, then the bars over which the square moves.
+    unsigned m_label_row = 0;
+    unsigned m_letter_row = 0;
+    unsigned m_first_free_row = 0;
+    bool m_has_label = false;
+    bool m_has_letters = false;
 };
 
 }  // namespace zumod::vcam

@@ -13,11 +13,11 @@ namespace {
 
 constexpr Stamp kStamp{0xdeadbeef, 0x123456789abc};
 
-TEST(Stamp, ComesBackFromItsBits) {
+TEST(Stamp, IsDecodedFromItsBits) {
     EXPECT_EQ(DecodeStamp(EncodeStamp(kStamp)), kStamp);
 }
 
-TEST(Stamp, WithAnyOneBitWrongIsNotBelieved) {
+TEST(Stamp, IsRejectedIfAnyOneBitIsWrong) {
     for (unsigned bit = 0; bit < kStampBits; ++bit) {
         StampPattern bits = EncodeStamp(kStamp);
         bits[bit] = !bits[bit];
@@ -44,11 +44,11 @@ TEST(StampGrid, FitsSmallPicturesWithSmallerBlocks) {
     EXPECT_EQ(StampGrid::For(64, 64).block, 4U);
 }
 
-TEST(StampGrid, IsEmptyWhereThereIsNoRoom) {
+TEST(StampGrid, IsEmptyIfThePictureIsTooSmall) {
     EXPECT_EQ(StampGrid::For(16, 16).block, 0U);
 }
 
-TEST(ReadStamp, FindsTheStampInEverySizeThatHasRoom) {
+TEST(ReadStamp, FindsTheStampInEverySizeThatHasOne) {
     for (const auto& [width, height] :
          {std::pair{64U, 64U}, {128U, 96U}, {160U, 120U}, {642U, 480U}, {1280U, 720U}, {1920U, 1080U}}) {
         const PictureLayout layout = LayOut(V4L2_PIX_FMT_NV12, width, height);
