@@ -12,14 +12,14 @@
 #include <vector>
 
 #include "tests/support/doubles/raw_slots.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 #include "tests/support/watch/wait_until.h"
 
 namespace zumod {
 namespace {
 
 using testing::CallSlot;
-using testing::PlatformWatch;
+using testing::CallWatch;
 using testing::WaitUntil;
 using Calls = std::vector<std::string>;
 
@@ -104,31 +104,31 @@ TEST(BaseThread, RunsItsWorkAgainUntilAStopIsRequested) {
 }
 
 TEST(BaseThread, ASecondStartReturnsTrueAndCreatesNoThread) {
-    const PlatformWatch watch;
+    const CallWatch watch;
     WorkThread thread([] { return true; });
     EXPECT_TRUE(thread.Start());
     EXPECT_TRUE(thread.Start());
     EXPECT_TRUE(thread.StartEx(true));
-    EXPECT_EQ(watch.ThreadsCreated(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_create), 1);
     EXPECT_EQ(FieldsOf(thread).detached, 0) << "the second start changes nothing";
     thread.Stop();
-    EXPECT_EQ(watch.Joins(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
 }
 
 TEST(BaseThread, AStopOfANeverStartedObjectReturnsTrueAndDoesNothing) {
-    const PlatformWatch watch;
+    const CallWatch watch;
     WorkThread thread([] { return true; });
     EXPECT_TRUE(thread.Stop());
     EXPECT_TRUE(thread.StopEx(5));
     EXPECT_TRUE(thread.WaitStop(5));
     EXPECT_TRUE(thread.Join());
-    EXPECT_EQ(watch.Joins(), 0);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 0);
     EXPECT_EQ(FieldsOf(thread).stop_request, 0);
     EXPECT_EQ(thread.Passes(), 0);
 }
 
 TEST(BaseThread, AfterAStopTheSameObjectStartsAFreshThread) {
-    const PlatformWatch watch;
+    const CallWatch watch;
     WorkThread thread([] { return true; });
     EXPECT_TRUE(thread.Start());
     EXPECT_TRUE(WaitUntil([&] { return thread.Passes() > 0; }));
@@ -138,8 +138,8 @@ TEST(BaseThread, AfterAStopTheSameObjectStartsAFreshThread) {
     EXPECT_TRUE(thread.IsRunning());
     EXPECT_TRUE(WaitUntil([&] { return thread.Passes() > passes; }));
     EXPECT_TRUE(thread.Stop());
-    EXPECT_EQ(watch.ThreadsCreated(), 2);
-    EXPECT_EQ(watch.Joins(), 2);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_create), 2);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 2);
 }
 
 TEST(BaseThread, FinishesByItselfWhenItsWorkReturnsFalseAndStaysStartedUntilStop) {
@@ -231,7 +231,7 @@ TEST(BaseThread, AStopRequestThatComesBeforeTheFirstPassLeavesNoPassToRun) {
 }
 
 TEST(BaseThread, ADetachedThreadRunsOnePassAndIsNeverJoined) {
-    const PlatformWatch watch;
+    const CallWatch watch;
     Gate gate;
     WorkThread thread([&] { return gate.Wait(); });
     EXPECT_TRUE(thread.StartEx(true));
@@ -247,8 +247,8 @@ TEST(BaseThread, ADetachedThreadRunsOnePassAndIsNeverJoined) {
     EXPECT_NE(FieldsOf(thread).handle, 0U);
     EXPECT_TRUE(thread.Stop());
     EXPECT_EQ(FieldsOf(thread).handle, 0U);
-    EXPECT_EQ(watch.Detaches(), 1);
-    EXPECT_EQ(watch.Joins(), 0);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_detach), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 0);
     EXPECT_EQ(FieldsOf(thread).detached, 1) << "kept until the next start";
 }
 
@@ -261,8 +261,8 @@ TEST(BaseThread, ADetachedThreadThatIsNotStoppedStillRunsOnlyOnePass) {
 }
 
 TEST(BaseThread, AFailedCreationLeavesTheObjectNotStarted) {
-    PlatformWatch watch;
-    watch.FailThreadCreation(2);
+    CallWatch watch;
+    watch.Fail(CallWatch::pthread_create, CallWatch::kAny, 2);
     WorkThread thread([] { return true; });
     EXPECT_FALSE(thread.Start());
     EXPECT_FALSE(thread.IsRunning());
@@ -270,7 +270,7 @@ TEST(BaseThread, AFailedCreationLeavesTheObjectNotStarted) {
     EXPECT_EQ(FieldsOf(thread).started, 0);
     EXPECT_FALSE(thread.StartEx(true));
     EXPECT_TRUE(thread.Stop());
-    EXPECT_EQ(watch.Joins(), 0);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 0);
     EXPECT_TRUE(thread.Start()) << "the third one works";
     EXPECT_TRUE(WaitUntil([&] { return thread.Passes() > 0; }));
 }
@@ -313,14 +313,14 @@ TEST(BaseThread, JoinWaitsForTheEndOfTheLoopWithoutRequestingAStop) {
 }
 
 TEST(BaseThread, AThreadIsJoinedOnceHoweverOftenItIsWaitedFor) {
-    const PlatformWatch watch;
+    const CallWatch watch;
     WorkThread thread([] { return false; });
     thread.Start();
     EXPECT_TRUE(thread.Join());
     EXPECT_TRUE(thread.Join());
     EXPECT_TRUE(thread.WaitStop(0));
     EXPECT_TRUE(thread.Stop());
-    EXPECT_EQ(watch.Joins(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
 }
 
 TEST(BaseThread, StopHandsMinusOneToWaitStopAndStopExItsTime) {
@@ -451,7 +451,7 @@ TEST(BaseThread, ItsDestructorNeitherStopsNorJoins) {
     class Bare : public CBaseThread {
         bool Run() override { return false; }
     };
-    const PlatformWatch watch;
+    const CallWatch watch;
     auto* thread = new Bare;
     thread->Start();
     EXPECT_TRUE(WaitUntil([&] { return !thread->IsRunning(); }));
@@ -459,9 +459,9 @@ TEST(BaseThread, ItsDestructorNeitherStopsNorJoins) {
     // The thread may still be in its empty exit hook: joined here, by the system's call, before the object
     // goes.
     EXPECT_EQ(pthread_join(handle, nullptr), 0);
-    EXPECT_EQ(watch.Joins(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
     delete thread;
-    EXPECT_EQ(watch.Joins(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
 }
 
 TEST(BaseThread, AnswersThroughItsRawSlots) {
@@ -495,7 +495,7 @@ TEST(BaseThread, AnswersThroughItsRawSlots) {
         std::vector<int32_t> wait_stops;
     };
     Calls calls;
-    const PlatformWatch watch;
+    const CallWatch watch;
     auto* raw = new Raw(calls);
     CBaseThread* thread = raw;
     EXPECT_TRUE((CallSlot<bool>(thread, 6)));               // Run
@@ -505,9 +505,9 @@ TEST(BaseThread, AnswersThroughItsRawSlots) {
     EXPECT_EQ(calls, (Calls{"Run", "OnThreadExit", "OnThreadStart"}));
     EXPECT_EQ(raw->wait_stops, std::vector<int32_t>{42});
     EXPECT_TRUE((CallSlot<bool>(thread, 2)));  // Start
-    EXPECT_EQ(watch.ThreadsCreated(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_create), 1);
     EXPECT_TRUE((CallSlot<bool>(thread, 3)));  // Stop
-    EXPECT_EQ(watch.Joins(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
     EXPECT_EQ(calls.back(), "OnThreadExit");
     EXPECT_TRUE((CallSlot<bool>(thread, 5, true)));  // StartEx
     EXPECT_EQ(FieldsOf(*thread).detached, 1);
@@ -515,7 +515,7 @@ TEST(BaseThread, AnswersThroughItsRawSlots) {
     EXPECT_TRUE((CallSlot<bool>(thread, 4, int32_t{7})));  // StopEx
     EXPECT_EQ(raw->wait_stops, (std::vector<int32_t>{42, -1, 7}));
     EXPECT_EQ(FieldsOf(*thread).started, 0);
-    EXPECT_EQ(watch.Joins(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
     CallSlot<>(thread, 1);  // the deleting destructor
     EXPECT_EQ(destroyed, 1);
     alignas(Raw) unsigned char storage[sizeof(Raw)];

@@ -8,12 +8,12 @@
 
 #include "src/base/mem_alloctor_ex.h"
 #include "src/base/mem_buffer.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
 
-using testing::PlatformWatch;
+using testing::CallWatch;
 
 std::string TextOf(const CRefPtr_T<IBuffer>& buffer) {
     return {static_cast<const char*>(buffer->GetData()), buffer->GetSize()};
@@ -48,11 +48,11 @@ TEST(CreateBuffer, OfNoBytesIsAValidBufferWithoutABlock) {
 }
 
 TEST(CreateBuffer, IsEmptyWhenTheAllocatorHasNothing) {
-    PlatformWatch watch;
-    watch.FailMalloc(3333, 2);
+    CallWatch watch;
+    watch.Fail(CallWatch::malloc, 3333, 2);
     const std::string bytes(3333, 'x');
     EXPECT_EQ(CreateBuffer(bytes.data(), bytes.size()), nullptr);
-    EXPECT_EQ(watch.Mallocs(3333), 2);
+    EXPECT_EQ(watch.Count(CallWatch::malloc, 3333), 2);
 }
 
 // Hands out blocks of 64 bytes as buffers of 16, as an allocator with a maximum does for a larger request;

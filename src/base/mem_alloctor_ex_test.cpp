@@ -8,13 +8,13 @@
 
 #include "src/base/mem_buffer.h"
 #include "tests/support/doubles/raw_slots.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
 
 using testing::CallSlot;
-using testing::PlatformWatch;
+using testing::CallWatch;
 using Alloctor = CMemAlloctorEx<CMemBuffer>;
 
 // One reference on the allocator besides the test's own for each buffer.
@@ -41,9 +41,9 @@ TEST(MemAlloctorEx, AllocOfZeroGivesAValidBufferWithoutABlock) {
 
 TEST(MemAlloctorEx, ABufferIsOneHeapBlockOfExactlyTheSizeAndOneReference) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
-    const PlatformWatch watch;
+    const CallWatch watch;
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(12345);
-    EXPECT_EQ(watch.Mallocs(12345), 1);
+    EXPECT_EQ(watch.Count(CallWatch::malloc, 12345), 1);
     EXPECT_EQ(buffer->GetData(), watch.FirstMalloc());
     EXPECT_EQ(buffer->GetCapacity(), 12345U);
     EXPECT_EQ(buffer->AddRef(), 2U);
@@ -63,10 +63,10 @@ TEST(MemAlloctorEx, ARequestAboveTheMaximumGetsTheMaximum) {
     EXPECT_EQ(alloctor->GetMaxSize(), 64U);
     EXPECT_EQ(alloctor->Alloc(63)->GetCapacity(), 63U);
     EXPECT_EQ(alloctor->Alloc(64)->GetCapacity(), 64U);
-    const PlatformWatch watch;
+    const CallWatch watch;
     EXPECT_EQ(alloctor->Alloc(65)->GetCapacity(), 64U);
-    EXPECT_EQ(watch.Mallocs(65), 0);
-    EXPECT_EQ(watch.Mallocs(64), 1);
+    EXPECT_EQ(watch.Count(CallWatch::malloc, 65), 0);
+    EXPECT_EQ(watch.Count(CallWatch::malloc, 64), 1);
 }
 
 TEST(MemAlloctorEx, AMaximumOfZeroGivesBuffersWithoutABlock) {
@@ -79,32 +79,32 @@ TEST(MemAlloctorEx, AMaximumOfZeroGivesBuffersWithoutABlock) {
 
 TEST(MemAlloctorEx, TriesExactlyOnceMoreWhenTheHeapHasNothing) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
-    PlatformWatch watch;
-    watch.FailMalloc(7777, 1);
+    CallWatch watch;
+    watch.Fail(CallWatch::malloc, 7777, 1);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(7777);
     ASSERT_NE(buffer, nullptr);
     EXPECT_EQ(buffer->GetCapacity(), 7777U);
-    EXPECT_EQ(watch.Mallocs(7777), 2);
+    EXPECT_EQ(watch.Count(CallWatch::malloc, 7777), 2);
 }
 
 TEST(MemAlloctorEx, GivesAnEmptyPointerAfterTheSecondFailure) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
-    PlatformWatch watch;
-    watch.FailMalloc(7777, 3);
+    CallWatch watch;
+    watch.Fail(CallWatch::malloc, 7777, 3);
     EXPECT_EQ(alloctor->Alloc(7777), nullptr);
-    EXPECT_EQ(watch.Mallocs(7777), 2);
+    EXPECT_EQ(watch.Count(CallWatch::malloc, 7777), 2);
     EXPECT_EQ(ReferencesOf(alloctor), 1);
     EXPECT_EQ(alloctor->GetAccountedBytes(), 0U);
 }
 
 TEST(MemAlloctorEx, AFailureToMakeTheObjectGoesOnToTheCallerAndKeepsTheBlock) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
-    PlatformWatch watch;
-    watch.FailMalloc(sizeof(CMemBuffer), 1);
+    CallWatch watch;
+    watch.Fail(CallWatch::malloc, sizeof(CMemBuffer), 1);
     EXPECT_THROW(static_cast<void>(alloctor->Alloc(4321)), std::bad_alloc);
     void* block = watch.FirstMalloc();
-    EXPECT_EQ(watch.Mallocs(4321), 1);
-    EXPECT_EQ(watch.Frees(block), 0);
+    EXPECT_EQ(watch.Count(CallWatch::malloc, 4321), 1);
+    EXPECT_EQ(watch.FreesOf(block), 0);
     EXPECT_EQ(ReferencesOf(alloctor), 1);
     std::free(block);
 }
@@ -118,9 +118,9 @@ TEST(MemAlloctorEx, FreeGivesTheBlockBackAndDoesNotClearTheBuffersPointer) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(99);
     void* block = buffer->GetData();
-    const PlatformWatch watch;
+    const CallWatch watch;
     EXPECT_TRUE(alloctor->Free(buffer.Get()));
-    EXPECT_EQ(watch.Frees(block), 1);
+    EXPECT_EQ(watch.FreesOf(block), 1);
     EXPECT_EQ(buffer->GetData(), block);
     EXPECT_EQ(buffer->GetCapacity(), 99U);
     EXPECT_EQ(alloctor->GetAccountedBytes(), 0U);
@@ -161,9 +161,9 @@ TEST(MemAlloctorEx, WorksWithTheBlockAsTheAllocatorSeesIt) {
     void* block = alloctor->ReAlloc(&buffer, 200);
     EXPECT_EQ(block, buffer.block);
     EXPECT_EQ(alloctor->GetAccountedBytes(), 100U);
-    const PlatformWatch watch;
+    const CallWatch watch;
     EXPECT_TRUE(alloctor->Free(&buffer));
-    EXPECT_EQ(watch.Frees(block), 1);
+    EXPECT_EQ(watch.FreesOf(block), 1);
 }
 
 TEST(MemAlloctorEx, ReAllocOfNullGivesNull) {
@@ -196,15 +196,15 @@ TEST(MemAlloctorEx, AFailedReAllocLeavesTheBufferAndTheAccountedBytes) {
     std::memcpy(buffer->GetData(), "kept", 5);
     buffer->SetSize(5);
     void* block = buffer->GetData();
-    PlatformWatch watch;
-    watch.FailRealloc(200, 1);
+    CallWatch watch;
+    watch.Fail(CallWatch::realloc, 200, 1);
     EXPECT_EQ(alloctor->ReAlloc(buffer.Get(), 200), nullptr);
     EXPECT_EQ(buffer->GetData(), block);
     EXPECT_EQ(buffer->GetCapacity(), 100U);
     EXPECT_EQ(buffer->GetSize(), 5U);
     EXPECT_STREQ(static_cast<const char*>(buffer->GetData()), "kept");
     EXPECT_EQ(alloctor->GetAccountedBytes(), 0U);
-    EXPECT_EQ(watch.Frees(block), 0);
+    EXPECT_EQ(watch.FreesOf(block), 0);
 }
 
 TEST(MemAlloctorEx, ReAllocToZeroFreesTheBlockAttachesNullAndReturnsNull) {

@@ -11,13 +11,13 @@
 #include "src/base/create_buffer.h"
 #include "src/base/mem_alloctor_ex.h"
 #include "tests/support/doubles/raw_slots.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
 
 using testing::CallSlot;
-using testing::PlatformWatch;
+using testing::CallWatch;
 using Calls = std::vector<std::string>;
 
 // Writes down what a buffer asks of its allocator.
@@ -82,12 +82,12 @@ TEST(MemBuffer, SetSizeStopsAtTheCapacityAndReturnsWhatItSet) {
 TEST(MemBuffer, SetSizeNeverMovesTheBlock) {
     const CRefPtr_T<IBuffer> buffer = g_pDefaultAlloctor->Alloc(16);
     const void* block = buffer->GetData();
-    const PlatformWatch watch;
+    const CallWatch watch;
     buffer->SetSize(16);
     buffer->SetSize(4096);
     EXPECT_EQ(buffer->GetData(), block);
     EXPECT_EQ(buffer->GetCapacity(), 16U);
-    EXPECT_EQ(watch.Mallocs(4096), 0);
+    EXPECT_EQ(watch.Count(CallWatch::malloc, 4096), 0);
 }
 
 TEST(MemBuffer, AShrinkingResizeLeavesTheSizeAboveTheCapacityUntilSetSize) {
@@ -126,9 +126,9 @@ TEST(MemBuffer, AttachTakesOverABlockAndGivesTheOldOneBackUnfreed) {
     void* before = buffer->GetData();
     void* block = std::malloc(20);
     {
-        const PlatformWatch watch;
+        const CallWatch watch;
         EXPECT_EQ(buffer->Attach(block, 20), before);
-        EXPECT_EQ(watch.Frees(before), 0);
+        EXPECT_EQ(watch.FreesOf(before), 0);
     }
     EXPECT_EQ(buffer->GetData(), block);
     EXPECT_EQ(buffer->GetAllocData(), block);
@@ -177,11 +177,11 @@ TEST(MemBuffer, TheLastReleaseFreesBlockAndObjectAndDropsOneReferenceOnTheAlloca
     IBuffer* buffer = alloctor->Alloc(321).Detach();
     EXPECT_EQ(buffer->AddRef(), 2U);
     const void* block = buffer->GetData();
-    const PlatformWatch watch;
+    const CallWatch watch;
     EXPECT_EQ(buffer->Release(), 1);
-    EXPECT_EQ(watch.Frees(block), 0);
+    EXPECT_EQ(watch.FreesOf(block), 0);
     EXPECT_EQ(buffer->Release(), 0);
-    EXPECT_EQ(watch.Frees(block), 1);
+    EXPECT_EQ(watch.FreesOf(block), 1);
     EXPECT_EQ(alloctor->AddRef(), 2U);
     EXPECT_EQ(alloctor->Release(), 1);
 }

@@ -8,13 +8,13 @@
 #include <thread>
 
 #include "tests/support/doubles/raw_slots.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
 
 using testing::CallSlot;
-using testing::PlatformWatch;
+using testing::CallWatch;
 
 // Whether a thread other than this one could take the lock now. The mutex stands behind the table pointer.
 bool IsFree(CMutexLock& lock) {
@@ -118,11 +118,11 @@ TEST(MutexLock, AnswersThroughItsRawSlotsWithTheDestructorBehindTheOperations) {
     EXPECT_FALSE(IsFree(*lock));
     EXPECT_TRUE((CallSlot<bool>(lock, 1)));  // Unlock
     EXPECT_TRUE(IsFree(*lock));
-    const PlatformWatch watch;
+    const CallWatch watch;
     CallSlot<>(lock, 2);  // the complete destructor
-    EXPECT_EQ(watch.MutexesDestroyed(), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_destroy), 1);
     CallSlot<>(new CMutexLock, 3);  // the deleting one
-    EXPECT_EQ(watch.MutexesDestroyed(), 2);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_destroy), 2);
 }
 
 }  // namespace

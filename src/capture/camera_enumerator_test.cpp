@@ -9,7 +9,7 @@
 
 #include "tests/support/doubles/device_double.h"
 #include "tests/support/doubles/recording_host.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
@@ -300,8 +300,8 @@ TEST_F(CameraEnumeratorTest, AScanWithoutMemoryThrowsWhatTheAllocationThrewAndLe
     devices.SetCamera(1, Vga("Second"));
     for (const size_t size : {2 * sizeof(CameraDeviceInfo), sizeof(CameraDeviceInfo)}) {
         // The list of cameras grows from one place to two.
-        testing::PlatformWatch watch;
-        watch.FailNew(size, 1);
+        testing::CallWatch watch;
+        watch.Fail(testing::CallWatch::_Znwm, size, 1);
         EXPECT_THROW(List(), std::bad_alloc) << size;
         EXPECT_EQ(devices.OpenDescriptors(), 0);
     }

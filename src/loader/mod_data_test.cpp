@@ -8,14 +8,14 @@
 
 #include "tests/support/doubles/counted_object.h"
 #include "tests/support/doubles/raw_slots.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
 
 using testing::CallSlot;
+using testing::CallWatch;
 using testing::CountedObject;
-using testing::PlatformWatch;
 using testing::ReferenceLedger;
 using Bytes = std::vector<uint8_t>;
 
@@ -219,8 +219,8 @@ TEST(ModData, ACloneOfAnObjectThatMemoryDoesNotSufficeForGivesItsReferenceBack) 
     ReferenceLedger ledger;
     {
         const CRefPtr_T<IZUModData> value(new CZUModData(new CountedObject(ledger)));
-        PlatformWatch watch;
-        watch.FailNew(8, 1);  // the eight zero bytes
+        CallWatch watch;
+        watch.Fail(CallWatch::_Znwm, 8, 1);  // the eight zero bytes
         EXPECT_THROW(static_cast<void>(value->Clone()), std::bad_alloc);
     }
     EXPECT_TRUE(ledger.Balanced());

@@ -11,14 +11,14 @@
 #include "src/module/attach_runtime.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/captured_stdout.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
 
+using testing::CallWatch;
 using testing::CapturedStdout;
 using testing::LogLine;
-using testing::PlatformWatch;
 using testing::RecordingHost;
 using Lines = std::vector<LogLine>;
 
@@ -95,10 +95,10 @@ TEST_F(Log, AllocatesOneBufferOf4096BytesAndFreesIt) {
     };
     AddressHost address;
     AttachRuntime(&address);
-    const PlatformWatch watch;
+    const CallWatch watch;
     ZuModLog(kLogEvent, "x");
-    EXPECT_EQ(watch.Callocs(4096), 1);
-    EXPECT_EQ(watch.Frees(address.buffer), 1);
+    EXPECT_EQ(watch.Count(CallWatch::calloc, 4096), 1);
+    EXPECT_EQ(watch.FreesOf(address.buffer), 1);
 }
 
 class ThrowingHost : public RecordingHost {
@@ -113,9 +113,9 @@ public:
 TEST_F(Log, PassesASinksExceptionOnAfterFreeingTheBuffer) {
     ThrowingHost throwing;
     AttachRuntime(&throwing);
-    const PlatformWatch watch;
+    const CallWatch watch;
     EXPECT_THROW(ZuModLog(kLogEvent, "x"), std::runtime_error);
-    EXPECT_EQ(watch.Frees(throwing.buffer), 1);
+    EXPECT_EQ(watch.FreesOf(throwing.buffer), 1);
 }
 
 TEST_F(Log, AnotherThreadCanLogAfterASinkThrew) {
@@ -152,8 +152,8 @@ TEST_F(Log, ASinkMayLogAgainFromInside) {
 }
 
 TEST_F(Log, WithoutMemoryDropsTheLine) {
-    PlatformWatch watch;
-    watch.FailCalloc(4096, 1);
+    CallWatch watch;
+    watch.Fail(CallWatch::calloc, 4096, 1);
     ZuModLog(kLogEvent, "dropped");
     ZuModLog(kLogEvent, "kept");
     EXPECT_EQ(host.Lines(), (Lines{{1, "kept"}}));

@@ -9,7 +9,7 @@
 #include "tests/support/doubles/client_camera_double.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/scripted_stream.h"
-#include "tests/support/watch/platform_watch.h"
+#include "tests/support/watch/call_watch.h"
 #include "tests/support/watch/process_state.h"
 #include "tests/support/watch/wait_until.h"
 #include "tests/support/wire/camera_messages.h"
@@ -18,6 +18,7 @@ namespace zumod {
 namespace {
 
 using testing::Bytes;
+using testing::CallWatch;
 using testing::CameraScript;
 using testing::CloseBytes;
 using testing::CountDescriptors;
@@ -27,7 +28,6 @@ using testing::kVersionReplyBytes;
 using testing::kVersionRequestBytes;
 using testing::LogLine;
 using testing::OpenBytes;
-using testing::PlatformWatch;
 using testing::ScriptedStream;
 using testing::SetFormatBytes;
 using testing::SetPropertyBytes;
@@ -128,9 +128,9 @@ TEST_F(BadInput, AStreamThatReadsAndWritesOneByteACall) {
 }
 
 TEST_F(BadInput, TheGreatestLengthThatGetsNoMemoryEndsTheRunAsAFailedReadWould) {
-    PlatformWatch heap;
+    CallWatch heap;
     constexpr size_t kMessageSize = 0xFFFFFFFFull + 8;
-    heap.FailRealloc(kMessageSize, 1);
+    heap.Fail(CallWatch::realloc, kMessageSize, 1);
     host.TakeLines();
     EXPECT_TRUE(
         Serve(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0x0A, 0, 0, 0} + kVersionRequestBytes)->Written().empty());
@@ -145,28 +145,28 @@ TEST_F(BadInput, ALongMessageOfWhichLittleComes) {
 }
 
 TEST_F(BadInput, NoMemoryForAHeaderEndsTheRun) {
-    PlatformWatch heap;
-    heap.FailMalloc(8, 2);  // the allocator tries once more
+    CallWatch heap;
+    heap.Fail(CallWatch::malloc, 8, 2);  // the allocator tries once more
     EXPECT_TRUE(Serve(kVersionRequestBytes)->Written().empty());
     ExpectServesOn();
 }
 
 TEST_F(BadInput, NoMemoryForAReplyLeavesItUnsent) {
-    PlatformWatch heap;
-    heap.FailMalloc(12, 2);
+    CallWatch heap;
+    heap.Fail(CallWatch::malloc, 12, 2);
     EXPECT_EQ(Serve(kVersionRequestBytes + CloseBytes(7))->Written(),
               (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0}));
-    heap.FailMalloc(12, 2);
+    heap.Fail(CallWatch::malloc, 12, 2);
     EXPECT_EQ(Serve(kGetListBytes + kVersionRequestBytes)->Written(), kVersionReplyBytes);
-    heap.FailMalloc(16, 2);
+    heap.Fail(CallWatch::malloc, 16, 2);
     EXPECT_EQ(Serve(CloseBytes(7) + kVersionRequestBytes)->Written(), kVersionReplyBytes);
     ExpectServesOn();
 }
 
 TEST_F(BadInput, NoMemoryForAFrameDropsIt) {
     const auto stream = Serve({});
-    PlatformWatch heap;
-    heap.FailMalloc(16 + 3, 2);
+    CallWatch heap;
+    heap.Fail(CallWatch::malloc, 16 + 3, 2);
     plugin->OnVideoPacket(7, "abc", 3);
     plugin->OnVideoPacket(7, "abcd", 4);
     EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 20; }));
@@ -176,8 +176,8 @@ TEST_F(BadInput, NoMemoryForAFrameDropsIt) {
 // A buffer is an object and its block; when there is no memory for the object, the allocation throws, and its
 // block is deliberately left.
 TEST_F(BadInput, NoMemoryForAMessagesObjectEndsTheRunLikeAFailedRead) {
-    PlatformWatch heap;
-    heap.FailMalloc(sizeof(CMemBuffer), 1);
+    CallWatch heap;
+    heap.Fail(CallWatch::malloc, sizeof(CMemBuffer), 1);
     host.TakeLines();
     EXPECT_TRUE(Serve(kVersionRequestBytes)->Written().empty());
     std::free(heap.FirstMalloc());
@@ -189,8 +189,8 @@ TEST_F(BadInput, NoMemoryForAMessagesObjectEndsTheRunLikeAFailedRead) {
 TEST_F(BadInput, NoMemoryForAFramesObjectDropsIt) {
     const auto stream = Serve({});
     plugin->ExitInstance();
-    PlatformWatch heap;
-    heap.FailMalloc(sizeof(CMemBuffer), 1);
+    CallWatch heap;
+    heap.Fail(CallWatch::malloc, sizeof(CMemBuffer), 1);
     plugin->OnVideoPacket(7, "abc", 3);
     std::free(heap.FirstMalloc());
     EXPECT_FALSE(plugin->IsBusy(7));

@@ -8,20 +8,19 @@
 #include "tests/support/doubles/device_double.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/scripted_stream.h"
-#include "tests/support/watch/platform_watch.h"
-#include "tests/support/watch/semaphore_watch.h"
+#include "tests/support/watch/call_watch.h"
 #include "tests/support/wire/camera_messages.h"
 
 namespace zumod {
 namespace {
 
 using testing::Bytes;
+using testing::CallWatch;
 using testing::CameraScript;
 using testing::CloseBytes;
 using testing::kGetListBytes;
 using testing::kVersionRequestBytes;
 using testing::OpenBytes;
-using testing::PlatformWatch;
 using testing::ScriptedStream;
 using testing::SetFormatBytes;
 using testing::SetPropertyBytes;
@@ -33,11 +32,11 @@ class TracingHost final : public testing::RecordingHost {
 public:
     int WriteLog(uint32_t, const char* text) override {
         CameraScript().calls.emplace_back(text);
-        threads[text] = watch.ThreadsCreated() - watch.Joins();
+        threads[text] = watch.Count(CallWatch::pthread_create) - watch.Count(CallWatch::pthread_join);
         return 0;
     }
 
-    PlatformWatch watch;
+    CallWatch watch;
     // How many threads ran at the last line of this text.
     std::map<std::string, int> threads;
 };
@@ -133,9 +132,9 @@ TEST_F(CallOrder, DestructionClosesBetweenItsLines) {
 }
 
 TEST_F(CallOrder, TheQueueIsResetBeforeTheSendThreadStarts) {
-    testing::SemaphoreWatch semaphores;
     int threads = -1;
-    semaphores.OnNext("sem_init(items", [&] { threads = host.watch.ThreadsCreated(); });
+    host.watch.OnNext(CallWatch::sem_init, CallWatch::kItems,
+                      [&] { threads = host.watch.Count(CallWatch::pthread_create); });
     plugin->Run();
     EXPECT_EQ(threads, 0);
 }

@@ -11,14 +11,14 @@
 #include "src/base/create_buffer.h"
 #include "src/plugin/send_queue.h"
 #include "tests/support/doubles/buffer_references.h"
-#include "tests/support/watch/semaphore_watch.h"
+#include "tests/support/watch/call_watch.h"
 #include "tests/support/watch/wait_until.h"
 
 namespace zumod {
 namespace {
 
+using testing::CallWatch;
 using testing::OtherReferences;
-using testing::SemaphoreWatch;
 using testing::WaitUntil;
 using Calls = std::vector<std::string>;
 
@@ -29,18 +29,17 @@ const Calls kCloseCalls = {"sem_post(items)", "sem_post(free)", "sem_destroy(fre
 class SendQueueCalls : public ::testing::Test {
 protected:
     // The calls from here on are those of the operations under test.
-    SendQueueCalls() { creation = watch.TakeCalls(); }
+    SendQueueCalls() { creation = watch.TakeSemaphoreCalls(); }
 
     // Resets the queue on another thread and returns once that is waiting for the calling thread's use to
     // end.
     void ResetMeanwhile() {
         resetter = std::thread([this] { queue.Reset(); });
-        EXPECT_TRUE(WaitUntil([this] { return watch.Has("usleep(100)"); }));
-        EXPECT_FALSE(watch.Has("sem_destroy(free)"));
-        EXPECT_FALSE(watch.Has("sem_destroy(items)"));
+        EXPECT_TRUE(WaitUntil([this] { return watch.Count(CallWatch::usleep, 100) > 0; }));
+        EXPECT_EQ(watch.Count(CallWatch::sem_destroy), 0);
     }
 
-    SemaphoreWatch watch;
+    CallWatch watch;
     CSendQueue queue;
     Calls creation;
     std::thread resetter;
@@ -53,22 +52,22 @@ TEST_F(SendQueueCalls, CreationMakesTheFreeSlotsThenTheItemsAndDrainsThem) {
 
 TEST_F(SendQueueCalls, EnqueueWaitsForASlotThenPostsAnItem) {
     queue.Enqueue(message);
-    EXPECT_EQ(watch.TakeCalls(), (Calls{"sem_wait(free)", "sem_post(items)"}));
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{"sem_wait(free)", "sem_post(items)"}));
 }
 
 TEST_F(SendQueueCalls, TakeWaitsForAnItemThenPostsASlot) {
     queue.Enqueue(message);
-    watch.TakeCalls();
+    watch.TakeSemaphoreCalls();
     watch.SetClock(10, 0);
     EXPECT_EQ(queue.Take(), message);
-    EXPECT_EQ(watch.TakeCalls(), (Calls{"sem_timedwait(items, 10.500000000)", "sem_post(free)"}));
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{"sem_timedwait(items, 10.500000000)", "sem_post(free)"}));
 }
 
 TEST_F(SendQueueCalls, TheDeadlineIsHalfASecondAwayAndCarriesOneSecond) {
     const auto deadline = [&](long microseconds) {
         watch.SetClock(10, microseconds);
         EXPECT_EQ(queue.Take(), nullptr);  // long past
-        return watch.TakeCalls();
+        return watch.TakeSemaphoreCalls();
     };
     EXPECT_EQ(deadline(1), (Calls{"sem_timedwait(items, 10.500001000)"}));
     EXPECT_EQ(deadline(499'999), (Calls{"sem_timedwait(items, 10.999999000)"}));
@@ -78,84 +77,86 @@ TEST_F(SendQueueCalls, TheDeadlineIsHalfASecondAwayAndCarriesOneSecond) {
 
 TEST_F(SendQueueCalls, CloseWakesWhoWaitsThenDestroys) {
     queue.Enqueue(message);
-    watch.TakeCalls();
+    watch.TakeSemaphoreCalls();
     queue.Close();
-    EXPECT_EQ(watch.TakeCalls(), kCloseCalls);
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), kCloseCalls);
 }
 
 TEST_F(SendQueueCalls, AClosedQueueMakesNoCall) {
     queue.Close();
-    watch.TakeCalls();
+    watch.TakeSemaphoreCalls();
     queue.Close();
     queue.Enqueue(message);
     EXPECT_EQ(queue.Take(), nullptr);
-    EXPECT_EQ(watch.TakeCalls(), Calls{});
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), Calls{});
 }
 
 TEST_F(SendQueueCalls, ResetClosesThenOpens) {
     Calls expected = kCloseCalls;
     expected.insert(expected.end(), kOpenCalls.begin(), kOpenCalls.end());
     queue.Reset();
-    EXPECT_EQ(watch.TakeCalls(), expected);
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), expected);
 }
 
 TEST_F(SendQueueCalls, InterruptedCallsAreRepeated) {
-    for (const char* call : {"sem_wait(free", "sem_post(items", "sem_timedwait(items", "sem_post(free"}) {
-        watch.Fail(call, {EINTR, EAGAIN, EINTR});
-    }
+    const std::vector<int> errors = {EINTR, EAGAIN, EINTR};
+    watch.FailWith(CallWatch::sem_wait, CallWatch::kFreeSlots, errors);
+    watch.FailWith(CallWatch::sem_post, CallWatch::kItems, errors);
+    watch.FailWith(CallWatch::sem_timedwait, CallWatch::kItems, errors);
+    watch.FailWith(CallWatch::sem_post, CallWatch::kFreeSlots, errors);
     watch.SetClock(10, 0);
     queue.Enqueue(message);
-    EXPECT_EQ(watch.TakeCalls(),
+    EXPECT_EQ(watch.TakeSemaphoreCalls(),
               (Calls{"sem_wait(free)", "sem_wait(free)", "sem_wait(free)", "sem_wait(free)",
                      "sem_post(items)", "sem_post(items)", "sem_post(items)", "sem_post(items)"}));
     EXPECT_EQ(queue.Take(), message);
     const std::string wait = "sem_timedwait(items, 10.500000000)";
-    EXPECT_EQ(watch.TakeCalls(), (Calls{wait, wait, wait, wait, "sem_post(free)", "sem_post(free)",
-                                        "sem_post(free)", "sem_post(free)"}));
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{wait, wait, wait, wait, "sem_post(free)", "sem_post(free)",
+                                                 "sem_post(free)", "sem_post(free)"}));
 }
 
 TEST_F(SendQueueCalls, AQueueWithoutItsSemaphoresIsClosedUntilAResetMakesThem) {
     const Calls close_calls = kCloseCalls;
-    for (const char* call : {"sem_init(free", "sem_init(items"}) {
-        watch.Fail(call, {ENOSPC});
+    for (const uintptr_t failing : {CallWatch::kFreeSlots, CallWatch::kItems}) {
+        watch.FailWith(CallWatch::sem_init, failing, {ENOSPC});
         queue.Reset();
         Calls expected = close_calls;
         expected.emplace_back("sem_init(free, 0, 1073741823)");
-        if (call == std::string("sem_init(items")) {
+        if (failing == CallWatch::kItems) {
             expected.emplace_back("sem_init(items, 0, 0)");
             expected.emplace_back("sem_destroy(free)");
         }
-        EXPECT_EQ(watch.TakeCalls(), expected);
+        EXPECT_EQ(watch.TakeSemaphoreCalls(), expected);
         queue.Enqueue(message);
         EXPECT_EQ(queue.Take(), nullptr);
-        EXPECT_EQ(watch.TakeCalls(), Calls{});
+        EXPECT_EQ(watch.TakeSemaphoreCalls(), Calls{});
         queue.Reset();
-        EXPECT_EQ(watch.TakeCalls(), kOpenCalls);
+        EXPECT_EQ(watch.TakeSemaphoreCalls(), kOpenCalls);
         queue.Enqueue(message);
         EXPECT_EQ(queue.Take(), message);
-        watch.TakeCalls();
+        watch.TakeSemaphoreCalls();
     }
 }
 
 TEST_F(SendQueueCalls, AFailedWaitForASlotDropsTheMessage) {
-    watch.Fail("sem_wait(free", {EINVAL});
+    watch.FailWith(CallWatch::sem_wait, CallWatch::kFreeSlots, {EINVAL});
     queue.Enqueue(message);
-    EXPECT_EQ(watch.TakeCalls(), (Calls{"sem_wait(free)"}));
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{"sem_wait(free)"}));
     EXPECT_EQ(OtherReferences(*message), 0);
 }
 
 TEST_F(SendQueueCalls, AFailedWaitForAnItemLeavesTheMessageQueued) {
     queue.Enqueue(message);
-    watch.TakeCalls();
+    watch.TakeSemaphoreCalls();
     watch.SetClock(10, 0);
-    watch.Fail("sem_timedwait(items", {EINVAL});
+    watch.FailWith(CallWatch::sem_timedwait, CallWatch::kItems, {EINVAL});
     EXPECT_EQ(queue.Take(), nullptr);
-    EXPECT_EQ(watch.TakeCalls(), (Calls{"sem_timedwait(items, 10.500000000)"}));
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{"sem_timedwait(items, 10.500000000)"}));
     EXPECT_EQ(queue.Take(), message);
 }
 
 TEST_F(SendQueueCalls, AResetDuringTheWaitForASlotDropsTheMessage) {
-    watch.OnNext("sem_wait(free", [this] { ResetMeanwhile(); });
+    watch.OnNext(CallWatch::sem_wait, CallWatch::kFreeSlots, [this] { ResetMeanwhile(); });
     queue.Enqueue(message);
     resetter.join();
     EXPECT_EQ(OtherReferences(*message), 0);
@@ -165,7 +166,7 @@ TEST_F(SendQueueCalls, AResetDuringTheWaitForASlotDropsTheMessage) {
 
 TEST_F(SendQueueCalls, AResetDuringTheWaitForAnItemGivesNothing) {
     queue.Enqueue(message);
-    watch.OnNext("sem_timedwait(items", [this] { ResetMeanwhile(); });
+    watch.OnNext(CallWatch::sem_timedwait, CallWatch::kItems, [this] { ResetMeanwhile(); });
     EXPECT_EQ(queue.Take(), nullptr);
     resetter.join();
     EXPECT_EQ(OtherReferences(*message), 0);
@@ -176,7 +177,7 @@ TEST_F(SendQueueCalls, AResetDuringTheWaitForAnItemGivesNothing) {
 TEST_F(SendQueueCalls, ACloseUnderWayHoldsNobodyUp) {
     std::atomic<bool> back{false};
     std::thread user;
-    watch.OnNext("usleep(100000", [&] {
+    watch.OnNext(CallWatch::usleep, 100000, [&] {
         user = std::thread([&] {
             queue.Enqueue(message);
             EXPECT_EQ(queue.Take(), nullptr);
@@ -190,7 +191,7 @@ TEST_F(SendQueueCalls, ACloseUnderWayHoldsNobodyUp) {
 }
 
 TEST_F(SendQueueCalls, AResetWaitsForThePostOfAnItem) {
-    watch.OnNext("sem_post(items", [this] {
+    watch.OnNext(CallWatch::sem_post, CallWatch::kItems, [this] {
         EXPECT_EQ(OtherReferences(*message), 1);
         ResetMeanwhile();
     });
@@ -203,7 +204,7 @@ TEST_F(SendQueueCalls, AResetWaitsForThePostOfAnItem) {
 
 TEST_F(SendQueueCalls, AResetWaitsForThePostOfASlotAndTheMessageIsTaken) {
     queue.Enqueue(message);
-    watch.OnNext("sem_post(free", [this] { ResetMeanwhile(); });
+    watch.OnNext(CallWatch::sem_post, CallWatch::kFreeSlots, [this] { ResetMeanwhile(); });
     EXPECT_EQ(queue.Take(), message);
     resetter.join();
     EXPECT_EQ(OtherReferences(*message), 0);

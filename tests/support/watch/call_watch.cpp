@@ -1,0 +1,291 @@
+#include "tests/support/watch/call_watch.h"
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <utility>
+
+// The linker sends each call of f to __wrap_f, and __real_f to f.
+#define ZU_CALL(result, name, parameters, value, call, failure, ...) \
+    extern "C" result __real_##name parameters;                      \
+    extern "C" result __wrap_##name parameters;
+#include "tests/support/watch/watched_calls.def"
+#undef ZU_CALL
+
+namespace {
+
+using zumod::testing::CallWatch;
+
+const char* const kNames[] = {
+#define ZU_CALL(result, name, parameters, value, call, failure, ...) #name,
+#include "tests/support/watch/watched_calls.def"
+#undef ZU_CALL
+};
+
+struct Event {
+    CallWatch::Call call;
+    uintptr_t value;
+    long first = 0;   // sem_init: shared; sem_timedwait: seconds
+    long second = 0;  // sem_init: the initial count; sem_timedwait: nanoseconds
+
+    bool Is(CallWatch::Call wanted_call, uintptr_t wanted_value) const {
+        return call == wanted_call && (wanted_value == CallWatch::kAny || value == wanted_value);
+    }
+};
+
+struct Failure {
+    CallWatch::Call call;
+    uintptr_t value;
+    int error;
+    int times;
+};
+
+struct Hook {
+    CallWatch::Call call;
+    uintptr_t value;
+    std::function<void()> run;
+};
+
+struct State {
+    std::vector<Event> events;
+    size_t taken = 0;  // events before this one were returned by TakeSemaphoreCalls
+    std::vector<Failure> failures;
+    std::vector<Hook> hooks;
+    std::map<const void*, uintptr_t> roles;
+    std::function<void()> thread_start;
+    void* (*thread_entry)(void*) = nullptr;
+    std::optional<timeval> clock;
+    void* first_malloc = nullptr;
+};
+
+std::atomic<bool> g_watching{false};
+std::mutex g_mutex;
+// The watch's own calls are not watched.
+thread_local bool t_in_watch = false;
+
+// Never destroyed: calls come until the process ends.
+State& TheState() {
+    static State& state = *new State;
+    return state;
+}
+
+class Access {
+public:
+    Access() : m_outer(std::exchange(t_in_watch, true)), m_guard(g_mutex) {}
+    ~Access() { t_in_watch = m_outer; }
+    Access(const Access&) = delete;
+    Access& operator=(const Access&) = delete;
+    State* operator->() const { return &TheState(); }
+
+private:
+    const bool m_outer;
+    const std::lock_guard<std::mutex> m_guard;
+};
+
+bool IsWatched() {
+    return g_watching && !t_in_watch;
+}
+
+// Records the call and runs its hook; returns the error that it fails with, or 0.
+int Enter(const Event& event) {
+    std::function<void()> hook;
+    int error = 0;
+    {
+        const Access state;
+        state->events.push_back(event);
+        const auto matches = [&](const auto& each) { return event.Is(each.call, each.value); };
+        const auto found = std::find_if(state->hooks.begin(), state->hooks.end(), matches);
+        if (found != state->hooks.end()) {
+            hook = std::move(found->run);
+            state->hooks.erase(found);
+        }
+        const auto failure = std::find_if(state->failures.begin(), state->failures.end(), matches);
+        if (failure != state->failures.end()) {
+            error = failure->error;
+            if (--failure->times == 0) {
+                state->failures.erase(failure);
+            }
+        }
+    }
+    if (hook) {
+        hook();
+    }
+    return error;
+}
+
+template <class Pointer>
+uintptr_t Number(Pointer pointer) {
+    return reinterpret_cast<uintptr_t>(pointer);
+}
+
+uintptr_t RoleOf(const sem_t* semaphore) {
+    const Access state;
+    return state->roles[semaphore];
+}
+
+uintptr_t NewRole(const sem_t* semaphore, unsigned initial) {
+    const Access state;
+    return state->roles[semaphore] = initial == 0 ? CallWatch::kItems : CallWatch::kFreeSlots;
+}
+
+void* FirstBlock(void* block) {
+    if (!IsWatched()) {
+        return block;
+    }
+    const Access state;
+    if (state->first_malloc == nullptr) {
+        state->first_malloc = block;
+    }
+    return block;
+}
+
+[[noreturn]] void* ThrowBadAlloc() {
+    throw std::bad_alloc();
+}
+
+void* RunHookThenThread(void* argument) {
+    std::function<void()> hook;
+    void* (*entry)(void*) = nullptr;
+    {
+        const Access state;
+        hook = state->thread_start;
+        entry = state->thread_entry;
+    }
+    hook();
+    return entry(argument);
+}
+
+// What a new thread begins with.
+auto FirstRunHook(void* (*entry)(void*)) -> void* (*)(void*) {
+    if (!IsWatched()) {
+        return entry;
+    }
+    const Access state;
+    state->thread_entry = entry;
+    return state->thread_start ? &RunHookThenThread : entry;
+}
+
+int TimeOfDay(timeval* now, void* zone) {
+    if (IsWatched()) {
+        const Access state;
+        if (state->clock) {
+            *now = *state->clock;
+            return 0;
+        }
+    }
+    return __real_gettimeofday(now, zone);
+}
+
+std::string TextOf(const Event& event) {
+    const std::string begin = std::string(kNames[event.call]) + '(';
+    if (event.call == CallWatch::usleep) {
+        return begin + std::to_string(event.value) + ')';
+    }
+    const std::string name = event.value == CallWatch::kItems ? "items" : "free";
+    if (event.call == CallWatch::sem_init) {
+        return begin + name + ", " + std::to_string(event.first) + ", " + std::to_string(event.second) + ')';
+    }
+    char deadline[64] = "";
+    if (event.call == CallWatch::sem_timedwait) {
+        std::snprintf(deadline, sizeof deadline, ", %ld.%09ld", event.first, event.second);
+    }
+    return begin + name + deadline + ')';
+}
+
+}  // namespace
+
+#define ZU_CALL(result, name, parameters, value, call, failure, ...)                                        \
+    result __wrap_##name parameters {                                                                       \
+        if (IsWatched()) {                                                                                  \
+            if (const int error = Enter({CallWatch::name, value __VA_OPT__(, ) __VA_ARGS__}); error != 0) { \
+                return failure;                                                                             \
+            }                                                                                               \
+        }                                                                                                   \
+        return call;                                                                                        \
+    }
+#include "tests/support/watch/watched_calls.def"
+#undef ZU_CALL
+
+namespace zumod::testing {
+
+CallWatch::CallWatch() {
+    const Access state;
+    TheState() = {};
+    g_watching = true;
+}
+
+CallWatch::~CallWatch() {
+    const Access state;
+    TheState() = {};
+    g_watching = false;
+}
+
+void CallWatch::Fail(Call call, uintptr_t value, int times) {
+    const Access state;
+    state->failures.push_back({call, value, call == pthread_create ? EAGAIN : ENOMEM, times});
+}
+
+void CallWatch::FailWith(Call call, uintptr_t value, const std::vector<int>& errors) {
+    const Access state;
+    for (const int error : errors) {
+        state->failures.push_back({call, value, error, 1});
+    }
+}
+
+void CallWatch::OnNext(Call call, uintptr_t value, std::function<void()> hook) {
+    const Access state;
+    state->hooks.push_back({call, value, std::move(hook)});
+}
+
+void CallWatch::OnThreadStart(std::function<void()> hook) {
+    const Access state;
+    state->thread_start = std::move(hook);
+}
+
+void CallWatch::SetClock(long seconds, long microseconds) {
+    const Access state;
+    state->clock = timeval{seconds, microseconds};
+}
+
+int CallWatch::Count(Call call, uintptr_t value) const {
+    const Access state;
+    return static_cast<int>(std::count_if(state->events.begin(), state->events.end(),
+                                          [&](const Event& event) { return event.Is(call, value); }));
+}
+
+uintptr_t CallWatch::LastValue(Call call) const {
+    const Access state;
+    const auto found = std::find_if(state->events.rbegin(), state->events.rend(),
+                                    [&](const Event& event) { return event.call == call; });
+    return found != state->events.rend() ? found->value : 0;
+}
+
+void* CallWatch::FirstMalloc() const {
+    const Access state;
+    return state->first_malloc;
+}
+
+std::vector<std::string> CallWatch::TakeSemaphoreCalls() {
+    std::vector<std::string> calls;
+    const Access state;
+    for (; state->taken < state->events.size(); ++state->taken) {
+        const Event& event = state->events[state->taken];
+        if (event.call >= sem_init && event.call <= usleep) {
+            calls.push_back(TextOf(event));
+        }
+    }
+    return calls;
+}
+
+}  // namespace zumod::testing

@@ -1,0 +1,62 @@
+// The heap, thread, semaphore and clock calls of a test program: counted, listed, made to fail and stopped
+// at. A program that links zu_call_watch has these calls of its own objects, but not those of shared
+// libraries, sent through here.
+//
+// Thread rule: one watch at a time; the calls it watches come from [any thread].
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace zumod::testing {
+
+class CallWatch {
+public:
+    // Named after the C functions; _Znwm is the global operator new.
+    enum Call : int {
+#define ZU_CALL(result, name, parameters, value, call, failure, ...) name,
+#include "tests/support/watch/watched_calls.def"
+#undef ZU_CALL
+    };
+
+    // The value of a call is the size of the block it asks for, the block it frees, the argument of the new
+    // thread, the thread, the mutex, the pause, or which semaphore it is for: one that was made with 0 counts
+    // items, one made with more counts free slots.
+    static constexpr uintptr_t kAny = UINTPTR_MAX;
+    static constexpr uintptr_t kItems = 0;
+    static constexpr uintptr_t kFreeSlots = 1;
+
+    // Counting starts, nothing fails.
+    CallWatch();
+    ~CallWatch();
+    CallWatch(const CallWatch&) = delete;
+    CallWatch& operator=(const CallWatch&) = delete;
+
+    // The next `times` of these calls fail.
+    void Fail(Call call, uintptr_t value, int times = 1);
+    // The next of these calls fail, one with each of the errors.
+    void FailWith(Call call, uintptr_t value, const std::vector<int>& errors);
+    // The next of these calls runs the hook first, on its thread.
+    void OnNext(Call call, uintptr_t value, std::function<void()> hook);
+    // Each new thread runs the hook first. One thread may be starting at a time.
+    void OnThreadStart(std::function<void()> hook);
+    // What gettimeofday returns from now on.
+    void SetClock(long seconds, long microseconds);
+
+    // Failed calls count too.
+    int Count(Call call, uintptr_t value = kAny) const;
+    // The value of the last of these calls; 0 if there was none.
+    uintptr_t LastValue(Call call) const;
+    int FreesOf(const void* block) const {
+        return Count(free, reinterpret_cast<uintptr_t>(block));
+    }
+    // The first block that malloc returned.
+    void* FirstMalloc() const;
+    // The semaphore calls and pauses since the last Take, as text: "sem_post(items)", "sem_init(free, 0,
+    // 1073741823)", "sem_timedwait(items, 1.500000000)", "usleep(100000)".
+    std::vector<std::string> TakeSemaphoreCalls();
+};
+
+}  // namespace zumod::testing
