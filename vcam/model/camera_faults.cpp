@@ -64,7 +64,7 @@ int Camera::FailCall(FaultKind kind, unsigned long command, int error) {
             continue;
         }
         if (active.fault.Covers(++active.calls) && result == 0) {
-            result = kind == FaultKind::kErrno ? active.fault.error : error;
+            result = kind == FaultKind::kErrno ? static_cast<int>(active.fault.error) : error;
         }
     }
     return result;

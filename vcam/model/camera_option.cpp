@@ -277,8 +277,9 @@ std::string DescribeOptions() {
         "\nFaults, as fault=NAME/ARGUMENT..., or while it runs: zu-vcam ctl CAMERA NAME/ARGUMENT...\n"
         "Arguments may be left out from the right. Frames count from 0 within a stream, calls from 1;\n"
         "a COUNT of 0 means from then on.\n";
-    for (const FaultDescription& fault : FaultDescriptions()) {
-        std::snprintf(line, sizeof line, "  %-15s %-25s %s\n", fault.name, fault.arguments, fault.help);
+    for (const FaultRow& fault : FaultRows()) {
+        std::snprintf(line, sizeof line, "  %-15s %-25s %s\n", fault.name, ArgumentsText(fault).c_str(),
+                      fault.help);
         text += line;
     }
     return text;

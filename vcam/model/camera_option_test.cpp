@@ -79,7 +79,7 @@ TEST(CameraOption, SaysInOneLineWhatIsWrong) {
 
 TEST(CameraOption, DescribesEveryFault) {
     const std::string text = DescribeOptions();
-    for (const FaultDescription& fault : FaultDescriptions()) {
+    for (const FaultRow& fault : FaultRows()) {
         EXPECT_NE(text.find(std::string("  ") + fault.name + " "), std::string::npos) << fault.name;
     }
     for (const char* key : {"device", "card", "formats", "sizes", "fps", "adjust", "parm", "padding",

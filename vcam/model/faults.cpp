@@ -5,14 +5,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <iterator>
+#include <stdexcept>
+#include <vector>
 
 namespace zumod::vcam {
 namespace {
 
 struct NamedNumber {
     const char* name;
-    uint32_t number;
+    uint64_t number;
 };
 
 constexpr NamedNumber kRequests[] = {
@@ -48,92 +49,102 @@ constexpr NamedNumber kErrors[] = {
     {"ERANGE", ERANGE}, {"EPROTO", EPROTO}, {"ETIMEDOUT", ETIMEDOUT},
 };
 
-// One argument of a fault: the field it goes to, and whether it may be left out.
-struct Argument {
-    uint64_t Fault::*field;
-    bool required;
+constexpr FaultArgument kFirst = {"FIRST", &Fault::first};
+constexpr FaultArgument kCount = {"COUNT", &Fault::count};
+constexpr FaultArgument kBefore = {"FRAME", &Fault::first};
+constexpr FaultArgument kMs = {"MS", &Fault::value};
+
+constexpr FaultArgument Value(const char* name) {
+    return {name, &Fault::value};
+}
+constexpr FaultArgument Needed(const char* name, uint64_t Fault::*field = &Fault::value) {
+    return {name, field, true};
+}
+
+// The call that fails, and how. For kErrno the arguments say it.
+constexpr Fault Fails(FaultKind kind, uint64_t request, uint64_t error, uint64_t count = 1) {
+    return {.kind = kind, .first = 1, .count = count, .request = request, .error = error};
+}
+
+using enum FaultKind;
+using enum FaultScope;
+
+// clang-format off
+constexpr FaultRow kRows[] = {
+    {kState, {.kind = kUnplug}, "unplug", {kBefore},
+     "is unplugged before frame FRAME of a stream (0 or none: at once)"},
+    {kState, {.kind = kReplug}, "replug", {kMs},
+     "comes back under its number, MS milliseconds after it was unplugged"},
+    {kState, {.kind = kReplugAs}, "replug-as", {Needed("NUMBER", &Fault::value2), kMs},
+     "comes back as /dev/videoNUMBER"},
+    {kCall, Fails(kErrno, 0, 0), "errno",
+     {Needed("REQUEST", &Fault::request), Needed("ERROR", &Fault::error), kFirst, kCount},
+     "COUNT calls of REQUEST fail with ERROR, from the FIRST from now: errno/DQBUF/EIO/3/1"},
+    {kCall, Fails(kOpenBusy, kOpenCall, EBUSY), "open-busy", {kCount},
+     "open fails with EBUSY, COUNT times (0: always)"},
+    {kCall, Fails(kFormatBusy, VIDIOC_S_FMT, EBUSY), "format-busy", {kCount},
+     "S_FMT fails with EBUSY"},
+    {kCall, Fails(kBuffersBusy, VIDIOC_REQBUFS, EBUSY), "buffers-busy", {kCount},
+     "REQBUFS fails with EBUSY"},
+    {kCall, Fails(kStreamBusy, VIDIOC_STREAMON, EBUSY), "stream-busy", {kCount},
+     "STREAMON fails with EBUSY"},
+    {kCall, Fails(kEintrStorm, VIDIOC_DQBUF, EINTR, 100), "eintr-storm", {kCount},
+     "DQBUF fails with EINTR (100 times unless COUNT says)"},
+    {kCall, Fails(kEagainStorm, VIDIOC_DQBUF, EAGAIN, 100), "eagain-storm", {kCount},
+     "DQBUF fails with EAGAIN (100 times unless COUNT says)"},
+    {kFrame, {.kind = kReadableEmpty}, "readable-empty", {kFirst, kCount},
+     "the descriptor is readable, and there is nothing to dequeue"},
+    {kFrame, {.kind = kShort, .value = 50}, "short", {kFirst, kCount, Value("PERCENT")},
+     "bytesused is PERCENT of the picture (50)"},
+    {kFrame, {.kind = kZero}, "zero", {kFirst, kCount},
+     "bytesused is 0"},
+    {kFrame, {.kind = kLong, .value = 4096}, "long", {kFirst, kCount, Value("BYTES")},
+     "bytesused is BYTES (4096) more than the buffer's length"},
+    {kFrame, {.kind = kErrorFlag}, "error-flag", {kFirst, kCount},
+     "the buffer is flagged as faulty"},
+    {kFrame, {.kind = kBadIndex, .value = 1000}, "bad-index", {kFirst, kCount, Value("INDEX")},
+     "the buffer's index is INDEX (1000)"},
+    {kState, {.kind = kStall}, "stall", {Needed("MS"), kBefore},
+     "no frame for MS milliseconds, before frame FRAME"},
+    {kState, {.kind = kNoFrames}, "no-frames", {},
+     "streams, and never gives a frame"},
+    {kClock, {.kind = kTooFast, .value = 4}, "too-fast", {Value("FACTOR")},
+     "gives frames FACTOR (4) times as fast as was agreed"},
+    {kFrame, {.kind = kDrop}, "drop", {kFirst, kCount},
+     "frames are lost; the sequence number shows it"},
+    {kFrame, {.kind = kDropEvery}, "drop-every", {Needed("N")},
+     "every Nth frame is lost"},
+    {kClock, {.kind = kSequenceWrap, .value = 10}, "sequence-wrap", {Value("FRAMES")},
+     "the sequence number wraps after FRAMES (10)"},
+    {kClock, {.kind = kTimeWrap, .value = 500}, "time-wrap", {kMs},
+     "the time stamp's seconds wrap at 32 bits after MS (500)"},
+    {kFrame, {.kind = kTimeBack, .value = 1000}, "time-back", {kFirst, kCount, kMs},
+     "the time stamp is MS (1000) too early"},
+    {kFrame, {.kind = kRepeat, .first = 1}, "repeat", {kFirst, kCount},
+     "the sequence number of the frame before comes again"},
+    {kState, {.kind = kSizeChange}, "size-change", {Needed("WIDTH"), Needed("HEIGHT", &Fault::value2)},
+     "S_FMT sets this size, whatever was asked"},
+    {kState, {.kind = kStrideChange, .value = 64}, "stride-change", {Value("BYTES")},
+     "S_FMT makes rows BYTES (64) longer than TRY_FMT said"},
+    {kState, {.kind = kFatal}, "fatal", {kBefore},
+     "before frame FRAME streaming fails (EIO) until STREAMOFF"},
+    {kState, {.kind = kGrant}, "grant", {Needed("N")},
+     "REQBUFS grants N buffers, whatever was asked"},
+    {kState, {.kind = kSlowOpen}, "slow-open", {Needed("MS")},
+     "open takes MS milliseconds"},
 };
+// clang-format on
 
-std::vector<Argument> ArgumentsOf(FaultKind kind) {
-    switch (kind) {
-        case FaultKind::kUnplug:
-        case FaultKind::kFatal:
-            return {{&Fault::first, false}};
-        case FaultKind::kReplug:
-        case FaultKind::kSequenceWrap:
-        case FaultKind::kTimeWrap:
-        case FaultKind::kTooFast:
-        case FaultKind::kStrideChange:
-            return {{&Fault::value, false}};
-        case FaultKind::kDropEvery:
-        case FaultKind::kGrant:
-        case FaultKind::kSlowOpen:
-            return {{&Fault::value, true}};
-        case FaultKind::kReplugAs:
-            return {{&Fault::value2, true}, {&Fault::value, false}};
-        case FaultKind::kSizeChange:
-            return {{&Fault::value, true}, {&Fault::value2, true}};
-        case FaultKind::kStall:
-            return {{&Fault::value, true}, {&Fault::first, false}};
-        case FaultKind::kOpenBusy:
-        case FaultKind::kFormatBusy:
-        case FaultKind::kBuffersBusy:
-        case FaultKind::kStreamBusy:
-        case FaultKind::kEintrStorm:
-        case FaultKind::kEagainStorm:
-            return {{&Fault::count, false}};
-        case FaultKind::kErrno:
-        case FaultKind::kReadableEmpty:
-        case FaultKind::kZero:
-        case FaultKind::kErrorFlag:
-        case FaultKind::kDrop:
-        case FaultKind::kRepeat:
-            return {{&Fault::first, false}, {&Fault::count, false}};
-        case FaultKind::kShort:
-        case FaultKind::kLong:
-        case FaultKind::kBadIndex:
-        case FaultKind::kTimeBack:
-            return {{&Fault::first, false}, {&Fault::count, false}, {&Fault::value, false}};
-        case FaultKind::kNoFrames:
-            return {};
+constexpr bool IsInOrder() {
+    size_t index = 0;
+    for (const FaultRow& row : kRows) {
+        if (static_cast<size_t>(row.defaults.kind) != index++) {
+            return false;
+        }
     }
-    return {};
+    return true;
 }
-
-Fault Defaults(FaultKind kind) {
-    switch (kind) {
-        case FaultKind::kOpenBusy:
-        case FaultKind::kFormatBusy:
-        case FaultKind::kBuffersBusy:
-        case FaultKind::kStreamBusy:
-        case FaultKind::kErrno:
-            return {kind, 1};
-        case FaultKind::kEintrStorm:
-            return faults::EintrStorm();
-        case FaultKind::kEagainStorm:
-            return faults::EagainStorm();
-        case FaultKind::kShort:
-            return faults::Short();
-        case FaultKind::kLong:
-            return faults::Long();
-        case FaultKind::kBadIndex:
-            return faults::BadIndex();
-        case FaultKind::kTooFast:
-            return faults::TooFast();
-        case FaultKind::kSequenceWrap:
-            return faults::SequenceWrap();
-        case FaultKind::kTimeWrap:
-            return faults::TimeWrap();
-        case FaultKind::kTimeBack:
-            return faults::TimeBack();
-        case FaultKind::kRepeat:
-            return faults::Repeat();
-        case FaultKind::kStrideChange:
-            return faults::StrideChange();
-        default:
-            return {kind};
-    }
-}
+static_assert(IsInOrder(), "RowOf finds a row by its place");
 
 std::vector<std::string_view> Split(std::string_view text) {
     std::vector<std::string_view> parts;
@@ -147,111 +158,97 @@ std::vector<std::string_view> Split(std::string_view text) {
     }
 }
 
-int ParseError(std::string_view text) {
-    const auto* found = std::find_if(std::begin(kErrors), std::end(kErrors),
-                                     [text](const NamedNumber& entry) { return text == entry.name; });
-    return found == std::end(kErrors) ? 0 : static_cast<int>(found->number);
+bool ReadName(std::string_view text, std::span<const NamedNumber> names, uint64_t& number) {
+    const auto found = std::find_if(names.begin(), names.end(),
+                                    [text](const NamedNumber& entry) { return text == entry.name; });
+    if (found == names.end()) {
+        return false;
+    }
+    number = found->number;
+    return true;
+}
+
+bool ReadNumber(std::string_view text, uint64_t& number) {
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end;
+}
+
+bool ReadArgument(const FaultArgument& argument, std::string_view text, Fault& fault) {
+    uint64_t& number = fault.*argument.field;
+    if (argument.field == &Fault::request) {
+        constexpr std::string_view kPrefix = "VIDIOC_";
+        text.remove_prefix(text.starts_with(kPrefix) ? kPrefix.size() : 0);
+        return ReadName(text, kRequests, number);
+    }
+    return argument.field == &Fault::error ? ReadName(text, kErrors, number) : ReadNumber(text, number);
 }
 
 }  // namespace
 
-const std::vector<FaultDescription>& FaultDescriptions() {
-    static const std::vector<FaultDescription> descriptions = {
-        {FaultKind::kUnplug, "unplug", "FRAME",
-         "is unplugged before frame FRAME of a stream (0 or none: at once)"},
-        {FaultKind::kReplug, "replug", "MS",
-         "comes back under its number, MS milliseconds after it was unplugged"},
-        {FaultKind::kReplugAs, "replug-as", "NUMBER/MS", "comes back as /dev/videoNUMBER"},
-        {FaultKind::kErrno, "errno", "REQUEST/ERROR/FIRST/COUNT",
-         "COUNT calls of REQUEST fail with ERROR, from the FIRST from now: errno/DQBUF/EIO/3/1"},
-        {FaultKind::kOpenBusy, "open-busy", "COUNT", "open fails with EBUSY, COUNT times (0: always)"},
-        {FaultKind::kFormatBusy, "format-busy", "COUNT", "S_FMT fails with EBUSY"},
-        {FaultKind::kBuffersBusy, "buffers-busy", "COUNT", "REQBUFS fails with EBUSY"},
-        {FaultKind::kStreamBusy, "stream-busy", "COUNT", "STREAMON fails with EBUSY"},
-        {FaultKind::kEintrStorm, "eintr-storm", "COUNT",
-         "DQBUF fails with EINTR (100 times unless COUNT says)"},
-        {FaultKind::kEagainStorm, "eagain-storm", "COUNT",
-         "DQBUF fails with EAGAIN (100 times unless COUNT says)"},
-        {FaultKind::kReadableEmpty, "readable-empty", "FIRST/COUNT",
-         "the descriptor is readable, and there is nothing to dequeue"},
-        {FaultKind::kShort, "short", "FIRST/COUNT/PERCENT", "bytesused is PERCENT of the picture (50)"},
-        {FaultKind::kZero, "zero", "FIRST/COUNT", "bytesused is 0"},
-        {FaultKind::kLong, "long", "FIRST/COUNT/BYTES",
-         "bytesused is BYTES (4096) more than the buffer's length"},
-        {FaultKind::kErrorFlag, "error-flag", "FIRST/COUNT", "the buffer is flagged as faulty"},
-        {FaultKind::kBadIndex, "bad-index", "FIRST/COUNT/INDEX", "the buffer's index is INDEX (1000)"},
-        {FaultKind::kStall, "stall", "MS/FRAME", "no frame for MS milliseconds, before frame FRAME"},
-        {FaultKind::kNoFrames, "no-frames", "", "streams, and never gives a frame"},
-        {FaultKind::kTooFast, "too-fast", "FACTOR", "gives frames FACTOR (4) times as fast as was agreed"},
-        {FaultKind::kDrop, "drop", "FIRST/COUNT", "frames are lost; the sequence number shows it"},
-        {FaultKind::kDropEvery, "drop-every", "N", "every Nth frame is lost"},
-        {FaultKind::kSequenceWrap, "sequence-wrap", "FRAMES", "the sequence number wraps after FRAMES (10)"},
-        {FaultKind::kTimeWrap, "time-wrap", "MS", "the time stamp's seconds wrap at 32 bits after MS (500)"},
-        {FaultKind::kTimeBack, "time-back", "FIRST/COUNT/MS", "the time stamp is MS (1000) too early"},
-        {FaultKind::kRepeat, "repeat", "FIRST/COUNT", "the sequence number of the frame before comes again"},
-        {FaultKind::kSizeChange, "size-change", "WIDTH/HEIGHT", "S_FMT sets this size, whatever was asked"},
-        {FaultKind::kStrideChange, "stride-change", "BYTES",
-         "S_FMT makes rows BYTES (64) longer than TRY_FMT said"},
-        {FaultKind::kFatal, "fatal", "FRAME", "before frame FRAME streaming fails (EIO) until STREAMOFF"},
-        {FaultKind::kGrant, "grant", "N", "REQBUFS grants N buffers, whatever was asked"},
-        {FaultKind::kSlowOpen, "slow-open", "MS", "open takes MS milliseconds"},
-    };
-    return descriptions;
+std::span<const FaultRow> FaultRows() {
+    return kRows;
 }
 
-uint32_t ParseRequest(std::string_view text) {
-    constexpr std::string_view prefix = "VIDIOC_";
-    if (text.substr(0, prefix.size()) == prefix) {
-        text.remove_prefix(prefix.size());
+const FaultRow& RowOf(FaultKind kind) {
+    return kRows[static_cast<size_t>(kind)];
+}
+
+std::string ArgumentsText(const FaultRow& row) {
+    std::string text;
+    for (const FaultArgument& argument : row.arguments) {
+        if (argument.name != nullptr) {
+            text += text.empty() ? "" : "/";
+            text += argument.name;
+        }
     }
-    const auto* found = std::find_if(std::begin(kRequests), std::end(kRequests),
-                                     [text](const NamedNumber& entry) { return text == entry.name; });
-    return found == std::end(kRequests) ? 0 : found->number;
+    return text;
 }
 
 std::optional<Fault> ParseFault(std::string_view text, std::string& error) {
-    std::vector<std::string_view> parts = Split(text);
+    const std::vector<std::string_view> parts = Split(text);
     const std::string name(parts[0]);
-    const auto& descriptions = FaultDescriptions();
-    const auto description =
-        std::find_if(descriptions.begin(), descriptions.end(),
-                     [&name](const FaultDescription& entry) { return entry.name == name; });
-    if (description == descriptions.end()) {
+    const auto* row = std::find_if(std::begin(kRows), std::end(kRows),
+                                   [&name](const FaultRow& candidate) { return candidate.name == name; });
+    if (row == std::end(kRows)) {
         error = "unknown fault \"" + name + "\"";
         return std::nullopt;
     }
-    Fault fault = Defaults(description->kind);
+    Fault fault = row->defaults;
     size_t next = 1;
-    if (fault.kind == FaultKind::kErrno) {
-        fault.request = parts.size() > 1 ? ParseRequest(parts[1]) : 0;
-        fault.error = parts.size() > 2 ? ParseError(parts[2]) : 0;
-        if (fault.request == 0 || fault.error == 0) {
-            error = "fault errno needs a known request and a known error, as in errno/DQBUF/EIO";
-            return std::nullopt;
-        }
-        next = 3;
-    }
-    for (const Argument& argument : ArgumentsOf(fault.kind)) {
-        if (next >= parts.size()) {
-            if (argument.required) {
-                error = "fault " + name + " needs " + description->arguments;
-                return std::nullopt;
-            }
+    for (const FaultArgument& argument : row->arguments) {
+        if (argument.name == nullptr) {
             break;
         }
-        uint64_t number = 0;
-        const char* end = parts[next].data() + parts[next].size();
-        const auto result = std::from_chars(parts[next].data(), end, number);
-        if (result.ec != std::errc() || result.ptr != end) {
+        if (next < parts.size() && ReadArgument(argument, parts[next], fault)) {
+            ++next;
+        } else if (argument.field == &Fault::request || argument.field == &Fault::error) {
+            error = "fault errno needs a known request and a known error, as in errno/DQBUF/EIO";
+            return std::nullopt;
+        } else if (next < parts.size()) {
             error = "fault " + name + ": \"" + std::string(parts[next]) + "\" is not a number";
             return std::nullopt;
+        } else if (argument.required) {
+            error = "fault " + name + " needs " + ArgumentsText(*row);
+            return std::nullopt;
         }
-        fault.*argument.field = number;
-        ++next;
     }
     if (next < parts.size()) {
         error = "fault " + name + " takes no \"" + std::string(parts[next]) + "\"";
         return std::nullopt;
+    }
+    return fault;
+}
+
+Fault MakeFault(FaultKind kind, std::initializer_list<uint64_t> arguments) {
+    const FaultRow& row = RowOf(kind);
+    Fault fault = row.defaults;
+    const FaultArgument* argument = row.arguments;
+    for (const uint64_t value : arguments) {
+        if (argument == std::end(row.arguments) || argument->name == nullptr) {
+            throw std::invalid_argument(std::string("fault ") + row.name + " takes fewer arguments");
+        }
+        fault.*(argument++)->field = value;
     }
     return fault;
 }

@@ -1,12 +1,14 @@
-// The faults a camera can be told to have: what each is called on the command line, and how a test asks for
-// it in C++. Values and pure functions; any thread.
+// The faults a camera can be told to have: one table row per fault, from which the parser, the help text and
+// the lists in the documents are made. Thread rule: values and pure functions; any thread.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace zumod::vcam {
 
@@ -43,127 +45,117 @@ enum class FaultKind {
     kSlowOpen,
 };
 
+// Fault::request of open(2), which is not an ioctl.
+inline constexpr uint64_t kOpenCall = 0;
+
 struct Fault {
     FaultKind kind = FaultKind::kUnplug;
-    uint64_t first = 0;  // the first frame of a stream, counted from 0, or the first call from now, from 1
-    uint64_t count = 1;  // how many of them; 0 is all from then on
-    uint64_t value = 0;  // what the fault's description says
-    uint64_t value2 = 0;
-    uint32_t request = 0;  // a VIDIOC_ number, for kErrno
-    int error = 0;         // for kErrno
+    uint64_t first = 0;    // first frame of a stream, counted from 0, or first call from now, counted from 1
+    uint64_t count = 1;    // number of frames or calls; 0: all from the first on
+    uint64_t value = 0;    // see the arguments of the fault's row
+    uint64_t value2 = 0;   // see the arguments of the fault's row
+    uint64_t request = 0;  // of a call: a VIDIOC_ number or kOpenCall
+    uint64_t error = 0;    // of a call: the errno it fails with
 
     bool operator==(const Fault&) const = default;
 
-    // Whether a frame, or a call counted from 1, is meant.
+    // Whether it applies to this frame, or to this call, counted from 1.
     bool Covers(uint64_t index) const { return index >= first && (count == 0 || index - first < count); }
 };
 
-struct FaultDescription {
-    FaultKind kind;
+// What a fault applies to.
+enum class FaultScope {
+    kCall,   // calls of one kind, counted from the moment the fault is injected
+    kFrame,  // frames, counted within a stream
+    kClock,  // the sequence numbers and times of all frames
+    kState,  // the camera, until the fault is cleared or has happened
+};
+
+struct FaultArgument {
+    const char* name = nullptr;  // as shown to a user: "COUNT"; null: there is no such argument
+    uint64_t Fault::*field = nullptr;
+    bool required = false;
+};
+
+struct FaultRow {
+    FaultScope scope;
+    Fault defaults;  // with the kind
     const char* name;
-    const char* arguments;  // as shown to a user: "FIRST/COUNT"
+    FaultArgument arguments[4];
     const char* help;
 };
 
-const std::vector<FaultDescription>& FaultDescriptions();
+// All faults, in the order of FaultKind.
+std::span<const FaultRow> FaultRows();
+const FaultRow& RowOf(FaultKind kind);
+// The arguments as shown to a user: "FIRST/COUNT".
+std::string ArgumentsText(const FaultRow& row);
 
-// "errno/DQBUF/EIO/3" to a fault; on failure `error` says what is wrong, in one line.
+// "errno/DQBUF/EIO/3" to a fault. On failure `error` says in one line what is wrong.
 std::optional<Fault> ParseFault(std::string_view text, std::string& error);
-// "DQBUF" or "VIDIOC_DQBUF" to its number, 0 for an unknown one.
-uint32_t ParseRequest(std::string_view text);
+// The same with numbers for all arguments, in the row's order. Throws std::invalid_argument for too many.
+Fault MakeFault(FaultKind kind, std::initializer_list<uint64_t> arguments);
 
-// The same from C++. Frames count from 0 within a stream, calls from 1; a count of 0 means from then on.
+// Shorthands for tests. Arguments as on the command line; any may be left out from the right.
 namespace faults {
 
-inline Fault Unplug(uint64_t before_frame = 0) {
-    return {FaultKind::kUnplug, before_frame};
+constexpr uint64_t Number(std::integral auto number) {
+    return static_cast<uint64_t>(number);
 }
-inline Fault Replug(uint64_t after_ms = 0) {
-    return {FaultKind::kReplug, 0, 1, after_ms};
+
+inline Fault Unplug(std::integral auto... frame) {
+    return MakeFault(FaultKind::kUnplug, {Number(frame)...});
 }
-inline Fault ReplugAs(uint64_t number, uint64_t after_ms = 0) {
-    return {FaultKind::kReplugAs, 0, 1, after_ms, number};
+inline Fault Replug(std::integral auto... ms) {
+    return MakeFault(FaultKind::kReplug, {Number(ms)...});
 }
-inline Fault Errno(uint32_t request, int error, uint64_t first = 1, uint64_t count = 1) {
-    return {FaultKind::kErrno, first, count, 0, 0, request, error};
+inline Fault ReplugAs(std::integral auto... number_ms) {
+    return MakeFault(FaultKind::kReplugAs, {Number(number_ms)...});
 }
-inline Fault OpenBusy(uint64_t count = 1) {
-    return {FaultKind::kOpenBusy, 1, count};
+inline Fault Errno(std::integral auto... request_error_first_count) {
+    return MakeFault(FaultKind::kErrno, {Number(request_error_first_count)...});
 }
-inline Fault FormatBusy(uint64_t count = 1) {
-    return {FaultKind::kFormatBusy, 1, count};
+inline Fault OpenBusy(std::integral auto... count) {
+    return MakeFault(FaultKind::kOpenBusy, {Number(count)...});
 }
-inline Fault BuffersBusy(uint64_t count = 1) {
-    return {FaultKind::kBuffersBusy, 1, count};
+inline Fault FormatBusy(std::integral auto... count) {
+    return MakeFault(FaultKind::kFormatBusy, {Number(count)...});
 }
-inline Fault StreamBusy(uint64_t count = 1) {
-    return {FaultKind::kStreamBusy, 1, count};
+inline Fault BuffersBusy(std::integral auto... count) {
+    return MakeFault(FaultKind::kBuffersBusy, {Number(count)...});
 }
-inline Fault EintrStorm(uint64_t count = 100) {
-    return {FaultKind::kEintrStorm, 1, count};
+inline Fault StreamBusy(std::integral auto... count) {
+    return MakeFault(FaultKind::kStreamBusy, {Number(count)...});
 }
-inline Fault EagainStorm(uint64_t count = 100) {
-    return {FaultKind::kEagainStorm, 1, count};
+inline Fault EintrStorm(std::integral auto... count) {
+    return MakeFault(FaultKind::kEintrStorm, {Number(count)...});
 }
-inline Fault ReadableEmpty(uint64_t first = 0, uint64_t count = 1) {
-    return {FaultKind::kReadableEmpty, first, count};
+inline Fault EagainStorm(std::integral auto... count) {
+    return MakeFault(FaultKind::kEagainStorm, {Number(count)...});
 }
-inline Fault Short(uint64_t first = 0, uint64_t count = 1, uint64_t percent = 50) {
-    return {FaultKind::kShort, first, count, percent};
+inline Fault Short(std::integral auto... first_count_percent) {
+    return MakeFault(FaultKind::kShort, {Number(first_count_percent)...});
 }
-inline Fault Zero(uint64_t first = 0, uint64_t count = 1) {
-    return {FaultKind::kZero, first, count};
+inline Fault Zero(std::integral auto... first_count) {
+    return MakeFault(FaultKind::kZero, {Number(first_count)...});
 }
-inline Fault Long(uint64_t first = 0, uint64_t count = 1, uint64_t bytes = 4096) {
-    return {FaultKind::kLong, first, count, bytes};
+inline Fault ErrorFlag(std::integral auto... first_count) {
+    return MakeFault(FaultKind::kErrorFlag, {Number(first_count)...});
 }
-inline Fault ErrorFlag(uint64_t first = 0, uint64_t count = 1) {
-    return {FaultKind::kErrorFlag, first, count};
+inline Fault BadIndex(std::integral auto... first_count_index) {
+    return MakeFault(FaultKind::kBadIndex, {Number(first_count_index)...});
 }
-inline Fault BadIndex(uint64_t first = 0, uint64_t count = 1, uint64_t index = 1000) {
-    return {FaultKind::kBadIndex, first, count, index};
+inline Fault Stall(std::integral auto... ms_frame) {
+    return MakeFault(FaultKind::kStall, {Number(ms_frame)...});
 }
-inline Fault Stall(uint64_t milliseconds, uint64_t before_frame = 0) {
-    return {FaultKind::kStall, before_frame, 1, milliseconds};
+inline Fault Drop(std::integral auto... first_count) {
+    return MakeFault(FaultKind::kDrop, {Number(first_count)...});
 }
-inline Fault NoFrames() {
-    return {FaultKind::kNoFrames};
+inline Fault Grant(std::integral auto... buffers) {
+    return MakeFault(FaultKind::kGrant, {Number(buffers)...});
 }
-inline Fault TooFast(uint64_t factor = 4) {
-    return {FaultKind::kTooFast, 0, 1, factor};
-}
-inline Fault Drop(uint64_t first = 0, uint64_t count = 1) {
-    return {FaultKind::kDrop, first, count};
-}
-inline Fault DropEvery(uint64_t nth) {
-    return {FaultKind::kDropEvery, 0, 1, nth};
-}
-inline Fault SequenceWrap(uint64_t frames = 10) {
-    return {FaultKind::kSequenceWrap, 0, 1, frames};
-}
-inline Fault TimeWrap(uint64_t milliseconds = 500) {
-    return {FaultKind::kTimeWrap, 0, 1, milliseconds};
-}
-inline Fault TimeBack(uint64_t first = 0, uint64_t count = 1, uint64_t milliseconds = 1000) {
-    return {FaultKind::kTimeBack, first, count, milliseconds};
-}
-inline Fault Repeat(uint64_t first = 1, uint64_t count = 1) {
-    return {FaultKind::kRepeat, first, count};
-}
-inline Fault SizeChange(uint64_t width, uint64_t height) {
-    return {FaultKind::kSizeChange, 0, 1, width, height};
-}
-inline Fault StrideChange(uint64_t bytes = 64) {
-    return {FaultKind::kStrideChange, 0, 1, bytes};
-}
-inline Fault Fatal(uint64_t before_frame = 0) {
-    return {FaultKind::kFatal, before_frame};
-}
-inline Fault Grant(uint64_t buffers) {
-    return {FaultKind::kGrant, 0, 1, buffers};
-}
-inline Fault SlowOpen(uint64_t milliseconds) {
-    return {FaultKind::kSlowOpen, 0, 1, milliseconds};
+inline Fault SlowOpen(std::integral auto... ms) {
+    return MakeFault(FaultKind::kSlowOpen, {Number(ms)...});
 }
 
 }  // namespace faults

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <set>
+#include <stdexcept>
+#include <vector>
 
 namespace zumod::vcam {
 namespace {
@@ -16,7 +18,7 @@ struct Spelling {
 
 class EveryFault : public ::testing::TestWithParam<Spelling> {};
 
-TEST_P(EveryFault, IsTheSameAsOptionAndAsCall) {
+TEST_P(EveryFault, IsParsedIntoItsFields) {
     std::string error;
     const std::optional<Fault> fault = ParseFault(GetParam().text, error);
     ASSERT_TRUE(fault) << error;
@@ -24,44 +26,58 @@ TEST_P(EveryFault, IsTheSameAsOptionAndAsCall) {
 }
 
 const std::vector<Spelling>& Spellings() {
+    using enum FaultKind;
     static const std::vector<Spelling> spellings = {
-        {"unplug", faults::Unplug()},
-        {"unplug/30", faults::Unplug(30)},
-        {"replug", faults::Replug()},
-        {"replug/250", faults::Replug(250)},
-        {"replug-as/4", faults::ReplugAs(4)},
-        {"replug-as/4/250", faults::ReplugAs(4, 250)},
-        {"errno/DQBUF/EIO", faults::Errno(VIDIOC_DQBUF, EIO)},
-        {"errno/VIDIOC_S_FMT/EBUSY/3/2", faults::Errno(VIDIOC_S_FMT, EBUSY, 3, 2)},
-        {"open-busy", faults::OpenBusy()},
-        {"format-busy/2", faults::FormatBusy(2)},
-        {"buffers-busy/0", faults::BuffersBusy(0)},
-        {"stream-busy", faults::StreamBusy()},
-        {"eintr-storm", faults::EintrStorm()},
-        {"eintr-storm/7", faults::EintrStorm(7)},
-        {"eagain-storm/7", faults::EagainStorm(7)},
-        {"readable-empty/2/3", faults::ReadableEmpty(2, 3)},
-        {"short", faults::Short()},
-        {"short/1/2/25", faults::Short(1, 2, 25)},
-        {"zero/4", faults::Zero(4)},
-        {"long/4/5/6", faults::Long(4, 5, 6)},
-        {"error-flag/2/0", faults::ErrorFlag(2, 0)},
-        {"bad-index", faults::BadIndex()},
-        {"bad-index/1/1/4", faults::BadIndex(1, 1, 4)},
-        {"stall/1500/10", faults::Stall(1500, 10)},
-        {"no-frames", faults::NoFrames()},
-        {"too-fast/8", faults::TooFast(8)},
-        {"drop/3/2", faults::Drop(3, 2)},
-        {"drop-every/5", faults::DropEvery(5)},
-        {"sequence-wrap/4", faults::SequenceWrap(4)},
-        {"time-wrap/20", faults::TimeWrap(20)},
-        {"time-back/2/1/50", faults::TimeBack(2, 1, 50)},
-        {"repeat/5", faults::Repeat(5)},
-        {"size-change/320/240", faults::SizeChange(320, 240)},
-        {"stride-change/32", faults::StrideChange(32)},
-        {"fatal/3", faults::Fatal(3)},
-        {"grant/1", faults::Grant(1)},
-        {"slow-open/200", faults::SlowOpen(200)},
+        {"unplug", {.kind = kUnplug}},
+        {"unplug/30", {.kind = kUnplug, .first = 30}},
+        {"replug", {.kind = kReplug}},
+        {"replug/250", {.kind = kReplug, .value = 250}},
+        {"replug-as/4", {.kind = kReplugAs, .value2 = 4}},
+        {"replug-as/4/250", {.kind = kReplugAs, .value = 250, .value2 = 4}},
+        {"errno/DQBUF/EIO", {.kind = kErrno, .first = 1, .request = VIDIOC_DQBUF, .error = EIO}},
+        {"errno/VIDIOC_S_FMT/EBUSY/3/2",
+         {.kind = kErrno, .first = 3, .count = 2, .request = VIDIOC_S_FMT, .error = EBUSY}},
+        {"open-busy", {.kind = kOpenBusy, .first = 1, .request = kOpenCall, .error = EBUSY}},
+        {"format-busy/2",
+         {.kind = kFormatBusy, .first = 1, .count = 2, .request = VIDIOC_S_FMT, .error = EBUSY}},
+        {"buffers-busy/0",
+         {.kind = kBuffersBusy, .first = 1, .count = 0, .request = VIDIOC_REQBUFS, .error = EBUSY}},
+        {"stream-busy", {.kind = kStreamBusy, .first = 1, .request = VIDIOC_STREAMON, .error = EBUSY}},
+        {"eintr-storm",
+         {.kind = kEintrStorm, .first = 1, .count = 100, .request = VIDIOC_DQBUF, .error = EINTR}},
+        {"eintr-storm/7",
+         {.kind = kEintrStorm, .first = 1, .count = 7, .request = VIDIOC_DQBUF, .error = EINTR}},
+        {"eagain-storm/7",
+         {.kind = kEagainStorm, .first = 1, .count = 7, .request = VIDIOC_DQBUF, .error = EAGAIN}},
+        {"readable-empty/2/3", {.kind = kReadableEmpty, .first = 2, .count = 3}},
+        {"short", {.kind = kShort, .value = 50}},
+        {"short/1/2/25", {.kind = kShort, .first = 1, .count = 2, .value = 25}},
+        {"zero/4", {.kind = kZero, .first = 4}},
+        {"long", {.kind = kLong, .value = 4096}},
+        {"long/4/5/6", {.kind = kLong, .first = 4, .count = 5, .value = 6}},
+        {"error-flag/2/0", {.kind = kErrorFlag, .first = 2, .count = 0}},
+        {"bad-index", {.kind = kBadIndex, .value = 1000}},
+        {"bad-index/1/1/4", {.kind = kBadIndex, .first = 1, .value = 4}},
+        {"stall/1500/10", {.kind = kStall, .first = 10, .value = 1500}},
+        {"no-frames", {.kind = kNoFrames}},
+        {"too-fast", {.kind = kTooFast, .value = 4}},
+        {"too-fast/8", {.kind = kTooFast, .value = 8}},
+        {"drop/3/2", {.kind = kDrop, .first = 3, .count = 2}},
+        {"drop-every/5", {.kind = kDropEvery, .value = 5}},
+        {"sequence-wrap", {.kind = kSequenceWrap, .value = 10}},
+        {"sequence-wrap/4", {.kind = kSequenceWrap, .value = 4}},
+        {"time-wrap", {.kind = kTimeWrap, .value = 500}},
+        {"time-wrap/20", {.kind = kTimeWrap, .value = 20}},
+        {"time-back", {.kind = kTimeBack, .value = 1000}},
+        {"time-back/2/1/50", {.kind = kTimeBack, .first = 2, .value = 50}},
+        {"repeat", {.kind = kRepeat, .first = 1}},
+        {"repeat/5", {.kind = kRepeat, .first = 5}},
+        {"size-change/320/240", {.kind = kSizeChange, .value = 320, .value2 = 240}},
+        {"stride-change", {.kind = kStrideChange, .value = 64}},
+        {"stride-change/32", {.kind = kStrideChange, .value = 32}},
+        {"fatal/3", {.kind = kFatal, .first = 3}},
+        {"grant/1", {.kind = kGrant, .value = 1}},
+        {"slow-open/200", {.kind = kSlowOpen, .value = 200}},
     };
     return spellings;
 }
@@ -73,10 +89,10 @@ TEST(Faults, AreAllSpelledInTheTestAbove) {
     for (const Spelling& spelling : Spellings()) {
         spelled.insert(spelling.fault.kind);
     }
-    for (const FaultDescription& description : FaultDescriptions()) {
-        EXPECT_EQ(spelled.count(description.kind), 1U) << description.name;
+    for (const FaultRow& row : FaultRows()) {
+        EXPECT_EQ(spelled.count(row.defaults.kind), 1U) << row.name;
     }
-    EXPECT_GE(FaultDescriptions().size(), 25U);
+    EXPECT_EQ(FaultRows().size(), 30U);
 }
 
 std::string ErrorOf(const char* text) {
@@ -94,6 +110,22 @@ TEST(Faults, SayInOneLineWhatIsWrong) {
     EXPECT_EQ(ErrorOf("grant"), "fault grant needs N");
     EXPECT_EQ(ErrorOf("drop/x"), "fault drop: \"x\" is not a number");
     EXPECT_EQ(ErrorOf("unplug/1/2"), "fault unplug takes no \"2\"");
+}
+
+TEST(Faults, NameTheirArgumentsAsAUserWritesThem) {
+    EXPECT_EQ(ArgumentsText(RowOf(FaultKind::kErrno)), "REQUEST/ERROR/FIRST/COUNT");
+    EXPECT_EQ(ArgumentsText(RowOf(FaultKind::kReplugAs)), "NUMBER/MS");
+    EXPECT_EQ(ArgumentsText(RowOf(FaultKind::kNoFrames)), "");
+}
+
+TEST(Faults, AreMadeWithTheDefaultsOfTheArgumentsLeftOut) {
+    EXPECT_EQ(faults::Unplug(), (Fault{.kind = FaultKind::kUnplug}));
+    EXPECT_EQ(faults::ReplugAs(4), (Fault{.kind = FaultKind::kReplugAs, .value2 = 4}));
+    EXPECT_EQ(faults::Errno(VIDIOC_DQBUF, EIO),
+              (Fault{.kind = FaultKind::kErrno, .first = 1, .request = VIDIOC_DQBUF, .error = EIO}));
+    EXPECT_EQ(faults::Short(1, 2), (Fault{.kind = FaultKind::kShort, .first = 1, .count = 2, .value = 50}));
+    EXPECT_THROW(faults::Unplug(1, 2), std::invalid_argument);
+    EXPECT_THROW(faults::Errno(VIDIOC_DQBUF, EIO, 1, 1, 1), std::invalid_argument);
 }
 
 TEST(Faults, CoverARangeOrAllFromTheFirstOn) {
