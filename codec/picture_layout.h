@@ -1,15 +1,15 @@
-// Where the planes of a picture lie in its bytes, found out from the input format record and from how many
-// bytes there are. Pure functions on numbers that nobody has checked yet, safe from any thread.
+// Where the planes of a picture lie in its bytes, computed from the input format record and the number of
+// bytes.
+//
+// Thread rule: pure functions, [any thread]. Their arguments are unchecked numbers from outside.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
+#include "codec/pixel_format.h"
 #include "zumod/codec.h"
 
 namespace zumod {
-
-enum class PixelLayout { kNv12, kNv21, kI420, kYv12, kYuy2, kBgr32 };
 
 struct PicturePlane {
     uint64_t offset;    // of the first byte, from the picture's first byte
@@ -19,28 +19,28 @@ struct PicturePlane {
 };
 
 struct PictureLayout {
-    PixelLayout pixel_layout;
+    const PixelFormat* format;
     int32_t width;
     int32_t height;
-    int32_t plane_count;
-    // Luma first. I420 and YV12 alike: then U, then V, wherever in the bytes they lie.
+    // format->plane_count of them: luma first, then U, then V, whichever of the two comes first in memory.
     PicturePlane planes[3];
-    uint64_t byte_count;  // of the picture alone, without what may follow it
+    uint64_t byte_count;  // of the picture, without any bytes that follow it
 };
 
 enum class PictureError { kNone, kFormat, kSize, kStride, kTooFewBytes };
 
-// What the largest encoder and decoder take.
+// The largest side that libx264 and the decoder accept.
 inline constexpr int32_t kMaxPictureSide = 16384;
 
-// Lays the picture out with the record's stride, except that the bytes decide when they contradict it:
+// Lays the picture out with the record's stride, unless the number of bytes contradicts it:
 //   - An exact fit for one larger stride is a picture with padded rows.
-//   - The record's stride is commonly the row rounded up to a multiple of 4. Bytes too few for that but an
-//     exact fit for rows without padding are such rows.
-// More bytes than that are ignored. `layout` is written on success alone.
+//   - The record's stride is usually the row length rounded up to a multiple of 4. If the bytes are too few
+//   for that
+//     but an exact fit for rows without padding, the rows have no padding.
+// Any further bytes are ignored. `layout` is written only on success.
 PictureError LayOutPicture(const VideoInputFormat& record, uint64_t byte_count, PictureLayout& layout);
 
-// Lays a picture out with the record's stride and no doubt about it.
+// Uses the recorded stride without checking it against a byte count.
 PictureError LayOutPictureAsRecorded(const VideoInputFormat& record, PictureLayout& layout);
 
 // For a log line.

@@ -32,8 +32,8 @@ protected:
 
 TEST_F(PictureLayoutTest, Nv12HasItsChromaBehindTheLuma) {
     ASSERT_EQ(LayOut({640, 480, 640, 8, kNv12}, 460800), PictureError::kNone);
-    EXPECT_EQ(layout.pixel_layout, PixelLayout::kNv12);
-    EXPECT_EQ(layout.plane_count, 2);
+    EXPECT_EQ(layout.format->code, kNv12);
+    EXPECT_EQ(layout.format->plane_count, 2);
     ExpectPlane(0, 0, 640, 640, 480);
     ExpectPlane(1, 307200, 640, 640, 240);
     EXPECT_EQ(layout.byte_count, 460800U);
@@ -41,13 +41,13 @@ TEST_F(PictureLayoutTest, Nv12HasItsChromaBehindTheLuma) {
 
 TEST_F(PictureLayoutTest, Nv21LiesLikeNv12) {
     ASSERT_EQ(LayOut({640, 480, 640, 8, kNv21}, 460800), PictureError::kNone);
-    EXPECT_EQ(layout.pixel_layout, PixelLayout::kNv21);
+    EXPECT_EQ(layout.format->code, kNv21);
     ExpectPlane(1, 307200, 640, 640, 240);
 }
 
 TEST_F(PictureLayoutTest, I420HasUBeforeV) {
     ASSERT_EQ(LayOut({640, 480, 640, 8, kI420}, 460800), PictureError::kNone);
-    EXPECT_EQ(layout.plane_count, 3);
+    EXPECT_EQ(layout.format->plane_count, 3);
     ExpectPlane(1, 307200, 320, 320, 240);
     ExpectPlane(2, 384000, 320, 320, 240);
 }
@@ -60,13 +60,13 @@ TEST_F(PictureLayoutTest, Yv12HasVBeforeU) {
 
 TEST_F(PictureLayoutTest, Yuy2IsOnePlaneOfTwoBytesAPixel) {
     ASSERT_EQ(LayOut({640, 480, 1280, 16, kYuy2}, 614400), PictureError::kNone);
-    EXPECT_EQ(layout.plane_count, 1);
+    EXPECT_EQ(layout.format->plane_count, 1);
     ExpectPlane(0, 0, 1280, 1280, 480);
 }
 
 TEST_F(PictureLayoutTest, NoNameIsBgrOfFourBytesAPixel) {
     ASSERT_EQ(LayOut({640, 480, 2560, 32, kBgr}, 1228800), PictureError::kNone);
-    EXPECT_EQ(layout.pixel_layout, PixelLayout::kBgr32);
+    EXPECT_EQ(layout.format->code, kBgr);
     ExpectPlane(0, 0, 2560, 2560, 480);
 }
 

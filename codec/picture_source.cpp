@@ -10,7 +10,7 @@ extern "C" {
 namespace zumod {
 namespace {
 
-// A frame of this format and size that can be written to; the old one if it is such a frame.
+// A writable frame of this format and size: the old one if it is one, otherwise a new one.
 AVFrame* Writable(AvOwner<AVFrame>& frame, AVPixelFormat format, int width, int height) {
     if (frame != nullptr && frame->format == format && frame->width == width && frame->height == height &&
         av_frame_is_writable(frame.get()) > 0) {
@@ -33,35 +33,26 @@ uint8_t* Row(const AVFrame& frame, int plane, int row) {
     return frame.data[plane] + std::ptrdiff_t{frame.linesize[plane]} * row;
 }
 
-// Repeats a row's last pixel behind it.
-void RepeatLastPixel(uint8_t* row, const PictureLayout& layout) {
-    const auto width = static_cast<size_t>(layout.width);
-    switch (layout.pixel_layout) {
-        case PixelLayout::kYuy2:
-            // Two pixels share four bytes, and the second is there already, with a luma that means nothing.
-            row[2 * width] = row[2 * width - 2];
-            return;
-        case PixelLayout::kBgr32:
-            std::memcpy(row + 4 * width, row + 4 * width - 4, 4);
-            return;
-        default:
-            row[width] = row[width - 1];
-            return;
-    }
+// Appends a copy of a row's last pixel. In a group of two the chroma bytes of the added pixel are there
+// already.
+void RepeatLastPixel(uint8_t* row, const PixelFormat& format, int width) {
+    uint8_t* const last = row + std::ptrdiff_t{format.pixel_bytes} * (width - 1) + format.luma_offset;
+    std::memcpy(last + format.pixel_bytes, last,
+                static_cast<size_t>(format.pixel_bytes / format.group_pixels));
 }
 
-// The scaler reads a little past a row's end, which is within the picture for all rows but these.
+// The scaler reads a little past a row's end. For all rows but the last ones that is still inside the
+// picture.
 constexpr int kTailRows = 2;
 constexpr int kTailBytes = 256;
 
-// The scaler wants aligned rows (it complains to standard error about others), and pictures that end in a
-// tail.
-bool IsFitForTheScaler(const PictureLayout& layout, const uint8_t* bytes) {
+// The scaler needs aligned rows (it prints a warning about others) and more rows than the tail has.
+bool CanScaleInPlace(const PictureLayout& layout, const uint8_t* bytes) {
     constexpr uintptr_t kAlignment = 16;
     if (layout.height <= kTailRows) {
         return false;
     }
-    for (int i = 0; i < layout.plane_count; ++i) {
+    for (int i = 0; i < layout.format->plane_count; ++i) {
         const PicturePlane& plane = layout.planes[i];
         const auto address = reinterpret_cast<uintptr_t>(bytes) + plane.offset;
         if ((address | static_cast<uintptr_t>(plane.stride)) % kAlignment != 0 ||
@@ -74,52 +65,30 @@ bool IsFitForTheScaler(const PictureLayout& layout, const uint8_t* bytes) {
 
 }  // namespace
 
-AVPixelFormat PixelFormatOf(PixelLayout pixel_layout) {
-    switch (pixel_layout) {
-        case PixelLayout::kNv12:
-            return AV_PIX_FMT_NV12;
-        case PixelLayout::kNv21:
-            return AV_PIX_FMT_NV21;
-        case PixelLayout::kI420:
-        case PixelLayout::kYv12:
-            return AV_PIX_FMT_YUV420P;
-        case PixelLayout::kYuy2:
-            return AV_PIX_FMT_YUYV422;
-        case PixelLayout::kBgr32:
-            return AV_PIX_FMT_BGR0;
-    }
-    return AV_PIX_FMT_NONE;
-}
-
-AVPixelFormat EncodedFormatOf(PixelLayout pixel_layout) {
-    const bool packed = pixel_layout == PixelLayout::kYuy2 || pixel_layout == PixelLayout::kBgr32;
-    return packed ? AV_PIX_FMT_YUV420P : PixelFormatOf(pixel_layout);
-}
-
 AVFrame* PictureSource::Take(const PictureLayout& layout, const uint8_t* bytes, AVPixelFormat format,
                              bool fast) {
     const bool even = layout.width % 2 == 0 && layout.height % 2 == 0;
-    if (PixelFormatOf(layout.pixel_layout) == format) {
+    if (layout.format->av_format == format) {
         return even ? Borrow(layout, bytes) : Pad(layout, bytes);
     }
-    const bool lent = even && IsFitForTheScaler(layout, bytes);
-    const AVFrame* picture = lent ? Borrow(layout, bytes) : Pad(layout, bytes);
-    return picture != nullptr ? Convert(*picture, format, fast, lent) : nullptr;
+    const bool borrowed = even && CanScaleInPlace(layout, bytes);
+    const AVFrame* picture = borrowed ? Borrow(layout, bytes) : Pad(layout, bytes);
+    return picture != nullptr ? Convert(*picture, format, fast, borrowed) : nullptr;
 }
 
 bool PictureSource::GiveBack() {
     if (m_borrowed != nullptr) {
         av_frame_unref(m_borrowed.get());
     }
-    const bool alone = m_loan == nullptr || av_buffer_get_ref_count(m_loan.get()) == 1;
+    const bool is_last = m_loan == nullptr || av_buffer_get_ref_count(m_loan.get()) == 1;
     m_loan.reset();
-    return alone;
+    return is_last;
 }
 
 AVFrame* PictureSource::Borrow(const PictureLayout& layout, const uint8_t* bytes) {
     GiveBack();
-    // A frame without a buffer would be copied by the encoder: this one's buffer is the caller's bytes.
-    // Nobody writes to them, they are marked as not writable.
+    // The encoder copies a frame that has no buffer reference, so this frame's buffer refers to the caller's
+    // bytes. The read-only flag keeps the libraries from writing to them.
     auto* first = const_cast<uint8_t*>(bytes);
     m_loan.reset(av_buffer_create(
         first, static_cast<size_t>(layout.byte_count), [](void*, uint8_t*) {}, nullptr,
@@ -134,10 +103,10 @@ AVFrame* PictureSource::Borrow(const PictureLayout& layout, const uint8_t* bytes
     if (m_borrowed->buf[0] == nullptr) {
         return nullptr;
     }
-    m_borrowed->format = PixelFormatOf(layout.pixel_layout);
+    m_borrowed->format = layout.format->av_format;
     m_borrowed->width = layout.width;
     m_borrowed->height = layout.height;
-    for (int i = 0; i < layout.plane_count; ++i) {
+    for (int i = 0; i < layout.format->plane_count; ++i) {
         m_borrowed->data[i] = first + layout.planes[i].offset;
         m_borrowed->linesize[i] = layout.planes[i].stride;
     }
@@ -145,33 +114,32 @@ AVFrame* PictureSource::Borrow(const PictureLayout& layout, const uint8_t* bytes
 }
 
 AVFrame* PictureSource::Pad(const PictureLayout& layout, const uint8_t* bytes) {
-    AVFrame* padded = Writable(m_padded, PixelFormatOf(layout.pixel_layout), EvenSide(layout.width),
-                               EvenSide(layout.height));
+    AVFrame* padded =
+        Writable(m_padded, layout.format->av_format, EvenSide(layout.width), EvenSide(layout.height));
     if (padded == nullptr) {
         return nullptr;
     }
-    for (int i = 0; i < layout.plane_count; ++i) {
+    for (int i = 0; i < layout.format->plane_count; ++i) {
         const PicturePlane& plane = layout.planes[i];
         const uint8_t* from = bytes + plane.offset;
         for (int row = 0; row < plane.row_count; ++row, from += plane.stride) {
             std::memcpy(Row(*padded, i, row), from, static_cast<size_t>(plane.row_bytes));
         }
     }
-    // Chroma planes have whole columns and rows for the odd ones already.
+    // Chroma planes already cover the added column and row.
     for (int row = 0; layout.width % 2 != 0 && row < layout.height; ++row) {
-        RepeatLastPixel(Row(*padded, 0, row), layout);
+        RepeatLastPixel(Row(*padded, 0, row), *layout.format, layout.width);
     }
     if (layout.height % 2 != 0) {
-        std::memcpy(
-            Row(*padded, 0, layout.height), Row(*padded, 0, layout.height - 1),
-            static_cast<size_t>(av_image_get_linesize(PixelFormatOf(layout.pixel_layout), padded->width, 0)));
+        std::memcpy(Row(*padded, 0, layout.height), Row(*padded, 0, layout.height - 1),
+                    static_cast<size_t>(av_image_get_linesize(layout.format->av_format, padded->width, 0)));
     }
     return padded;
 }
 
-AVFrame* PictureSource::Convert(const AVFrame& picture, AVPixelFormat format, bool fast, bool lent) {
+AVFrame* PictureSource::Convert(const AVFrame& picture, AVPixelFormat format, bool fast, bool borrowed) {
     AVFrame* converted = Writable(m_converted, format, picture.width, picture.height);
-    // The library's own default is the wanted one: ITU-R BT.601, limited range.
+    // The library's default is what we need: ITU-R BT.601, limited range.
     m_scaler.reset(sws_getCachedContext(m_scaler.release(), picture.width, picture.height,
                                         static_cast<AVPixelFormat>(picture.format), picture.width,
                                         picture.height, format, fast ? SWS_FAST_BILINEAR : SWS_BILINEAR,
@@ -183,7 +151,7 @@ AVFrame* PictureSource::Convert(const AVFrame& picture, AVPixelFormat format, bo
         return sws_scale(m_scaler.get(), rows.data, rows.linesize, first, count, converted->data,
                          converted->linesize) >= 0;
     };
-    if (!lent) {
+    if (!borrowed) {
         return scale(picture, 0, picture.height) ? converted : nullptr;
     }
     const int head = picture.height - kTailRows;

@@ -1,5 +1,5 @@
-// Makes the frame that an encoder takes out of a picture's bytes: the very bytes where the encoder can read
-// them as they lie, a converted copy where it cannot.
+// Turns a picture's bytes into the frame that an encoder takes: without a copy where the encoder can read
+// them in place, otherwise as a padded or converted copy.
 //
 // Thread rule: [encode thread]: one thread at a time.
 #pragma once
@@ -11,29 +11,26 @@
 
 namespace zumod {
 
-// The same picture as libavutil names it, and what the software encoder takes it as.
-AVPixelFormat PixelFormatOf(PixelLayout pixel_layout);
-AVPixelFormat EncodedFormatOf(PixelLayout pixel_layout);
-
-// H.264 pictures with halved chroma have even sides; an odd one gets one more column or row.
+// H.264 with 4:2:0 chroma has even sides only: an odd side gets one more column or row.
 constexpr int EvenSide(int side) {
     return side + side % 2;
 }
 
 class PictureSource {
 public:
-    // The picture with even sides, in `format`. An added column or row repeats the last one. Null when memory
-    // is short or the library refuses. Valid until GiveBack, which must come before `bytes` go.
+    // Returns the picture with even sides, in `format`. An added column or row repeats the last one. Returns
+    // null if memory runs out or the library fails. The frame is valid until GiveBack, which must be called
+    // before `bytes` are freed or changed.
     AVFrame* Take(const PictureLayout& layout, const uint8_t* bytes, AVPixelFormat format, bool fast);
 
-    // Ends the loan of the bytes. False when somebody kept hold of them.
+    // Ends the use of the bytes. Returns false if another reference to them is still held.
     bool GiveBack();
 
 private:
     AVFrame* Borrow(const PictureLayout& layout, const uint8_t* bytes);
     AVFrame* Pad(const PictureLayout& layout, const uint8_t* bytes);
-    // `lent` says that the picture is the caller's bytes, past whose end nothing may be read.
-    AVFrame* Convert(const AVFrame& picture, AVPixelFormat format, bool fast, bool lent);
+    // `borrowed`: the frame's data are the caller's bytes, past whose end nothing may be read.
+    AVFrame* Convert(const AVFrame& picture, AVPixelFormat format, bool fast, bool borrowed);
     AVFrame* CopyTail(const AVFrame& picture, int first);
 
     AvOwner<AVBufferRef> m_loan;

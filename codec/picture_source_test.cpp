@@ -29,9 +29,9 @@ TEST_F(PictureSourceTest, APlanarPictureIsLentAndNotCopied) {
     for (const uint32_t format : {kNv12, kNv21, kI420, kYv12}) {
         const TestPicture picture = Paint(format, {64, 48});
         const PictureLayout layout = LayoutOf(picture);
-        const AVFrame* frame = Take(picture, EncodedFormatOf(layout.pixel_layout));
+        const AVFrame* frame = Take(picture, layout.format->encode_as);
         ASSERT_NE(frame, nullptr);
-        for (int i = 0; i < layout.plane_count; ++i) {
+        for (int i = 0; i < layout.format->plane_count; ++i) {
             EXPECT_EQ(frame->data[i], picture.bytes.data() + layout.planes[i].offset) << format << ' ' << i;
             EXPECT_EQ(frame->linesize[i], layout.planes[i].stride) << format << ' ' << i;
         }

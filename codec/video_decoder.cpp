@@ -2,7 +2,9 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "src/loader/mod_data.h"
 #include "src/module/log.h"
@@ -14,31 +16,18 @@ extern "C" {
 namespace zumod {
 namespace {
 
-constexpr uint32_t kI420 = VideoFormatCode("I420");
-constexpr uint32_t kNv12 = VideoFormatCode("NV12");
+// By VideoTargetFormat.
+constexpr uint32_t kTargetCodes[] = {VideoFormatCode("I420"), VideoFormatCode("NV12"), kBgr32Code};
+static_assert(kVideoTargetI420 == 0 && kVideoTargetNv12 == 1 && kVideoTargetBgr32 == 2);
 
-uint32_t FormatCodeOf(VideoTargetFormat target) {
-    switch (target) {
-        case kVideoTargetNv12:
-            return kNv12;
-        case kVideoTargetBgr32:
-            return 0;
-        default:
-            return kI420;
-    }
+bool IsTarget(uint32_t code) {
+    return std::find(std::begin(kTargetCodes), std::end(kTargetCodes), code) != std::end(kTargetCodes);
 }
 
-AVPixelFormat PixelFormatOf(uint32_t format) {
-    return format == kI420 ? AV_PIX_FMT_YUV420P : format == kNv12 ? AV_PIX_FMT_NV12 : AV_PIX_FMT_BGR0;
-}
-
-int PlaneCountOf(uint32_t format) {
-    return format == kI420 ? 3 : format == kNv12 ? 2 : 1;
-}
-
-// The same layout as a record of the encoder's, whose checks it goes through.
+// The frame buffer's layout as an encoder's record, for the same checks. `output.format` is a target.
 VideoInputFormat RecordOf(const VideoOutputFormat& output) {
-    return {output.width, output.height, output.stride, output.format == 0 ? 32 : 8, output.format};
+    const int bits = 8 * FindPixelFormat(output.format)->pixel_bytes;
+    return {output.width, output.height, output.stride, bits, output.format};
 }
 
 bool IsFullRange(const AVFrame& frame) {
@@ -49,7 +38,7 @@ bool IsFullRange(const AVFrame& frame) {
 
 CVideoDecoder::CVideoDecoder(VideoTargetFormat target, uint8_t* screen_buffer)
     : m_screen_buffer(screen_buffer) {
-    m_output.format = FormatCodeOf(target);
+    m_output.format = kTargetCodes[target];
 }
 
 bool CVideoDecoder::QueryInterface(const char* name, void** out) {
@@ -83,9 +72,10 @@ int CVideoDecoder::SetOutputFormat(const void* format) {
     const bool size_in_range = output.width > 0 && output.height > 0 && output.width <= kMaxPictureSide &&
                                output.height <= kMaxPictureSide;
     PictureLayout layout{};
-    const bool known = output.format == kI420 || output.format == kNv12 || output.format == 0;
-    const bool fits_screen = m_screen_buffer == nullptr ||
-                             LayOutPictureAsRecorded(RecordOf(output), layout) == PictureError::kNone;
+    const bool known = IsTarget(output.format);
+    const bool fits_screen =
+        m_screen_buffer == nullptr ||
+        (known && LayOutPictureAsRecorded(RecordOf(output), layout) == PictureError::kNone);
     if (!known || !(own_size || size_in_range) || !fits_screen) {
         ZuModLog(kLogIgnored, "[zu-codec] output format refused: %dx%d, stride %d, format 0x%08x",
                  output.width, output.height, output.stride, output.format);
@@ -144,7 +134,7 @@ int CVideoDecoder::Send(IVDecArgs& args) {
     if (bytes == nullptr || size > INT32_MAX - AV_INPUT_BUFFER_PADDING_SIZE) {
         return AVERROR(EINVAL);
     }
-    // A packet of its own: the library reads a little past the end of what it is given.
+    // A copy with padding, because the library reads a little past the end of its input.
     av_packet_unref(m_packet.get());
     if (const int error = av_new_packet(m_packet.get(), static_cast<int>(size)); error < 0) {
         return error;
@@ -180,9 +170,9 @@ bool CVideoDecoder::HandOut(IVDecArgs& args) {
     picture.width = output.width;
     picture.height = output.height;
     picture.format = output.format;
-    picture.plane_count = PlaneCountOf(output.format);
+    picture.plane_count = FindPixelFormat(output.format)->plane_count;
     picture.key_frame = m_frame->key_frame;
-    const bool as_decoded = m_screen_buffer == nullptr && output.format == kI420 &&
+    const bool as_decoded = m_screen_buffer == nullptr && output.format == kTargetCodes[kVideoTargetI420] &&
                             m_frame->format == AV_PIX_FMT_YUV420P && !IsFullRange(*m_frame) &&
                             output.width == m_frame->width && output.height == m_frame->height;
     if (as_decoded) {
@@ -200,7 +190,7 @@ bool CVideoDecoder::HandOut(IVDecArgs& args) {
 }
 
 bool CVideoDecoder::Convert(const VideoOutputFormat& output, VideoDecodedPicture& picture) {
-    const AVPixelFormat format = PixelFormatOf(output.format);
+    const AVPixelFormat format = FindPixelFormat(output.format)->av_format;
     m_converted.reset(av_frame_alloc());
     if (m_converted == nullptr) {
         return false;
@@ -214,7 +204,7 @@ bool CVideoDecoder::Convert(const VideoOutputFormat& output, VideoDecodedPicture
     if (m_scaler == nullptr || av_frame_get_buffer(m_converted.get(), 0) < 0) {
         return false;
     }
-    // Pictures leave in the colours that the encoder takes: ITU-R BT.601, limited range.
+    // Decoded pictures have the colours that the encoder takes: ITU-R BT.601, limited range.
     const bool is_709 = m_frame->colorspace == AVCOL_SPC_BT709;
     constexpr int kOne = 1 << 16;
     sws_setColorspaceDetails(m_scaler.get(), sws_getCoefficients(is_709 ? SWS_CS_ITU709 : SWS_CS_ITU601),
@@ -231,7 +221,7 @@ bool CVideoDecoder::Convert(const VideoOutputFormat& output, VideoDecodedPicture
     return m_screen_buffer == nullptr || CopyToScreen(output, picture);
 }
 
-// The scaler may write a little past a row's end: it never gets the caller's memory.
+// The scaler may write a little past a row's end, so it never writes to the caller's memory.
 bool CVideoDecoder::CopyToScreen(const VideoOutputFormat& output, VideoDecodedPicture& picture) {
     PictureLayout layout{};
     if (LayOutPictureAsRecorded(RecordOf(output), layout) != PictureError::kNone) {

@@ -1,5 +1,4 @@
-// The decoder that the module creates, the counterpart of its encoder: H.264 in Annex B form by libavcodec,
-// in software.
+// The module's decoder, the counterpart of its encoder: H.264 in Annex B form, by libavcodec, in software.
 //
 // Thread rule: AddRef and Release are [any thread], everything else [decode thread]: one thread at a time.
 #pragma once
@@ -22,21 +21,21 @@ public:
     uint64_t AddRef() override { return CReference::AddRef(); }
     int64_t Release() override { return CReference::Release(); }
 
-    // Knows "IVDecoder", in any letter case.
+    // Accepts "IVDecoder" in any letter case.
     bool QueryInterface(const char* name, void** out) override;
-    // Takes kPropertyHardware, which changes nothing here.
+    // Accepts kPropertyHardware, which has no effect on this decoder.
     bool SetProperty(const char* key, IZUModData* value) override;
     IZUModData* GetProperty(const char* key) override;
 
-    // Takes a VideoOutputFormat.
+    // `format` points to a VideoOutputFormat.
     int SetOutputFormat(const void* format) override;
-    // Takes a pointer to the table of IVDecArgs.
+    // `args` points to the vtable of IVDecArgs.
     bool Decode(IReference* args) override;
 
 private:
     bool EnsureOpen();
     int Send(IVDecArgs& args);
-    // How many of the decoder's finished pictures went to the caller.
+    // Returns how many finished pictures were handed to the caller.
     int HandOutFinished(IVDecArgs& args);
     bool HandOut(IVDecArgs& args);
     bool Convert(const VideoOutputFormat& output, VideoDecodedPicture& picture);

@@ -87,7 +87,7 @@ bool CVideoEncoder::LayOutInput(IVEncArgs& args, PictureLayout& layout) {
         ZuModLog(kLogIgnored, "[zu-codec] picture refused, there are no bytes");
         return false;
     }
-    if (layout.pixel_layout == PixelLayout::kBgr32 && !m_policy.source_rgb) {
+    if (layout.format->is_rgb && !m_policy.source_rgb) {
         ZuModLog(kLogIgnored, "[zu-codec] picture refused, BGR was not asked for");
         return false;
     }
@@ -98,7 +98,7 @@ bool CVideoEncoder::EnsureOpen(const PictureLayout& layout) {
     const EncoderShape& open = m_encoder.Shape();
     const bool fits = m_encoder.IsOpen() && open.width == EvenSide(layout.width) &&
                       open.height == EvenSide(layout.height) &&
-                      (m_encoder.IsHardware() || open.pixel_format == EncodedFormatOf(layout.pixel_layout));
+                      (m_encoder.IsHardware() || open.pixel_format == layout.format->encode_as);
     return fits || OpenFor(layout);
 }
 
@@ -111,7 +111,7 @@ bool CVideoEncoder::OpenFor(const PictureLayout& layout) {
         m_hardware_failed = !open;
     }
     if (!open) {
-        shape.pixel_format = EncodedFormatOf(layout.pixel_layout);
+        shape.pixel_format = layout.format->encode_as;
         open = m_encoder.OpenSoftware(shape, settings, m_policy);
     }
     const bool has_header = open && m_policy.no_stream_header && m_encoder.StreamHeaderSize() > 0;
@@ -127,7 +127,7 @@ int CVideoEncoder::EncodePicture(const PictureLayout& layout, const uint8_t* byt
     AVFrame* picture = m_source.Take(layout, bytes, m_encoder.Shape().pixel_format, m_policy.fast_conversion);
     const int error = picture != nullptr ? m_encoder.Encode(*picture) : AVERROR(ENOMEM);
     if (!m_source.GiveBack()) {
-        // The encoder holds on to bytes that are the caller's again after this call.
+        // The encoder still refers to the caller's bytes, which are not valid after this call.
         m_encoder.Close();
         return AVERROR_BUG;
     }

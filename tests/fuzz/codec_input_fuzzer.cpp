@@ -106,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         FUZZ_CHECK(!encoded || BeginsLikeAStream(call.output));
         PictureLayout layout{};
         if (LayOutPicture(record, byte_count, layout) != PictureError::kNone ||
-            (layout.pixel_layout == PixelLayout::kBgr32 && !policy.source_rgb)) {
+            (layout.format->is_rgb && !policy.source_rgb)) {
             FUZZ_CHECK(!encoded);
         }
     }

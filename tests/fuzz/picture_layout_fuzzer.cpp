@@ -19,9 +19,9 @@ uint64_t EndOf(const PicturePlane& plane) {
 
 void CheckLayout(const PictureLayout& layout, const VideoInputFormat& record) {
     FUZZ_CHECK(layout.width == record.width && layout.height == record.height);
-    FUZZ_CHECK(layout.plane_count >= 1 && layout.plane_count <= 3);
+    FUZZ_CHECK(layout.format->plane_count >= 1 && layout.format->plane_count <= 3);
     FUZZ_CHECK(layout.byte_count <= INT32_MAX);
-    for (int i = 0; i < layout.plane_count; ++i) {
+    for (int i = 0; i < layout.format->plane_count; ++i) {
         const PicturePlane& plane = layout.planes[i];
         FUZZ_CHECK(EndOf(plane) <= layout.byte_count);
         for (int j = 0; j < i; ++j) {
