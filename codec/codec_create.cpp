@@ -1,18 +1,33 @@
 #include "codec/codec_create.h"
 
+#include <dlfcn.h>
 #include <strings.h>
 
 #include <string>
 
-#include "codec/library_pin.h"
 #include "codec/policy_values.h"
 #include "codec/video_decoder.h"
 #include "codec/video_encoder.h"
+#include "common/av_objects.h"
 #include "src/module/log.h"
 #include "zumod/codec.h"
 
 namespace zumod {
 namespace {
+
+// Keeps libavcodec loaded for the rest of the process. Some libraries that it needs leak memory on every
+// load; this way they leak once. A failure changes nothing else.
+void KeepLibavcodecLoaded() {
+    static const bool kept = [] {
+        Dl_info library{};
+        if (dladdr(reinterpret_cast<const void*>(&avcodec_version), &library) == 0) {
+            return false;
+        }
+        void* const handle = dlopen(library.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+        return handle != nullptr && dlclose(handle) == 0;
+    }();
+    static_cast<void>(kept);
+}
 
 // The slot is typed for any interface; what it gets is the table that was asked for.
 template <class Interface>

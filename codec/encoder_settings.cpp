@@ -22,14 +22,14 @@ constexpr std::array<std::string_view, 10> kPresets = {"ultrafast", "superfast",
                                                        "fast",      "medium",    "slow",     "slower",
                                                        "veryslow",  "placebo"};
 
-// What the host has for this key; no text at all for a value of another kind.
+// The host's value for a key. `text` is empty for a value of another kind.
 struct Property {
     bool present = false;
     std::optional<std::string> text;
 };
 
 Property ReadProperty(const char* key) {
-    // Borrowed from the host: one reference while it is read.
+    // Borrowed from the host: this reference is held only while the value is read.
     const CRefPtr_T<IZUModData> value(CZUModRuntime::GetInstance()->GetEnvProperty(key));
     Property property;
     property.present = value != nullptr;

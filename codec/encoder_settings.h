@@ -1,7 +1,7 @@
-// How the encoder is to be opened: what the policy asked for, and the numbers that follow from the picture's
-// size unless the host's environment properties say otherwise.
+// Parameters for opening an encoder: the flags of the creation policy, and numbers that depend on the
+// picture's size unless the host's environment properties set them.
 //
-// Thread rule: a plain value; the functions are [any thread].
+// Thread rule: plain values; the functions are [any thread].
 #pragma once
 
 #include <cstdint>
@@ -9,32 +9,32 @@
 
 namespace zumod {
 
-// Environment properties of the host, all text; read whenever an encoder is opened.
-inline constexpr char kEnvBitRate[] = "zu.codec.bitrate";     // bits a second
+// Environment properties of the host, all text, read whenever an encoder is opened.
+inline constexpr char kEnvBitRate[] = "zu.codec.bitrate";     // bits per second
 inline constexpr char kEnvPreset[] = "zu.codec.preset";       // one of the software encoder's presets
 inline constexpr char kEnvKeyInterval[] = "zu.codec.keyint";  // pictures from one key frame to the next
 
-// The record does not tell how many pictures a second come: the numbers below are for this many.
+// Pictures per second. The input format record has no frame rate, so the encoder assumes this one.
 inline constexpr int kAssumedRate = 30;
 
-// What the creation policy said.
+// The flags of the creation policy.
 struct EncoderPolicy {
-    bool fast_conversion = false;   // enc.rapid.sub: speed before quality where colours are converted
+    bool fast_conversion = false;   // enc.rapid.sub: convert colours faster and more coarsely
     bool no_stream_header = false;  // enc.no.stream.header: parameter sets beside the stream, not in it
-    bool file_record = false;       // enc.file.record: even quality instead of an even bit rate
-    bool source_rgb = false;        // enc.source.rgb: BGR pictures are allowed
+    bool file_record = false;       // enc.file.record: constant quality instead of a constant bit rate
+    bool source_rgb = false;        // enc.source.rgb: accept BGR pictures
 };
 
 struct EncoderSettings {
-    int64_t bit_rate;  // bits a second
+    int64_t bit_rate;  // bits per second
     int key_interval;  // pictures
     std::string preset;
 };
 
-// 0.15 bits a pixel: what the fast presets need for a clean picture.
+// 0.15 bits per pixel, which the fast presets need for a picture without visible blocks.
 int64_t DefaultBitRate(int width, int height);
 
-// One log line for each property that is no text or a wrong one; the default stands then.
+// A property that is not text, or out of range, is logged in one line and the default is used.
 EncoderSettings ReadEncoderSettings(int width, int height);
 
 }  // namespace zumod

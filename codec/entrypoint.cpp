@@ -5,8 +5,12 @@
 
 namespace {
 
+// The module's own version. Callers do not compare it; what they ask for is an interface's version,
+// kCodecInterfaceVersion, which changes separately.
+constexpr uint64_t kModuleVersion = 0x0001000000000000;
+
 constexpr zumod::ZUModDescriptor kDescriptor = {
-    0x0001000000000000,    "zu-codec",           &zumod::AttachRuntime,
+    kModuleVersion,        "zu-codec",           &zumod::AttachRuntime,
     &zumod::DetachRuntime, &zumod::codec_create, __DATE__ " " __TIME__,
 };
 

@@ -1,11 +1,109 @@
 #include "codec/h264_encoder.h"
 
+#include <cinttypes>
+
 #include "codec/vaapi_frames.h"
+#include "src/module/log.h"
+
+extern "C" {
+#include <libavutil/opt.h>
+}
 
 namespace zumod {
 namespace {
 
-// A copy that may outlive the picture's own bytes.
+// Allocates the encoder and sets everything that is the same for all of them.
+AvOwner<AVCodecContext> NewContext(const char* encoder, const EncoderShape& shape,
+                                   const EncoderSettings& settings, const EncoderPolicy& policy) {
+    const AVCodec* codec = avcodec_find_encoder_by_name(encoder);
+    AvOwner<AVCodecContext> context(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
+    if (context == nullptr) {
+        return nullptr;
+    }
+    Silence(*context);
+    context->width = shape.width;
+    context->height = shape.height;
+    context->pix_fmt = shape.pixel_format;
+    // What cameras deliver by default, and what PictureSource converts to.
+    context->color_range = AVCOL_RANGE_MPEG;
+    context->colorspace = AVCOL_SPC_SMPTE170M;
+    context->time_base = {1, kAssumedRate};
+    context->framerate = {kAssumedRate, 1};
+    context->gop_size = settings.key_interval;
+    context->max_b_frames = 0;
+    context->thread_count = 1;
+    context->bit_rate = settings.bit_rate;
+    if (!policy.file_record) {
+        // The rate holds within every second, so that a channel of this rate never falls behind.
+        context->rc_max_rate = settings.bit_rate;
+        context->rc_buffer_size = static_cast<int>(settings.bit_rate);
+    }
+    if (policy.no_stream_header) {
+        context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    }
+    return context;
+}
+
+void LogOpened(const AVCodecContext& context, const EncoderSettings& settings) {
+    ZuModLog(kLogEvent, "[zu-codec] encode %dx%d with %s, %" PRId64 " bits a second, a key frame every %d",
+             context.width, context.height, context.codec->name, settings.bit_rate, settings.key_interval);
+}
+
+AvOwner<AVCodecContext> OpenVaapi(const EncoderShape& shape, const EncoderSettings& settings,
+                                  const EncoderPolicy& policy) {
+    AvOwner<AVCodecContext> context = NewContext("h264_vaapi", shape, settings, policy);
+    if (context == nullptr || !AttachVaapiFrames(*context, shape.width, shape.height)) {
+        return nullptr;
+    }
+    // Each picture's bytes come out before the next picture goes in.
+    av_opt_set(context->priv_data, "async_depth", "1", 0);
+    return avcodec_open2(context.get(), context->codec, nullptr) == 0 ? std::move(context) : nullptr;
+}
+
+AvOwner<AVCodecContext> OpenV4l2(const EncoderShape& shape, const EncoderSettings& settings,
+                                 const EncoderPolicy& policy) {
+    AvOwner<AVCodecContext> context = NewContext("h264_v4l2m2m", shape, settings, policy);
+    return context != nullptr && avcodec_open2(context.get(), context->codec, nullptr) == 0
+               ? std::move(context)
+               : nullptr;
+}
+
+// Null after one log line.
+AvOwner<AVCodecContext> OpenSoftwareEncoder(const EncoderShape& shape, const EncoderSettings& settings,
+                                            const EncoderPolicy& policy) {
+    AvOwner<AVCodecContext> context = NewContext("libx264", shape, settings, policy);
+    if (context == nullptr) {
+        ZuModLog(kLogFailure, "[zu-codec] there is no software encoder");
+        return nullptr;
+    }
+    av_opt_set(context->priv_data, "preset", settings.preset.c_str(), 0);
+    av_opt_set(context->priv_data, "tune", "zerolatency", 0);
+    if (policy.file_record) {
+        context->bit_rate = 0;
+        av_opt_set(context->priv_data, "crf", "20", 0);
+    }
+    if (const int error = avcodec_open2(context.get(), context->codec, nullptr); error < 0) {
+        ZuModLog(kLogFailure, "[zu-codec] the software encoder does not open for %dx%d: %s", shape.width,
+                 shape.height, AvErrorText(error).text);
+        return nullptr;
+    }
+    LogOpened(*context, settings);
+    return context;
+}
+
+// The first of VA-API and V4L2 memory-to-memory that opens. Null after one log line.
+AvOwner<AVCodecContext> OpenHardwareEncoder(const EncoderShape& shape, const EncoderSettings& settings,
+                                            const EncoderPolicy& policy) {
+    for (const auto open : {&OpenVaapi, &OpenV4l2}) {
+        if (AvOwner<AVCodecContext> context = open(shape, settings, policy)) {
+            LogOpened(*context, settings);
+            return context;
+        }
+    }
+    ZuModLog(kLogIgnored, "[zu-codec] no hardware encoder opens, the software encoder is used");
+    return nullptr;
+}
+
 AvOwner<AVFrame> CopyOf(const AVFrame& picture) {
     AvOwner<AVFrame> copy(av_frame_alloc());
     if (copy == nullptr) {
@@ -62,14 +160,14 @@ int H264Encoder::Send(AVFrame& picture) {
     if (!m_is_hardware) {
         return avcodec_send_frame(m_context.get(), &picture);
     }
-    // A device may hold the picture longer than the call lasts.
-    AvOwner<AVFrame> own =
+    // A device may keep the picture after this call, so it gets a copy.
+    AvOwner<AVFrame> copy =
         m_context->hw_frames_ctx != nullptr ? UploadToSurface(*m_context, picture) : CopyOf(picture);
-    if (own == nullptr) {
+    if (copy == nullptr) {
         return AVERROR(ENOMEM);
     }
-    own->pts = picture.pts;
-    return avcodec_send_frame(m_context.get(), own.get());
+    copy->pts = picture.pts;
+    return avcodec_send_frame(m_context.get(), copy.get());
 }
 
 }  // namespace zumod

@@ -1,4 +1,4 @@
-// An open H.264 encoder of libavcodec, hardware or software: one picture in, its bytes out.
+// An open H.264 encoder of libavcodec, software or hardware: one picture in, its bytes out.
 //
 // Thread rule: [encode thread]: one thread at a time.
 #pragma once
@@ -6,13 +6,22 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "codec/encoder_context.h"
+#include "codec/encoder_settings.h"
+#include "common/av_objects.h"
 
 namespace zumod {
 
+// The pictures an encoder is opened for; both sides are even.
+struct EncoderShape {
+    int width;
+    int height;
+    AVPixelFormat pixel_format;
+};
+
 class H264Encoder {
 public:
-    // Open closes what was open before. False after one log line.
+    // Close what was open, then open libx264, or the first of VA-API and V4L2 memory-to-memory that works for
+    // NV12 pictures. On failure they log one line and return false.
     bool OpenSoftware(const EncoderShape& shape, const EncoderSettings& settings,
                       const EncoderPolicy& policy);
     bool OpenHardware(const EncoderShape& shape, const EncoderSettings& settings,
@@ -23,13 +32,13 @@ public:
     bool IsHardware() const { return m_is_hardware; }
     const EncoderShape& Shape() const { return m_shape; }
 
-    // Encodes `picture`, which is of the shape that was opened for. 0 when its bytes are in Packet(),
-    // otherwise an error number: AVERROR(EAGAIN) when there are none yet.
+    // Encodes `picture`, which has the shape that the encoder was opened for. Returns 0 if its bytes are in
+    // Packet(), otherwise an error number: AVERROR(EAGAIN) if there are none yet.
     int Encode(AVFrame& picture);
-    // Valid until the next call of any operation but this one.
+    // Valid until the next call of another operation.
     const AVPacket& Packet() const { return *m_packet; }
 
-    // The parameter sets of an encoder that keeps them out of the stream.
+    // The parameter sets, if EncoderPolicy::no_stream_header keeps them out of the stream.
     const uint8_t* StreamHeader() const { return m_context->extradata; }
     size_t StreamHeaderSize() const { return static_cast<size_t>(m_context->extradata_size); }
 

@@ -14,7 +14,7 @@ namespace {
 
 AvOwner<AVBufferRef> OpenDevice(const std::string& node) {
     AVDictionary* options = nullptr;
-    // The device node alone: a display server is none of a camera's business.
+    // Only through the device node: a camera must not connect to a display server.
     av_dict_set(&options, "connection_type", "drm", 0);
     AVBufferRef* device = nullptr;
     const int error = av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, node.c_str(), options, 0);
@@ -22,7 +22,7 @@ AvOwner<AVBufferRef> OpenDevice(const std::string& node) {
     return AvOwner<AVBufferRef>(error == 0 ? device : nullptr);
 }
 
-// Nodes that are not there are not tried: the library would print a complaint.
+// Skips nodes that do not exist, because the library prints a warning for each.
 AvOwner<AVBufferRef> OpenFirstDevice() {
     constexpr int kFirstNode = 128;
     constexpr int kNodeCount = 8;

@@ -1,4 +1,4 @@
-// The pictures of a VA-API encoder, which live in the graphics processor's memory.
+// Input frames of a VA-API encoder, which are surfaces in the graphics processor's memory.
 //
 // Thread rule: [encode thread].
 #pragma once
@@ -7,11 +7,11 @@
 
 namespace zumod {
 
-// Gives an encoder that is not open yet surfaces for NV12 pictures of this size; false when the machine has
-// no device for it.
+// Attaches surfaces for NV12 pictures of this size to an encoder that is not open yet. Returns false if the
+// machine has no VA-API device.
 bool AttachVaapiFrames(AVCodecContext& context, int width, int height);
 
-// A surface with a copy of `picture`; null when that fails.
+// Returns a surface with a copy of `picture`, or null on failure.
 AvOwner<AVFrame> UploadToSurface(const AVCodecContext& context, const AVFrame& picture);
 
 }  // namespace zumod

@@ -1,5 +1,5 @@
-// The encoder that the module creates: checks each picture's record against its bytes and hands it to an
-// encoder of libavcodec that it opens for the picture's size and format.
+// The module's encoder: checks each picture's record against its bytes and passes the picture to a libavcodec
+// encoder, which it opens for the picture's size and format.
 //
 // Thread rule: AddRef and Release are [any thread], everything else [encode thread]: one thread at a time.
 #pragma once
@@ -20,21 +20,20 @@ public:
     uint64_t AddRef() override { return CReference::AddRef(); }
     int64_t Release() override { return CReference::Release(); }
 
-    // Knows "IVEncoder", in any letter case.
+    // Accepts "IVEncoder" in any letter case.
     bool QueryInterface(const char* name, void** out) override;
-    // Knows kPropertyHardware, a boolean. It counts from the next opening of an encoder on.
+    // Accepts kPropertyHardware, a boolean, which takes effect when the next encoder is opened.
     bool SetProperty(const char* key, IZUModData* value) override;
-    // Knows kPropertyHardware and kPropertyStreamHeader. The value stays the encoder's until the property
-    // changes.
+    // Returns kPropertyHardware or kPropertyStreamHeader, borrowed until the property changes, or null.
     IZUModData* GetProperty(const char* key) override;
 
-    // Stores the record, which is checked against the picture in Encode. Returns 1, or 0 for a null one.
+    // Stores the record; Encode checks it against the picture. Returns 1, or 0 if `format` is null.
     int SetInputFormat(const VideoInputFormat* format) override;
-    // False after one log line, or without one when a hardware encoder has no bytes yet.
+    // Logs one line on failure, except that a hardware encoder with no bytes yet returns false silently.
     bool Encode(IVEncArgs* args) override;
 
 private:
-    // The picture of a call, if the record and the bytes make one.
+    // Computes the layout of the call's picture; false if the record and the bytes do not describe one.
     bool LayOutInput(IVEncArgs& args, PictureLayout& layout);
     bool EnsureOpen(const PictureLayout& layout);
     bool OpenFor(const PictureLayout& layout);
