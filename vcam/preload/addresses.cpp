@@ -8,7 +8,7 @@
 namespace zumod::vcam {
 namespace {
 
-// Abstract addresses begin with a NUL and need no place in the file system.
+// An abstract address begins with a NUL and is not in the file system.
 char* BeginAddress(sockaddr_un& address, char separator) {
     address = {};
     address.sun_family = AF_UNIX;

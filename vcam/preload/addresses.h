@@ -1,5 +1,6 @@
-// The abstract socket addresses of servers and of device files' descriptors. Pure functions without the C++
-// runtime.
+// The abstract socket addresses of servers and of device files' descriptors.
+//
+// Thread rule: pure functions without the C++ runtime library; any thread.
 #pragma once
 
 #include <sys/un.h>
@@ -11,7 +12,7 @@ namespace zumod::vcam {
 // Each writes the address and returns its length.
 unsigned DescriptorAddress(const FileIdentity& identity, sockaddr_un& address);
 unsigned ServerAddress(const char* server_name, sockaddr_un& address);
-// False when the address is not that of a descriptor.
+// False if the address is not that of a device file.
 bool ReadDescriptorAddress(const sockaddr_un& address, unsigned length, FileIdentity& identity);
 
 }  // namespace zumod::vcam

@@ -81,7 +81,7 @@ int Dequeue(int fd, const FileIdentity& identity, CameraBoard& board, const Chan
             return ENODEV;
         }
         if (board.pending_events.load(std::memory_order_relaxed) != 0) {
-            // Reading past the urgent byte of a pending event takes it away.
+            // A receive past the urgent byte of a pending event removes that byte.
             Rearm(identity, channel, kRearmEvent);
         }
         if (record.kind == RecordKind::kMark) {
@@ -132,7 +132,7 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
     Request request = MakeRequest(Operation::kIoctl, identity);
     request.command = command;
     request.flags = flags;
-    // Without an argument the camera still says whether it knows the request at all.
+    // Without an argument the camera still tells whether it supports the request.
     iovec parts[2] = {{argument, argument == nullptr ? 0 : _IOC_SIZE(command)}, {nullptr, 0}};
     int part_count = 1;
     const bool has_array =
@@ -152,13 +152,12 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
     }
     request.size = static_cast<uint32_t>(parts[0].iov_len + parts[1].iov_len);
     Reply reply{};
-    // The reply overwrites the arrays in place; the pointer between them belongs to the program and comes
-    // back as is.
+    // The reply overwrites the arrays in place; the pointer to the second is returned unchanged.
     const int failure = channel.call(channel.context, request, parts, part_count, reply, nullptr);
     return failure != 0 ? failure : reply.error;
 }
 
-// Takes what an earlier stream left, so that the descriptor is readable only for the new one.
+// Discards the records of earlier streams, so that the descriptor is readable only for the new one.
 void DropStale(int fd, const CameraBoard& board) {
     Record record;
     while (Receive(fd, record, MSG_PEEK | MSG_DONTWAIT) == static_cast<long>(sizeof record)) {
@@ -170,7 +169,7 @@ void DropStale(int fd, const CameraBoard& board) {
     }
 }
 
-// Takes the urgent byte that stands for pending events, and what it leaves in the queue.
+// Consumes the urgent byte that announces pending events, and the mark it leaves in the queue.
 void TakeEventMark(int fd) {
     char byte = 0;
     RawCall(SYS_recvfrom, fd, Word(&byte), 1, MSG_OOB | MSG_DONTWAIT);

@@ -1,5 +1,7 @@
-// The client half of an open device file: what ioctl on its descriptor does inside the program. Queueing and
-// dequeueing are done here on the shared board; everything else is carried to the camera. Any thread.
+// The program's side of an open device file. QBUF and DQBUF are done here, on the shared board; every other
+// ioctl is sent to the camera. See wire.h for the protocol.
+//
+// Thread rule: any thread; no C++ runtime library.
 #pragma once
 
 #include <sys/uio.h>
@@ -9,18 +11,18 @@
 
 namespace zumod::vcam {
 
-// How a request gets to the camera: over a socket from another program, by a plain call from a unit test.
+// How a request reaches the camera: over a socket from a program, by a function call in a unit test.
 struct Channel {
     void* context;
-    // The request's and the reply's payload are gathered from and scattered to `parts`. A descriptor in the
-    // reply goes to *fd when fd is not null. Returns 0, or the errno for a camera that cannot be reached.
+    // Gathers the request's payload from `parts` and scatters the reply's to them. Stores a descriptor in the
+    // reply in *fd unless fd is null. Returns 0, or an errno if the camera cannot be reached.
     int (*call)(void* context, const Request& request, const iovec* parts, int part_count, Reply& reply,
                 int* fd);
 };
 
 Request MakeRequest(Operation operation, const FileIdentity& identity);
 
-// ioctl of a device file: 0 or errno.
+// ioctl on a device file. Returns 0 or errno.
 int ClientIoctl(int fd, const FileIdentity& identity, CameraBoard& board, const Channel& channel,
                 unsigned long command, void* argument);
 

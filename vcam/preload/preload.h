@@ -1,55 +1,98 @@
-// Shared by the pieces of the preload library: what is a virtual camera's, by path and by descriptor. No C++
-// runtime, no constructors, no allocation; any thread, also between fork and exec.
+// What the parts of the preload library share: which paths and descriptors are a virtual camera's.
+//
+// The library runs inside programs that may be written in C, before their initialisation and between fork and
+// exec. So it needs no C++ runtime library, has no constructors and allocates nothing where the C library's
+// function would not.
+//
+// Thread rule: any thread.
 #pragma once
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <charconv>
 #include <cstdint>
+#include <cstring>
+#include <system_error>
 
 #include "vcam/model/camera_board.h"
 #include "vcam/model/wire.h"
 
 namespace zumod::vcam {
 
+// What stat() reports: node N has the device number kVideoMajor:N and the inode kFirstInode + N.
+inline constexpr unsigned kVideoMajor = 81;
+inline constexpr uint64_t kFirstInode = 0x5a560000;
+
+// Removes `prefix` from the text; false if the text does not begin with it.
+inline bool SkipPrefix(const char*& text, const char* prefix) {
+    const size_t length = std::strlen(prefix);
+    if (std::strncmp(text, prefix, length) != 0) {
+        return false;
+    }
+    text += length;
+    return true;
+}
+
+// Removes a number from 0 to 999 from the text and returns it; -1 if there is none. Leading zeros are not
+// accepted.
+inline int TakeNumber(const char*& text) {
+    unsigned number = 0;
+    const auto [end, error] = std::from_chars(text, text + std::strlen(text), number);
+    if (error != std::errc() || number > 999 || (*text == '0' && end != text + 1)) {
+        return -1;
+    }
+    text = end;
+    return static_cast<int>(number);
+}
+
+// Writes a number in decimal, without a NUL, and returns its end.
+inline constexpr unsigned kMaxDigits = 10;
+inline char* PutNumber(char* out, unsigned number) {
+    return std::to_chars(out, out + kMaxDigits, number).ptr;
+}
+
 // The server's name from the environment, or null.
 const char* ServerName();
 
+// N of "videoN", or -1.
+int ReadNodeName(const char* name);
 // N of "/dev/videoN", also as "videoN" relative to /dev; -1 for anything else.
 int NodeNumber(int directory, const char* path);
 
 // Whether a descriptor is a device file of a virtual camera. One system call.
 bool Identify(int fd, FileIdentity& identity);
 
-// Descriptors known to be ours, so that calls which are frequent on other files need no system call. A mark
-// may be out of date: Identify decides.
+// Marks the descriptors of virtual cameras, so that frequent calls on other files need no system call. A mark
+// may be out of date; only Identify is certain.
 void MarkDescriptor(int fd, bool is_ours);
 bool IsMarked(int fd);
-// Both: marked, and really ours.
+// Marked, and confirmed by Identify.
 inline bool IsOurs(int fd) {
     FileIdentity identity;
     return IsMarked(fd) && Identify(fd, identity);
 }
 
-// The board of a device file's camera; null when its server is gone.
+// The board of a device file's camera, or null if its server is gone.
 CameraBoard* BoardOf(const FileIdentity& identity);
 
-// 0, ENOENT for a camera that is unplugged, kNotVirtual for a number that is none's, errno otherwise.
+// Returns 0, ENOENT for an unplugged camera, kNotVirtual for a number of no virtual camera, or another errno.
 int StatNode(int number);
-// Fills `numbers` with the cameras there are; returns how many.
+// Fills `numbers` with the node numbers of the cameras that are plugged in; returns their count.
 unsigned ListNodes(uint32_t (&numbers)[kMaxCameras]);
 
-// A descriptor with what /sys says of a virtual camera, or -1 for any other path.
+// Opens the contents of a virtual camera's uevent file in /sys; -1 for any other path.
 int OpenEventFile(const char* path);
 
-// The next definition of a function the library stands in front of. Looked up once; null when there is none.
+// The next definition of an interposed function, or null if there is none.
 void* FindReal(const char* name);
 
 }  // namespace zumod::vcam
 
-// Marks a function that programs see.
+// Declares an interposed function.
 #define ZU_VCAM_EXPORT extern "C" __attribute__((visibility("default")))
 
-// The real function behind the one being defined.
+// The function that NAME would be without this library; looked up once.
 #define ZU_VCAM_REAL(name)                                     \
     ([]() {                                                    \
         static std::atomic<void*> real{nullptr};               \

@@ -1,4 +1,4 @@
-// ioctl and mmap, and the system calls some libraries make past the C library.
+// Interposed ioctl and mmap, and syscall(), with which some libraries make these calls.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -26,7 +26,7 @@ struct MapArguments {
     off_t offset;
 };
 
-// An ioctl on a virtual camera, or false.
+// Performs an ioctl on a virtual camera; false for any other descriptor.
 bool DeviceIoctl(int fd, unsigned long command, void* argument, int& result) {
     FileIdentity identity;
     if (_IOC_TYPE(command) != kVideoType || !Identify(fd, identity)) {
@@ -43,8 +43,8 @@ bool DeviceIoctl(int fd, unsigned long command, void* argument, int& result) {
     return true;
 }
 
-// Exchanges a descriptor that is ours for the memory behind it; false when it is not ours. *memory is -1,
-// with errno set, when the camera refuses.
+// Finds the memory behind a virtual camera's descriptor; false for any other descriptor. *memory is -1, with
+// errno set, if the camera refuses.
 bool FindMemory(const MapArguments& arguments, int* memory) {
     FileIdentity identity;
     if (arguments.fd < 0 || (arguments.flags & MAP_ANONYMOUS) != 0 || !Identify(arguments.fd, identity)) {
@@ -109,7 +109,7 @@ ZU_VCAM_EXPORT void* mmap64(void* address, size_t length, int protection, int fl
     return MapFile({address, length, protection, flags, fd, offset}, ZU_VCAM_REAL(mmap64));
 }
 
-// A conversion library makes its device calls like this.
+// libv4lconvert makes its device calls in this way.
 ZU_VCAM_EXPORT long syscall(long number, ...) __THROW {
     long words[6];
     va_list arguments;

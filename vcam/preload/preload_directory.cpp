@@ -1,9 +1,10 @@
-// Listings of /dev: the nodes of virtual cameras come after what is really there.
+// Interposed functions that list directories: in /dev the nodes of virtual cameras follow the real entries.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <glob.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,7 +14,7 @@
 namespace zumod::vcam {
 namespace {
 
-// A listing of /dev under way. The program may use one from one thread at a time, as any directory stream.
+// An open listing of /dev. Like any directory stream it is used by one thread at a time.
 struct Listing {
     std::atomic<DIR*> stream;
     bool at_end;
@@ -24,8 +25,8 @@ struct Listing {
 };
 
 constexpr unsigned kMaxListings = 32;
-Listing listings[kMaxListings];
-std::atomic<unsigned> open_listings;
+constinit Listing listings[kMaxListings] = {};
+constinit std::atomic<unsigned> open_listings{0};
 DIR* const kBeingFilled = reinterpret_cast<DIR*>(1);
 
 bool IsDev(const char* path) {
@@ -63,33 +64,13 @@ void BeginListing(DIR* stream) {
     }
 }
 
-void NameNode(uint32_t number, char (&name)[256]) {
-    char digits[12];
-    unsigned count = 0;
-    for (; count == 0 || number != 0; number /= 10) {
-        digits[count++] = static_cast<char>('0' + number % 10);
-    }
-    char* next = name;
-    std::memcpy(next, "video", 5);
-    next += 5;
-    while (count != 0) {
-        *next++ = digits[--count];
-    }
-    *next = 0;
-}
-
 bool IsListed(const Listing& listing, const char* name) {
-    for (unsigned i = 0; i < listing.count; ++i) {
-        char ours[256];
-        NameNode(listing.numbers[i], ours);
-        if (std::strcmp(ours, name) == 0) {
-            return true;
-        }
-    }
-    return false;
+    const int number = ReadNodeName(name);
+    return std::any_of(listing.numbers, listing.numbers + listing.count,
+                       [number](uint32_t ours) { return static_cast<int>(ours) == number; });
 }
 
-// readdir and readdir64 are one function here: the entry is the same.
+// For readdir and readdir64: their entries are the same type.
 template <class Read>
 dirent* ReadEntry(DIR* stream, Read real) {
     Listing* listing = FindListing(stream);
@@ -107,13 +88,15 @@ dirent* ReadEntry(DIR* stream, Read real) {
     if (listing->next >= listing->count) {
         return nullptr;
     }
-    listing->entry = {};
-    listing->entry.d_ino = 0x5a560000 + listing->numbers[listing->next];
-    listing->entry.d_reclen = sizeof listing->entry;
-    listing->entry.d_type = DT_CHR;
-    NameNode(listing->numbers[listing->next], listing->entry.d_name);
-    ++listing->next;
-    return &listing->entry;
+    const uint32_t number = listing->numbers[listing->next++];
+    dirent& entry = listing->entry;
+    entry = {};
+    entry.d_ino = kFirstInode + number;
+    entry.d_reclen = sizeof entry;
+    entry.d_type = DT_CHR;
+    std::strcpy(entry.d_name, "video");
+    *PutNumber(entry.d_name + std::strlen(entry.d_name), number) = 0;
+    return &entry;
 }
 
 void EndListing(DIR* stream) {
@@ -123,7 +106,7 @@ void EndListing(DIR* stream) {
     }
 }
 
-static_assert(sizeof(dirent) == sizeof(dirent64), "one listing serves both names");
+static_assert(sizeof(dirent) == sizeof(dirent64), "one listing serves readdir and readdir64");
 
 dirent64* As64(dirent* entry) {
     return reinterpret_cast<dirent64*>(entry);
@@ -132,7 +115,7 @@ dirent* From64(dirent64* entry) {
     return reinterpret_cast<dirent*>(entry);
 }
 
-// scandir reads its directory past every interposed name, so a listing of /dev is put together here.
+// The C library's scandir does not call the interposed readdir, so a scan of /dev is done here.
 int Scan(const char* path, dirent*** list, int (*filter)(const dirent*),
          int (*compare)(const dirent**, const dirent**)) {
     DIR* stream = opendir(path);
@@ -175,7 +158,7 @@ int Scan(const char* path, dirent*** list, int (*filter)(const dirent*),
     return static_cast<int>(count);
 }
 
-// Lets glob read directories and look at files through the functions here.
+// Makes glob call the functions of this file.
 template <class Glob>
 void UseOurFunctions(Glob& result) {
     result.gl_opendir = [](const char* path) -> void* { return opendir(path); };

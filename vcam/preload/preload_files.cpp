@@ -1,4 +1,4 @@
-// open, close, dup, fcntl, read, write and their other names.
+// Interposed functions on files: open, close, dup, fcntl, read, write and their variants.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -12,7 +12,7 @@
 #include "vcam/preload/raw_system.h"
 #include "vcam/preload/rpc_client.h"
 
-// The fortified names, which <fcntl.h> does not declare.
+// The fortified variants, which <fcntl.h> does not declare.
 extern "C" {
 int __open_2(const char* path, int flags);
 int __open64_2(const char* path, int flags);
@@ -31,7 +31,7 @@ int Fail(int error) {
     return -1;
 }
 
-// Opens a virtual camera: the descriptor, -1 with errno set, or kNotOurs.
+// Opens a virtual camera. Returns the descriptor, -1 with errno set, or kNotOurs.
 int OpenNode(int directory, const char* path, int flags) {
     const int number = NodeNumber(directory, path);
     if (number < 0) {
@@ -70,7 +70,7 @@ bool TakesMode(int flags) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
 
-// A copy of a descriptor is ours if the first one is.
+// A copy of a descriptor is ours if the original is.
 int MarkCopy(int from, int to) {
     if (to >= 0) {
         MarkDescriptor(to, IsMarked(from));
@@ -83,8 +83,8 @@ bool TakesNoArgument(int command) {
            command == F_GETLEASE || command == F_GETPIPE_SZ || command == F_GET_SEALS;
 }
 
-// What fcntl says of our descriptors beside what is true of the socket: how the file was opened.
-int FixStatus(int fd, int command, int result) {
+// Corrects what fcntl reports of our descriptors: the access mode is that of open(), not of the socket.
+int FixResult(int fd, int command, int result) {
     FileIdentity identity;
     if (command == F_GETFL && result >= 0 && IsMarked(fd) && Identify(fd, identity)) {
         result = (result & ~O_ACCMODE) | static_cast<int>(identity.flags & O_ACCMODE);
@@ -100,73 +100,33 @@ int FixStatus(int fd, int command, int result) {
 
 using namespace zumod::vcam;
 
-ZU_VCAM_EXPORT int open(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (TakesMode(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
-        va_end(arguments);
+// The functions of the open family differ in their parameters, in the directory that a path is relative to,
+// and in what is passed on.
+#define ZU_VCAM_OPEN(name, parameters, directory, ...)                      \
+    ZU_VCAM_EXPORT int name parameters {                                    \
+        va_list rest;                                                       \
+        va_start(rest, flags);                                              \
+        const mode_t mode = TakesMode(flags) ? va_arg(rest, mode_t) : 0;    \
+        va_end(rest);                                                       \
+        const int fd = OpenNode(directory, path, flags);                    \
+        return fd != kNotOurs ? fd : ZU_VCAM_REAL(name)(__VA_ARGS__, mode); \
     }
-    const int fd = OpenNode(AT_FDCWD, path, flags);
-    return fd != kNotOurs ? fd : ZU_VCAM_REAL(open)(path, flags, mode);
-}
-
-ZU_VCAM_EXPORT int open64(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (TakesMode(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
-        va_end(arguments);
+#define ZU_VCAM_OPEN_WITHOUT_MODE(name, parameters, directory, ...)   \
+    ZU_VCAM_EXPORT int name parameters {                              \
+        const int fd = OpenNode(directory, path, flags);              \
+        return fd != kNotOurs ? fd : ZU_VCAM_REAL(name)(__VA_ARGS__); \
     }
-    const int fd = OpenNode(AT_FDCWD, path, flags);
-    return fd != kNotOurs ? fd : ZU_VCAM_REAL(open64)(path, flags, mode);
-}
 
-ZU_VCAM_EXPORT int openat(int directory, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (TakesMode(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
-        va_end(arguments);
-    }
-    const int fd = OpenNode(directory, path, flags);
-    return fd != kNotOurs ? fd : ZU_VCAM_REAL(openat)(directory, path, flags, mode);
-}
-
-ZU_VCAM_EXPORT int openat64(int directory, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (TakesMode(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
-        va_end(arguments);
-    }
-    const int fd = OpenNode(directory, path, flags);
-    return fd != kNotOurs ? fd : ZU_VCAM_REAL(openat64)(directory, path, flags, mode);
-}
-
-ZU_VCAM_EXPORT int __open_2(const char* path, int flags) {
-    const int fd = OpenNode(AT_FDCWD, path, flags);
-    return fd != kNotOurs ? fd : ZU_VCAM_REAL(__open_2)(path, flags);
-}
-
-ZU_VCAM_EXPORT int __open64_2(const char* path, int flags) {
-    const int fd = OpenNode(AT_FDCWD, path, flags);
-    return fd != kNotOurs ? fd : ZU_VCAM_REAL(__open64_2)(path, flags);
-}
-
-ZU_VCAM_EXPORT int __openat_2(int directory, const char* path, int flags) {
-    const int fd = OpenNode(directory, path, flags);
-    return fd != kNotOurs ? fd : ZU_VCAM_REAL(__openat_2)(directory, path, flags);
-}
-
-ZU_VCAM_EXPORT int __openat64_2(int directory, const char* path, int flags) {
-    const int fd = OpenNode(directory, path, flags);
-    return fd != kNotOurs ? fd : ZU_VCAM_REAL(__openat64_2)(directory, path, flags);
-}
+ZU_VCAM_OPEN(open, (const char* path, int flags, ...), AT_FDCWD, path, flags)
+ZU_VCAM_OPEN(open64, (const char* path, int flags, ...), AT_FDCWD, path, flags)
+ZU_VCAM_OPEN(openat, (int directory, const char* path, int flags, ...), directory, directory, path, flags)
+ZU_VCAM_OPEN(openat64, (int directory, const char* path, int flags, ...), directory, directory, path, flags)
+ZU_VCAM_OPEN_WITHOUT_MODE(__open_2, (const char* path, int flags), AT_FDCWD, path, flags)
+ZU_VCAM_OPEN_WITHOUT_MODE(__open64_2, (const char* path, int flags), AT_FDCWD, path, flags)
+ZU_VCAM_OPEN_WITHOUT_MODE(__openat_2, (int directory, const char* path, int flags), directory, directory,
+                          path, flags)
+ZU_VCAM_OPEN_WITHOUT_MODE(__openat64_2, (int directory, const char* path, int flags), directory, directory,
+                          path, flags)
 
 ZU_VCAM_EXPORT int close(int fd) {
     MarkDescriptor(fd, false);
@@ -185,29 +145,22 @@ ZU_VCAM_EXPORT int dup3(int fd, int to, int flags) __THROW {
     return MarkCopy(fd, ZU_VCAM_REAL(dup3)(fd, to, flags));
 }
 
-ZU_VCAM_EXPORT int fcntl(int fd, int command, ...) {
-    if (TakesNoArgument(command)) {
-        return FixStatus(fd, command, ZU_VCAM_REAL(fcntl)(fd, command));
+#define ZU_VCAM_FCNTL(name)                                                       \
+    ZU_VCAM_EXPORT int name(int fd, int command, ...) {                           \
+        if (TakesNoArgument(command)) {                                           \
+            return FixResult(fd, command, ZU_VCAM_REAL(name)(fd, command));       \
+        }                                                                         \
+        va_list rest;                                                             \
+        va_start(rest, command);                                                  \
+        void* argument = va_arg(rest, void*);                                     \
+        va_end(rest);                                                             \
+        return FixResult(fd, command, ZU_VCAM_REAL(name)(fd, command, argument)); \
     }
-    va_list arguments;
-    va_start(arguments, command);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    return FixStatus(fd, command, ZU_VCAM_REAL(fcntl)(fd, command, argument));
-}
 
-ZU_VCAM_EXPORT int fcntl64(int fd, int command, ...) {
-    if (TakesNoArgument(command)) {
-        return FixStatus(fd, command, ZU_VCAM_REAL(fcntl64)(fd, command));
-    }
-    va_list arguments;
-    va_start(arguments, command);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    return FixStatus(fd, command, ZU_VCAM_REAL(fcntl64)(fd, command, argument));
-}
+ZU_VCAM_FCNTL(fcntl)
+ZU_VCAM_FCNTL(fcntl64)
 
-// The cameras stream and do neither read nor write: as a driver without them, they refuse.
+// The cameras only stream; like such a driver they refuse read and write.
 ZU_VCAM_EXPORT ssize_t read(int fd, void* buffer, size_t size) {
     return IsOurs(fd) ? Fail(EINVAL) : ZU_VCAM_REAL(read)(fd, buffer, size);
 }

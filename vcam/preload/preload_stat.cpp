@@ -1,5 +1,5 @@
-// stat, access, readlink, getxattr and their other names: the device files look like character devices that
-// may be used.
+// Interposed functions that inspect a path: stat, access, readlink, getxattr and their variants. A virtual
+// camera looks like a character device that the user may read and write.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,7 +15,7 @@
 #include "vcam/preload/preload.h"
 #include "vcam/preload/raw_system.h"
 
-// A fortified name, and the names binaries from before glibc 2.33 call.
+// The fortified variants, and what programs built with a glibc before 2.33 call.
 extern "C" {
 char* __realpath_chk(const char* path, char* resolved, size_t size);
 ssize_t __readlink_chk(const char* path, char* buffer, size_t size, size_t buffer_size);
@@ -32,10 +32,8 @@ int __fxstatat64(int version, int directory, const char* path, struct stat64* re
 namespace zumod::vcam {
 namespace {
 
-constexpr unsigned kVideoMajor = 81;
 constexpr mode_t kMode = S_IFCHR | 0660;
 constexpr unsigned kDevice = 5;
-constexpr uint64_t kFirstInode = 0x5a560000;
 
 enum class Answer { kNotOurs, kFailed, kFilled };
 
@@ -52,7 +50,7 @@ void Fill(int number, Stat& result) {
     result.st_blksize = 4096;
 }
 
-// The number of a node that is there; kFailed sets errno.
+// Finds the number of a node that is plugged in. kFailed sets errno.
 Answer FindNode(int directory, const char* path, int& number) {
     number = NodeNumber(directory, path);
     if (number < 0 || ServerName() == nullptr) {
@@ -89,7 +87,7 @@ Answer StatDescriptor(int fd, Stat* result) {
     return Answer::kFilled;
 }
 
-// realpath: *resolved becomes the result when the path is ours.
+// realpath: sets *resolved to the result if the path is ours.
 Answer ResolveNode(const char* path, char** resolved) {
     int number = -1;
     const Answer answer = FindNode(AT_FDCWD, path, number);
@@ -103,12 +101,37 @@ Answer ResolveNode(const char* path, char** resolved) {
         *resolved = static_cast<char*>(std::malloc(PATH_MAX));
     }
     if (*resolved != nullptr) {
-        // A path relative to /dev ends like an absolute one.
+        // The path is absolute or relative to /dev; the name is the same.
         const char* name = std::strrchr(path, '/');
         std::strcpy(*resolved, "/dev/");
         std::strcat(*resolved, name == nullptr ? path : name + 1);
     }
     return answer;
+}
+
+constexpr int kNotALink = EINVAL;
+constexpr int kNoAttribute = ENODATA;
+
+// For a call that fails on every device file.
+Answer Refuse(const char* path, int error) {
+    int number = -1;
+    const Answer answer = FindNode(AT_FDCWD, path, number);
+    if (answer != Answer::kFilled) {
+        return answer;
+    }
+    errno = error;
+    return Answer::kFailed;
+}
+
+// access: anything but execution is allowed.
+Answer CheckAccess(int directory, const char* path, int mode) {
+    int number = -1;
+    const Answer answer = FindNode(directory, path, number);
+    if (answer != Answer::kFilled || (mode & X_OK) == 0) {
+        return answer;
+    }
+    errno = EACCES;
+    return Answer::kFailed;
 }
 
 int ResultOf(Answer answer) {
@@ -128,77 +151,77 @@ Answer StatAt(int directory, const char* path, Stat* result, int flags) {
 
 using namespace zumod::vcam;
 
-#define ZU_VCAM_STAT(answer, call) \
-    const Answer found = answer;   \
+#define ZU_VCAM_ANSWER(answer, call) \
+    const Answer found = answer;     \
     return found != Answer::kNotOurs ? ResultOf(found) : (call)
 
 ZU_VCAM_EXPORT int stat(const char* path, struct stat* result) __THROW {
-    ZU_VCAM_STAT(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(stat)(path, result));
+    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(stat)(path, result));
 }
 
 ZU_VCAM_EXPORT int stat64(const char* path, struct stat64* result) __THROW {
-    ZU_VCAM_STAT(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(stat64)(path, result));
+    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(stat64)(path, result));
 }
 
 ZU_VCAM_EXPORT int lstat(const char* path, struct stat* result) __THROW {
-    ZU_VCAM_STAT(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(lstat)(path, result));
+    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(lstat)(path, result));
 }
 
 ZU_VCAM_EXPORT int lstat64(const char* path, struct stat64* result) __THROW {
-    ZU_VCAM_STAT(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(lstat64)(path, result));
+    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(lstat64)(path, result));
 }
 
 ZU_VCAM_EXPORT int fstat(int fd, struct stat* result) __THROW {
-    ZU_VCAM_STAT(StatDescriptor(fd, result), ZU_VCAM_REAL(fstat)(fd, result));
+    ZU_VCAM_ANSWER(StatDescriptor(fd, result), ZU_VCAM_REAL(fstat)(fd, result));
 }
 
 ZU_VCAM_EXPORT int fstat64(int fd, struct stat64* result) __THROW {
-    ZU_VCAM_STAT(StatDescriptor(fd, result), ZU_VCAM_REAL(fstat64)(fd, result));
+    ZU_VCAM_ANSWER(StatDescriptor(fd, result), ZU_VCAM_REAL(fstat64)(fd, result));
 }
 
 ZU_VCAM_EXPORT int fstatat(int directory, const char* path, struct stat* result, int flags) __THROW {
-    ZU_VCAM_STAT(StatAt(directory, path, result, flags),
-                 ZU_VCAM_REAL(fstatat)(directory, path, result, flags));
+    ZU_VCAM_ANSWER(StatAt(directory, path, result, flags),
+                   ZU_VCAM_REAL(fstatat)(directory, path, result, flags));
 }
 
 ZU_VCAM_EXPORT int fstatat64(int directory, const char* path, struct stat64* result, int flags) __THROW {
-    ZU_VCAM_STAT(StatAt(directory, path, result, flags),
-                 ZU_VCAM_REAL(fstatat64)(directory, path, result, flags));
+    ZU_VCAM_ANSWER(StatAt(directory, path, result, flags),
+                   ZU_VCAM_REAL(fstatat64)(directory, path, result, flags));
 }
 
 ZU_VCAM_EXPORT int __xstat(int version, const char* path, struct stat* result) {
-    ZU_VCAM_STAT(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__xstat)(version, path, result));
+    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__xstat)(version, path, result));
 }
 
 ZU_VCAM_EXPORT int __xstat64(int version, const char* path, struct stat64* result) {
-    ZU_VCAM_STAT(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__xstat64)(version, path, result));
+    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__xstat64)(version, path, result));
 }
 
 ZU_VCAM_EXPORT int __lxstat(int version, const char* path, struct stat* result) {
-    ZU_VCAM_STAT(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__lxstat)(version, path, result));
+    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__lxstat)(version, path, result));
 }
 
 ZU_VCAM_EXPORT int __lxstat64(int version, const char* path, struct stat64* result) {
-    ZU_VCAM_STAT(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__lxstat64)(version, path, result));
+    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__lxstat64)(version, path, result));
 }
 
 ZU_VCAM_EXPORT int __fxstat(int version, int fd, struct stat* result) {
-    ZU_VCAM_STAT(StatDescriptor(fd, result), ZU_VCAM_REAL(__fxstat)(version, fd, result));
+    ZU_VCAM_ANSWER(StatDescriptor(fd, result), ZU_VCAM_REAL(__fxstat)(version, fd, result));
 }
 
 ZU_VCAM_EXPORT int __fxstat64(int version, int fd, struct stat64* result) {
-    ZU_VCAM_STAT(StatDescriptor(fd, result), ZU_VCAM_REAL(__fxstat64)(version, fd, result));
+    ZU_VCAM_ANSWER(StatDescriptor(fd, result), ZU_VCAM_REAL(__fxstat64)(version, fd, result));
 }
 
 ZU_VCAM_EXPORT int __fxstatat(int version, int directory, const char* path, struct stat* result, int flags) {
-    ZU_VCAM_STAT(StatAt(directory, path, result, flags),
-                 ZU_VCAM_REAL(__fxstatat)(version, directory, path, result, flags));
+    ZU_VCAM_ANSWER(StatAt(directory, path, result, flags),
+                   ZU_VCAM_REAL(__fxstatat)(version, directory, path, result, flags));
 }
 
 ZU_VCAM_EXPORT int __fxstatat64(int version, int directory, const char* path, struct stat64* result,
                                 int flags) {
-    ZU_VCAM_STAT(StatAt(directory, path, result, flags),
-                 ZU_VCAM_REAL(__fxstatat64)(version, directory, path, result, flags));
+    ZU_VCAM_ANSWER(StatAt(directory, path, result, flags),
+                   ZU_VCAM_REAL(__fxstatat64)(version, directory, path, result, flags));
 }
 
 ZU_VCAM_EXPORT int statx(int directory, const char* path, int flags, unsigned mask,
@@ -225,45 +248,19 @@ ZU_VCAM_EXPORT int statx(int directory, const char* path, int flags, unsigned ma
 }
 
 ZU_VCAM_EXPORT int access(const char* path, int mode) __THROW {
-    int number = -1;
-    const Answer answer = FindNode(AT_FDCWD, path, number);
-    if (answer == Answer::kFilled && (mode & X_OK) != 0) {
-        errno = EACCES;
-        return -1;
-    }
-    return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(access)(path, mode);
+    ZU_VCAM_ANSWER(CheckAccess(AT_FDCWD, path, mode), ZU_VCAM_REAL(access)(path, mode));
 }
 
 ZU_VCAM_EXPORT int faccessat(int directory, const char* path, int mode, int flags) __THROW {
-    int number = -1;
-    const Answer answer = FindNode(directory, path, number);
-    if (answer == Answer::kFilled && (mode & X_OK) != 0) {
-        errno = EACCES;
-        return -1;
-    }
-    return answer != Answer::kNotOurs ? ResultOf(answer)
-                                      : ZU_VCAM_REAL(faccessat)(directory, path, mode, flags);
+    ZU_VCAM_ANSWER(CheckAccess(directory, path, mode), ZU_VCAM_REAL(faccessat)(directory, path, mode, flags));
 }
 
 ZU_VCAM_EXPORT ssize_t readlink(const char* path, char* buffer, size_t size) __THROW {
-    int number = -1;
-    const Answer answer = FindNode(AT_FDCWD, path, number);
-    if (answer == Answer::kFilled) {
-        errno = EINVAL;  // a device file is no link
-        return -1;
-    }
-    return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(readlink)(path, buffer, size);
+    ZU_VCAM_ANSWER(Refuse(path, kNotALink), ZU_VCAM_REAL(readlink)(path, buffer, size));
 }
 
 ZU_VCAM_EXPORT ssize_t __readlink_chk(const char* path, char* buffer, size_t size, size_t buffer_size) {
-    int number = -1;
-    const Answer answer = FindNode(AT_FDCWD, path, number);
-    if (answer == Answer::kFilled) {
-        errno = EINVAL;
-        return -1;
-    }
-    return answer != Answer::kNotOurs ? ResultOf(answer)
-                                      : ZU_VCAM_REAL(__readlink_chk)(path, buffer, size, buffer_size);
+    ZU_VCAM_ANSWER(Refuse(path, kNotALink), ZU_VCAM_REAL(__readlink_chk)(path, buffer, size, buffer_size));
 }
 
 ZU_VCAM_EXPORT char* realpath(const char* path, char* resolved) __THROW {
@@ -276,23 +273,10 @@ ZU_VCAM_EXPORT char* __realpath_chk(const char* path, char* resolved, size_t siz
     return answer != Answer::kNotOurs ? resolved : ZU_VCAM_REAL(__realpath_chk)(path, resolved, size);
 }
 
-// Device files have no attributes; a listing with details asks for them.
 ZU_VCAM_EXPORT ssize_t getxattr(const char* path, const char* name, void* value, size_t size) __THROW {
-    int number = -1;
-    const Answer answer = FindNode(AT_FDCWD, path, number);
-    if (answer == Answer::kFilled) {
-        errno = ENODATA;
-        return -1;
-    }
-    return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(getxattr)(path, name, value, size);
+    ZU_VCAM_ANSWER(Refuse(path, kNoAttribute), ZU_VCAM_REAL(getxattr)(path, name, value, size));
 }
 
 ZU_VCAM_EXPORT ssize_t lgetxattr(const char* path, const char* name, void* value, size_t size) __THROW {
-    int number = -1;
-    const Answer answer = FindNode(AT_FDCWD, path, number);
-    if (answer == Answer::kFilled) {
-        errno = ENODATA;
-        return -1;
-    }
-    return answer != Answer::kNotOurs ? ResultOf(answer) : ZU_VCAM_REAL(lgetxattr)(path, name, value, size);
+    ZU_VCAM_ANSWER(Refuse(path, kNoAttribute), ZU_VCAM_REAL(lgetxattr)(path, name, value, size));
 }

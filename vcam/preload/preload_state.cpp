@@ -16,43 +16,13 @@ namespace zumod::vcam {
 namespace {
 
 constexpr char kDirectory[] = "/dev";
-constexpr char kNode[] = "video";
-constexpr unsigned kMaxDigits = 3;
-
-// "video12" to 12.
-int ReadNode(const char* name) {
-    constexpr size_t prefix = sizeof kNode - 1;
-    if (std::strncmp(name, kNode, prefix) != 0) {
-        return -1;
-    }
-    const char* digit = name + prefix;
-    if (*digit == '0' && digit[1] != 0) {
-        return -1;
-    }
-    int number = 0;
-    unsigned digits = 0;
-    for (; *digit >= '0' && *digit <= '9' && digits < kMaxDigits; ++digit, ++digits) {
-        number = number * 10 + (*digit - '0');
-    }
-    return digits != 0 && *digit == 0 ? number : -1;
-}
 
 bool IsDevDirectory(int directory) {
     char link[40] = "/proc/self/cwd";
     if (directory != AT_FDCWD) {
-        // "/proc/self/fd/N" without the C library's formatting, which may allocate.
-        char digits[12];
-        unsigned count = 0;
-        for (auto rest = static_cast<unsigned>(directory); count == 0 || rest != 0; rest /= 10) {
-            digits[count++] = static_cast<char>('0' + rest % 10);
-        }
         char* next = link + sizeof "/proc/self/" - 1;
         std::memcpy(next, "fd/", 3);
-        next += 3;
-        while (count != 0) {
-            *next++ = digits[--count];
-        }
-        *next = 0;
+        *PutNumber(next + 3, static_cast<unsigned>(directory)) = 0;
     }
     char target[sizeof kDirectory];
     const long length = RawCall(SYS_readlinkat, AT_FDCWD, Word(link), Word(target), sizeof target);
@@ -61,19 +31,19 @@ bool IsDevDirectory(int directory) {
 }
 
 constexpr unsigned kMarkedDescriptors = 1U << 16;
-std::atomic<uint64_t> marks[kMarkedDescriptors / 64];
+constinit std::atomic<uint64_t> marks[kMarkedDescriptors / 64] = {};
 
 constexpr size_t kBoardsSize = sizeof(CameraBoard) * kMaxCameras;
 
-// The boards of each server this process has met. Entries are only ever added.
+// The boards of each server that this process has used. Entries are only added.
 struct KnownServer {
     std::atomic<bool> taken;
     std::atomic<CameraBoard*> boards;
     char name[kServerNameSize];
 };
 constexpr unsigned kMaxServers = 1024;
-KnownServer known_servers[kMaxServers];
-std::atomic<unsigned> last_server;
+constinit KnownServer known_servers[kMaxServers] = {};
+constinit std::atomic<unsigned> last_server{0};
 
 bool IsServer(const KnownServer& known, const FileIdentity& identity) {
     return std::memcmp(known.name, identity.server, sizeof known.name) == 0;
@@ -98,17 +68,22 @@ const char* ServerName() {
     return std::getenv(kServerVariable);
 }
 
+int ReadNodeName(const char* name) {
+    if (!SkipPrefix(name, "video")) {
+        return -1;
+    }
+    const int number = TakeNumber(name);
+    return *name == 0 ? number : -1;
+}
+
 int NodeNumber(int directory, const char* path) {
     if (path == nullptr) {
         return -1;
     }
-    constexpr size_t prefix = sizeof kDirectory - 1;
     if (path[0] == '/') {
-        return std::strncmp(path, kDirectory, prefix) == 0 && path[prefix] == '/'
-                   ? ReadNode(path + prefix + 1)
-                   : -1;
+        return SkipPrefix(path, kDirectory) && SkipPrefix(path, "/") ? ReadNodeName(path) : -1;
     }
-    const int number = path[0] == kNode[0] ? ReadNode(path) : -1;
+    const int number = ReadNodeName(path);
     return number >= 0 && IsDevDirectory(directory) ? number : -1;
 }
 
@@ -140,7 +115,7 @@ bool IsMarked(int fd) {
         return false;
     }
     if (static_cast<unsigned>(fd) >= kMarkedDescriptors) {
-        return true;  // there is no room to know; whoever asks looks closer
+        return true;  // outside the table: may be ours; callers confirm with Identify
     }
     return (marks[static_cast<unsigned>(fd) / 64].load(std::memory_order_relaxed) >>
                 (static_cast<unsigned>(fd) % 64) &
@@ -195,7 +170,7 @@ unsigned ListNodes(uint32_t (&numbers)[kMaxCameras]) {
     }
     const FileIdentity nobody{};
     Request request = MakeRequest(Operation::kList, nobody);
-    // The answer comes into the same memory.
+    // The reply is received into the same memory.
     std::memset(numbers, 0, sizeof numbers);
     request.size = sizeof numbers;
     const iovec part{numbers, sizeof numbers};

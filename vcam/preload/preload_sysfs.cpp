@@ -1,4 +1,4 @@
-// The one file of /sys that programs read to learn what kind of device a node is.
+// Interposed fopen: the one file of /sys that programs read to learn what kind of device a node is.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,30 +13,23 @@
 namespace zumod::vcam {
 namespace {
 
-// Takes `prefix` off the text; false when it does not begin with it.
-bool Skip(const char*& text, const char* prefix) {
-    const size_t length = std::strlen(prefix);
-    if (std::strncmp(text, prefix, length) != 0) {
-        return false;
-    }
-    text += length;
-    return true;
-}
-
 // N of "/sys/dev/char/81:N/uevent" and "/sys/class/video4linux/videoN/uevent", or -1.
 int EventFileNumber(const char* path) {
-    if (path == nullptr || !(Skip(path, "/sys/dev/char/81:") || Skip(path, "/sys/class/video4linux/video"))) {
+    if (path == nullptr || !SkipPrefix(path, "/sys/")) {
         return -1;
     }
-    int number = 0;
-    unsigned digits = 0;
-    for (; *path >= '0' && *path <= '9' && digits < 3; ++path, ++digits) {
-        number = number * 10 + (*path - '0');
+    if (SkipPrefix(path, "dev/char/")) {
+        if (TakeNumber(path) != static_cast<int>(kVideoMajor) || !SkipPrefix(path, ":")) {
+            return -1;
+        }
+    } else if (!SkipPrefix(path, "class/video4linux/video")) {
+        return -1;
     }
-    return digits != 0 && std::strcmp(path, "/uevent") == 0 ? number : -1;
+    const int number = TakeNumber(path);
+    return std::strcmp(path, "/uevent") == 0 ? number : -1;
 }
 
-// Appends text and a number, without the C library's formatting.
+// A short text in memory. Does not use the C library's formatting, which may allocate.
 struct Writer {
     char text[80];
     size_t size = 0;
@@ -46,16 +39,7 @@ struct Writer {
         std::memcpy(text + size, more, length);
         size += length;
     }
-    void Put(int number) {
-        char digits[12];
-        unsigned count = 0;
-        for (; count == 0 || number != 0; number /= 10) {
-            digits[count++] = static_cast<char>('0' + number % 10);
-        }
-        while (count != 0) {
-            text[size++] = digits[--count];
-        }
-    }
+    void Put(unsigned number) { size = static_cast<size_t>(PutNumber(text + size, number) - text); }
 };
 
 }  // namespace
@@ -66,10 +50,13 @@ int OpenEventFile(const char* path) {
         return -1;
     }
     Writer writer;
-    writer.Put("MAJOR=81\nMINOR=");
-    writer.Put(number);
+    const auto node = static_cast<unsigned>(number);
+    writer.Put("MAJOR=");
+    writer.Put(kVideoMajor);
+    writer.Put("\nMINOR=");
+    writer.Put(node);
     writer.Put("\nDEVNAME=video");
-    writer.Put(number);
+    writer.Put(node);
     writer.Put("\n");
     const char name[] = "zu-vcam-uevent";
     const long fd = RawCall(SYS_memfd_create, Word(name), 0);

@@ -1,6 +1,7 @@
-// System calls past the C library: what the client half of a camera does inside a program is no cancellation
-// point, meets no interposed function and leaves errno alone. Results are the kernel's, a negative errno for
-// a failure.
+// System calls that bypass the C library: they are not cancellation points, do not call interposed functions
+// and leave errno unchanged. They return the kernel's result, a negative errno on failure.
+//
+// Thread rule: any thread.
 #pragma once
 
 #include <sys/syscall.h>

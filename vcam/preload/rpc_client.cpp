@@ -12,7 +12,7 @@ namespace zumod::vcam {
 namespace {
 
 template <class Call>
-long RetryInterrupted(Call call) {
+long RetryOnInterrupt(Call call) {
     long result = 0;
     do {
         result = call();
@@ -27,7 +27,7 @@ int Connect(const char* server_name) {
     }
     sockaddr_un address;
     const unsigned length = ServerAddress(server_name, address);
-    const long result = RetryInterrupted(
+    const long result = RetryOnInterrupt(
         [&] { return RawCall(SYS_connect, socket, Word(&address), static_cast<long>(length)); });
     if (result < 0) {
         RawClose(static_cast<int>(socket));
@@ -57,7 +57,7 @@ int Exchange(int socket, const Request& request, const iovec* parts, int part_co
     message.msg_iov = all;
     message.msg_iovlen = static_cast<size_t>(part_count) + 1;
     const long sent =
-        RetryInterrupted([&] { return RawCall(SYS_sendmsg, socket, Word(&message), MSG_NOSIGNAL); });
+        RetryOnInterrupt([&] { return RawCall(SYS_sendmsg, socket, Word(&message), MSG_NOSIGNAL); });
     if (sent < 0) {
         return sent == -EFAULT ? EFAULT : ENODEV;
     }
@@ -67,7 +67,7 @@ int Exchange(int socket, const Request& request, const iovec* parts, int part_co
     message.msg_controllen = sizeof control;
     const int flags = close_on_exec ? MSG_CMSG_CLOEXEC : 0;
     const long received =
-        RetryInterrupted([&] { return RawCall(SYS_recvmsg, socket, Word(&message), flags); });
+        RetryOnInterrupt([&] { return RawCall(SYS_recvmsg, socket, Word(&message), flags); });
     if (received < static_cast<long>(sizeof reply)) {
         return received == -EFAULT ? EFAULT : ENODEV;
     }

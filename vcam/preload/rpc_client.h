@@ -1,5 +1,7 @@
-// A request to the server of virtual cameras, from any program. Opens a connection for each, so threads,
-// forks and programs that close descriptors they do not know need no care. No C++ runtime; any thread.
+// Requests to the server of virtual cameras. Each has its own connection, so threads, forks and programs that
+// close unknown descriptors cannot disturb it.
+//
+// Thread rule: any thread; no C++ runtime library.
 #pragma once
 
 #include <sys/uio.h>
@@ -11,9 +13,8 @@ namespace zumod::vcam {
 
 inline constexpr int kMaxRequestParts = 2;
 
-// Sends the request with its parts and receives the reply into the same parts. Returns 0, or the errno for a
-// server that cannot be reached. A descriptor goes to *fd, which is -1 otherwise; it closes on exec if asked
-// for.
+// Sends the request with its parts and receives the reply into the same parts. Returns 0, or an errno if the
+// server cannot be reached. *fd becomes the descriptor in the reply, or -1.
 int CallServer(const char* server_name, const Request& request, const iovec* parts, int part_count,
                Reply& reply, int* fd, bool close_on_exec = true);
 
