@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "src/loader/create_policy_adapter.h"
 #include "src/loader/load_module.h"
 #include "src/loader/module_path.h"
@@ -19,17 +21,15 @@ CameraModule::~CameraModule() {
     ZuModUnloadModule(m_handle);
 }
 
-bool CameraModule::Load(std::string& error) {
+Expected<void> CameraModule::Load() {
     const std::string file = ZuModGetModulePath(kCameraModuleName, false);
     if (access(file.c_str(), F_OK) != 0) {
-        error = "the camera module is not there: " + file;
-        return false;
+        return Fail("the camera module is not there: " + file);
     }
     if (Create(&m_handle) == nullptr) {
-        error = "the camera module does not load (the log says why): " + file;
-        return false;
+        return Fail("the camera module does not load (the log says why): " + file);
     }
-    return true;
+    return {};
 }
 
 CRefPtr_T<IClientCameraPlugin> CameraModule::CreatePlugin() {
@@ -45,18 +45,18 @@ CRefPtr_T<IClientCameraPlugin> CameraModule::Create(void** handle) {
     return CRefPtr_T<IClientCameraPlugin>::Adopt(static_cast<IClientCameraPlugin*>(static_cast<void*>(face)));
 }
 
-std::string LoadCodecLibrary() {
+Expected<void> LoadCodecLibrary() {
     const std::string file = ZuModGetModulePath(kCodecModuleName, false);
     if (access(file.c_str(), F_OK) != 0) {
-        return "zu-codec.so is missing: " + file;
+        return Fail("zu-codec.so is missing: " + file);
     }
-    // Never closed: a codec module, once used, stays mapped until the process has ended.
+    // Never closed: a codec module that was used once stays mapped until the process ends.
     if (dlopen(file.c_str(), RTLD_LAZY) == nullptr) {
         const char* const reason =
-            dlerror();  // NOLINT(concurrency-mt-unsafe): the text belongs to the thread
-        return std::string("zu-codec.so does not load: ") + (reason != nullptr ? reason : "");
+            dlerror();  // NOLINT(concurrency-mt-unsafe): the text is kept for each thread
+        return Fail(std::string("zu-codec.so does not load: ") + (reason != nullptr ? reason : ""));
     }
-    return "";
+    return {};
 }
 
 }  // namespace zumod::host

@@ -1,17 +1,17 @@
 // The camera module, loaded through the loader with the host's runtime.
 //
-// Thread rule: made and destroyed on one thread while no plugin of it is left; CreatePlugin is [any thread].
+// Thread rule: constructed and destroyed on one thread while none of its plugins exist; CreatePlugin is [any
+// thread].
 #pragma once
 
-#include <string>
-
+#include "common/error.h"
 #include "zumod/client_camera_plugin.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod::host {
 
-// The runtime must be attached to this program's own (AttachRuntime) first; its "zu.env.modules.dir" says
-// where the module is.
+// The program's runtime must be attached first (AttachRuntime). Its property "zu.env.modules.dir" says where
+// the module is.
 class CameraModule {
 public:
     CameraModule() = default;
@@ -20,10 +20,10 @@ public:
     CameraModule(const CameraModule&) = delete;
     CameraModule& operator=(const CameraModule&) = delete;
 
-    // Loads the module and sees whether it makes plugins. On failure `error` names the file.
-    bool Load(std::string& error);
+    // Loads the module and checks that it creates plugins. The error names the file.
+    Expected<void> Load();
 
-    // A new plugin, or null after log lines that say why.
+    // A new plugin, or null; then the log says why.
     CRefPtr_T<IClientCameraPlugin> CreatePlugin();
 
 private:
@@ -32,9 +32,8 @@ private:
     void* m_handle = nullptr;
 };
 
-// Maps the codec module's library for as long as the process runs, so that a camera's first frame need not
-// wait for it: with what it depends on it is the largest thing on the way. Returns what is wrong with it, or
-// nothing.
-std::string LoadCodecLibrary();
+// Maps the codec module's library until the process exits. The library and its dependencies are large; a
+// camera's first frame need not wait for them.
+Expected<void> LoadCodecLibrary();
 
 }  // namespace zumod::host

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/safe_text.h"
 #include "src/base/time_text.h"
 #include "zumod/runtime.h"
 
@@ -30,14 +31,6 @@ constexpr LevelStyle kStyles[] = {
 };
 constexpr char kPlain[] = "\033[0m";
 
-std::string Harmless(const std::string& text) {
-    std::string line = text;
-    std::replace_if(
-        line.begin(), line.end(),
-        [](char c) { return (static_cast<unsigned char>(c) < ' ' && c != '\t') || c == '\x7F'; }, '?');
-    return line;
-}
-
 }  // namespace
 
 std::string FormatLogLine(const timeval& time, uint32_t level, const std::string& text, bool colour) {
@@ -54,12 +47,13 @@ std::string FormatLogLine(const timeval& time, uint32_t level, const std::string
     char rest[32];
     std::snprintf(rest, sizeof rest, ".%03d %-7s ", static_cast<int>(time.tv_usec / 1000), name.c_str());
     line += rest;
-    line += Harmless(text);
+    line += SafeText(text);
     return start + line + (start.empty() ? "" : kPlain) + '\n';
 }
 
 bool WantsColour(int descriptor) {
-    const char* unwanted = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): nobody sets variables
+    const char* unwanted =
+        std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): no thread sets variables
     return (unwanted == nullptr || *unwanted == 0) && isatty(descriptor) == 1;
 }
 
@@ -72,7 +66,7 @@ void HostLog::Write(uint32_t level, const std::string& text) {
     }
     timeval now{};
     gettimeofday(&now, nullptr);
-    const std::lock_guard guard(m_mutex);
+    const MutexLock lock(m_mutex);
     if (m_dropped != 0 &&
         Put(FormatLogLine(now, kLogIgnored, std::to_string(m_dropped) + " lines were lost", m_colour))) {
         m_dropped = 0;
@@ -83,7 +77,7 @@ void HostLog::Write(uint32_t level, const std::string& text) {
 }
 
 bool HostLog::Put(const std::string& line) {
-    // A pipe that is ready takes this much without waiting.
+    // A pipe that is ready takes PIPE_BUF bytes without blocking.
     for (size_t done = 0; done < line.size();) {
         pollfd watched{m_descriptor, POLLOUT, 0};
         if (poll(&watched, 1, m_dropped != 0 ? 0 : kPatienceMilliseconds) != 1) {

@@ -1,42 +1,43 @@
-// The host's log: one line a message on standard error, with the time and the level.
+// The host's log on standard error: one line per message, with the time and the level.
 //
-// Thread rule: every operation is [any thread].
+// Thread rule: any thread.
 #pragma once
 
 #include <sys/time.h>
 
 #include <cstdint>
-#include <mutex>
 #include <string>
+
+#include "common/mutex.h"
 
 namespace zumod::host {
 
-// A line and its end: local time to the millisecond, level, text. Control characters in the text, which may
-// be a device's, become question marks: a line stays a line.
+// One line with its line end: local time in milliseconds, level, text. The text may contain what a device
+// calls itself; SafeText keeps it on one line and away from the terminal's controls.
 std::string FormatLogLine(const timeval& time, uint32_t level, const std::string& text, bool colour);
 
-// Whether lines on this descriptor are to be coloured: on a terminal, unless NO_COLOR has a value.
+// Whether lines on this descriptor are coloured: on a terminal, unless NO_COLOR has a value.
 bool WantsColour(int descriptor);
 
 class HostLog {
 public:
-    // Shows the levels whose bits are in `levels`, on a descriptor that stays open.
+    // Shows the levels whose bits are in `levels`. The descriptor stays open as long as the log exists.
     HostLog(int descriptor, uint32_t levels);
     HostLog(const HostLog&) = delete;
     HostLog& operator=(const HostLog&) = delete;
 
-    // A log that nobody reads must not hold up a camera: after one wait of some tenths of a second, lines are
-    // dropped, and counted in a line of its own, until the descriptor takes bytes again.
+    // A log that nobody reads must not block a camera. If the descriptor stays full for some tenths of a
+    // second, lines are dropped until it takes bytes again; then one line says how many.
     void Write(uint32_t level, const std::string& text);
 
 private:
-    bool Put(const std::string& line);
+    bool Put(const std::string& line) ZU_REQUIRES(m_mutex);
 
     const int m_descriptor;
     const uint32_t m_levels;
     const bool m_colour;
-    std::mutex m_mutex;
-    uint64_t m_dropped = 0;  // since the last line that was written
+    Mutex m_mutex;
+    uint64_t m_dropped ZU_GUARDED_BY(m_mutex) = 0;  // since the last line that was written
 };
 
 }  // namespace zumod::host

@@ -16,7 +16,7 @@ namespace {
 using zumod::testing::ScopedTimeZone;
 using zumod::testing::ScopedVariable;
 
-// A pipe whose writing end is the log's.
+// A pipe; the log writes to its write end.
 struct Pipe {
     Pipe() {
         int ends[2];
@@ -44,7 +44,7 @@ TEST(HostLog, ALineHasTimeLevelAndText) {
     EXPECT_EQ(FormatLogLine(time, 16, "a", false), "2020-05-06 07:09:09.007 16      a\n");
 }
 
-TEST(HostLog, ColoursAreForEverythingButOrdinaryLines) {
+TEST(HostLog, EveryLevelButInfoHasAColour) {
     const ScopedTimeZone zone("UTC0");
     EXPECT_EQ(FormatLogLine({0, 0}, 4, "a", true), "\033[31m1970-01-01 00:00:00.000 error   a\033[0m\n");
     EXPECT_EQ(FormatLogLine({0, 0}, 2, "a", true), "\033[33m1970-01-01 00:00:00.000 warning a\033[0m\n");
@@ -52,13 +52,16 @@ TEST(HostLog, ColoursAreForEverythingButOrdinaryLines) {
     EXPECT_EQ(FormatLogLine({0, 0}, 1, "a", true), "1970-01-01 00:00:00.000 info    a\n");
 }
 
-TEST(HostLog, ADevicesNameCannotForgeALineOrSpeakToTheTerminal) {
+TEST(HostLog, ADeviceNameCannotForgeALineOrControlTheTerminal) {
     const ScopedTimeZone zone("UTC0");
     EXPECT_EQ(FormatLogLine({0, 0}, 1, "name \033[2J\nforged\tr\xC3\xA9sum\xC3\xA9\x7F", false),
-              "1970-01-01 00:00:00.000 info    name ?[2J?forged\tr\xC3\xA9sum\xC3\xA9?\n");
+              "1970-01-01 00:00:00.000 info    name \\x1b[2J\\x0aforged\\x09r\xC3\xA9sum\xC3\xA9\\x7f\n");
+    // A control character of two bytes, and the mark that reverses the writing direction.
+    EXPECT_EQ(FormatLogLine({0, 0}, 1, "a\xC2\x9B \xE2\x80\xAE z", false),
+              "1970-01-01 00:00:00.000 info    a\\u009b \\u202e z\n");
 }
 
-TEST(HostLog, ATerminalGetsColoursUnlessNobodyWantsThem) {
+TEST(HostLog, ATerminalGetsColoursUnlessNoColorHasAValue) {
     const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     ASSERT_TRUE(terminal);
     const Pipe pipe;
@@ -85,7 +88,7 @@ TEST(HostLog, OnlyTheChosenLevelsAreShown) {
     EXPECT_NE(lines.find("error   failure\n"), std::string::npos);
 }
 
-TEST(HostLog, AReaderThatIsStuckCostsLinesAndIsToldHowMany) {
+TEST(HostLog, LinesAreDroppedAndCountedWhileTheReaderIsStuck) {
     const Pipe pipe;
     HostLog log(pipe.write_end.Get(), 15);
     const std::string text(1000, 'x');

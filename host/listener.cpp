@@ -4,15 +4,13 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <system_error>
-#include <utility>
+#include <filesystem>
 
-#include "host/private_directory.h"
+#include "common/unix_socket.h"
+#include "zumod/camera_channel.h"
 
 namespace zumod::host {
 namespace {
@@ -21,19 +19,13 @@ constexpr int kBacklog = 16;
 constexpr int kLockAttempts = 50;
 constexpr useconds_t kLockPause = 100'000;  // microseconds
 
-std::string ErrnoText() {
-    return std::generic_category().message(errno);
+std::string DirectoryOf(const std::string& path) {
+    const std::string directory = std::filesystem::path(path).parent_path().string();
+    return directory.empty() ? "." : directory;
 }
 
-sockaddr_un AddressOf(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return address;
-}
-
-// Held while a socket file is looked at and made or removed: two hosts that start together would otherwise
-// both find a dead one, and the second would remove the first one's new one.
+// Held while a socket file is examined and created or removed. Without it, two hosts that start together
+// could both find a dead socket, and the second would remove the new socket of the first.
 UniqueFd LockDirectory(const std::string& directory) {
     UniqueFd lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     for (int attempt = 0; lock && flock(lock.Get(), LOCK_EX | LOCK_NB) != 0; ++attempt) {
@@ -45,62 +37,50 @@ UniqueFd LockDirectory(const std::string& directory) {
     return lock;
 }
 
-UniqueFd NewSocket() {
-    return UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-}
-
-// Removes what a dead host left; false with `error` when it is something else.
-bool ClearPlace(const std::string& path, const sockaddr_un& address, std::string& error) {
+// Removes the socket file of a dead host. Fails if something else is there.
+Expected<void> RemoveDeadSocket(const std::string& path, const UnixAddress& address) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
-        return true;
+        return {};
     }
     if (!S_ISSOCK(status.st_mode)) {
-        error = path + ": is there and is not a socket";
-        return false;
+        return Fail(path + ": is there and is not a socket");
     }
-    const UniqueFd probe = NewSocket();
-    const int result = connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const UniqueFd probe = NewUnixSocket(SOCK_NONBLOCK);
+    const int result = address.Connect(probe);
     if (result == 0 || errno == EAGAIN) {
-        error = path + ": the address is in use, another program listens there";
-        return false;
+        return Fail(path + ": the address is in use, another program listens there");
     }
     if (errno != ECONNREFUSED || unlink(path.c_str()) != 0) {
-        error = path + ": " + ErrnoText();
-        return false;
+        return Fail(path + ": " + ErrnoText(errno));
     }
-    return true;
+    return {};
 }
 
 }  // namespace
 
-std::unique_ptr<Listener> Listener::Open(const std::string& path, std::string& error) {
-    if (path.size() >= sizeof sockaddr_un::sun_path) {
-        error = path + ": the path of a socket has at most " +
-                std::to_string(sizeof sockaddr_un::sun_path - 1) + " bytes";
-        return nullptr;
+Expected<std::unique_ptr<Listener>> Listener::Open(const std::string& path) {
+    const auto address = UnixAddress::FromPath(path);
+    if (!address) {
+        return Fail(path + ": the path of a socket has at most " + std::to_string(kUnixPathLimit) + " bytes");
     }
     const std::string directory = DirectoryOf(path);
-    if (!EnsurePrivateDirectory(directory, error)) {
-        return nullptr;
+    if (const auto result = EnsurePrivateDirectory(directory); !result) {
+        return tl::make_unexpected(result.error());
     }
     const UniqueFd lock = LockDirectory(directory);
     if (!lock) {
-        error = directory + ": the directory cannot be locked: " + ErrnoText();
-        return nullptr;
+        return Fail(directory + ": the directory cannot be locked: " + ErrnoText(errno));
     }
-    const sockaddr_un address = AddressOf(path);
-    if (!ClearPlace(path, address, error)) {
-        return nullptr;
+    if (const auto result = RemoveDeadSocket(path, *address); !result) {
+        return tl::make_unexpected(result.error());
     }
-    UniqueFd socket = NewSocket();
+    UniqueFd socket = NewUnixSocket(SOCK_NONBLOCK);
     struct stat status {};
-    // The file takes its mode from the socket: there is no moment in which it has another.
-    if (fchmod(socket.Get(), S_IRUSR | S_IWUSR) != 0 ||
-        bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+    // The file gets its mode from the socket, so it never has another one.
+    if (fchmod(socket.Get(), S_IRUSR | S_IWUSR) != 0 || address->Bind(socket) != 0 ||
         listen(socket.Get(), kBacklog) != 0 || lstat(path.c_str(), &status) != 0) {
-        error = path + ": " + ErrnoText();
-        return nullptr;
+        return Fail(path + ": " + ErrnoText(errno));
     }
     return std::unique_ptr<Listener>(
         new Listener(path, std::move(socket), status.st_dev, status.st_ino));  // the constructor is private
@@ -119,10 +99,46 @@ UniqueFd Listener::Accept() const {
     return UniqueFd(accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
-uid_t UserAtTheOtherEnd(int socket) {
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.uid : static_cast<uid_t>(-1);
+Expected<void> EnsurePrivateDirectory(const std::string& directory) {
+    if (mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+        return Fail(directory + ": the directory cannot be made: " + ErrnoText(errno));
+    }
+    struct stat status {};
+    if (stat(directory.c_str(), &status) != 0) {
+        return Fail(directory + ": " + ErrnoText(errno));
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        return Fail(directory + ": is not a directory");
+    }
+    if (status.st_uid != geteuid() && status.st_uid != 0) {
+        return Fail(directory + ": the directory belongs to another user");
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return Fail(directory +
+                    ": others may write to the directory; choose one that is yours alone (chmod go-w)");
+    }
+    return {};
+}
+
+std::string HostNotice(const std::string& text) {
+    size_t length = text.size();
+    if (length > kHostNoticeLimit) {
+        length = kHostNoticeLimit;
+        // Back to the first byte of the character at the limit.
+        while (length != 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) {
+            --length;
+        }
+    }
+    std::string message(sizeof(_MESSAGE_HEADER), '\0');
+    WriteHeader(reinterpret_cast<uint8_t*>(message.data()), kHostNotice, static_cast<uint32_t>(length));
+    return message.append(text, 0, length);
+}
+
+void SendHostNotice(int socket, const std::string& text) {
+    const std::string message = HostNotice(text);
+    // A peer that has gone misses nothing.
+    [[maybe_unused]] const ssize_t count =
+        send(socket, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 }  // namespace zumod::host

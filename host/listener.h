@@ -1,4 +1,4 @@
-// The Unix socket that peers connect to.
+// The Unix socket that peers connect to, and the notice to a peer that is not served.
 //
 // Thread rule: main thread.
 #pragma once
@@ -7,25 +7,28 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "common/error.h"
 #include "common/unique_fd.h"
 
 namespace zumod::host {
 
 class Listener {
 public:
-    // Null, with `error` in one line, when it cannot be had. The socket is its owner's alone (mode 0600). A
-    // socket file that a dead host left is replaced; one that somebody listens at is not.
-    static std::unique_ptr<Listener> Open(const std::string& path, std::string& error);
-    // Removes the socket file, unless another one stands in its place by now.
+    // Creates the socket with mode 0600. Its directory is created, for this user only, if it does not exist;
+    // one that others may write to is refused. The socket file of a host that is dead is replaced; one with a
+    // listener is not.
+    static Expected<std::unique_ptr<Listener>> Open(const std::string& path);
+    // Removes the socket file, unless another file has taken its place.
     ~Listener();
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
-    // Readable when a peer waits.
+    // Readable while a peer waits.
     int Descriptor() const { return m_socket.Get(); }
 
-    // The next peer; none, with errno, when there is none after all or the system has no descriptor left.
+    // The next peer. None, with errno, if the peer has gone or there is no descriptor left.
     UniqueFd Accept() const;
 
 private:
@@ -38,7 +41,15 @@ private:
     const ino_t m_inode;
 };
 
-// The effective user at the other end of a Unix socket, or -1.
-uid_t UserAtTheOtherEnd(int socket);
+// Creates the directory, for this user only, if it does not exist. Fails if that is not possible, or if what
+// exists is not a directory, belongs to another user than this one or root, or may be written to by others.
+Expected<void> EnsurePrivateDirectory(const std::string& directory);
+
+// [any thread]. The only message that a host itself sends: why it closes a connection. The text is cut at the
+// end of a character if it is longer than kHostNoticeLimit.
+std::string HostNotice(const std::string& text);
+
+// Sends the notice on a new socket, whose buffer has room for it, without blocking.
+void SendHostNotice(int socket, const std::string& text);
 
 }  // namespace zumod::host

@@ -3,15 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "common/unix_socket.h"
 #include "tests/support/process/work_directory.h"
 
 namespace zumod::host {
@@ -19,27 +18,25 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class Sockets : public ::testing::Test {
+class ListenerTest : public ::testing::Test {
 protected:
-    std::unique_ptr<Listener> Open() {
-        error.clear();
-        return Listener::Open(path, error);
+    // The listener, or null and the text in `error`.
+    std::unique_ptr<Listener> Open() { return Open(path); }
+    std::unique_ptr<Listener> Open(const std::string& at) {
+        auto listener = Listener::Open(at);
+        error = listener ? "" : listener.error().text;
+        return listener ? std::move(*listener) : nullptr;
     }
-    // Dropped at once it is what a host that was killed leaves: a socket file that nobody listens at.
+    // If the result is dropped at once, a socket file without a listener stays, as after a host that was
+    // killed.
     UniqueFd BindAnother(int type) const {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path.c_str());
         UniqueFd another(socket(AF_UNIX, type, 0));
-        EXPECT_EQ(bind(another.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(UnixAddress::FromPath(path)->Bind(another), 0);
         return another;
     }
     UniqueFd Connect() const {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path.c_str());
-        UniqueFd peer(socket(AF_UNIX, SOCK_STREAM, 0));
-        EXPECT_EQ(connect(peer.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        UniqueFd peer = NewUnixSocket();
+        EXPECT_EQ(UnixAddress::FromPath(path)->Connect(peer), 0);
         return peer;
     }
 
@@ -48,7 +45,7 @@ protected:
     std::string error;
 };
 
-TEST_F(Sockets, IsItsOwnersAloneWhateverTheUmaskIs) {
+TEST_F(ListenerTest, OnlyItsOwnerMayUseItUnderAnyUmask) {
     const mode_t before = umask(0);
     const auto listener = Open();
     umask(before);
@@ -59,7 +56,7 @@ TEST_F(Sockets, IsItsOwnersAloneWhateverTheUmaskIs) {
     EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
-TEST_F(Sockets, APeerIsTakenAndItsUserKnown) {
+TEST_F(ListenerTest, APeerIsAcceptedAndItsUserIsKnown) {
     const auto listener = Open();
     ASSERT_NE(listener, nullptr) << error;
     EXPECT_FALSE(listener->Accept());
@@ -67,33 +64,32 @@ TEST_F(Sockets, APeerIsTakenAndItsUserKnown) {
     const UniqueFd peer = Connect();
     const UniqueFd accepted = listener->Accept();
     ASSERT_TRUE(accepted);
-    EXPECT_EQ(UserAtTheOtherEnd(accepted.Get()), geteuid());
-    EXPECT_EQ(UserAtTheOtherEnd(-1), static_cast<uid_t>(-1));
+    EXPECT_EQ(PeerUser(accepted.Get()), geteuid());
 }
 
-TEST_F(Sockets, TheFileGoesWithTheListener) {
+TEST_F(ListenerTest, RemovesItsFileAtTheEnd) {
     Open();
     EXPECT_FALSE(fs::exists(path));
 }
 
-TEST_F(Sockets, AnotherFileInItsPlaceStays) {
+TEST_F(ListenerTest, KeepsAFileThatReplacedItsOwn) {
     {
         const auto listener = Open();
         ASSERT_NE(listener, nullptr) << error;
         fs::remove(path);
-        std::ofstream(path) << "someone else's";
+        std::ofstream(path) << "another file";
     }
     EXPECT_TRUE(fs::exists(path));
 }
 
-TEST_F(Sockets, ADeadHostsSocketIsReplaced) {
+TEST_F(ListenerTest, ReplacesTheSocketOfADeadHost) {
     BindAnother(SOCK_STREAM);
     const auto listener = Open();
     ASSERT_NE(listener, nullptr) << error;
     Connect();
 }
 
-TEST_F(Sockets, ALiveHostsSocketIsLeftAlone) {
+TEST_F(ListenerTest, KeepsTheSocketOfALiveHost) {
     const auto first = Open();
     ASSERT_NE(first, nullptr) << error;
     EXPECT_EQ(Open(), nullptr);
@@ -101,7 +97,7 @@ TEST_F(Sockets, ALiveHostsSocketIsLeftAlone) {
     Connect();
 }
 
-TEST_F(Sockets, AHostThatIsTooBusyToAcceptIsAlive) {
+TEST_F(ListenerTest, AHostWithAFullBacklogIsAlive) {
     const auto first = Open();
     ASSERT_NE(first, nullptr) << error;
     std::vector<UniqueFd> waiting;
@@ -112,23 +108,112 @@ TEST_F(Sockets, AHostThatIsTooBusyToAcceptIsAlive) {
     EXPECT_EQ(error, path + ": the address is in use, another program listens there");
 }
 
-TEST_F(Sockets, WhatIsNoSocketIsLeftAlone) {
+TEST_F(ListenerTest, KeepsAFileThatIsNotASocket) {
     std::ofstream(path) << "precious";
     EXPECT_EQ(Open(), nullptr);
     EXPECT_EQ(error, path + ": is there and is not a socket");
     EXPECT_EQ(fs::file_size(path), 8U);
 }
 
-TEST_F(Sockets, ASocketOfAnotherKindIsLeftAlone) {
+TEST_F(ListenerTest, KeepsASocketOfAnotherType) {
     const UniqueFd another = BindAnother(SOCK_DGRAM);
     EXPECT_EQ(Open(), nullptr);
     EXPECT_TRUE(fs::exists(path));
 }
 
-TEST_F(Sockets, APathThatIsTooLongIsRefused) {
+TEST_F(ListenerTest, RefusesAPathThatIsTooLong) {
     const std::string long_path = work / std::string(100, 'x');
-    EXPECT_EQ(Listener::Open(long_path, error), nullptr);
+    EXPECT_EQ(Open(long_path), nullptr);
     EXPECT_EQ(error, long_path + ": the path of a socket has at most 107 bytes");
+}
+
+TEST_F(ListenerTest, ARelativePathIsInTheCurrentDirectory) {
+    const fs::path before = fs::current_path();
+    fs::current_path(work.Path());
+    EXPECT_NE(Open("socket"), nullptr) << error;
+    fs::current_path(before);
+}
+
+class PrivateDirectory : public ::testing::Test {
+protected:
+    // Whether it succeeds; the text is in `error` if it does not.
+    bool Ensure(const std::string& directory) {
+        const auto result = EnsurePrivateDirectory(directory);
+        error = result ? "" : result.error().text;
+        return result.has_value();
+    }
+    const zumod::testing::WorkDirectory work;
+    std::string error;
+};
+
+mode_t ModeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return status.st_mode & 07777;
+}
+
+TEST_F(PrivateDirectory, IsCreatedForItsOwnerOnly) {
+    const mode_t before = umask(0);
+    EXPECT_TRUE(Ensure(work / "new")) << error;
+    umask(before);
+    EXPECT_EQ(ModeOf(work / "new"), 0700U);
+}
+
+TEST_F(PrivateDirectory, KeepsItsModeIfItExists) {
+    std::filesystem::create_directory(work / "old");
+    ASSERT_EQ(chmod((work / "old").c_str(), 0755), 0);
+    EXPECT_TRUE(Ensure(work / "old")) << error;
+    EXPECT_EQ(ModeOf(work / "old"), 0755U);
+}
+
+TEST_F(PrivateDirectory, IsRefusedIfOthersMayWriteToIt) {
+    const std::string directory = work / "open";
+    std::filesystem::create_directory(directory);
+    for (const mode_t mode : {0770U, 0707U, 01777U, 0720U, 0702U}) {
+        ASSERT_EQ(chmod(directory.c_str(), mode), 0);
+        EXPECT_FALSE(Ensure(directory)) << std::oct << mode;
+        EXPECT_EQ(error, directory +
+                             ": others may write to the directory; choose one that is yours alone (chmod "
+                             "go-w)");
+    }
+}
+
+TEST_F(PrivateDirectory, IsRefusedIfItBelongsToAnotherUser) {
+    const std::string directory = work / "other";
+    std::filesystem::create_directory(directory);
+    if (chown(directory.c_str(), 65534, 65534) != 0) {
+        GTEST_SKIP() << "only root can give a directory away";
+    }
+    EXPECT_FALSE(Ensure(directory));
+    EXPECT_EQ(error, directory + ": the directory belongs to another user");
+}
+
+TEST_F(PrivateDirectory, IsRefusedIfItIsAFile) {
+    std::ofstream(work / "file") << "x";
+    EXPECT_FALSE(Ensure(work / "file"));
+    EXPECT_EQ(error, (work / "file") + ": is not a directory");
+}
+
+TEST_F(PrivateDirectory, ItsParentIsNotCreated) {
+    EXPECT_FALSE(Ensure(work / "a/b"));
+    EXPECT_EQ(error, (work / "a/b") + ": the directory cannot be made: No such file or directory");
+}
+
+TEST(HostNotice, IsAMessageOfType128WithTheTextAsItsBody) {
+    EXPECT_EQ(HostNotice("busy"), std::string("\x04\0\0\0\x80\0\0\0busy", 12));
+}
+
+TEST(HostNotice, IsCutAt256Bytes) {
+    EXPECT_EQ(HostNotice(std::string(300, 'a')),
+              std::string("\0\x01\0\0\x80\0\0\0", 8) + std::string(256, 'a'));
+    EXPECT_EQ(HostNotice(std::string(256, 'a')).size(), 8U + 256);
+}
+
+TEST(HostNotice, IsNotCutInsideACharacter) {
+    EXPECT_EQ(HostNotice(std::string(255, 'a') + "\xC3\xA9"),
+              std::string("\xFF\0\0\0\x80\0\0\0", 8) + std::string(255, 'a'));
+    EXPECT_EQ(HostNotice(std::string(254, 'a') + "\xC3\xA9"),
+              std::string("\0\x01\0\0\x80\0\0\0", 8) + std::string(254, 'a') + "\xC3\xA9");
 }
 
 }  // namespace

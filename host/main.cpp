@@ -1,100 +1,110 @@
 // zu-camera-host: the reference host application. Loads the camera module, lends it a runtime and byte
-// streams to peers, and takes everything down again when it is told to.
-#include <sys/stat.h>
+// streams to peers, and closes everything when a signal arrives.
 #include <unistd.h>
 
 #include <cstdio>
-#include <iostream>
-#include <memory>
+#include <filesystem>
 #include <string>
+#include <system_error>
+#include <utility>
 
+#include "common/module_directory.h"
+#include "common/module_runtime.h"
+#include "common/standard_descriptors.h"
+#include "common/stop_signals.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"
-#include "host/host_runtime.h"
 #include "host/listener.h"
-#include "host/module_place.h"
 #include "host/options.h"
 #include "host/peer_stream.h"
 #include "host/serve.h"
-#include "host/signals.h"
-#include "host/standard_descriptors.h"
 #include "src/module/attach_runtime.h"
 
 namespace zumod::host {
 namespace {
 
-int Fail(const std::string& text) {
-    std::fprintf(stderr, "zu-camera-host: %s\n", text.c_str());
-    return kExitFailure;
+constexpr char kProgram[] = "zu-camera-host";
+
+std::string WithoutTrailingSlash(std::string directory) {
+    while (directory.size() > 1 && directory.back() == '/') {
+        directory.pop_back();
+    }
+    return directory;
 }
 
-// Settles the module directory in the properties, where the loader looks for it.
-bool SettleModuleDirectory(HostOptions& options, std::string& error) {
-    std::string& directory = options.properties[kEnvModulesDir];
+// The directory where the loader looks for modules: the property's, that of --modules, or the one beside the
+// program.
+Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
+    const auto property = options.properties.find(kEnvModulesDir);
+    std::string directory = property != options.properties.end() ? property->second : "";
     if (directory.empty()) {
         directory = options.modules.empty() ? FindModuleDirectory() : WithoutTrailingSlash(options.modules);
     }
     if (directory.empty()) {
-        error = "there is no module directory beside the program; give one with --modules";
-        return false;
+        return Fail("there is no module directory beside the program; give one with --modules");
     }
-    struct stat status {};
-    if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        error = "the module directory is not there: " + directory;
-        return false;
+    std::error_code error;
+    if (!std::filesystem::is_directory(directory, error)) {
+        return Fail("the module directory is not there: " + directory);
     }
-    return true;
+    return directory;
 }
 
-int Serve(const HostOptions& options, UniqueFd in, UniqueFd out, HostLog& log, int signals) {
+Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_streams, HostLog& log,
+                     const StopSignals& signals) {
     CameraModule module;
-    std::string error;
-    if (!module.Load(error)) {
-        return Fail(error);
+    if (const auto loaded = module.Load(); !loaded) {
+        return loaded;
     }
-    if (const std::string complaint = LoadCodecLibrary(); !complaint.empty()) {
-        log.Write(kLogIgnored, "[host] no video can be sent, because " + complaint);
+    if (const auto loaded = LoadCodecLibrary(); !loaded) {
+        log.Write(kLogIgnored, "[host] no video can be sent, because " + loaded.error().text);
     }
     if (options.stdio) {
-        ServeOnePeer(CRefPtr_T<PeerStream>(new PeerStream(std::move(in), std::move(out))), module, signals);
-        return 0;
+        ServeOnePeer(std::move(standard_streams), module, signals);
+        return {};
     }
-    const auto listener = Listener::Open(options.listen, error);
+    const auto listener = Listener::Open(options.listen);
     if (!listener) {
-        return Fail(error);
+        return tl::make_unexpected(listener.error());
     }
-    std::fprintf(stderr, "zu-camera-host: listening on %s, cameras are listed on request\n",
+    std::fprintf(stderr, "%s: listening on %s, cameras are listed on request\n", kProgram,
                  options.listen.c_str());
-    ServePeers(*listener, module, log, signals);
-    return 0;
+    ServePeers(**listener, module, log, signals);
+    return {};
 }
 
-int Main(int count, const char* const* words) {
-    HostOptions options;
-    if (const auto status = ParseOptions(count, words, options, std::cout, std::cerr)) {
-        return *status;
+Expected<void> Run(int count, const char* const* words) {
+    auto options = ParseOptions(count, words);
+    if (!options) {
+        return tl::make_unexpected(options.error());
     }
-    const UniqueFd signals = TakeSignals();
-    UniqueFd in;
-    UniqueFd out;
-    std::string error;
-    if (options.stdio && !TakeStandardChannel(in, out, error)) {
-        return Fail(error);
+    const StopSignals signals;
+    CRefPtr_T<PeerStream> standard_streams;
+    if (options->stdio) {
+        auto taken = PeerStream::FromStandardStreams();
+        if (!taken) {
+            return tl::make_unexpected(taken.error());
+        }
+        standard_streams = std::move(*taken);
     }
     FillStandardDescriptors();
-    if (!SettleModuleDirectory(options, error)) {
-        return Fail(error);
+    const auto directory = ChooseModuleDirectory(*options);
+    if (!directory) {
+        return tl::make_unexpected(directory.error());
     }
-    // Never destroyed: a codec module, once loaded, stays attached until the process has ended.
-    static HostLog& log = *new HostLog(STDERR_FILENO, options.log_levels);
-    static HostRuntime& runtime = *new HostRuntime(log, options.properties);
+    options->properties[kEnvModulesDir] = *directory;
+    // Never destroyed: a loaded codec module keeps calling the runtime until the process exits.
+    static HostLog& log = *new HostLog(STDERR_FILENO, options->log_levels);
+    static ModuleRuntime& runtime = *new ModuleRuntime(
+        [](uint32_t level, const char* text) { log.Write(level, text); }, options->properties);
     AttachRuntime(&runtime);
-    return Serve(options, std::move(in), std::move(out), log, signals.Get());
+    return Serve(*options, std::move(standard_streams), log, signals);
 }
 
 }  // namespace
 }  // namespace zumod::host
 
 int main(int argc, char** argv) {
-    return zumod::host::Main(argc, argv);
+    const auto result = zumod::host::Run(argc, argv);
+    return result ? 0 : zumod::ReportError(zumod::host::kProgram, result.error());
 }

@@ -1,18 +1,15 @@
-// What the command line of zu-camera-host says.
+// The command line of zu-camera-host.
 //
-// Thread rule: a plain value; ParseOptions belongs to the main thread.
+// Thread rule: values and a pure function; any thread.
 #pragma once
 
 #include <cstdint>
-#include <iosfwd>
 #include <map>
-#include <optional>
 #include <string>
 
-namespace zumod::host {
+#include "common/error.h"
 
-inline constexpr int kExitFailure = 1;
-inline constexpr int kExitWrongOptions = 2;
+namespace zumod::host {
 
 struct HostOptions {
     std::string listen;  // the socket's path; empty with --stdio
@@ -22,9 +19,7 @@ struct HostOptions {
     uint32_t log_levels = 0;                        // LogLevel bits that are shown
 };
 
-// Fills `options` and returns nothing, or returns the exit status when there is nothing more to do: help and
-// version go to `out`, one line about a mistake to `err`.
-std::optional<int> ParseOptions(int count, const char* const* words, HostOptions& options, std::ostream& out,
-                                std::ostream& err);
+// The error is a mistake, or the text that --help or --version asks for.
+Expected<HostOptions> ParseOptions(int count, const char* const* words);
 
 }  // namespace zumod::host

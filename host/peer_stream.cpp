@@ -1,5 +1,6 @@
 #include "host/peer_stream.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -9,7 +10,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <string>
 #include <utility>
+
+#include "common/standard_descriptors.h"
 
 namespace zumod::host {
 namespace {
@@ -21,7 +25,19 @@ bool IsSocket(int descriptor) {
     return fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-bool WouldWait() {
+// A copy of a standard descriptor.
+Expected<UniqueFd> TakeStandard(int descriptor, const std::string& name) {
+    if (isatty(descriptor) == 1) {
+        return Fail(name + " is a terminal; --stdio needs a program at the other end");
+    }
+    UniqueFd copy(fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (!copy) {
+        return Fail(name + " is closed");
+    }
+    return copy;
+}
+
+bool WouldBlock() {
     return errno == EAGAIN || errno == EWOULDBLOCK;
 }
 
@@ -36,9 +52,24 @@ PeerStream::PeerStream(UniqueFd in, UniqueFd out)
       m_out_is_socket(IsSocket(Out())),
       m_end(eventfd(0, EFD_CLOEXEC)) {}
 
+Expected<CRefPtr_T<PeerStream>> PeerStream::FromStandardStreams() {
+    auto in = TakeStandard(STDIN_FILENO, "standard input");
+    if (!in) {
+        return tl::make_unexpected(in.error());
+    }
+    auto out = TakeStandard(STDOUT_FILENO, "standard output");
+    if (!out) {
+        return tl::make_unexpected(out.error());
+    }
+    close(STDIN_FILENO);
+    FillStandardDescriptors();
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    return CRefPtr_T<PeerStream>(new PeerStream(std::move(*in), std::move(*out)));
+}
+
 int PeerStream::Read(void* data, unsigned long size, unsigned long* done) {
     while (!m_ended.load()) {
-        // A socket is asked first and waited for only if it has nothing.
+        // A socket is tried first; only an empty one is waited for.
         if (!m_in_is_socket && !WaitFor(In(), POLLIN)) {
             return kFailed;
         }
@@ -47,7 +78,7 @@ int PeerStream::Read(void* data, unsigned long size, unsigned long* done) {
             *done = static_cast<unsigned long>(count);
             return 0;
         }
-        if (count == 0 || (errno != EINTR && !WouldWait())) {
+        if (count == 0 || (errno != EINTR && !WouldBlock())) {
             return kFailed;
         }
         if (m_in_is_socket && !WaitFor(In(), POLLIN)) {
@@ -58,7 +89,7 @@ int PeerStream::Read(void* data, unsigned long size, unsigned long* done) {
 }
 
 int PeerStream::Write(const void* data, unsigned long size, unsigned long* done) {
-    const std::lock_guard guard(m_write_mutex);
+    const MutexLock lock(m_write_mutex);
     if (!WriteAll(static_cast<const char*>(data), size)) {
         End();
         return kFailed;
@@ -72,7 +103,7 @@ bool PeerStream::WriteAll(const char* bytes, unsigned long size) {
         if (m_ended.load() || (!m_out_is_socket && !WaitFor(Out(), POLLOUT))) {
             return false;
         }
-        // A pipe that is ready takes PIPE_BUF bytes without waiting, whatever its flags are.
+        // A pipe that is ready takes PIPE_BUF bytes without blocking, with or without O_NONBLOCK.
         const ssize_t count = m_out_is_socket ? send(Out(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL)
                                               : write(Out(), bytes, std::min<unsigned long>(size, PIPE_BUF));
         if (count >= 0) {
@@ -80,7 +111,7 @@ bool PeerStream::WriteAll(const char* bytes, unsigned long size) {
             size -= static_cast<unsigned long>(count);
             continue;
         }
-        if (errno != EINTR && !WouldWait()) {
+        if (errno != EINTR && !WouldBlock()) {
             return false;
         }
         if (m_out_is_socket && !WaitFor(Out(), POLLOUT)) {
@@ -93,7 +124,7 @@ bool PeerStream::WriteAll(const char* bytes, unsigned long size) {
 void PeerStream::End() {
     m_ended.store(true);
     const uint64_t one = 1;
-    // Fails only when it is readable already.
+    // Fails only if the counter is full: then it is readable already.
     [[maybe_unused]] const ssize_t count = write(m_end.Get(), &one, sizeof one);
 }
 

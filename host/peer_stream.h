@@ -1,19 +1,21 @@
 // The byte stream to one peer: a socket, or a pair of pipes.
 //
-// Thread rule: Read belongs to one thread; Write and End are [any thread].
+// Thread rule: Read is called by one thread at a time; Write and End by any thread.
 #pragma once
 
 #include <atomic>
-#include <mutex>
 
+#include "common/error.h"
+#include "common/mutex.h"
 #include "common/unique_fd.h"
 #include "zumod/channel_stream.h"
+#include "zumod/ref_ptr.h"
 
 namespace zumod::host {
 
-// Every wait on the peer also waits for the stream's own end, so that a peer that is stuck holds nobody: End
-// makes a Read and a Write that wait, and all later ones, fail. The descriptors' flags are left as they are,
-// because a pipe may be shared with other programs.
+// Read and Write block, as IChannelStream requires, so each waits in poll() by itself. Every such wait also
+// waits for the stream's end: End makes all current and later calls fail, and a peer that is stuck blocks no
+// thread. The flags of the descriptors stay unchanged, because other programs may share a pipe.
 class PeerStream final : public IChannelStream, private CReference {
 public:
     // Both directions on one socket.
@@ -21,33 +23,38 @@ public:
     PeerStream(UniqueFd in, UniqueFd out);
     ~PeerStream() override = default;
 
+    // [main thread, before any other thread starts]. Takes standard input and output for the stream. From
+    // here on stdout is redirected to stderr, so stray output from libraries cannot corrupt the channel.
+    // Fails if either is closed or a terminal.
+    static Expected<CRefPtr_T<PeerStream>> FromStandardStreams();
+
     uint64_t AddRef() override { return CReference::AddRef(); }
     int64_t Release() override { return CReference::Release(); }
 
     int Read(void* data, unsigned long size, unsigned long* done) override;
-    // Writes all of it, or fails and ends the stream: after part of a message nothing may follow.
+    // Writes all bytes, or fails and ends the stream: nothing may follow a part of a message.
     int Write(const void* data, unsigned long size, unsigned long* done) override;
 
     void End();
 
-    // Whether nobody is at the other end any more, as far as that can be seen without reading.
+    // Whether the peer has closed, as far as that can be seen without reading.
     bool IsHungUp() const;
 
 private:
     int In() const { return m_in.Get(); }
     int Out() const { return m_out ? m_out.Get() : m_in.Get(); }
-    // Whether the descriptor is ready, before the stream has ended.
+    // Waits until the descriptor is ready; false if the stream ends first.
     bool WaitFor(int descriptor, short events) const;
-    bool WriteAll(const char* bytes, unsigned long size);
+    bool WriteAll(const char* bytes, unsigned long size) ZU_REQUIRES(m_write_mutex);
 
     const UniqueFd m_in;
     const UniqueFd m_out;  // none: the same as m_in
     const bool m_in_is_socket;
     const bool m_out_is_socket;
-    const UniqueFd m_end;  // becomes readable with the end, for good
+    const UniqueFd m_end;  // an eventfd; readable once the stream has ended
     // Set by End on any thread, read by Read and Write; nothing else depends on it.
     std::atomic<bool> m_ended{false};
-    std::mutex m_write_mutex;  // keeps the bytes of one Write together
+    Mutex m_write_mutex;  // keeps the bytes of one Write together
 };
 
 }  // namespace zumod::host

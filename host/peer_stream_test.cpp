@@ -16,7 +16,7 @@
 namespace zumod::host {
 namespace {
 
-// A stream and the peer's ends of it.
+// A stream and the peer's descriptors.
 struct Ends {
     CRefPtr_T<PeerStream> stream;
     UniqueFd to_stream;
@@ -40,10 +40,10 @@ Ends OverPipes() {
             UniqueFd(out[0])};
 }
 
-// The parameter: whether over pipes.
+// The parameter says whether the stream uses pipes.
 class Streams : public ::testing::TestWithParam<bool> {
 protected:
-    // As the program has it.
+    // As in the program.
     void SetUp() override { std::signal(SIGPIPE, SIG_IGN); }
     int Read(size_t size, std::string& bytes) {
         bytes.assign(size, 0);
@@ -58,7 +58,7 @@ protected:
         EXPECT_EQ(done, result == 0 ? bytes.size() : 0);
         return result;
     }
-    // Reads until the stream's end or so many bytes.
+    // Reads until the end of the stream, at most `size` bytes.
     std::string ReadPeer(size_t size) const {
         std::string bytes;
         while (bytes.size() < size) {
@@ -71,7 +71,7 @@ protected:
         }
         return bytes;
     }
-    // A write that waits because nobody reads: it has begun once bytes are there to be read.
+    // A write that blocks because nobody reads. It has begun once a byte has arrived.
     std::future<int> StartStuckWrite() {
         auto result = std::async(std::launch::async, [this] { return Write(std::string(16 << 20, 'x')); });
         char byte = 0;
@@ -83,7 +83,7 @@ protected:
     std::string got;
 };
 
-TEST_P(Streams, BytesGoThroughBothWays) {
+TEST_P(Streams, BytesPassInBothDirections) {
     ASSERT_EQ(write(ends.to_stream.Get(), "request", 7), 7);
     EXPECT_EQ(Read(100, got), 0);
     EXPECT_EQ(got, "request");
@@ -91,7 +91,7 @@ TEST_P(Streams, BytesGoThroughBothWays) {
     EXPECT_EQ(ReadPeer(6), "answer");
 }
 
-TEST_P(Streams, AReadTakesNoMoreThanIsAskedFor) {
+TEST_P(Streams, AReadReturnsAtMostTheSizeAskedFor) {
     ASSERT_EQ(write(ends.to_stream.Get(), "request", 7), 7);
     EXPECT_EQ(Read(3, got), 0);
     EXPECT_EQ(got, "req");
@@ -106,17 +106,17 @@ TEST_P(Streams, AReadWaitsForThePeer) {
     EXPECT_EQ(got, "late");
 }
 
-TEST_P(Streams, ThePeersEndIsAFailureAndNotASuccessOfNoBytes) {
+TEST_P(Streams, APeerThatClosedIsAFailureAndNotASuccessOfNoBytes) {
     ends.to_stream.Reset();
     EXPECT_NE(Read(8, got), 0);
     EXPECT_TRUE(ends.stream->IsHungUp());
 }
 
-TEST_P(Streams, OneThatIsConnectedIsNotHungUp) {
+TEST_P(Streams, AConnectedStreamIsNotHungUp) {
     EXPECT_FALSE(ends.stream->IsHungUp());
 }
 
-TEST_P(Streams, AWriteLargerThanTheChannelHoldsArrivesWhole) {
+TEST_P(Streams, AWriteLargerThanTheChannelsBufferArrivesComplete) {
     std::string sent(3 << 20, 0);
     for (size_t i = 0; i < sent.size(); ++i) {
         sent[i] = static_cast<char>(i * 2654435761U >> 24);
@@ -148,19 +148,19 @@ TEST_P(Streams, TheBytesOfOneWriteStayTogether) {
     }
 }
 
-TEST_P(Streams, TheEndFreesAReadThatWaits) {
+TEST_P(Streams, EndInterruptsAReadThatWaits) {
     auto result = std::async(std::launch::async, [this] { return Read(8, got); });
     ends.stream->End();
     EXPECT_NE(result.get(), 0);
 }
 
-TEST_P(Streams, TheEndFreesAWriteThatIsStuck) {
+TEST_P(Streams, EndInterruptsAWriteThatIsStuck) {
     auto result = StartStuckWrite();
     ends.stream->End();
     EXPECT_NE(result.get(), 0);
 }
 
-TEST_P(Streams, AfterTheEndNothingIsReadOrWritten) {
+TEST_P(Streams, AfterEndNothingIsReadOrWritten) {
     ASSERT_EQ(write(ends.to_stream.Get(), "request", 7), 7);
     ends.stream->End();
     EXPECT_NE(Read(8, got), 0);
@@ -177,7 +177,7 @@ TEST_P(Streams, AWriteThatFailsEndsReadingToo) {
     EXPECT_NE(result.get(), 0);
 }
 
-TEST_P(Streams, APeerThatGoesFreesAWriteThatIsStuck) {
+TEST_P(Streams, APeerThatLeavesInterruptsAWriteThatIsStuck) {
     auto result = StartStuckWrite();
     ends.to_stream.Reset();
     ends.from_stream.Reset();

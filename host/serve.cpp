@@ -7,10 +7,9 @@
 #include <cerrno>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 
-#include "host/host_notice.h"
+#include "common/unix_socket.h"
 #include "host/session.h"
 #include "zumod/runtime.h"
 
@@ -25,20 +24,20 @@ bool IsReadable(int descriptor, int milliseconds) {
     return poll(&watched, 1, milliseconds) == 1;
 }
 
-// Whoever only looked whether somebody listens has closed again without a word.
+// A probe (connect, then close) is already gone.
 bool HasLeft(int socket) {
     char byte = 0;
     return recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
 }
 
-class Reception {
+class PeerAcceptor {
 public:
-    Reception(const Listener& listener, CameraModule& module, HostLog& log, int signals)
+    PeerAcceptor(const Listener& listener, CameraModule& module, HostLog& log, const StopSignals& signals)
         : m_listener(listener), m_module(module), m_log(log), m_signals(signals) {}
 
-    void Loop() {
+    void Run() {
         for (;;) {
-            pollfd watched[] = {{m_signals, POLLIN, 0},
+            pollfd watched[] = {{m_signals.Descriptor(), POLLIN, 0},
                                 {m_session ? m_session->Done() : -1, POLLIN, 0},
                                 {m_listener.Descriptor(), POLLIN, 0}};
             if (poll(watched, 3, kForever) < 0) {
@@ -51,7 +50,7 @@ public:
                 EndSession();
             }
             if (watched[2].revents != 0) {
-                Welcome();
+                AcceptPeer();
             }
         }
     }
@@ -62,27 +61,23 @@ private:
         m_log.Write(kLogEvent, "[host] the peer has gone");
     }
 
-    void Welcome() {
+    void AcceptPeer() {
         UniqueFd peer = m_listener.Accept();
         if (!peer) {
-            if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
-                m_log.Write(kLogFailure,
-                            "[host] no peer can be taken: " + std::generic_category().message(errno));
-                // Most likely there are no descriptors left; the peer waits, and so does the next try.
-                (void)IsReadable(m_signals, kPauseMilliseconds);
-            }
+            OnAcceptFailure(errno);
             return;
         }
         if (HasLeft(peer.Get())) {
             return;
         }
-        if (const uid_t user = UserAtTheOtherEnd(peer.Get()); user != geteuid()) {
+        if (const uid_t user = PeerUser(peer.Get()); user != geteuid()) {
             m_log.Write(kLogIgnored, "[host] refused a peer of user " + std::to_string(user));
             SendHostNotice(peer.Get(), "refused: this host serves its own user alone");
             return;
         }
-        // A peer that left before this one came must not make it wait for another try.
-        if (m_session && m_session->PeerIsGone()) {
+        // The previous peer may have left without the session noticing it yet: the next one need not try
+        // twice.
+        if (m_session && m_session->PeerHasLeft()) {
             EndSession();
         }
         if (m_session) {
@@ -94,22 +89,31 @@ private:
         m_session.emplace(m_module, CRefPtr_T<PeerStream>(new PeerStream(std::move(peer))));
     }
 
+    void OnAcceptFailure(int error) {
+        if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
+            return;
+        }
+        m_log.Write(kLogFailure, "[host] no peer can be taken: " + ErrnoText(error));
+        // Most likely no descriptor is left. The peer stays in the queue until the next attempt.
+        (void)IsReadable(m_signals.Descriptor(), kPauseMilliseconds);
+    }
+
     const Listener& m_listener;
     CameraModule& m_module;
     HostLog& m_log;
-    const int m_signals;
+    const StopSignals& m_signals;
     std::optional<Session> m_session;
 };
 
 }  // namespace
 
-void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, int signals) {
-    Reception(listener, module, log, signals).Loop();
+void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, const StopSignals& signals) {
+    PeerAcceptor(listener, module, log, signals).Run();
 }
 
-void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, int signals) {
+void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, const StopSignals& signals) {
     const Session session(module, std::move(stream));
-    pollfd watched[] = {{signals, POLLIN, 0}, {session.Done(), POLLIN, 0}};
+    pollfd watched[] = {{signals.Descriptor(), POLLIN, 0}, {session.Done(), POLLIN, 0}};
     while (poll(watched, 2, kForever) < 0) {
     }
 }

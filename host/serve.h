@@ -1,9 +1,10 @@
-// The host's main loop: waits for peers, for the end of a session and for the signals.
+// The host's main loop: waits for peers, for the end of a session and for stop signals.
 //
-// Thread rule: main thread. A session runs on a thread of its own, so that the main thread is always there
-// for the next peer, which is told that it has to come back, and for a signal.
+// Thread rule: main thread. A session runs on a separate thread, so the main thread can always turn a second
+// peer away and react to signals.
 #pragma once
 
+#include "common/stop_signals.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"
 #include "host/listener.h"
@@ -12,10 +13,10 @@
 
 namespace zumod::host {
 
-// Serves one peer after another until `signals` is readable.
-void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, int signals);
+// Serves one peer after another until a signal is pending.
+void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, const StopSignals& signals);
 
-// Serves this one peer until it goes or `signals` is readable.
-void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, int signals);
+// Serves this peer until it leaves or a signal is pending.
+void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, const StopSignals& signals);
 
 }  // namespace zumod::host

@@ -23,7 +23,8 @@ void Session::Serve() {
         plugin->SetChannelStream(m_stream.Get());
         plugin->Run();
         m_leaving.store(true);
-        // A frame may still be on its way to a peer that only stopped sending: ExitInstance waits for it.
+        // A peer that only stopped sending may block a frame that is being written, and ExitInstance waits
+        // for it.
         m_stream->End();
         plugin->ExitInstance();
     }

@@ -1,7 +1,7 @@
-// One peer being served, with a plugin and a thread of its own.
+// One peer that is served, with its own plugin and thread.
 //
-// Thread rule: belongs to the thread that made it. Run, ExitInstance and the plugin's release happen on the
-// session's thread, one after the other; what comes from outside is the end of the stream alone.
+// Thread rule: belongs to the thread that constructed it. Run, ExitInstance and the release of the plugin
+// happen on the session's thread, in this order; another thread can only end the stream.
 #pragma once
 
 #include <atomic>
@@ -14,8 +14,8 @@
 
 namespace zumod::host {
 
-// The plugin is made for this peer and destroyed with the session: no camera, no queued frame and no property
-// of one peer reaches the next.
+// The plugin is created for this peer and destroyed with the session: no camera, queued frame or property of
+// one peer reaches the next.
 class Session {
 public:
     Session(CameraModule& module, CRefPtr_T<PeerStream> stream);
@@ -24,18 +24,18 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Readable once everything of the session is closed.
+    // Readable once everything that belongs to the session is closed.
     int Done() const { return m_done.Get(); }
 
-    // Whether the peer has gone, even if the session has not noticed yet.
-    bool PeerIsGone() const { return m_leaving.load() || m_stream->IsHungUp(); }
+    // Whether the peer has left, even if the session has not noticed it yet.
+    bool PeerHasLeft() const { return m_leaving.load() || m_stream->IsHungUp(); }
 
 private:
     void Serve();
 
     CameraModule& m_module;
     const CRefPtr_T<PeerStream> m_stream;
-    const UniqueFd m_done;
+    const UniqueFd m_done;  // an eventfd
     // Set by the session's thread when Run has returned; nothing else depends on it.
     std::atomic<bool> m_leaving{false};
     std::thread m_thread;
