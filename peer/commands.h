@@ -7,14 +7,15 @@
 #include "peer/host_calls.h"
 #include "peer/options.h"
 #include "peer/session.h"
-#include "peer/stop_signals.h"
+#include "peer/standard_output.h"
 
 namespace zumod::peer {
 
 // What a command works with.
 struct Work {
     const PeerOptions& options;
-    const StopSignals& signals;
+    Waiter& waiter;
+    StandardOutput& output;
 
     Session Connect() const;
 };

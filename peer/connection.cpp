@@ -1,6 +1,7 @@
 #include "peer/connection.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -76,9 +77,9 @@ public:
     posix_spawnattr_t attributes{};
 };
 
+// Signals do not shorten this wait.
 bool EndsWithin(int process, Clock::duration time) {
-    pollfd wait{process, POLLIN, 0};
-    return PollUntil({&wait, 1}, Clock::now() + time);
+    return Waiter().WaitFor(process, POLLIN, Clock::now() + time) == Waiter::Result::kReady;
 }
 
 std::string HowItEnded(int status) {

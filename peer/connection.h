@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "common/unique_fd.h"
-#include "peer/deadline.h"
+#include "common/waiter.h"
 
 namespace zumod::peer {
 

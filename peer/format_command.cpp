@@ -7,7 +7,6 @@
 #include "peer/picture_decoder.h"
 #include "peer/picture_size.h"
 #include "peer/requests.h"
-#include "peer/standard_output.h"
 
 namespace zumod::peer {
 namespace {
@@ -57,7 +56,7 @@ public:
     }
 
 private:
-    std::optional<PictureSize> Look(const Arrived& arrived) {
+    std::optional<PictureSize> Look(const ReceivedMessage& arrived) {
         std::optional<PictureSize> size;
         if (const auto* state = std::get_if<StateMessage>(&arrived.message)) {
             if (state->id == m_camera.id && state->state != kCameraOpen) {
@@ -92,8 +91,7 @@ void ChangeFormat(const Work& work) {
     FormatChanging changing(session, decoder, camera);
     const PictureSize before = changing.NextSize("");
     const PictureSize after = changing.ChangeTo(*options.size, options.fps, before);
-    WriteOut(CameraLabel(camera) + ": " + SizeText(before) + ", then " + SizeText(after) + "\n",
-             work.signals);
+    work.output.Write(CameraLabel(camera) + ": " + SizeText(before) + ", then " + SizeText(after) + "\n");
     if (after != *options.size) {
         throw PeerError(CameraLabel(camera) + " sends " + SizeText(after) + " where " +
                         SizeText(*options.size) + " was asked for");

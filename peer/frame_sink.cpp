@@ -4,7 +4,6 @@
 #include "peer/output_file.h"
 #include "peer/peer_error.h"
 #include "peer/recorder.h"
-#include "peer/standard_output.h"
 
 namespace zumod::peer {
 namespace {
@@ -16,8 +15,10 @@ public:
           m_recorder(m_file.TemporaryPath(), RecordingFormat(path), options.fps),
           m_name(SafeText(path)) {}
 
-    bool Add(const Frame& frame) override { return m_recorder.Add(frame.bytes, frame.at); }
-    void Keep() override {
+    Result Add(const Frame& frame) override {
+        return m_recorder.Add(frame.bytes, frame.at) ? Result::kTaken : Result::kSkipped;
+    }
+    void Finish() override {
         try {
             m_recorder.Finish();
         } catch (const PeerError&) {
@@ -37,33 +38,39 @@ private:
 
 class OutputSink final : public FrameSink {
 public:
-    explicit OutputSink(const StopSignals& signals) : m_signals(signals) {}
+    explicit OutputSink(StandardOutput& output) : m_output(output) {}
 
-    bool Add(const Frame& frame) override {
+    Result Add(const Frame& frame) override {
         if (!m_begun) {
             const AvOwner<AVPacket> packet = MakePacket(frame.bytes);
             m_begun = m_parser.Parse(*packet).key && !ParameterSets(*packet).empty();
+            if (!m_begun) {
+                return Result::kSkipped;
+            }
         }
-        if (m_begun) {
-            WriteOut(frame.bytes, m_signals);
+        m_written += m_output.WriteSome(std::span(frame.bytes).subspan(m_written));
+        if (m_written < frame.bytes.size()) {
+            return Result::kNotNow;
         }
-        return m_begun;
+        m_written = 0;
+        return Result::kTaken;
     }
-    void Keep() override {}
+    void Finish() override {}
     std::string Name() const override { return "standard output"; }
 
 private:
-    const StopSignals& m_signals;
+    StandardOutput& m_output;
     StreamParser m_parser;
     bool m_begun = false;
+    size_t m_written = 0;  // of the frame that was not taken yet
 };
 
 }  // namespace
 
 std::unique_ptr<FrameSink> MakeFrameSink(const std::string& path, const PeerOptions& options,
-                                         const StopSignals& signals) {
+                                         StandardOutput& output) {
     if (path == "-") {
-        return std::make_unique<OutputSink>(signals);
+        return std::make_unique<OutputSink>(output);
     }
     return std::make_unique<FileSink>(path, options);
 }

@@ -8,26 +8,32 @@
 
 #include "peer/host_calls.h"
 #include "peer/options.h"
-#include "peer/stop_signals.h"
+#include "peer/standard_output.h"
 
 namespace zumod::peer {
 
 class FrameSink {
 public:
+    enum class Result {
+        kTaken,
+        kSkipped,  // a recording cannot start with this frame
+        kNotNow,   // add the same frame again once a Wait() has returned
+    };
+
     FrameSink() = default;
     FrameSink(const FrameSink&) = delete;
     FrameSink& operator=(const FrameSink&) = delete;
     virtual ~FrameSink() = default;
 
-    // False for a frame that is left out because it is no place to begin.
-    virtual bool Add(const Frame& frame) = 0;
-    // To be called once a frame was added, also after a failure.
-    virtual void Keep() = 0;
+    // Never blocks. A sink that answers kNotNow keeps no copy of the frame: the caller holds it.
+    virtual Result Add(const Frame& frame) = 0;
+    // To be called once a frame was taken, also after a failure.
+    virtual void Finish() = 0;
     virtual std::string Name() const = 0;
 };
 
 // A path of "-" is standard output. Throws PeerError, as the sink's operations do.
 std::unique_ptr<FrameSink> MakeFrameSink(const std::string& path, const PeerOptions& options,
-                                         const StopSignals& signals);
+                                         StandardOutput& output);
 
 }  // namespace zumod::peer

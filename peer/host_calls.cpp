@@ -16,7 +16,7 @@ constexpr auto kGoodbye = std::chrono::seconds(2);
 
 // Sends a request and waits for the message that `is_answer` takes; others are passed over.
 void Ask(Session& session, const std::vector<uint8_t>& request, const std::string& for_what,
-         const std::function<bool(Arrived&)>& is_answer) {
+         const std::function<bool(ReceivedMessage&)>& is_answer) {
     session.Send(request);
     const auto deadline = Clock::now() + session.Limit();
     while (auto arrived = session.Receive(deadline)) {
@@ -27,7 +27,7 @@ void Ask(Session& session, const std::vector<uint8_t>& request, const std::strin
     throw PeerError("the host did not answer within " + SecondsText(session.Limit()) + ": " + for_what);
 }
 
-const StateMessage* StateOf(const Arrived& arrived, uint32_t id) {
+const StateMessage* StateOf(const ReceivedMessage& arrived, uint32_t id) {
     const auto* state = std::get_if<StateMessage>(&arrived.message);
     return state != nullptr && state->id == id ? state : nullptr;
 }
@@ -35,17 +35,17 @@ const StateMessage* StateOf(const Arrived& arrived, uint32_t id) {
 // Frames that arrive before the answer to the request that they belong to.
 class EarlyFrames {
 public:
-    void Keep(Arrived arrived) {
-        m_bytes += std::get<FrameMessage>(arrived.message).bytes.size() + sizeof(Arrived);
+    void Keep(ReceivedMessage arrived) {
+        m_bytes += std::get<FrameMessage>(arrived.message).bytes.size() + sizeof(ReceivedMessage);
         if (m_bytes > kLargestFrame) {
             throw PeerError("the host sent frames without end and no answer");
         }
         m_frames.push_back(std::move(arrived));
     }
-    std::vector<Arrived> Take() { return std::move(m_frames); }
+    std::vector<ReceivedMessage> Take() { return std::move(m_frames); }
 
 private:
-    std::vector<Arrived> m_frames;
+    std::vector<ReceivedMessage> m_frames;
     size_t m_bytes = 0;
 };
 
@@ -61,7 +61,7 @@ bool Lists(const CameraEntry& camera, PictureSize size) {
 
 uint32_t AskVersion(Session& session) {
     uint32_t version = 0;
-    Ask(session, VersionRequest(), "version request", [&](Arrived& arrived) {
+    Ask(session, VersionRequest(), "version request", [&](ReceivedMessage& arrived) {
         const auto* answer = std::get_if<VersionMessage>(&arrived.message);
         version = answer != nullptr ? answer->version : 0;
         return answer != nullptr;
@@ -71,7 +71,7 @@ uint32_t AskVersion(Session& session) {
 
 std::vector<CameraEntry> AskCameras(Session& session) {
     std::vector<CameraEntry> cameras;
-    Ask(session, ListRequest(), "camera list request", [&](Arrived& arrived) {
+    Ask(session, ListRequest(), "camera list request", [&](ReceivedMessage& arrived) {
         auto* answer = std::get_if<CameraListMessage>(&arrived.message);
         if (answer != nullptr) {
             cameras = std::move(answer->cameras);
@@ -102,16 +102,17 @@ CameraEntry FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id) {
 void OpenCamera(Session& session, const CameraEntry& camera, PictureSize size, int fps) {
     EarlyFrames early;
     CameraState state{};
-    Ask(session, OpenRequest(camera.id, size, fps), "open " + CameraLabel(camera), [&](Arrived& arrived) {
-        if (const StateMessage* answer = StateOf(arrived, camera.id)) {
-            state = answer->state;
-            return true;
-        }
-        if (std::holds_alternative<FrameMessage>(arrived.message)) {
-            early.Keep(std::move(arrived));
-        }
-        return false;
-    });
+    Ask(session, OpenRequest(camera.id, size, fps), "open " + CameraLabel(camera),
+        [&](ReceivedMessage& arrived) {
+            if (const StateMessage* answer = StateOf(arrived, camera.id)) {
+                state = answer->state;
+                return true;
+            }
+            if (std::holds_alternative<FrameMessage>(arrived.message)) {
+                early.Keep(std::move(arrived));
+            }
+            return false;
+        });
     if (state != kCameraOpen) {
         throw PeerError(CameraLabel(camera) + " could not be opened" +
                         (Lists(camera, size) ? "" : " at " + SizeText(size) + ", which it does not list"));
@@ -121,7 +122,7 @@ void OpenCamera(Session& session, const CameraEntry& camera, PictureSize size, i
 
 CameraState CloseCamera(Session& session, uint32_t id) {
     CameraState state{};
-    Ask(session, CloseRequest(id), "close camera " + std::to_string(id), [&](Arrived& arrived) {
+    Ask(session, CloseRequest(id), "close camera " + std::to_string(id), [&](ReceivedMessage& arrived) {
         const StateMessage* answer = StateOf(arrived, id);
         state = answer != nullptr ? answer->state : state;
         return answer != nullptr;

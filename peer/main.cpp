@@ -6,6 +6,7 @@
 #include <exception>
 #include <iostream>
 
+#include "common/stop_signals.h"
 #include "peer/commands.h"
 #include "peer/peer_error.h"
 
@@ -47,7 +48,9 @@ void Run(const Work& work) {
 int RunAndReport(const PeerOptions& options) {
     try {
         const StopSignals signals;
-        Run({options, signals});
+        Waiter waiter(&signals);
+        StandardOutput output(waiter);
+        Run({options, waiter, output});
         return 0;
     } catch (const OutputClosed&) {
         // Whoever read has seen enough.

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "common/waiter.h"
 #include "peer/camera_list.h"
-#include "peer/deadline.h"
 
 namespace zumod::peer {
 

@@ -48,7 +48,7 @@ public:
     explicit Recorders(const Work& work) : m_work(work), m_targets(work.options.more) {
         m_targets.insert(m_targets.begin(), {work.options.id, work.options.path});
         for (const Recording& target : m_targets) {
-            m_sinks.push_back(MakeFrameSink(target.path, work.options, work.signals));
+            m_sinks.push_back(MakeFrameSink(target.path, work.options, work.output));
         }
     }
 
@@ -71,7 +71,7 @@ public:
         }
         while (const auto due = NextDue()) {
             if (const auto frame = NextFrame(session, cameras, *due)) {
-                TrackOf(frame->id).Take(*frame);
+                Deliver(*frame);
                 m_progress.Show([this] { return ProgressText(); });
             }
         }
@@ -86,14 +86,14 @@ public:
     }
 
     // Of all tracks with a frame, also when one of them cannot be kept; that is thrown at the end.
-    void Keep() {
+    void Finish() {
         std::string failures;
         for (const auto& track : m_tracks) {
             if (track->Frames() == 0) {
                 continue;
             }
             try {
-                track->Keep();
+                track->Finish();
             } catch (const PeerError& error) {
                 failures += (failures.empty() ? "" : "; ") + std::string(error.what());
             }
@@ -137,9 +137,16 @@ private:
         return due;
     }
 
-    RecordTrack& TrackOf(uint32_t id) {
-        return **std::find_if(m_tracks.begin(), m_tracks.end(),
-                              [id](const auto& track) { return track->Camera().id == id; });
+    // While the sink answers "not now", nothing is received: the host is held back and no frame is lost.
+    void Deliver(const Frame& frame) {
+        RecordTrack& track = **std::find_if(m_tracks.begin(), m_tracks.end(), [&](const auto& candidate) {
+            return candidate->Camera().id == frame.id;
+        });
+        while (track.OnFrame(frame) == FrameSink::Result::kNotNow) {
+            if (m_work.waiter.Wait(Clock::time_point::max()) == Waiter::Result::kSignal) {
+                throw Interrupted();
+            }
+        }
     }
 
     std::string ProgressText() const {
@@ -173,13 +180,13 @@ void RecordCameras(const Work& work) {
         }
         std::string rest = recorders.WhatIsKept();
         try {
-            recorders.Keep();
+            recorders.Finish();
         } catch (const PeerError& also) {
             rest = also.what();
         }
         throw PeerError(std::string(error.what()) + "; " + rest);
     }
-    recorders.Keep();
+    recorders.Finish();
     recorders.PrintSummary();
 }
 

@@ -7,10 +7,11 @@
 
 namespace zumod::peer {
 
-void RecordTrack::Take(const Frame& frame) {
-    m_refused = frame.at >= m_end || !m_sink->Add(frame);
-    if (m_refused) {
-        return;
+FrameSink::Result RecordTrack::OnFrame(const Frame& frame) {
+    const auto result = frame.at >= m_end ? FrameSink::Result::kSkipped : m_sink->Add(frame);
+    m_refused = result == FrameSink::Result::kSkipped;
+    if (result != FrameSink::Result::kTaken) {
+        return result;
     }
     if (m_frames == 0) {
         m_first = frame.at;
@@ -19,8 +20,9 @@ void RecordTrack::Take(const Frame& frame) {
     ++m_frames;
     m_bytes += frame.bytes.size();
     m_last = frame.at;
-    // By now: while nobody reads standard output it is not the camera that is late.
+    // Not frame.at: time blocked on standard output must not count against the camera.
     m_no_frame_until = Clock::now() + m_limit;
+    return result;
 }
 
 bool RecordTrack::IsOver() const {

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "peer/deadline.h"
+#include "common/waiter.h"
 #include "peer/frame_sink.h"
 #include "peer/host_calls.h"
 
@@ -29,11 +29,12 @@ public:
     void Begin() { m_no_frame_until = Clock::now() + m_limit; }
     // When there is something to look at: the end, or a frame that is missing.
     Clock::time_point Due() const { return std::min(m_no_frame_until, m_end); }
-    void Take(const Frame& frame);
+    // For each frame, again after kNotNow.
+    FrameSink::Result OnFrame(const Frame& frame);
     // Throws PeerError when the camera has fallen silent.
     bool IsOver() const;
     // To be called once there is a frame, also after a failure.
-    void Keep() { m_sink->Keep(); }
+    void Finish() { m_sink->Finish(); }
 
     // "FILE: 5.0 s, 150 frames, 1.2 MB"
     std::string Progress() const;

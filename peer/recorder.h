@@ -8,8 +8,8 @@
 #include <span>
 #include <string>
 
+#include "common/waiter.h"
 #include "peer/camera_list.h"
-#include "peer/deadline.h"
 #include "peer/stream_parser.h"
 
 extern "C" {

@@ -1,10 +1,10 @@
 #include "peer/session.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <span>
 #include <utility>
@@ -29,32 +29,31 @@ void Session::Send(const std::vector<uint8_t>& bytes) {
         if (errno != EAGAIN) {
             return;
         }
-        pollfd waits[] = {{m_signals.Descriptor(), POLLIN, 0}, {m_connection.Output(), POLLOUT, 0}};
-        const bool ready = PollUntil(waits, deadline);
-        m_signals.Check();
-        if (!ready && Clock::now() >= deadline) {
-            throw PeerError("the host took no request within " + SecondsText(m_limit));
+        switch (m_waiter.WaitFor(m_connection.Output(), POLLOUT, deadline)) {
+            case Waiter::Result::kReady:
+                break;
+            case Waiter::Result::kTimeout:
+                throw PeerError("the host took no request within " + SecondsText(m_limit));
+            case Waiter::Result::kSignal:
+                throw Interrupted();
         }
     }
 }
 
-std::optional<Arrived> Session::Receive(Clock::time_point deadline) {
+std::optional<ReceivedMessage> Session::Receive(Clock::time_point deadline) {
+    const auto registration = m_waiter.Watch(Descriptor(), POLLIN, [this] { OnReadable(); });
     while (m_messages.empty()) {
         if (!m_failure.empty()) {
-            throw PeerError(m_failure);
+            throw PeerError(Failure());
         }
         if (Clock::now() >= deadline) {
             return std::nullopt;
         }
-        pollfd waits[] = {{m_signals.Descriptor(), POLLIN, 0}, {m_connection.Input(), POLLIN, 0}};
-        PollUntil(waits, deadline);
-        // First: a terminal's interrupt also ends the command behind the channel.
-        m_signals.Check();
-        if (waits[1].revents != 0) {
-            ReadSome();
+        if (m_waiter.Wait(deadline) == Waiter::Result::kSignal) {
+            throw Interrupted();
         }
     }
-    Arrived next = std::move(m_messages.front());
+    ReceivedMessage next = std::move(m_messages.front());
     m_messages.pop_front();
     if (const auto* notice = std::get_if<NoticeMessage>(&next.message)) {
         throw PeerError("the host says: " + SafeText(notice->text));
@@ -62,19 +61,21 @@ std::optional<Arrived> Session::Receive(Clock::time_point deadline) {
     return next;
 }
 
-void Session::PutBack(std::vector<Arrived> messages) {
+void Session::PutBack(std::vector<ReceivedMessage> messages) {
     m_messages.insert(m_messages.begin(), std::make_move_iterator(messages.begin()),
                       std::make_move_iterator(messages.end()));
 }
 
-void Session::ReadSome() {
-    std::array<uint8_t, 65536> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): read into below
-    const ssize_t count = read(m_connection.Input(), buffer.data(), buffer.size());
+void Session::OnReadable() {
+    std::array<uint8_t, kReadSize> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): read into below
+    const ssize_t count = read(Descriptor(), buffer.data(), buffer.size());
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }
     if (count <= 0) {
-        m_failure = HowItClosed();
+        m_closed = true;
+        m_failure = "the host closed the connection";
+        m_failure += m_reader.InMessage() ? " in the middle of a message" : "";
         return;
     }
     const auto now = Clock::now();
@@ -87,13 +88,14 @@ void Session::ReadSome() {
     }
 }
 
-std::string Session::HowItClosed() {
-    std::string text = "the host closed the connection";
-    if (m_reader.InMessage()) {
-        text += " in the middle of a message";
+// Includes how the command behind the connection ended.
+std::string Session::Failure() {
+    if (m_closed) {
+        m_closed = false;
+        const std::string command = m_connection.End();
+        m_failure += command.empty() ? "" : ": " + command;
     }
-    const std::string command = m_connection.End();
-    return command.empty() ? text : text + ": " + command;
+    return m_failure;
 }
 
 }  // namespace zumod::peer

@@ -1,4 +1,9 @@
-// A connection with messages on it. Every wait has an end, and a signal ends it too.
+// A connection to a host, as a queue of messages. Every wait has a deadline, and a signal ends it.
+//
+// The session reads only while Receive() waits and no message is queued. A caller that does not receive
+// (because standard output is blocked, for example) therefore holds the host back: the bytes stay in the
+// socket. The memory is bounded by what one read completes: the message that was being read, of at most
+// kLargestFrame bytes, and the messages in the kReadSize bytes after it.
 //
 // Thread rule: one thread at a time.
 #pragma once
@@ -9,47 +14,52 @@
 #include <string>
 #include <vector>
 
+#include "common/waiter.h"
 #include "peer/connection.h"
-#include "peer/deadline.h"
 #include "peer/message_reader.h"
-#include "peer/stop_signals.h"
 
 namespace zumod::peer {
 
-struct Arrived {
+struct ReceivedMessage {
     Message message;
     Clock::time_point at;  // when its last byte was read
 };
 
 class Session {
 public:
-    // `limit` is how long an answer, or a write, may take. Borrows `signals`.
-    Session(Connection connection, const StopSignals& signals, Clock::duration limit)
-        : m_connection(std::move(connection)), m_signals(signals), m_limit(limit) {}
+    static constexpr size_t kReadSize = 65536;
+
+    // `limit`: how long an answer, or a write, may take. `waiter` is borrowed.
+    Session(Connection connection, Waiter& waiter, Clock::duration limit)
+        : m_connection(std::move(connection)), m_waiter(waiter), m_limit(limit) {}
 
     Clock::duration Limit() const { return m_limit; }
 
-    // Throws PeerError when the bytes cannot be written in time; a host that is gone is for Receive to tell,
-    // after what it sent last.
+    // Throws PeerError when the bytes cannot be written in time. If the host is gone, Receive() reports it
+    // once all received messages are delivered.
     void Send(const std::vector<uint8_t>& bytes);
 
-    // The next message, or nothing when the time has come. Throws PeerError when the host has closed the
-    // connection, sent a notice or what is no message, and Interrupted.
-    std::optional<Arrived> Receive(Clock::time_point deadline);
+    // The next message, or nothing at the deadline. Throws PeerError when the host closed the connection or
+    // sent a notice or a malformed message, and Interrupted.
+    std::optional<ReceivedMessage> Receive(Clock::time_point deadline);
 
-    // Messages to be received again, before all others, in this order.
-    void PutBack(std::vector<Arrived> messages);
+    // Puts messages back to the front of the queue, in this order.
+    void PutBack(std::vector<ReceivedMessage> messages);
+
+    // What Receive() waits for, and what it calls then: reads once, without blocking.
+    int Descriptor() const { return m_connection.Input(); }
+    void OnReadable();
 
 private:
-    void ReadSome();
-    std::string HowItClosed();
+    std::string Failure();
 
     Connection m_connection;
-    const StopSignals& m_signals;
+    Waiter& m_waiter;
     const Clock::duration m_limit;
     MessageReader m_reader;
-    std::deque<Arrived> m_messages;
-    std::string m_failure;  // what is thrown when no message is left
+    std::deque<ReceivedMessage> m_messages;
+    bool m_closed = false;  // by the host
+    std::string m_failure;  // reported when no message is left
 };
 
 }  // namespace zumod::peer

@@ -2,7 +2,6 @@
 #include "peer/camera_table.h"
 #include "peer/commands.h"
 #include "peer/picture_size.h"
-#include "peer/standard_output.h"
 
 namespace zumod::peer {
 namespace {
@@ -24,7 +23,7 @@ const char* StateText(CameraState state) {
 Session Work::Connect() const {
     Connection connection = options.exec.empty() ? Connection::ToSocket(options.socket, options.limit)
                                                  : Connection::ToCommand(options.exec);
-    return {std::move(connection), signals, options.limit};
+    return {std::move(connection), waiter, options.limit};
 }
 
 PictureSize SizeFor(const PeerOptions& options, const CameraEntry& camera) {
@@ -34,19 +33,19 @@ PictureSize SizeFor(const PeerOptions& options, const CameraEntry& camera) {
 void ListCameras(const Work& work) {
     Session session = work.Connect();
     const std::vector<CameraEntry> cameras = AskCameras(session);
-    WriteOut(work.options.json ? CameraJson(cameras) : CameraTable(cameras), work.signals);
+    work.output.Write(work.options.json ? CameraJson(cameras) : CameraTable(cameras));
 }
 
 void CloseOne(const Work& work) {
     Session session = work.Connect();
     const uint32_t id = work.options.id;
     const CameraState state = CloseCamera(session, id);
-    WriteOut("camera " + std::to_string(id) + ": " + StateText(state) + "\n", work.signals);
+    work.output.Write("camera " + std::to_string(id) + ": " + StateText(state) + "\n");
 }
 
 void ShowVersion(const Work& work) {
     Session session = work.Connect();
-    WriteOut(std::to_string(AskVersion(session)) + "\n", work.signals);
+    work.output.Write(std::to_string(AskVersion(session)) + "\n");
 }
 
 }  // namespace zumod::peer

@@ -12,29 +12,40 @@
 
 namespace zumod::peer {
 
-void WriteOut(std::span<const uint8_t> bytes, const StopSignals& signals) {
-    while (!bytes.empty()) {
-        pollfd waits[] = {{signals.Descriptor(), POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}};
-        poll(waits, std::size(waits), -1);
-        signals.Check();
-        if (waits[1].revents == 0) {
-            continue;
-        }
-        // A pipe that can be written to takes this much without blocking.
+size_t StandardOutput::WriteSome(std::span<const uint8_t> bytes) {
+    size_t written = 0;
+    if (m_writable && !bytes.empty()) {
         const ssize_t count = write(STDOUT_FILENO, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
-        if (count >= 0) {
-            bytes = bytes.subspan(static_cast<size_t>(count));
-        } else if (errno == EPIPE) {
+        if (count < 0 && errno == EPIPE) {
             throw OutputClosed();
-        } else if (errno != EAGAIN && errno != EINTR) {
+        }
+        if (count < 0 && errno != EAGAIN && errno != EINTR) {
             // NOLINTNEXTLINE(concurrency-mt-unsafe): the program has one thread
             throw PeerError(std::string("standard output: ") + std::strerror(errno));
         }
+        written = static_cast<size_t>(std::max<ssize_t>(count, 0));
+        m_writable = false;
     }
+    if (written < bytes.size() && !m_registration) {
+        m_registration = m_waiter.Watch(STDOUT_FILENO, POLLOUT, [this] {
+            m_writable = true;
+            m_registration.Reset();
+        });
+    }
+    return written;
 }
 
-void WriteOut(const std::string& text, const StopSignals& signals) {
-    WriteOut(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), signals);
+void StandardOutput::Write(const std::string& text) {
+    std::span<const uint8_t> rest(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    for (;;) {
+        rest = rest.subspan(WriteSome(rest));
+        if (rest.empty()) {
+            return;
+        }
+        if (m_waiter.Wait(Clock::time_point::max()) == Waiter::Result::kSignal) {
+            throw Interrupted();
+        }
+    }
 }
 
 }  // namespace zumod::peer

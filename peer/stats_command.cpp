@@ -8,7 +8,6 @@
 #include "peer/peer_error.h"
 #include "peer/picture_decoder.h"
 #include "peer/requests.h"
-#include "peer/standard_output.h"
 #include "peer/stats_text.h"
 #include "peer/stream_meter.h"
 
@@ -58,13 +57,13 @@ public:
 
     void EndLine() {
         if (m_line_open) {
-            WriteOut("\n", m_work.signals);
+            m_work.output.Write("\n");
             m_line_open = false;
         }
     }
 
 private:
-    void Take(Arrived& arrived) {
+    void Take(ReceivedMessage& arrived) {
         const auto now = Clock::now();
         if (const auto* state = std::get_if<StateMessage>(&arrived.message)) {
             Do(m_watch.OnState(*state, now));
@@ -122,10 +121,10 @@ private:
             m_meter.Take(Clock::now());
         }
         if (m_work.options.json) {
-            WriteOut(EventJson(m_watch.Camera(), action.event, action.text), m_work.signals);
+            m_work.output.Write(EventJson(m_watch.Camera(), action.event, action.text));
             return;
         }
-        WriteOut((m_live ? "\r\033[K" : "") + action.text + "\n", m_work.signals);
+        m_work.output.Write((m_live ? "\r\033[K" : "") + action.text + "\n");
         m_line_open = false;
     }
 
@@ -135,11 +134,11 @@ private:
             return;
         }
         if (m_work.options.json) {
-            WriteOut(FiguresJson(m_watch.Camera(), m_size, figures), m_work.signals);
+            m_work.output.Write(FiguresJson(m_watch.Camera(), m_size, figures));
             return;
         }
         const std::string text = FiguresText(m_watch.Camera(), m_size, figures);
-        WriteOut(m_live ? "\r\033[K" + text : text + "\n", m_work.signals);
+        m_work.output.Write(m_live ? "\r\033[K" + text : text + "\n");
         m_line_open = m_live;
     }
 

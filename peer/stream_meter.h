@@ -8,7 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include "peer/deadline.h"
+#include "common/waiter.h"
 
 namespace zumod::peer {
 

@@ -1,8 +1,11 @@
 // zu-camera-peer and the pictures of a camera: one of them, a recording, another format.
 #include <sys/ioctl.h>
 
+#include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <thread>
 
 #include "tests/e2e/peer_process.h"
 #include "tests/support/wire/encoded_stream.h"
@@ -256,45 +259,98 @@ TEST_F(PeerPictures, WritesTheFramesToStandardOutputAsTheyCome) {
     ExpectEnd(0, "");
 }
 
-TEST_F(PeerPictures, EndsWhenNobodyReadsStandardOutputAnyMore) {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    peer = std::make_unique<ChildProcess>(
-        std::vector<std::string>{ZU_PEER_FILE, "--socket", socket, "record", "0", "-"}, work / "errors", -1,
-        ends[1]);
-    close(ends[1]);
-    host.Accept();
-    GiveOpenCamera();
+class PeerWritesToAPipe : public PeerPictures {
+protected:
+    PeerWritesToAPipe() {
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        m_reader.Reset(ends[0]);
+        const UniqueFd writer(ends[1]);
+        peer = std::make_unique<ChildProcess>(
+            std::vector<std::string>{ZU_PEER_FILE, "--socket", socket, "record", "0", "-"}, work / "errors",
+            -1, writer.Get());
+        host.Accept();
+        GiveOpenCamera();
+    }
+
+    int Reader() const { return m_reader.Get(); }
+    void CloseReader() { m_reader.Reset(); }
+
+    bool WaitUntilFull() const {
+        return WaitUntil([this] {
+            int waiting = 0;
+            return ioctl(Reader(), FIONREAD, &waiting) == 0 && waiting >= kPipeSize;
+        });
+    }
+
+    // A key frame of this many bytes.
+    Bytes LargeFrame(size_t size) {
+        Bytes frame = stream.Next(0, 0);
+        frame.resize(size);
+        return frame;
+    }
+
+    static constexpr int kPipeSize = 65536;
+
+private:
+    UniqueFd m_reader;
+};
+
+TEST_F(PeerWritesToAPipe, EndsWhenTheReaderIsGone) {
     SendFrames(1);
     char byte = 0;
-    EXPECT_EQ(read(ends[0], &byte, 1), 1);
-    close(ends[0]);
+    EXPECT_EQ(read(Reader(), &byte, 1), 1);
+    CloseReader();
     SendFrames(1);
     GiveClosed();
     ExpectEnd(0, "");
 }
 
-TEST_F(PeerPictures, EndsOnASignalWhileNobodyReadsStandardOutput) {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    peer = std::make_unique<ChildProcess>(
-        std::vector<std::string>{ZU_PEER_FILE, "--socket", socket, "record", "0", "-"}, work / "errors", -1,
-        ends[1]);
-    close(ends[1]);
-    host.Accept();
-    GiveOpenCamera();
+TEST_F(PeerWritesToAPipe, EndsOnASignalWhileTheReaderIsBlocked) {
     // More than a pipe holds.
-    Bytes frame = stream.Next(0, 0);
-    frame.resize(200000);
-    EXPECT_TRUE(host.Send(LongFrameBytes(0, frame)));
-    EXPECT_TRUE(WaitUntil([&] {
-        int waiting = 0;
-        return ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting >= 65536;
-    }));
+    EXPECT_TRUE(host.Send(LongFrameBytes(0, LargeFrame(200000))));
+    EXPECT_TRUE(WaitUntilFull());
     peer->Signal(SIGTERM);
     GiveClosed();
     ExpectEnd(1, "zu-camera-peer: interrupted\n");
-    close(ends[0]);
+}
+
+TEST_F(PeerWritesToAPipe, HoldsTheHostBackWhileTheReaderIsBlockedAndLosesNothing) {
+    constexpr size_t kFrames = 60;
+    const Bytes frame = LargeFrame(200000);
+    const Bytes message = LongFrameBytes(0, frame);
+    // What may be between the host and the reader: the pipe, a frame and what one read brings in the peer,
+    // the socket (its buffer counts more than the bytes in it), and the message that is being sent.
+    const size_t most_on_the_way = kPipeSize + message.size() + 65536 + 212992 + message.size();
+    std::atomic<size_t> sent = 0;
+    std::thread camera([&] {
+        for (size_t i = 0; i < kFrames; ++i) {
+            EXPECT_TRUE(host.Send(message));
+            sent += message.size();
+        }
+        // Not lost either, although it comes when nothing can be written.
+        EXPECT_TRUE(host.Send(StateBytes(4, 0)));
+    });
+    EXPECT_TRUE(WaitUntilFull());
+    Bytes written;
+    Bytes piece(kPipeSize);
+    for (ssize_t count = 0; (count = read(Reader(), piece.data(), piece.size())) > 0;) {
+        written.insert(written.end(), piece.begin(), piece.begin() + count);
+        EXPECT_LE(sent, written.size() + most_on_the_way);
+        if (written.size() == kFrames * frame.size()) {
+            break;
+        }
+    }
+    camera.join();
+    ASSERT_EQ(written.size(), kFrames * frame.size());
+    for (size_t i = 0; i < kFrames; ++i) {
+        const auto at = written.begin() + static_cast<std::ptrdiff_t>(i * frame.size());
+        ASSERT_TRUE(std::equal(frame.begin(), frame.end(), at)) << "frame " << i;
+    }
+    GiveClosed();
+    ExpectEnd(1,
+              "zu-camera-peer: the host closed camera 0 (Front); the 60 frames before that are in "
+              "standard output\n");
 }
 
 TEST_F(PeerPictures, ReportsTheSizeThatArrivesAfterAChange) {

@@ -1,0 +1,103 @@
+// The program's only call of poll(): waits for descriptors, a stop signal and a deadline at once.
+//
+// Every part of a program that has a descriptor to wait for (a connection, standard output, a listening
+// socket) registers it with a callback. Wait() calls the callbacks of all descriptors that are ready, no
+// matter which part called it. Sequential code such as "send a request, wait for the answer" therefore needs
+// no state machine: it calls Wait() until its own callback has produced what it needs, and all other parts
+// are served in the meantime.
+//
+// Rules:
+// - Callbacks run inside Wait(), on the caller's thread. They must not call Wait().
+// - A callback may add and remove registrations, including its own. A removed one is not called any more.
+// - poll() is level-triggered: a part that does not want its input now must drop its registration, otherwise
+//   every Wait() returns at once. This is how a part applies back-pressure.
+// - Signals come first: if one is pending, no callback runs in that round. A terminal sends its interrupt to
+//   all processes of the foreground, so the process behind a connection may end at the same moment, and the
+//   user should not be told of its end instead.
+//
+// A round costs one vector of pollfd; a program has a handful of descriptors.
+//
+// Thread rule: one thread at a time.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/stop_signals.h"
+
+namespace zumod {
+
+// Monotonic. The time stamps in the pictures of virtual cameras are of this clock, too.
+using Clock = std::chrono::steady_clock;
+
+// Seconds with one decimal, as in "10.0 s".
+std::string SecondsText(Clock::duration duration);
+
+class Waiter {
+public:
+    using Callback = std::function<void()>;
+    enum class Result { kReady, kTimeout, kSignal };
+
+    // Keeps a descriptor registered as long as it lives. Must not outlive the waiter or the descriptor.
+    class Registration {
+    public:
+        Registration() = default;
+        Registration(Registration&& other) noexcept
+            : m_waiter(std::exchange(other.m_waiter, nullptr)), m_id(other.m_id) {}
+        Registration& operator=(Registration&& other) noexcept {
+            if (this != &other) {
+                Reset();
+                m_waiter = std::exchange(other.m_waiter, nullptr);
+                m_id = other.m_id;
+            }
+            return *this;
+        }
+        ~Registration() { Reset(); }
+
+        explicit operator bool() const { return m_waiter != nullptr; }
+        void Reset();
+
+    private:
+        friend class Waiter;
+        Registration(Waiter* waiter, uint64_t id) : m_waiter(waiter), m_id(id) {}
+
+        Waiter* m_waiter = nullptr;
+        uint64_t m_id = 0;
+    };
+
+    // `signals` is borrowed; null for a waiter that no signal interrupts.
+    explicit Waiter(const StopSignals* signals = nullptr) : m_signals(signals) {}
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+
+    // `events` as poll() takes them; errors and a hang-up also count as ready.
+    [[nodiscard]] Registration Watch(int descriptor, short events, Callback on_ready);
+
+    // Returns kReady after the callbacks of a round, kTimeout at the deadline, and kSignal if a signal was
+    // pending. The signal is consumed, so that a second one can interrupt the clean-up after the first.
+    // A deadline in the past still serves what is ready now; Clock::time_point::max() means no deadline.
+    Result Wait(Clock::time_point deadline);
+
+    // Waits until this descriptor, too, is ready, or until the deadline or a signal.
+    Result WaitFor(int descriptor, short events, Clock::time_point deadline);
+
+private:
+    struct Source {
+        uint64_t id;
+        int descriptor;
+        short events;
+        Callback on_ready;
+    };
+
+    void Call(uint64_t id);
+
+    const StopSignals* const m_signals;
+    uint64_t m_last_id = 0;
+    std::vector<Source> m_sources;
+};
+
+}  // namespace zumod
