@@ -14,16 +14,6 @@
 namespace zumod::vcam {
 namespace {
 
-v4l2_format Format(uint32_t width, uint32_t height, uint32_t fourcc, uint32_t bytesperline = 0) {
-    v4l2_format format{};
-    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    format.fmt.pix.width = width;
-    format.fmt.pix.height = height;
-    format.fmt.pix.pixelformat = fourcc;
-    format.fmt.pix.bytesperline = bytesperline;
-    return format;
-}
-
 v4l2_streamparm Parm(uint32_t numerator, uint32_t denominator) {
     v4l2_streamparm parm{};
     parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -58,7 +48,7 @@ TEST(Camera, KnowsNoMemoryButItsOwn) {
 TEST(Camera, TellsWhereABufferIsAndWhatBecameOfIt) {
     TestRig rig;
     ASSERT_EQ(rig.Request(2), 2);
-    v4l2_buffer buffer = TestRig::Buffer(1);
+    v4l2_buffer buffer = Buffer(1);
     ASSERT_EQ(rig.Call(VIDIOC_QUERYBUF, buffer), 0);
     EXPECT_EQ(buffer.length, 64U * 64 * 3 / 2);
     EXPECT_EQ(buffer.m.offset, 8192U);
@@ -90,7 +80,7 @@ TEST(Camera, MapsOnlyItsBuffers) {
     EXPECT_EQ(errno, EINVAL);
     void* memory = rig.File().Map(6144, PROT_READ | PROT_WRITE, 8192);
     ASSERT_NE(memory, MAP_FAILED);
-    v4l2_buffer buffer = TestRig::Buffer(1);
+    v4l2_buffer buffer = Buffer(1);
     ASSERT_EQ(rig.Call(VIDIOC_QUERYBUF, buffer), 0);
     EXPECT_NE(buffer.flags & V4L2_BUF_FLAG_MAPPED, 0U);
     munmap(memory, 6144);
@@ -272,7 +262,7 @@ TEST(Camera, IsBusyForASecondStreamer) {
     uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     EXPECT_EQ(second.Ioctl(VIDIOC_STREAMON, &type), EBUSY);
     EXPECT_EQ(second.Ioctl(VIDIOC_STREAMOFF, &type), EBUSY);
-    v4l2_buffer buffer = TestRig::Buffer();
+    v4l2_buffer buffer = Buffer();
     EXPECT_EQ(second.Ioctl(VIDIOC_QBUF, &buffer), EBUSY);
     EXPECT_EQ(second.Ioctl(VIDIOC_DQBUF, &buffer), EBUSY);
     v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);

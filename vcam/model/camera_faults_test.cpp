@@ -10,15 +10,6 @@
 namespace zumod::vcam {
 namespace {
 
-v4l2_format AskFor(uint32_t width, uint32_t height) {
-    v4l2_format format{};
-    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    format.fmt.pix.width = width;
-    format.fmt.pix.height = height;
-    format.fmt.pix.pixelformat = V4L2_PIX_FMT_NV12;
-    return format;
-}
-
 int64_t TimeOf(const v4l2_buffer& buffer) {
     return buffer.timestamp.tv_sec * 1000000L + buffer.timestamp.tv_usec;
 }
@@ -108,7 +99,7 @@ TEST(Fault, ErrnoMeetsTheNthCallOfTheRequest) {
     TestRig rig;
     rig.Device().Inject(faults::Errno(VIDIOC_QUERYCAP, EIO, 2, 2));
     v4l2_capability capability{};
-    v4l2_format format = AskFor(64, 64);
+    v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
     EXPECT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), 0);
     EXPECT_EQ(rig.Call(VIDIOC_G_FMT, format), 0);
     EXPECT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), EIO);
@@ -149,7 +140,7 @@ TEST(Fault, OpenBusyFailsToOpen) {
 TEST(Fault, FormatBusyFailsToSetTheFormat) {
     TestRig rig;
     rig.Device().Inject(faults::FormatBusy());
-    v4l2_format format = AskFor(64, 64);
+    v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
     EXPECT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
     EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), EBUSY);
     EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), 0);
@@ -317,7 +308,7 @@ TEST(Fault, RepeatGivesASequenceNumberTwice) {
 
 TEST(Fault, SizeChangeSetsAnotherSizeThanWasAgreed) {
     TestRig rig("fault=size-change/320/240");
-    v4l2_format format = AskFor(640, 480);
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
     ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
     EXPECT_EQ(format.fmt.pix.width, 640U);
     ASSERT_EQ(rig.Call(VIDIOC_S_FMT, format), 0);
@@ -329,7 +320,7 @@ TEST(Fault, SizeChangeSetsAnotherSizeThanWasAgreed) {
 
 TEST(Fault, StrideChangeMakesRowsLongerThanWasAgreed) {
     TestRig rig("fault=stride-change/32");
-    v4l2_format format = AskFor(640, 480);
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
     ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
     EXPECT_EQ(format.fmt.pix.bytesperline, 640U);
     ASSERT_EQ(rig.Call(VIDIOC_S_FMT, format), 0);

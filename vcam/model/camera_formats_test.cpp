@@ -7,16 +7,6 @@
 namespace zumod::vcam {
 namespace {
 
-v4l2_format Format(uint32_t width, uint32_t height, uint32_t fourcc, uint32_t bytesperline = 0) {
-    v4l2_format format{};
-    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    format.fmt.pix.width = width;
-    format.fmt.pix.height = height;
-    format.fmt.pix.pixelformat = fourcc;
-    format.fmt.pix.bytesperline = bytesperline;
-    return format;
-}
-
 TEST(Camera, SaysWhatItIsAndCanDo) {
     TestRig rig("card=Front Camera,device=3");
     v4l2_capability capability{};

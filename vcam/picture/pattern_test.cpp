@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
 
-#include <cstdio>
-
-#include <jpeglib.h>
-
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <vector>
@@ -15,6 +12,7 @@
 #include "vcam/picture/jpeg_pattern.h"
 #include "vcam/picture/pattern_reader.h"
 #include "vcam/picture/y4m_source.h"
+#include "vcam/testing/decode_luma.h"
 
 namespace zumod::vcam {
 namespace {
@@ -23,29 +21,6 @@ std::vector<uint8_t> Paint(const FrameSource& source, const PictureLayout& layou
     std::vector<uint8_t> picture(layout.sizeimage, 0xa5);
     picture.resize(source.Paint(picture.data(), stamp));
     return picture;
-}
-
-// Luma of a JPEG picture.
-std::vector<uint8_t> DecodeLuma(const std::vector<uint8_t>& jpeg, unsigned width, unsigned height) {
-    jpeg_decompress_struct decompressor{};
-    jpeg_error_mgr errors{};
-    decompressor.err = jpeg_std_error(&errors);
-    jpeg_create_decompress(&decompressor);
-    jpeg_mem_src(&decompressor, jpeg.data(), jpeg.size());
-    jpeg_read_header(&decompressor, TRUE);
-    decompressor.out_color_space = JCS_GRAYSCALE;
-    jpeg_start_decompress(&decompressor);
-    EXPECT_EQ(decompressor.output_width, width);
-    EXPECT_EQ(decompressor.output_height, height);
-    std::vector<uint8_t> luma(size_t{width} * height);
-    while (decompressor.output_scanline < height) {
-        unsigned char* line = &luma[size_t{decompressor.output_scanline} * width];
-        jpeg_read_scanlines(&decompressor, &line, 1);
-    }
-    EXPECT_EQ(errors.num_warnings, 0);
-    jpeg_finish_decompress(&decompressor);
-    jpeg_destroy_decompress(&decompressor);
-    return luma;
 }
 
 class EveryFormat : public ::testing::TestWithParam<uint32_t> {};
@@ -159,6 +134,7 @@ TEST(JpegPattern, DecodesWithoutAWarningAndCarriesTheStamp) {
         const JpegPattern pattern(layout, "TEST");
         const Stamp stamp{4000000001U, 987654321012};
         const std::vector<uint8_t> luma = DecodeLuma(Paint(pattern, layout, stamp), width, height);
+        ASSERT_EQ(luma.size(), size_t{width} * height);
         EXPECT_EQ(ReadStamp(luma.data(), width, width, height), stamp) << width << "x" << height;
     }
 }
@@ -172,6 +148,7 @@ TEST(JpegPattern, IsCloseToTheUncompressedPicture) {
     const auto luma =
         DecodeLuma(Paint(JpegPattern(jpeg_layout, "TEST"), jpeg_layout, stamp), kWidth, kHeight);
     const auto raw = Paint(Pattern(raw_layout, "TEST"), raw_layout, stamp);
+    ASSERT_EQ(luma.size(), size_t{kWidth} * kHeight);
     uint64_t difference = 0;
     for (size_t i = 0; i < luma.size(); ++i) {
         difference += static_cast<uint64_t>(std::abs(int{luma[i]} - int{raw[i]}));
@@ -224,6 +201,7 @@ TEST_F(Y4m, IsCompressedForMotionJpeg) {
     ASSERT_TRUE(Y4mFile::Read(m_path, file, error)) << error;
     const PictureLayout layout = LayOut(V4L2_PIX_FMT_MJPEG, kWidth, kHeight);
     const auto luma = DecodeLuma(Paint(Y4mSource(layout, file), layout, {}), kWidth, kHeight);
+    ASSERT_EQ(luma.size(), size_t{kWidth} * kHeight);
     EXPECT_NEAR(luma[0], 100, 2);
 }
 

@@ -1,4 +1,4 @@
-// Virtual cameras through the C library's own calls; this program runs with the preload library.
+// Tests of the preload library: this program runs with it and calls the C library.
 #include <dirent.h>
 #include <fcntl.h>
 #include <glob.h>
@@ -23,6 +23,7 @@
 #include "vcam/cli/control.h"
 #include "vcam/picture/pattern_reader.h"
 #include "vcam/testing/preloaded_cameras.h"
+#include "vcam/testing/requests.h"
 
 extern "C" {
 int __open_2(const char* path, int flags);
@@ -43,23 +44,12 @@ std::string CardOf(int fd) {
     return Call(fd, VIDIOC_QUERYCAP, &capability) == 0 ? reinterpret_cast<const char*>(capability.card) : "";
 }
 
-v4l2_buffer Buffer(uint32_t index = 0) {
-    v4l2_buffer buffer{};
-    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buffer.memory = V4L2_MEMORY_MMAP;
-    buffer.index = index;
-    return buffer;
-}
-
 int Request(int fd, uint32_t count) {
-    v4l2_requestbuffers request{};
-    request.count = count;
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    request.memory = V4L2_MEMORY_MMAP;
+    v4l2_requestbuffers request = BufferRequest(count);
     return Call(fd, VIDIOC_REQBUFS, &request);
 }
 
-// Runs a piece of the test in a child process; whether it returned true there.
+// Runs `work` in a child process. Returns what it returned there.
 template <class Work>
 bool InChild(Work work) {
     const pid_t child = fork();
@@ -71,37 +61,37 @@ bool InChild(Work work) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// A device file with mapped and queued buffers that streams.
+// An open device file that streams, with its buffers mapped and queued.
 class Stream {
 public:
-    explicit Stream(int flags = O_RDWR | O_NONBLOCK, uint32_t count = 4) : fd_(open("/dev/video0", flags)) {
-        EXPECT_EQ(Request(fd_, count), 0);
+    explicit Stream(int flags = O_RDWR | O_NONBLOCK, uint32_t count = 4) : m_fd(open("/dev/video0", flags)) {
+        EXPECT_EQ(Request(m_fd, count), 0);
         for (uint32_t i = 0; i < count; ++i) {
             v4l2_buffer buffer = Buffer(i);
-            EXPECT_EQ(Call(fd_, VIDIOC_QUERYBUF, &buffer), 0);
-            void* memory = mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd_,
+            EXPECT_EQ(Call(m_fd, VIDIOC_QUERYBUF, &buffer), 0);
+            void* memory = mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd,
                                 static_cast<off_t>(buffer.m.offset));
             EXPECT_NE(memory, MAP_FAILED);
-            memory_.push_back({memory, buffer.length});
-            EXPECT_EQ(Call(fd_, VIDIOC_QBUF, &buffer), 0);
+            m_memory.push_back({memory, buffer.length});
+            EXPECT_EQ(Call(m_fd, VIDIOC_QBUF, &buffer), 0);
         }
         uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        EXPECT_EQ(Call(fd_, VIDIOC_STREAMON, &type), 0);
+        EXPECT_EQ(Call(m_fd, VIDIOC_STREAMON, &type), 0);
     }
     ~Stream() {
-        for (const auto& [memory, length] : memory_) {
+        for (const auto& [memory, length] : m_memory) {
             munmap(memory, length);
         }
-        close(fd_);
+        close(m_fd);
     }
-    int Descriptor() const { return fd_; }
+    int Descriptor() const { return m_fd; }
     const uint8_t* Memory(uint32_t index) const {
-        return static_cast<const uint8_t*>(memory_.at(index).first);
+        return static_cast<const uint8_t*>(m_memory.at(index).first);
     }
 
 private:
-    int fd_;
-    std::vector<std::pair<void*, size_t>> memory_;
+    int m_fd;
+    std::vector<std::pair<void*, size_t>> m_memory;
 };
 
 bool WaitReadable(int fd) {
@@ -109,7 +99,7 @@ bool WaitReadable(int fd) {
     return poll(&state, 1, 20000) == 1;
 }
 
-TEST(Preload, OpensACameraByEveryNameOfOpen) {
+TEST(Preload, OpensACameraByEveryVariantOfOpen) {
     const PreloadedCameras cameras{"card=Front"};
     const int directory = open("/dev", O_RDONLY | O_DIRECTORY);
     for (const int fd :
@@ -151,7 +141,7 @@ TEST(Preload, LeavesOtherFilesAlone) {
 }
 
 TEST(Preload, CreatesFilesWithTheModeThatWasAsked) {
-    const std::string path = ::testing::TempDir() + "zu_vcam_mode_" + std::to_string(getpid());
+    const std::string path = ::testing::TempDir() + "m_zu_vcam_mode" + std::to_string(getpid());
     const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_EXCL, 0600);
     ASSERT_GE(fd, 0);
     struct stat status {};
@@ -329,7 +319,7 @@ TEST(Preload, IsFreedWhenTheProcessThatStreamsDies) {
     close(fd);
 }
 
-TEST(Preload, GivesFramesToAForkedProcess) {
+TEST(Preload, DeliversFramesToAForkedProcess) {
     const PreloadedCameras cameras{"sizes=64x64,fps=200"};
     const Stream stream;
     EXPECT_TRUE(InChild([&] {
@@ -338,21 +328,21 @@ TEST(Preload, GivesFramesToAForkedProcess) {
     }));
 }
 
-TEST(Preload, KnowsADescriptorInheritedThroughExec) {
+TEST(Preload, RecognisesADescriptorInheritedThroughExec) {
     const PreloadedCameras cameras{"card=Inherited"};
     const int fd = open("/dev/video0", O_RDWR);
     ASSERT_EQ(dup2(fd, 9), 9);
     const std::string self = "/proc/self/exe";
     EXPECT_TRUE(InChild([&] {
         setenv("ZU_VCAM_TEST_DESCRIPTOR", "9", 1);
-        execl(self.c_str(), "preload_test", "--gtest_filter=Preload.ChildKnowsItsDescriptor", nullptr);
+        execl(self.c_str(), "preload_test", "--gtest_filter=Preload.ChildRecognisesItsDescriptor", nullptr);
         return false;
     }));
     close(9);
     close(fd);
 }
 
-TEST(Preload, ChildKnowsItsDescriptor) {
+TEST(Preload, ChildRecognisesItsDescriptor) {
     const char* descriptor = std::getenv("ZU_VCAM_TEST_DESCRIPTOR");
     if (descriptor != nullptr) {
         EXPECT_EQ(CardOf(std::atoi(descriptor)), "Inherited");
@@ -397,7 +387,7 @@ TEST(Preload, ShowsAnUnpluggedCameraAsADriverDoes) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(Preload, FindsAReturnedCameraUnderItsNewNumber) {
+TEST(Preload, FindsARepluggedCameraUnderItsNewNumber) {
     PreloadedCameras cameras{"card=Back"};
     cameras.At(0).Inject(faults::Unplug());
     cameras.At(0).Inject(faults::ReplugAs(3));
@@ -407,14 +397,14 @@ TEST(Preload, FindsAReturnedCameraUnderItsNewNumber) {
     close(fd);
 }
 
-TEST(Preload, SlowOpenTakesItsTime) {
+TEST(Preload, SlowOpenTakesTheGivenTime) {
     const PreloadedCameras cameras{"fault=slow-open/60"};
     const auto start = std::chrono::steady_clock::now();
     close(open("/dev/video0", O_RDWR));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
 }
 
-TEST(Preload, TakesControlLinesFromAnyProcess) {
+TEST(Preload, AcceptsControlLinesFromAnyProcess) {
     PreloadedCameras cameras{"", "device=4"};
     EXPECT_TRUE(InChild([] {
         std::string answer;
@@ -434,7 +424,7 @@ TEST(Preload, TakesControlLinesFromAnyProcess) {
     EXPECT_EQ(answer, "unknown fault \"nonsense\"");
 }
 
-TEST(Preload, FindsNobodyToControlWithoutAServer) {
+TEST(Preload, CannotControlWithoutAServer) {
     std::string answer;
     EXPECT_FALSE(SendControl("0 status", answer));
     EXPECT_EQ(answer, "no virtual cameras here: ZU_VCAM is not set");
@@ -442,7 +432,7 @@ TEST(Preload, FindsNobodyToControlWithoutAServer) {
     EXPECT_EQ(answer, "the server of the virtual cameras does not answer");
 }
 
-TEST(Preload, SurvivesTheEndOfItsServer) {
+TEST(Preload, ReportsNoDeviceAfterTheEndOfItsServer) {
     int fd = -1;
     {
         const PreloadedCameras cameras{""};
@@ -464,7 +454,7 @@ TEST(CameraServer, RefusesTwoCamerasWithOneNumber) {
     EXPECT_EQ(error, "two cameras have device=3");
 }
 
-TEST(CameraServer, GivesTheNextFreeNumberToACameraWithoutOne) {
+TEST(CameraServer, NumbersACameraWithoutANumberByTheNextFreeOne) {
     std::vector<CameraConfig> configs(3);
     configs[1].number = 0;
     std::string error;

@@ -1,11 +1,8 @@
-// Judges pictures that another program took from a virtual camera: that there are as many as there should be,
-// that they came in order and at the agreed rate, and that each is the model's picture byte for byte.
+// Checks pictures that another program took from a virtual camera: their number, their order, their rate, and
+// that each is the model's picture byte for byte.
 #include <linux/videodev2.h>
 
 #include <cstdio>
-
-#include <jpeglib.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -18,13 +15,16 @@
 #include "vcam/picture/jpeg_pattern.h"
 #include "vcam/picture/pattern.h"
 #include "vcam/picture/pattern_reader.h"
+#include "vcam/testing/decode_luma.h"
 
 namespace zumod::vcam {
 namespace {
 
+using Picture = std::vector<uint8_t>;
+
 constexpr char kUsage[] =
     "Usage: check_frames FORMAT WIDTH HEIGHT FPS COUNT LABEL < PICTURES\n"
-    "FORMAT is a camera's format, or GREY for luma planes alone, of which only the stamps are judged.\n";
+    "FORMAT is a camera's format, or GREY for luma planes, of which only the stamps are checked.\n";
 
 struct Expected {
     std::string format;
@@ -35,31 +35,9 @@ struct Expected {
     std::string label;
 };
 
-using Bytes = std::vector<uint8_t>;
-
-Bytes DecodeLuma(const Bytes& jpeg, unsigned width, unsigned height) {
-    jpeg_decompress_struct decompressor{};
-    jpeg_error_mgr errors{};
-    decompressor.err = jpeg_std_error(&errors);
-    jpeg_create_decompress(&decompressor);
-    jpeg_mem_src(&decompressor, jpeg.data(), jpeg.size());
-    jpeg_read_header(&decompressor, TRUE);
-    decompressor.out_color_space = JCS_GRAYSCALE;
-    jpeg_start_decompress(&decompressor);
-    Bytes luma(size_t{width} * height);
-    if (decompressor.output_width == width && decompressor.output_height == height) {
-        while (decompressor.output_scanline < height) {
-            unsigned char* line = &luma[size_t{decompressor.output_scanline} * width];
-            jpeg_read_scanlines(&decompressor, &line, 1);
-        }
-    }
-    jpeg_destroy_decompress(&decompressor);
-    return luma;
-}
-
-// The pictures one after the other: of one size, or each up to its end mark.
-std::vector<Bytes> Split(const Bytes& all, size_t size, bool is_jpeg) {
-    std::vector<Bytes> pictures;
+// Splits a sequence of pictures of one size, or of JPEG pictures at their end markers.
+std::vector<Picture> Split(const Picture& all, size_t size, bool is_jpeg) {
+    std::vector<Picture> pictures;
     size_t begin = 0;
     while (begin < all.size()) {
         size_t end = begin + size;
@@ -77,7 +55,7 @@ std::vector<Bytes> Split(const Bytes& all, size_t size, bool is_jpeg) {
     return pictures;
 }
 
-bool Judge(const Expected& expected, const Bytes& all) {
+bool Check(const Expected& expected, const Picture& all) {
     const bool grey = expected.format == "GREY";
     const uint32_t fourcc = grey ? 0 : ParseFourcc(expected.format).value_or(0);
     const bool is_jpeg = fourcc == V4L2_PIX_FMT_MJPEG;
@@ -89,19 +67,21 @@ bool Judge(const Expected& expected, const Bytes& all) {
         source = std::make_unique<Pattern>(layout, expected.label);
     }
     const size_t size = grey ? size_t{expected.width} * expected.height : layout.sizeimage;
-    const std::vector<Bytes> pictures = Split(all, size, is_jpeg);
+    const std::vector<Picture> pictures = Split(all, size, is_jpeg);
     if (pictures.size() != expected.count) {
         std::fprintf(stderr, "%zu pictures, not %zu\n", pictures.size(), expected.count);
         return false;
     }
     std::optional<Stamp> last;
     uint64_t lost = 0;
-    for (const Bytes& picture : pictures) {
+    for (const Picture& picture : pictures) {
         const size_t number = static_cast<size_t>(&picture - pictures.data());
         std::optional<Stamp> stamp;
         if (is_jpeg || grey) {
-            const Bytes luma = is_jpeg ? DecodeLuma(picture, expected.width, expected.height) : picture;
-            stamp = ReadStamp(luma.data(), expected.width, expected.width, expected.height);
+            const Picture luma = is_jpeg ? DecodeLuma(picture, expected.width, expected.height) : picture;
+            if (luma.size() == size_t{expected.width} * expected.height) {
+                stamp = ReadStamp(luma.data(), expected.width, expected.width, expected.height);
+            }
         } else if (picture.size() == size) {
             stamp = ReadStamp(picture.data(), layout);
         }
@@ -110,7 +90,7 @@ bool Judge(const Expected& expected, const Bytes& all) {
             return false;
         }
         if (source) {
-            Bytes model(layout.sizeimage);
+            Picture model(layout.sizeimage);
             model.resize(source->Paint(model.data(), *stamp));
             if (model != picture) {
                 std::fprintf(stderr, "picture %zu is not the model's\n", number);
@@ -121,7 +101,7 @@ bool Judge(const Expected& expected, const Bytes& all) {
             const int64_t frames = int64_t{stamp->counter} - last->counter;
             const auto passed = static_cast<int64_t>(stamp->time_us - last->time_us);
             if (frames < 1 || std::abs(passed - frames * 1000000 / static_cast<int64_t>(expected.fps)) > 2) {
-                std::fprintf(stderr, "picture %zu came %lld frames and %lld us after the one before\n",
+                std::fprintf(stderr, "picture %zu is %lld frames and %lld us after the previous one\n",
                              number, static_cast<long long>(frames), static_cast<long long>(passed));
                 return false;
             }
@@ -131,7 +111,7 @@ bool Judge(const Expected& expected, const Bytes& all) {
     }
     std::printf("%zu pictures at %llu a second, %llu lost\n", pictures.size(),
                 static_cast<unsigned long long>(expected.fps), static_cast<unsigned long long>(lost));
-    // A program that is kept from running loses frames of any camera; one that keeps up loses few.
+    // On a busy machine a program loses frames of any camera, but not more than it takes.
     if (lost > expected.count) {
         std::fprintf(stderr, "more pictures are lost than came\n");
         return false;
@@ -155,6 +135,6 @@ int main(int argc, char** argv) {
                             static_cast<size_t>(std::atoi(argv[5])),
                             argv[6]};
     std::ifstream in("/dev/stdin", std::ios::binary);
-    const Bytes all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return Judge(expected, all) ? 0 : 1;
+    const Picture all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return Check(expected, all) ? 0 : 1;
 }

@@ -9,7 +9,7 @@
 namespace zumod::vcam {
 
 ModelFile::ModelFile(Camera& camera, int flags)
-    : camera_(camera), error_(camera.Open(static_cast<uint32_t>(flags), fd_, identity_)) {}
+    : m_camera(camera), m_error(camera.Open(static_cast<uint32_t>(flags), m_fd, m_identity)) {}
 
 int ModelFile::Call(void* context, const Request& request, const iovec* parts, int part_count, Reply& reply,
                     int* fd) {
@@ -36,18 +36,18 @@ int ModelFile::Call(void* context, const Request& request, const iovec* parts, i
 }
 
 int ModelFile::Ioctl(unsigned long command, void* argument) {
-    const Channel channel{&camera_, &Call};
-    return ClientIoctl(fd_.Get(), identity_, camera_.Board(), channel, command, argument);
+    const Channel channel{&m_camera, &Call};
+    return ClientIoctl(m_fd.Get(), m_identity, m_camera.Board(), channel, command, argument);
 }
 
 void* ModelFile::Map(size_t length, int protection, uint64_t offset) {
-    Request request = MakeRequest(Operation::kMap, identity_);
+    Request request = MakeRequest(Operation::kMap, m_identity);
     request.value = offset;
     request.argument = length;
     request.flags = (protection & PROT_WRITE) != 0 ? 1 : 0;
     Reply reply{};
     int memory = -1;
-    Call(&camera_, request, nullptr, 0, reply, &memory);
+    Call(&m_camera, request, nullptr, 0, reply, &memory);
     if (reply.error != 0) {
         errno = reply.error;
         return MAP_FAILED;

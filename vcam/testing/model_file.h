@@ -1,6 +1,7 @@
-// An open device file of a camera in the same process, for tests of the model without a preload: the calls a
-// program makes, as methods that return 0 or errno. One thread at a time; the descriptor may be polled
-// anywhere.
+// An open device file of a camera in this process. Its methods make a program's calls without the preload
+// library.
+//
+// Thread rule: one thread at a time; the descriptor may be polled on any thread.
 #pragma once
 
 #include <fcntl.h>
@@ -20,22 +21,23 @@ public:
     ModelFile(const ModelFile&) = delete;
     ModelFile& operator=(const ModelFile&) = delete;
 
-    int Error() const { return error_; }
-    int Descriptor() const { return fd_.Get(); }
-    void Close() { fd_.Reset(); }
+    int Error() const { return m_error; }
+    int Descriptor() const { return m_fd.Get(); }
+    void Close() { m_fd.Reset(); }
 
+    // Returns 0 or errno.
     int Ioctl(unsigned long command, void* argument);
-    // MAP_FAILED with errno set, as mmap does. Unmap with munmap.
+    // As mmap: MAP_FAILED with errno set on failure. Unmap with munmap.
     void* Map(size_t length, int protection, uint64_t offset);
 
 private:
     static int Call(void* context, const Request& request, const iovec* parts, int part_count, Reply& reply,
                     int* fd);
 
-    Camera& camera_;
-    FileIdentity identity_{};
-    UniqueFd fd_;
-    int error_;
+    Camera& m_camera;
+    FileIdentity m_identity{};
+    UniqueFd m_fd;
+    int m_error;
 };
 
 }  // namespace zumod::vcam

@@ -1,6 +1,8 @@
-// Virtual cameras for the calls of this very process: a test program that runs with the preload library makes
-// one of these, and /dev/videoN is there, with the model at hand in C++. See zu_vcam_test in CMakeLists.txt.
-// Make and destroy it on one thread while no other thread of the test runs.
+// Virtual cameras for a test program that runs with the preload library: while one of these exists, the
+// program's own calls find /dev/videoN, and the test controls the camera model in C++. See zu_test(...
+// CAMERAS) in cmake/Zu.cmake.
+//
+// Thread rule: constructed and destroyed while no other thread of the test runs.
 #pragma once
 
 #include <cstdlib>
@@ -17,7 +19,7 @@ namespace zumod::vcam {
 
 class PreloadedCameras {
 public:
-    // One list of options a camera, as --camera takes it.
+    // One string of options per camera, as in --camera.
     explicit PreloadedCameras(std::initializer_list<const char*> cameras) {
         std::vector<CameraConfig> configs;
         std::string error;
@@ -26,22 +28,21 @@ public:
                 throw std::invalid_argument(error);
             }
         }
-        server_ = CameraServer::Start(std::move(configs), error);
-        if (!server_) {
+        m_server = CameraServer::Start(std::move(configs), error);
+        if (!m_server) {
             throw std::runtime_error(error);
         }
-        setenv(kServerVariable, server_->Name().c_str(), 1);
+        setenv(kServerVariable, m_server->Name().c_str(), 1);
     }
     PreloadedCameras(const PreloadedCameras&) = delete;
     PreloadedCameras& operator=(const PreloadedCameras&) = delete;
     ~PreloadedCameras() { unsetenv(kServerVariable); }
 
-    // In the order they were given.
-    Camera& At(size_t index) { return server_->At(index); }
-    CameraServer& Server() { return *server_; }
+    // By position in the constructor's list.
+    Camera& At(size_t index) { return m_server->At(index); }
 
 private:
-    std::unique_ptr<CameraServer> server_;
+    std::unique_ptr<CameraServer> m_server;
 };
 
 }  // namespace zumod::vcam

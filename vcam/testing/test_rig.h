@@ -1,4 +1,6 @@
-// One camera with one open file, driven as a program drives it. For tests.
+// One camera with one open file, for unit tests that make a program's calls.
+//
+// Thread rule: one thread at a time.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,6 +17,7 @@
 #include "vcam/model/camera.h"
 #include "vcam/model/camera_option.h"
 #include "vcam/testing/model_file.h"
+#include "vcam/testing/requests.h"
 
 namespace zumod::vcam {
 
@@ -33,44 +36,33 @@ inline CameraConfig Configure(const std::string& options) {
 class TestRig {
 public:
     explicit TestRig(const std::string& options = "sizes=64x64,fps=500")
-        : camera_(0, Configure(options), NewName(), board_) {
+        : m_camera(0, Configure(options), NewName(), m_board) {
         Reopen();
     }
     ~TestRig() { Unmap(); }
 
-    Camera& Device() { return camera_; }
-    ModelFile& File() { return *file_; }
-    CameraBoard& Board() { return board_; }
+    Camera& Device() { return m_camera; }
+    ModelFile& File() { return *m_file; }
+    CameraBoard& Board() { return m_board; }
 
     // Closes the file and opens it again.
     int Reopen(int flags = O_RDWR | O_NONBLOCK) {
-        file_.reset();
-        file_ = std::make_unique<ModelFile>(camera_, flags);
-        return file_->Error();
+        m_file.reset();
+        m_file = std::make_unique<ModelFile>(m_camera, flags);
+        return m_file->Error();
     }
-    void CloseFile() { file_.reset(); }
+    void CloseFile() { m_file.reset(); }
 
     template <class T>
     int Call(unsigned long command, T& argument) {
-        return file_->Ioctl(command, &argument);
+        return m_file->Ioctl(command, &argument);
     }
 
-    // REQBUFS: the buffers granted, or minus errno.
+    // REQBUFS. Returns the number of buffers granted, or a negative errno.
     int Request(uint32_t count) {
-        v4l2_requestbuffers request{};
-        request.count = count;
-        request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        request.memory = V4L2_MEMORY_MMAP;
+        v4l2_requestbuffers request = BufferRequest(count);
         const int error = Call(VIDIOC_REQBUFS, request);
         return error != 0 ? -error : static_cast<int>(request.count);
-    }
-
-    static v4l2_buffer Buffer(uint32_t index = 0) {
-        v4l2_buffer buffer{};
-        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buffer.memory = V4L2_MEMORY_MMAP;
-        buffer.index = index;
-        return buffer;
     }
 
     int Queue(uint32_t index) {
@@ -92,7 +84,7 @@ public:
         return Call(VIDIOC_STREAMOFF, type);
     }
 
-    // Requests, maps and queues buffers and starts streaming: 0 or errno.
+    // Requests, maps and queues buffers and starts streaming. Returns 0 or errno.
     int Start(uint32_t count = 4) {
         const int granted = Request(count);
         if (granted < 0) {
@@ -103,11 +95,11 @@ public:
             if (const int error = Call(VIDIOC_QUERYBUF, buffer); error != 0) {
                 return error;
             }
-            void* memory = file_->Map(buffer.length, PROT_READ | PROT_WRITE, buffer.m.offset);
+            void* memory = m_file->Map(buffer.length, PROT_READ | PROT_WRITE, buffer.m.offset);
             if (memory == MAP_FAILED) {
                 return errno;
             }
-            mapped_.push_back({static_cast<uint8_t*>(memory), buffer.length});
+            m_mapped.push_back({static_cast<uint8_t*>(memory), buffer.length});
             if (const int error = Queue(i); error != 0) {
                 return error;
             }
@@ -116,19 +108,19 @@ public:
     }
 
     void Unmap() {
-        for (const auto& [memory, length] : mapped_) {
+        for (const auto& [memory, length] : m_mapped) {
             munmap(memory, length);
         }
-        mapped_.clear();
+        m_mapped.clear();
     }
-    const uint8_t* Memory(uint32_t index) const { return mapped_.at(index).first; }
+    const uint8_t* Memory(uint32_t index) const { return m_mapped.at(index).first; }
 
     short Poll(int milliseconds = 20000, short events = POLLIN | POLLPRI) const {
-        pollfd state{file_->Descriptor(), events, 0};
+        pollfd state{m_file->Descriptor(), events, 0};
         return poll(&state, 1, milliseconds) == 1 ? state.revents : short{0};
     }
 
-    // The next frame, waited for; its error when it cannot be dequeued.
+    // Waits for the next frame; `error` is that of DQBUF.
     struct Frame {
         int error = 0;
         v4l2_buffer buffer{};
@@ -142,7 +134,7 @@ public:
         frame.error = Dequeue(frame.buffer);
         return frame;
     }
-    // The next frame; its buffer is queued again at once.
+    // As Next, and queues the buffer again.
     Frame NextAndQueue() {
         Frame frame = Next();
         if (frame.error == 0) {
@@ -152,16 +144,16 @@ public:
     }
 
 private:
-    // The names of descriptors must differ between the tests that run at one time.
+    // Tests run in parallel, so each rig needs a different name.
     static std::string NewName() {
         static unsigned count = 0;
         return "rig." + std::to_string(getpid()) + "." + std::to_string(count++);
     }
 
-    CameraBoard board_{};
-    Camera camera_;
-    std::unique_ptr<ModelFile> file_;
-    std::vector<std::pair<uint8_t*, size_t>> mapped_;
+    CameraBoard m_board{};
+    Camera m_camera;
+    std::unique_ptr<ModelFile> m_file;
+    std::vector<std::pair<uint8_t*, size_t>> m_mapped;
 };
 
 }  // namespace zumod::vcam
