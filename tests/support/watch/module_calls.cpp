@@ -11,10 +11,10 @@
 #include <ctime>
 #include <new>
 
-// Never built with a sanitizer, whose run time is not there yet when the first of these calls comes.
+// Never built with a sanitizer: its run time is not ready when the first of these calls is made.
 
-// The heap behind these: the C library's, or the sanitizer's where there is one. Found without a look-up,
-// which would call the heap itself.
+// The heap behind these functions: the C library's, or the sanitizer's where there is one. Not looked up with
+// dlsym, which would call the heap itself.
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier)
 [[gnu::weak]] void* __interceptor_malloc(size_t size);
@@ -25,6 +25,7 @@ void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* block, size_t size);
 void __libc_free(void* block);
+int __cxa_atexit(void (*handler)(void*), void* argument, void* library) noexcept;
 // NOLINTEND(bugprone-reserved-identifier)
 }
 #define ZU_HEAP(name) (__interceptor_##name != nullptr ? __interceptor_##name : __libc_##name)
@@ -55,7 +56,8 @@ private:
     std::atomic_flag& m_flag;
 };
 
-// Address to size, without an allocation: open addressing, closed up again by each removal.
+// Address to size, without an allocation: a hash table with open addressing; a removal moves later entries
+// back.
 class BlockTable {
 public:
     void Add(const void* block, size_t size) {
@@ -123,6 +125,7 @@ private:
 };
 
 constinit BlockTable g_blocks;
+constinit BlockTable g_locks;
 constinit std::atomic<int64_t> g_mappings{0};
 constinit std::array<std::atomic<uint64_t>, kModuleCallKinds> g_calls{};
 constinit std::atomic<int> g_failing_kind{-1};
@@ -147,8 +150,8 @@ Function* Real(std::atomic<void*>& cache, const char* name) {
         return Real<decltype(::name)>(cache, #name);        \
     }())
 
-// Counts the call; true when it is to fail.
-bool Strikes(ModuleCall kind, size_t size = 0) {
+// Counts the call. Returns true if it must fail.
+bool ShouldFail(ModuleCall kind, size_t size = 0) {
     const auto index = static_cast<size_t>(kind);
     const uint64_t number = g_calls[index].fetch_add(1) + 1;
     if (g_failing_kind != static_cast<int>(kind) || number < g_fail_from || number >= g_fail_before) {
@@ -161,13 +164,13 @@ bool Strikes(ModuleCall kind, size_t size = 0) {
     return true;
 }
 
-bool AllocationStrikes(size_t size) {
+bool ShouldFailAllocation(size_t size) {
     switch (t_place) {
         case kHostInside:
         case kLoading:
-            return Strikes(ModuleCall::kHostAllocation, size);
+            return ShouldFail(ModuleCall::kHostAllocation, size);
         case kModuleThread:
-            return Strikes(ModuleCall::kThreadAllocation, size);
+            return ShouldFail(ModuleCall::kThreadAllocation, size);
         default:
             return false;
     }
@@ -177,14 +180,14 @@ bool IsInside() {
     return t_place == kHostInside || t_place == kModuleThread;
 }
 
-void Keep(const void* block, size_t size) {
+void Record(const void* block, size_t size) {
     if (block != nullptr) {
         t_last_block = block;
         g_blocks.Add(block, size);
     }
 }
 
-// What the new thread is to do; given out from an array, so that nothing is allocated for it.
+// What a new thread runs. Taken from an array, so that nothing is allocated for it.
 struct Start {
     std::atomic<bool> taken;
     void* (*entry)(void*);
@@ -192,8 +195,8 @@ struct Start {
 };
 constinit std::array<Start, 64> g_starts{};
 
-void* RunModuleThread(void* given) {
-    Start& start = *static_cast<Start*>(given);
+void* RunModuleThread(void* free_after_read) {
+    Start& start = *static_cast<Start*>(free_after_read);
     const auto entry = start.entry;
     void* const argument = start.argument;
     start.taken = false;
@@ -234,12 +237,12 @@ void* malloc(size_t size) noexcept {
     if (!IsInside()) {
         return ZU_HEAP(malloc)(size);
     }
-    if (AllocationStrikes(size)) {
+    if (ShouldFailAllocation(size)) {
         errno = ENOMEM;
         return nullptr;
     }
     void* block = ZU_HEAP(malloc)(size);
-    Keep(block, size);
+    Record(block, size);
     return block;
 }
 
@@ -247,12 +250,12 @@ void* calloc(size_t count, size_t size) noexcept {
     if (!IsInside()) {
         return ZU_HEAP(calloc)(count, size);
     }
-    if (AllocationStrikes(count * size)) {
+    if (ShouldFailAllocation(count * size)) {
         errno = ENOMEM;
         return nullptr;
     }
     void* block = ZU_HEAP(calloc)(count, size);
-    Keep(block, count * size);
+    Record(block, count * size);
     return block;
 }
 
@@ -263,16 +266,16 @@ void* realloc(void* old, size_t size) noexcept {
         }
         return ZU_HEAP(realloc)(old, size);
     }
-    if (AllocationStrikes(size)) {
+    if (ShouldFailAllocation(size)) {
         errno = ENOMEM;
         return nullptr;
     }
-    // Before the call: another thread may be given the old address by the time it returns.
+    // Before the call: another thread may get the old address before realloc returns.
     if (old != nullptr) {
         g_blocks.Remove(old);
     }
     void* block = ZU_HEAP(realloc)(old, size);
-    Keep(block, size);
+    Record(block, size);
     return block;
 }
 
@@ -288,10 +291,10 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
     if (!IsInside()) {
         return ZU_REAL(pthread_create)(thread, attributes, entry, argument);
     }
-    if (Strikes(ModuleCall::kThreadCreation)) {
+    if (ShouldFail(ModuleCall::kThreadCreation)) {
         return EAGAIN;
     }
-    // The C library's own blocks for a thread are not the module's.
+    // Blocks that the C library allocates for a thread are not the module's.
     const PlaceScope outside(kOutside);
     Start& start = TakeStart(entry, argument);
     const int error = ZU_REAL(pthread_create)(thread, attributes, &RunModuleThread, &start);
@@ -302,7 +305,7 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 }
 
 int sem_init(sem_t* semaphore, int shared, unsigned int value) noexcept {
-    if (IsInside() && Strikes(ModuleCall::kSemaphore)) {
+    if (IsInside() && ShouldFail(ModuleCall::kSemaphore)) {
         errno = ENOSPC;
         return -1;
     }
@@ -311,10 +314,11 @@ int sem_init(sem_t* semaphore, int shared, unsigned int value) noexcept {
 
 void* dlopen(const char* path, int flags) noexcept {
     const bool inside = IsInside();
-    const bool fails = inside && Strikes(ModuleCall::kLibrary);
-    // The loader's own blocks are not the module's; of what runs in a load, only C++ allocations are.
+    const bool fails = inside && ShouldFail(ModuleCall::kLibrary);
+    // Blocks of the dynamic loader are not the module's. During a load only operator new is called for the
+    // module.
     const PlaceScope loading(inside && !fails ? kLoading : kOutside);
-    return ZU_REAL(dlopen)(fails ? "/nonexistent/as-told.so" : path, flags);
+    return ZU_REAL(dlopen)(fails ? "/nonexistent/library.so" : path, flags);
 }
 
 int dlclose(void* library) noexcept {
@@ -322,8 +326,30 @@ int dlclose(void* library) noexcept {
     return ZU_REAL(dlclose)(library);
 }
 
+// The C library keeps exit handlers in blocks of 32 that it never releases. They are not the module's.
+int __cxa_atexit(void (*handler)(void*), void* argument,
+                 void* library) noexcept {  // NOLINT(*-reserved-identifier)
+    const PlaceScope outside(kOutside);
+    return ZU_REAL(__cxa_atexit)(handler, argument, library);
+}
+
+int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept {
+    if (t_place != kOutside) {
+        if (ShouldFail(ModuleCall::kLock)) {
+            return ENOMEM;
+        }
+        g_locks.Add(mutex, sizeof *mutex);
+    }
+    return ZU_REAL(pthread_mutex_init)(mutex, attributes);
+}
+
+int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept {
+    g_locks.Remove(mutex);
+    return ZU_REAL(pthread_mutex_destroy)(mutex);
+}
+
 void* mmap(void* address, size_t length, int protection, int flags, int descriptor, off_t offset) noexcept {
-    if (IsInside() && Strikes(ModuleCall::kMapping)) {
+    if (IsInside() && ShouldFail(ModuleCall::kMapping)) {
         errno = ENOMEM;
         return MAP_FAILED;
     }
@@ -338,7 +364,7 @@ int munmap(void* address, size_t length) noexcept {
     return result;
 }
 
-// Long waits of the module become short: what it waits for does not depend on how long it waits.
+// Shortens long waits of the module. Nothing that it waits for depends on their length.
 int usleep(useconds_t microseconds) {
     constexpr useconds_t kLong = 10'000;
     return ZU_REAL(usleep)(IsInside() && microseconds > kLong ? 1000 : microseconds);
@@ -365,7 +391,7 @@ void* operator new(size_t size) {
     void* block = nullptr;
     if (t_place == kOutside) {
         block = malloc(size);
-    } else if (!AllocationStrikes(size)) {
+    } else if (!ShouldFailAllocation(size)) {
         const PlaceScope outside(kOutside);
         block = malloc(size);
         g_blocks.Add(block, size);
@@ -421,6 +447,9 @@ uint64_t CallsOf(ModuleCall kind) {
 }
 ModuleHeap HeapOfModule() {
     return g_blocks.Heap();
+}
+size_t LocksOfModule() {
+    return g_locks.Heap().blocks;
 }
 int64_t MappingsOfModule() {
     return g_mappings;

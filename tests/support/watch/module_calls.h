@@ -1,10 +1,10 @@
-// What a loaded module asks of the C library, seen from the program that loads it: heap blocks kept book
-// over, and any one call, or all from one on, made to fail. A program that links zu_module_calls stands
-// before the C library for whatever is loaded later; the calls of the module are told from all others by the
-// thread that makes them.
+// What a loaded module takes from the C library, recorded by the program that loads it: heap blocks, locks,
+// threads, mappings. Any one of these calls, or all from one on, can be made to fail. A program that links
+// zu_module_calls defines these functions itself, so that the dynamic linker finds them before the C
+// library's. The module's calls are told from all others by the thread that makes them: see InModule.
 //
-// Thread rule: FailFrom, StopFailing and the figures are the test's, while no session runs or from its
-// thread; the calls that are watched come from [any thread]. No function here allocates.
+// Thread rule: FailFrom, StopFailing and the figures belong to the test's thread, while no session runs. The
+// recorded calls may come from any thread. No function here allocates.
 #pragma once
 
 #include <array>
@@ -14,16 +14,17 @@
 namespace zumod::testing {
 
 enum class ModuleCall {
-    kHostAllocation,    // on a thread of the host's that is inside the module
-    kThreadAllocation,  // on a thread that the module made
+    kHostAllocation,    // on a thread of the host that is inside the module
+    kThreadAllocation,  // on a thread that the module created
     kThreadCreation,
     kSemaphore,
     kLibrary,
     kMapping,
+    kLock,
 };
-inline constexpr size_t kModuleCallKinds = 6;
+inline constexpr size_t kModuleCallKinds = 7;
 
-// From the nth call of this kind on, counted from now and from 1, so many calls fail.
+// Makes `times` calls of this kind fail, beginning with the nth from now; the next call is the first.
 void FailFrom(ModuleCall kind, uint64_t nth, uint64_t times);
 void StopFailing();
 // Whether a call has failed since FailFrom.
@@ -43,16 +44,19 @@ struct ModuleHeap {
     bool operator==(const ModuleHeap&) const = default;
 };
 ModuleHeap HeapOfModule();
-// The first so many of its blocks; returns how many it has.
+// Fills in at most `room` of its blocks. Returns how many it has.
 size_t ListHeapOfModule(ModuleBlock* blocks, size_t room);
-// What it has mapped, in mappings.
+// The number of its mutexes.
+size_t LocksOfModule();
+// The number of its mappings.
 int64_t MappingsOfModule();
-// The block that malloc gave to the thread of the failed call just before it; null when no call failed.
+// The last block that malloc returned to the thread of the failed call before it failed; null if no call
+// failed.
 const void* LastBlockBeforeFailure();
-// What was asked for in the first call that failed.
+// The size that the first failed call asked for.
 size_t SizeOfFailure();
 
-// While it lives, this thread of the host's is inside the module.
+// While it lives, calls on this thread are the module's.
 class InModule {
 public:
     InModule();
@@ -64,7 +68,7 @@ private:
     const int m_outer;
 };
 
-// While it lives, the module has called the host on this thread: what is done is the host's.
+// While it lives, the module has called the host on this thread: calls are the host's.
 class InHost {
 public:
     InHost();
