@@ -23,15 +23,27 @@ struct LevelStyle {
     const char* name;
     const char* colour;
 };
+// The most severe level first.
 constexpr LevelStyle kStyles[] = {
-    {kLogEvent, "info", ""},
-    {kLogIgnored, "warning", "\033[33m"},
     {kLogFailure, "error", "\033[31m"},
+    {kLogIgnored, "warning", "\033[33m"},
+    {kLogEvent, "info", ""},
     {kLogTrace, "trace", "\033[2m"},
 };
 constexpr char kPlain[] = "\033[0m";
 
 }  // namespace
+
+std::optional<uint32_t> LevelsUpTo(const std::string& name) {
+    uint32_t levels = 0;
+    for (const LevelStyle& style : kStyles) {
+        levels |= style.level;
+        if (style.name == name) {
+            return levels;
+        }
+    }
+    return std::nullopt;
+}
 
 std::string FormatLogLine(const timeval& time, uint32_t level, const std::string& text, bool colour) {
     std::string name = std::to_string(level);

@@ -6,11 +6,16 @@
 #include <sys/time.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "common/mutex.h"
 
 namespace zumod::host {
+
+// The bits of the level that is called error, warning, info or trace, and of every more severe one. Nothing
+// for another name.
+std::optional<uint32_t> LevelsUpTo(const std::string& name);
 
 // One line with its line end: local time in milliseconds, level, text. The text may contain what a device
 // calls itself; SafeText keeps it on one line and away from the terminal's controls.

@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "common/command_line.h"
-#include "zumod/runtime.h"
+#include "host/host_log.h"
 
 namespace zumod::host {
 namespace {
@@ -15,21 +15,13 @@ constexpr char kFooter[] =
     "SIGINT, SIGTERM and SIGHUP close every camera and end the program with status 0.\n"
     "Exit status: 0 done, 1 a failure, 2 wrong options.";
 
-// Each level includes the more severe ones; trace includes all.
-const std::map<std::string, uint32_t> kLevels = {
-    {"error", kLogFailure},
-    {"warning", kLogFailure | kLogIgnored},
-    {"info", kLogFailure | kLogIgnored | kLogEvent},
-    {"trace", kLogFailure | kLogIgnored | kLogEvent | kLogTrace},
-};
-
 std::string CheckProperty(const std::string& text) {
     const size_t equals = text.find('=');
     return equals == std::string::npos || equals == 0 ? "takes KEY=VALUE, not \"" + text + "\"" : "";
 }
 
 std::string CheckLevel(const std::string& text) {
-    return kLevels.count(text) == 1 ? "" : "takes error, warning, info or trace, not \"" + text + "\"";
+    return LevelsUpTo(text) ? "" : "takes error, warning, info or trace, not \"" + text + "\"";
 }
 
 }  // namespace
@@ -42,15 +34,15 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
     app.footer(kFooter);
     AddHelpAndVersion(app);
     app.add_option("--listen", options.listen,
-                   "Serve peers one after another at this Unix socket. Its directory is made, for this user "
-                   "alone, if it is not there")
+                   "Serve peers one after another at this Unix socket. Its directory is created, for this "
+                   "user only, if it does not exist")
         ->type_name("PATH")
         ->check(NotEmpty("path"));
     app.add_flag("--stdio", options.stdio,
                  "Serve the one peer at standard input and output, and end with it");
     AddModulesOption(app, options.modules, "zu-client-camera.so and zu-codec.so");
     app.add_option("--env", properties,
-                   "A property that modules can look up, as a text; may be given several times")
+                   "A text property that modules can look up; may be given several times")
         ->type_name("KEY=VALUE")
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
@@ -73,7 +65,7 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
         const size_t equals = property.find('=');
         options.properties[property.substr(0, equals)] = property.substr(equals + 1);
     }
-    options.log_levels = kLevels.at(level);
+    options.log_levels = *LevelsUpTo(level);
     return options;
 }
 
