@@ -12,9 +12,9 @@ AvErrorText::AvErrorText(int error) : text{} {
 }
 
 void Silence(AVCodecContext& context) {
-    // Added to the level of every line of this object's: beyond what any setting lets through, and still
-    // within the byte that holds a level. The libraries' own settings are the whole process's, and so the
-    // host's.
+    // Added to the level of each line about this object: above every level that can be enabled, and still
+    // within the byte that holds a level. The global log level belongs to the host process and stays
+    // unchanged.
     constexpr int kBeyondEveryLevel = 2 * AV_LOG_TRACE;
     context.log_level_offset = kBeyondEveryLevel;
 }

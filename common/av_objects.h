@@ -1,4 +1,4 @@
-// Owners for the objects of libavcodec and its sisters.
+// Owners of libavcodec, libavutil and libswscale objects.
 //
 // Thread rule: each object belongs to one thread at a time.
 #pragma once
@@ -31,7 +31,8 @@ struct AvErrorText {
     char text[AV_ERROR_MAX_STRING_SIZE];
 };
 
-// The libraries would otherwise print to the host's standard error; what matters of it is logged here.
+// Keeps the library from printing messages about this object on the process's standard error. Failures are
+// reported through results.
 void Silence(AVCodecContext& context);
 
 }  // namespace zumod

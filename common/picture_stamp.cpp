@@ -27,8 +27,8 @@ uint16_t CheckSum(const Stamp& stamp) {
 }  // namespace
 
 StampGrid StampGrid::For(unsigned width, unsigned height) {
-    // The largest block that leaves most of the picture free; small pictures give the stamp more of their
-    // height.
+    // The largest block that leaves most of the picture free. In a small picture the stamp takes a larger
+    // part of the height.
     struct Choice {
         unsigned block;
         unsigned of_height;  // the stamp takes at most this many twelfths of the height
@@ -93,7 +93,7 @@ std::optional<Stamp> ReadStamp(const uint8_t* luma, size_t stride, unsigned widt
     if (grid.block == 0) {
         return std::nullopt;
     }
-    // Compression smears a block's edges: only its middle half is looked at.
+    // Compression blurs a block's edges: only its middle half is read.
     const unsigned margin = grid.block / 4;
     std::array<unsigned, kStampBits> level{};
     for (unsigned bit = 0; bit < kStampBits; ++bit) {

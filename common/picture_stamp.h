@@ -1,5 +1,7 @@
-// The machine-readable mark in a picture: a frame counter and a monotonic time as black and white luma blocks
-// along the top, large enough to come through a strong compression. Pure functions; any thread.
+// A machine-readable mark in a picture: a frame counter and a monotonic time as black and white luma blocks
+// along the top edge, large enough to survive strong compression.
+//
+// Thread rule: pure functions; any thread.
 #pragma once
 
 #include <array>
@@ -21,10 +23,10 @@ inline constexpr unsigned kStampBits =
 inline constexpr uint8_t kStampBlack = 16;
 inline constexpr uint8_t kStampWhite = 235;
 
-// Where the blocks lie: in rows from the top left corner, bit by bit.
+// The position of the blocks: in rows from the top left corner, one per bit.
 struct StampGrid {
-    unsigned block = 0;    // a block's width and height; 0 when the picture is too small for a stamp
-    unsigned columns = 0;  // blocks in a row
+    unsigned block = 0;    // a block's width and height; 0 if the picture is too small for a stamp
+    unsigned columns = 0;  // blocks per row
     unsigned rows = 0;
 
     static StampGrid For(unsigned width, unsigned height);
@@ -35,9 +37,9 @@ using StampPattern = std::array<bool, kStampBits>;  // true is white
 StampPattern EncodeStamp(const Stamp& stamp);
 std::optional<Stamp> DecodeStamp(const StampPattern& bits);
 
-// A luma plane: `stride` bytes from row to row, `step` bytes from one luma sample to the next (1 for planar
-// pictures, 2 for YUYV, 4 for BGR4, where blue serves as well as luma for black and white). Nothing when
-// there is no stamp or it was destroyed.
+// Reads a luma plane with `stride` bytes from row to row and `step` bytes from one luma sample to the next: 1
+// for planar pictures, 2 for YUYV, 4 for BGR4, where blue distinguishes black from white as well as luma.
+// Nothing if there is no stamp or it was destroyed.
 std::optional<Stamp> ReadStamp(const uint8_t* luma, size_t stride, unsigned width, unsigned height,
                                unsigned step = 1);
 

@@ -1,4 +1,4 @@
-// Owns a descriptor.
+// Owner of a file descriptor, which it closes.
 //
 // Thread rule: one thread at a time.
 #pragma once

@@ -1,4 +1,4 @@
-// How the reference host ends: on a signal, whatever its peer does, and when it is killed.
+// How the reference host ends: on a signal, in any state of its peer, and when it is killed.
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -16,7 +16,7 @@ protected:
         EXPECT_EQ(host.Wait(), 0) << host.Errors();
         EXPECT_FALSE(std::filesystem::exists(socket));
     }
-    // A host that ended by itself has closed its camera and taken the plugin down before.
+    // A host that was not killed has closed its camera and destroyed the plugin before it ended.
     static void ExpectOrderlySession(const ChildProcess& host) {
         const std::string errors = host.Errors();
         const size_t returned = errors.find("[cameraclient] Run return");
@@ -26,7 +26,7 @@ protected:
     }
 };
 
-// Sends requests until both directions are full: the host waits in a write and reads no more.
+// Sends requests until both directions are full: the host blocks in a write and does not read.
 void FillBothWays(const PeerClient& peer) {
     constexpr int kFullForMilliseconds = 300;
     for (;;) {
@@ -47,7 +47,7 @@ TEST_F(HostEnd, ASignalEndsAHostWithoutAPeer) {
     }
 }
 
-TEST_F(HostEnd, ASignalEndsAHostWhosePeerSaysNothing) {
+TEST_F(HostEnd, ASignalEndsAHostWhosePeerSendsNothing) {
     const auto host = Start();
     const PeerClient peer = Connect();
     ExpectServed(peer);
@@ -94,13 +94,13 @@ TEST_F(HostEnd, ASignalEndsAHostWhosePipeIsStuck) {
     ExpectOrderlySession(*host);
 }
 
-TEST_F(HostEnd, AHostThatIsKilledAtAnyMomentLeavesNothingThatStopsTheNext) {
+TEST_F(HostEnd, AHostThatIsKilledAtAnyMomentDoesNotPreventTheNext) {
     std::mt19937 random(11);
     for (int i = 0; i < ZU_KILLED_HOSTS; ++i) {
         const auto host = StartWith({"--listen", socket, "--log-level", "error"});
         const unsigned moment = random() % 4;
         if (moment > 0) {
-            // The socket of the one before may still be there for a moment; it refuses.
+            // The socket of the previous host may still exist for a moment; it refuses connections.
             const PeerClient peer = Connect();
             EXPECT_TRUE(peer.Send(kVersionRequestBytes + OpenBytes(0)));
             if (moment > 1) {

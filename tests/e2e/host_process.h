@@ -1,4 +1,4 @@
-// The reference host as a process, with virtual cameras and a directory of its own.
+// A test fixture: the reference host as a process, with virtual cameras and a temporary directory.
 //
 // Thread rule: one test thread.
 #pragma once
@@ -30,7 +30,7 @@ protected:
         return std::make_unique<ChildProcess>(std::move(words), work / "errors", in, out);
     }
 
-    // A host that listens at `socket` when this returns.
+    // A host that already listens at `socket` when this returns.
     std::unique_ptr<ChildProcess> Start(std::vector<std::string> more = {}) const {
         more.insert(more.begin(), {"--listen", socket});
         auto host = StartWith(std::move(more));
@@ -40,7 +40,7 @@ protected:
 
     PeerClient Connect() const { return PeerClient::ConnectTo(socket); }
 
-    // Asks for the version and gets it.
+    // Asks for the version and receives it.
     static void ExpectServed(const PeerClient& peer) {
         EXPECT_TRUE(peer.Send(kVersionRequestBytes));
         const auto reply = peer.ReceiveType(0x0B);
@@ -48,7 +48,7 @@ protected:
         EXPECT_EQ(reply->body, (Bytes{5, 0, 0, 0}));
     }
 
-    // Opens the camera and receives pictures of it.
+    // Opens the camera and receives pictures from it.
     static void ExpectPictures(const PeerClient& peer, int count = 3) {
         EXPECT_TRUE(peer.Send(OpenBytes(0)));
         bool opened = false;

@@ -1,4 +1,4 @@
-// What peers get from the reference host, over real sockets and pipes.
+// What peers receive from the reference host, over sockets and pipes.
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -32,13 +32,13 @@ TEST_F(HostSession, APeerAsksListsOpensReceivesAndCloses) {
     EXPECT_EQ(closed->body, (Bytes{4, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST_F(HostSession, TheNextPeerFindsTheCameraFreeHoweverTheLastOneLeft) {
+TEST_F(HostSession, TheNextPeerCanOpenACameraThatTheLastOneLeftOpen) {
     const auto host = Start();
     { ExpectPictures(Connect()); }
     ExpectPictures(Connect());
 }
 
-TEST_F(HostSession, ASecondPeerIsToldAndTheFirstOneGoesOn) {
+TEST_F(HostSession, ASecondPeerGetsANoticeAndTheFirstIsStillServed) {
     const auto host = Start();
     const PeerClient first = Connect();
     ExpectPictures(first);
@@ -51,13 +51,13 @@ TEST_F(HostSession, ASecondPeerIsToldAndTheFirstOneGoesOn) {
     ExpectServed(first);
 }
 
-TEST_F(HostSession, WhoOnlyLooksWhetherItListensDisturbsNobody) {
+TEST_F(HostSession, AProbeThatConnectsAndClosesDisturbsNoPeer) {
     const auto host = Start();
     { Connect(); }
     ExpectServed(Connect());
 }
 
-// Waits until the channel takes nothing more, so that the host is stuck with what it has.
+// Waits until the channel is full, so that the host blocks in a write.
 void WaitUntilFull(const PeerClient& peer) {
     const auto waiting = [&] {
         int bytes = 0;
@@ -71,13 +71,13 @@ void WaitUntilFull(const PeerClient& peer) {
     }
 }
 
-// Frames alone fill the channel: no request of the peer's is under way.
+// Only frames fill the channel: no request of the peer is pending.
 class HostOfAFastCamera : public HostProcess {
 protected:
     HostOfAFastCamera() : HostProcess({"formats=NV12,sizes=640x480,fps=200"}) {}
 };
 
-TEST_F(HostOfAFastCamera, IsNotHeldByAPeerThatStopsSendingAndReadsNothing) {
+TEST_F(HostOfAFastCamera, IsNotBlockedByAPeerThatStopsSendingAndDoesNotRead) {
     const auto host = Start();
     const PeerClient stuck = Connect();
     Bytes open = OpenBytes(0);
@@ -89,7 +89,7 @@ TEST_F(HostOfAFastCamera, IsNotHeldByAPeerThatStopsSendingAndReadsNothing) {
     EXPECT_TRUE(host->Says("[host] the peer has gone"));
 }
 
-TEST_F(HostSession, PeersThatVanishInTheMiddleOfAnythingLeaveTheHostReady) {
+TEST_F(HostSession, PeersThatVanishAtAnyMomentLeaveTheHostReady) {
     const auto host = Start();
     std::mt19937 random(7);
     Bytes script = kVersionRequestBytes;
@@ -98,7 +98,7 @@ TEST_F(HostSession, PeersThatVanishInTheMiddleOfAnythingLeaveTheHostReady) {
         const PeerClient peer = Connect();
         const size_t said = random() % (script.size() + 1);
         EXPECT_TRUE(peer.Send(Bytes(script.begin(), script.begin() + static_cast<std::ptrdiff_t>(said))));
-        // So far a session of these requests surely answers.
+        // The host is certain to have answered at least this much.
         const size_t heard = said >= 8 ? random() % (12 + (said >= 16 ? 1324 : 0)) : 0;
         EXPECT_TRUE(peer.Skip(heard));
     }
@@ -106,7 +106,7 @@ TEST_F(HostSession, PeersThatVanishInTheMiddleOfAnythingLeaveTheHostReady) {
     EXPECT_FALSE(host->HasEnded());
 }
 
-TEST_F(HostSession, ADirectoryWithoutACodecIsSaidAndEverythingButVideoWorks) {
+TEST_F(HostSession, WithoutACodecItWarnsAndEverythingButVideoWorks) {
     std::filesystem::create_directory(work / "modules");
     std::filesystem::create_symlink(ZU_MODULE_DIR "/zu-client-camera.so",
                                     work / "modules/zu-client-camera.so");
@@ -123,7 +123,7 @@ TEST_F(HostSession, ADirectoryWithoutACodecIsSaidAndEverythingButVideoWorks) {
     EXPECT_EQ(state->type, 5);
 }
 
-TEST_F(HostSession, ACodecThatDoesNotLoadIsSaidBeforeAnybodyComes) {
+TEST_F(HostSession, ItWarnsOfACodecThatDoesNotLoadBeforeAPeerConnects) {
     std::filesystem::create_directory(work / "modules");
     std::filesystem::create_symlink(ZU_MODULE_DIR "/zu-client-camera.so",
                                     work / "modules/zu-client-camera.so");
@@ -143,7 +143,7 @@ TEST_F(HostSession, PropertiesReachTheModules) {
     EXPECT_TRUE(host->Says("[zu-codec] encode 640x480 with libx264, 777000 bits a second"));
 }
 
-TEST_F(HostSession, AnotherUserIsRefusedEvenWhereTheFilesLetHimIn) {
+TEST_F(HostSession, AnotherUserIsRefusedEvenIfTheFileModesAllowAccess) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can connect as somebody else";
     }
@@ -155,7 +155,7 @@ TEST_F(HostSession, AnotherUserIsRefusedEvenWhereTheFilesLetHimIn) {
     std::optional<PeerMessage> notice;
     bool closed = false;
     std::thread([&] {
-        // Of this thread alone.
+        // The raw call changes the user of this thread only.
         ASSERT_EQ(syscall(SYS_setresuid, -1, 65534, -1), 0);
         const PeerClient peer = Connect();
         notice = peer.Receive();
@@ -169,8 +169,7 @@ TEST_F(HostSession, AnotherUserIsRefusedEvenWhereTheFilesLetHimIn) {
     ExpectServed(Connect());
 }
 
-// Standard input and output as a socket, and as pipes.
-TEST_F(HostSession, TheChannelMayBeASocketAtStandardInputAndOutput) {
+TEST_F(HostSession, StandardInputAndOutputMayBeASocket) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     const auto host = StartWith({"--stdio"}, ends[0], ends[0]);
@@ -183,7 +182,7 @@ TEST_F(HostSession, TheChannelMayBeASocketAtStandardInputAndOutput) {
     EXPECT_EQ(host->Wait(), 0);
 }
 
-TEST_F(HostSession, TheChannelMayBePipesAtStandardInputAndOutputWithNothingElseOnThem) {
+TEST_F(HostSession, StandardInputAndOutputMayBePipesThatCarryNothingElse) {
     int to_host[2];
     int from_host[2];
     ASSERT_EQ(pipe2(to_host, O_CLOEXEC), 0);
@@ -200,8 +199,8 @@ TEST_F(HostSession, TheChannelMayBePipesAtStandardInputAndOutputWithNothingElseO
     EXPECT_NE(host->Errors().find("trace   [cameraclient] version req"), std::string::npos);
 }
 
-TEST_F(HostSession, WhatALibraryPrintsDoesNotReachTheChannel) {
-    // The loader prints a line of its own on standard output when a file is no module.
+TEST_F(HostSession, OutputOfALibraryDoesNotReachTheChannel) {
+    // The loader prints a line on standard output if a file is not a module.
     std::filesystem::create_directory(work / "modules");
     std::ofstream(work / "modules/zu-client-camera.so") << "no module";
     int from_host[2];

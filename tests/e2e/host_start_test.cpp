@@ -1,4 +1,4 @@
-// How the reference host starts, and what it says when it cannot.
+// How the reference host starts, and what it prints if it cannot.
 #include <sys/stat.h>
 
 #include "tests/e2e/host_process.h"
@@ -8,7 +8,7 @@ namespace {
 
 class HostStart : public HostProcess {
 protected:
-    // It ends with this status and this last line on standard error.
+    // The host ends with this status, and this is its last line on standard error.
     void ExpectFailure(int status, const std::string& line, std::vector<std::string> words) {
         const auto host = StartWith(std::move(words));
         EXPECT_EQ(host->Wait(), status);
@@ -25,7 +25,7 @@ mode_t ModeOf(const std::string& path) {
     return status.st_mode & 07777;
 }
 
-TEST_F(HostStart, TheSocketAndItsDirectoryAreTheUsersAlone) {
+TEST_F(HostStart, OnlyTheUserMayAccessTheSocketAndItsDirectory) {
     const auto host = Start();
     EXPECT_EQ(ModeOf(work / "private"), 0700U);
     EXPECT_EQ(ModeOf(socket), 0600U);
@@ -37,17 +37,17 @@ TEST_F(HostStart, WrongOptionsEndItWithStatus2) {
                   {"--stdio", "--log-level", "loud"});
 }
 
-TEST_F(HostStart, WhatIsMissingIsNamed) {
+TEST_F(HostStart, AMissingDirectoryOrModuleIsNamed) {
     ExpectFailure(1, "the module directory is not there: /nonexistent/modules",
                   {"--listen", socket, "--modules", "/nonexistent/modules"});
     ExpectFailure(1, "the camera module is not there: " + (work / "zu-client-camera.so"),
                   {"--listen", socket, "--modules", work.Path()});
     ExpectFailure(1, "the camera module is not there: " + (work / "zu-client-camera.so"),
                   {"--stdio", "--env", "zu.env.modules.dir=" + work.Path()});
-    EXPECT_FALSE(std::filesystem::exists(work / "private")) << "nothing was made";
+    EXPECT_FALSE(std::filesystem::exists(work / "private")) << "nothing was created";
 }
 
-TEST_F(HostStart, AFileThatIsNoModuleIsNamed) {
+TEST_F(HostStart, AFileThatIsNotAModuleIsNamed) {
     std::ofstream(work / "zu-client-camera.so") << "no module";
     ExpectFailure(1, "the camera module does not load (the log says why): " + (work / "zu-client-camera.so"),
                   {"--listen", socket, "--modules", work.Path()});
@@ -60,7 +60,7 @@ TEST_F(HostStart, ADirectoryThatOthersMayWriteToIsRefused) {
         {"--listen", work / "socket"});
 }
 
-TEST_F(HostStart, TheSocketOfAHostThatLivesIsInUse) {
+TEST_F(HostStart, TheSocketOfALiveHostIsInUse) {
     const auto host = Start();
     const PeerClient peer = Connect();
     ExpectServed(peer);
@@ -72,7 +72,7 @@ TEST_F(HostStart, TheSocketOfAHostThatLivesIsInUse) {
     ExpectServed(peer);
 }
 
-TEST_F(HostStart, ATerminalIsNoChannel) {
+TEST_F(HostStart, ATerminalIsNotAChannel) {
     const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     ASSERT_TRUE(terminal);
     const auto host = StartWith({"--stdio"}, terminal.Get(), terminal.Get());
