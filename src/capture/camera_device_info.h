@@ -1,4 +1,5 @@
-// One usable camera of this machine, as an enumeration found it.
+// Description of one usable camera of this computer. A header without V4L2, so that the plugin can use it
+// too.
 //
 // Thread rule: a plain value.
 #pragma once
@@ -18,14 +19,14 @@ struct CameraResolution {
 };
 
 struct CameraDeviceInfo {
-    // The position among the usable cameras of one enumeration: it is stable only as long as the usable
-    // devices below it are the same.
+    // Position among the usable cameras of one enumeration. Stable only while the cameras before it stay the
+    // same.
     uint32_t id = 0;
-    // Never set by the enumeration; goes to the peer as it is.
+    // Always false here; sent to the peer unchanged.
     bool inUse = false;
     std::string name;
     std::string displayName;
-    // The device file.
+    // Device file.
     std::string file;
     std::array<uint8_t, 248> reserved_block{};
     uint32_t reserved_word = 0;

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "src/capture/device_calls.h"
-#include "src/capture/supported_formats.h"
+#include "src/capture/pixel_formats.h"
 #include "src/module/log.h"
 
 namespace zumod {
@@ -23,10 +23,10 @@ namespace {
 constexpr int kDeviceCount = 64;
 constexpr size_t kPathSize = 20;
 constexpr size_t kPathStartLength = std::string_view("/dev/video").size();
-// Most lines of a camera fit: no more than a hint.
+// Enough for the log line of most cameras. Only a hint.
 constexpr size_t kUsualLineSize = 256;
 
-// Closes the device however the block is left, also by an exception.
+// An open device file, closed by the destructor.
 class OpenDevice {
 public:
     explicit OpenDevice(const char* path) : m_descriptor(device::Open(path, O_RDONLY)) {}
@@ -45,14 +45,14 @@ private:
     const int m_descriptor;
 };
 
-// A fixed array of the kernel's, which may be full to its last byte.
+// Text of a fixed-size kernel array, which has no terminating zero if it is full.
 template <size_t kSize>
 std::string_view TextOf(const unsigned char (&field)[kSize]) {
     const char* text = reinterpret_cast<const char*>(field);
     return {text, strnlen(text, kSize)};
 }
 
-// Appends " 640x480" for each distinct size to the text, and the size to `resolutions`.
+// Appends each distinct size to `resolutions`, and to the text as " 640x480".
 void CollectSizes(const std::vector<SupportedFormat>& formats, std::vector<CameraResolution>& resolutions,
                   std::string& text) {
     resolutions.reserve(formats.size());
@@ -123,7 +123,7 @@ std::vector<CameraDeviceInfo> CameraEnumerator::getCameraList() {
 
 bool CameraEnumerator::getCameraInfo(uint32_t id, CameraDeviceInfo& info) {
     std::vector<CameraDeviceInfo> cameras = getCameraList();
-    // An id is a position.
+    // The id is the position in the list.
     if (id >= cameras.size()) {
         return false;
     }

@@ -1,6 +1,6 @@
-// Finds the cameras of this machine. Nothing is cached: every call probes the devices afresh.
+// Enumeration of the cameras of this computer. Nothing is cached: every call probes all device files.
 //
-// Thread rule: every operation is [any thread], also several at a time; there is no state and no lock.
+// Thread rule: [any thread], concurrently too; there is no state and no lock.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +13,11 @@ namespace zumod {
 
 class CameraEnumerator final : public CSingleton_T<CameraEnumerator> {
 public:
-    // The usable cameras in the order of their device files; the id of each is its position. A file that
-    // cannot be opened is passed over in silence.
+    // Returns the usable cameras in device file order; the id of each is its position. A file that cannot be
+    // opened is skipped without a log line.
     std::vector<CameraDeviceInfo> getCameraList();
 
-    // Fills `info` and returns true when a camera with that id is there now.
+    // Fills `info` and returns true if a camera with this id is present now.
     bool getCameraInfo(uint32_t id, CameraDeviceInfo& info);
 };
 

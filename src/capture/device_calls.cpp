@@ -8,7 +8,7 @@
 namespace zumod::device {
 
 int Open(const char* path, int flags) {
-    // The mode is unused; with it the C library's checked build, too, makes a plain open of this.
+    // The mode is unused. Without it, _FORTIFY_SOURCE turns this into a call of __open_2().
     return ::open(path, flags, 0);
 }
 

@@ -1,6 +1,6 @@
-// Every call of the capture floor to the system, in one place, so that a test can link a double instead.
+// Link seam for all system calls of the capture layer: tests link a double in its place.
 //
-// Thread rule: every function is [any thread]. Each is the system's own call: same result, same errno.
+// Thread rule: [any thread]. Each function is the system call itself, with its result and its errno.
 #pragma once
 
 #include <sys/select.h>
@@ -16,11 +16,12 @@ namespace zumod::device {
 int Open(const char* path, int flags);
 int Close(int descriptor);
 int Ioctl(int descriptor, unsigned long request, void* argument);
-// Maps `length` bytes at an address of the system's choice. Returns the address, or MAP_FAILED with errno.
+// Maps `length` bytes at an address that the system chooses. Returns it, or MAP_FAILED with errno.
 void* Map(size_t length, int protection, int flags, int descriptor, off_t offset);
 int Unmap(void* address, size_t length);
-// Waits until a descriptor of the set, which holds at least `count` bits, can be read. Returns how many can,
-// 0 after the timeout, or -1 with errno and the set as it was.
+// Waits until a descriptor of the set is readable. `count` is the highest descriptor plus one; the set may be
+// longer than an fd_set. Returns the number of readable descriptors, 0 on timeout, or -1 with errno and the
+// set unchanged.
 int Select(int count, fd_set* readable, timeval* timeout);
 
 }  // namespace zumod::device

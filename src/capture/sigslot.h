@@ -1,8 +1,26 @@
-// Signals and slots: a signal calls, one after the other, the member functions that are connected to it, and
-// either side's end cuts the link.
+// Signals and slots. A signal calls the member functions that are connected to it, in connection order. The
+// destruction of either side removes the connection.
 //
-// Thread rule: that of the lock policy. With single_threaded, connecting, disconnecting and emitting must not
-// meet; whoever uses them from two threads orders them itself.
+// A signal owns its connections, in a list. A slot holder keeps the set of signals it is connected to. Each
+// side tells the other when it goes away, so neither ever holds a dangling pointer.
+//
+// A slot may connect and disconnect any slot while the signal emits, itself included, and may emit the same
+// signal again. An iterator or a saved successor is not enough for that: the successor may be removed too, by
+// the slot that is running. Every emission therefore registers itself with the signal as a `walk`, which
+// holds the position of the next connection to call:
+//
+// - step() advances the position before it returns the connection, so the running connection may be deleted;
+// - remove() first moves every walk that points to the removed connection on to the one behind it;
+// - append() links at the end of the list: an emission under way also calls it, unless the emission has
+// already
+//   reached the last connection.
+//
+// Nested emissions form a stack of walks linked through m_outer, which is as deep as slots emit recursively.
+// An emission costs no allocation; a removal costs one comparison for each emission under way. A slot must
+// not destroy the signal that is calling it.
+//
+// Thread rule: that of the lock policy. With single_threaded, connect, disconnect and emit must not run
+// concurrently; callers on several threads must serialise them.
 #pragma once
 
 #include <list>
@@ -12,7 +30,7 @@
 
 namespace sigslot {
 
-// The lock policy without a lock. Binary table: destructor pair 0 and 1, lock 2, unlock 3.
+// Lock policy without a lock. Slots: destructor pair 0 and 1, lock 2, unlock 3.
 class single_threaded {
 public:
     single_threaded() = default;
@@ -38,12 +56,12 @@ private:
 
 class has_slots_interface;
 
-// What a slot holder may call on a signal. Binary table: slot_disconnect 0, slot_duplicate 1.
+// A signal as its slot holders see it. Slots: slot_disconnect 0, slot_duplicate 1.
 class _signal_base_interface {
 public:
-    // Deletes every connection to the holder, which is going away and is not told.
+    // Deletes every connection to the holder without telling the holder, which is being destroyed.
     virtual void slot_disconnect(has_slots_interface* slot) = 0;
-    // Gives the copy of a holder the same connections; the new holder keeps account of the signal itself.
+    // Connects the copy of a holder to the same slots. The new holder records the signal itself.
     virtual void slot_duplicate(const has_slots_interface* old_slot, has_slots_interface* new_slot) = 0;
 
 protected:
@@ -53,7 +71,7 @@ protected:
     ~_signal_base_interface() = default;
 };
 
-// What a signal may call on a slot holder.
+// A slot holder as its signals see it.
 class has_slots_interface {
 public:
     virtual void signal_connect(_signal_base_interface* sender) = 0;
@@ -66,7 +84,7 @@ protected:
     ~has_slots_interface() = default;
 };
 
-// Derive from it to hold slots. A copy is connected to the same signals.
+// Base class of slot holders. A copy is connected to the same signals.
 template <class mt_policy>
 class has_slots : public has_slots_interface, public mt_policy {
 public:
@@ -104,14 +122,15 @@ private:
 template <class mt_policy>
 class _signal_base : public _signal_base_interface, public mt_policy {};
 
-// One connection. Binary table: destructor pair 0 and 1, getdest 2, emit 3, clone 4, duplicate 5.
+// One connection. Slots: destructor pair 0 and 1, getdest 2, emit 3, clone 4, duplicate 5.
 template <class arg1, class arg2, class arg3, class arg4, class arg5, class mt_policy>
 class _connection_base5 {
 public:
     virtual ~_connection_base5() = default;
     virtual has_slots_interface* getdest() const = 0;
     virtual void emit(arg1 a1, arg2 a2, arg3 a3, arg4 a4, arg5 a5) = 0;
-    // The caller owns the new connection: to the same destination, to another of the same type.
+    // Both return a new connection that the caller owns: clone() to the same destination, duplicate() to
+    // another one of the same type.
     virtual _connection_base5* clone() = 0;
     virtual _connection_base5* duplicate(has_slots_interface* new_destination) = 0;
 
@@ -131,7 +150,7 @@ public:
     _connection5(dest_type* object, member_function member) : m_object(object), m_member(member) {}
 
     has_slots_interface* getdest() const override { return m_object; }
-    // Touches nothing of its own after the call: the slot may have deleted this connection.
+    // Uses no member after the call, because the slot may have deleted this connection.
     void emit(arg1 a1, arg2 a2, arg3 a3, arg4 a4, arg5 a5) override {
         (m_object->*m_member)(a1, a2, a3, a4, a5);
     }
@@ -145,7 +164,7 @@ private:
     const member_function m_member;
 };
 
-// Owns the connections, in the order in which they were made.
+// Owns the connections, in connection order.
 template <class arg1, class arg2, class arg3, class arg4, class arg5, class mt_policy>
 class _signal_base5 : public _signal_base<mt_policy> {
 public:
@@ -170,7 +189,7 @@ public:
         }
     }
 
-    // Cuts every link to the holder, from both sides.
+    // Removes every connection to the holder, on both sides.
     void disconnect(has_slots_interface* slot) {
         slot->signal_disconnect(this);
         _signal_base5::slot_disconnect(slot);
@@ -200,7 +219,7 @@ public:
 protected:
     using connection_list = std::list<std::unique_ptr<connection>>;
 
-    // An emission under way: where it goes on. A removal moves it off the removed connection.
+    // An emission under way: the position of the next connection to call. See the top of this file.
     class walk {
     public:
         explicit walk(_signal_base5& signal)
@@ -211,7 +230,7 @@ protected:
         walk(const walk&) = delete;
         walk& operator=(const walk&) = delete;
 
-        // Null at the end.
+        // Returns the next connection, or null at the end.
         connection* step() {
             return m_next != m_signal.m_connected_slots.end() ? (m_next++)->get() : nullptr;
         }
@@ -225,7 +244,7 @@ protected:
 
     void append(std::unique_ptr<connection> made) {
         has_slots_interface* const slot = made->getdest();
-        // Whatever may throw comes before anything is linked.
+        // Everything that may throw comes before the connection is linked.
         connection_list link;
         link.push_back(std::move(made));
         slot->signal_connect(this);
@@ -243,7 +262,7 @@ private:
     }
 
     connection_list m_connected_slots;
-    // The innermost emission under way: a slot may emit again.
+    // The innermost emission under way, or null.
     walk* m_walk = nullptr;
 };
 
@@ -252,7 +271,7 @@ class signal5 : public _signal_base5<arg1, arg2, arg3, arg4, arg5, mt_policy> {
     using base = _signal_base5<arg1, arg2, arg3, arg4, arg5, mt_policy>;
 
 public:
-    // Borrowed: the link ends with the object, or with the signal.
+    // The object is borrowed: the connection ends with the object or with the signal.
     template <class dest_type>
     void connect(dest_type* object, void (dest_type::*member)(arg1, arg2, arg3, arg4, arg5)) {
         lock_block<mt_policy> guard(*this);
@@ -260,12 +279,11 @@ public:
             object, member));
     }
 
-    // Calls every slot in the order of connection. A slot may connect and disconnect, itself too; it must not
-    // destroy the signal.
+    // Calls every slot in connection order.
     void emit(arg1 a1, arg2 a2, arg3 a3, arg4 a4, arg5 a5) {
         lock_block<mt_policy> guard(*this);
-        typename base::walk way(*this);
-        while (auto* next = way.step()) {
+        typename base::walk emission(*this);
+        while (auto* next = emission.step()) {
             next->emit(a1, a2, a3, a4, a5);
         }
     }

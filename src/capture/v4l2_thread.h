@@ -1,9 +1,10 @@
-// The work thread of a capture: runs one piece of work once.
+// The work thread of a capture: calls a function once.
 //
-// Thread rule: that of CBaseThread; SetWork comes before Start, from the owner.
+// Thread rule: that of CBaseThread; the owner calls SetWork before Start.
 #pragma once
 
 #include <functional>
+#include <utility>
 
 #include "src/base/base_thread.h"
 
@@ -11,17 +12,20 @@ namespace zumod {
 
 class CV4L2Thread final : public CBaseThread {
 public:
-    CV4L2Thread() = default;
-    ~CV4L2Thread() override;
-
-    void SetWork(std::function<bool()> work);
+    void SetWork(std::function<bool()> work) { m_work = std::move(work); }
 
 protected:
-    // Returns false whatever the work returns: it is not repeated.
-    bool Run() override;
+    // Returns false so that the work is not repeated, whatever the work itself returns.
+    bool Run() override {
+        if (m_work) {
+            m_work();
+        }
+        return false;
+    }
 
 private:
-    // Written by the owner before the thread is created, which orders it before the thread's reads.
+    // Written by the owner before Start creates the thread; the creation orders the write before the thread's
+    // reads.
     std::function<bool()> m_work;
 };
 

@@ -1,4 +1,4 @@
-#include "src/capture/supported_formats.h"
+#include "src/capture/pixel_formats.h"
 
 #include <linux/videodev2.h>
 
@@ -22,7 +22,7 @@ constexpr CandidateSize kCandidateSizes[] = {
 std::vector<uint32_t> PixelFormatsOf(int descriptor) {
     std::vector<uint32_t> formats;
     formats.reserve(8);
-    // Zeroed once: only the index changes from one request to the next.
+    // Zeroed only once: the requests differ in the index.
     v4l2_fmtdesc description{};
     description.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     while (device::Ioctl(descriptor, VIDIOC_ENUM_FMT, &description) == 0) {
@@ -32,12 +32,25 @@ std::vector<uint32_t> PixelFormatsOf(int descriptor) {
     return formats;
 }
 
+bool IsPlanar420(uint32_t pixel_format) {
+    switch (pixel_format) {
+        case V4L2_PIX_FMT_NV12:
+        case V4L2_PIX_FMT_YVU420:
+        case V4L2_PIX_FMT_NV21:
+        case V4L2_PIX_FMT_YUV420:
+            return true;
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 bool enumSupportedFormats(int descriptor, std::vector<SupportedFormat>& entries) {
     const std::vector<uint32_t> pixel_formats = PixelFormatsOf(descriptor);
     entries.reserve(entries.size() + std::size(kCandidateSizes) * pixel_formats.size());
-    // Zeroed once: a try starts from what the one before it left in the other fields.
+    // Required by the contract: zeroed only once, so each try starts from the fields that the previous one
+    // left.
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     v4l2_pix_format& picture = format.fmt.pix;
@@ -49,7 +62,7 @@ bool enumSupportedFormats(int descriptor, std::vector<SupportedFormat>& entries)
             if (device::Ioctl(descriptor, VIDIOC_TRY_FMT, &format) < 0) {
                 continue;
             }
-            // One matching dimension is enough, deliberately: many drivers round the other to a multiple.
+            // Required by the contract: one matching dimension is enough. Many drivers round the other one.
             if (picture.width == candidate.width || picture.height == candidate.height) {
                 entries.push_back({static_cast<int32_t>(picture.width), static_cast<int32_t>(picture.height),
                                    pixel_format});
@@ -57,6 +70,28 @@ bool enumSupportedFormats(int descriptor, std::vector<SupportedFormat>& entries)
         }
     }
     return true;
+}
+
+std::optional<uint32_t> ChoosePixelFormat(const std::vector<SupportedFormat>& entries, int32_t width,
+                                          int32_t height) {
+    std::optional<uint32_t> second_choice;
+    for (const SupportedFormat& entry : entries) {
+        if (entry.width != width || entry.height != height) {
+            continue;
+        }
+        if (IsPlanar420(entry.pixel_format)) {
+            return entry.pixel_format;
+        }
+        if (entry.pixel_format == V4L2_PIX_FMT_YUYV) {
+            second_choice = entry.pixel_format;
+        }
+    }
+    return second_choice;
+}
+
+bool IsCapturable(uint32_t pixel_format) {
+    return IsPlanar420(pixel_format) || pixel_format == V4L2_PIX_FMT_YUYV ||
+           pixel_format == V4L2_PIX_FMT_BGR32;
 }
 
 }  // namespace zumod
