@@ -10,14 +10,14 @@
 namespace zumod {
 namespace {
 
-constexpr unsigned int kFreeSlots = 0x3FFFFFFF;  // in effect no limit
+constexpr unsigned int kFreeSlots = 0x3FFFFFFF;  // in effect without a limit
 constexpr long kTakeWaitNanoseconds = 500'000'000;
 constexpr long kNanosecondsPerSecond = 1'000'000'000;
 constexpr useconds_t kCloseWaitMicroseconds = 100'000;
 
-// Repeats a semaphore operation that was interrupted or told to try again; whether it then succeeded.
+// Repeats a semaphore call while it fails with EINTR or EAGAIN. Returns whether it succeeded.
 template <class Operation>
-bool Persistently(Operation operation) {
+bool RetryOnInterrupt(Operation operation) {
     while (operation() != 0) {
         if (errno != EINTR && errno != EAGAIN) {
             return false;
@@ -49,56 +49,51 @@ CSendQueue::~CSendQueue() {
 }
 
 void CSendQueue::Enqueue(CRefPtr_T<IBuffer> message) {
-    // Whatever may throw comes before a slot is taken.
+    // Everything that may throw comes before a slot is taken.
     std::list<CRefPtr_T<IBuffer>> link;
     link.push_back(std::move(message));
-    uint64_t generation = 0;
-    if (!m_running.load(std::memory_order_relaxed) || !BeginUse(generation)) {
+    const std::optional<uint64_t> generation =
+        WaitInUse([this] { return RetryOnInterrupt([this] { return sem_wait(&m_free_slots); }); });
+    if (!generation) {
         return;
     }
-    const bool has_slot = Persistently([this] { return sem_wait(&m_free_slots); });
-    EndUse();
-    if (!has_slot) {
-        return;
-    }
+    std::optional<SemaphoreUse> use;
     {
         const LockGuard guard(m_lock);
-        if (m_generation != generation) {
+        if (m_generation != *generation) {
             return;
         }
         m_list.splice(m_list.end(), link);
         m_count.fetch_add(1, std::memory_order_relaxed);
-        m_uses.fetch_add(1, std::memory_order_relaxed);
+        use.emplace(*this);
     }
-    Persistently([this] { return sem_post(&m_items); });
-    EndUse();
+    RetryOnInterrupt([this] { return sem_post(&m_items); });
 }
 
 CRefPtr_T<IBuffer> CSendQueue::Take() {
-    uint64_t generation = 0;
-    if (!m_running.load(std::memory_order_relaxed) || m_stopped.load(std::memory_order_relaxed) ||
-        !BeginUse(generation)) {
+    if (m_stopped.load(std::memory_order_relaxed)) {
         return {};
     }
-    const timespec deadline = TakeDeadline();
-    const bool has_item = Persistently([&] { return sem_timedwait(&m_items, &deadline); });
-    EndUse();
-    if (!has_item) {
+    const std::optional<uint64_t> generation = WaitInUse([this] {
+        const timespec deadline = TakeDeadline();
+        return RetryOnInterrupt([&] { return sem_timedwait(&m_items, &deadline); });
+    });
+    if (!generation) {
         return {};
     }
     CRefPtr_T<IBuffer> message;
+    std::optional<SemaphoreUse> use;
     {
         const LockGuard guard(m_lock);
-        if (m_generation != generation) {
+        if (m_generation != *generation) {
             return {};
         }
         message = std::move(m_list.front());
         m_list.pop_front();
         m_count.fetch_sub(1, std::memory_order_relaxed);
-        m_uses.fetch_add(1, std::memory_order_relaxed);
+        use.emplace(*this);
     }
-    Persistently([this] { return sem_post(&m_free_slots); });
-    EndUse();
+    RetryOnInterrupt([this] { return sem_post(&m_free_slots); });
     return message;
 }
 
@@ -113,19 +108,27 @@ void CSendQueue::Reset() {
     OpenLocked();
 }
 
-bool CSendQueue::BeginUse(uint64_t& generation) {
+CSendQueue::SemaphoreUse CSendQueue::BeginUse() {
     const LockGuard guard(m_lock);
+    return SemaphoreUse(*this);
+}
+
+template <class Wait>
+std::optional<uint64_t> CSendQueue::WaitInUse(Wait wait) {
+    // Without the lock first: a Close under way holds the lock for more than 100 ms.
     if (!m_running.load(std::memory_order_relaxed)) {
-        return false;
+        return std::nullopt;
     }
-    generation = m_generation;
-    m_uses.fetch_add(1, std::memory_order_relaxed);
-    return true;
+    const SemaphoreUse use = BeginUse();
+    if (!use || !wait()) {
+        return std::nullopt;
+    }
+    return use.Generation();
 }
 
 void CSendQueue::OpenLocked() {
     m_list.clear();
-    // A queue without its semaphores stays closed: nobody may wait on what was never made.
+    // Without both semaphores the queue stays closed.
     if (sem_init(&m_free_slots, 0, kFreeSlots) != 0) {
         return;
     }
@@ -147,12 +150,13 @@ void CSendQueue::CloseLocked() {
     ++m_generation;
     sem_post(&m_items);
     sem_post(&m_free_slots);
-    // No new use can begin, and none needs the lock to end: this waits for a wake-up, or for a post to
-    // return.
+    // No new use can begin, and none needs the lock to end: this waits only until the woken threads have left
+    // their semaphore calls.
     while (m_uses.load(std::memory_order_acquire) != 0) {
         usleep(100);
     }
     sem_destroy(&m_free_slots);
+    // Required by the contract: this post and the pause, although no thread waits any more.
     sem_post(&m_items);
     usleep(kCloseWaitMicroseconds);
     sem_destroy(&m_items);

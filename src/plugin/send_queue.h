@@ -1,7 +1,32 @@
-// The messages that wait for the send thread, first in, first out, in effect without a limit.
+// Queue of the messages that wait for the send thread: first in, first out, in effect without a limit.
 //
-// Thread rule: Enqueue and IsBusy are [any thread]; Take is [send thread]; Reset and Close are
-// [run thread, destructor], one at a time.
+// The contract gives the queue two counting semaphores: m_free_slots, which a producer takes before it
+// appends a message, and m_items, which the consumer takes before it removes one. Threads wait on them
+// without the lock. The contract also has Close destroy both, and Reset create them again, while other
+// threads may still use them. POSIX allows neither waiting on nor posting a semaphore that is being
+// destroyed. Two counters make it safe:
+//
+// - m_uses counts the threads that are inside a semaphore call, or about to be. A use (SemaphoreUse) begins
+// under
+//   m_lock while the queue runs and ends without the lock. Close first clears m_running, so that no new use
+//   can begin, then posts both semaphores to wake the waiters, and destroys the semaphores only when m_uses
+//   is 0.
+// - m_generation counts the closes. A thread that has taken a token locks the queue again to change the list;
+// in
+//   between, Close and even a Reset may have happened. If the generation differs from the one at the start of
+//   its use, its token came from a destroyed semaphore or from Close's wake-up: it leaves the list alone and
+//   posts nothing. If it is the same, the queue still runs, and a token of m_items stands for a message in
+//   the list.
+//
+// A thread must not hold a use while it waits for m_lock, because Close holds the lock while it waits for the
+// uses to end. So Enqueue and Take each have two uses: one around the wait, and one around the post of the
+// other semaphore, which begins in the same locked section that changes the list.
+//
+// The cost is two atomic operations for each use, and one more locked section for each call than a queue that
+// is never closed would need.
+//
+// Thread rule: Enqueue and IsBusy are [any thread]; Take is [send thread]; Reset and Close are [run thread,
+// destructor], one at a time.
 #pragma once
 
 #include <semaphore.h>
@@ -9,6 +34,7 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
+#include <optional>
 
 #include "src/base/buffer.h"
 #include "src/base/mutex_lock.h"
@@ -18,56 +44,83 @@ namespace zumod {
 
 class CSendQueue {
 public:
-    // Open from the start.
+    // The queue is open from the start.
     CSendQueue();
     ~CSendQueue();
 
     CSendQueue(const CSendQueue&) = delete;
     CSendQueue& operator=(const CSendQueue&) = delete;
 
-    // Appends a complete framed message; drops it when the queue is closed.
+    // Appends a complete framed message, or drops it if the queue is closed.
     void Enqueue(CRefPtr_T<IBuffer> message);
 
-    // Waits up to 500 ms for a message and takes it out. Empty when none came, and at once while the queue is
-    // closed: a thread left running over a closed queue spins, which is kept as simple as that.
+    // Waits up to 500 ms for a message and removes it from the queue. Returns null if there was none. On a
+    // closed queue Take returns at once, so a running consumer busy-loops. Required by the contract.
     CRefPtr_T<IBuffer> Take();
 
-    // True while more than 5 messages wait. Read without the lock: a stale answer shifts pacing by one frame.
+    // True while more than 5 messages wait. Reads without the lock: a stale answer shifts pacing by one
+    // frame.
     bool IsBusy() const { return m_count.load(std::memory_order_relaxed) > kBusyAbove; }
 
     // Releases every waiting message and closes the queue.
     void Close();
 
-    // Close, and open again empty.
+    // Closes the queue and opens it again, empty.
     void Reset();
 
 private:
     static constexpr uint64_t kBusyAbove = 5;
 
-    // One thread's use of a semaphore outside the lock, begun under the lock while the queue runs. The queue
-    // destroys its semaphores only when no use is left: nobody ever waits on, or posts, one that is gone.
-    // BeginUse is false when the queue is closed.
-    bool BeginUse(uint64_t& generation);
-    void EndUse() { m_uses.fetch_sub(1, std::memory_order_release); }
+    // One thread's use of a semaphore, from construction to destruction.
+    class SemaphoreUse {
+    public:
+        // Begins no use if the queue is closed.
+        explicit SemaphoreUse(CSendQueue& queue) ZU_REQUIRES(queue.m_lock)
+            : m_uses(queue.m_running.load(std::memory_order_relaxed) ? &queue.m_uses : nullptr),
+              m_generation(queue.m_generation) {
+            if (m_uses != nullptr) {
+                m_uses->fetch_add(1, std::memory_order_relaxed);
+            }
+        }
+        // Pairs with the acquire load in CloseLocked: the semaphore call happens before the destruction.
+        ~SemaphoreUse() {
+            if (m_uses != nullptr) {
+                m_uses->fetch_sub(1, std::memory_order_release);
+            }
+        }
+        SemaphoreUse(const SemaphoreUse&) = delete;
+        SemaphoreUse& operator=(const SemaphoreUse&) = delete;
+
+        explicit operator bool() const { return m_uses != nullptr; }
+        uint64_t Generation() const { return m_generation; }
+
+    private:
+        std::atomic<uint32_t>* const m_uses;
+        const uint64_t m_generation;
+    };
+
+    SemaphoreUse BeginUse();
+    // Calls `wait` within a use and returns the use's generation. Returns nullopt if the queue is closed or
+    // `wait` returns false.
+    template <class Wait>
+    std::optional<uint64_t> WaitInUse(Wait wait);
     void OpenLocked() ZU_REQUIRES(m_lock);
     void CloseLocked() ZU_REQUIRES(m_lock);
 
     CMutexLock m_lock;
-    // Written under m_lock, read without it by IsBusy; relaxed: the answer may be stale.
+    // Written under m_lock, read without it by IsBusy. Relaxed: the answer may be stale.
     std::atomic<uint64_t> m_count{0};
     std::list<CRefPtr_T<IBuffer>> m_list ZU_GUARDED_BY(m_lock);
+    // Created and destroyed under m_lock, used within a SemaphoreUse.
     sem_t m_free_slots;
     sem_t m_items;
-    // Written under m_lock; read without it as a first look only, and again under it before anything depends
-    // on it.
+    // Written under m_lock. Read without it only as a first check; nothing relies on it before it has been
+    // read again under the lock.
     std::atomic<bool> m_running{false};
+    // Required by the contract, which has Take check it. Nothing sets it to true.
     std::atomic<bool> m_stopped{false};
-    // How often the queue was closed. A thread that finds it changed after a wait took its token from a
-    // semaphore that is gone: it leaves without a message and posts nothing back. Unchanged, the queue still
-    // runs, and a token of m_items always stands for a message in the list.
     uint64_t m_generation ZU_GUARDED_BY(m_lock) = 0;
-    // Raised under m_lock, lowered without it; the release of the last user is what CloseLocked's acquire
-    // load waits for before it destroys the semaphores.
+    // Incremented under m_lock, decremented without it.
     std::atomic<uint32_t> m_uses{0};
 };
 
