@@ -11,8 +11,8 @@
 
 #include "bench/paired.h"
 #include "src/base/mem_alloctor_ex.h"
+#include "src/plugin/channel_io.h"
 #include "src/plugin/client_camera.h"
-#include "src/plugin/receive_loop.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/socket_stream.h"
 

@@ -1,12 +1,12 @@
 #include "src/bridge/camera_client_linux.h"
 
 #include <chrono>
-#include <cstring>
 #include <new>
 #include <optional>
 
 #include "src/bridge/input_format.h"
 #include "src/bridge/venc_args.h"
+#include "src/capture/pixel_formats.h"
 #include "src/loader/codec_factory.h"
 #include "src/module/log.h"
 
@@ -14,7 +14,7 @@ namespace zumod {
 namespace {
 
 constexpr uint32_t kImageType = 9;
-// How soon a frame that waits for the lock notices that its capture is being stopped.
+// How long a frame waits for the lock before it checks whether its capture is being stopped.
 constexpr std::chrono::milliseconds kStopCheckInterval{10};
 
 }  // namespace
@@ -23,17 +23,17 @@ CCameraClientLinux::CCameraClientLinux() : m_capture(new LinuxV4L2CameraCapture)
     try {
         m_capture->SignalCaptureFrame.connect(this, &CCameraClientLinux::OnCaptureFrame);
     } catch (...) {
-        delete m_capture;  // what a destructor leaves behind, deliberately, a constructor does not
+        // The destructor leaks m_capture on purpose; a failed constructor must not.
+        delete m_capture;
         throw;
     }
 }
 
 CCameraClientLinux::~CCameraClientLinux() {
-    // Joined first: the list of connections is not protected against a frame that is being emitted.
     try {
         m_capture->stopCapture();
     } catch (...) {
-        // The log sink's exception cannot leave a destructor; the capture is idle all the same.
+        // A destructor must not throw. The capture is idle even if the host's log sink threw.
     }
     m_capture->SignalCaptureFrame.disconnect_all();
 }
@@ -58,7 +58,8 @@ void CCameraClientLinux::SetFormat(int32_t width, int32_t height, int32_t fps) {
     m_fps = fps;
     m_capture->setFormat(width, height, fps);
     if (m_started) {
-        m_capture->resetCapture();  // a second restart in a row, deliberately kept
+        // Required by the contract: a second restart; setFormat has just done the first one.
+        m_capture->resetCapture();
     }
 }
 
@@ -95,14 +96,12 @@ void CCameraClientLinux::OnCaptureFrame(const unsigned char* data, unsigned long
         try {
             HandleFrame(data, length, width, height, fourcc);
         } catch (const std::bad_alloc&) {
-            // The frame is dropped: on this thread nobody stands above to be told.
+            // Out of memory: the frame is dropped. This thread has no caller that could handle it.
         }
         m_lock.Unlock();
     }
 }
 
-// Whoever holds the lock may be waiting for this thread to end, with the stop requested: this frame is then
-// dropped instead of waiting for a lock that is given back only after the join.
 bool CCameraClientLinux::LockForFrame() {
     while (!m_lock.TryLockFor(kStopCheckInterval)) {
         if (m_capture->isStopping()) {
@@ -124,9 +123,8 @@ void CCameraClientLinux::HandleFrame(const unsigned char* data, unsigned long le
     const std::optional<VideoInputFormat> format =
         InputFormatOf(width, height, static_cast<uint32_t>(fourcc));
     if (!format) {
-        char name[5] = {};
-        std::memcpy(name, &fourcc, sizeof fourcc);
-        ZuModLog(kLogFailure, "[CCameraClientLinux] video format not support, %s", name);
+        ZuModLog(kLogFailure, "[CCameraClientLinux] video format not support, %s",
+                 FourCcText(static_cast<uint32_t>(fourcc)).Get());
         return;
     }
     if (m_encoder == nullptr) {

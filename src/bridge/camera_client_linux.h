@@ -1,15 +1,30 @@
-// One local camera as the plugin drives it on this platform: captures, encodes and hands on.
+// One camera of this platform: captures pictures, encodes them and passes them to the listener.
 //
-// Thread rule: the operations of IClientCamera are [run thread]; OnCaptureFrame is [capture thread]. A
-// recursive lock serialises the two.
+// Two threads meet here. The run thread calls the operations of IClientCamera; the capture's work thread
+// calls OnCaptureFrame for each picture. m_lock serialises them, so a change of format never interleaves with
+// an encode, and Close and SetFormat wait for the frame that is being encoded.
+//
+// Open, SetFormat and Close hold m_lock while the capture stops and joins its work thread. The work thread
+// may at that moment wait for m_lock with a frame in hand: each thread would wait for the other. So
+// OnCaptureFrame never waits without a limit. It tries the lock for kStopCheckInterval at a time, and in
+// between asks the capture whether it is being stopped. If it is, the frame is dropped and the thread can
+// end. A frame that already holds the lock is completed; the join waits for it.
+//
+// The lock is recursive because a listener may call back into the camera from OnVideoPacket or IsBusy, on the
+// work thread.
+//
+// The destructor stops the capture first and disconnects the signal second: the signal's list of connections
+// is not protected against a concurrent emission. Required by the contract: the capture object is stopped but
+// never deleted, and m_started stays true after Close.
+//
+// Thread rule: IClientCamera's operations are [run thread]; OnCaptureFrame is [capture thread].
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
 #include "src/base/mutex_lock.h"
-#include "src/bridge/client_camera.h"
-#include "src/bridge/client_camera_listenter.h"
+#include "src/bridge/camera_client.h"
 #include "src/capture/linux_v4l2_camera_capture.h"
 #include "src/capture/sigslot.h"
 #include "zumod/codec.h"
@@ -31,20 +46,20 @@ public:
     void SetListener(IClientCameraListenter* listener) override;
     void SetCameraId(uint32_t id) override;
     void SetFormat(int32_t width, int32_t height, int32_t fps) override;
-    // Does nothing: camera properties are deliberately not applied on this platform.
+    // Required by the contract: does nothing on this platform.
     void SetProperty(int32_t property, int32_t value, int32_t automatic) override;
     void SetCameraFlag(uint8_t flag) override;
     uint8_t GetCameraFlag() override;
     bool Open() override;
-    // A later Open still returns true, without starting again: the plugin never reopens a closed camera
-    // client.
+    // Required by the contract: an Open after Close returns true without starting. The plugin never reopens a
+    // camera.
     int32_t Close(const uint32_t* ignored) override;
 
-    // [capture thread]. The slot of the capture's frame signal: encodes the picture and hands it to the
-    // listener.
+    // [capture thread]. Slot of the capture's frame signal.
     void OnCaptureFrame(const unsigned char* data, unsigned long length, int width, int height, int fourcc);
 
 private:
+    // Returns false, without the lock, if the capture is being stopped.
     bool LockForFrame() ZU_TRY_ACQUIRE(true, m_lock);
     void HandleFrame(const unsigned char* data, unsigned long length, int width, int height, int fourcc)
         ZU_REQUIRES(m_lock);
@@ -53,19 +68,19 @@ private:
         ZU_REQUIRES(m_lock);
 
     CMutexLock m_lock;
-    // Borrowed: the plugin outlives its camera clients.
+    // Borrowed: the plugin outlives its cameras.
     IClientCameraListenter* m_listener ZU_GUARDED_BY(m_lock) = nullptr;
     uint32_t m_camera_id ZU_GUARDED_BY(m_lock) = 0;
-    // Written under m_lock, read without it: one byte that stands for itself.
+    // Written under m_lock, read without it. Relaxed: no other data depends on it.
     std::atomic<uint8_t> m_camera_flag{0};
     int32_t m_requested_width ZU_GUARDED_BY(m_lock) = 640;
     int32_t m_requested_height ZU_GUARDED_BY(m_lock) = 480;
-    // The requested size that the encoder was made for.
+    // The requested size for which the encoder was created.
     int32_t m_encode_width ZU_GUARDED_BY(m_lock) = 0;
     int32_t m_encode_height ZU_GUARDED_BY(m_lock) = 0;
     int32_t m_fps ZU_GUARDED_BY(m_lock) = 15;
     bool m_started ZU_GUARDED_BY(m_lock) = false;
-    // Set once, in the constructor. Stopped in the destructor but deliberately not deleted there.
+    // Set by the constructor. Stopped but not deleted by the destructor; see above.
     LinuxV4L2CameraCapture* const m_capture;
     CRefPtr_T<IVEncoder> m_encoder ZU_GUARDED_BY(m_lock);
 };

@@ -199,6 +199,18 @@ TEST_F(CameraClientLinux, IsThePlatformsCamera) {
     EXPECT_EQ(camera->Release(), 1);
 }
 
+TEST_F(CameraClientLinux, ThePlatformListsTheDevicesThatArePresentNow) {
+    std::vector<CameraDeviceInfo> cameras = ListCameras();
+    ASSERT_EQ(cameras.size(), 2u);
+    EXPECT_EQ(cameras[1].id, 1u);
+    EXPECT_EQ(cameras[1].file, "/dev/video1");
+    EXPECT_EQ(cameras[1].resolutions, (std::vector<CameraResolution>{{640, 480}, {1280, 720}}));
+    devices.Unplug(0);
+    cameras = ListCameras();
+    ASSERT_EQ(cameras.size(), 1u);
+    EXPECT_EQ(cameras[0].file, "/dev/video1");
+}
+
 TEST_F(CameraClientLinux, OpensNothingWhenItIsMade) {
     EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
     EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 0);

@@ -15,7 +15,7 @@ uint64_t CVEncArgs::PrepareOutput(uint32_t size) {
         try {
             m_output = alloctor->Alloc(size);
         } catch (const std::bad_alloc&) {
-            // The encoder, another module's code, is told by the 0 below, not by an exception of this one's.
+            // No exception may cross into the encoder's module. It sees the failure as a size of 0.
         }
     }
     return m_output != nullptr ? m_output->SetSize(size) : 0;

@@ -1,7 +1,6 @@
-// One picture into an encode call and the encoded bytes out of it, as the camera client hands it to the
-// encoder.
+// Arguments of one encode call: the picture in, the encoded bytes out.
 //
-// Thread rule: [encode thread]: an object belongs to the thread that makes it.
+// Thread rule: [encode thread]; an object belongs to the thread that creates it.
 #pragma once
 
 #include <cstdint>
@@ -14,11 +13,11 @@
 
 namespace zumod {
 
-// Binary table of the class itself: slots 0 to 3 are IReference's, 4 to 11 IVEncArgs', 12 to 14 its own.
+// Slots of the class: 0 to 3 IReference, 4 to 11 IVEncArgs, 12 to 14 its own.
 class CVEncArgs final : private CReference, public virtual IVEncArgs {
 public:
-    // The `size` bytes at `input` stay the caller's, who keeps them alive during the encode call. The output
-    // comes from `alloctor`, to which a reference is added, or from the default allocator when that is null.
+    // `input` is borrowed and must stay valid during the encode call. The output comes from `alloctor`, which
+    // is referenced, or from the default allocator if that is null.
     CVEncArgs(const void* input, uint64_t size, IMemAlloctor* alloctor = nullptr)
         : m_input(input), m_input_size(size), m_alloctor(alloctor) {}
 
@@ -34,7 +33,8 @@ public:
     void* GetOutputData() override { return m_output != nullptr ? m_output->GetData() : nullptr; }
     uint64_t GetOutputSize() override { return m_output != nullptr ? m_output->GetSize() : 0; }
 
-    // Slot 12. Knows "IVEncArgs", in any letter case: stores that face, with one reference for the caller.
+    // Slot 12. Accepts "IVEncArgs" in any letter case: stores the interface pointer with one reference for
+    // the caller.
     virtual bool QueryInterface(const char* name, void** out);
     // Slot 13, reserved.
     virtual bool Reserved13() { return true; }
@@ -44,7 +44,7 @@ public:
 private:
     const void* m_input;
     uint64_t m_input_size;
-    // In this order: the output is released before the allocator that made it.
+    // Declared in this order so that the output is released before its allocator.
     CRefPtr_T<IMemAlloctor> m_alloctor;
     CRefPtr_T<IBuffer> m_output;
 };

@@ -8,7 +8,7 @@
 namespace zumod {
 namespace {
 
-constexpr uint64_t kCameraListHeadSize = 12;
+constexpr uint64_t kCameraListHeaderSize = 12;
 
 template <class Value>
 uint8_t* Put(uint8_t* out, const Value& value) {
@@ -30,7 +30,7 @@ std::optional<Request> ReadExactly(const uint8_t* body, uint64_t length) {
     return request;
 }
 
-// A text that fills the field carries no terminating zero.
+// A text that fills the field has no terminating zero.
 void CopyName(char (&field)[kCameraNameSize], const std::string& text) {
     std::memcpy(field, text.data(), std::min(text.size(), sizeof field));
 }
@@ -41,7 +41,7 @@ CameraRecord RecordOf(const CameraDeviceInfo& camera) {
     record.in_use = camera.inUse ? 1 : 0;
     CopyName(record.name, camera.name);
     CopyName(record.display_name, camera.displayName);
-    // One byte, which wraps past 255 while all pairs are written: the peer must live with it.
+    // Required by the contract: one byte, which wraps above 255 although all pairs are written.
     record.resolution_count = static_cast<uint8_t>(camera.resolutions.size());
     return record;
 }
@@ -76,7 +76,7 @@ void WriteVersionReply(uint8_t* message) {
 }
 
 uint64_t CameraListSize(const std::vector<CameraDeviceInfo>& cameras) {
-    uint64_t size = kCameraListHeadSize;
+    uint64_t size = kCameraListHeaderSize;
     for (const CameraDeviceInfo& camera : cameras) {
         size += sizeof(CameraRecord) + sizeof(ResolutionPair) * camera.resolutions.size();
     }
@@ -95,8 +95,8 @@ void WriteCameraList(uint8_t* message, const std::vector<CameraDeviceInfo>& came
     }
 }
 
-void WriteVideoFrameHead(uint8_t* message, uint32_t id, uint32_t encoded_size) {
-    message = PutHeader(message, kVideoFrameHeadSize + encoded_size, kVideoFrame);
+void WriteVideoFrameHeader(uint8_t* message, uint32_t id, uint32_t encoded_size) {
+    message = PutHeader(message, kVideoFrameHeaderSize + encoded_size, kVideoFrame);
     message = Put(message, id);
     Put(message, encoded_size);
 }

@@ -55,14 +55,14 @@ TEST(CameraProtocol, AVersionReplyHasTwelveBytesAndSaysFive) {
 }
 
 TEST(CameraProtocol, AFrameHasItsIdAndTheNumberOfItsEncodedBytesInFront) {
-    Bytes message(kVideoFrameHeadSize, kDirt);
-    WriteVideoFrameHead(message.data(), 0x0A0B0C0D, 0x00010203);
+    Bytes message(kVideoFrameHeaderSize, kDirt);
+    WriteVideoFrameHeader(message.data(), 0x0A0B0C0D, 0x00010203);
     EXPECT_EQ(message, (Bytes{0x0B, 2, 1, 0, 7, 0, 0, 0, 0x0D, 0x0C, 0x0B, 0x0A, 3, 2, 1, 0}));
 }
 
 TEST(CameraProtocol, AFrameOfNoBytesIsItsHeadAlone) {
-    Bytes message(kVideoFrameHeadSize, kDirt);
-    WriteVideoFrameHead(message.data(), 1, 0);
+    Bytes message(kVideoFrameHeaderSize, kDirt);
+    WriteVideoFrameHeader(message.data(), 1, 0);
     EXPECT_EQ(message, (Bytes{8, 0, 0, 0, 7, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
 }
 

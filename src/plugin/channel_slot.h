@@ -1,6 +1,9 @@
-// The place that holds the host's stream, shared by the host's thread and the send thread.
+// Holder of the host's stream, shared by the host's threads and the send thread.
 //
-// Thread rule: Set and Get are [run thread]; Borrow and GiveBack are [send thread], in pairs.
+// Required by the contract: the send thread takes no reference for a write. A stream that the host replaces
+// during such a write is therefore kept here (m_retired) and released when the write has returned.
+//
+// Thread rule: Set and Get are [run thread]; Borrow and Return are [send thread], in pairs.
 #pragma once
 
 #include <utility>
@@ -11,13 +14,11 @@
 
 namespace zumod {
 
-// The send thread writes to the stream as it stands, without a reference of its own. A stream that is
-// replaced in the middle of such a write is released when the write is over.
 class ChannelSlot {
 public:
     void Set(CRefPtr_T<IChannelStream> stream) {
-        // Declared before the guard: a stream is released after the lock, since its destruction is the host's
-        // code.
+        // Declared before the guard: the release may run the host's destructor, which must not run under the
+        // lock.
         CRefPtr_T<IChannelStream> released;
         const LockGuard guard(m_lock);
         released = std::exchange(m_stream, std::move(stream));
@@ -31,14 +32,14 @@ public:
         return m_stream;
     }
 
-    // Valid until GiveBack; null when no stream is set.
+    // Valid until Return. Null if no stream is set.
     IChannelStream* Borrow() {
         const LockGuard guard(m_lock);
         m_borrowed = m_stream.Get();
         return m_borrowed;
     }
 
-    void GiveBack() {
+    void Return() {
         CRefPtr_T<IChannelStream> released;
         const LockGuard guard(m_lock);
         m_borrowed = nullptr;
@@ -48,7 +49,7 @@ public:
 private:
     CMutexLock m_lock;
     CRefPtr_T<IChannelStream> m_stream ZU_GUARDED_BY(m_lock);
-    // What the send thread is writing to, and that stream's reference once it was replaced.
+    // The stream that the send thread is writing to, and its reference once it has been replaced.
     IChannelStream* m_borrowed ZU_GUARDED_BY(m_lock) = nullptr;
     CRefPtr_T<IChannelStream> m_retired ZU_GUARDED_BY(m_lock);
 };

@@ -13,7 +13,7 @@ TEST(ChannelSlot, HoldsNothingAtFirst) {
     ChannelSlot slot;
     EXPECT_EQ(slot.Get(), nullptr);
     EXPECT_EQ(slot.Borrow(), nullptr);
-    slot.GiveBack();
+    slot.Return();
 }
 
 TEST(ChannelSlot, HoldsOneReferenceAndGivesItBackWhenReplaced) {
@@ -30,7 +30,7 @@ TEST(ChannelSlot, ABorrowerTakesNoReference) {
     slot.Set(CRefPtr_T<IChannelStream>(stream));
     const uint64_t before = stream->AddRefs();
     EXPECT_EQ(slot.Borrow(), stream);
-    slot.GiveBack();
+    slot.Return();
     EXPECT_EQ(stream->AddRefs(), before);
 }
 
@@ -41,7 +41,7 @@ TEST(ChannelSlot, AStreamReplacedWhileItIsBorrowedLivesUntilItIsGivenBack) {
     slot.Set({});
     EXPECT_EQ(ScriptedStream::Alive(), 1);
     EXPECT_EQ(slot.Get(), nullptr);
-    slot.GiveBack();
+    slot.Return();
     EXPECT_EQ(ScriptedStream::Alive(), 0);
 }
 
@@ -54,7 +54,7 @@ TEST(ChannelSlot, AStreamSetAgainWhileItIsBorrowedIsKept) {
     slot.Set(stream);
     slot.Set({});
     slot.Set(stream);
-    slot.GiveBack();
+    slot.Return();
     EXPECT_EQ(slot.Get(), stream);
 }
 

@@ -6,8 +6,7 @@
 
 #include "src/base/mem_alloctor_ex.h"
 #include "src/module/log.h"
-#include "src/plugin/receive_loop.h"
-#include "src/plugin/stream_io.h"
+#include "src/plugin/channel_io.h"
 
 namespace zumod {
 
@@ -26,32 +25,6 @@ ClientCamera::~ClientCamera() {
     m_queue.Close();
 }
 
-bool ClientCamera::QueryInterface(const char* /*name*/, void** /*out*/) {
-    return false;
-}
-
-bool ClientCamera::SetProperty(const char* /*key*/, IZUModData* /*value*/) {
-    return false;
-}
-
-IZUModData* ClientCamera::GetProperty(const char* /*key*/) {
-    return nullptr;
-}
-
-void ClientCamera::ReservedPlugin11() {}
-
-int ClientCamera::ReservedAutoConfig() {
-    return 0;
-}
-
-uint64_t ClientCamera::AddRef() {
-    return CReference::AddRef();
-}
-
-int64_t ClientCamera::Release() {
-    return CReference::Release();
-}
-
 int ClientCamera::SetChannelStream(IChannelStream* stream) {
     m_stream.Set(CRefPtr_T<IChannelStream>(stream));
     return 0;
@@ -65,7 +38,8 @@ int ClientCamera::Run() {
         try {
             ServePeer(*stream, *m_alloctor, *this);
         } catch (const std::bad_alloc&) {
-            // As after a failed read: the peer learns from the end of the stream, not from a missing reply.
+            // Out of memory ends the loop like a failed read, so the peer sees the stream end instead of
+            // missing answers.
         }
     }
     ZuModLog(kLogEvent, "[cameraclient] Run return");
@@ -82,17 +56,145 @@ int ClientCamera::ExitInstance() {
     return 0;
 }
 
+// ---- Requests of the peer
+
+const ClientCamera::Entry ClientCamera::kDispatchTable[] = {
+    {{kVersionRequest}, 1, static_cast<Handler>(&ClientCamera::OnProtoVersionRequest)},
+    {{kGetCameraList}, 1, static_cast<Handler>(&ClientCamera::OnProtoGetCameraList)},
+    {{kOpenCamera}, 1, static_cast<Handler>(&ClientCamera::OnProtoOpenCamera)},
+    {{kCloseCamera}, 1, static_cast<Handler>(&ClientCamera::OnProtoCloseCamera)},
+    {{kSetProperty}, 1, static_cast<Handler>(&ClientCamera::OnProtoSetProperty)},
+    {{kSetFormat}, 1, static_cast<Handler>(&ClientCamera::OnProtoSetFormat)},
+    {{}, 0, nullptr},
+};
+
+const ClientCamera::Entry* ClientCamera::GetDispatchTable(uint64_t* entry_size) {
+    *entry_size = sizeof(Entry);
+    return kDispatchTable;
+}
+
+bool ClientCamera::CallEntry(uint64_t index, const uint8_t* body, unsigned long length, IBuffer* context) {
+    return (this->*kDispatchTable[index].handler)(body, length, context);
+}
+
+bool ClientCamera::OnProtoVersionRequest(const uint8_t* /*body*/, unsigned long /*length*/,
+                                         IBuffer* /*context*/) {
+    ZuModLog(kLogTrace, "[cameraclient] version req");
+    if (const CRefPtr_T<IBuffer> reply = AllocMessage(kVersionReplySize); reply != nullptr) {
+        WriteVersionReply(static_cast<uint8_t*>(reply->GetData()));
+        SendDirectly(*reply);
+    }
+    return true;
+}
+
+bool ClientCamera::OnProtoGetCameraList(const uint8_t* /*body*/, unsigned long /*length*/,
+                                        IBuffer* /*context*/) {
+    const std::vector<CameraDeviceInfo> cameras = ListCameras();
+    ZuModLog(kLogEvent, "[cameraclient] OnProtoGetCameraList, count %d", static_cast<int>(cameras.size()));
+    if (const CRefPtr_T<IBuffer> reply = AllocMessage(CameraListSize(cameras)); reply != nullptr) {
+        WriteCameraList(static_cast<uint8_t*>(reply->GetData()), cameras);
+        SendDirectly(*reply);
+    }
+    return true;
+}
+
+bool ClientCamera::OnProtoOpenCamera(const uint8_t* body, unsigned long length, IBuffer* /*context*/) {
+    const std::optional<FormatRequest> request = ReadFormatRequest(body, length);
+    if (!request) {
+        return false;
+    }
+    const int id = static_cast<int>(request->id);
+    if (m_devs.count(request->id) != 0) {
+        // Required by the contract: the text says "not found" although the camera is open.
+        ZuModLog(kLogIgnored, "[cameraclient] OnProtoOpenCamera id %d w %d h %d fps %d camera not found", id,
+                 request->width, request->height, request->fps);
+        return SendCameraState(kCameraOpen, request->id);
+    }
+    ZuModLog(kLogEvent, "[cameraclient] OnProtoOpenCamera id %d w %d h %d fps %d", id, request->width,
+             request->height, request->fps);
+    IClientCamera* const camera = AddCamera(request->id);
+    if (camera == nullptr) {
+        return SendCameraState(kCameraFailed, request->id);
+    }
+    if (!OpenCamera(*camera, *request)) {
+        camera->Close(&request->id);
+        m_devs.erase(request->id);
+        return SendCameraState(kCameraFailed, request->id);
+    }
+    return SendCameraState(kCameraOpen, request->id);
+}
+
+IClientCamera* ClientCamera::AddCamera(uint32_t id) {
+    try {
+        CRefPtr_T<IClientCamera> created = CreateClientCamera();
+        if (created == nullptr) {
+            ZuModLog(kLogIgnored, "[cameraclient] OnProtoOpenCamera cureent platform not impl");
+            return nullptr;
+        }
+        // The map holds the only reference, so a camera that fails to open is destroyed before the peer is
+        // answered.
+        return (m_devs[id] = std::move(created)).Get();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+bool ClientCamera::OpenCamera(IClientCamera& camera, const FormatRequest& request) {
+    camera.SetListener(this);
+    camera.SetCameraId(request.id);
+    camera.SetFormat(request.width, request.height, request.fps);
+    return camera.Open();
+}
+
+bool ClientCamera::OnProtoCloseCamera(const uint8_t* body, unsigned long length, IBuffer* /*context*/) {
+    const uint32_t id = ReadCloseRequest(body, length);
+    ZuModLog(kLogEvent, "[cameraclient] OnProtoCloseCamera id %d", static_cast<int>(id));
+    if (const auto found = m_devs.find(id); found != m_devs.end()) {
+        found->second->Close(&id);
+        m_devs.erase(found);
+    }
+    return SendCameraState(kCameraClosed, id);
+}
+
+bool ClientCamera::OnProtoSetProperty(const uint8_t* body, unsigned long length, IBuffer* /*context*/) {
+    const std::optional<PropertyRequest> request = ReadPropertyRequest(body, length);
+    if (!request) {
+        return false;
+    }
+    ZuModLog(kLogEvent, "[cameraclient] OnProtoSetProperty id %d prop %d value %d auto %d",
+             static_cast<int>(request->id), request->property, request->value, request->automatic);
+    if (const auto found = m_devs.find(request->id); found != m_devs.end()) {
+        found->second->SetProperty(request->property, request->value, request->automatic);
+    }
+    return true;
+}
+
+bool ClientCamera::OnProtoSetFormat(const uint8_t* body, unsigned long length, IBuffer* /*context*/) {
+    const std::optional<FormatRequest> request = ReadFormatRequest(body, length);
+    if (!request) {
+        return false;
+    }
+    ZuModLog(kLogEvent, "[cameraclient] OnProtoSetFormat id %d w %d h %d fps %d",
+             static_cast<int>(request->id), request->width, request->height, request->fps);
+    if (const auto found = m_devs.find(request->id); found != m_devs.end()) {
+        found->second->SetFormat(request->width, request->height, request->fps);
+    }
+    return true;
+}
+
 void ClientCamera::CloseAllCameras() {
     for (const auto& [id, camera] : m_devs) {
         const CRefPtr_T<IClientCamera> held = camera;
         held->Close();
     }
-    // One by one: the map's own clearing would release in the order of its tree.
+    // Required by the contract: released in id order. clear() would release in tree order.
     while (!m_devs.empty()) {
         m_devs.erase(m_devs.begin());
     }
     ZuModLog(kLogTrace, "[cameraclient] finish to clear devs");
 }
+
+// ---- Messages to the peer
 
 CRefPtr_T<IBuffer> ClientCamera::AllocMessage(uint64_t size) {
     try {
@@ -121,14 +223,14 @@ bool ClientCamera::SendCameraState(CameraState state, uint32_t id) {
 }
 
 void ClientCamera::OnVideoPacket(uint32_t camera_id, const void* data, unsigned long length) {
-    CRefPtr_T<IBuffer> message = AllocMessage(kVideoFrameHeadSize + length);
+    CRefPtr_T<IBuffer> message = AllocMessage(kVideoFrameHeaderSize + length);
     if (message == nullptr) {
         return;
     }
     auto* bytes = static_cast<uint8_t*>(message->GetData());
-    WriteVideoFrameHead(bytes, camera_id, static_cast<uint32_t>(length));
+    WriteVideoFrameHeader(bytes, camera_id, static_cast<uint32_t>(length));
     if (length != 0) {
-        std::memcpy(bytes + kVideoFrameHeadSize, data, length);
+        std::memcpy(bytes + kVideoFrameHeaderSize, data, length);
     }
     m_queue.Enqueue(std::move(message));
 }
@@ -152,9 +254,9 @@ void ClientCamera::Send2StreamRaw(IBuffer& message) {
     const auto* bytes = static_cast<const uint8_t*>(message.GetData());
     IChannelStream* stream = m_stream.Borrow();
     const bool sent = stream != nullptr && WriteAll(*stream, bytes, message.GetSize());
-    m_stream.GiveBack();
+    m_stream.Return();
     if (!sent) {
-        // For a frame the second number is the low byte of its encoded length.
+        // Only frames are queued: byte 4 is the type, byte 12 the low byte of the encoded length.
         ZuModLog(kLogFailure, "[cameraclient] Send2StreamRaw fail, type: %X/%X .", bytes[4], bytes[12]);
     }
 }

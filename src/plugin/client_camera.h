@@ -1,7 +1,11 @@
 // The plugin: serves a remote peer's camera requests over the host's stream.
 //
-// Thread rule: SetChannelStream, Run and ExitInstance are the host's, one at a time; OnVideoPacket,
-// OnAudioPacket and IsBusy are [capture threads]; the send loop is [send thread].
+// Run reads requests on the host's thread and calls a handler for each. Answers are written to the stream
+// directly, on that same thread. Encoded frames arrive on the capture threads; OnVideoPacket copies each one
+// behind its header into a buffer and queues it, and the send thread writes the queued buffers.
+//
+// Thread rule: SetChannelStream, Run and ExitInstance are called by the host, one at a time; OnVideoPacket,
+// OnAudioPacket and IsBusy are [capture threads]; SendPass is [send thread].
 #pragma once
 
 #include <cstdint>
@@ -9,9 +13,7 @@
 #include <memory>
 
 #include "src/base/buffer.h"
-#include "src/bridge/client_camera.h"
-#include "src/bridge/client_camera_listenter.h"
-#include "src/plugin/camera_message_separation.h"
+#include "src/bridge/camera_client.h"
 #include "src/plugin/camera_protocol.h"
 #include "src/plugin/channel_slot.h"
 #include "src/plugin/client_camera_thread.h"
@@ -25,22 +27,22 @@ class ClientCamera final : public CameraMessageSeparation,
                            public IClientCameraListenter,
                            private CReference {
 public:
-    // Starts nothing.
+    // Starts no thread.
     ClientCamera();
     ~ClientCamera() override;
 
-    // The order of declaration from here to the end of the virtual operations is the order of slots 5 to 17
-    // of the object's own table, behind those of CMessageSeparation_T.
+    // Slots of the object's own table: 2 and 3 override CMessageSeparation_T's; the others are slots 5 to 17
+    // in the order of their declaration here.
     const Entry* GetDispatchTable(uint64_t* entry_size) override;
     bool CallEntry(uint64_t index, const uint8_t* body, unsigned long length, IBuffer* context) override;
 
-    bool QueryInterface(const char* name, void** out) override;
-    bool SetProperty(const char* key, IZUModData* value) override;
-    IZUModData* GetProperty(const char* key) override;
-    void ReservedPlugin11() override;
+    bool QueryInterface(const char* /*name*/, void** /*out*/) override { return false; }
+    bool SetProperty(const char* /*key*/, IZUModData* /*value*/) override { return false; }
+    IZUModData* GetProperty(const char* /*key*/) override { return nullptr; }
+    void ReservedPlugin11() override {}
 
-    uint64_t AddRef() override;
-    int64_t Release() override;
+    uint64_t AddRef() override { return CReference::AddRef(); }
+    int64_t Release() override { return CReference::Release(); }
 
     void OnVideoPacket(uint32_t camera_id, const void* data, unsigned long length) override;
     void OnAudioPacket(uint32_t camera_id, const void* data, unsigned long length) override;
@@ -49,12 +51,12 @@ public:
     int SetChannelStream(IChannelStream* stream) override;
     int Run() override;
     int ExitInstance() override;
-    int ReservedAutoConfig() override;
+    int ReservedAutoConfig() override { return 0; }
 
 private:
     static const Entry kDispatchTable[];
 
-    // Handlers: the result says whether the request was taken.
+    // Handlers. Each returns false if the request is malformed and was ignored.
     bool OnProtoVersionRequest(const uint8_t* body, unsigned long length, IBuffer* context);
     bool OnProtoGetCameraList(const uint8_t* body, unsigned long length, IBuffer* context);
     bool OnProtoOpenCamera(const uint8_t* body, unsigned long length, IBuffer* context);
@@ -62,21 +64,22 @@ private:
     bool OnProtoSetProperty(const uint8_t* body, unsigned long length, IBuffer* context);
     bool OnProtoSetFormat(const uint8_t* body, unsigned long length, IBuffer* context);
 
-    // A new camera client in the map; null when none can be made.
+    // Adds a new camera to the map. Returns null if none can be created.
     IClientCamera* AddCamera(uint32_t id);
     bool OpenCamera(IClientCamera& camera, const FormatRequest& request);
     void CloseAllCameras();
 
-    // A buffer of exactly `size` bytes, all in use; empty when memory is short.
+    // Returns a buffer of exactly `size` bytes, all in use, or null if memory runs out.
     CRefPtr_T<IBuffer> AllocMessage(uint64_t size);
     bool SendCameraState(CameraState state, uint32_t id);
-    // Writes a reply past the send queue, on the calling thread. A failed write is not reported.
+    // Writes a message on the calling thread, bypassing the send queue. A failed write is not reported.
     void SendDirectly(IBuffer& message);
 
+    // One pass of the send thread: waits for a queued message and writes it. Returns true.
     bool SendPass();
     void Send2StreamRaw(IBuffer& message);
 
-    // [run thread, ExitInstance, destructor]: never two of them at a time, so no lock.
+    // Used only by Run, ExitInstance and the destructor, which never run concurrently, so no lock.
     std::map<uint32_t, CRefPtr_T<IClientCamera>> m_devs;
     ChannelSlot m_stream;
     CRefPtr_T<IMemAlloctor> m_alloctor;

@@ -1,4 +1,6 @@
-// The plugin's send thread: runs one pass of the send loop again and again until it is stopped.
+// The plugin's send thread: repeats one pass of the send loop until it is stopped.
+//
+// Thread rule: that of CBaseThread. The owner stops the thread before it destroys it.
 #pragma once
 
 #include <functional>
@@ -8,10 +10,9 @@
 
 namespace zumod {
 
-// The owner sets the callable before the start and stops the thread before it destroys it.
 class CClientCameraThread final : public CBaseThread {
 public:
-    // An empty callable ends the thread at its first pass.
+    // The thread ends when a pass returns false, or at once if the callable is empty.
     explicit CClientCameraThread(std::function<bool()> pass) : m_pass(std::move(pass)) {}
 
 protected:

@@ -1,4 +1,4 @@
-// Matches a complete message to a handler by the type bytes of its headers, with a table that the derived
+// Dispatch of a complete message to a handler by the type bytes of its headers, with a table that the derived
 // class supplies.
 //
 // Thread rule: one thread at a time.
@@ -10,20 +10,20 @@
 
 namespace zumod {
 
-// Header: the header record. Context: what every handler is given beside the body. MaxKeys: how many headers
-// may stand one after the other in a message, each with a type byte. Length: the type of a body's length.
+// Header: the header record. Context: an argument for every handler beside the body. MaxKeys: the largest
+// number of consecutive headers in a message, each with a type byte. Length: the type of a body length.
 // Result: the type of a handler's result.
 //
-// Binary table: slots 0 and 1 the destructor pair, 2 GetDispatchTable, 3 CallEntry, 4 OnMessage.
+// Slots: destructor pair 0 and 1, GetDispatchTable 2, CallEntry 3, OnMessage 4.
 template <class Header, class Context, uint64_t MaxKeys, class Length, class Result>
 class CMessageSeparation_T {
 public:
     using Handler = Result (CMessageSeparation_T::*)(const uint8_t* body, Length length, Context context);
 
-    // A table ends at the first entry whose handler is empty.
+    // The first entry with a null handler ends the table.
     struct Entry {
         uint8_t keys[8];     // the type bytes, outermost header first
-        uint64_t key_count;  // how many of them count: 1 to MaxKeys
+        uint64_t key_count;  // number of keys used, 1 to MaxKeys
         Handler handler;
     };
     static_assert(sizeof(Entry) == 32);
@@ -33,7 +33,7 @@ public:
     CMessageSeparation_T& operator=(const CMessageSeparation_T&) = delete;
     virtual ~CMessageSeparation_T() = default;
 
-    // Returns the first entry and stores how far apart entries stand; null for no table.
+    // Returns the first entry and stores the distance between entries in bytes; null for no table.
     virtual const Entry* GetDispatchTable(uint64_t* /*entry_size*/) { return nullptr; }
 
     virtual Result CallEntry(uint64_t /*index*/, const uint8_t* /*body*/, Length /*length*/,
@@ -41,8 +41,8 @@ public:
         return Result{};
     }
 
-    // Calls the first entry whose keys match; false when there is none, or when the message is shorter than
-    // its innermost header claims.
+    // Calls the first entry whose keys match. Returns Result{} if no entry matches or the message is shorter
+    // than its innermost header states.
     virtual Result OnMessage(const uint8_t* data, Length size, Context context) {
         if (data == nullptr || size < sizeof(Header)) {
             return Result{};

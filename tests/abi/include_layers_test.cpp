@@ -48,7 +48,8 @@ const std::vector<Layer>& Layers() {
         {kLoader, Join({kSdk, kBase, kRuntime})},
         {kCapture, Join({kSdk, kBase, kRuntime})},
         {kBridge, Join({kSdk, kBase, kRuntime, kLoader, kCapture})},
-        {kPlugin, Join({kSdk, kBase, kRuntime, kLoader, kCapture, kBridge})},
+        // The plugin knows the cameras of the platform only through the bridge.
+        {kPlugin, Join({kSdk, kBase, kRuntime, kBridge})},
         {{"src/module/factory", "src/module/entrypoint"},
          Join({kSdk, kBase, kRuntime, kLoader, kCapture, kBridge, kPlugin})},
         // What stands around the module meets it only through the SDK and the loader.
@@ -186,6 +187,7 @@ TEST(IncludeLines, TheRulesTellRightFromWrong) {
         {"src/capture/x.cpp", "src/loader/x.h", false},
         {"src/capture/x.cpp", "src/bridge/x.h", false},
         {"src/bridge/x.cpp", "src/plugin/client_camera.h", false},
+        {"src/plugin/x.cpp", "src/capture/x.h", false},
         {"src/plugin/x.cpp", "src/module/entrypoint.h", false},
         {"src/base/x.cpp", "tests/support/doubles/raw_slots.h", false},
         {"src/base/x.cpp", "../plugin/client_camera.h", false},

@@ -8,12 +8,11 @@
 #include <cstdlib>
 
 #include "src/base/mem_buffer.h"
+#include "src/plugin/channel_io.h"
 #include "src/plugin/client_camera.h"
-#include "src/plugin/receive_loop.h"
 #include "tests/fuzz/camera_channel_model.h"
 #include "tests/fuzz/check.h"
 #include "tests/support/doubles/client_camera_double.h"
-#include "tests/support/doubles/device_double.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/scripted_stream.h"
 
@@ -57,18 +56,17 @@ public:
     }
 };
 
-testing::CameraModel Camera() {
-    return {.card = "Cam", .formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {1280, 720}}}}};
+CameraDeviceInfo Camera() {
+    return {
+        .name = "Cam", .displayName = "Cam", .file = "/dev/video2", .resolutions = {{640, 480}, {1280, 720}}};
 }
 
 void ServeOnce(const uint8_t* data, size_t size) {
     static SilentHost host;
-    static testing::DeviceDouble devices;
     static const CRefPtr_T<IMemAlloctor> alloctor(new BoundedAlloctor);
     AttachRuntime(&host);
-    devices.SetRecording(false);
-    devices.SetCamera(2, Camera());
     testing::CameraScript() = {};
+    testing::CameraScript().cameras = {Camera()};
     const bool built_in = (data[2] & 1) != 0;
     const bool opens = (data[2] & 2) != 0;
     testing::CameraScript().built_in = built_in;
@@ -94,7 +92,6 @@ void ServeOnce(const uint8_t* data, size_t size) {
     FUZZ_CHECK(stream->AddRef() == 2 && stream->Release() == 1);
     FUZZ_CHECK(stream->Written() == expected);
     FUZZ_CHECK(testing::CameraScript().alive == 0);
-    FUZZ_CHECK(devices.OpenDescriptors() == 0);
 }
 
 }  // namespace

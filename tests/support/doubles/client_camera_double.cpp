@@ -69,4 +69,9 @@ CRefPtr_T<IClientCamera> CreateClientCamera() {
     return CRefPtr_T<IClientCamera>(new testing::ClientCameraDouble);
 }
 
+std::vector<CameraDeviceInfo> ListCameras() {
+    testing::CameraScript().calls.emplace_back("ListCameras()");
+    return testing::CameraScript().cameras;
+}
+
 }  // namespace zumod

@@ -1,4 +1,5 @@
-// Stands in for the platform's camera client: records what the plugin calls, and opens or not as it is told.
+// Double of the platform's cameras: lists what the script says, records what the plugin calls, and opens or
+// fails as the script says.
 //
 // Thread rule: [run thread], except that a test may deliver frames through the listener from any thread.
 #pragma once
@@ -6,16 +7,16 @@
 #include <string>
 #include <vector>
 
-#include "src/bridge/client_camera.h"
-#include "src/bridge/client_camera_listenter.h"
+#include "src/bridge/camera_client.h"
 
 namespace zumod::testing {
 
-// What CreateClientCamera gives in a program that links this double, and what was done to it.
+// What the two functions of the factory return in a program that links this double, and what was called.
 struct ClientCameraScript {
-    bool built_in = true;  // false: CreateClientCamera gives nothing
+    bool built_in = true;                   // false: CreateClientCamera returns null
+    std::vector<CameraDeviceInfo> cameras;  // what ListCameras returns
     bool open_result = true;
-    // Every call on every camera in order, "name(arguments)", the camera's number in front: "0 Open()".
+    // Every call in order: "ListCameras()", and those on each camera with its number in front, "0 Open()".
     std::vector<std::string> calls;
     std::vector<IClientCameraListenter*> listeners;
     int created = 0;

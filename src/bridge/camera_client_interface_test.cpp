@@ -4,8 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "src/bridge/client_camera.h"
-#include "src/bridge/client_camera_listenter.h"
+#include "src/bridge/camera_client.h"
 #include "tests/support/doubles/client_camera_double.h"
 #include "tests/support/doubles/raw_slots.h"
 

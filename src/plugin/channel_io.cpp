@@ -1,4 +1,6 @@
-#include "src/plugin/receive_loop.h"
+#include "src/plugin/channel_io.h"
+
+#include <algorithm>
 
 #include "src/base/buffer.h"
 #include "zumod/camera_channel.h"
@@ -6,7 +8,7 @@
 namespace zumod {
 namespace {
 
-// Reads until the buffer is full; false at the first read that fails.
+// Reads until the buffer is full. Returns false at the first read that fails.
 bool Fill(IChannelStream& stream, IBuffer& buffer) {
     while (buffer.GetSize() < buffer.GetCapacity()) {
         const uint64_t size = buffer.GetSize();
@@ -20,14 +22,13 @@ bool Fill(IChannelStream& stream, IBuffer& buffer) {
     return true;
 }
 
-// Every byte is read straight into the buffer that the handler gets. Empty when a read fails or memory is
-// short.
+// Reads straight into the buffer that the handler gets. Returns null if a read fails or memory runs out.
 CRefPtr_T<IBuffer> ReadMessage(IChannelStream& stream, IMemAlloctor& alloctor) {
     CRefPtr_T<IBuffer> message = alloctor.Alloc(sizeof(_MESSAGE_HEADER));
     if (message == nullptr || !Fill(stream, *message)) {
         return {};
     }
-    // Any length is accepted: a peer that announces 4 GiB gets a buffer of 4 GiB.
+    // Required by the contract: any length is accepted, so a peer that announces 4 GiB has 4 GiB allocated.
     const uint64_t length = static_cast<const _MESSAGE_HEADER*>(message->GetData())->length;
     if (length != 0) {
         if (message->Resize(sizeof(_MESSAGE_HEADER) + length) == nullptr || !Fill(stream, *message)) {
@@ -44,6 +45,20 @@ void ServePeer(IChannelStream& stream, IMemAlloctor& alloctor, CameraMessageSepa
         handlers.OnMessage(static_cast<const uint8_t*>(message->GetData()), message->GetSize(),
                            message.Get());
     }
+}
+
+bool WriteAll(IChannelStream& stream, const void* bytes, uint64_t size) {
+    const auto* next = static_cast<const uint8_t*>(bytes);
+    while (size != 0) {
+        unsigned long done = 0;
+        if (stream.Write(next, size, &done) != 0) {
+            return false;
+        }
+        done = std::min(done, size);
+        next += done;
+        size -= done;
+    }
+    return true;
 }
 
 }  // namespace zumod
