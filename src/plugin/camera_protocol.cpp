@@ -8,26 +8,15 @@
 namespace zumod {
 namespace {
 
-constexpr uint64_t kCameraListHeaderSize = 12;
-
-template <class Value>
-uint8_t* Put(uint8_t* out, const Value& value) {
-    std::memcpy(out, &value, sizeof value);
-    return out + sizeof value;
-}
-
-uint8_t* PutHeader(uint8_t* out, uint64_t message_size, MessageType type) {
-    return Put(out, _MESSAGE_HEADER{static_cast<uint32_t>(message_size - sizeof(_MESSAGE_HEADER)), type, {}});
-}
+// The header and the number of cameras.
+constexpr uint64_t kCameraListHeaderSize = sizeof(_MESSAGE_HEADER) + sizeof(int32_t);
 
 template <class Request>
 std::optional<Request> ReadExactly(const uint8_t* body, uint64_t length) {
     if (length != sizeof(Request)) {
         return std::nullopt;
     }
-    Request request;
-    std::memcpy(&request, body, sizeof request);
-    return request;
+    return ReadRecord<Request>(body);
 }
 
 // A text that fills the field has no terminating zero.
@@ -65,14 +54,13 @@ uint32_t ReadCloseRequest(const uint8_t* body, uint64_t length) {
 }
 
 void WriteStateNotice(uint8_t* message, CameraState state, uint32_t id) {
-    message = PutHeader(message, kStateNoticeSize, kCameraState);
-    message = Put<uint32_t>(message, state);
-    Put(message, id);
+    message = WriteHeader(message, kCameraState, sizeof(StateNotice));
+    WriteRecord(message, StateNotice{state, id});
 }
 
 void WriteVersionReply(uint8_t* message) {
-    message = PutHeader(message, kVersionReplySize, kVersionReply);
-    Put(message, kProtocolVersion);
+    message = WriteHeader(message, kVersionReply, sizeof kProtocolVersion);
+    WriteRecord(message, kProtocolVersion);
 }
 
 uint64_t CameraListSize(const std::vector<CameraDeviceInfo>& cameras) {
@@ -84,21 +72,21 @@ uint64_t CameraListSize(const std::vector<CameraDeviceInfo>& cameras) {
 }
 
 void WriteCameraList(uint8_t* message, const std::vector<CameraDeviceInfo>& cameras) {
-    message = PutHeader(message, CameraListSize(cameras), kCameraList);
-    message = Put(message, static_cast<int32_t>(cameras.size()));
+    message = WriteHeader(message, kCameraList,
+                          static_cast<uint32_t>(CameraListSize(cameras) - sizeof(_MESSAGE_HEADER)));
+    message = WriteRecord(message, static_cast<int32_t>(cameras.size()));
     for (const CameraDeviceInfo& camera : cameras) {
-        message = Put(message, RecordOf(camera));
+        message = WriteRecord(message, RecordOf(camera));
         for (const auto& [width, height] : camera.resolutions) {
-            message =
-                Put(message, ResolutionPair{static_cast<uint32_t>(width), static_cast<uint32_t>(height)});
+            message = WriteRecord(
+                message, ResolutionPair{static_cast<uint32_t>(width), static_cast<uint32_t>(height)});
         }
     }
 }
 
 void WriteVideoFrameHeader(uint8_t* message, uint32_t id, uint32_t encoded_size) {
-    message = PutHeader(message, kVideoFrameHeaderSize + encoded_size, kVideoFrame);
-    message = Put(message, id);
-    Put(message, encoded_size);
+    message = WriteHeader(message, kVideoFrame, static_cast<uint32_t>(sizeof(VideoFrameHead)) + encoded_size);
+    WriteRecord(message, VideoFrameHead{id, encoded_size});
 }
 
 }  // namespace zumod

@@ -29,17 +29,17 @@ std::optional<PropertyRequest> ReadPropertyRequest(const uint8_t* body, uint64_t
 uint32_t ReadCloseRequest(const uint8_t* body, uint64_t length);
 
 // Each writer fills a message of the size that is declared above it.
-inline constexpr uint64_t kStateNoticeSize = 16;
+inline constexpr uint64_t kStateNoticeSize = sizeof(_MESSAGE_HEADER) + sizeof(StateNotice);
 void WriteStateNotice(uint8_t* message, CameraState state, uint32_t id);
 
-inline constexpr uint64_t kVersionReplySize = 12;
+inline constexpr uint64_t kVersionReplySize = sizeof(_MESSAGE_HEADER) + sizeof kProtocolVersion;
 void WriteVersionReply(uint8_t* message);
 
 uint64_t CameraListSize(const std::vector<CameraDeviceInfo>& cameras);
 void WriteCameraList(uint8_t* message, const std::vector<CameraDeviceInfo>& cameras);
 
 // Only the part before the encoded bytes.
-inline constexpr uint64_t kVideoFrameHeaderSize = 16;
+inline constexpr uint64_t kVideoFrameHeaderSize = sizeof(_MESSAGE_HEADER) + sizeof(VideoFrameHead);
 void WriteVideoFrameHeader(uint8_t* message, uint32_t id, uint32_t encoded_size);
 
 }  // namespace zumod

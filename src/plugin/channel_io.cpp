@@ -29,7 +29,7 @@ CRefPtr_T<IBuffer> ReadMessage(IChannelStream& stream, IMemAlloctor& alloctor) {
         return {};
     }
     // Required by the contract: any length is accepted, so a peer that announces 4 GiB has 4 GiB allocated.
-    const uint64_t length = static_cast<const _MESSAGE_HEADER*>(message->GetData())->length;
+    const uint64_t length = ReadHeader(message->GetData()).length;
     if (length != 0) {
         if (message->Resize(sizeof(_MESSAGE_HEADER) + length) == nullptr || !Fill(stream, *message)) {
             return {};
