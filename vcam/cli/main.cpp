@@ -1,156 +1,170 @@
 // zu-vcam: runs a command with virtual cameras.
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "common/command_line.h"
+#include "common/error.h"
+#include "common/module_directory.h"
 #include "vcam/cli/control.h"
 #include "vcam/model/camera_option.h"
 #include "vcam/model/camera_server.h"
+#include "vcam/picture/pixel_format.h"
 
 namespace zumod::vcam {
 namespace {
 
-constexpr int kUsageError = 2;
+constexpr char kProgram[] = "zu-vcam";
+constexpr char kLibrary[] = "libzu-vcam-preload.so";
+// As a shell reports a command that cannot be run, and one that does not exist.
 constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
-constexpr char kHelp[] =
-    "Usage: zu-vcam [--camera KEY=VALUE,...]... [--name NAME] [--] COMMAND [ARGUMENT]...\n"
-    "       zu-vcam ctl [--name NAME] CAMERA FAULT|clear|status\n"
-    "\n"
-    "Runs COMMAND with virtual cameras at /dev/videoN: no kernel module, no root. They behave like a\n"
-    "driver, also towards the programs that COMMAND starts.\n"
-    "\n"
-    "  --camera LIST    a camera, as in card=\"Front Camera\",formats=NV12:YUYV,sizes=640x480,fps=30;\n"
-    "                   may be given several times; one camera with defaults if it is not given\n"
-    "  --name NAME      calls the cameras' server NAME, so that ctl can reach it from elsewhere\n"
-    "  --list-options   prints every key of --camera and every fault\n"
-    "  --help           this text\n"
-    "\n"
-    "ctl tells camera CAMERA (0 is the first that was given) what to do while it runs.\n";
+constexpr char kUsage[] =
+    "Usage: zu-vcam [--camera LIST]... [--name NAME] [--] COMMAND [ARGUMENT]...\n"
+    "       zu-vcam ctl [--name NAME] CAMERA FAULT|clear|status\n";
+constexpr char kDescription[] =
+    "Runs COMMAND with virtual cameras at /dev/videoN, without a kernel module and without root.\n"
+    "COMMAND and the programs it starts find them as they find a driver's cameras.";
 
-int UsageError(const std::string& text) {
-    std::fprintf(stderr, "zu-vcam: %s (see --help)\n", text.c_str());
-    return kUsageError;
-}
-
-// The preload library beside the program in the build tree, under ../lib in an installed one.
-std::string FindLibrary() {
-    char path[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-    if (length <= 0 || length == static_cast<ssize_t>(sizeof path)) {
-        return {};
-    }
-    std::string directory(path, static_cast<size_t>(length));
-    directory.resize(directory.rfind('/'));
-    for (const char* place : {ZU_VCAM_LIBRARY_PLACES}) {
-        std::string candidate = directory + "/" + place + "/" + ZU_VCAM_LIBRARY_NAME;
-        if (access(candidate.c_str(), R_OK) == 0) {
-            char* resolved = realpath(candidate.c_str(), nullptr);
-            if (resolved != nullptr) {
-                candidate = resolved;
-                std::free(resolved);
-            }
-            return candidate;
-        }
-    }
-    return {};
-}
-
-struct Arguments {
-    std::vector<CameraConfig> cameras;
-    std::string name;
-    std::vector<char*> command;
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override { return kUsage; }
 };
 
-int RunControl(int count, char** words) {
-    int next = 0;
-    std::string name;
-    if (count >= 2 && std::strcmp(words[0], "--name") == 0) {
-        name = words[1];
-        next = 2;
-    }
-    if (count - next != 2) {
-        return UsageError("ctl takes the number of a camera and a command");
-    }
-    std::string answer;
-    const bool good = SendControl(std::string(words[next]) + " " + words[next + 1], answer, name);
-    if (!good) {
-        std::fprintf(stderr, "zu-vcam: %s\n", answer.c_str());
-        return kUsageError;
-    }
-    if (!answer.empty()) {
-        std::printf("%s\n", answer.c_str());
-    }
-    return 0;
+struct Options {
+    std::vector<CameraConfig> cameras;
+    std::string server_name;
+    std::vector<std::string> command;
+};
+
+CLI::Option* AddNameOption(CLI::App& app, std::string& name, const std::string& help) {
+    return app.add_option("--name", name, help)->type_name("NAME");
 }
 
-// 0 to go on, otherwise the exit status plus one.
-int ReadArguments(int count, char** words, Arguments& arguments) {
-    int next = 1;
-    while (next < count && words[next][0] == '-') {
-        const std::string word = words[next++];
-        if (word == "--") {
-            break;
+// As ParseCommandLine, with a plainer text for an option at the end of the line.
+Expected<void> Parse(CLI::App& app, int count, const char* const* words) {
+    auto result = ParseCommandLine(app, count, words);
+    if (!result) {
+        const std::string& text = result.error().text;
+        if (const size_t end = text.find(": 1 required"); end != std::string::npos) {
+            return FailUsage(text.substr(0, end) + " needs a value");
         }
-        if (word == "--help") {
-            std::fputs(kHelp, stdout);
-            return 1;
-        }
-        if (word == "--list-options") {
-            std::fputs(DescribeOptions().c_str(), stdout);
-            return 1;
-        }
-        if (word != "--camera" && word != "--name") {
-            return 1 + UsageError("unknown option \"" + word + "\"");
-        }
-        if (next == count) {
-            return 1 + UsageError(word + " needs a value");
-        }
-        const char* value = words[next++];
-        if (word == "--name") {
-            arguments.name = value;
-            continue;
-        }
-        CameraConfig config;
-        std::string error;
-        if (!ParseCamera(value, config, error)) {
-            return 1 + UsageError("--camera: " + error);
-        }
-        arguments.cameras.push_back(config);
     }
-    arguments.command.assign(words + next, words + count);
-    arguments.command.push_back(nullptr);
-    return 0;
+    return result;
+}
+
+// The words after the options. CLI11 also leaves a "--" and options that it does not know there.
+Expected<std::vector<std::string>> CommandOf(const CLI::App& app) {
+    std::vector<std::string> words = app.remaining();
+    if (!words.empty() && words.front() == "--") {
+        words.erase(words.begin());
+    } else if (!words.empty() && words.front().rfind('-', 0) == 0) {
+        return FailUsage("unknown option \"" + words.front() + "\"");
+    }
+    if (words.empty()) {
+        return FailUsage("no command given");
+    }
+    return words;
+}
+
+Expected<Options> ParseOptions(int count, const char* const* words) {
+    CLI::App app(kDescription, kProgram);
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.footer(
+        "Formats: " + FormatNames() +
+        "\n\nctl gives camera CAMERA a fault while it runs (0 is the first --camera).\n"
+        "Exit status: COMMAND's; 128 and the number of the signal that ended it; 127 if there is no such\n"
+        "command, 126 if it cannot be run; 2 wrong options, 1 another failure.");
+    AddHelpAndVersion(app);
+    Options options;
+    std::vector<std::string> cameras;
+    bool list_options = false;
+    app.add_option("--camera", cameras,
+                   "Adds a camera, as in card=\"Front Camera\",formats=NV12:YUYV,sizes=640x480,fps=30\n"
+                   "(default: one camera with the defaults); may be given several times")
+        ->type_name("LIST")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    AddNameOption(app, options.server_name,
+                  "Names the cameras' server, so that ctl finds it from outside COMMAND");
+    app.add_flag("--list-options", list_options, "Prints every key of --camera and every fault");
+    app.prefix_command();
+    if (const auto result = Parse(app, count, words); !result) {
+        return tl::make_unexpected(result.error());
+    }
+    if (list_options) {
+        return Fail(DescribeOptions(), 0);
+    }
+    for (const std::string& text : cameras) {
+        std::string error;
+        if (!ParseCamera(text, options.cameras.emplace_back(), error)) {
+            return FailUsage("--camera: " + error);
+        }
+    }
+    auto command = CommandOf(app);
+    if (!command) {
+        return tl::make_unexpected(command.error());
+    }
+    options.command = std::move(*command);
+    if (options.cameras.empty()) {
+        options.cameras.emplace_back();
+    }
+    return options;
+}
+
+Expected<int> RunControl(int count, const char* const* words) {
+    CLI::App app("Gives a running camera a fault, removes its faults or prints its state.", "zu-vcam ctl");
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.set_help_flag("--help", "Print this text and exit");
+    std::string name;
+    std::vector<std::string> line;
+    AddNameOption(app, name, "The cameras' server (default: the one whose COMMAND this runs in)");
+    app.add_option("line", line)->group("");  // described by the usage
+    if (const auto result = Parse(app, count, words); !result) {
+        return tl::make_unexpected(result.error());
+    }
+    if (line.size() != 2) {
+        return FailUsage("ctl takes the number of a camera and a command");
+    }
+    return SendControl(line[0] + " " + line[1], name).map([](const std::string& answer) {
+        if (!answer.empty()) {
+            std::printf("%s\n", answer.c_str());
+        }
+        return 0;
+    });
 }
 
 void SetEnvironment(const std::string& library, const std::string& server_name) {
     const char* others = getenv("LD_PRELOAD");
-    // After the others: a sanitizer's run time insists on being the first.
+    // Behind the others: a sanitizer's run-time library must be the first.
     const std::string preload = others == nullptr || *others == 0 ? library : others + (":" + library);
     setenv("LD_PRELOAD", preload.c_str(), 1);
     setenv(kServerVariable, server_name.c_str(), 1);
 }
 
-[[noreturn]] void Execute(const std::vector<char*>& command, const sigset_t& signals) {
+[[noreturn]] void Execute(std::vector<std::string> command, const sigset_t& signals) {
+    std::vector<char*> words;
+    for (std::string& word : command) {
+        words.push_back(word.data());
+    }
+    words.push_back(nullptr);
     sigprocmask(SIG_SETMASK, &signals, nullptr);
-    execvp(command[0], command.data());
+    execvp(words[0], words.data());
     const int error = errno;
-    std::fprintf(stderr, "zu-vcam: cannot run \"%s\": %s\n", command[0], std::strerror(error));
+    std::fprintf(stderr, "%s: cannot run \"%s\": %s\n", kProgram, words[0], ErrnoText(error).c_str());
     _exit(error == ENOENT ? kNotFound : kCannotRun);
 }
 
-// Waits for the command and passes on what it is sent; its status as a shell gives it.
+// Waits for the command to end and forwards signals to it. Returns its status as a shell would.
 int Supervise(pid_t child, const sigset_t& signals) {
     for (;;) {
         siginfo_t info{};
@@ -158,7 +172,7 @@ int Supervise(pid_t child, const sigset_t& signals) {
             continue;
         }
         if (info.si_signo != SIGCHLD) {
-            // What a terminal sends reaches the command by itself.
+            // The kernel sends a terminal's signals to the command as well.
             if (info.si_code <= 0) {
                 kill(child, info.si_signo);
             }
@@ -171,26 +185,12 @@ int Supervise(pid_t child, const sigset_t& signals) {
     }
 }
 
-int Run(int count, char** words) {
-    if (count >= 2 && std::strcmp(words[1], "ctl") == 0) {
-        return RunControl(count - 2, words + 2);
+Expected<int> RunCommand(Options options) {
+    const std::string library = FindModuleDirectory() + "/" + kLibrary;
+    if (access(library.c_str(), R_OK) != 0) {
+        return Fail(std::string(kLibrary) + " is not where it belongs");
     }
-    Arguments arguments;
-    if (const int result = ReadArguments(count, words, arguments); result != 0) {
-        return result - 1;
-    }
-    if (arguments.command[0] == nullptr) {
-        return UsageError("no command given");
-    }
-    if (arguments.cameras.empty()) {
-        arguments.cameras.emplace_back();
-    }
-    const std::string library = FindLibrary();
-    if (library.empty()) {
-        std::fprintf(stderr, "zu-vcam: %s is not where it belongs\n", ZU_VCAM_LIBRARY_NAME);
-        return 1;
-    }
-    // Every thread inherits the mask: signals wait for sigwaitinfo.
+    // Every thread inherits the mask: only sigwaitinfo receives these signals.
     sigset_t handled;
     sigset_t before;
     sigemptyset(&handled);
@@ -199,25 +199,32 @@ int Run(int count, char** words) {
     }
     sigprocmask(SIG_BLOCK, &handled, &before);
     std::string error;
-    const auto server = CameraServer::Start(std::move(arguments.cameras), error, arguments.name);
+    const auto server = CameraServer::Start(std::move(options.cameras), error, options.server_name);
     if (!server) {
-        return UsageError(error);
+        return FailUsage(error);
     }
     SetEnvironment(library, server->Name());
     const pid_t child = fork();
     if (child < 0) {
-        std::fprintf(stderr, "zu-vcam: cannot start a process: %s\n", std::strerror(errno));
-        return 1;
+        return Fail("cannot start a process: " + ErrnoText(errno));
     }
     if (child == 0) {
-        Execute(arguments.command, before);
+        Execute(std::move(options.command), before);
     }
     return Supervise(child, handled);
+}
+
+Expected<int> Run(int count, const char* const* words) {
+    if (count >= 2 && std::string_view(words[1]) == "ctl") {
+        return RunControl(count - 1, words + 1);
+    }
+    return ParseOptions(count, words).and_then(RunCommand);
 }
 
 }  // namespace
 }  // namespace zumod::vcam
 
 int main(int argc, char** argv) {
-    return zumod::vcam::Run(argc, argv);
+    const auto status = zumod::vcam::Run(argc, argv);
+    return status ? *status : zumod::ReportError(zumod::vcam::kProgram, status.error());
 }

@@ -406,30 +406,22 @@ TEST(Preload, SlowOpenTakesTheGivenTime) {
 
 TEST(Preload, AcceptsControlLinesFromAnyProcess) {
     PreloadedCameras cameras{"", "device=4"};
-    EXPECT_TRUE(InChild([] {
-        std::string answer;
-        return SendControl("1 unplug", answer) && answer.empty();
-    }));
+    EXPECT_TRUE(InChild([] { return SendControl("1 unplug") == std::string(); }));
     EXPECT_EQ(cameras.At(1).Number(), -1);
-    std::string answer;
-    ASSERT_TRUE(SendControl("1 replug-as/9", answer));
+    ASSERT_TRUE(SendControl("1 replug-as/9"));
     EXPECT_EQ(cameras.At(1).Number(), 9);
-    ASSERT_TRUE(SendControl("1 status", answer));
     EXPECT_EQ(
-        answer,
+        SendControl("1 status"),
         "device=/dev/video9 present=yes streaming=no open=0 format=NV12 size=640x480 fps=30/1 delivered=0 "
         "dropped=0");
-    EXPECT_FALSE(SendControl("2 status", answer));
-    EXPECT_FALSE(SendControl("0 nonsense", answer));
-    EXPECT_EQ(answer, "unknown fault \"nonsense\"");
+    EXPECT_FALSE(SendControl("2 status"));
+    EXPECT_EQ(SendControl("0 nonsense"), Fail("unknown fault \"nonsense\"", kExitUsage));
 }
 
 TEST(Preload, CannotControlWithoutAServer) {
-    std::string answer;
-    EXPECT_FALSE(SendControl("0 status", answer));
-    EXPECT_EQ(answer, "no virtual cameras here: ZU_VCAM is not set");
-    EXPECT_FALSE(SendControl("0 status", answer, "nobody-has-this-name"));
-    EXPECT_EQ(answer, "the server of the virtual cameras does not answer");
+    EXPECT_EQ(SendControl("0 status"), Fail("no virtual cameras here: ZU_VCAM is not set", kExitUsage));
+    EXPECT_EQ(SendControl("0 status", "nobody-has-this-name"),
+              Fail("the server of the virtual cameras does not answer", kExitUsage));
 }
 
 TEST(Preload, ReportsNoDeviceAfterTheEndOfItsServer) {
