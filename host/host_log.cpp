@@ -89,7 +89,8 @@ void HostLog::Write(uint32_t level, const std::string& text) {
 }
 
 bool HostLog::Put(const std::string& line) {
-    // A pipe that is ready takes PIPE_BUF bytes without blocking.
+    // Any thread may log, so this waits in its own poll(). A pipe that is ready takes PIPE_BUF bytes without
+    // blocking.
     for (size_t done = 0; done < line.size();) {
         pollfd watched{m_descriptor, POLLOUT, 0};
         if (poll(&watched, 1, m_dropped != 0 ? 0 : kPatienceMilliseconds) != 1) {

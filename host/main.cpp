@@ -12,6 +12,7 @@
 #include "common/module_runtime.h"
 #include "common/standard_descriptors.h"
 #include "common/stop_signals.h"
+#include "common/waiter.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"
 #include "host/listener.h"
@@ -51,7 +52,7 @@ Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
 }
 
 Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_streams, HostLog& log,
-                     const StopSignals& signals) {
+                     Waiter& waiter) {
     CameraModule module;
     if (const auto loaded = module.Load(); !loaded) {
         return loaded;
@@ -60,7 +61,7 @@ Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_
         log.Write(kLogIgnored, "[host] no video can be sent, because " + loaded.error().text);
     }
     if (options.stdio) {
-        ServeOnePeer(std::move(standard_streams), module, signals);
+        ServeOnePeer(std::move(standard_streams), module, waiter);
         return {};
     }
     const auto listener = Listener::Open(options.listen);
@@ -69,7 +70,7 @@ Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_
     }
     std::fprintf(stderr, "%s: listening on %s, cameras are listed on request\n", kProgram,
                  options.listen.c_str());
-    ServePeers(**listener, module, log, signals);
+    ServePeers(**listener, module, log, waiter);
     return {};
 }
 
@@ -79,6 +80,7 @@ Expected<void> Run(int count, const char* const* words) {
         return tl::make_unexpected(options.error());
     }
     const StopSignals signals;
+    Waiter waiter(&signals);
     CRefPtr_T<PeerStream> standard_streams;
     if (options->stdio) {
         auto taken = PeerStream::FromStandardStreams();
@@ -98,7 +100,7 @@ Expected<void> Run(int count, const char* const* words) {
     static ModuleRuntime& runtime = *new ModuleRuntime(
         [](uint32_t level, const char* text) { log.Write(level, text); }, options->properties);
     AttachRuntime(&runtime);
-    return Serve(*options, std::move(standard_streams), log, signals);
+    return Serve(*options, std::move(standard_streams), log, waiter);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,13 +17,8 @@
 namespace zumod::host {
 namespace {
 
-constexpr int kForever = -1;
-constexpr int kPauseMilliseconds = 100;
-
-bool IsReadable(int descriptor, int milliseconds) {
-    pollfd watched{descriptor, POLLIN, 0};
-    return poll(&watched, 1, milliseconds) == 1;
-}
+constexpr Clock::time_point kNever = Clock::time_point::max();
+constexpr auto kPause = std::chrono::milliseconds(100);
 
 // A probe (connect, then close) is already gone.
 bool HasLeft(int socket) {
@@ -32,31 +28,23 @@ bool HasLeft(int socket) {
 
 class PeerAcceptor {
 public:
-    PeerAcceptor(const Listener& listener, CameraModule& module, HostLog& log, const StopSignals& signals)
-        : m_listener(listener), m_module(module), m_log(log), m_signals(signals) {}
+    PeerAcceptor(const Listener& listener, CameraModule& module, HostLog& log, Waiter& waiter)
+        : m_listener(listener), m_module(module), m_log(log), m_waiter(waiter) {}
+    PeerAcceptor(const PeerAcceptor&) = delete;
+    PeerAcceptor& operator=(const PeerAcceptor&) = delete;
 
     void Run() {
-        for (;;) {
-            pollfd watched[] = {{m_signals.Descriptor(), POLLIN, 0},
-                                {m_session ? m_session->Done() : -1, POLLIN, 0},
-                                {m_listener.Descriptor(), POLLIN, 0}};
-            if (poll(watched, 3, kForever) < 0) {
-                continue;
+        do {
+            if (!m_peer_waits && Clock::now() >= m_retry) {
+                m_peer_waits = m_waiter.Watch(m_listener.Descriptor(), POLLIN, [this] { AcceptPeer(); });
+                m_retry = kNever;
             }
-            if (watched[0].revents != 0) {
-                return;
-            }
-            if (watched[1].revents != 0) {
-                EndSession();
-            }
-            if (watched[2].revents != 0) {
-                AcceptPeer();
-            }
-        }
+        } while (m_waiter.Wait(m_retry) != Waiter::Result::kSignal);
     }
 
 private:
     void EndSession() {
+        m_session_is_done.Reset();
         m_session.reset();
         m_log.Write(kLogEvent, "[host] the peer has gone");
     }
@@ -87,6 +75,7 @@ private:
         }
         m_log.Write(kLogEvent, "[host] a peer has come");
         m_session.emplace(m_module, CRefPtr_T<PeerStream>(new PeerStream(std::move(peer))));
+        m_session_is_done = m_waiter.Watch(m_session->Done(), POLLIN, [this] { EndSession(); });
     }
 
     void OnAcceptFailure(int error) {
@@ -94,28 +83,30 @@ private:
             return;
         }
         m_log.Write(kLogFailure, "[host] no peer can be taken: " + ErrnoText(error));
-        // Most likely no descriptor is left. The peer stays in the queue until the next attempt.
-        (void)IsReadable(m_signals.Descriptor(), kPauseMilliseconds);
+        // Most likely no descriptor is left. The peer stays in the socket's queue until the next attempt.
+        m_peer_waits.Reset();
+        m_retry = Clock::now() + kPause;
     }
 
     const Listener& m_listener;
     CameraModule& m_module;
     HostLog& m_log;
-    const StopSignals& m_signals;
+    Waiter& m_waiter;
     std::optional<Session> m_session;
+    Waiter::Registration m_session_is_done;
+    Waiter::Registration m_peer_waits;
+    Clock::time_point m_retry{};  // when to accept peers again, while m_peer_waits is not registered
 };
 
 }  // namespace
 
-void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, const StopSignals& signals) {
-    PeerAcceptor(listener, module, log, signals).Run();
+void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, Waiter& waiter) {
+    PeerAcceptor(listener, module, log, waiter).Run();
 }
 
-void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, const StopSignals& signals) {
+void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, Waiter& waiter) {
     const Session session(module, std::move(stream));
-    pollfd watched[] = {{signals.Descriptor(), POLLIN, 0}, {session.Done(), POLLIN, 0}};
-    while (poll(watched, 2, kForever) < 0) {
-    }
+    waiter.WaitFor(session.Done(), POLLIN, kNever);
 }
 
 }  // namespace zumod::host

@@ -4,7 +4,7 @@
 // peer away and react to signals.
 #pragma once
 
-#include "common/stop_signals.h"
+#include "common/waiter.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"
 #include "host/listener.h"
@@ -13,10 +13,10 @@
 
 namespace zumod::host {
 
-// Serves one peer after another until a signal is pending.
-void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, const StopSignals& signals);
+// Serves one peer after another until a stop signal.
+void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, Waiter& waiter);
 
-// Serves this peer until it leaves or a signal is pending.
-void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, const StopSignals& signals);
+// Serves this peer until it leaves or a stop signal.
+void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, Waiter& waiter);
 
 }  // namespace zumod::host

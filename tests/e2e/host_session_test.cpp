@@ -1,5 +1,6 @@
 // What peers receive from the reference host, over sockets and pipes.
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -55,6 +56,19 @@ TEST_F(HostSession, AProbeThatConnectsAndClosesDisturbsNoPeer) {
     const auto host = Start();
     { Connect(); }
     ExpectServed(Connect());
+}
+
+TEST_F(HostSession, APeerIsAcceptedOnceTheHostHasADescriptorForIt) {
+    const auto host = Start();
+    // Enough for the descriptors that are open and for poll(), and not one more.
+    rlimit before{};
+    ASSERT_EQ(prlimit(host->Pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit full{4, before.rlim_max};
+    ASSERT_EQ(prlimit(host->Pid(), RLIMIT_NOFILE, &full, nullptr), 0);
+    const PeerClient peer = Connect();
+    EXPECT_TRUE(host->Says("error   [host] no peer can be taken: Too many open files"));
+    ASSERT_EQ(prlimit(host->Pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    ExpectServed(peer);
 }
 
 // Waits until the channel is full, so that the host blocks in a write.
