@@ -12,10 +12,8 @@ namespace {
 
 using namespace zumod;
 
-class Encoder final : public IVEncoder, private CReference {
+class Encoder final : public CCounted_T<IVEncoder> {
 public:
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     bool QueryInterface(const char*, void**) override { return false; }
     bool SetProperty(const char* key, IZUModData* value) override {
         if (std::strcmp(key, kPropertyHardware) != 0) {

@@ -177,12 +177,10 @@ double MicrosecondsSince(uint64_t monotonic_us) {
 
 // A stream that notes, when a frame's last byte is written, how long ago the camera had painted it, less the
 // time the encoder took. Written and read by the send thread until it is gone.
-class LatencyStream final : public IChannelStream, private CReference {
+class LatencyStream final : public CCounted_T<IChannelStream> {
 public:
     LatencyStream(int fd, std::vector<double>& latencies) : m_inner(StreamTo(fd)), m_latencies(latencies) {}
 
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     int Read(void*, unsigned long, unsigned long*) override { return -1; }
     int Write(const void* data, unsigned long size, unsigned long* done) override {
         const int result = m_inner->Write(data, size, done);

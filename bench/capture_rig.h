@@ -27,10 +27,10 @@
 #include <vector>
 
 #include "bench/stamped_packet.h"
-#include "src/loader/mod_data.h"
 #include "src/plugin/client_camera.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/socket_stream.h"
+#include "zumod/values.h"
 
 namespace zumod::bench {
 

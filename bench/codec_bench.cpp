@@ -9,11 +9,11 @@
 
 #include "bench/paired.h"
 #include "common/av_objects.h"
-#include "src/loader/create_policy_adapter.h"
-#include "src/loader/mod_data.h"
 #include "zumod/codec.h"
 #include "zumod/descriptor.h"
 #include "zumod/enc_args.h"
+#include "zumod/policies.h"
+#include "zumod/values.h"
 
 extern "C" {
 #include <libavutil/opt.h>

@@ -11,10 +11,10 @@
 #include "src/base/create_buffer.h"
 #include "src/bridge/venc_args.h"
 #include "src/loader/codec_factory.h"
-#include "src/loader/create_policy_adapter.h"
-#include "src/loader/mod_data.h"
 #include "src/module/attach_runtime.h"
 #include "zumod/descriptor.h"
+#include "zumod/policies.h"
+#include "zumod/values.h"
 
 namespace {
 

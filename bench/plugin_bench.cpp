@@ -112,12 +112,10 @@ BENCHMARK(ReceiveLoop)->Args({64, 20000})->Args({64 << 10, 2000})->Args({4 << 20
 constexpr size_t kFrameSize = 20 << 10;
 
 // Takes the bytes the way a socket would, and tells when the last one of a message was written.
-class TimedStream final : public IChannelStream, private CReference {
+class TimedStream final : public CCounted_T<IChannelStream> {
 public:
     TimedStream() { sem_init(&m_written, 0, 0); }
     ~TimedStream() override { sem_destroy(&m_written); }
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     int Read(void*, unsigned long, unsigned long*) override { return -1; }
     int Write(const void* data, unsigned long size, unsigned long* done) override {
         std::memcpy(m_sink, data, size);

@@ -54,8 +54,6 @@ target_compile_options(
             $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
             $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
             $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
-            # An object has its interface's virtual IReference beside CReference's.
-            $<$<COMPILE_LANGUAGE:CXX>:-Wno-inaccessible-base>
             $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
             # A unique symbol would keep a shared object mapped after its last dlclose.
             $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>

@@ -5,12 +5,12 @@
 
 #include <string>
 
-#include "codec/policy_values.h"
 #include "codec/video_decoder.h"
 #include "codec/video_encoder.h"
 #include "common/av_objects.h"
 #include "src/module/log.h"
 #include "zumod/codec.h"
+#include "zumod/policies.h"
 
 namespace zumod {
 namespace {
@@ -29,20 +29,14 @@ void KeepLibavcodecLoaded() {
     static_cast<void>(kept);
 }
 
-// The slot is typed for any interface; what it gets is the table that was asked for.
-template <class Interface>
-int Store(Interface* object, IZUModInterface** out) {
-    *out = static_cast<IZUModInterface*>(static_cast<void*>(CRefPtr_T<Interface>(object).Detach()));
-    return 1;
-}
-
 int CreateEncoder(IZUModCreatePolicy& policy, IZUModInterface** out) {
     EncoderPolicy wanted;
     wanted.fast_conversion = PolicyBool(policy, kPolicyEncRapidSub);
     wanted.no_stream_header = PolicyBool(policy, kPolicyEncNoStreamHeader);
     wanted.file_record = PolicyBool(policy, kPolicyEncFileRecord);
     wanted.source_rgb = PolicyBool(policy, kPolicyEncSourceRgb);
-    return Store<IVEncoder>(new CVideoEncoder(wanted), out);
+    StoreInterface<IVEncoder>(new CVideoEncoder(wanted), out);
+    return 1;
 }
 
 int CreateDecoder(IZUModCreatePolicy& policy, IZUModInterface** out) {
@@ -52,7 +46,8 @@ int CreateDecoder(IZUModCreatePolicy& policy, IZUModInterface** out) {
         return 0;
     }
     auto* screen_buffer = reinterpret_cast<uint8_t*>(PolicyPointer(policy, kPolicyDecScreenBuffer));
-    return Store<IVDecoder>(new CVideoDecoder(static_cast<VideoTargetFormat>(target), screen_buffer), out);
+    StoreInterface<IVDecoder>(new CVideoDecoder(static_cast<VideoTargetFormat>(target), screen_buffer), out);
+    return 1;
 }
 
 }  // namespace

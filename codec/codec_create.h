@@ -6,9 +6,6 @@
 
 namespace zumod {
 
-// The only kind of encoded picture that this module supports: H.264, also known as AVC.
-inline constexpr uint64_t kImageTypeH264 = 9;
-
 // [any thread]. Creates the encoder or decoder that `policy` asks for by interface name, version and image
 // type. On success stores the requested interface pointer in `*out`, with one reference for the caller, and
 // returns 1. Otherwise logs one line, leaves `*out` unchanged and returns 0.

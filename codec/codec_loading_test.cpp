@@ -2,10 +2,10 @@
 #include <gtest/gtest.h>
 
 #include "src/loader/codec_factory.h"
-#include "src/loader/mod_data.h"
 #include "tests/support/doubles/codec_calls.h"
 #include "tests/support/doubles/picture_pattern.h"
 #include "tests/support/doubles/recording_host.h"
+#include "zumod/values.h"
 
 namespace zumod::testing {
 namespace {

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "src/loader/mod_data.h"
 #include "src/module/log.h"
+#include "zumod/values.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>

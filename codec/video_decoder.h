@@ -13,13 +13,10 @@
 
 namespace zumod {
 
-class CVideoDecoder final : public IVDecoder, private CReference {
+class CVideoDecoder final : public CCounted_T<IVDecoder> {
 public:
     // `screen_buffer` is the caller's frame buffer or null.
     CVideoDecoder(VideoTargetFormat target, uint8_t* screen_buffer);
-
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
 
     // Accepts "IVDecoder" in any letter case.
     bool QueryInterface(const char* name, void** out) override;

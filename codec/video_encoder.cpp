@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "src/loader/mod_data.h"
 #include "src/module/log.h"
+#include "zumod/values.h"
 
 namespace zumod {
 

@@ -13,12 +13,9 @@
 
 namespace zumod {
 
-class CVideoEncoder final : public IVEncoder, private CReference {
+class CVideoEncoder final : public CCounted_T<IVEncoder> {
 public:
     explicit CVideoEncoder(const EncoderPolicy& policy) : m_policy(policy) {}
-
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
 
     // Accepts "IVEncoder" in any letter case.
     bool QueryInterface(const char* name, void** out) override;

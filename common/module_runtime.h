@@ -9,9 +9,9 @@
 #include <map>
 #include <string>
 
-#include "src/loader/mod_data.h"
 #include "zumod/ref_ptr.h"
 #include "zumod/runtime.h"
+#include "zumod/values.h"
 
 namespace zumod {
 

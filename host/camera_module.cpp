@@ -5,10 +5,10 @@
 
 #include <string>
 
-#include "src/loader/create_policy_adapter.h"
 #include "src/loader/load_module.h"
 #include "src/loader/module_path.h"
 #include "zumod/codec.h"
+#include "zumod/policies.h"
 
 namespace zumod::host {
 namespace {

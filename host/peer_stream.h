@@ -16,7 +16,7 @@ namespace zumod::host {
 // Read and Write block, as IChannelStream requires, so each waits in poll() by itself. Every such wait also
 // waits for the stream's end: End makes all current and later calls fail, and a peer that is stuck blocks no
 // thread. The flags of the descriptors stay unchanged, because other programs may share a pipe.
-class PeerStream final : public IChannelStream, private CReference {
+class PeerStream final : public CCounted_T<IChannelStream> {
 public:
     // Both directions on one socket.
     explicit PeerStream(UniqueFd socket);
@@ -27,9 +27,6 @@ public:
     // here on stdout is redirected to stderr, so stray output from libraries cannot corrupt the channel.
     // Fails if either is closed or a terminal.
     static Expected<CRefPtr_T<PeerStream>> FromStandardStreams();
-
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
 
     int Read(void* data, unsigned long size, unsigned long* done) override;
     // Writes all bytes, or fails and ends the stream: nothing may follow a part of a message.

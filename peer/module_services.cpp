@@ -5,8 +5,8 @@
 #include <system_error>
 #include <utility>
 
-#include "src/loader/mod_data.h"
 #include "src/module/attach_runtime.h"
+#include "zumod/values.h"
 
 namespace zumod::peer {
 

@@ -14,8 +14,7 @@ namespace zumod {
 // the plugin's Run, let Read fail; to end a Write that waits, let it fail.
 class IChannelStream : public virtual IReference {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
-    // than its table.
+    // Slots 2, 3: see reference.h.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 

@@ -20,8 +20,7 @@ inline constexpr uint64_t kClientCameraPluginVersion = 0x0002000000000000;
 // Slots 0 to 3 are IReference's.
 class IAutoConfigRaw : public virtual IReference {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
-    // than its table.
+    // Slots 2, 3: see reference.h.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 
@@ -57,8 +56,7 @@ public:
 // face.
 class IClientCameraPlugin : public virtual IPluginRaw, public virtual IZUModInterface {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
-    // than its table.
+    // Slots 2, 3: see reference.h.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 

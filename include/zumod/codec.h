@@ -17,8 +17,9 @@ inline constexpr char kVideoDecoderName[] = "IVDecoder";
 // The version that the camera module asks for, for both: major 1.
 inline constexpr uint64_t kCodecInterfaceVersion = 0x0001000000000002;
 
-// Integer: the kind of encoded picture. The numbers are the codec module's; the camera module asks for 9.
+// Integer: the kind of encoded picture. The numbers are the codec module's; the camera module asks for H.264.
 inline constexpr char kPolicyImageType[] = "zu.codec.policy.imagetype";
+inline constexpr uint32_t kImageTypeH264 = 9;
 // Booleans of the encoder.
 inline constexpr char kPolicyEncRapidSub[] = "zu.codec.policy.enc.rapid.sub";
 inline constexpr char kPolicyEncNoStreamHeader[] = "zu.codec.policy.enc.no.stream.header";
@@ -67,8 +68,7 @@ static_assert(sizeof(VideoInputFormat) == 20);
 // [encode thread]: one thread at a time; the camera module calls slots 2, 3, 5, 10 and 20 only.
 class IVEncoder : public virtual IReference, public virtual IZUModInterface {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
-    // than its table.
+    // Slots 2, 3: see reference.h.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 
@@ -101,8 +101,7 @@ public:
 // design, and the camera module calls neither; "zumod/codec_decode.h" has those of the reference module.
 class IVDecoder : public virtual IReference, public virtual IZUModInterface {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
-    // than its table.
+    // Slots 2, 3: see reference.h.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 

@@ -12,8 +12,6 @@
 
 namespace zumod {
 
-inline constexpr char kDecArgsName[] = "IVDecArgs";
-
 // The values of the policy kPolicyDecTargetAvFormat.
 enum VideoTargetFormat : int64_t {
     kVideoTargetI420 = 0,   // three planes
@@ -68,6 +66,10 @@ static_assert(sizeof(VideoDecodedPicture) == 56);
 // are damaged (one log line), or the decoder waits for more.
 class IVDecArgs : public virtual IReference {
 public:
+    // Slots 2, 3: see reference.h.
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+
     // Slot 4. The first encoded byte; the bytes stay the caller's.
     virtual const void* GetInputData() = 0;
     // Slot 5. How many encoded bytes there are: one whole picture, in Annex B form. 0 asks for the pictures

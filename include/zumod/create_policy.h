@@ -20,8 +20,7 @@ inline constexpr char kPolicyVersion[] = "zu.module.version";
 // Binary table: slots 0 to 3 are IReference's.
 class IZUModCreatePolicy : public virtual IReference {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
-    // than its table.
+    // Slots 2, 3: see reference.h.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 

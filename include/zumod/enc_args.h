@@ -17,8 +17,7 @@ inline constexpr char kEncArgsName[] = "IVEncArgs";
 // call only; the output buffer belongs to this object and lives as long as it.
 class IVEncArgs : public virtual IReference {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
-    // than its table.
+    // Slots 2, 3: see reference.h.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 

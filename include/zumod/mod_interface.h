@@ -1,4 +1,4 @@
-// What every object that a module creates can do: name its other interfaces and take properties.
+// The interface of every object that a module creates: it returns its other interfaces and takes properties.
 //
 // Thread rule: AddRef and Release are [any thread]; all else is [one thread at a time].
 #pragma once
@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "zumod/mod_data.h"
+#include "zumod/ref_ptr.h"
 #include "zumod/reference.h"
 
 namespace zumod {
@@ -13,13 +14,13 @@ namespace zumod {
 // Binary table: slots 0 to 3 are IReference's.
 class IZUModInterface : public virtual IReference {
 public:
-    // Slots 2 and 3, declared again: whoever calls them through this interface needs no more of an object
-    // than its table.
+    // Slots 2, 3: see reference.h.
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 
-    // Slot 4. `name` is NUL-terminated text. On success stores the face of that name, with one reference for
-    // the caller, where `out` points and returns true; otherwise leaves `out` alone and returns false.
+    // Slot 4. `name` is NUL-terminated text. If the object has the interface of that name, stores its
+    // interface pointer where `out` points, with one reference for the caller, and returns true. Otherwise
+    // leaves `out` unchanged and returns false.
     virtual bool QueryInterface(const char* name, void** out) = 0;
 
     // Slot 5. `key` is NUL-terminated text; `value` is borrowed: an object that keeps it adds a reference.
@@ -32,5 +33,20 @@ public:
 };
 
 static_assert(sizeof(IZUModInterface) == sizeof(void*), "IReference must be the primary base");
+
+// A create function's out slot is typed for any interface, but the pointer in it is that of the interface
+// that was asked for: `Interface` here. These two are the only way in and out of such a slot.
+
+// For a module: stores `object` as an `Interface` where `out` points, with one reference for the caller.
+template <class Interface, class Object>
+void StoreInterface(Object* object, IZUModInterface** out) {
+    *out = static_cast<IZUModInterface*>(static_cast<void*>(CRefPtr_T<Interface>(object).Detach()));
+}
+
+// For a host: the owner of the reference that came with the pointer; empty for null.
+template <class Interface>
+CRefPtr_T<Interface> TakeInterface(IZUModInterface* created) {
+    return CRefPtr_T<Interface>::Adopt(static_cast<Interface*>(static_cast<void*>(created)));
+}
 
 }  // namespace zumod

@@ -11,6 +11,8 @@
 #include "zumod/enc_args.h"
 #include "zumod/mod_data.h"
 #include "zumod/mod_interface.h"
+#include "zumod/policies.h"
 #include "zumod/ref_ptr.h"
 #include "zumod/reference.h"
 #include "zumod/runtime.h"
+#include "zumod/values.h"

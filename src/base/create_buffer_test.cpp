@@ -57,10 +57,8 @@ TEST(CreateBuffer, IsEmptyWhenTheAllocatorHasNothing) {
 
 // Hands out blocks of 64 bytes as buffers of 16, as an allocator with a maximum does for a larger request;
 // the block is larger than it says, so that the copy stays in bounds.
-class ShortAlloctor final : public IMemAlloctor, private CReference {
+class ShortAlloctor final : public CCounted_T<IMemAlloctor> {
 public:
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     CRefPtr_T<IBuffer> Alloc(uint64_t size) override {
         asked = size;
         return CRefPtr_T<IBuffer>(new CMemBuffer(this, std::calloc(1, 64), 16));

@@ -8,22 +8,11 @@ namespace zumod {
 
 template class CMemAlloctorEx<CMemBuffer>;
 
-[[gnu::always_inline]] inline void CMemBuffer::GiveBack() {
-    if (IMemAlloctor* const alloctor = m_alloctor) {
-        alloctor->Free(this);
-        alloctor->Release();
-        m_alloctor = nullptr;
-    }
-}
-
 CMemBuffer::~CMemBuffer() {
-    GiveBack();
-}
-
-void CMemBuffer::End() {
-    // Ahead of the destructor, which would set the object's tables back first for the sake of these calls.
-    GiveBack();
-    delete this;
+    if (m_alloctor != nullptr) {
+        m_alloctor->Free(this);
+        m_alloctor->Release();
+    }
 }
 
 uint64_t CMemBuffer::SetSize(uint64_t size) {

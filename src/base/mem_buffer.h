@@ -33,14 +33,7 @@ public:
     static void operator delete(void* object) { std::free(object); }
 
     uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override {
-        bool last = false;
-        const int64_t left = DropReference(last);
-        if (last) {
-            End();
-        }
-        return left;
-    }
+    int64_t Release() override { return CReference::Release(); }
 
     void* GetData() override { return m_data; }
     uint64_t GetSize() override { return m_size; }
@@ -53,11 +46,6 @@ public:
     void* Attach(void* data, uint64_t capacity) override;
 
 private:
-    // Frees the block and drops the reference on the allocator, in this order; a second call does nothing.
-    void GiveBack();
-    // Destroys the object after its last reference.
-    void End();
-
     IMemAlloctor* m_alloctor;  // one reference
     void* m_data;
     uint64_t m_size = 0;

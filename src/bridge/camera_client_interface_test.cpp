@@ -15,10 +15,8 @@ using testing::CallSlot;
 using testing::CameraScript;
 using Calls = std::vector<std::string>;
 
-class ListenerDouble final : public IClientCameraListenter, private CReference {
+class ListenerDouble final : public CCounted_T<IClientCameraListenter> {
 public:
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     void OnVideoPacket(uint32_t id, const void* data, unsigned long length) override {
         calls.push_back("video " + std::to_string(id) + " " +
                         std::string(static_cast<const char*>(data), length));

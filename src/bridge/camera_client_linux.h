@@ -32,6 +32,10 @@
 
 namespace zumod {
 
+// Required by the contract: the bases contain IReference twice, which GCC warns about.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winaccessible-base"
+
 class CCameraClientLinux final : public IClientCamera,
                                  public sigslot::has_slots<sigslot::single_threaded>,
                                  private CReference {
@@ -84,6 +88,8 @@ private:
     LinuxV4L2CameraCapture* const m_capture;
     CRefPtr_T<IVEncoder> m_encoder ZU_GUARDED_BY(m_lock);
 };
+
+#pragma GCC diagnostic pop
 
 static_assert(sizeof(std::atomic<uint8_t>) == 1 && std::atomic<uint8_t>::is_always_lock_free);
 

@@ -16,13 +16,13 @@
 #include <vector>
 
 #include "src/base/create_buffer.h"
-#include "src/loader/mod_data.h"
 #include "tests/support/doubles/device_double.h"
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/test_modules.h"
 #include "tests/support/watch/process_state.h"
 #include "tests/support/watch/wait_until.h"
+#include "zumod/values.h"
 
 namespace zumod {
 namespace {

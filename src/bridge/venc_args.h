@@ -13,6 +13,10 @@
 
 namespace zumod {
 
+// Required by the contract: the bases contain IReference twice, which GCC warns about.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winaccessible-base"
+
 // Slots of the class: 0 to 3 IReference, 4 to 11 IVEncArgs, 12 to 14 its own.
 class CVEncArgs final : private CReference, public virtual IVEncArgs {
 public:
@@ -48,6 +52,8 @@ private:
     CRefPtr_T<IMemAlloctor> m_alloctor;
     CRefPtr_T<IBuffer> m_output;
 };
+
+#pragma GCC diagnostic pop
 
 static_assert(sizeof(CVEncArgs) == sizeof(CReference) + 32 + sizeof(IVEncArgs));
 

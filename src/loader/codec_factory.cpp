@@ -1,8 +1,7 @@
 #include "src/loader/codec_factory.h"
 
-#include "src/loader/create_policy_adapter.h"
 #include "src/loader/load_module.h"
-#include "src/loader/mod_data.h"
+#include "zumod/policies.h"
 
 namespace zumod {
 namespace {
@@ -20,8 +19,7 @@ template <class Codec>
 CRefPtr_T<Codec> CreateCodec(const PolicyPtr& policy) {
     IZUModInterface* created = nullptr;
     ZuModLoadModule(&created, kCodecModuleName, policy, nullptr, false);
-    // What a module stores points at the table of the interface it was asked for.
-    auto codec = CRefPtr_T<Codec>::Adopt(static_cast<Codec*>(static_cast<void*>(created)));
+    CRefPtr_T<Codec> codec = TakeInterface<Codec>(created);
     if (created != nullptr) {
         created->SetProperty(kPropertyHardware, CZUModData::FromBool(true).Get());
     }

@@ -9,13 +9,13 @@
 #include <utility>
 #include <vector>
 
-#include "src/loader/base_policy_adapter.h"
-#include "src/loader/mod_data.h"
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/captured_stdout.h"
 #include "tests/support/process/test_modules.h"
 #include "tests/support/watch/mappings.h"
+#include "zumod/policies.h"
+#include "zumod/values.h"
 
 namespace zumod {
 namespace {
@@ -28,6 +28,9 @@ using testing::TestModuleDir;
 using testing::TestModulePath;
 using testing::TimesMapped;
 using Lines = std::vector<LogLine>;
+
+// IReference is a base of this class twice, as it is of the adapter.
+#pragma GCC diagnostic ignored "-Winaccessible-base"
 
 // The values of another policy, by key.
 class Unpacked final : public CZUModBasePolicyAdapter {

@@ -15,14 +15,14 @@
 #include <utility>
 #include <vector>
 
-#include "src/loader/create_policy_adapter.h"
-#include "src/loader/mod_data.h"
 #include "src/module/log.h"
 #include "tests/support/doubles/counted_object.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/captured_stdout.h"
 #include "tests/support/process/test_modules.h"
 #include "tests/support/watch/mappings.h"
+#include "zumod/policies.h"
+#include "zumod/values.h"
 
 namespace zumod {
 namespace {

@@ -2,20 +2,16 @@
 
 #include "src/module/log.h"
 #include "src/module/runtime.h"
-#include "zumod/mod_data.h"
 #include "zumod/ref_ptr.h"
+#include "zumod/values.h"
 
 namespace zumod {
 namespace {
 
-// The text of a property of the host's; a property of another kind counts as missing.
+// The text of one of the host's properties; a property of another kind counts as missing.
 std::string EnvText(const char* key) {
     const CRefPtr_T<IZUModData> value(CZUModRuntime::GetInstance()->GetEnvProperty(key));
-    if (value == nullptr || value->GetType() != kZUModDataText) {
-        return {};
-    }
-    const char* text = value->GetString();
-    return text != nullptr ? text : "";
+    return TextOf(value.Get()).value_or(std::string());
 }
 
 }  // namespace

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "src/loader/mod_data.h"
 #include "tests/support/doubles/counted_object.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/captured_stdout.h"
+#include "zumod/values.h"
 
 namespace zumod {
 namespace {

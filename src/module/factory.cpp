@@ -8,29 +8,11 @@
 #include "src/module/log.h"
 #include "src/plugin/client_camera.h"
 #include "zumod/client_camera_plugin.h"
+#include "zumod/policies.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod {
 namespace {
-
-// The value's own count is 0 when it comes: the reference taken here makes it this reader's, to the end of
-// the reading and through any exception.
-CRefPtr_T<IZUModData> Policy(IZUModCreatePolicy& props, const char* key) {
-    return CRefPtr_T<IZUModData>(props.GetPolicy(key));
-}
-
-// A value of another type counts as missing, and so does a text without bytes.
-std::string TextPolicy(IZUModCreatePolicy& props, const char* key) {
-    const CRefPtr_T<IZUModData> value = Policy(props, key);
-    const char* text = value != nullptr && value->GetType() == kZUModDataText ? value->GetString() : nullptr;
-    return text != nullptr ? text : "";
-}
-
-uint64_t IntegerPolicy(IZUModCreatePolicy& props, const char* key) {
-    const CRefPtr_T<IZUModData> value = Policy(props, key);
-    return value != nullptr && value->GetType() == kZUModDataInt64 ? static_cast<uint64_t>(value->GetInt64())
-                                                                   : 0;
-}
 
 uint64_t MajorVersion(uint64_t version) {
     return version >> 48;
@@ -42,8 +24,8 @@ int Create(IZUModCreatePolicy* props, IZUModInterface** out) {
         return 0;
     }
     const CRefPtr_T<IZUModCreatePolicy> held(props);
-    const std::string name = TextPolicy(*props, kPolicyInterfaceName);
-    const uint64_t version = IntegerPolicy(*props, kPolicyVersion);
+    const std::string name = PolicyText(*props, kPolicyInterfaceName);
+    const uint64_t version = PolicyInteger(*props, kPolicyVersion);
     ZuModLog(kLogTrace, "[camera_client] camera_client_create interface %s  version %lu", name.c_str(),
              version);
     if (version == 0 && name.empty()) {
@@ -59,9 +41,7 @@ int Create(IZUModCreatePolicy* props, IZUModInterface** out) {
                  version, kClientCameraPluginVersion);
         return 0;
     }
-    // The slot is typed for any interface; what it gets is the table that was asked for.
-    IClientCameraPlugin* plugin = CRefPtr_T<IClientCameraPlugin>(new ClientCamera).Detach();
-    *out = static_cast<IZUModInterface*>(static_cast<void*>(plugin));
+    StoreInterface<IClientCameraPlugin>(new ClientCamera, out);
     return 1;
 }
 
@@ -71,7 +51,7 @@ int camera_client_create(IZUModCreatePolicy* props, IZUModInterface** out) {
     try {
         return Create(props, out);
     } catch (const std::bad_alloc&) {
-        return 0;  // a refusal like any other; what a host object throws goes on to the host
+        return 0;  // a refusal like any other; an exception of a host object goes on to the host
     }
 }
 

@@ -8,11 +8,11 @@
 #include <utility>
 #include <vector>
 
-#include "src/loader/create_policy_adapter.h"
 #include "tests/support/doubles/counted_object.h"
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/doubles/recording_host.h"
 #include "zumod/client_camera_plugin.h"
+#include "zumod/policies.h"
 
 namespace zumod {
 namespace {

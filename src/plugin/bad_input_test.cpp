@@ -221,10 +221,8 @@ TEST_F(BadInput, RandomBytesInRandomPieces) {
 }
 
 // A stream that throws in the middle of a read: the exception is the host's own and reaches it.
-class ThrowingStream final : public IChannelStream, private CReference {
+class ThrowingStream final : public CCounted_T<IChannelStream> {
 public:
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     int Read(void*, unsigned long, unsigned long* done) override {
         if (m_reads++ == 0) {
             *done = 3;

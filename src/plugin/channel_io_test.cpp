@@ -137,10 +137,8 @@ TEST_F(WriteAllTest, NothingToWriteIsNoCall) {
     EXPECT_EQ(stream->WriteCalls(), 0u);
 }
 
-class BoastfulStream final : public IChannelStream, private CReference {
+class BoastfulStream final : public CCounted_T<IChannelStream> {
 public:
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     int Read(void*, unsigned long, unsigned long*) override { return -1; }
     int Write(const void*, unsigned long size, unsigned long* done) override {
         *done = size + 100;

@@ -22,6 +22,10 @@
 
 namespace zumod {
 
+// Required by the contract: the bases contain IReference twice, which GCC warns about.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winaccessible-base"
+
 class ClientCamera final : public CameraMessageSeparation,
                            public IClientCameraPlugin,
                            public IClientCameraListenter,
@@ -86,5 +90,7 @@ private:
     std::unique_ptr<CClientCameraThread> m_send_thread;
     CSendQueue m_queue;
 };
+
+#pragma GCC diagnostic pop
 
 }  // namespace zumod

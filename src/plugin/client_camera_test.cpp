@@ -217,12 +217,10 @@ TEST_F(ClientCameraTest, RunAfterExitInstanceStartsTheSendThreadAgain) {
 }
 
 // A stream whose Write waits until the test lets it go.
-class StuckStream final : public IChannelStream, private CReference {
+class StuckStream final : public CCounted_T<IChannelStream> {
 public:
     StuckStream() { ++s_alive; }
     ~StuckStream() override { --s_alive; }
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     int Read(void*, unsigned long, unsigned long*) override { return -1; }
     int Write(const void*, unsigned long, unsigned long*) override {
         s_writing = true;

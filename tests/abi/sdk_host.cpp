@@ -42,55 +42,9 @@ public:
     int lines = 0;
 };
 
-// Counted objects of the host's: CReference counts, the interface's operations lead to it.
-class Value final : public zumod::IZUModData, private zumod::CReference {
-public:
-    explicit Value(const char* text) : m_tag(zumod::kZUModDataText), m_text(text) {}
-    explicit Value(int64_t number) : m_tag(zumod::kZUModDataInt64), m_number(number) {}
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
-    uint32_t GetType() override { return m_tag; }
-    const void* GetData() override {
-        return m_text != nullptr ? static_cast<const void*>(m_text) : &m_number;
-    }
-    uint64_t GetSize() override { return m_text != nullptr ? std::strlen(m_text) + 1 : sizeof m_number; }
-    const char* GetString() override { return m_text; }
-    const void* GetBlock() override { return nullptr; }
-    bool GetBool() override { return false; }
-    int64_t GetInt64() override { return m_number; }
-    float GetFloat() override { return 0; }
-    zumod::IReference* GetObject() override { return nullptr; }
-    zumod::IZUModData* Clone() override {
-        return m_text != nullptr ? new Value(m_text) : new Value(m_number);
-    }
-    uint64_t GetPointer() override { return 0; }
-
-private:
-    const uint32_t m_tag;
-    const char* const m_text = nullptr;
-    const int64_t m_number = 0;
-};
-
-class Policy final : public zumod::IZUModCreatePolicy, private zumod::CReference {
-public:
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
-    zumod::IZUModData* GetPolicy(const char* key) override {
-        if (std::strcmp(key, zumod::kPolicyInterfaceName) == 0) {
-            return new Value(zumod::kClientCameraPluginName);
-        }
-        if (std::strcmp(key, zumod::kPolicyVersion) == 0) {
-            return new Value(static_cast<int64_t>(zumod::kClientCameraPluginVersion));
-        }
-        return nullptr;
-    }
-};
-
 // Asks for the version and closes.
-class Stream final : public zumod::IChannelStream, private zumod::CReference {
+class Stream final : public zumod::CCounted_T<zumod::IChannelStream> {
 public:
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     int Read(void* data, unsigned long size, unsigned long* done) override {
         static constexpr unsigned char kVersionRequest[8] = {0, 0, 0, 0, 10, 0, 0, 0};
         if (m_read || size < sizeof kVersionRequest) {
@@ -122,11 +76,11 @@ void OneCycle(const char* path) {
     Runtime runtime;
     CHECK(module->attach_runtime(&runtime) == 1);
     {
-        const zumod::CRefPtr_T<zumod::IZUModCreatePolicy> policy(new Policy);
-        zumod::IZUModInterface* face = nullptr;
-        CHECK(module->create(policy.Get(), &face) == 1);
-        const auto plugin = zumod::CRefPtr_T<zumod::IClientCameraPlugin>::Adopt(
-            static_cast<zumod::IClientCameraPlugin*>(static_cast<void*>(face)));
+        const zumod::CRefPtr_T<zumod::IZUModCreatePolicy> policy(new zumod::CZUModCreatePolicyAdapter(
+            zumod::kClientCameraPluginName, zumod::kClientCameraPluginVersion));
+        zumod::IZUModInterface* created = nullptr;
+        CHECK(module->create(policy.Get(), &created) == 1);
+        const auto plugin = zumod::TakeInterface<zumod::IClientCameraPlugin>(created);
         const zumod::CRefPtr_T<Stream> stream(new Stream);
         CHECK(plugin->SetChannelStream(stream.Get()) == 0);
         CHECK(plugin->Run() == 1);

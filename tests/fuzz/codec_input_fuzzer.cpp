@@ -11,11 +11,11 @@
 
 #include "codec/picture_layout.h"
 #include "codec/video_encoder.h"
-#include "src/loader/mod_data.h"
 #include "src/module/attach_runtime.h"
 #include "tests/fuzz/check.h"
 #include "zumod/enc_args.h"
 #include "zumod/runtime.h"
+#include "zumod/values.h"
 
 using namespace zumod;
 

@@ -22,12 +22,10 @@ namespace {
 constexpr size_t kOptions = 3;
 
 // Refuses what a fuzzer would only use to exhaust the machine.
-class BoundedAlloctor final : public IMemAlloctor, private CReference {
+class BoundedAlloctor final : public CCounted_T<IMemAlloctor> {
 public:
     static constexpr uint64_t kLimit = 1 << 20;
 
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     CRefPtr_T<IBuffer> Alloc(uint64_t size) override { return AllocBuffer(size); }
     CRefPtr_T<IBuffer> AllocBuffer(uint64_t size) override {
         return CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(size), size));

@@ -48,7 +48,7 @@ std::string Describe(IZUModData* value) {
 
 // What both kinds of codec object are made of.
 template <class Interface>
-class Codec : public Interface, private CReference {
+class Codec : public CCounted_T<Interface> {
 public:
     explicit Codec(IZUModCreatePolicy* policy) : m_policy(g_record.keep_policy ? policy : nullptr) {
         ++g_record.objects;
@@ -60,11 +60,11 @@ public:
 
     uint64_t AddRef() override {
         ++g_record.references;
-        return CReference::AddRef();
+        return CCounted_T<Interface>::AddRef();
     }
     int64_t Release() override {
         --g_record.references;
-        return CReference::Release();
+        return CCounted_T<Interface>::Release();
     }
 
     bool QueryInterface(const char*, void**) override { return false; }

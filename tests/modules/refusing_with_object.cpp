@@ -8,11 +8,9 @@ using namespace zumod;
 // Not forgotten by detach: the object tells of its end after it.
 IZUModRuntime* g_host = nullptr;
 
-class Leftover final : public IZUModInterface, private CReference {
+class Leftover final : public CCounted_T<IZUModInterface> {
 public:
     ~Leftover() override { g_host->WriteLog(kLogEvent, "[codec] destroy"); }
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
     bool QueryInterface(const char*, void**) override { return false; }
     bool SetProperty(const char*, IZUModData*) override { return false; }
     IZUModData* GetProperty(const char*) override { return nullptr; }

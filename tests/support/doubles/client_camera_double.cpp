@@ -4,7 +4,7 @@ namespace zumod {
 namespace testing {
 namespace {
 
-class ClientCameraDouble final : public IClientCamera, private CReference {
+class ClientCameraDouble final : public CCounted_T<IClientCamera> {
 public:
     ClientCameraDouble() : m_number(CameraScript().created++) {
         Record("created");
@@ -14,9 +14,6 @@ public:
         Record("destroyed");
         --CameraScript().alive;
     }
-
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
 
     void SetListener(IClientCameraListenter* listener) override {
         CameraScript().listeners.push_back(listener);

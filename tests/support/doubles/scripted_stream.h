@@ -26,7 +26,7 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
     return left;
 }
 
-class ScriptedStream final : public IChannelStream, private CReference {
+class ScriptedStream final : public CCounted_T<IChannelStream> {
 public:
     static constexpr uint64_t kUnlimited = std::numeric_limits<uint64_t>::max();
 
@@ -43,9 +43,8 @@ public:
 
     uint64_t AddRef() override {
         ++m_add_refs;
-        return CReference::AddRef();
+        return CCounted_T::AddRef();
     }
-    int64_t Release() override { return CReference::Release(); }
 
     // The end of the input is a failed read.
     int Read(void* data, unsigned long size, unsigned long* done) override {

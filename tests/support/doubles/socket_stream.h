@@ -8,14 +8,11 @@
 
 namespace zumod::testing {
 
-class SocketStream final : public IChannelStream, private CReference {
+class SocketStream final : public CCounted_T<IChannelStream> {
 public:
     // Takes over the descriptor.
     explicit SocketStream(int fd) : m_fd(fd) {}
     ~SocketStream() override { close(m_fd); }
-
-    uint64_t AddRef() override { return CReference::AddRef(); }
-    int64_t Release() override { return CReference::Release(); }
 
     int Read(void* data, unsigned long size, unsigned long* done) override {
         return Finish(recv(m_fd, data, size, 0), done);

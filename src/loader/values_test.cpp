@@ -1,4 +1,4 @@
-#include "src/loader/mod_data.h"
+#include "zumod/values.h"
 
 #include <gtest/gtest.h>
 
@@ -18,6 +18,9 @@ using testing::CallWatch;
 using testing::CountedObject;
 using testing::ReferenceLedger;
 using Bytes = std::vector<uint8_t>;
+
+static_assert(sizeof(CZUModData) == sizeof(IZUModData) + sizeof(CReference) + 8 + 24 + 8,
+              "bases, tag, bytes, object");
 
 CRefPtr_T<IZUModData> Value(uint32_t tag, const Bytes& bytes) {
     return CRefPtr_T<IZUModData>(new CZUModData(tag, bytes.data(), bytes.size()));

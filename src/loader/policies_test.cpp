@@ -1,4 +1,4 @@
-#include "src/loader/base_policy_adapter.h"
+#include "zumod/policies.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "src/loader/mod_data.h"
 #include "tests/support/doubles/counted_object.h"
 #include "tests/support/doubles/raw_slots.h"
+#include "zumod/values.h"
 
 namespace zumod {
 namespace {
@@ -18,14 +18,27 @@ using testing::CountedData;
 using testing::ReferenceLedger;
 using Entry = std::pair<std::string, IZUModData*>;
 
-// Sees every entry that is set.
-class SeeingPolicy final : public CZUModBasePolicyAdapter {
+// IReference is a base of these classes twice, as it is of the adapter.
+#pragma GCC diagnostic ignored "-Winaccessible-base"
+
+// Records every entry that is set.
+class RecordingPolicy final : public CZUModBasePolicyAdapter {
 public:
     IZUModData* SetPolicy(const char* key, CRefPtr_T<IZUModData> value) override {
         entries.emplace_back(key, value.Get());
         return CZUModBasePolicyAdapter::SetPolicy(key, std::move(value));
     }
     std::vector<Entry> entries;
+};
+
+// Records the keys that are set.
+class KeyCollector final : public CZUModBasePolicyAdapter {
+public:
+    IZUModData* SetPolicy(const char* key, CRefPtr_T<IZUModData>) override {
+        keys.emplace_back(key);
+        return nullptr;
+    }
+    std::vector<std::string> keys;
 };
 
 class BasePolicyAdapterTest : public ::testing::Test {
@@ -68,7 +81,7 @@ TEST_F(BasePolicyAdapterTest, AKeyIsFoundByItsExactTextOnly) {
 TEST_F(BasePolicyAdapterTest, AKeyStoredWithNullGivesNull) {
     EXPECT_EQ(policy->SetPolicy("key", nullptr), nullptr);
     EXPECT_EQ(policy->GetPolicy("key"), nullptr);
-    const CRefPtr_T<SeeingPolicy> copy(new SeeingPolicy);
+    const CRefPtr_T<RecordingPolicy> copy(new RecordingPolicy);
     copy->CopyPolicies(*policy);
     EXPECT_EQ(copy->entries, std::vector<Entry>({{"key", nullptr}}));
 }
@@ -143,7 +156,7 @@ TEST_F(BasePolicyAdapterTest, CopyingSetsEveryEntryInTheByteOrderOfTheKeys) {
         const char* key = expected[place].first.c_str();
         expected[place].second = policy->SetPolicy(key, Number(static_cast<int64_t>(place)));
     }
-    const CRefPtr_T<SeeingPolicy> copy(new SeeingPolicy);
+    const CRefPtr_T<RecordingPolicy> copy(new RecordingPolicy);
     copy->CopyPolicies(*policy);
     EXPECT_EQ(copy->entries, expected);
 }
@@ -205,6 +218,38 @@ TEST_F(BasePolicyAdapterTest, TheLastReleaseThroughThePolicyFaceDestroysTheWhole
     IZUModCreatePolicy* face = policy.Detach();
     EXPECT_EQ((CallSlot<int64_t>(face, 3)), 0);
     EXPECT_TRUE(ledger.Balanced());
+}
+
+TEST(CreatePolicyAdapter, ItStoresTheInterfaceNameAsText) {
+    const CRefPtr_T<CZUModCreatePolicyAdapter> policy(new CZUModCreatePolicyAdapter("IVEncoder", 1));
+    const CRefPtr_T<IZUModData> name(policy->GetPolicy("zu.module.interface.name"));
+    EXPECT_EQ(name->GetType(), 4U);
+    EXPECT_EQ(name->GetSize(), 10U);
+    EXPECT_STREQ(name->GetString(), "IVEncoder");
+}
+
+TEST(CreatePolicyAdapter, ItStoresTheVersionAsAnInteger) {
+    const CRefPtr_T<CZUModCreatePolicyAdapter> policy(new CZUModCreatePolicyAdapter("x", 0xfedcba9876543210));
+    const CRefPtr_T<IZUModData> version(policy->GetPolicy("zu.module.version"));
+    EXPECT_EQ(version->GetType(), 2U);
+    EXPECT_EQ(static_cast<uint64_t>(version->GetInt64()), 0xfedcba9876543210);
+}
+
+TEST(CreatePolicyAdapter, AnEmptyOrAbsentNameIsOneNul) {
+    for (const char* absent : {"", static_cast<const char*>(nullptr)}) {
+        const CRefPtr_T<CZUModCreatePolicyAdapter> policy(new CZUModCreatePolicyAdapter(absent, 1));
+        const CRefPtr_T<IZUModData> name(policy->GetPolicy("zu.module.interface.name"));
+        EXPECT_EQ(name->GetType(), 4U);
+        EXPECT_EQ(name->GetSize(), 1U);
+        EXPECT_STREQ(name->GetString(), "");
+    }
+}
+
+TEST(CreatePolicyAdapter, ItStoresNothingElse) {
+    const CRefPtr_T<CZUModCreatePolicyAdapter> policy(new CZUModCreatePolicyAdapter("x", 1));
+    const CRefPtr_T<KeyCollector> collector(new KeyCollector);
+    collector->CopyPolicies(*policy);
+    EXPECT_EQ(collector->keys, (std::vector<std::string>{"zu.module.interface.name", "zu.module.version"}));
 }
 
 }  // namespace
