@@ -1,4 +1,4 @@
-// A mutex whose rules the compiler checks (Clang; see src/base/thread_annotations.h).
+// A mutex whose rules the compiler checks (Clang; see src/base/lock.h).
 //
 // Thread rule: any thread. A field says ZU_GUARDED_BY(m_mutex), a function that its caller calls with the
 // mutex held says ZU_REQUIRES(m_mutex). A std::condition_variable_any waits with a Mutex.
@@ -6,7 +6,7 @@
 
 #include <mutex>
 
-#include "src/base/thread_annotations.h"
+#include "src/base/lock.h"
 
 namespace zumod {
 

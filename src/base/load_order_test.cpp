@@ -5,8 +5,6 @@
 
 #include "src/base/create_buffer.h"
 #include "src/base/object_monitor.h"
-#include "src/base/object_registry.h"
-#include "src/base/object_reports.h"
 
 namespace zumod {
 namespace {

@@ -1,12 +1,14 @@
-// Live-instance statistics of a class: how many objects were made and how many destroyed.
+// Live-object statistics, for a developer who looks for a leak: how many objects of a class were constructed
+// and how many destroyed, a registry of the classes that are counted, and the registry as text.
 //
-// Thread rule: everything here is [any thread].
+// Thread rule: counters and reports are [any thread]. A class is registered while the module is loaded;
+// afterwards the registry is only read, until the module is unloaded. A report takes no lock, so a line may
+// combine counts of two moments.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-
-#include "src/base/object_registry.h"
+#include <string>
 
 namespace zumod {
 
@@ -26,8 +28,28 @@ protected:
     ICObjectMonitor() = default;
 };
 
-// A class takes part by having one static object of this type, and by counting in its constructors and its
-// destructor.
+inline constexpr int64_t kObjectRegistryCapacity = 1024;
+
+// Constant-initialised static storage: usable before any constructor of the module has run.
+struct ObjectRegistry {
+    struct Entry {
+        ICObjectMonitor* monitor;
+        const char* name;
+    };
+
+    // How many registrations were requested; may exceed the capacity.
+    std::atomic<int64_t> count;
+    Entry entries[kObjectRegistryCapacity];
+};
+
+extern ObjectRegistry g_ObjectRegistry;
+
+// Stores the monitor under the next id. When the registry is full only the count grows. An entry is never
+// removed.
+void RegisterObjectMonitor(ObjectRegistry& registry, ICObjectMonitor* monitor, const char* name);
+
+// The monitor of class T. To be counted, a class has one static object of this type and calls CountNew in its
+// constructors and CountDelete in its destructor.
 template <class T>
 class ADD_TO_MONITORING_LIST final : public ICObjectMonitor {
 public:
@@ -41,9 +63,17 @@ public:
     static void CountDelete() { s_delete.fetch_add(1); }
 
 private:
-    // Written by any thread that makes or destroys a T, read by any thread that reports; they only grow.
+    // Written by any thread that constructs or destroys a T, read by any thread that reports; they only grow.
     static inline std::atomic<int64_t> s_new{0};
     static inline std::atomic<int64_t> s_delete{0};
 };
+
+// Replaces `out` with a table: a header, then one line per class, marked " !" while objects of it are alive.
+// Must not be called once the module is being unloaded.
+void DumpObjectTable(std::string& out, const ObjectRegistry& registry = g_ObjectRegistry);
+
+// Replaces `out` with two lines per class: how many objects were constructed, and how many are alive.
+// Otherwise like DumpObjectTable.
+void DumpObjectCounts(std::string& out, const ObjectRegistry& registry = g_ObjectRegistry);
 
 }  // namespace zumod

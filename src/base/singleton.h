@@ -5,7 +5,7 @@
 
 #include <atomic>
 
-#include "src/base/mutex_lock.h"
+#include "src/base/lock.h"
 
 namespace zumod {
 

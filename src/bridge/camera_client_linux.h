@@ -23,7 +23,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "src/base/mutex_lock.h"
+#include "src/base/lock.h"
 #include "src/bridge/camera_client.h"
 #include "src/capture/linux_v4l2_camera_capture.h"
 #include "src/capture/sigslot.h"

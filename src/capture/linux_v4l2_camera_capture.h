@@ -32,7 +32,7 @@
 #include <span>
 #include <vector>
 
-#include "src/base/mutex_lock.h"
+#include "src/base/lock.h"
 #include "src/capture/read_set.h"
 #include "src/capture/sigslot.h"
 #include "src/capture/v4l2_thread.h"

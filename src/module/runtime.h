@@ -3,7 +3,7 @@
 // Thread rule: every operation is [any thread].
 #pragma once
 
-#include "src/base/mutex_lock.h"
+#include "src/base/lock.h"
 #include "src/base/singleton.h"
 #include "zumod/runtime.h"
 

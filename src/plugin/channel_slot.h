@@ -8,7 +8,7 @@
 
 #include <utility>
 
-#include "src/base/mutex_lock.h"
+#include "src/base/lock.h"
 #include "zumod/channel_stream.h"
 #include "zumod/ref_ptr.h"
 

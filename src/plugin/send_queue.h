@@ -37,7 +37,7 @@
 #include <optional>
 
 #include "src/base/buffer.h"
-#include "src/base/mutex_lock.h"
+#include "src/base/lock.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod {

@@ -192,7 +192,7 @@ TEST(IncludeLines, TheRulesTellRightFromWrong) {
         {"src/base/x.cpp", "tests/support/doubles/raw_slots.h", false},
         {"src/base/x.cpp", "../plugin/client_camera.h", false},
         {"src/base/x.cpp", "common/unique_fd.h", false},
-        {"src/attic/x.cpp", "src/base/mutex_lock.h", false},
+        {"src/attic/x.cpp", "src/base/lock.h", false},
         {"include/zumod/x.h", "src/base/x.h", false},
         {"host/x.cpp", "src/bridge/x.h", false},
         {"peer/x.cpp", "codec/x.h", false},

@@ -4,7 +4,7 @@
 
 #include "src/base/base_thread.h"
 #include "src/base/create_buffer.h"
-#include "src/base/object_reports.h"
+#include "src/base/object_monitor.h"
 #include "src/base/singleton.h"
 #include "src/module/attach_runtime.h"
 #include "src/module/log.h"

@@ -1,4 +1,4 @@
-#include "src/base/mutex_lock.h"
+#include "src/base/lock.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@ namespace {
 using testing::CallSlot;
 using testing::CallWatch;
 
-// Whether a thread other than this one could take the lock now. The mutex stands behind the table pointer.
+// Whether another thread could acquire the lock now. The mutex follows the table pointer.
 bool IsFree(CMutexLock& lock) {
     bool free = false;
     std::thread([&] {
@@ -35,7 +35,7 @@ TEST(MutexLock, IsATablePointerAndAMutex) {
     EXPECT_EQ(sizeof(CMutexLock), 8 + sizeof(pthread_mutex_t));
 }
 
-TEST(MutexLock, TakenTwiceByOneThreadIsFreeAfterTheSecondUnlock) {
+TEST(MutexLock, LockedTwiceByOneThreadIsFreeAfterTheSecondUnlock) {
     CMutexLock lock;
     [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
         EXPECT_TRUE(IsFree(lock));
@@ -49,7 +49,7 @@ TEST(MutexLock, TakenTwiceByOneThreadIsFreeAfterTheSecondUnlock) {
     }();
 }
 
-TEST(MutexLock, AWaitWithATimeTakesAFreeLockAndGivesUpOnOneThatIsHeld) {
+TEST(MutexLock, ATimedWaitAcquiresAFreeLockAndGivesUpOnAHeldOne) {
     CMutexLock lock;
     [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
         EXPECT_TRUE(lock.TryLockFor(std::chrono::milliseconds(0)));
@@ -66,15 +66,15 @@ TEST(MutexLock, AWaitWithATimeTakesAFreeLockAndGivesUpOnOneThatIsHeld) {
     }();
 }
 
-TEST(MutexLock, TheResultOfTheSystemsUnlockIsNotExamined) {
+TEST(MutexLock, IgnoresTheResultOfTheSystemsUnlock) {
 #if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the misuse that this test is about is what the thread sanitizer reports";
+    GTEST_SKIP() << "the thread sanitizer reports the misuse that this test provokes";
 #endif
     CMutexLock lock;
     [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
         EXPECT_TRUE(lock.Lock());
         std::thread([&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
-            EXPECT_TRUE(CallSlot<bool>(&lock, 1)) << "a recursive mutex refuses another thread's unlock";
+            EXPECT_TRUE(CallSlot<bool>(&lock, 1)) << "a recursive mutex refuses an unlock by another thread";
         }).join();
         EXPECT_FALSE(IsFree(lock));
         EXPECT_TRUE(lock.Unlock());
@@ -100,7 +100,7 @@ TEST(MutexLock, KeepsOtherThreadsOut) {
     EXPECT_EQ(shared, 10000);
 }
 
-TEST(MutexLock, AGuardGivesTheLockBackWhenItsBlockThrows) {
+TEST(MutexLock, AGuardReleasesTheLockWhenItsBlockThrows) {
     CMutexLock lock;
     try {
         const LockGuard guard(lock);
@@ -111,7 +111,7 @@ TEST(MutexLock, AGuardGivesTheLockBackWhenItsBlockThrows) {
     }
 }
 
-TEST(MutexLock, AnswersThroughItsRawSlotsWithTheDestructorBehindTheOperations) {
+TEST(MutexLock, HasTheDestructorPairAfterItsOperationsInItsTable) {
     alignas(CMutexLock) unsigned char storage[sizeof(CMutexLock)];
     auto* lock = new (storage) CMutexLock;
     EXPECT_TRUE((CallSlot<bool>(lock, 0)));  // Lock

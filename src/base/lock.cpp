@@ -1,4 +1,4 @@
-#include "src/base/mutex_lock.h"
+#include "src/base/lock.h"
 
 #include <cstdint>
 #include <ctime>
@@ -8,8 +8,7 @@ namespace {
 
 constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
 
-// The thread sanitizer knows the lock with a deadline by the wall clock alone, and takes any other for no
-// lock.
+// The thread sanitizer recognises only the timed lock that uses the wall clock.
 #if defined(__SANITIZE_THREAD__)
 constexpr clockid_t kDeadlineClock = CLOCK_REALTIME;
 int LockUntil(pthread_mutex_t* mutex, const timespec* deadline) {
@@ -29,7 +28,7 @@ CMutexLock::CMutexLock() {
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
     pthread_mutex_init(&m_mutex, &attributes);
-    // The attribute object is not destroyed; it owns nothing on this platform.
+    // Required by the contract: the attribute object is not destroyed. It owns nothing on this platform.
 }
 
 CMutexLock::~CMutexLock() {

@@ -1,9 +1,7 @@
-#include "src/base/object_reports.h"
+#include "src/base/object_monitor.h"
 
 #include <cinttypes>
 #include <cstdio>
-
-#include "src/base/object_monitor.h"
 
 namespace zumod {
 namespace {
@@ -15,7 +13,7 @@ void ForEachClass(const ObjectRegistry& registry, Visit visit) {
         if (entry.monitor == nullptr) {
             continue;
         }
-        // The new count first: a line may mix two moments.
+        // Required by the contract: the new count is read first, and both before the name is looked at.
         const int64_t created = entry.monitor->GetNewCount();
         const int64_t destroyed = entry.monitor->GetDeleteCount();
         if (entry.name != nullptr) {
@@ -25,6 +23,15 @@ void ForEachClass(const ObjectRegistry& registry, Visit visit) {
 }
 
 }  // namespace
+
+constinit ObjectRegistry g_ObjectRegistry{};
+
+void RegisterObjectMonitor(ObjectRegistry& registry, ICObjectMonitor* monitor, const char* name) {
+    const int64_t id = registry.count.fetch_add(1);
+    if (id < kObjectRegistryCapacity) {
+        registry.entries[id] = {monitor, name};
+    }
+}
 
 void DumpObjectTable(std::string& out, const ObjectRegistry& registry) {
     out = " id     alive|     new|  delete| name\r\n";
