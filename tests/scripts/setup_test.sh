@@ -30,6 +30,7 @@ run() {
 # The package tool's answer stands in $work/packages, "ii  name" or "ii  name:arch" a line.
 stand_in dpkg-query <<<"cat \"\$WORK/packages\""
 stand_in apt-get <<<"echo \"apt-get \$*\" >>\"\$WORK/calls\""
+stand_in dpkg <<<"[ \"\$1\" = --print-architecture ] && echo amd64 || echo \"dpkg \$*\" >>\"\$WORK/calls\""
 stand_in sudo <<<"echo sudo >>\"\$WORK/calls\"; exec \"\$@\""
 as_user() { stand_in id <<<"echo $1"; }
 
@@ -75,6 +76,16 @@ run --vm --list
 grep -qx 'qemu-system-x86' <<<"$printed" || fail '--vm --list names the virtual machine'
 grep -qx 'cmake' <<<"$printed" || fail '--vm --list names the rest as well'
 [ -z "$calls" ] || fail '--vm --list installs nothing'
+
+grep -q ':arm64$' "$work/list" && fail 'the foreign libraries are not for everyone'
+{ sed 's/^/ii  /' "$work/list"; echo 'ii  uuid-dev:amd64'; } >"$work/packages"
+run --arm64
+[ "$(head -n 1 <<<"$calls")" = 'dpkg --add-architecture arm64' ] || fail "--arm64 adds the architecture first: $calls"
+grep -qE '^apt-get install .* uuid-dev:arm64( |$)' <<<"$calls" || fail 'the native library is not the foreign one'
+run --arm64 --list
+awk '{ print "ii  " $0 }' <<<"$printed" >"$work/packages"
+run --arm64
+[ -z "$printed$calls" ] || fail "installs nothing when the foreign libraries are there: $calls"
 as_user 1000
 
 for wrong in --lst list -x; do
