@@ -1,4 +1,4 @@
-// The ground floor against the least that could do its work. Each pair runs turn by turn on the same heap.
+// The base layer against hand-written minimums. Each pair runs alternately on the same heap.
 #include <pthread.h>
 
 #include <atomic>
@@ -19,7 +19,7 @@ namespace {
 
 using ::benchmark::DoNotOptimize;
 
-// What a buffer knows of its block, in an object of a buffer's size: no table, no counters, no allocator.
+// The fields of a buffer in an object of the same size, without vtable, reference counts and allocator.
 struct PlainBuffer {
     PlainBuffer(void* block, uint64_t block_size) : data(block), capacity(block_size) {}
     uint64_t user_word = 0;
@@ -58,15 +58,15 @@ void AllocAndRelease(::benchmark::State& state) {
             }
         });
 }
-// The second number is how many rounds make a measurable turn.
+// The second number is the rounds per iteration, enough for 20 microseconds.
 BENCHMARK(AllocAndRelease)
     ->UseManualTime()
     ->Args({64, 2000})
     ->Args({64 * 1024, 2000})
     ->Args({4 * 1024 * 1024, 500});
 
-// The same against a minimum that also keeps the counts which a buffer's contract asks for, each a locked
-// instruction: two on the allocator, three on the buffer.
+// The same against a minimum that also maintains the counts that a buffer's contract requires. Each change is
+// a locked instruction: two on the allocator, three on the buffer.
 void AllocAndReleaseCounted(::benchmark::State& state) {
     const auto size = static_cast<size_t>(state.range(0));
     const auto rounds = static_cast<int>(state.range(1));
@@ -101,8 +101,8 @@ BENCHMARK(AllocAndReleaseCounted)
     ->Args({64 * 1024, 2000})
     ->Args({4 * 1024 * 1024, 500});
 
-// A counted pointer to the concrete class: the calls are direct. The copies are not const: GCC 12 keeps a
-// const object in memory, and a load behind a locked instruction is waited for.
+// A counted pointer to the concrete class, so the calls are direct. The copies are not const: GCC 12 keeps a
+// const object in memory, and a load after a locked instruction has to wait for it.
 void CopyAndDrop(::benchmark::State& state) {
     const CRefPtr_T<CMemBuffer> buffer(new CMemBuffer(nullptr, nullptr, 0));
     std::atomic<int64_t> count{1};
@@ -124,7 +124,7 @@ void CopyAndDrop(::benchmark::State& state) {
 }
 BENCHMARK(CopyAndDrop)->UseManualTime();
 
-// The same through the interface, as the module holds its buffers: the calls go through the table.
+// The same through the interface, as the module holds its buffers: the calls are virtual.
 void CopyAndDropThroughInterface(::benchmark::State& state) {
     const CRefPtr_T<IBuffer> buffer(new CMemBuffer(nullptr, nullptr, 0));
     std::atomic<int64_t> count{1};
@@ -146,7 +146,7 @@ void CopyAndDropThroughInterface(::benchmark::State& state) {
 }
 BENCHMARK(CopyAndDropThroughInterface)->UseManualTime();
 
-// Takes the lines and looks at none.
+// Drops the lines.
 class QuietHost : public IZUModRuntime {
 public:
     virtual ~QuietHost() = default;
@@ -180,7 +180,7 @@ constexpr const char* kLineText = "abcd";
 
 void LogALine(::benchmark::State& state) {
     if (std::snprintf(nullptr, 0, kLineFormat, kLineNumber, kLineText) != 100) {
-        state.SkipWithError("the line has not the length it should have");
+        state.SkipWithError("the line does not have 100 characters");
         return;
     }
     QuietHost host;
@@ -215,7 +215,7 @@ struct Single : CSingleton_T<Single> {
 
 std::atomic<Single*> g_plain_instance{nullptr};
 
-// A call and a use of what it returned, as callers do it.
+// A call and a use of the returned object, as in the callers.
 void GetInstanceAndUse(::benchmark::State& state) {
     g_plain_instance = Single::GetInstance();
     RunPaired(
@@ -237,8 +237,8 @@ void GetInstanceAndUse(::benchmark::State& state) {
 }
 BENCHMARK(GetInstanceAndUse)->UseManualTime();
 
-// Calls and nothing else, sixteen in a row so that the loop around them weighs little: what is left is how
-// many loads, and how many tests of a pointer, the processor gets through in a cycle.
+// Calls only, sixteen in a row so that the loop around them costs little. This measures how many loads, and
+// how many tests of a pointer, the processor executes per cycle.
 template <class Call>
 void SixteenTimes(Call call) {
     const auto four = [&] { call(), call(), call(), call(); };

@@ -1,11 +1,8 @@
-// A codec module that does what each must, and no more: it reads its policies, makes an object, and returns a
-// kilobyte at once. Built with ZU_BENCH_STAMPS, the kilobyte begins with what the picture's stamp says.
+// The smallest codec module that keeps the contract: it reads its policies, creates an object, and returns a
+// kilobyte per picture. Built with ZU_BENCH_STAMPS, the kilobyte begins with the picture's stamp.
 #include <cstring>
 
-#ifdef ZU_BENCH_STAMPS
 #include "bench/picture_stamp.h"
-#endif
-#include "bench/stamped_packet.h"
 #include "zumod/zumod.h"
 
 namespace {

@@ -1,6 +1,8 @@
-// What the capture benchmarks compare: the plugin with open cameras, and a bare loop on a camera, each
-// writing a kilobyte a frame into a socket whose other end reads it away. The cameras are virtual ones in
-// this very process; what painting costs is on threads of theirs and not counted.
+// The two sides that the capture benchmarks compare: the plugin with open cameras, and a bare loop on one
+// camera. Each writes a kilobyte per frame to a socket whose other end discards it. The virtual cameras are
+// in this process; they paint on threads of their own, which are not counted.
+//
+// Thread rule: [benchmark thread], except where a class says otherwise.
 #pragma once
 
 #include <fcntl.h>
@@ -13,23 +15,22 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "bench/stamped_packet.h"
+#include "bench/paired.h"
+#include "bench/picture_stamp.h"
 #include "src/plugin/client_camera.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/socket_stream.h"
+#include "zumod/camera_channel.h"
 #include "zumod/values.h"
 
 namespace zumod::bench {
@@ -40,12 +41,6 @@ struct VideoMode {
     int fps;
 };
 
-inline void Require(bool good) {
-    if (!good) {
-        std::abort();
-    }
-}
-
 inline std::set<int> Threads() {
     std::set<int> threads;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -54,7 +49,7 @@ inline std::set<int> Threads() {
     return threads;
 }
 
-// Those that are there now and were not before.
+// The threads of this process that are not in `before`.
 inline std::set<int> ThreadsSince(const std::set<int>& before) {
     std::set<int> threads;
     for (const int thread : Threads()) {
@@ -65,27 +60,30 @@ inline std::set<int> ThreadsSince(const std::set<int>& before) {
     return threads;
 }
 
-// Processor time of these threads so far, by the kernel's books.
+// The processor time of these threads so far, from the kernel's statistics.
 inline double ProcessorSeconds(const std::set<int>& threads) {
     double nanoseconds = 0;
     for (const int thread : threads) {
-        std::ifstream books("/proc/self/task/" + std::to_string(thread) + "/schedstat");
+        std::ifstream schedstat("/proc/self/task/" + std::to_string(thread) + "/schedstat");
         double each = 0;
-        books >> each;
+        schedstat >> each;
         nanoseconds += each;
     }
     return nanoseconds / 1e9;
 }
 
-// The peer's end: reads what arrives and throws it away. With a callback it also takes the messages apart,
-// each the head of 16 bytes and a kilobyte.
+// A frame's message, as the plugin sends it.
+inline constexpr size_t kStampAt = sizeof(_MESSAGE_HEADER) + sizeof(VideoFrameHead);
+inline constexpr size_t kMessageSize = kStampAt + kEncodedSize;
+
+// The peer's end: discards what arrives. With a callback it also parses the messages and reports each frame,
+// on its own thread.
 class Drain {
 public:
-    static constexpr size_t kMessageSize = 16 + kEncodedSize;
-    using OnMessage = std::function<void(uint32_t camera, const StampedPacket& packet)>;
+    using OnFrame = std::function<void(uint32_t camera, const StampedPacket& packet)>;
 
-    explicit Drain(int fd, OnMessage on_message = {})
-        : m_fd(fd), m_on_message(std::move(on_message)), m_thread([this] { Loop(); }) {}
+    explicit Drain(int fd, OnFrame on_frame = {})
+        : m_fd(fd), m_on_frame(std::move(on_frame)), m_thread([this] { Loop(); }) {}
     ~Drain() {
         shutdown(m_fd, SHUT_RDWR);
         m_thread.join();
@@ -101,42 +99,39 @@ private:
         std::vector<uint8_t> bytes(1 << 16);
         size_t held = 0;
         for (ssize_t count = 0; (count = recv(m_fd, bytes.data() + held, bytes.size() - held, 0)) > 0;) {
-            held = m_on_message ? Dispatch(bytes, held + static_cast<size_t>(count)) : 0;
+            held = m_on_frame ? Dispatch(bytes, held + static_cast<size_t>(count)) : 0;
             m_bytes += static_cast<uint64_t>(count);
         }
     }
 
-    // Returns how many bytes of an unfinished message are left, moved to the front. Answers to requests,
-    // which come before a camera's first frame, are shorter than a frame and skipped.
+    // Moves the bytes of an unfinished message to the front and returns how many there are.
     size_t Dispatch(std::vector<uint8_t>& bytes, size_t size) {
         size_t at = 0;
         while (size - at >= sizeof(_MESSAGE_HEADER)) {
-            _MESSAGE_HEADER header{};
-            std::memcpy(&header, &bytes[at], sizeof header);
-            if (size - at < sizeof header + header.length) {
+            const _MESSAGE_HEADER header = ReadHeader(&bytes[at]);
+            const size_t length = sizeof header + header.length;
+            if (size - at < length) {
                 break;
             }
             if (header.type == kVideoFrame) {
-                uint32_t camera = 0;
-                StampedPacket packet{};
-                std::memcpy(&camera, &bytes[at + sizeof header], sizeof camera);
-                std::memcpy(&packet, &bytes[at + 16], sizeof packet);
-                m_on_message(camera, packet);
+                const uint8_t* body = &bytes[at + sizeof header];
+                m_on_frame(ReadRecord<VideoFrameHead>(body).id,
+                           ReadRecord<StampedPacket>(body + sizeof(VideoFrameHead)));
             }
-            at += sizeof header + header.length;
+            at += length;
         }
         std::memmove(bytes.data(), &bytes[at], size - at);
         return size - at;
     }
 
     const int m_fd;
-    // Written by the draining thread, read by the measuring one: only how much it is matters.
+    // Written by the draining thread, read by the measuring one, which needs only the number.
     std::atomic<uint64_t> m_bytes{0};
-    const OnMessage m_on_message;
+    const OnFrame m_on_frame;
     std::thread m_thread;
 };
 
-// The plugin, its send thread running, and cameras 0 to count - 1 open in one mode.
+// The plugin with a running send thread and with cameras 0 to `cameras` - 1 open in one mode.
 class PluginRun {
 public:
     PluginRun(int cameras, VideoMode mode, const std::string& modules, IChannelStream* stream) {
@@ -144,11 +139,13 @@ public:
         AttachRuntime(&m_host);
         const std::set<int> others = Threads();
         m_plugin = CRefPtr_T<ClientCamera>(new ClientCamera);
-        m_plugin->Run();  // without a stream: starts the send thread
+        m_plugin->Run();  // returns at once without a stream, with the send thread started
         m_plugin->SetChannelStream(stream);
         for (int id = 0; id < cameras; ++id) {
-            const int32_t message[] = {16, kOpenCamera, id, mode.width, mode.height, mode.fps};
-            m_plugin->OnMessage(reinterpret_cast<const uint8_t*>(message), sizeof message, nullptr);
+            uint8_t message[sizeof(_MESSAGE_HEADER) + sizeof(FormatRequest)];
+            WriteRecord(WriteHeader(message, kOpenCamera, sizeof(FormatRequest)),
+                        FormatRequest{static_cast<uint32_t>(id), mode.width, mode.height, mode.fps});
+            m_plugin->OnMessage(message, sizeof message, nullptr);
         }
         m_threads = ThreadsSince(others);
     }
@@ -169,7 +166,7 @@ private:
     std::set<int> m_threads;
 };
 
-// A streaming camera as a program without any library would have it.
+// A streaming camera, used through plain system calls.
 class BareCamera {
 public:
     BareCamera(const char* file, VideoMode mode) : m_fd(open(file, O_RDWR | O_NONBLOCK)) {
@@ -183,18 +180,20 @@ public:
         request.memory = V4L2_MEMORY_MMAP;
         request.count = 4;
         Require(m_fd >= 0 && ioctl(m_fd, VIDIOC_S_FMT, &format) == 0 &&
-                ioctl(m_fd, VIDIOC_REQBUFS, &request) == 0);
+                    ioctl(m_fd, VIDIOC_REQBUFS, &request) == 0,
+                "the camera does not open");
         for (uint32_t index = 0; index < request.count; ++index) {
             v4l2_buffer buffer = NewBuffer();
             buffer.index = index;
-            Require(ioctl(m_fd, VIDIOC_QUERYBUF, &buffer) == 0);
+            Require(ioctl(m_fd, VIDIOC_QUERYBUF, &buffer) == 0, "the camera has no buffer");
             void* const start = mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd,
                                      static_cast<off_t>(buffer.m.offset));
-            Require(start != MAP_FAILED && ioctl(m_fd, VIDIOC_QBUF, &buffer) == 0);
+            Require(start != MAP_FAILED && ioctl(m_fd, VIDIOC_QBUF, &buffer) == 0,
+                    "a buffer cannot be mapped");
             m_pool.emplace_back(start, buffer.length);
         }
         int type = kType;
-        Require(ioctl(m_fd, VIDIOC_STREAMON, &type) == 0);
+        Require(ioctl(m_fd, VIDIOC_STREAMON, &type) == 0, "the camera does not start");
     }
     ~BareCamera() {
         int type = kType;
@@ -207,7 +206,8 @@ public:
     BareCamera(const BareCamera&) = delete;
     BareCamera& operator=(const BareCamera&) = delete;
 
-    // Waits for the next frame, hands it over and gives its buffer back; whether there was one.
+    // Waits for the next frame, passes it to `take` and queues its buffer again. Returns whether there was a
+    // frame.
     template <class Take>
     bool OneFrame(Take take) {
         fd_set set;
@@ -222,7 +222,7 @@ public:
             return false;
         }
         take(static_cast<const uint8_t*>(m_pool[buffer.index].first));
-        Require(ioctl(m_fd, VIDIOC_QBUF, &buffer) == 0);
+        Require(ioctl(m_fd, VIDIOC_QBUF, &buffer) == 0, "a buffer cannot be queued");
         return true;
     }
 
@@ -239,9 +239,9 @@ private:
     std::vector<std::pair<void*, size_t>> m_pool;
 };
 
-// Two ends of a socket: one to write to, one for a Drain.
+// Two ends of a socket: one to write to, one for a Drain, which closes it.
 struct SocketPair {
-    SocketPair() { Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0); }
+    SocketPair() { Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "there is no socket pair"); }
     int ends[2];
 };
 

@@ -1,5 +1,5 @@
 // A camera list of four cameras, with its records and log lines, against a bare loop that makes the same
-// calls to the same stand-in devices and keeps nothing.
+// calls to the same device double and stores nothing.
 #include <fcntl.h>
 #include <linux/videodev2.h>
 
@@ -82,15 +82,15 @@ void CameraListOfFour(benchmark::State& state, WritePath write_path) {
     DetachRuntime();
 }
 
-// The loop as one writes it.
+// The obvious loop.
 void BM_CameraListOfFour(benchmark::State& state) {
     CameraListOfFour(
         state, [](char(&path)[20], int index) { std::snprintf(path, sizeof(path), "/dev/video%d", index); });
 }
 BENCHMARK(BM_CameraListOfFour)->UseManualTime()->MinTime(1);
 
-// The loop that writes its paths as the enumerator does: what is left is the price of the records and the log
-// lines, next to devices that answer in a few nanoseconds.
+// The loop formats its paths as the enumerator does. The difference is the cost of the records and the log
+// lines, compared with devices that answer in a few nanoseconds.
 void BM_CameraListOfFourLeastPaths(benchmark::State& state) {
     CameraListOfFour(state, [](char(&path)[20], int index) {
         std::memcpy(path, "/dev/video", sizeof("/dev/video"));

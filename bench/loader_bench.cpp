@@ -1,5 +1,5 @@
-// The codec factory against the dynamic loader and the codec called by hand; the arguments of an encode call
-// against their allocations.
+// The codec factory against the dynamic loader and the codec called by hand, and the arguments of an encode
+// call against their allocations.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -23,7 +23,7 @@ using namespace zumod;
 constexpr char kModulesDir[] = ZU_BENCH_MODULES_DIR;
 constexpr int kRounds = 50;
 
-// Knows where the modules are, and nothing else.
+// Has only the property that names the module directory.
 class Host final : public IZUModRuntime {
 public:
     int WriteLog(uint32_t, const char*) override { std::abort(); }
@@ -56,7 +56,7 @@ CRefPtr_T<IZUModCreatePolicy> MakePolicy() {
     return policy;
 }
 
-// The handle is dropped, as the factory does.
+// Drops the library handle, as the factory does.
 CRefPtr_T<IVEncoder> MakeByHand(const char* path, IZUModRuntime* host, IZUModCreatePolicy* policy) {
     void* library = dlopen(path, RTLD_LAZY);
     const auto entry = reinterpret_cast<EntryPointFunction>(dlsym(library, kEntryPointName));
@@ -69,7 +69,7 @@ CRefPtr_T<IVEncoder> MakeByHand(const char* path, IZUModRuntime* host, IZUModCre
     return CRefPtr_T<IVEncoder>::Adopt(static_cast<IVEncoder*>(static_cast<void*>(created)));
 }
 
-// The codec is mapped already from the second call on.
+// From the second call on, the codec is mapped already.
 class AttachedHost {
 public:
     AttachedHost() { AttachRuntime(&host); }
@@ -81,8 +81,8 @@ public:
     const std::string path = std::string(kModulesDir) + "/zu-codec.so";
 };
 
-// Against the dynamic loader and the codec alone, with the policy made beforehand and no look at the file.
-// That look is a system call, which alone takes longer than everything done by hand here.
+// Against the dynamic loader and the codec only, with a policy created beforehand and no check that the file
+// exists. That check is a system call, which takes longer than everything that is done by hand here.
 void BM_CreateVideoEncoder(benchmark::State& state) {
     AttachedHost attached;
     const CRefPtr_T<IZUModCreatePolicy> policy = MakePolicy();
@@ -94,7 +94,8 @@ void BM_CreateVideoEncoder(benchmark::State& state) {
 }
 BENCHMARK(BM_CreateVideoEncoder)->UseManualTime();
 
-// Against the same steps by hand: the look at the file, and a policy and a property for each encoder.
+// Against the same steps by hand, including the check of the file, and a policy and a property for each
+// encoder.
 void BM_CreateVideoEncoderInTheSameSteps(benchmark::State& state) {
     AttachedHost attached;
     bench::RunPaired(state, 1.2, MakeByFactory, [&] {
@@ -127,7 +128,7 @@ void AllocateByHand() {
     ::operator delete(args);
 }
 
-// Against what it stands for: the object, and the output buffer.
+// Against the two allocations it makes: the object and the output buffer.
 void BM_PrepareOutput(benchmark::State& state) {
     const char picture = 0;
     bench::RunPaired(

@@ -1,14 +1,26 @@
-// Measures a piece of the module against a hand-written minimum that does the same work, turn by turn in one
-// run. On a shared machine a time means nothing and a ratio of neighbours still does.
+// Measurement of a piece of the module against a hand-written minimum that does the same work. Both run
+// alternately in one process: on a shared machine an absolute time means little, but the ratio of
+// neighbouring runs is stable.
+//
+// Thread rule: [benchmark thread].
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <chrono>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace zumod::bench {
+
+// Ends the program, or the benchmark if it catches exceptions, when something that is not measured fails.
+inline void Require(bool condition, const char* failure) {
+    if (!condition) {
+        throw std::runtime_error(failure);
+    }
+}
 
 template <class Work>
 double SecondsOf(Work& work) {
@@ -23,9 +35,16 @@ inline double Median(std::vector<double> values) {
     return *middle;
 }
 
-// Each iteration runs both once, the order changing from one to the next; each should take 20 microseconds or
-// more, by a loop of its own if need be. Register the benchmark with UseManualTime. Reports "ratio", the
-// median of the neighbours' ratios, beside "limit", the most it should be.
+// Reports a figure and the most it should be, as the counters `figure` and limit_`figure`. scripts/bench
+// prints a row for each such pair; the counter "limit" belongs to "ratio".
+inline void Report(benchmark::State& state, const std::string& figure, double value, double limit) {
+    state.counters[figure] = value;
+    state.counters[figure == "ratio" ? "limit" : "limit_" + figure] = limit;
+}
+
+// Each iteration runs both once, in alternating order; each should take 20 microseconds or more, in an inner
+// loop if necessary. Register the benchmark with UseManualTime. Reports "ratio", the median of the
+// iterations' ratios.
 template <class Subject, class Minimum>
 void RunPaired(benchmark::State& state, double limit, Subject subject, Minimum minimum) {
     subject();
@@ -46,8 +65,7 @@ void RunPaired(benchmark::State& state, double limit, Subject subject, Minimum m
         ratios.push_back(subject_seconds / minimum_seconds);
         state.SetIterationTime(subject_seconds);
     }
-    state.counters["ratio"] = Median(ratios);
-    state.counters["limit"] = limit;
+    Report(state, "ratio", Median(ratios), limit);
 }
 
 }  // namespace zumod::bench

@@ -1,4 +1,4 @@
-// The plugin's two ways: requests in, frames out.
+// The plugin's two paths, requests in and frames out, and its idle cost.
 #include <semaphore.h>
 #include <sys/socket.h>
 
@@ -22,25 +22,20 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using testing::SocketStream;
 
-// ---- Receiving
-// ------------------------------------------------------------------------------------------------
+// ---- Receiving ----
 
-// A socket pair whose peer writes the same bytes again and again on a thread of its own.
+// A socket pair whose peer writes the same bytes repeatedly on a separate thread.
 class Feed {
 public:
     Feed(const std::vector<uint8_t>& bytes, int times) {
         int ends[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
-            std::abort();
-        }
+        Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "there is no socket pair");
         m_stream = CRefPtr_T<IChannelStream>(new SocketStream(ends[0]));
         m_writer = std::thread([&bytes, times, fd = ends[1]] {
             for (int i = 0; i < times; ++i) {
                 for (size_t done = 0; done < bytes.size();) {
                     const ssize_t count = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-                    if (count <= 0) {
-                        std::abort();
-                    }
+                    Require(count > 0, "the socket is closed");
                     done += static_cast<size_t>(count);
                 }
             }
@@ -106,12 +101,11 @@ void ReceiveLoop(benchmark::State& state) {
 }
 BENCHMARK(ReceiveLoop)->Args({64, 20000})->Args({64 << 10, 2000})->Args({4 << 20, 40})->UseManualTime();
 
-// ---- Sending
-// --------------------------------------------------------------------------------------------------
+// ---- Sending ----
 
 constexpr size_t kFrameSize = 20 << 10;
 
-// Takes the bytes the way a socket would, and tells when the last one of a message was written.
+// Copies the bytes as a socket does, and records when a message was written.
 class TimedStream final : public CCounted_T<IChannelStream> {
 public:
     TimedStream() { sem_init(&m_written, 0, 0); }
@@ -135,7 +129,7 @@ private:
     uint8_t m_sink[16 + kFrameSize];
 };
 
-// One malloc, one copy, one semaphore, one thread that writes.
+// The hand-written minimum: one malloc, one copy, one semaphore, one thread that writes.
 class BareSender {
 public:
     explicit BareSender(IChannelStream& stream) : m_stream(stream) {
@@ -206,20 +200,18 @@ void FrameToLastByte(benchmark::State& state) {
         minimum.push_back(std::chrono::duration<double>(bare_stream->WaitWritten() - start).count());
         state.SetIterationTime(seconds);
     }
-    state.counters["ratio"] = Percentile(subject, 0.5) / Percentile(minimum, 0.5);
-    state.counters["ratio_p99"] = Percentile(subject, 0.99) / Percentile(minimum, 0.99);
-    state.counters["limit"] = 1.10;
+    Report(state, "ratio", Percentile(subject, 0.5) / Percentile(minimum, 0.5), 1.10);
+    Report(state, "ratio_p99", Percentile(subject, 0.99) / Percentile(minimum, 0.99), 1.10);
     plugin->ExitInstance();
     DetachRuntime();
 }
 BENCHMARK(FrameToLastByte)->UseManualTime()->Iterations(20000);
 
-// ---- Doing nothing
-// --------------------------------------------------------------------------------------------
+// ---- Idle ----
 
-// The numbers of one thread of this process from the kernel's own books.
-struct ThreadBooks {
-    explicit ThreadBooks(int id) {
+// The kernel's statistics of one thread of this process.
+struct ThreadStatistics {
+    explicit ThreadStatistics(int id) {
         const std::string directory = "/proc/self/task/" + std::to_string(id);
         std::ifstream status(directory + "/status");
         for (std::string word; status >> word;) {
@@ -246,20 +238,19 @@ void Idle(benchmark::State& state) {
     testing::RecordingHost host;
     AttachRuntime(&host);
     const CRefPtr_T<ClientCamera> plugin(new ClientCamera);
-    // Twice: a thread that lived through a reset must be as quiet as a new one.
+    // Twice: a thread that survived a reset must be as idle as a new one.
     plugin->Run();
     const int thread = NewestThread();
     plugin->Run();
     std::this_thread::sleep_for(std::chrono::milliseconds(600));
     for (auto _ : state) {
-        const ThreadBooks before(thread);
+        const ThreadStatistics before(thread);
         const auto start = Clock::now();
         std::this_thread::sleep_for(std::chrono::seconds(10));
-        const ThreadBooks after(thread);
+        const ThreadStatistics after(thread);
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         state.SetIterationTime(seconds);
-        state.counters["wake_ups_a_second"] = (after.wake_ups - before.wake_ups) / seconds;
-        state.counters["limit"] = 2;
+        Report(state, "wake_ups_per_second", (after.wake_ups - before.wake_ups) / seconds, 2);
         state.counters["processor_time_ppm"] =
             (after.run_nanoseconds - before.run_nanoseconds) / seconds / 1000.0;
     }

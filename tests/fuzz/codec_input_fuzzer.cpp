@@ -1,7 +1,7 @@
-// Any records with any numbers of bytes, one after the other into one real encoder: what does not fit is
-// refused, what comes out is a stream, and no byte outside the picture is read. The input is a byte of policy
-// flags, then for each picture the 20 bytes of its record and 2 bytes of byte count, which keep the pictures
-// small.
+// Arbitrary records with arbitrary byte counts, one after another, into one real encoder. The encoder must
+// refuse what does not fit, return a stream otherwise, and read no byte outside the picture. The input is a
+// byte of policy flags, then for each picture the 20 bytes of its record and a byte count of 2 bytes, which
+// keeps the pictures small.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +13,7 @@
 #include "codec/video_encoder.h"
 #include "src/module/attach_runtime.h"
 #include "tests/fuzz/check.h"
-#include "zumod/enc_args.h"
+#include "tests/support/doubles/encode_call.h"
 #include "zumod/runtime.h"
 #include "zumod/values.h"
 
@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::size_t kMostPictures = 4;
 
-// Silent, and asks for the fastest encoder.
+// Drops log lines and selects the fastest encoder.
 class Host final : public IZUModRuntime {
 public:
     virtual ~Host() = default;
@@ -38,32 +38,7 @@ private:
     const CRefPtr_T<IZUModData> m_preset = CZUModData::FromText("ultrafast");
 };
 
-class Call final : public IVEncArgs {
-public:
-    Call(const void* bytes, uint64_t size) : m_bytes(bytes), m_size(size) {}
-
-    uint64_t AddRef() override { return 1; }
-    int64_t Release() override { return 1; }
-    uint64_t GetArgOption() override { return 0; }
-    const void* GetInputData() override { return m_bytes; }
-    uint64_t GetInputSize() override { return m_size; }
-    uint64_t GetArgFlags() override { return 0; }
-    void ResetArgs() override {}
-    uint64_t PrepareOutput(uint32_t size) override {
-        output.resize(size);
-        return size;
-    }
-    void* GetOutputData() override { return output.data(); }
-    uint64_t GetOutputSize() override { return output.size(); }
-
-    std::vector<uint8_t> output;
-
-private:
-    const void* m_bytes;
-    uint64_t m_size;
-};
-
-bool BeginsLikeAStream(const std::vector<uint8_t>& bytes) {
+bool BeginsWithStartCode(const std::vector<uint8_t>& bytes) {
     return bytes.size() > 4 && bytes[0] == 0 && bytes[1] == 0 &&
            (bytes[2] == 1 || (bytes[2] == 0 && bytes[3] == 1));
 }
@@ -94,16 +69,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::memcpy(&byte_count, data + at + sizeof record, sizeof byte_count);
         at += sizeof record + sizeof byte_count;
 
-        // Exactly so many bytes on the heap: the next one is not to be read.
+        // A heap block of exactly this size, so that a read past its end is detected.
         const std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[byte_count]);
         for (std::size_t i = 0; i < byte_count; ++i) {
             bytes[i] = static_cast<std::uint8_t>(i * 7 + picture);
         }
-        Call call(bytes.get(), byte_count);
+        testing::EncodeCall call(bytes.get(), byte_count);
         FUZZ_CHECK(encoder->SetInputFormat(&record) == 1);
         const bool encoded = encoder->Encode(&call);
         FUZZ_CHECK(encoded == !call.output.empty());
-        FUZZ_CHECK(!encoded || BeginsLikeAStream(call.output));
+        FUZZ_CHECK(!encoded || BeginsWithStartCode(call.output));
         PictureLayout layout{};
         if (LayOutPicture(record, byte_count, layout) != PictureError::kNone ||
             (layout.format->is_rgb && !policy.source_rgb)) {

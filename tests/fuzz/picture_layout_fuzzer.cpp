@@ -1,5 +1,5 @@
-// Any record and any number of bytes: a layout that is found lies within the bytes, its planes apart.
-// The input is the 20 bytes of the record and 8 bytes of byte count.
+// An arbitrary record and byte count: a layout that is accepted must lie within the bytes, without
+// overlapping planes. The input is the 20 bytes of the record and a byte count of 8 bytes.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (LayOutPictureAsRecorded(record, recorded) == PictureError::kNone) {
         CheckLayout(recorded, record);
         FUZZ_CHECK(recorded.planes[0].stride == record.stride);
-        // Exactly these bytes are this picture, whatever else they might fit.
+        // An exact fit for the recorded stride takes precedence over any other stride.
         FUZZ_CHECK(LayOutPicture(record, recorded.byte_count, layout) == PictureError::kNone);
         FUZZ_CHECK(layout.planes[0].stride == record.stride);
     }

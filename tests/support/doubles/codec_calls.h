@@ -1,4 +1,4 @@
-// A caller's side of the codec module: the module itself, opened like any other, and the arguments of an
+// What a test needs to call the codec module: the loaded module, creation policies, and the arguments of an
 // encode and of a decode call.
 //
 // Thread rule: one thread at a time.
@@ -7,7 +7,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "tests/support/doubles/counted_object.h"
+#include "tests/support/doubles/encode_call.h"
 #include "tests/support/doubles/raw_slots.h"
 #include "zumod/codec.h"
 #include "zumod/codec_decode.h"
@@ -25,7 +25,8 @@
 
 namespace zumod::testing {
 
-// The policies that the camera module sends for an encoder and for a decoder, kept book over.
+// The policies that the camera module sends for an encoder and for a decoder. `ledger` counts their
+// references.
 inline CRefPtr_T<CountedPolicy> EncoderPolicyFor(ReferenceLedger& ledger) {
     CRefPtr_T<CountedPolicy> policy(new CountedPolicy(ledger));
     policy->SetText("zu.module.interface.name", "IVEncoder");
@@ -50,35 +51,7 @@ inline CRefPtr_T<CountedPolicy> DecoderPolicyFor(ReferenceLedger& ledger, VideoT
     return policy;
 }
 
-// One encode call. The object lives on the caller's stack, so it is not counted.
-class EncodeCall final : public IVEncArgs {
-public:
-    EncodeCall(const void* bytes, uint64_t size) : m_bytes(bytes), m_size(size) {}
-
-    uint64_t AddRef() override { return 1; }
-    int64_t Release() override { return 1; }
-    uint64_t GetArgOption() override { return 0; }
-    const void* GetInputData() override { return m_bytes; }
-    uint64_t GetInputSize() override { return m_size; }
-    uint64_t GetArgFlags() override { return 0; }
-    void ResetArgs() override {}
-    uint64_t PrepareOutput(uint32_t size) override {
-        ++prepared;
-        output.resize(std::min<uint64_t>(size, room));
-        return output.size();
-    }
-    void* GetOutputData() override { return output.empty() ? nullptr : output.data(); }
-    uint64_t GetOutputSize() override { return output.size(); }
-
-    std::vector<uint8_t> output;
-    uint64_t room = UINT64_MAX;  // what a buffer can be grown to
-    int prepared = 0;
-
-private:
-    const void* m_bytes;
-    uint64_t m_size;
-};
-
+// Lives on the caller's stack, so it is not counted.
 class DecodeCall final : public IVDecArgs {
 public:
     using Taker = std::function<void(const VideoDecodedPicture&)>;
@@ -113,7 +86,7 @@ public:
 
     const ZUModDescriptor& Descriptor() const { return *m_descriptor; }
 
-    // Empty when the module refuses.
+    // Null if the module refuses.
     template <class Interface>
     CRefPtr_T<Interface> Create(IZUModCreatePolicy& policy) const {
         IZUModInterface* out = nullptr;
@@ -127,7 +100,7 @@ private:
     const ZUModDescriptor* m_descriptor = nullptr;
 };
 
-// Tells the encoder the record and encodes, as the camera module does: by slot.
+// Sets the input format and encodes through the vtable slots, as the camera module does.
 inline bool EncodeWith(IVEncoder& encoder, const VideoInputFormat& record, IVEncArgs& call) {
     constexpr size_t kSetInputFormat = 10;
     constexpr size_t kEncode = 20;
@@ -135,15 +108,15 @@ inline bool EncodeWith(IVEncoder& encoder, const VideoInputFormat& record, IVEnc
     return CallSlot<bool>(&encoder, kEncode, &call);
 }
 
-// The bytes of an encoded picture; none when the encoder had nothing.
+// The bytes of the encoded picture, empty if the encoder returns false.
 inline std::vector<uint8_t> Encoded(IVEncoder& encoder, const VideoInputFormat& record,
                                     const std::vector<uint8_t>& bytes) {
     EncodeCall call(bytes.data(), bytes.size());
     return EncodeWith(encoder, record, call) ? std::move(call.output) : std::vector<uint8_t>{};
 }
 
-// The kinds of the units of an Annex B stream, in order: 7 and 8 the parameter sets, 5 a key picture, 1 any
-// other picture. Empty when it does not begin with a start code.
+// The types of the NAL units of an Annex B stream, in order: 7 and 8 parameter sets, 5 a key picture, 1 any
+// other picture. Empty if the stream does not begin with a start code.
 inline std::vector<int> UnitKinds(const std::vector<uint8_t>& stream) {
     std::vector<int> kinds;
     for (size_t i = 0; i + 3 < stream.size(); ++i) {
