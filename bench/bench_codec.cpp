@@ -65,7 +65,7 @@ int Create(IZUModCreatePolicy* policy, IZUModInterface** out) {
     if (!wanted || kinds != 0b10110) {
         return 0;
     }
-    *out = CRefPtr_T<IVEncoder>(new Encoder).Detach();
+    StoreInterface<IVEncoder>(new Encoder, out);
     return 1;
 }
 

@@ -41,10 +41,10 @@ CRefPtr_T<IVEncoder> NewEncoder() {
     const auto entry = reinterpret_cast<EntryPointFunction>(dlsym(library, kEntryPointName));
     const CRefPtr_T<CZUModCreatePolicyAdapter> policy(
         new CZUModCreatePolicyAdapter(kVideoEncoderName, kCodecInterfaceVersion));
-    policy->SetPolicy(kPolicyImageType, CZUModData::FromInt64(9));
+    policy->SetPolicy(kPolicyImageType, CZUModData::FromInt64(kImageTypeH264));
     IZUModInterface* out = nullptr;
     Require(entry()->create(policy.Get(), &out) == 1, "the codec creates no encoder");
-    return CRefPtr_T<IVEncoder>::Adopt(static_cast<IVEncoder*>(static_cast<void*>(out)));
+    return TakeInterface<IVEncoder>(out);
 }
 
 // The bit rate and the key interval are the codec's defaults for this size.

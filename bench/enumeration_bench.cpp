@@ -66,7 +66,7 @@ void MakeTheCalls(WritePath write_path) {
 }
 
 template <class WritePath>
-void CameraListOfFour(benchmark::State& state, WritePath write_path) {
+void MeasureCameraList(benchmark::State& state, WritePath write_path) {
     SilentHost host;
     AttachRuntime(&host);
     testing::DeviceDouble devices;
@@ -83,21 +83,21 @@ void CameraListOfFour(benchmark::State& state, WritePath write_path) {
 }
 
 // The obvious loop.
-void BM_CameraListOfFour(benchmark::State& state) {
-    CameraListOfFour(
+void CameraListOfFour(benchmark::State& state) {
+    MeasureCameraList(
         state, [](char(&path)[20], int index) { std::snprintf(path, sizeof(path), "/dev/video%d", index); });
 }
-BENCHMARK(BM_CameraListOfFour)->UseManualTime()->MinTime(1);
+BENCHMARK(CameraListOfFour)->UseManualTime()->MinTime(1);
 
 // The loop formats its paths as the enumerator does. The difference is the cost of the records and the log
 // lines, compared with devices that answer in a few nanoseconds.
-void BM_CameraListOfFourLeastPaths(benchmark::State& state) {
-    CameraListOfFour(state, [](char(&path)[20], int index) {
+void CameraListOfFourLeastPaths(benchmark::State& state) {
+    MeasureCameraList(state, [](char(&path)[20], int index) {
         std::memcpy(path, "/dev/video", sizeof("/dev/video"));
         *std::to_chars(path + sizeof("/dev/video") - 1, path + sizeof(path) - 1, index).ptr = '\0';
     });
 }
-BENCHMARK(BM_CameraListOfFourLeastPaths)->UseManualTime()->MinTime(1);
+BENCHMARK(CameraListOfFourLeastPaths)->UseManualTime()->MinTime(1);
 
 }  // namespace
 }  // namespace zumod::bench

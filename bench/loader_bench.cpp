@@ -39,16 +39,15 @@ private:
 
 void MakeByFactory() {
     for (int i = 0; i < kRounds; ++i) {
-        if (CreateVideoEncoder(9, false, false, false, true) == nullptr) {
-            std::abort();
-        }
+        bench::Require(CreateVideoEncoder(kImageTypeH264, false, false, false, true) != nullptr,
+                       "the factory creates no encoder");
     }
 }
 
 CRefPtr_T<IZUModCreatePolicy> MakePolicy() {
     const CRefPtr_T<CZUModCreatePolicyAdapter> policy(
         new CZUModCreatePolicyAdapter(kVideoEncoderName, kCodecInterfaceVersion));
-    policy->SetPolicy(kPolicyImageType, CZUModData::FromInt64(9));
+    policy->SetPolicy(kPolicyImageType, CZUModData::FromInt64(kImageTypeH264));
     for (const char* key : {kPolicyEncRapidSub, kPolicyEncNoStreamHeader, kPolicyEncFileRecord}) {
         policy->SetPolicy(key, CZUModData::FromBool(false));
     }
@@ -63,10 +62,8 @@ CRefPtr_T<IVEncoder> MakeByHand(const char* path, IZUModRuntime* host, IZUModCre
     const ZUModDescriptor* module = entry();
     module->attach_runtime(host);
     IZUModInterface* created = nullptr;
-    if (module->create(policy, &created) == 0) {
-        std::abort();
-    }
-    return CRefPtr_T<IVEncoder>::Adopt(static_cast<IVEncoder*>(static_cast<void*>(created)));
+    bench::Require(module->create(policy, &created) != 0, "the codec creates no encoder");
+    return TakeInterface<IVEncoder>(created);
 }
 
 // From the second call on, the codec is mapped already.
@@ -83,7 +80,7 @@ public:
 
 // Against the dynamic loader and the codec only, with a policy created beforehand and no check that the file
 // exists. That check is a system call, which takes longer than everything that is done by hand here.
-void BM_CreateVideoEncoder(benchmark::State& state) {
+void CreateVideoEncoder(benchmark::State& state) {
     AttachedHost attached;
     const CRefPtr_T<IZUModCreatePolicy> policy = MakePolicy();
     bench::RunPaired(state, 1.2, MakeByFactory, [&] {
@@ -92,23 +89,21 @@ void BM_CreateVideoEncoder(benchmark::State& state) {
         }
     });
 }
-BENCHMARK(BM_CreateVideoEncoder)->UseManualTime();
+BENCHMARK(CreateVideoEncoder)->UseManualTime();
 
 // Against the same steps by hand, including the check of the file, and a policy and a property for each
 // encoder.
-void BM_CreateVideoEncoderInTheSameSteps(benchmark::State& state) {
+void CreateVideoEncoderInTheSameSteps(benchmark::State& state) {
     AttachedHost attached;
     bench::RunPaired(state, 1.2, MakeByFactory, [&] {
         for (int i = 0; i < kRounds; ++i) {
-            if (access(attached.path.c_str(), F_OK) != 0) {
-                std::abort();
-            }
+            bench::Require(access(attached.path.c_str(), F_OK) == 0, "there is no codec");
             const auto encoder = MakeByHand(attached.path.c_str(), &attached.host, MakePolicy().Get());
             encoder->SetProperty(kPropertyHardware, CZUModData::FromBool(true).Get());
         }
     });
 }
-BENCHMARK(BM_CreateVideoEncoderInTheSameSteps)->UseManualTime();
+BENCHMARK(CreateVideoEncoderInTheSameSteps)->UseManualTime();
 
 constexpr uint32_t kOutputSize = 20 * 1024;
 constexpr int kFrames = 500;
@@ -129,7 +124,7 @@ void AllocateByHand() {
 }
 
 // Against the two allocations it makes: the object and the output buffer.
-void BM_PrepareOutput(benchmark::State& state) {
+void PrepareOutput(benchmark::State& state) {
     const char picture = 0;
     bench::RunPaired(
         state, 1.15,
@@ -144,6 +139,6 @@ void BM_PrepareOutput(benchmark::State& state) {
             }
         });
 }
-BENCHMARK(BM_PrepareOutput)->UseManualTime();
+BENCHMARK(PrepareOutput)->UseManualTime();
 
 }  // namespace

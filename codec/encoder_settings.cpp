@@ -9,6 +9,7 @@
 #include "src/module/log.h"
 #include "src/module/runtime.h"
 #include "zumod/ref_ptr.h"
+#include "zumod/values.h"
 
 namespace zumod {
 namespace {
@@ -31,14 +32,7 @@ struct Property {
 Property ReadProperty(const char* key) {
     // Borrowed from the host: this reference is held only while the value is read.
     const CRefPtr_T<IZUModData> value(CZUModRuntime::GetInstance()->GetEnvProperty(key));
-    Property property;
-    property.present = value != nullptr;
-    if (property.present && value->GetType() == kZUModDataText) {
-        if (const char* text = value->GetString()) {
-            property.text = text;
-        }
-    }
-    return property;
+    return {value != nullptr, TextOf(value.Get())};
 }
 
 void LogWrong(const char* key, const Property& property) {

@@ -92,7 +92,7 @@ public:
         IZUModInterface* out = nullptr;
         const int created = m_descriptor->create(&policy, &out);
         EXPECT_EQ(created, out != nullptr ? 1 : 0);
-        return CRefPtr_T<Interface>::Adopt(static_cast<Interface*>(static_cast<void*>(out)));
+        return TakeInterface<Interface>(out);
     }
 
 private:
