@@ -14,7 +14,7 @@ using ::testing::IsEmpty;
 
 class CodecCreateTest : public LoggingTest {
 protected:
-    // What create left behind the slot, null when it refused.
+    // The created object, or null if create refused.
     CRefPtr_T<IZUModInterface> Create(IZUModCreatePolicy* policy) {
         auto* const untouched = reinterpret_cast<IZUModInterface*>(this);
         IZUModInterface* out = untouched;
@@ -34,7 +34,7 @@ protected:
     CRefPtr_T<CountedPolicy> decoder = DecoderPolicyFor(ledger, kVideoTargetI420);
 };
 
-TEST_F(CodecCreateTest, MakesAnEncoderWithOneReferenceForTheCaller) {
+TEST_F(CodecCreateTest, CreatesAnEncoderWithOneReferenceForTheCaller) {
     const auto object = Create(encoder.Get());
     ASSERT_NE(object, nullptr);
     EXPECT_EQ(object->AddRef(), 2U);
@@ -42,32 +42,32 @@ TEST_F(CodecCreateTest, MakesAnEncoderWithOneReferenceForTheCaller) {
     EXPECT_THAT(host.Lines(), IsEmpty());
 }
 
-TEST_F(CodecCreateTest, MakesADecoderWithOneReferenceForTheCaller) {
+TEST_F(CodecCreateTest, CreatesADecoderWithOneReferenceForTheCaller) {
     const auto object = Create(decoder.Get());
     ASSERT_NE(object, nullptr);
     EXPECT_EQ(object->AddRef(), 2U);
     EXPECT_EQ(object->Release(), 1);
 }
 
-TEST_F(CodecCreateTest, KeepsNothingOfThePolicy) {
+TEST_F(CodecCreateTest, KeepsNoReferenceToThePolicy) {
     const auto first = Create(encoder.Get());
     const auto second = Create(decoder.Get());
-    EXPECT_EQ(ledger.Alive(), 2) << "the two policies alone";
+    EXPECT_EQ(ledger.Alive(), 2) << "only the two policies";
     EXPECT_EQ(ledger.Held(), 2) << "by this test";
 }
 
-TEST_F(CodecCreateTest, TheInterfacesNameIsComparedWithoutRegardToLetterCase) {
+TEST_F(CodecCreateTest, TheLetterCaseOfTheInterfaceNameIsIgnored) {
     encoder->SetText("zu.module.interface.name", "ivENCODER");
     const auto object = Create(encoder.Get());
     ASSERT_NE(object, nullptr);
-    void* face = nullptr;
-    EXPECT_TRUE(object->QueryInterface("IVEncoder", &face));
+    void* interface_pointer = nullptr;
+    EXPECT_TRUE(object->QueryInterface("IVEncoder", &interface_pointer));
     object->Release();
     decoder->SetText("zu.module.interface.name", "IVDECODER");
     EXPECT_NE(Create(decoder.Get()), nullptr);
 }
 
-TEST_F(CodecCreateTest, AnyMinorVersionOfTheMajorOneIsTaken) {
+TEST_F(CodecCreateTest, AcceptsAnyMinorVersion) {
     encoder->SetInt64("zu.module.version", 0x0001FFFFFFFFFFFF);
     EXPECT_NE(Create(encoder.Get()), nullptr);
     encoder->SetInt64("zu.module.version", 0x0001000000000000);
@@ -120,26 +120,26 @@ TEST_F(CodecCreateTest, RefusesACallWithoutAPolicyOrASlot) {
     EXPECT_THAT(host.Lines(), ElementsAre(line, line));
 }
 
-TEST_F(CodecCreateTest, AnObjectKnowsItsOwnNameAlone) {
+TEST_F(CodecCreateTest, AnObjectHasOnlyTheInterfaceOfItsName) {
     const auto object = Create(encoder.Get());
     void* const untouched = this;
-    void* face = untouched;
-    EXPECT_FALSE(object->QueryInterface("IVDecoder", &face));
-    EXPECT_FALSE(object->QueryInterface(nullptr, &face));
-    EXPECT_EQ(face, untouched);
+    void* interface_pointer = untouched;
+    EXPECT_FALSE(object->QueryInterface("IVDecoder", &interface_pointer));
+    EXPECT_FALSE(object->QueryInterface(nullptr, &interface_pointer));
+    EXPECT_EQ(interface_pointer, untouched);
     EXPECT_FALSE(object->QueryInterface("IVEncoder", nullptr));
-    EXPECT_TRUE(object->QueryInterface("ivencoder", &face));
-    EXPECT_EQ(face, object.Get());
+    EXPECT_TRUE(object->QueryInterface("ivencoder", &interface_pointer));
+    EXPECT_EQ(interface_pointer, object.Get());
     EXPECT_EQ(object->Release(), 1);
 
     const auto other = Create(decoder.Get());
-    EXPECT_FALSE(other->QueryInterface("IVEncoder", &face));
-    EXPECT_TRUE(other->QueryInterface("ivdecoder", &face));
-    EXPECT_EQ(face, other.Get());
+    EXPECT_FALSE(other->QueryInterface("IVEncoder", &interface_pointer));
+    EXPECT_TRUE(other->QueryInterface("ivdecoder", &interface_pointer));
+    EXPECT_EQ(interface_pointer, other.Get());
     EXPECT_EQ(other->Release(), 1);
 }
 
-TEST_F(CodecCreateTest, AnObjectTakesTheHardwarePropertyAsABooleanAndNoOther) {
+TEST_F(CodecCreateTest, AnObjectAcceptsOnlyTheHardwarePropertyAndOnlyAsABoolean) {
     for (const auto& policy : {encoder, decoder}) {
         const auto object = Create(policy.Get());
         EXPECT_EQ(object->GetProperty("zu.codec.property.hardware"), nullptr);

@@ -1,4 +1,4 @@
-// The codec module found and loaded by the camera module's own loader.
+// The codec module, found and loaded by the camera module's loader.
 #include <gtest/gtest.h>
 
 #include "src/loader/codec_factory.h"
@@ -15,7 +15,7 @@ protected:
     CodecLoadingTest() { host.SetProperty("zu.env.modules.dir", CZUModData::FromText(ZU_MODULE_DIR)); }
 };
 
-TEST_F(CodecLoadingTest, ThePairOfFactoriesGivesACodecThatWorks) {
+TEST_F(CodecLoadingTest, BothFactoriesCreateACodecThatWorks) {
     const auto encoder = CreateVideoEncoder(9, false, false, false, true);
     const auto decoder = CreateVideoDecoder(9, kVideoTargetBgr32, 0);
     ASSERT_TRUE(encoder != nullptr && decoder != nullptr);
@@ -29,7 +29,7 @@ TEST_F(CodecLoadingTest, ThePairOfFactoriesGivesACodecThatWorks) {
     EXPECT_GE(psnr, 36.0);
 }
 
-TEST_F(CodecLoadingTest, AnotherImageTypeIsRefusedAndTheLoaderSaysSo) {
+TEST_F(CodecLoadingTest, AnotherImageTypeIsRefusedAndTheLoaderLogsIt) {
     EXPECT_EQ(CreateVideoEncoder(8, false, false, false, true), nullptr);
     EXPECT_TRUE(host.Has({4, "[zu-codec] create refused, unknown image type 8"}));
     EXPECT_TRUE(host.Has({4, "[client_plugin] create module_name(zu-codec) fail"}));

@@ -1,4 +1,4 @@
-// The built codec module, as a stranger's program meets it: by its file, its descriptor and its slots.
+// The built codec module, used as another program uses it: through its file, its descriptor and its slots.
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ protected:
     CRefPtr_T<IVDecoder> NewDecoder(VideoTargetFormat target) {
         return module.Create<IVDecoder>(*DecoderPolicyFor(ledger, target));
     }
-    // Encodes and decodes one picture: how close the result is, 0 when there is none.
+    // Encodes and decodes one picture. Returns its PSNR, or 0 if there is none.
     double RoundTrip(const TestPicture& picture, const Pattern& pattern, VideoTargetFormat target) {
         const auto own_encoder = module.Create<IVEncoder>(*EncoderPolicyFor(ledger));
         const auto stream = Encoded(*own_encoder, picture.record, picture.bytes);
@@ -64,7 +64,7 @@ protected:
     CRefPtr_T<IVEncoder> encoder = module.Create<IVEncoder>(*EncoderPolicyFor(ledger));
 };
 
-TEST_F(CodecModuleTest, TheDescriptorIsRightInEveryField) {
+TEST_F(CodecModuleTest, EveryFieldOfTheDescriptorIsRight) {
     const ZUModDescriptor& descriptor = module.Descriptor();
     EXPECT_EQ(descriptor.version, 0x0001000000000000U);
     EXPECT_STREQ(descriptor.name, "zu-codec");
@@ -149,7 +149,7 @@ TEST_F(CodecModuleTest, PaddedRowsDoNotShearThePicture) {
     EXPECT_GE(RoundTrip(PaintWithStride(0, pattern, 2048), pattern, kVideoTargetBgr32), 36.0);
 }
 
-TEST_F(CodecModuleTest, RowsWithoutPaddingDoNotShearThePictureEither) {
+TEST_F(CodecModuleTest, RowsWithoutPaddingDoNotShearThePicture) {
     const Pattern pattern{642, 480};
     for (const uint32_t format : {kNv12, kI420}) {
         EXPECT_GE(RoundTrip(PaintWithStride(format, pattern, 642), pattern, kVideoTargetI420), 36.0)
@@ -157,7 +157,7 @@ TEST_F(CodecModuleTest, RowsWithoutPaddingDoNotShearThePictureEither) {
     }
 }
 
-TEST_F(CodecModuleTest, WhatFollowsThePictureIsIgnored) {
+TEST_F(CodecModuleTest, BytesAfterThePictureAreIgnored) {
     const Pattern pattern{320, 180};
     TestPicture picture = Paint(kNv12, pattern);
     picture.bytes.resize(picture.bytes.size() + 4099);
@@ -219,7 +219,7 @@ TEST(CodecModuleFile, HasNoUniqueSymbol) {
     }
 }
 
-TEST(CodecModuleFile, BindsEverythingAtLoadAndIsReadOnlyAfterwards) {
+TEST(CodecModuleFile, BindsAllSymbolsAtLoadAndIsReadOnlyAfterwards) {
     const ElfFile file(ZU_CODEC_FILE);
     EXPECT_TRUE(file.Segment(PT_GNU_RELRO).has_value());
     EXPECT_NE(file.Dynamic(DT_FLAGS).value_or(0) & DF_BIND_NOW, 0U);
@@ -227,7 +227,7 @@ TEST(CodecModuleFile, BindsEverythingAtLoadAndIsReadOnlyAfterwards) {
     EXPECT_FALSE(file.Dynamic(DT_RUNPATH).has_value());
 }
 
-TEST(CodecModuleFile, LoadsWorksAndGoesTwentyTimesOver) {
+TEST(CodecModuleFile, LoadsWorksAndUnloadsTwentyTimes) {
     const auto threads = CountThreads();
     for (int round = 0; round < 20 && !HasFailure(); ++round) {
         {
@@ -253,7 +253,7 @@ TEST(CodecModuleFile, LoadsWorksAndGoesTwentyTimesOver) {
     EXPECT_EQ(CountThreads(), threads);
     EXPECT_NE(dlopen("libavcodec.so." AV_STRINGIFY(LIBAVCODEC_VERSION_MAJOR), RTLD_LAZY | RTLD_NOLOAD),
               nullptr)
-        << "loading it again and again would leak what its own libraries leak";
+        << "each load would leak what its libraries leak";
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ protected:
     ReferenceLedger ledger;
 };
 
-TEST_F(EncoderSettingsTest, FollowFromTheSizeWhenTheHostSaysNothing) {
+TEST_F(EncoderSettingsTest, DependOnTheSizeIfTheHostHasNoProperties) {
     const EncoderSettings settings = ReadEncoderSettings(640, 480);
     EXPECT_EQ(settings.bit_rate, 1382400);
     EXPECT_EQ(settings.key_interval, 60) << "two seconds";
@@ -31,13 +31,13 @@ TEST_F(EncoderSettingsTest, FollowFromTheSizeWhenTheHostSaysNothing) {
     EXPECT_THAT(host.AskedKeys(), ElementsAre("zu.codec.bitrate", "zu.codec.preset", "zu.codec.keyint"));
 }
 
-TEST_F(EncoderSettingsTest, TheBitRateGrowsWithThePictureAndIsNeverTiny) {
+TEST_F(EncoderSettingsTest, TheBitRateGrowsWithThePictureBetweenTwoBounds) {
     EXPECT_EQ(DefaultBitRate(1280, 720), 4147200);
     EXPECT_EQ(DefaultBitRate(16, 16), 100000);
     EXPECT_EQ(DefaultBitRate(16384, 16384), 1000000000);
 }
 
-TEST_F(EncoderSettingsTest, ComeFromTheHostWhenItHasThem) {
+TEST_F(EncoderSettingsTest, ComeFromTheHostIfItHasThem) {
     SetText("zu.codec.bitrate", "500000");
     SetText("zu.codec.preset", "veryfast");
     SetText("zu.codec.keyint", "15");
@@ -48,7 +48,7 @@ TEST_F(EncoderSettingsTest, ComeFromTheHostWhenItHasThem) {
     EXPECT_THAT(host.Lines(), IsEmpty());
 }
 
-TEST_F(EncoderSettingsTest, AWrongBitRateIsOneLineAndTheDefault) {
+TEST_F(EncoderSettingsTest, AWrongBitRateIsLoggedAndTheDefaultUsed) {
     for (const char* wrong :
          {"", "fast", "9999", "1000000001", "-500000", "500000 ", "5e5", "99999999999999999999999"}) {
         SetText("zu.codec.bitrate", wrong);
@@ -60,7 +60,7 @@ TEST_F(EncoderSettingsTest, AWrongBitRateIsOneLineAndTheDefault) {
     }
 }
 
-TEST_F(EncoderSettingsTest, AWrongKeyIntervalIsOneLineAndTheDefault) {
+TEST_F(EncoderSettingsTest, AWrongKeyIntervalIsLoggedAndTheDefaultUsed) {
     for (const char* wrong : {"0", "-1", "100001", "two"}) {
         SetText("zu.codec.keyint", wrong);
         EXPECT_EQ(ReadEncoderSettings(640, 480).key_interval, 60) << wrong;
@@ -68,7 +68,7 @@ TEST_F(EncoderSettingsTest, AWrongKeyIntervalIsOneLineAndTheDefault) {
     }
 }
 
-TEST_F(EncoderSettingsTest, AWrongPresetIsOneLineAndTheDefault) {
+TEST_F(EncoderSettingsTest, AWrongPresetIsLoggedAndTheDefaultUsed) {
     for (const char* wrong : {"", "UltraFast", "ultrafast ", "warp"}) {
         SetText("zu.codec.preset", wrong);
         EXPECT_EQ(ReadEncoderSettings(640, 480).preset, "ultrafast") << wrong;
@@ -76,7 +76,7 @@ TEST_F(EncoderSettingsTest, AWrongPresetIsOneLineAndTheDefault) {
     }
 }
 
-TEST_F(EncoderSettingsTest, AValueThatIsNoTextIsWrong) {
+TEST_F(EncoderSettingsTest, AValueThatIsNotTextIsWrong) {
     host.SetProperty("zu.codec.bitrate", CRefPtr_T<IZUModData>(new CountedData(
                                              ledger, kZUModDataInt64, CountedData::Int64Bytes(500000))));
     EXPECT_EQ(ReadEncoderSettings(640, 480).bit_rate, 1382400);
@@ -85,11 +85,11 @@ TEST_F(EncoderSettingsTest, AValueThatIsNoTextIsWrong) {
                                                   "used: no text"}));
 }
 
-TEST_F(EncoderSettingsTest, TheHostsValuesStayTheHosts) {
+TEST_F(EncoderSettingsTest, KeepsNoReferenceToTheHostsValues) {
     SetText("zu.codec.bitrate", "500000");
     SetText("zu.codec.preset", "warp");
     ReadEncoderSettings(640, 480);
-    EXPECT_EQ(ledger.taken, 4) << "one by the host for each, one while each is read";
+    EXPECT_EQ(ledger.taken, 4) << "for each value one by the host, and one during the read";
     EXPECT_EQ(ledger.Held(), 2);
     EXPECT_EQ(ledger.Alive(), 2);
 }

@@ -30,7 +30,7 @@ protected:
     PictureLayout layout{};
 };
 
-TEST_F(PictureLayoutTest, Nv12HasItsChromaBehindTheLuma) {
+TEST_F(PictureLayoutTest, Nv12HasItsChromaAfterTheLuma) {
     ASSERT_EQ(LayOut({640, 480, 640, 8, kNv12}, 460800), PictureError::kNone);
     EXPECT_EQ(layout.format->code, kNv12);
     EXPECT_EQ(layout.format->plane_count, 2);
@@ -39,7 +39,7 @@ TEST_F(PictureLayoutTest, Nv12HasItsChromaBehindTheLuma) {
     EXPECT_EQ(layout.byte_count, 460800U);
 }
 
-TEST_F(PictureLayoutTest, Nv21LiesLikeNv12) {
+TEST_F(PictureLayoutTest, Nv21HasTheLayoutOfNv12) {
     ASSERT_EQ(LayOut({640, 480, 640, 8, kNv21}, 460800), PictureError::kNone);
     EXPECT_EQ(layout.format->code, kNv21);
     ExpectPlane(1, 307200, 640, 640, 240);
@@ -58,19 +58,19 @@ TEST_F(PictureLayoutTest, Yv12HasVBeforeU) {
     ExpectPlane(2, 307200, 320, 320, 240);
 }
 
-TEST_F(PictureLayoutTest, Yuy2IsOnePlaneOfTwoBytesAPixel) {
+TEST_F(PictureLayoutTest, Yuy2IsOnePlaneWithTwoBytesPerPixel) {
     ASSERT_EQ(LayOut({640, 480, 1280, 16, kYuy2}, 614400), PictureError::kNone);
     EXPECT_EQ(layout.format->plane_count, 1);
     ExpectPlane(0, 0, 1280, 1280, 480);
 }
 
-TEST_F(PictureLayoutTest, NoNameIsBgrOfFourBytesAPixel) {
+TEST_F(PictureLayoutTest, FormatZeroIsBgrWithFourBytesPerPixel) {
     ASSERT_EQ(LayOut({640, 480, 2560, 32, kBgr}, 1228800), PictureError::kNone);
     EXPECT_EQ(layout.format->code, kBgr);
     ExpectPlane(0, 0, 2560, 2560, 480);
 }
 
-TEST_F(PictureLayoutTest, OddSidesHaveWholeChromaForTheLastColumnAndRow) {
+TEST_F(PictureLayoutTest, OddSidesHaveAWholeChromaSampleForTheLastColumnAndRow) {
     ASSERT_EQ(LayOut({641, 479, 644, 8, kI420}, 644 * 479 + 2 * 322 * 240), PictureError::kNone);
     ExpectPlane(0, 0, 644, 641, 479);
     ExpectPlane(1, 308476, 322, 321, 240);
@@ -81,7 +81,7 @@ TEST_F(PictureLayoutTest, OddSidesHaveWholeChromaForTheLastColumnAndRow) {
     ExpectPlane(0, 0, 1284, 1284, 479);
 }
 
-TEST_F(PictureLayoutTest, AnyStrideOfTheRecordIsTaken) {
+TEST_F(PictureLayoutTest, AnyRecordedStrideIsUsed) {
     ASSERT_EQ(LayOut({640, 480, 700, 8, kNv12}, 700 * 720), PictureError::kNone);
     ExpectPlane(0, 0, 700, 640, 480);
     ExpectPlane(1, 336000, 700, 640, 240);
@@ -89,7 +89,7 @@ TEST_F(PictureLayoutTest, AnyStrideOfTheRecordIsTaken) {
     ExpectPlane(0, 0, 4096, 2560, 480);
 }
 
-TEST_F(PictureLayoutTest, AnExactFitForALargerStrideIsPaddedRows) {
+TEST_F(PictureLayoutTest, AnExactFitForALargerStrideMeansPaddedRows) {
     ASSERT_EQ(LayOut({320, 180, 320, 8, kI420}, 640 * 180 + 2 * 320 * 90), PictureError::kNone);
     ExpectPlane(0, 0, 640, 320, 180);
     ExpectPlane(1, 115200, 320, 160, 90);
@@ -100,11 +100,11 @@ TEST_F(PictureLayoutTest, AnExactFitForALargerStrideIsPaddedRows) {
     ExpectPlane(0, 0, 1284, 1280, 180);
 }
 
-TEST_F(PictureLayoutTest, MoreBytesThatFitNoStrideAreIgnored) {
+TEST_F(PictureLayoutTest, ExtraBytesThatFitNoStrideAreIgnored) {
     ASSERT_EQ(LayOut({640, 480, 640, 8, kNv12}, 462848), PictureError::kNone);
     ExpectPlane(0, 0, 640, 640, 480);
     EXPECT_EQ(layout.byte_count, 460800U);
-    // One byte more a row is half a pixel, and no driver's choice.
+    // One more byte per row is half a pixel, which no driver chooses.
     ASSERT_EQ(LayOut({640, 480, 1280, 16, kYuy2}, 1281 * 480), PictureError::kNone);
     ExpectPlane(0, 0, 1280, 1280, 480);
     ASSERT_EQ(LayOut({640, 480, 2560, 32, kBgr}, 2562 * 480), PictureError::kNone);
@@ -113,7 +113,7 @@ TEST_F(PictureLayoutTest, MoreBytesThatFitNoStrideAreIgnored) {
     ExpectPlane(0, 0, 640, 640, 480);
 }
 
-TEST_F(PictureLayoutTest, RowsWithoutPaddingAreKnownWhenTheRecordRoundedTheirLengthUp) {
+TEST_F(PictureLayoutTest, RowsWithoutPaddingAreRecognisedIfTheRecordRoundsTheirLengthUp) {
     ASSERT_EQ(LayOut({642, 480, 644, 8, kNv12}, 642 * 720), PictureError::kNone);
     ExpectPlane(0, 0, 642, 642, 480);
     ExpectPlane(1, 308160, 642, 642, 240);
@@ -131,7 +131,7 @@ TEST_F(PictureLayoutTest, TooFewBytesAreRefused) {
     EXPECT_EQ(LayOut({642, 480, 644, 8, kNv12}, 642 * 720 - 1), PictureError::kTooFewBytes);
 }
 
-TEST_F(PictureLayoutTest, AStrideThatIsNoRoundingUpIsNotDoubted) {
+TEST_F(PictureLayoutTest, AStrideThatWasNotRoundedUpIsUsedUnchanged) {
     EXPECT_EQ(LayOut({640, 480, 700, 8, kNv12}, 640 * 720), PictureError::kTooFewBytes);
     EXPECT_EQ(LayOut({642, 480, 643, 8, kNv12}, 642 * 720), PictureError::kTooFewBytes);
 }
@@ -143,7 +143,7 @@ TEST_F(PictureLayoutTest, SizesOutOfRangeAreRefused) {
     }
 }
 
-TEST_F(PictureLayoutTest, TheLargestSizeIsTaken) {
+TEST_F(PictureLayoutTest, TheLargestSizeIsAccepted) {
     EXPECT_EQ(LayOut({16384, 16384, 65536, 32, kBgr}, uint64_t{65536} * 16384), PictureError::kNone);
 }
 
@@ -163,13 +163,13 @@ TEST_F(PictureLayoutTest, OtherFormatsAreRefused) {
     EXPECT_EQ(LayOut({640, 480, 1920, 24, kBgr}, UINT64_MAX), PictureError::kFormat);
 }
 
-TEST_F(PictureLayoutTest, ARefusedPictureLeavesTheLayoutAlone) {
+TEST_F(PictureLayoutTest, ARefusedPictureLeavesTheLayoutUnchanged) {
     layout.width = 7;
     EXPECT_NE(LayOut({640, 480, 640, 8, kNv12}, 1), PictureError::kNone);
     EXPECT_EQ(layout.width, 7);
 }
 
-TEST_F(PictureLayoutTest, AsRecordedLooksAtNoBytes) {
+TEST_F(PictureLayoutTest, AsRecordedIgnoresTheByteCount) {
     ASSERT_EQ(LayOutPictureAsRecorded({640, 480, 700, 8, kNv12}, layout), PictureError::kNone);
     EXPECT_EQ(layout.byte_count, 700U * 720U);
     EXPECT_EQ(LayOutPictureAsRecorded({640, 480, 639, 8, kNv12}, layout), PictureError::kStride);

@@ -25,7 +25,7 @@ protected:
     PictureSource source;
 };
 
-TEST_F(PictureSourceTest, APlanarPictureIsLentAndNotCopied) {
+TEST_F(PictureSourceTest, APlanarPictureIsNotCopied) {
     for (const uint32_t format : {kNv12, kNv21, kI420, kYv12}) {
         const TestPicture picture = Paint(format, {64, 48});
         const PictureLayout layout = LayoutOf(picture);
@@ -39,7 +39,7 @@ TEST_F(PictureSourceTest, APlanarPictureIsLentAndNotCopied) {
     }
 }
 
-TEST_F(PictureSourceTest, PaddedRowsAreLentTooAndKeepTheirStride) {
+TEST_F(PictureSourceTest, APictureWithPaddedRowsIsNotCopiedAndKeepsItsStride) {
     const TestPicture picture = PaintWithStride(kNv12, {64, 48}, 128);
     const AVFrame* frame = Take(picture, AV_PIX_FMT_NV12);
     ASSERT_NE(frame, nullptr);
@@ -48,16 +48,16 @@ TEST_F(PictureSourceTest, PaddedRowsAreLentTooAndKeepTheirStride) {
     EXPECT_EQ(frame->data[1], picture.bytes.data() + 128 * 48);
 }
 
-TEST_F(PictureSourceTest, ALentPictureThatSomebodyKeepsIsNoticed) {
+TEST_F(PictureSourceTest, AReferenceThatOutlivesTheCallIsNoticed) {
     const TestPicture picture = Paint(kNv12, {64, 48});
     AvOwner<AVFrame> keeper(av_frame_alloc());
     ASSERT_EQ(av_frame_ref(keeper.get(), Take(picture, AV_PIX_FMT_NV12)), 0);
     EXPECT_EQ(keeper->data[0], picture.bytes.data()) << "a reference, not a copy";
     EXPECT_FALSE(source.GiveBack());
-    EXPECT_TRUE(source.GiveBack()) << "nothing is lent any more";
+    EXPECT_TRUE(source.GiveBack()) << "no bytes are in use any more";
 }
 
-TEST_F(PictureSourceTest, ANewLoanEndsTheOneBefore) {
+TEST_F(PictureSourceTest, TakingAPictureReleasesTheOneBefore) {
     const TestPicture first = Paint(kNv12, {64, 48});
     const TestPicture second = Paint(kNv12, {64, 48, 8});
     Take(first, AV_PIX_FMT_NV12);
@@ -65,7 +65,7 @@ TEST_F(PictureSourceTest, ANewLoanEndsTheOneBefore) {
     EXPECT_TRUE(source.GiveBack());
 }
 
-TEST_F(PictureSourceTest, AnOddPictureGetsItsLastColumnAndRowAgain) {
+TEST_F(PictureSourceTest, AnOddPictureRepeatsItsLastColumnAndRow) {
     const TestPicture picture = Paint(kI420, {5, 3});
     const AVFrame* frame = Take(picture, AV_PIX_FMT_YUV420P);
     ASSERT_NE(frame, nullptr);
@@ -81,7 +81,7 @@ TEST_F(PictureSourceTest, AnOddPictureGetsItsLastColumnAndRowAgain) {
     }
 }
 
-TEST_F(PictureSourceTest, AnOddYuy2PictureGetsItsLastLumaAgain) {
+TEST_F(PictureSourceTest, AnOddYuy2PictureRepeatsItsLastLuma) {
     const TestPicture picture = Paint(kYuy2, {3, 1});
     const AVFrame* frame = Take(picture, AV_PIX_FMT_YUYV422);
     ASSERT_NE(frame, nullptr);
@@ -93,7 +93,7 @@ TEST_F(PictureSourceTest, AnOddYuy2PictureGetsItsLastLumaAgain) {
     }
 }
 
-TEST_F(PictureSourceTest, AnOddBgrPictureGetsItsLastPixelAgain) {
+TEST_F(PictureSourceTest, AnOddBgrPictureRepeatsItsLastPixel) {
     const TestPicture picture = Paint(0, {3, 1});
     const AVFrame* frame = Take(picture, AV_PIX_FMT_BGR0);
     ASSERT_NE(frame, nullptr);
@@ -104,7 +104,7 @@ TEST_F(PictureSourceTest, AnOddBgrPictureGetsItsLastPixelAgain) {
     }
 }
 
-TEST_F(PictureSourceTest, APictureConvertedWhereItLiesIsTheSameAsACopyOfIt) {
+TEST_F(PictureSourceTest, AConversionInPlaceEqualsAConversionOfACopy) {
     for (const uint32_t format : {kYuy2, kBgr32}) {
         for (const bool fast : {false, true}) {
             const TestPicture picture = Paint(format, {320, 98});
@@ -113,11 +113,11 @@ TEST_F(PictureSourceTest, APictureConvertedWhereItLiesIsTheSameAsACopyOfIt) {
             const auto past = reinterpret_cast<uintptr_t>(room.data()) % 16;
             uint8_t* const aligned = room.data() + (16 - past) % 16;
             std::copy(picture.bytes.begin(), picture.bytes.end(), aligned);
-            const AVFrame* where_it_lies = source.Take(layout, aligned, AV_PIX_FMT_YUV420P, fast);
+            const AVFrame* in_place = source.Take(layout, aligned, AV_PIX_FMT_YUV420P, fast);
             std::copy(picture.bytes.begin(), picture.bytes.end(), aligned + 1);
             PictureSource other;
             const AVFrame* copied = other.Take(layout, aligned + 1, AV_PIX_FMT_YUV420P, fast);
-            ASSERT_TRUE(where_it_lies != nullptr && copied != nullptr);
+            ASSERT_TRUE(in_place != nullptr && copied != nullptr);
             for (int plane = 0; plane < 3; ++plane) {
                 const int width = plane == 0 ? 320 : 160;
                 for (int y = 0; y < (plane == 0 ? 98 : 49); ++y) {
@@ -125,7 +125,7 @@ TEST_F(PictureSourceTest, APictureConvertedWhereItLiesIsTheSameAsACopyOfIt) {
                         const uint8_t* first = frame.data[plane] + y * frame.linesize[plane];
                         return std::vector<uint8_t>(first, first + width);
                     };
-                    EXPECT_EQ(row(*where_it_lies), row(*copied)) << format << fast << plane << ' ' << y;
+                    EXPECT_EQ(row(*in_place), row(*copied)) << format << fast << plane << ' ' << y;
                 }
             }
         }
@@ -133,7 +133,7 @@ TEST_F(PictureSourceTest, APictureConvertedWhereItLiesIsTheSameAsACopyOfIt) {
 }
 
 TEST_F(PictureSourceTest, BgrBecomesLimitedRangeBt601) {
-    // Blue, green, red, white, black, 16 wide each so that the halved chroma is theirs alone.
+    // Blue, green, red, white, black, each 16 pixels wide so that no chroma sample covers two of them.
     constexpr int kColours[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {0, 0, 0}};
     constexpr int kExpected[5][3] = {
         {41, 240, 110}, {145, 54, 34}, {81, 90, 240}, {235, 128, 128}, {16, 128, 128}};

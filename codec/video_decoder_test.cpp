@@ -23,19 +23,19 @@ const LogLine kInvalidData{2, "[zu-codec] decode fail: Invalid data found when p
 
 class VideoDecoderTest : public LoggingTest {
 protected:
-    VideoDecoderTest() { Make(kVideoTargetI420); }
+    VideoDecoderTest() { CreateDecoder(kVideoTargetI420); }
 
-    void Make(VideoTargetFormat target, uint8_t* screen = nullptr) {
+    void CreateDecoder(VideoTargetFormat target, uint8_t* screen = nullptr) {
         decoder = CRefPtr_T<CVideoDecoder>(new CVideoDecoder(target, screen));
     }
-    // The stream of the next picture; the first is a key frame.
+    // Encodes the next picture; the first one is a key frame.
     std::vector<uint8_t> Stream(const Pattern& shown) {
         const TestPicture picture = Paint(kI420, shown);
         auto bytes = Encoded(*encoder, picture.record, picture.bytes);
         host.TakeLines();
         return bytes;
     }
-    // How many pictures come out; each is shown to `taker`.
+    // Returns the number of decoded pictures; `taker` receives each.
     int Decode(const std::vector<uint8_t>& stream, DecodeCall::Taker taker) {
         DecodeCall call(stream, std::move(taker));
         const bool any = decoder->Decode(&call);
@@ -45,7 +45,7 @@ protected:
     int Decode(const std::vector<uint8_t>& stream) {
         return Decode(stream, [](const VideoDecodedPicture&) {});
     }
-    // 0 when no picture comes out.
+    // 0 if there is no picture.
     double PsnrAfterDecoding(const std::vector<uint8_t>& stream, const Pattern& shown) {
         double psnr = 0;
         Decode(stream, [&](const VideoDecodedPicture& picture) { psnr = PsnrOf(picture, shown); });
@@ -66,7 +66,7 @@ TEST_F(VideoDecoderTest, APictureHasTheStreamsSizeAndTheTargetsFormat) {
         {kVideoTargetI420, kI420, 3}, {kVideoTargetNv12, kNv12, 2}, {kVideoTargetBgr32, 0, 1}};
     const auto stream = Stream(pattern);
     for (const auto& target : kTargets) {
-        Make(target.target);
+        CreateDecoder(target.target);
         const int pictures = Decode(stream, [&](const VideoDecodedPicture& picture) {
             EXPECT_EQ(picture.width, 320);
             EXPECT_EQ(picture.height, 240);
@@ -79,15 +79,15 @@ TEST_F(VideoDecoderTest, APictureHasTheStreamsSizeAndTheTargetsFormat) {
     EXPECT_THAT(host.Lines(), IsEmpty());
 }
 
-TEST_F(VideoDecoderTest, EveryFormatHasThePicturesColours) {
+TEST_F(VideoDecoderTest, EveryFormatKeepsTheColours) {
     const auto stream = Stream(pattern);
     for (const VideoTargetFormat target : {kVideoTargetI420, kVideoTargetNv12}) {
-        Make(target);
+        CreateDecoder(target);
         EXPECT_GE(PsnrAfterDecoding(stream, pattern), 36.0) << target;
     }
 }
 
-TEST_F(VideoDecoderTest, OnlyKeyFramesSayThatTheyAre) {
+TEST_F(VideoDecoderTest, OnlyKeyFramesAreMarkedAsSuch) {
     std::vector<int> key_frames;
     for (int i = 0; i < 3; ++i) {
         Decode(Stream({320, 240, 8 * i}),
@@ -118,7 +118,7 @@ TEST_F(VideoDecoderTest, TheOutputFormatMayScale) {
     EXPECT_EQ(pictures, 1);
 }
 
-TEST_F(VideoDecoderTest, TheOutputFormatMayChangeFromPictureToPicture) {
+TEST_F(VideoDecoderTest, TheOutputFormatMayChangeBetweenPictures) {
     const VideoOutputFormat nv12{0, 0, 0, kNv12};
     EXPECT_GE(PsnrAfterDecoding(Stream(pattern), pattern), 36.0);
     EXPECT_EQ(decoder->SetOutputFormat(&nv12), 1);
@@ -129,7 +129,7 @@ TEST_F(VideoDecoderTest, TheOutputFormatMayChangeFromPictureToPicture) {
     EXPECT_EQ(pictures, 1);
 }
 
-TEST_F(VideoDecoderTest, AnOutputFormatOutOfRangeIsRefusedAndTheOldOneStays) {
+TEST_F(VideoDecoderTest, AnOutputFormatOutOfRangeIsRefusedAndTheOldOneKept) {
     const VideoOutputFormat wrong[] = {{320, 0, 320, kI420},     {0, 240, 320, kI420},
                                        {-1, -1, 320, kI420},     {16385, 240, 16385, kI420},
                                        {320, INT32_MAX, 320, 0}, {320, 240, 320, kYv12}};
@@ -141,13 +141,13 @@ TEST_F(VideoDecoderTest, AnOutputFormatOutOfRangeIsRefusedAndTheOldOneStays) {
     EXPECT_GE(PsnrAfterDecoding(Stream(pattern), pattern), 36.0);
 }
 
-TEST_F(VideoDecoderTest, AScreenBufferGetsThePictureAndNothingElseIsTouched) {
+TEST_F(VideoDecoderTest, AScreenBufferReceivesThePictureAndNoOtherByteChanges) {
     constexpr uint8_t kUntouched = 0xA5;
     constexpr int kStride = 328;
     constexpr size_t kSize = kStride * 240 * 3 / 2;
     constexpr size_t kMargin = 64;
     std::vector<uint8_t> screen(kSize + 2 * kMargin, kUntouched);
-    Make(kVideoTargetI420, screen.data() + kMargin);
+    CreateDecoder(kVideoTargetI420, screen.data() + kMargin);
     const VideoOutputFormat format{320, 240, kStride, kI420};
     EXPECT_EQ(decoder->SetOutputFormat(&format), 1);
     double psnr = 0;
@@ -172,25 +172,25 @@ TEST_F(VideoDecoderTest, AScreenBufferGetsThePictureAndNothingElseIsTouched) {
     }
 }
 
-TEST_F(VideoDecoderTest, AScreenBufferIsNotWrittenToBeforeItsSizeIsKnown) {
+TEST_F(VideoDecoderTest, AScreenBufferIsNotWrittenBeforeItsSizeIsSet) {
     std::vector<uint8_t> screen(320 * 240 * 3 / 2, 0xA5);
-    Make(kVideoTargetI420, screen.data());
+    CreateDecoder(kVideoTargetI420, screen.data());
     EXPECT_EQ(Decode(Stream(pattern)), 0);
     EXPECT_THAT(host.Lines(),
                 ElementsAre(LogLine{4, "[zu-codec] a decoded picture of 320x240 can not be converted"}));
     EXPECT_THAT(screen, ::testing::Each(0xA5));
 }
 
-TEST_F(VideoDecoderTest, AScreenBuffersFormatNeedsASizeAndAStrideForIt) {
+TEST_F(VideoDecoderTest, TheFormatOfAScreenBufferNeedsASizeAndAStride) {
     std::vector<uint8_t> screen(320 * 240 * 3 / 2);
-    Make(kVideoTargetI420, screen.data());
+    CreateDecoder(kVideoTargetI420, screen.data());
     for (const VideoOutputFormat& wrong :
          {VideoOutputFormat{0, 0, 320, kI420}, {320, 240, 319, kI420}, {320, 240, -320, kI420}}) {
         EXPECT_EQ(decoder->SetOutputFormat(&wrong), 0);
     }
 }
 
-TEST_F(VideoDecoderTest, DamagedBytesAreOneLineAndTheNextKeyFrameIsDecoded) {
+TEST_F(VideoDecoderTest, DamagedBytesAreLoggedAndTheNextKeyFrameIsDecoded) {
     EXPECT_EQ(Decode({1, 2, 3, 4, 5, 6, 7, 8, 9}), 0);
     EXPECT_THAT(host.TakeLines(), ElementsAre(kInvalidData));
     EXPECT_GE(PsnrAfterDecoding(Stream(pattern), pattern), 36.0);
@@ -220,15 +220,15 @@ TEST_F(VideoDecoderTest, WithoutArgumentsOrBytesThereIsNoPicture) {
     EXPECT_THAT(host.Lines(), ElementsAre(line, line, line, line));
 }
 
-TEST_F(VideoDecoderTest, AnEndOfTheStreamIsNoFailureAndAnotherStreamMayFollow) {
+TEST_F(VideoDecoderTest, TheEndOfAStreamIsNotAFailureAndAnotherStreamMayFollow) {
     EXPECT_EQ(Decode(Stream(pattern)), 1);
-    EXPECT_EQ(Decode({}), 0) << "nothing was held back";
+    EXPECT_EQ(Decode({}), 0) << "no picture was still held";
     encoder = CRefPtr_T<CVideoEncoder>(new CVideoEncoder({}));
     EXPECT_GE(PsnrAfterDecoding(Stream(pattern), pattern), 36.0);
     EXPECT_THAT(host.Lines(), IsEmpty());
 }
 
-TEST_F(VideoDecoderTest, NoDamageToAStreamHurts) {
+TEST_F(VideoDecoderTest, ADamagedStreamDoesNoHarm) {
     std::mt19937 random(20);
     std::vector<std::vector<uint8_t>> stream;
     for (int i = 0; i < 4; ++i) {
@@ -257,7 +257,7 @@ TEST_F(VideoDecoderTest, NothingIsPrinted) {
     ::testing::internal::CaptureStderr();
     const auto stream = Stream(pattern);
     for (const VideoTargetFormat target : {kVideoTargetI420, kVideoTargetNv12, kVideoTargetBgr32}) {
-        Make(target);
+        CreateDecoder(target);
         Decode(stream);
         Decode({9, 9, 9});
     }

@@ -22,7 +22,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-const std::vector<uint32_t> kEveryFormat = {kNv12, kNv21, kI420, kYv12, kYuy2, 0};
+const std::vector<uint32_t> kAllFormats = {kNv12, kNv21, kI420, kYv12, kYuy2, 0};
 
 LogLine OpenedLine(const std::string& size, const std::string& bit_rate) {
     return {1, "[zu-codec] encode " + size + " with libx264, " + bit_rate +
@@ -31,9 +31,11 @@ LogLine OpenedLine(const std::string& size, const std::string& bit_rate) {
 
 class VideoEncoderTest : public LoggingTest {
 protected:
-    VideoEncoderTest() { Make({.source_rgb = true}); }
+    VideoEncoderTest() { CreateEncoder({.source_rgb = true}); }
 
-    void Make(const EncoderPolicy& policy) { encoder = CRefPtr_T<CVideoEncoder>(new CVideoEncoder(policy)); }
+    void CreateEncoder(const EncoderPolicy& policy) {
+        encoder = CRefPtr_T<CVideoEncoder>(new CVideoEncoder(policy));
+    }
     std::vector<uint8_t> Encode(const TestPicture& picture) {
         return Encoded(*encoder, picture.record, picture.bytes);
     }
@@ -45,7 +47,7 @@ protected:
         host.SetProperty(key, CRefPtr_T<IZUModData>(
                                   new CountedData(ledger, kZUModDataText, CountedData::TextBytes(text))));
     }
-    // The numbers of the pictures, of the first `count`, that need no other.
+    // The indices of the key pictures among the first `count`.
     std::vector<int> KeyPictures(int count, int width = 64, int height = 48) {
         std::vector<int> keys;
         for (int i = 0; i < count; ++i) {
@@ -62,7 +64,7 @@ protected:
     CRefPtr_T<CVideoEncoder> encoder;
 };
 
-TEST_F(VideoEncoderTest, TheFirstPictureIsAKeyFrameBehindItsHeaders) {
+TEST_F(VideoEncoderTest, TheFirstPictureIsAKeyFrameAfterItsHeaders) {
     const auto kinds = UnitKinds(Encode(Paint(kNv12, {320, 240})));
     ASSERT_GE(kinds.size(), 3U);
     EXPECT_EQ(kinds[0], 7);
@@ -71,7 +73,7 @@ TEST_F(VideoEncoderTest, TheFirstPictureIsAKeyFrameBehindItsHeaders) {
     EXPECT_THAT(host.Lines(), ElementsAre(OpenedLine("320x240", "345600")));
 }
 
-TEST_F(VideoEncoderTest, EveryPictureGivesItsBytesAtOnce) {
+TEST_F(VideoEncoderTest, EachCallReturnsTheBytesOfItsPicture) {
     Encode(Paint(kNv12, {320, 240}));
     for (int i = 1; i < 10; ++i) {
         EXPECT_THAT(UnitKinds(Encode(Paint(kNv12, {320, 240, 8 * i}))), ElementsAre(1)) << i;
@@ -82,7 +84,7 @@ TEST_F(VideoEncoderTest, AKeyFrameComesEverySixtyPictures) {
     EXPECT_THAT(KeyPictures(125), ElementsAre(0, 60, 120));
 }
 
-TEST_F(VideoEncoderTest, TheHostSaysHowOftenAKeyFrameComes) {
+TEST_F(VideoEncoderTest, TheHostSetsTheKeyInterval) {
     SetText("zu.codec.keyint", "7");
     EXPECT_THAT(KeyPictures(20), ElementsAre(0, 7, 14));
     EXPECT_THAT(host.Lines(), ElementsAre(LogLine{1,
@@ -90,7 +92,7 @@ TEST_F(VideoEncoderTest, TheHostSaysHowOftenAKeyFrameComes) {
                                                   "second, a key frame every 7"}));
 }
 
-TEST_F(VideoEncoderTest, TheHeadersComeAgainWithEachKeyFrame) {
+TEST_F(VideoEncoderTest, TheHeadersAreRepeatedWithEachKeyFrame) {
     SetText("zu.codec.keyint", "2");
     Encode(Paint(kI420, {64, 48}));
     Encode(Paint(kI420, {64, 48}));
@@ -100,8 +102,8 @@ TEST_F(VideoEncoderTest, TheHeadersComeAgainWithEachKeyFrame) {
     EXPECT_EQ(kinds[1], 8);
 }
 
-TEST_F(VideoEncoderTest, TheHeadersAreAPropertyInsteadWhenThePolicySaysSo) {
-    Make({.no_stream_header = true});
+TEST_F(VideoEncoderTest, TheHeadersAreAPropertyIfThePolicyKeepsThemOutOfTheStream) {
+    CreateEncoder({.no_stream_header = true});
     EXPECT_EQ(encoder->GetProperty("zu.codec.property.stream.header"), nullptr);
     const auto kinds = UnitKinds(Encode(Paint(kI420, {64, 48})));
     ASSERT_FALSE(kinds.empty());
@@ -116,7 +118,7 @@ TEST_F(VideoEncoderTest, TheHeadersAreAPropertyInsteadWhenThePolicySaysSo) {
     EXPECT_EQ(header_kinds[1], 8);
 }
 
-TEST_F(VideoEncoderTest, WithTheHeadersInTheStreamThePropertyIsNotThere) {
+TEST_F(VideoEncoderTest, WithTheHeadersInTheStreamThereIsNoProperty) {
     Encode(Paint(kI420, {64, 48}));
     EXPECT_EQ(encoder->GetProperty("zu.codec.property.stream.header"), nullptr);
 }
@@ -131,8 +133,8 @@ TEST_F(VideoEncoderTest, TheHostsBitRateIsKept) {
     };
     SetText("zu.codec.bitrate", "100000");
     const size_t low = total();
-    EXPECT_LT(low, 2U * 100000 / 8 * 3 / 2) << "two seconds' worth";
-    Make({});
+    EXPECT_LT(low, 2U * 100000 / 8 * 3 / 2) << "two seconds of data";
+    CreateEncoder({});
     SetText("zu.codec.bitrate", "2000000");
     EXPECT_GT(total(), 2 * low);
 }
@@ -147,13 +149,13 @@ TEST_F(VideoEncoderTest, NoiseDoesNotBurstTheBitRate) {
                       [&] { return static_cast<uint8_t>(random()); });
         total += Encode(picture).size();
     }
-    EXPECT_LT(total, 2U * 600000 / 8) << "one second's worth, and one that was saved up";
+    EXPECT_LT(total, 2U * 600000 / 8) << "one second of data, and one of reserve";
 }
 
-TEST_F(VideoEncoderTest, APresetOfTheHostsIsUsed) {
-    // Arithmetic coding is what the fastest preset leaves out; the parameter set says whether it is used.
+TEST_F(VideoEncoderTest, ThePresetOfTheHostIsUsed) {
+    // The fastest preset has no arithmetic coding; the parameter set says whether it is used.
     const auto parameter_set = [&] {
-        Make({.no_stream_header = true});
+        CreateEncoder({.no_stream_header = true});
         Encode(Paint(kI420, {64, 48}));
         IZUModData* header = encoder->GetProperty("zu.codec.property.stream.header");
         const auto* bytes = static_cast<const uint8_t*>(header->GetBlock());
@@ -166,9 +168,9 @@ TEST_F(VideoEncoderTest, APresetOfTheHostsIsUsed) {
     EXPECT_EQ(parameter_set(), fastest);
 }
 
-TEST_F(VideoEncoderTest, AFileRecordSpendsBitsOnThePictureAndNotOnASecond) {
+TEST_F(VideoEncoderTest, AFileRecordKeepsTheQualityInsteadOfTheBitRate) {
     const auto bytes_of_last = [&](bool file_record) {
-        Make({.file_record = file_record});
+        CreateEncoder({.file_record = file_record});
         SetText("zu.codec.bitrate", "20000");
         size_t size = 0;
         for (int i = 0; i < 30; ++i) {
@@ -179,7 +181,7 @@ TEST_F(VideoEncoderTest, AFileRecordSpendsBitsOnThePictureAndNotOnASecond) {
     EXPECT_GT(bytes_of_last(true), 2 * bytes_of_last(false));
 }
 
-TEST_F(VideoEncoderTest, AChangeOfSizeOpensAnewAndStartsWithAKeyFrame) {
+TEST_F(VideoEncoderTest, AChangeOfSizeReopensTheEncoderAndStartsWithAKeyFrame) {
     Encode(Paint(kNv12, {320, 240}));
     const auto kinds = UnitKinds(Encode(Paint(kNv12, {640, 480})));
     EXPECT_EQ(kinds.at(0), 7);
@@ -189,7 +191,7 @@ TEST_F(VideoEncoderTest, AChangeOfSizeOpensAnewAndStartsWithAKeyFrame) {
                                           OpenedLine("320x240", "345600")));
 }
 
-TEST_F(VideoEncoderTest, AChangeOfFormatOpensAnewOnlyWhenTheEncoderTakesItDifferently) {
+TEST_F(VideoEncoderTest, AChangeOfFormatReopensTheEncoderOnlyIfItsInputChanges) {
     Encode(Paint(kI420, {64, 48}));
     EXPECT_THAT(UnitKinds(Encode(Paint(kYv12, {64, 48}))), ElementsAre(1));
     EXPECT_THAT(UnitKinds(Encode(Paint(kYuy2, {64, 48}))), ElementsAre(1));
@@ -216,7 +218,7 @@ TEST_F(VideoEncoderTest, AfterARefusedPictureTheNextIsEncoded) {
     EXPECT_THAT(UnitKinds(Encode(Paint(kNv12, {64, 48}))), ElementsAre(1));
 }
 
-TEST_F(VideoEncoderTest, ARecordThatMakesNoPictureIsRefused) {
+TEST_F(VideoEncoderTest, ARecordThatDescribesNoPictureIsRefused) {
     const std::vector<uint8_t> bytes(100000);
     const VideoInputFormat wrong[] = {{0, 48, 64, 8, kNv12},   {64, 0, 64, 8, kNv12},
                                       {-64, 48, 64, 8, kNv12}, {64, -48, 64, 8, kNv12},
@@ -246,17 +248,17 @@ TEST_F(VideoEncoderTest, WithoutBytesOrArgumentsThePictureIsRefused) {
 }
 
 TEST_F(VideoEncoderTest, BgrIsRefusedUnlessThePolicyAllowsIt) {
-    Make({});
+    CreateEncoder({});
     EXPECT_THAT(Encode(Paint(0, {64, 48})), IsEmpty());
     EXPECT_THAT(host.TakeLines(),
                 ElementsAre(LogLine{2, "[zu-codec] picture refused, BGR was not asked for"}));
-    EXPECT_FALSE(Encode(Paint(kYuy2, {64, 48})).empty()) << "converted too, but no RGB";
+    EXPECT_FALSE(Encode(Paint(kYuy2, {64, 48})).empty()) << "also converted, but not RGB";
 }
 
-TEST_F(VideoEncoderTest, TheFastConversionIsAnother) {
+TEST_F(VideoEncoderTest, TheFastConversionHasAnotherResult) {
     const TestPicture picture = Paint(0, {320, 240});
     const auto fine = Encode(picture);
-    Make({.fast_conversion = true, .source_rgb = true});
+    CreateEncoder({.fast_conversion = true, .source_rgb = true});
     const auto fast = Encode(picture);
     EXPECT_FALSE(fast.empty());
     EXPECT_NE(fast, fine);
@@ -271,7 +273,7 @@ TEST_F(VideoEncoderTest, AnOutputBufferThatDoesNotGrowIsAFailure) {
     EXPECT_THAT(host.Lines(), SizeIs(2));
 }
 
-TEST_F(VideoEncoderTest, HardwareThatDoesNotOpenIsOneLineAndTheSoftwareTakesOver) {
+TEST_F(VideoEncoderTest, IfNoHardwareOpensOneLineIsLoggedAndTheSoftwareEncodes) {
     if (access("/dev/dri/renderD128", F_OK) == 0 || access("/dev/video10", F_OK) == 0) {
         GTEST_SKIP() << "this machine may have a hardware encoder";
     }
@@ -288,14 +290,14 @@ TEST_F(VideoEncoderTest, HardwareThatDoesNotOpenIsOneLineAndTheSoftwareTakesOver
 TEST_F(VideoEncoderTest, NothingIsPrinted) {
     ::testing::internal::CaptureStderr();
     AllowHardware();
-    for (const uint32_t format : kEveryFormat) {
+    for (const uint32_t format : kAllFormats) {
         Encode(Paint(format, {640, 480}));
     }
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(VideoEncoderTest, ASmallestPictureOfEachFormatIsEncoded) {
-    for (const uint32_t format : kEveryFormat) {
+    for (const uint32_t format : kAllFormats) {
         for (const auto& [width, height] : {std::pair{1, 1}, {2, 2}, {3, 1}, {1, 3}, {16, 16}, {17, 5}}) {
             EXPECT_FALSE(Encode(Paint(format, {width, height})).empty())
                 << format << ' ' << width << 'x' << height;
@@ -303,7 +305,7 @@ TEST_F(VideoEncoderTest, ASmallestPictureOfEachFormatIsEncoded) {
     }
 }
 
-// Bytes between two pages that may not be touched, up against the one or the other.
+// Bytes between two inaccessible pages, next to one or the other.
 class GuardedBytes {
 public:
     explicit GuardedBytes(size_t size)
@@ -331,8 +333,8 @@ private:
 
 TEST_F(VideoEncoderTest, NoByteOutsideThePictureIsRead) {
     for (const bool fast : {false, true}) {
-        Make({.fast_conversion = fast, .source_rgb = true});
-        for (const uint32_t format : kEveryFormat) {
+        CreateEncoder({.fast_conversion = fast, .source_rgb = true});
+        for (const uint32_t format : kAllFormats) {
             for (const auto& [width, height] : {std::pair{640, 480},
                                                 {642, 480},
                                                 {641, 479},
@@ -361,7 +363,7 @@ TEST_F(VideoEncoderTest, NoByteOutsideThePictureIsRead) {
 }
 
 TEST_F(VideoEncoderTest, ThePicturesBytesAreNotWrittenTo) {
-    for (const uint32_t format : kEveryFormat) {
+    for (const uint32_t format : kAllFormats) {
         const TestPicture picture = Paint(format, {641, 479});
         const GuardedBytes guarded(picture.bytes.size());
         std::memcpy(guarded.AtTheStart(), picture.bytes.data(), picture.bytes.size());
