@@ -42,7 +42,7 @@ TEST_F(CameraEnumeratorTest, WithoutDevicesTheListIsEmptyAndNothingIsLogged) {
 }
 
 TEST_F(CameraEnumeratorTest, TheFiles0To63AreOpenedForReadingAndNoOthers) {
-    devices.SetCamera(64, Vga("out of sight"));
+    devices.SetCamera(64, Vga("not scanned"));
     EXPECT_TRUE(List().empty());
 
     std::vector<std::string> expected;
@@ -141,12 +141,12 @@ TEST_F(CameraEnumeratorTest, ADeviceWithoutUsableSizesIsLoggedAndTakesNoId) {
         (Lines{{2, "[CameraEnumerator] invalid device, dev index 0, device /dev/video0"},
                {2, "[CameraEnumerator] invalid device, dev index 1, device /dev/video1"},
                {1, "[CameraEnumerator]  id: 0 name: Real bus:  usb-1 file: /dev/video2 res:  640x480"}}));
-    // It is not even asked for its name.
+    // Only the usable device is asked for its name.
     EXPECT_EQ(devices.CallCount(DeviceCall::kQueryCap), 1);
     EXPECT_EQ(devices.CallCount(DeviceCall::kClose), 3);
 }
 
-TEST_F(CameraEnumeratorTest, ADeviceThatRefusesItsCapabilitiesIsLoggedAndTakesNoId) {
+TEST_F(CameraEnumeratorTest, ADeviceThatRefusesQuerycapIsLoggedAndTakesNoId) {
     devices.SetCamera(0, Vga("Silent"));
     devices.SetCamera(9, Vga("Talking"));
     devices.Fail(DeviceCall::kQueryCap, EIO);
@@ -185,7 +185,7 @@ TEST_F(CameraEnumeratorTest, ASizeTheDriverRoundedIsListedAsTheDriverAnswered) {
     EXPECT_EQ(List().at(0).resolutions, (Resolutions{{1920, 1088}}));
 }
 
-TEST_F(CameraEnumeratorTest, ASizeThatIsAnsweredTwiceStandsWhereItWasFoundFirst) {
+TEST_F(CameraEnumeratorTest, ASizeAnsweredTwiceKeepsItsFirstPosition) {
     devices.SetCamera(0, {.formats = {{V4L2_PIX_FMT_NV12,
                                        {{128, 96}, {1280, 720}, {1440, 900}},
                                        {{{1280, 600}, {1280, 720}}, {{1440, 1080}, {1440, 900}}}}}});
@@ -196,7 +196,7 @@ TEST_F(CameraEnumeratorTest, ASizeThatIsAnsweredTwiceStandsWhereItWasFoundFirst)
                       "res:  128x96 1280x720 1440x900"}}));
 }
 
-TEST_F(CameraEnumeratorTest, ANameThatFillsItsFieldToTheLastByteIsReadNoFurther) {
+TEST_F(CameraEnumeratorTest, ANameThatFillsItsFieldEndsWithTheField) {
     devices.SetCamera(0, {.card = "0123456789abcdef0123456789ABCDEF, cut",
                           .bus_info = "fedcba9876543210FEDCBA9876543210, cut",
                           .formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}}}});
@@ -206,7 +206,7 @@ TEST_F(CameraEnumeratorTest, ANameThatFillsItsFieldToTheLastByteIsReadNoFurther)
                                     "fedcba9876543210FEDCBA9876543210 file: /dev/video0 res:  640x480"}}));
 }
 
-TEST_F(CameraEnumeratorTest, AnEmptyNameIsAName) {
+TEST_F(CameraEnumeratorTest, AnEmptyNameIsAccepted) {
     devices.SetCamera(0, {.card = "", .bus_info = "", .formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}}}});
     EXPECT_EQ(List().at(0).name, "");
     EXPECT_EQ(host.Lines(),
@@ -261,10 +261,10 @@ TEST_F(CameraEnumeratorTest, InfoOfAnIdEqualToTheNumberOfCamerasIsRefused) {
     devices.SetCamera(0, Vga("First"));
     devices.SetCamera(1, Vga("Second"));
     CameraDeviceInfo info;
-    info.name = "as it was";
+    info.name = "unchanged";
     EXPECT_FALSE(CameraEnumerator::GetInstance()->getCameraInfo(2, info));
     EXPECT_FALSE(CameraEnumerator::GetInstance()->getCameraInfo(0xFFFFFFFF, info));
-    EXPECT_EQ(info.name, "as it was");
+    EXPECT_EQ(info.name, "unchanged");
 }
 
 TEST_F(CameraEnumeratorTest, InfoScansAllDevicesEachTime) {
@@ -275,7 +275,7 @@ TEST_F(CameraEnumeratorTest, InfoScansAllDevicesEachTime) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 128);
 }
 
-TEST_F(CameraEnumeratorTest, SeveralThreadsMayScanAtATime) {
+TEST_F(CameraEnumeratorTest, SeveralThreadsMayScanConcurrently) {
     for (int index = 0; index < 4; ++index) {
         devices.SetCamera(index, Vga("Camera"));
     }
@@ -295,11 +295,11 @@ public:
     int WriteLog(uint32_t, const char*) override { throw std::runtime_error("sink"); }
 };
 
-TEST_F(CameraEnumeratorTest, AScanWithoutMemoryThrowsWhatTheAllocationThrewAndLeavesNoDeviceOpen) {
+TEST_F(CameraEnumeratorTest, AScanOutOfMemoryThrowsBadAllocAndLeavesNoDeviceOpen) {
     devices.SetCamera(0, Vga("First"));
     devices.SetCamera(1, Vga("Second"));
     for (const size_t size : {2 * sizeof(CameraDeviceInfo), sizeof(CameraDeviceInfo)}) {
-        // The list of cameras grows from one place to two.
+        // The vector of cameras grows from a capacity of one to two.
         testing::CallWatch watch;
         watch.Fail(testing::CallWatch::_Znwm, size, 1);
         EXPECT_THROW(List(), std::bad_alloc) << size;

@@ -1,5 +1,5 @@
-// The work thread as the capture asks the system for it: its name, its refusal, its pauses, and a stop that
-// comes before its first look.
+// The system calls for the work thread: its name, its pauses, a refused creation, and a stop before its first
+// check of the stop request.
 #include <unistd.h>
 
 #include "tests/support/doubles/capture_fixture.h"
@@ -16,16 +16,16 @@ protected:
     CallWatch watch;
 };
 
-TEST_F(CaptureThreadTest, AStartMakesOneThreadOfTheNameOfTheCapture) {
+TEST_F(CaptureThreadTest, AStartCreatesOneThreadNamedV4l2Cap) {
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
     EXPECT_EQ(watch.Count(CallWatch::pthread_create), 1);
-    // A thread is created for its object.
+    // The argument of the new thread is its CBaseThread.
     const auto* thread = reinterpret_cast<const CBaseThread*>(watch.LastValue(CallWatch::pthread_create));
     EXPECT_EQ(thread->GetName(), "v4l2-cap");
 }
 
-TEST_F(CaptureThreadTest, AThreadThatTheSystemRefusesIsNoFailureOfTheStart) {
+TEST_F(CaptureThreadTest, AStartSucceedsEvenIfTheSystemRefusesTheThread) {
     watch.Fail(CallWatch::pthread_create, CallWatch::kAny);
     LinuxV4L2CameraCapture capture;
     EXPECT_TRUE(capture.startCapture());
@@ -50,9 +50,9 @@ TEST_F(CaptureThreadTest, AThreadThatTheSystemRefusesIsNoFailureOfTheStart) {
     capture.stopCapture();
 }
 
-// The stop request of the capture is raised, that of the thread not yet: the thread is let in between the two
-// and kept at its first line, whose lock the line of the stop holds.
-TEST_F(CaptureThreadTest, AThreadThatFindsItselfStoppedSaysThatItStartsAndEndsAndAsksForNothing) {
+// The thread begins between the stop request of the capture and the stop of CBaseThread. It waits at its
+// first log line, because the stopping thread is logging and holds the lock of the log.
+TEST_F(CaptureThreadTest, AThreadThatStartsDuringAStopOnlyLogsItsStartAndEnd) {
     std::atomic<bool> gate_open{false};
     std::atomic<pid_t> passed{0};
     watch.OnThreadStart([&] {
@@ -83,7 +83,7 @@ TEST_F(CaptureThreadTest, AThreadThatFindsItselfStoppedSaysThatItStartsAndEndsAn
 TEST_F(CaptureThreadTest, EveryPassBeginsWithTheShortestPause) {
     std::vector<int> pauses_at_wait;
     devices.Before(DeviceCall::kSelect, [&] { pauses_at_wait.push_back(watch.Count(CallWatch::usleep)); });
-    // Two waits that time out, one that is interrupted and asks for a frame in vain, one that brings a frame.
+    // Two waits time out, the third is interrupted and followed by a failed dequeue, the fourth has a frame.
     devices.Answer(DeviceCall::kSelect, 0, 0, 1, 2);
     devices.Fail(DeviceCall::kSelect, EINTR, 3);
     devices.Fail(DeviceCall::kDequeueBuf, EAGAIN);

@@ -13,7 +13,7 @@ protected:
     }
     ~CaptureWorkLoopTest() override { capture.stopCapture(); }
 
-    // From the first wait on.
+    // The calls from the first wait on.
     Calls WorkCalls() const {
         Calls calls = devices.Calls();
         const auto stream_on = std::find(calls.begin(), calls.end(), "STREAMON video0 type=1");
@@ -37,7 +37,7 @@ protected:
     LinuxV4L2CameraCapture capture;
 };
 
-TEST_F(CaptureWorkLoopTest, AFrameIsWaitedForTakenDeliveredAndGivenBack) {
+TEST_F(CaptureWorkLoopTest, AFrameIsDequeuedDeliveredAndQueuedAgain) {
     devices.PushFrame(0, {{10, 11, 12, 13}});
     int queued_at_delivery = -1;
     collector.during = [this, &queued_at_delivery] {
@@ -48,7 +48,7 @@ TEST_F(CaptureWorkLoopTest, AFrameIsWaitedForTakenDeliveredAndGivenBack) {
     capture.stopCapture();
 
     EXPECT_EQ(collector.Frames(), (std::vector{Received({10, 11, 12}, 4)}));
-    // Given back after the slot: the four of the start were all that were queued.
+    // The buffer is queued again only after the slot: so far, only the four of the start had been queued.
     EXPECT_EQ(queued_at_delivery, 4);
     EXPECT_EQ(WorkCalls(), (Calls{"select video0 timeout=1.000000", "DQBUF video0 type=1 memory=1 index=0",
                                   "QBUF video0 type=1 memory=1 index=0 used=4 length=4096",
@@ -68,13 +68,13 @@ TEST_F(CaptureWorkLoopTest, FramesArriveInOrderEachFromItsBuffer) {
     EXPECT_EQ(collector.Frames(), expected);
 }
 
-TEST_F(CaptureWorkLoopTest, WithoutSlotsBuffersAreTakenAndGivenBack) {
-    LinuxV4L2CameraCapture deaf;
-    ASSERT_TRUE(deaf.startCapture());
+TEST_F(CaptureWorkLoopTest, WithoutSlotsBuffersAreDequeuedAndQueuedAgain) {
+    LinuxV4L2CameraCapture unconnected;
+    ASSERT_TRUE(unconnected.startCapture());
     devices.PushFrame(0, {{1}});
     devices.PushFrame(0, {{2}});
     ASSERT_TRUE(WaitForCalls(DeviceCall::kQueueBuf, 4 + 2));
-    deaf.stopCapture();
+    unconnected.stopCapture();
     EXPECT_EQ(host.OtherLines(), WorkLines());
 }
 
@@ -94,7 +94,7 @@ TEST_F(CaptureWorkLoopTest, TwoSlotsBothGetEveryFrameInOrder) {
     EXPECT_EQ(order, (std::vector<std::string>{"first", "second", "first", "second"}));
 }
 
-TEST_F(CaptureWorkLoopTest, ASlotThatLeavesDuringAFrameGetsNoOther) {
+TEST_F(CaptureWorkLoopTest, ASlotThatDisconnectsDuringAFrameGetsNoMoreFrames) {
     FrameCollector second;
     capture.SignalCaptureFrame.connect(&second, &FrameCollector::OnFrame);
     collector.during = [this] { capture.SignalCaptureFrame.disconnect(&collector); };
@@ -107,17 +107,17 @@ TEST_F(CaptureWorkLoopTest, ASlotThatLeavesDuringAFrameGetsNoOther) {
     capture.SignalCaptureFrame.disconnect_all();
 }
 
-TEST_F(CaptureWorkLoopTest, AHolderThatIsGoneGetsNoFrame) {
+TEST_F(CaptureWorkLoopTest, ADestroyedHolderGetsNoFrame) {
     {
-        FrameCollector gone;
-        capture.SignalCaptureFrame.connect(&gone, &FrameCollector::OnFrame);
+        FrameCollector destroyed;
+        capture.SignalCaptureFrame.connect(&destroyed, &FrameCollector::OnFrame);
     }
     ASSERT_TRUE(capture.startCapture());
     devices.PushFrame(0, {{1}});
     ASSERT_TRUE(WaitForFrames(collector, 1));
 }
 
-TEST_F(CaptureWorkLoopTest, TheSizeIsWhatTheDriverSaysAlsoWhenItIsMoreThanTheBuffer) {
+TEST_F(CaptureWorkLoopTest, TheSizeIsTheDriversEvenIfItExceedsTheBuffer) {
     ASSERT_TRUE(capture.startCapture());
     devices.PushFrame(0, {.bytes = {1, 2, 3}, .bytes_used = 1000000});
     devices.PushFrame(0, {.bytes = {1, 2, 3}, .bytes_used = 0});
@@ -125,7 +125,7 @@ TEST_F(CaptureWorkLoopTest, TheSizeIsWhatTheDriverSaysAlsoWhenItIsMoreThanTheBuf
     EXPECT_EQ(collector.Frames(), (std::vector{Received({1, 2, 3}, 1000000), Received({}, 0)}));
 }
 
-TEST_F(CaptureWorkLoopTest, ABufferThatWasNeverMappedIsGivenBackUnseen) {
+TEST_F(CaptureWorkLoopTest, ABufferThatWasNeverMappedIsQueuedAgainWithoutAFrame) {
     ASSERT_TRUE(capture.startCapture());
     devices.PushFrame(0, {.bytes = {1}, .index = 4});
     devices.PushFrame(0, {.bytes = {2}, .index = 0xFFFFFFFF});
@@ -139,7 +139,7 @@ TEST_F(CaptureWorkLoopTest, ABufferThatWasNeverMappedIsGivenBackUnseen) {
                                            {1, "[LinuxV4L2CameraCapture] work thread finish, devid 0"}}));
 }
 
-TEST_F(CaptureWorkLoopTest, ATimeoutOnlyMeansAnotherPass) {
+TEST_F(CaptureWorkLoopTest, AfterATimeoutTheLoopWaitsAgain) {
     devices.Answer(DeviceCall::kSelect, 0, 0, 1, 5);
     devices.PushFrame(0, {{1}});
     ASSERT_TRUE(capture.startCapture());
@@ -150,7 +150,7 @@ TEST_F(CaptureWorkLoopTest, ATimeoutOnlyMeansAnotherPass) {
     EXPECT_EQ(host.OtherLines(), WorkLines());
 }
 
-TEST_F(CaptureWorkLoopTest, AWaitThatReportsAnotherDescriptorTakesNoFrame) {
+TEST_F(CaptureWorkLoopTest, AWaitThatReportsAnotherDescriptorDequeuesNothing) {
     devices.Answer(DeviceCall::kSelect, 2, 0, 1, 3);
     devices.PushFrame(0, {{1}});
     ASSERT_TRUE(capture.startCapture());
@@ -158,7 +158,7 @@ TEST_F(CaptureWorkLoopTest, AWaitThatReportsAnotherDescriptorTakesNoFrame) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kDequeueBuf), 1);
 }
 
-TEST_F(CaptureWorkLoopTest, AnInterruptedWaitAsksForAFrame) {
+TEST_F(CaptureWorkLoopTest, AnInterruptedWaitIsFollowedByADequeue) {
     devices.Fail(DeviceCall::kSelect, EINTR);
     ASSERT_TRUE(capture.startCapture());
     ASSERT_TRUE(WaitForCalls(DeviceCall::kSelect, 2));
@@ -185,7 +185,7 @@ TEST_F(CaptureWorkLoopTest, AnInterruptedDequeueIsRepeatedAtOnce) {
             StopCalls());
 }
 
-TEST_F(CaptureWorkLoopTest, ADequeueWithoutAFrameIsANewPass) {
+TEST_F(CaptureWorkLoopTest, AfterAFailedDequeueTheLoopWaitsAgain) {
     devices.Fail(DeviceCall::kDequeueBuf, EAGAIN, 1, 2);
     devices.PushFrame(0, {{1}});
     ASSERT_TRUE(capture.startCapture());
@@ -207,7 +207,7 @@ TEST_F(CaptureWorkLoopTest, AStopEndsAStormOfInterruptions) {
     devices.Fail(DeviceCall::kDequeueBuf, EINTR, 1, DeviceDouble::kEveryTime);
     ASSERT_TRUE(capture.startCapture());
     ASSERT_TRUE(WaitForCalls(DeviceCall::kDequeueBuf, 1000));
-    // One wait, and never out of the dequeue.
+    // One wait; the loop never left the dequeue.
     EXPECT_EQ(devices.CallCount(DeviceCall::kSelect), 1);
     capture.stopCapture();
     EXPECT_EQ(host.OtherLines(), WorkLines());
@@ -222,8 +222,8 @@ TEST_F(CaptureWorkLoopTest, AStopEndsAStormOfEmptyDequeues) {
     EXPECT_EQ(host.OtherLines(), WorkLines());
 }
 
-TEST_F(CaptureWorkLoopTest, AFrameTakenDuringAStopIsNeitherDeliveredNorGivenBack) {
-    // The stop is asked for between the dequeue and the look at the request.
+TEST_F(CaptureWorkLoopTest, AFrameDequeuedDuringAStopIsNeitherDeliveredNorQueuedAgain) {
+    // The stop is requested after the dequeue and before the next check of the request.
     std::thread stopper;
     devices.After(DeviceCall::kDequeueBuf, [this, &stopper] {
         if (!stopper.joinable()) {
@@ -236,7 +236,7 @@ TEST_F(CaptureWorkLoopTest, AFrameTakenDuringAStopIsNeitherDeliveredNorGivenBack
     devices.PushFrame(0, {{1}});
     ASSERT_TRUE(capture.startCapture());
     ASSERT_TRUE(WaitUntil([this] { return capture.isStopping(); }));
-    // The hook has made the thread before the request could be seen.
+    // The hook has assigned `stopper` before isStopping() can return true.
     ASSERT_TRUE(WaitUntil([this] { return devices.OpenDescriptors() == 0; }));
     stopper.join();
     EXPECT_EQ(collector.Count(), 0u);
@@ -275,7 +275,7 @@ TEST_F(CaptureWorkLoopTest, AStopWaitsForASlotThatRuns) {
     ASSERT_TRUE(WaitUntil([&] { return in_slot.load(); }));
     std::thread stopper([this] { capture.stopCapture(); });
     ASSERT_TRUE(WaitUntil([this] { return capture.isStopping(); }));
-    // Nothing is unmapped under the slot.
+    // Nothing is unmapped while the slot runs.
     EXPECT_EQ(devices.Mappings(), 4);
     may_leave = true;
     stopper.join();
@@ -283,7 +283,7 @@ TEST_F(CaptureWorkLoopTest, AStopWaitsForASlotThatRuns) {
     EXPECT_EQ(devices.Mappings(), 0);
 }
 
-TEST_F(CaptureWorkLoopTest, ASlotThatWaitsForItsStoppersLockCanGiveUp) {
+TEST_F(CaptureWorkLoopTest, ASlotThatWaitsForTheStoppingThreadsLockCanGiveUp) {
     std::mutex owner_lock;
     std::atomic<bool> in_slot{false};
     collector.during = [&] {
@@ -315,7 +315,7 @@ TEST_F(CaptureWorkLoopTest, AnUnpluggedCameraEndsTheThreadAndAStopStillSucceeds)
               (LogLines{{1, "[LinuxV4L2CameraCapture] work thread start, devid 0"},
                         {4, "[LinuxV4L2CameraCapture] workLoop, select fail, devid 0, err: 19"},
                         {1, "[LinuxV4L2CameraCapture] work thread finish, devid 0"}}));
-    // The end of the loop raises the stop request; capturing it is until somebody stops it.
+    // The loop sets the stop request when it ends. The capture counts as capturing until it is stopped.
     EXPECT_TRUE(capture.isStopping());
     host.Clear();
     EXPECT_TRUE(capture.startCapture());
@@ -338,7 +338,7 @@ TEST_F(CaptureWorkLoopTest, AnUnpluggedCameraEndsTheThreadAndAStopStillSucceeds)
     EXPECT_TRUE(capture.startCapture());
 }
 
-TEST_F(CaptureWorkLoopTest, AnUnpluggedCameraThatStaysReadableIsStoppedAllTheSame) {
+TEST_F(CaptureWorkLoopTest, AnUnpluggedCameraThatStaysReadableCanBeStopped) {
     devices.SetRecording(false);
     ASSERT_TRUE(capture.startCapture());
     devices.Unplug(0, Unplugged::kAlwaysReadable);
@@ -355,7 +355,7 @@ TEST_F(CaptureWorkLoopTest, AStalledCameraIsWaitedForAndStopped) {
     ASSERT_TRUE(WaitForFrames(collector, 1));
 }
 
-TEST_F(CaptureWorkLoopTest, AHostWithManyOpenFilesGetsItsFrames) {
+TEST_F(CaptureWorkLoopTest, FramesArriveOnADescriptorPastFdSetsize) {
     devices.SetFirstDescriptor(FD_SETSIZE + 476);
     ASSERT_TRUE(capture.startCapture());
     devices.PushFrame(0, {{1}});
@@ -373,21 +373,21 @@ TEST_F(CaptureWorkLoopTest, ARestartDeliversFromItsOwnBuffers) {
     }
 }
 
-TEST_F(CaptureWorkLoopTest, AThousandFramesASecondAreDeliveredInOrder) {
+TEST_F(CaptureWorkLoopTest, AThousandFramesPerSecondAreDeliveredInOrder) {
     devices.SetRecording(false);
     devices.SetFramePeriod(0, std::chrono::microseconds(1000));
     ASSERT_TRUE(capture.startCapture());
     ASSERT_TRUE(WaitForFrames(collector, 200));
     capture.stopCapture();
     const std::vector<ReceivedFrame> frames = collector.Frames();
-    for (size_t place = 1; place < frames.size(); ++place) {
-        EXPECT_EQ(frames[place].size, 4096u);
+    for (size_t i = 1; i < frames.size(); ++i) {
+        EXPECT_EQ(frames[i].size, 4096u);
         const auto number = [](const ReceivedFrame& frame) { return frame.bytes[0] + 256 * frame.bytes[1]; };
-        EXPECT_GT(number(frames[place]), number(frames[place - 1]));
+        EXPECT_GT(number(frames[i]), number(frames[i - 1]));
     }
 }
 
-TEST_F(CaptureWorkLoopTest, FiveHundredStartsAndStopsInAFullStreamLeaveNothingBehind) {
+TEST_F(CaptureWorkLoopTest, FiveHundredStartsAndStopsLeaveNothingOpenOrMapped) {
     devices.SetRecording(false);
     devices.SetFramePeriod(0, std::chrono::microseconds(1000));
     for (int round = 0; round < 500; ++round) {

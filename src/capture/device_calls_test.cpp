@@ -16,12 +16,12 @@
 namespace zumod {
 namespace {
 
-TEST(DeviceCallsTest, OpeningAMissingFileGivesTheSystemsErrno) {
+TEST(DeviceCallsTest, OpeningAMissingFileFailsWithEnoent) {
     EXPECT_EQ(device::Open("/nowhere/video0", O_RDONLY), -1);
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(DeviceCallsTest, AFileIsOpenedWithTheFlagsThatWereAskedFor) {
+TEST(DeviceCallsTest, AFileIsOpenedWithTheGivenFlags) {
     const int descriptor = device::Open("/dev/null", O_RDWR | O_NONBLOCK);
     ASSERT_GE(descriptor, 0);
     EXPECT_EQ(fcntl(descriptor, F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
@@ -48,7 +48,7 @@ TEST(DeviceCallsTest, ARequestReachesTheDriver) {
     device::Close(ends[1]);
 }
 
-TEST(DeviceCallsTest, AMappingIsTheFilesOwnBytesUntilItIsUndone) {
+TEST(DeviceCallsTest, AMappingIsSharedWithTheFile) {
     std::string path = ::testing::TempDir() + "device_calls_XXXXXX";
     const int descriptor = mkstemp(path.data());
     ASSERT_GE(descriptor, 0);
@@ -67,12 +67,12 @@ TEST(DeviceCallsTest, AMappingIsTheFilesOwnBytesUntilItIsUndone) {
     device::Close(descriptor);
 }
 
-TEST(DeviceCallsTest, AFailedMappingGivesMapFailed) {
+TEST(DeviceCallsTest, AFailedMappingReturnsMapFailed) {
     EXPECT_EQ(device::Map(4096, PROT_READ, MAP_SHARED, -1, 0), MAP_FAILED);
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST(DeviceCallsTest, AWaitEndsWithTheTimeoutOrWithSomethingToRead) {
+TEST(DeviceCallsTest, AWaitEndsOnTimeoutOrWhenTheDescriptorIsReadable) {
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);
     fd_set readable;

@@ -1,4 +1,4 @@
-// The double must notice what it is there to notice.
+// The device double detects misuse and fails calls as it is told to.
 #include "tests/support/doubles/device_double.h"
 
 #include <fcntl.h>
@@ -33,7 +33,7 @@ protected:
     DeviceDouble devices;
 };
 
-TEST_F(DeviceDoubleTest, ADescriptorThatIsNotClosedIsCounted) {
+TEST_F(DeviceDoubleTest, AnOpenDescriptorIsCounted) {
     const int descriptor = OpenCamera();
     EXPECT_EQ(devices.OpenDescriptors(), 1);
     EXPECT_EQ(device::Close(descriptor), 0);
@@ -57,7 +57,7 @@ TEST_F(DeviceDoubleTest, ARequestAfterTheCloseIsMisuse) {
     EXPECT_EQ(devices.Misuse(), Texts{"QUERYCAP on unknown descriptor " + std::to_string(descriptor)});
 }
 
-TEST_F(DeviceDoubleTest, AMappingThatIsNotUndoneIsCountedAndAWrongUndoIsMisuse) {
+TEST_F(DeviceDoubleTest, AMappingIsCountedUntilItIsUnmappedAndAWrongUnmapIsMisuse) {
     const int descriptor = OpenCamera();
     v4l2_requestbuffers request{};
     request.count = 1;
@@ -90,7 +90,7 @@ TEST_F(DeviceDoubleTest, ASetOfTwoDescriptorsIsMisuse) {
     device::Close(second);
 }
 
-TEST_F(DeviceDoubleTest, TheNthCallAndAsManyAfterItAreRefused) {
+TEST_F(DeviceDoubleTest, TheNthCallAndTheGivenNumberAfterItFail) {
     devices.Fail(DeviceCall::kOpen, EBUSY, 2, 2);
     Texts results;
     for (int call = 0; call < 4; ++call) {
@@ -103,7 +103,7 @@ TEST_F(DeviceDoubleTest, TheNthCallAndAsManyAfterItAreRefused) {
     EXPECT_EQ(results, (Texts{"opened", "16", "16", "opened"}));
 }
 
-TEST_F(DeviceDoubleTest, ASuccessfulCallLeavesErrnoAlone) {
+TEST_F(DeviceDoubleTest, ASuccessfulCallDoesNotChangeErrno) {
     errno = ERANGE;
     const int descriptor = OpenCamera();
     EXPECT_EQ(Wait(descriptor, {0, 1000}), 0);
@@ -121,14 +121,14 @@ TEST_F(DeviceDoubleTest, HooksRunAroundTheCall) {
     EXPECT_EQ(order, (Texts{"0", "1"}));
 }
 
-TEST_F(DeviceDoubleTest, WithoutRecordingCallsAreCountedOnly) {
+TEST_F(DeviceDoubleTest, WithoutRecordingCallsAreOnlyCounted) {
     devices.SetRecording(false);
     device::Close(OpenCamera());
     EXPECT_EQ(devices.Calls(), Texts{});
     EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 1);
 }
 
-TEST_F(DeviceDoubleTest, AWaitThatIsRepeatedIsOneLine) {
+TEST_F(DeviceDoubleTest, RepeatedWaitsAreRecordedOnce) {
     const int descriptor = OpenCamera();
     devices.TakeCalls();
     for (int round = 0; round < 3; ++round) {
@@ -140,7 +140,7 @@ TEST_F(DeviceDoubleTest, AWaitThatIsRepeatedIsOneLine) {
     device::Close(descriptor);
 }
 
-TEST_F(DeviceDoubleTest, WithoutADoubleNoFileExists) {
+TEST_F(DeviceDoubleTest, WithoutADoubleOpenFails) {
     DeviceDouble* hidden = DeviceDouble::Current();
     EXPECT_EQ(hidden, &devices);
     { const DeviceDouble other; }

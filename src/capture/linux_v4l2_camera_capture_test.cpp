@@ -13,12 +13,12 @@ static_assert(!std::is_polymorphic_v<LinuxV4L2CameraCapture>);
 constexpr char kSetFmt[] = "S_FMT video0 type=1 640x480 NV12 field=1 stride=1280 size=614400 colorspace=8";
 const Calls kWait = {"select video0 timeout=1.000000"};
 
-// With another pixel format than NV12, which is four characters as well.
+// The same calls with `format` in place of NV12.
 Calls InFormat(Calls calls, const std::string& format) {
     for (std::string& call : calls) {
-        const size_t place = call.find("NV12");
-        if (place != std::string::npos) {
-            call.replace(place, format.size(), format);
+        const size_t position = call.find("NV12");
+        if (position != std::string::npos) {
+            call.replace(position, format.size(), format);
         }
     }
     return calls;
@@ -56,14 +56,14 @@ TEST_F(CaptureTest, ASecondStartReturnsTrueAtOnceAndLogsNothing) {
     EXPECT_EQ(devices.Calls(), StartCalls() + kWait);
 }
 
-TEST_F(CaptureTest, StoppingWhatNeverStartedOnlySaysSo) {
+TEST_F(CaptureTest, StoppingAnIdleCaptureOnlyLogs) {
     LinuxV4L2CameraCapture capture;
     capture.stopCapture();
     EXPECT_EQ(host.OwnerLines(), IdleStopLines());
     EXPECT_EQ(devices.Calls(), Calls{});
 }
 
-TEST_F(CaptureTest, ASecondStopOnlySaysSo) {
+TEST_F(CaptureTest, ASecondStopOnlyLogs) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
@@ -123,7 +123,7 @@ TEST_F(CaptureTest, AResetOfAnIdleCaptureStartsIt) {
     EXPECT_EQ(devices.OpenDescriptors(), 1);
 }
 
-TEST_F(CaptureTest, SettingTheFormatItHasDoesNothing) {
+TEST_F(CaptureTest, SettingTheCurrentFormatDoesNothing) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
     capture.setFormat(640, 480, 15);
@@ -131,17 +131,16 @@ TEST_F(CaptureTest, SettingTheFormatItHasDoesNothing) {
     EXPECT_EQ(devices.Calls(), Calls{});
 }
 
-TEST_F(CaptureTest, AnyChangeOfFormatResets) {
+TEST_F(CaptureTest, AnyChangeOfFormatRestarts) {
     devices.SetCamera(0, {.formats = {{V4L2_PIX_FMT_NV12, {{320, 480}, {640, 480}, {640, 240}, {352, 288}}},
                                       {V4L2_PIX_FMT_YUYV, {{800, 600}}}}});
     LinuxV4L2CameraCapture capture;
     capture.setFormat(640, 480, 30);
-    const LogLines first = host.OwnerLines();
-    ASSERT_GE(first.size(), 3u);
-    EXPECT_EQ(first[0], (LogLine{1, "[LinuxV4L2CameraCapture] setFormat, devid 0, size 640x480 fps 30"}));
-    EXPECT_EQ(first[1], (LogLine{1, "[LinuxV4L2CameraCapture] resetCapture, devId 0"}));
-    EXPECT_EQ(first[2], (LogLine{1, "[LinuxV4L2CameraCapture] stopCapture, devid 0"}));
-    EXPECT_EQ(first.back(),
+    EXPECT_EQ(UpTo(host.OwnerLines(), "startCapture"),
+              (LogLines{{1, "[LinuxV4L2CameraCapture] setFormat, devid 0, size 640x480 fps 30"},
+                        {1, "[LinuxV4L2CameraCapture] resetCapture, devId 0"},
+                        {1, "[LinuxV4L2CameraCapture] stopCapture, devid 0"}}));
+    EXPECT_EQ(host.OwnerLines().back(),
               (LogLine{1,
                        "[LinuxV4L2CameraCapture] startCapture success, devid 0, width 640 height 480 format "
                        "NV12 fps 30 setfps 1"}));
@@ -153,7 +152,7 @@ TEST_F(CaptureTest, AnyChangeOfFormatResets) {
                        "[LinuxV4L2CameraCapture] startCapture success, devid 0, width 352 height 288 format "
                        "NV12 fps 30 setfps 1"}));
 
-    // The pixel format is chosen anew.
+    // The pixel format is chosen again.
     host.Clear();
     capture.setFormat(800, 600, 30);
     EXPECT_EQ(host.OwnerLines().back(),
@@ -165,17 +164,17 @@ TEST_F(CaptureTest, AnyChangeOfFormatResets) {
     capture.setFormat(800, 600, 30);
     EXPECT_EQ(host.OwnerLines(), LogLines{});
 
-    // Width alone, height alone: it fails here, but it does reset.
+    // Only the width, then only the height changes: the start fails here, but the capture is restarted.
     capture.setFormat(801, 600, 30);
-    EXPECT_EQ(host.OwnerLines().at(0),
+    EXPECT_EQ(host.OwnerLines().front(),
               (LogLine{1, "[LinuxV4L2CameraCapture] setFormat, devid 0, size 801x600 fps 30"}));
     host.Clear();
     capture.setFormat(801, 601, 30);
-    EXPECT_EQ(host.OwnerLines().at(0),
+    EXPECT_EQ(host.OwnerLines().front(),
               (LogLine{1, "[LinuxV4L2CameraCapture] setFormat, devid 0, size 801x601 fps 30"}));
 }
 
-TEST_F(CaptureTest, SettingTheIdItHasDoesNothing) {
+TEST_F(CaptureTest, SettingTheCurrentIdDoesNothing) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
     capture.setDevId(0);
@@ -190,11 +189,10 @@ TEST_F(CaptureTest, SettingAnotherIdStartsTheOtherCamera) {
     capture.setDevId(1);
 
     const LogLines lines = host.OwnerLines();
-    ASSERT_GE(lines.size(), 8u);
-    EXPECT_EQ(lines[0], (LogLine{1, "[LinuxV4L2CameraCapture] setDevId, from 0 to 1"}));
-    EXPECT_EQ(lines[1], (LogLine{1, "[LinuxV4L2CameraCapture] resetCapture, devId 1"}));
-    EXPECT_EQ(lines[2], (LogLine{1, "[LinuxV4L2CameraCapture] stopCapture, devid 1"}));
-    EXPECT_EQ(lines[6],
+    EXPECT_EQ(UpTo(lines, "startCapture"), (LogLines{{1, "[LinuxV4L2CameraCapture] setDevId, from 0 to 1"},
+                                                     {1, "[LinuxV4L2CameraCapture] resetCapture, devId 1"},
+                                                     {1, "[LinuxV4L2CameraCapture] stopCapture, devid 1"}}));
+    EXPECT_EQ(LineWith(lines, "open device file"),
               (LogLine{8, "[LinuxV4L2CameraCapture] startCapture, devid 1, open device file /dev/video7"}));
     EXPECT_EQ(lines.back(),
               (LogLine{1,
@@ -218,29 +216,30 @@ TEST_F(CaptureTest, WithoutTheCameraNothingIsOpened) {
     EXPECT_EQ(devices.Calls(), Scan());
 }
 
-TEST_F(CaptureTest, ANegativeIdIsNoCamera) {
+TEST_F(CaptureTest, ANegativeIdIsNotFound) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
     capture.setDevId(-1);
-    EXPECT_EQ(host.OwnerLines().at(0), (LogLine{1, "[LinuxV4L2CameraCapture] setDevId, from 0 to -1"}));
+    EXPECT_EQ(host.OwnerLines().front(), (LogLine{1, "[LinuxV4L2CameraCapture] setDevId, from 0 to -1"}));
     EXPECT_EQ(host.OwnerLines().back(),
               (LogLine{4, "[LinuxV4L2CameraCapture] startCapture, camera not founded, devid -1"}));
 }
 
-TEST_F(CaptureTest, EveryEntryIsLoggedInItsOrder) {
+TEST_F(CaptureTest, EveryFormatEntryIsLoggedInOrder) {
     devices.SetCamera(
         0, {.formats = {{V4L2_PIX_FMT_MJPEG, {{640, 480}, {1280, 720}}}, {V4L2_PIX_FMT_NV21, {{640, 480}}}}});
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
     const LogLines lines = host.OwnerLines();
-    ASSERT_GE(lines.size(), 8u);
-    EXPECT_EQ(lines[4],
-              (LogLine{1, "[LinuxV4L2CameraCapture] startCapture, devid 0 support 640x480 fmt MJPG"}));
-    EXPECT_EQ(lines[5],
-              (LogLine{1, "[LinuxV4L2CameraCapture] startCapture, devid 0 support 640x480 fmt NV21"}));
-    EXPECT_EQ(lines[6],
-              (LogLine{1, "[LinuxV4L2CameraCapture] startCapture, devid 0 support 1280x720 fmt MJPG"}));
-    EXPECT_EQ(lines[7], (LogLine{8, "[LinuxV4L2CameraCapture] startCapture, devid 0, search mached format"}));
+    LogLines entries;
+    for (size_t offset = 1; offset <= 4; ++offset) {
+        entries.push_back(LineWith(lines, "enum capabilities", offset));
+    }
+    EXPECT_EQ(entries,
+              (LogLines{{1, "[LinuxV4L2CameraCapture] startCapture, devid 0 support 640x480 fmt MJPG"},
+                        {1, "[LinuxV4L2CameraCapture] startCapture, devid 0 support 640x480 fmt NV21"},
+                        {1, "[LinuxV4L2CameraCapture] startCapture, devid 0 support 1280x720 fmt MJPG"},
+                        {8, "[LinuxV4L2CameraCapture] startCapture, devid 0, search mached format"}}));
 }
 
 struct ChoiceCase {
@@ -248,7 +247,7 @@ struct ChoiceCase {
     std::string chosen;
 };
 
-TEST_F(CaptureTest, TheFormatIsChosenFromWhatTheDeviceOffers) {
+TEST_F(CaptureTest, ThePixelFormatIsChosenFromTheDevicesOffer) {
     const std::vector<ChoiceCase> cases = {{{V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_NV12}, "NV12"},
                                            {{V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_YUV420}, "YU12"},
                                            {{V4L2_PIX_FMT_YUYV}, "YUYV"},
@@ -272,9 +271,9 @@ TEST_F(CaptureTest, TheFormatIsChosenFromWhatTheDeviceOffers) {
     }
 }
 
-// What a start that finds no format says. No request fails there: the number is the probe's last, the refused
-// try of 1920x1080.
-TEST_F(CaptureTest, OnlyMjpgAtTheSizeIsNotEnough) {
+// A start that finds no format logs an errno although no request failed: that of the probe's last request,
+// the refused try of 1920x1080.
+TEST_F(CaptureTest, AStartFailsIfOnlyMjpgHasTheSize) {
     devices.SetCamera(0, Camera({V4L2_PIX_FMT_MJPEG}));
     LinuxV4L2CameraCapture capture;
     EXPECT_FALSE(capture.startCapture());
@@ -293,7 +292,7 @@ TEST_F(CaptureTest, OnlyMjpgAtTheSizeIsNotEnough) {
               InFormat(UpTo(StartCalls(), "G_FMT video0 type=1 0x0 0"), "MJPG") + Calls{"close video0"});
 }
 
-TEST_F(CaptureTest, AnotherSizeThanTheOneAskedForIsNotEnough) {
+TEST_F(CaptureTest, AStartFailsIfNoFormatHasTheSize) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
     for (const FrameSize size : {FrameSize{640, 720}, FrameSize{1280, 480}}) {
@@ -349,7 +348,7 @@ TEST_F(CaptureTest, AnotherWidthOrHeightNeedsSetting) {
         host.Clear();
         LinuxV4L2CameraCapture capture;
         ASSERT_TRUE(capture.startCapture());
-        EXPECT_EQ(host.OwnerLines().at(7),
+        EXPECT_EQ(LineWith(host.OwnerLines(), "current size"),
                   (LogLine{2, "[LinuxV4L2CameraCapture] current size " + std::to_string(size.width) + "x" +
                                   std::to_string(size.height) +
                                   " fmt 842094158, requresize 640x480 fmt 842094158 devid 0, need set device "
@@ -358,7 +357,7 @@ TEST_F(CaptureTest, AnotherWidthOrHeightNeedsSetting) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kSetFmt), 2);
 }
 
-TEST_F(CaptureTest, WhatTheDriverMakesOfTheFormatIsLoggedAndNotAdopted) {
+TEST_F(CaptureTest, TheSizeThatTheDriverChoseIsLoggedAndNotAdopted) {
     CameraModel model = Nv12Camera();
     model.size_after_set = FrameSize{656, 496};
     devices.SetCamera(3, model);
@@ -367,8 +366,8 @@ TEST_F(CaptureTest, WhatTheDriverMakesOfTheFormatIsLoggedAndNotAdopted) {
     LinuxV4L2CameraCapture capture;
     capture.SignalCaptureFrame.connect(&collector, &FrameCollector::OnFrame);
     capture.setDevId(1);
-    // Its fourth value is the requested width, not the id.
-    EXPECT_EQ(host.OwnerLines().at(12),
+    // The number after "devid" is the requested width.
+    EXPECT_EQ(LineWith(host.OwnerLines(), "set success"),
               (LogLine{1, "[LinuxV4L2CameraCapture] set success 656x496 fmt 842094158 devid 640"}));
     EXPECT_EQ(host.OwnerLines().back(),
               (LogLine{1,
@@ -385,7 +384,7 @@ struct FallbackCase {
     std::string text;
 };
 
-TEST_F(CaptureTest, AFormatTheDeviceInsistsOnIsAdoptedIfItCanBeCaptured) {
+TEST_F(CaptureTest, AFormatTheDeviceKeepsIsAdoptedIfItCanBeCaptured) {
     const std::vector<FallbackCase> cases = {
         {V4L2_PIX_FMT_NV21, "825382478", "NV21"},   {V4L2_PIX_FMT_YUV420, "842093913", "YU12"},
         {V4L2_PIX_FMT_BGR32, "877807426", "BGR4"},  {V4L2_PIX_FMT_YUYV, "1448695129", "YUYV"},
@@ -405,10 +404,10 @@ TEST_F(CaptureTest, AFormatTheDeviceInsistsOnIsAdoptedIfItCanBeCaptured) {
         ASSERT_TRUE(
             WaitUntil([this] { return !devices.Calls().empty() && devices.Calls().back() == kWait[0]; }));
         EXPECT_EQ(devices.Calls(), StartCalls() + kWait);
-        EXPECT_EQ(host.OwnerLines().at(7),
+        EXPECT_EQ(LineWith(host.OwnerLines(), "current size"),
                   (LogLine{2, "[LinuxV4L2CameraCapture] current size 640x480 fmt " + each.number +
                                   ", requresize 640x480 fmt 842094158 devid 0, need set device 1"}));
-        EXPECT_EQ(host.OwnerLines().at(8),
+        EXPECT_EQ(LineAfter(host.OwnerLines(), "current size"),
                   (LogLine{2, "[LinuxV4L2CameraCapture] set capture format fail, use current fmt " +
                                   each.number + ", devid 0, err: " + std::to_string(EBUSY)}));
         EXPECT_EQ(host.OwnerLines().back(),
@@ -424,7 +423,7 @@ TEST_F(CaptureTest, AFormatTheDeviceInsistsOnIsAdoptedIfItCanBeCaptured) {
     }
 }
 
-TEST_F(CaptureTest, AFormatTheDeviceInsistsOnIsRefusedIfItCannotBeCaptured) {
+TEST_F(CaptureTest, AStartFailsIfTheFormatTheDeviceKeepsCannotBeCaptured) {
     CameraModel mjpg = Nv12Camera();
     mjpg.current_format = V4L2_PIX_FMT_MJPEG;
     CameraModel other_width = Nv12Camera();
@@ -456,7 +455,7 @@ TEST_F(CaptureTest, AFormatTheDeviceInsistsOnIsRefusedIfItCannotBeCaptured) {
     }
 }
 
-TEST_F(CaptureTest, AFormatThatCanBeNeitherReadNorSetIsAFailure) {
+TEST_F(CaptureTest, AStartFailsIfTheFormatCanBeNeitherReadNorSet) {
     devices.SetCamera(0, Nv12Camera());
     devices.Fail(DeviceCall::kGetFmt, EIO);
     devices.Fail(DeviceCall::kSetFmt, EBUSY);
@@ -470,26 +469,27 @@ TEST_F(CaptureTest, AFormatThatCanBeNeitherReadNorSetIsAFailure) {
               UpTo(StartCalls(), kSetFmt) + (Calls{"S_FMT video0 type=1 640x480 NV12", "close video0"}));
 }
 
-TEST_F(CaptureTest, WithoutTheCurrentFormatTheSetStartsFromNothing) {
+TEST_F(CaptureTest, IfTheFormatCannotBeReadTheOtherFieldsOfTheRequestAreZero) {
     devices.SetCamera(0, Nv12Camera());
     devices.Fail(DeviceCall::kGetFmt, EIO);
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
     ASSERT_TRUE(WaitForSelect());
     const LogLines lines = host.OwnerLines();
-    EXPECT_EQ(lines.at(7), (LogLine{2, "[LinuxV4L2CameraCapture] get capture format fail, devid 0, err: 5"}));
-    EXPECT_EQ(lines.at(8),
+    EXPECT_EQ(LineWith(lines, "get capture format fail"),
+              (LogLine{2, "[LinuxV4L2CameraCapture] get capture format fail, devid 0, err: 5"}));
+    EXPECT_EQ(LineAfter(lines, "get capture format fail"),
               (LogLine{1, "[LinuxV4L2CameraCapture] set success 640x480 fmt 842094158 devid 640"}));
     const Calls calls = devices.Calls();
     EXPECT_NE(std::find(calls.begin(), calls.end(), "S_FMT video0 type=1 640x480 NV12"), calls.end());
 }
 
-TEST_F(CaptureTest, ADeviceThatCannotSayItsRateIsCapturedAtItsOwn) {
+TEST_F(CaptureTest, ADeviceWithoutGetParmIsCapturedAtItsOwnRate) {
     devices.SetCamera(0, Nv12Camera());
     devices.Fail(DeviceCall::kGetParm, ENOTTY);
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
-    EXPECT_EQ(host.OwnerLines().at(10),
+    EXPECT_EQ(LineAfter(host.OwnerLines(), ", set fps"),
               (LogLine{8, "[LinuxV4L2CameraCapture] query support change fps fail, devid 0, err: 25"}));
     EXPECT_EQ(host.OwnerLines().back(),
               (LogLine{1,
@@ -498,13 +498,13 @@ TEST_F(CaptureTest, ADeviceThatCannotSayItsRateIsCapturedAtItsOwn) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kSetParm), 0);
 }
 
-TEST_F(CaptureTest, ADeviceWithOneRateIsCapturedAtIt) {
+TEST_F(CaptureTest, ADeviceThatCannotChangeItsRateIsCapturedAtIt) {
     CameraModel model = Nv12Camera();
     model.parm_capability = V4L2_CAP_TIMEPERFRAME << 1;
     devices.SetCamera(0, model);
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
-    EXPECT_EQ(host.OwnerLines().at(10),
+    EXPECT_EQ(LineAfter(host.OwnerLines(), ", set fps"),
               (LogLine{8, "[LinuxV4L2CameraCapture] device not support change fps, devid 0"}));
     ASSERT_TRUE(WaitForSelect());
     EXPECT_EQ(devices.Calls(), StartCallsWith("S_PARM video0 type=1 timeperframe=1/15", {}) + kWait);
@@ -515,12 +515,12 @@ TEST_F(CaptureTest, ADeviceWithOneRateIsCapturedAtIt) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kSetParm), 0);
 }
 
-TEST_F(CaptureTest, ARefusedRateIsNoError) {
+TEST_F(CaptureTest, AStartSucceedsIfTheRateIsRefused) {
     devices.SetCamera(0, Nv12Camera());
     devices.Fail(DeviceCall::kSetParm, EINVAL);
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
-    EXPECT_EQ(host.OwnerLines().at(10),
+    EXPECT_EQ(LineAfter(host.OwnerLines(), ", set fps"),
               (LogLine{8, "[LinuxV4L2CameraCapture] set capture fps fail, devid 0, err: 22"}));
     EXPECT_EQ(host.OwnerLines().back(),
               (LogLine{1,
@@ -559,7 +559,7 @@ TEST_F(CaptureTest, FewerGrantedBuffersAreAllMapped) {
     }
 }
 
-TEST_F(CaptureTest, NoGrantedBufferIsAnEmptyPoolAndNoFailure) {
+TEST_F(CaptureTest, AStartSucceedsWithoutAnyGrantedBuffer) {
     CameraModel model = Nv12Camera();
     model.granted_buffers = 0;
     devices.SetCamera(0, model);
@@ -588,7 +588,7 @@ TEST_F(CaptureTest, APoolLeftByAFailedStartIsForgottenByTheNext) {
     mappings_left = 3;
 }
 
-TEST_F(CaptureTest, AFailedStreamStopIsLoggedAndTheStopGoesOn) {
+TEST_F(CaptureTest, AFailedStreamoffIsLoggedAndTheStopContinues) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
@@ -602,7 +602,7 @@ TEST_F(CaptureTest, AFailedStreamStopIsLoggedAndTheStopGoesOn) {
     EXPECT_TRUE(capture.startCapture());
 }
 
-TEST_F(CaptureTest, AFailedStreamStartWhoseStopFailsTooIsLoggedTwice) {
+TEST_F(CaptureTest, AFailedStreamonWithAFailedStreamoffIsLoggedTwice) {
     devices.SetCamera(0, Nv12Camera());
     devices.Fail(DeviceCall::kStreamOn, EBUSY);
     devices.Fail(DeviceCall::kStreamOff, EIO);
@@ -618,7 +618,7 @@ TEST_F(CaptureTest, AFailedStreamStartWhoseStopFailsTooIsLoggedTwice) {
 TEST_F(CaptureTest, AMapFailureUnmapsWhatWasMappedBeforeItIsLogged) {
     devices.SetCamera(0, Nv12Camera());
     devices.Fail(DeviceCall::kMap, ENOMEM, 3);
-    // Unmapping spoils errno, too.
+    // munmap() changes errno, too.
     devices.After(DeviceCall::kUnmap, [] { errno = EXDEV; });
     LinuxV4L2CameraCapture capture;
     EXPECT_FALSE(capture.startCapture());
@@ -633,7 +633,7 @@ TEST_F(CaptureTest, AMapFailureUnmapsWhatWasMappedBeforeItIsLogged) {
                                           "munmap video0 buffer=1 length=4096", "close video0"}));
 }
 
-TEST_F(CaptureTest, ItIsStoppingFromTheStopRequestToTheNextStart) {
+TEST_F(CaptureTest, IsStoppingIsTrueFromTheStopRequestToTheNextStart) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
     EXPECT_FALSE(capture.isStopping());
@@ -645,7 +645,7 @@ TEST_F(CaptureTest, ItIsStoppingFromTheStopRequestToTheNextStart) {
     EXPECT_FALSE(capture.isStopping());
 }
 
-TEST_F(CaptureTest, ADestroyedCaptureIsForgottenByItsSlotHolder) {
+TEST_F(CaptureTest, ADestroyedCaptureIsDisconnectedFromItsSlotHolder) {
     devices.SetCamera(0, Nv12Camera());
     FrameCollector collector;
     {
@@ -653,16 +653,16 @@ TEST_F(CaptureTest, ADestroyedCaptureIsForgottenByItsSlotHolder) {
         capture.SignalCaptureFrame.connect(&collector, &FrameCollector::OnFrame);
         ASSERT_TRUE(capture.startCapture());
     }
-    // Would reach into the destroyed signal if it were still known.
+    // Would use the destroyed signal if it were still connected.
     collector.disconnect_all();
     EXPECT_EQ(collector.Count(), 0u);
 }
 
-// The sink's exceptions.
+// ---- Exceptions of the log sink
 
 struct SinkFailure {};
 
-TEST_F(CaptureTest, AnExceptionAtAnyLineOfAStartLeavesItIdleAndTheLockFree) {
+TEST_F(CaptureTest, AnExceptionAtAnyLineOfAStartLeavesTheCaptureIdleAndUnlocked) {
     devices.SetCamera(0, Nv12Camera());
     for (size_t failing = 1; failing <= StartLines().size(); ++failing) {
         LinuxV4L2CameraCapture capture;
@@ -683,7 +683,7 @@ TEST_F(CaptureTest, AnExceptionAtAnyLineOfAStartLeavesItIdleAndTheLockFree) {
     }
 }
 
-TEST_F(CaptureTest, AnExceptionAtAnyLineOfAStopLeavesItIdleAndTheLockFree) {
+TEST_F(CaptureTest, AnExceptionAtAnyLineOfAStopLeavesTheCaptureIdleAndUnlocked) {
     devices.SetCamera(0, Nv12Camera());
     for (size_t failing = 1; failing <= StopLines().size(); ++failing) {
         LinuxV4L2CameraCapture capture;
@@ -703,7 +703,7 @@ TEST_F(CaptureTest, AnExceptionAtAnyLineOfAStopLeavesItIdleAndTheLockFree) {
     }
 }
 
-TEST_F(CaptureTest, TheDestructorKeepsTheSinksExceptionToItself) {
+TEST_F(CaptureTest, TheDestructorSwallowsAnExceptionOfTheSink) {
     devices.SetCamera(0, Nv12Camera());
     {
         LinuxV4L2CameraCapture capture;
@@ -714,9 +714,9 @@ TEST_F(CaptureTest, TheDestructorKeepsTheSinksExceptionToItself) {
     EXPECT_EQ(devices.OpenDescriptors(), 0);
 }
 
-TEST_F(CaptureTest, WithoutMemoryAStartFailsAndLeavesNothingOpen) {
+TEST_F(CaptureTest, AStartOutOfMemoryFailsAndLeavesNothingOpen) {
     devices.SetCamera(0, Nv12Camera());
-    // In the scan, in the probe of its own, in the pool.
+    // In the scan, in the probe of the opened device, in the buffer pool.
     for (const int failing : {3, 19, 40}) {
         int requests = 0;
         const auto run_short = [&requests, failing] {

@@ -19,9 +19,9 @@ using testing::DeviceCall;
 using testing::DeviceDouble;
 using Formats = std::vector<SupportedFormat>;
 
-class SupportedFormatsTest : public ::testing::Test {
+class SupportedFormats : public ::testing::Test {
 protected:
-    ~SupportedFormatsTest() override { EXPECT_TRUE(devices.Misuse().empty()); }
+    ~SupportedFormats() override { EXPECT_TRUE(devices.Misuse().empty()); }
 
     Formats FormatsOf(CameraModel model) {
         devices.SetCamera(0, std::move(model));
@@ -38,12 +38,12 @@ protected:
     std::vector<std::string> calls;
 };
 
-TEST_F(SupportedFormatsTest, ADeviceWithoutFormatsIsAskedForTheFirstAndNoMore) {
+TEST_F(SupportedFormats, ADeviceWithoutFormatsIsAskedForTheFirstOnly) {
     EXPECT_TRUE(FormatsOf({}).empty());
     EXPECT_EQ(calls, std::vector<std::string>{"ENUM_FMT video0 type=1 index=0 0"});
 }
 
-TEST_F(SupportedFormatsTest, OneFormatIsTriedAtAllSizesAndFieldsAreCarriedFromCallToCall) {
+TEST_F(SupportedFormats, OneFormatIsTriedAtAllSizesAndFieldsAreCarriedFromCallToCall) {
     const Formats entries = FormatsOf({.formats = {{V4L2_PIX_FMT_YUYV, {{320, 240}, {1280, 720}}}}});
 
     EXPECT_EQ(entries, (Formats{{320, 240, V4L2_PIX_FMT_YUYV}, {1280, 720, V4L2_PIX_FMT_YUYV}}));
@@ -69,7 +69,7 @@ TEST_F(SupportedFormatsTest, OneFormatIsTriedAtAllSizesAndFieldsAreCarriedFromCa
                      }));
 }
 
-TEST_F(SupportedFormatsTest, TheOrderIsBySizeFirstAndByTheDevicesFormatsSecond) {
+TEST_F(SupportedFormats, TheOrderIsBySizeFirstAndByTheDevicesFormatsSecond) {
     const Formats entries = FormatsOf({.formats = {{V4L2_PIX_FMT_MJPEG, {{1280, 720}, {640, 480}}},
                                                    {V4L2_PIX_FMT_NV12, {{640, 480}, {128, 96}}},
                                                    {V4L2_PIX_FMT_YUYV, {{1280, 720}, {640, 480}}}}});
@@ -88,40 +88,40 @@ TEST_F(SupportedFormatsTest, TheOrderIsBySizeFirstAndByTheDevicesFormatsSecond) 
     EXPECT_EQ(calls[7], "TRY_FMT video0 type=1 160x120 MJPG field=1 stride=256 size=24576 colorspace=8");
 }
 
-TEST_F(SupportedFormatsTest, AWidthThatMatchesIsEnough) {
+TEST_F(SupportedFormats, AWidthThatMatchesIsEnough) {
     EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}, {{{1920, 1080}, {1920, 1088}}}}}}),
               (Formats{{1920, 1088, V4L2_PIX_FMT_NV12}}));
 }
 
-TEST_F(SupportedFormatsTest, AHeightThatMatchesIsEnough) {
+TEST_F(SupportedFormats, AHeightThatMatchesIsEnough) {
     EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}, {{{640, 480}, {720, 480}}}}}}),
               (Formats{{720, 480, V4L2_PIX_FMT_NV12}}));
 }
 
-TEST_F(SupportedFormatsTest, ASizeThatMatchesInNeitherDimensionIsNotTaken) {
+TEST_F(SupportedFormats, ASizeThatMatchesInNeitherDimensionIsNotTaken) {
     EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}, {{{640, 480}, {480, 640}}}}}}), Formats{});
 }
 
-TEST_F(SupportedFormatsTest, ARefusedTryIsPassedOver) {
+TEST_F(SupportedFormats, ARefusedTryIsPassedOver) {
     devices.Fail(DeviceCall::kTryFmt, EIO, 6);
     EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {704, 576}}}}}),
               (Formats{{704, 576, V4L2_PIX_FMT_NV12}}));
 }
 
-TEST_F(SupportedFormatsTest, AnyAnswerOtherThanZeroEndsTheListOfFormats) {
+TEST_F(SupportedFormats, AnyAnswerOtherThanZeroEndsTheListOfFormats) {
     devices.Answer(DeviceCall::kEnumFmt, 1, 0, 2);
     EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}}, {V4L2_PIX_FMT_YUYV, {{640, 480}}}}}),
               (Formats{{640, 480, V4L2_PIX_FMT_NV12}}));
     EXPECT_EQ(devices.CallCount(DeviceCall::kEnumFmt), 2);
 }
 
-TEST_F(SupportedFormatsTest, APositiveAnswerToATryIsNoRefusal) {
+TEST_F(SupportedFormats, APositiveAnswerToATryIsNoRefusal) {
     // The structure stays as asked, so both dimensions match.
     devices.Answer(DeviceCall::kTryFmt, 1, 0, 3);
     EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}}}}), (Formats{{176, 144, V4L2_PIX_FMT_NV12}}));
 }
 
-TEST_F(SupportedFormatsTest, EntriesAreAppendedToWhatIsThere) {
+TEST_F(SupportedFormats, EntriesAreAppendedToWhatIsThere) {
     devices.SetCamera(0, {.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}}}}});
     const int descriptor = device::Open("/dev/video0", O_RDONLY);
     Formats entries = {{1, 2, 3}};
@@ -137,14 +137,14 @@ constexpr size_t kFormatCount = 7;
 
 uint32_t CodeOf(const std::string& name) {
     uint32_t code = 0;
-    for (size_t place = 4; place-- > 0;) {
-        code = code << 8 | static_cast<uint8_t>(name[place]);
+    for (size_t i = 4; i-- > 0;) {
+        code = code << 8 | static_cast<uint8_t>(name[i]);
     }
     return code;
 }
 
-// Down: what would be chosen of the list so far ("-": nothing). Across: the next format in the list. Inside:
-// what is chosen then.
+// Rows: the choice from the list so far ("-": none). Columns: the next format in the list. Cells: the new
+// choice.
 struct Row {
     const char* so_far;
     const char* next[kFormatCount];
@@ -187,7 +187,7 @@ std::string Choice(const std::vector<SupportedFormat>& entries) {
     return "?";
 }
 
-// Every list without repetition that begins with `list`.
+// Calls `check` with every list without repetition that begins with `list`. Returns the number of lists.
 template <class Check>
 int ForEveryList(std::vector<size_t>& list, const Check& check) {
     check(list);
@@ -210,7 +210,7 @@ std::string TextOf(const std::vector<size_t>& list) {
     return text;
 }
 
-TEST(PixelFormatChoiceTest, EveryCombinationInEveryOrderIsChosenFromByTheTable) {
+TEST(PixelFormatChoice, EveryListOfFormatsIsChosenFromAccordingToTheTable) {
     std::vector<size_t> list;
     const int lists = ForEveryList(list, [](const std::vector<size_t>& formats) {
         std::vector<SupportedFormat> entries;
@@ -223,7 +223,7 @@ TEST(PixelFormatChoiceTest, EveryCombinationInEveryOrderIsChosenFromByTheTable) 
     EXPECT_EQ(lists, 13700);
 }
 
-TEST(PixelFormatChoiceTest, EntriesOfOtherSizesMakeNoDifference) {
+TEST(PixelFormatChoice, EntriesOfOtherSizesAreIgnored) {
     std::vector<size_t> list;
     ForEveryList(list, [](const std::vector<size_t>& formats) {
         std::vector<SupportedFormat> entries = {
@@ -237,12 +237,12 @@ TEST(PixelFormatChoiceTest, EntriesOfOtherSizesMakeNoDifference) {
     });
 }
 
-TEST(PixelFormatChoiceTest, OneSizeInAForeignFormatAndAnotherInAGoodOneGiveNothing) {
+TEST(PixelFormatChoice, ASizeThatIsOnlyOfferedInAnUnusableFormatIsNotChosen) {
     EXPECT_EQ(ChoosePixelFormat({{640, 480, V4L2_PIX_FMT_YUYV}, {1280, 720, V4L2_PIX_FMT_MJPEG}}, 1280, 720),
               std::nullopt);
 }
 
-TEST(PixelFormatChoiceTest, SixFormatsCanBeCapturedIfTheDeviceInsists) {
+TEST(PixelFormatChoice, SixFormatsCanBeCapturedIfTheDeviceKeepsThem) {
     for (const char* name : {"NV12", "NV21", "YU12", "BGR4", "YUYV", "YV12"}) {
         EXPECT_TRUE(IsCapturable(CodeOf(name))) << name;
     }
@@ -254,13 +254,13 @@ TEST(PixelFormatChoiceTest, SixFormatsCanBeCapturedIfTheDeviceInsists) {
 
 // ---- The text
 
-TEST(FourCcTextTest, ACodeReadsAsItsFourCharacters) {
+TEST(FourCcText, ACodeIsItsFourCharacters) {
     EXPECT_STREQ(FourCcText(V4L2_PIX_FMT_NV12).Get(), "NV12");
     EXPECT_STREQ(FourCcText(V4L2_PIX_FMT_MJPEG).Get(), "MJPG");
     EXPECT_STREQ(FourCcText(0x20203859).Get(), "Y8  ");
 }
 
-TEST(FourCcTextTest, BytesThatDoNotPrintArePassedAsTheyAre) {
+TEST(FourCcText, BytesThatDoNotPrintAreUnchanged) {
     EXPECT_EQ(std::memcmp(FourCcText(0xFF800107).Get(), "\x07\x01\x80\xFF", 5), 0);
     EXPECT_STREQ(FourCcText(0).Get(), "");
 }

@@ -14,7 +14,7 @@
 namespace zumod {
 namespace {
 
-TEST(ReadSetTest, ASmallDescriptorIsTheOneBitOfAnFdSet) {
+TEST(ReadSetTest, ADescriptorBelowFdSetsizeGivesTheSameBytesAsFdSet) {
     for (const int descriptor : {0, 1, 63, 64, 65, 1023}) {
         ReadSet set(descriptor);
         set.Reset();
@@ -26,7 +26,7 @@ TEST(ReadSetTest, ASmallDescriptorIsTheOneBitOfAnFdSet) {
     }
 }
 
-// The system itself waits for it, in a process that may open that many files.
+// Waits with the real select().
 void ExpectWaitWorks(int descriptor, int writer) {
     ReadSet set(descriptor);
     set.Reset();
@@ -41,7 +41,7 @@ void ExpectWaitWorks(int descriptor, int writer) {
     EXPECT_TRUE(set.HoldsDescriptor());
 }
 
-TEST(ReadSetTest, TheSystemWaitsForADescriptorPastTheEndOfAnFdSet) {
+TEST(ReadSetTest, SelectAcceptsADescriptorPastTheEndOfAnFdSet) {
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < 4097) {

@@ -31,15 +31,15 @@ public:
                              std::to_string(format));
     }
     void OnFrameAgain(Data, unsigned long, int, int, int) { m_journal->push_back(m_name + " again"); }
-    void OnFrameLeave(Data, unsigned long, int, int, int) {
-        m_journal->push_back(m_name + " leaves");
-        leave(this);
+    void OnFrameAct(Data, unsigned long, int, int, int) {
+        m_journal->push_back(m_name + " acts");
+        act(this);
     }
     void OnFrameThrow(Data, unsigned long, int, int, int) { throw std::runtime_error(m_name); }
 
     void Rename(const std::string& name) { m_name = name; }
 
-    void (*leave)(Holder*) = nullptr;
+    void (*act)(Holder*) = nullptr;
     Signal* signal = nullptr;
     Holder* victim = nullptr;
 
@@ -58,7 +58,7 @@ private:
     unsigned char m_data[1] = {9};
 };
 
-TEST_F(SigslotTest, ASignalWithoutConnectionsCallsNoOne) {
+TEST_F(SigslotTest, ASignalWithoutConnectionsCallsNothing) {
     Signal signal;
     Emit(signal);
     EXPECT_EQ(journal, Journal{});
@@ -94,7 +94,7 @@ TEST_F(SigslotTest, SlotsAreCalledInTheOrderOfConnection) {
                                 "a 9 42 640x480 7", "b again"}));
 }
 
-TEST_F(SigslotTest, ADestroyedHolderIsCalledNoMore) {
+TEST_F(SigslotTest, ADestroyedHolderIsNoLongerCalled) {
     Signal signal;
     Holder a("a", journal);
     {
@@ -108,7 +108,7 @@ TEST_F(SigslotTest, ADestroyedHolderIsCalledNoMore) {
 }
 
 TEST_F(SigslotTest, ADestroyedSignalIsForgottenByItsHolders) {
-    // Counts what the signal tells it; has nothing to cut when it goes.
+    // Records what the signal calls; disconnects nothing in its destructor.
     struct Spy : has_slots_interface {
         virtual ~Spy() = default;
         void signal_connect(sigslot::_signal_base_interface* sender) override { known.push_back(sender); }
@@ -136,85 +136,108 @@ TEST_F(SigslotTest, ASlotThatDisconnectsItselfDoesNotEndTheEmission) {
     Holder b("b", journal);
     Holder c("c", journal);
     b.signal = &signal;
-    b.leave = [](Holder* self) { self->signal->disconnect(self); };
+    b.act = [](Holder* self) { self->signal->disconnect(self); };
     signal.connect(&a, &Holder::OnFrameAgain);
-    signal.connect(&b, &Holder::OnFrameLeave);
+    signal.connect(&b, &Holder::OnFrameAct);
     signal.connect(&c, &Holder::OnFrameAgain);
     Emit(signal);
     Emit(signal);
-    EXPECT_EQ(journal, (Journal{"a again", "b leaves", "c again", "a again", "c again"}));
+    EXPECT_EQ(journal, (Journal{"a again", "b acts", "c again", "a again", "c again"}));
 }
 
 TEST_F(SigslotTest, ASlotMayDisconnectThroughItsHolder) {
     Signal signal;
     Holder a("a", journal);
     Holder b("b", journal);
-    a.leave = [](Holder* self) { self->disconnect_all(); };
-    signal.connect(&a, &Holder::OnFrameLeave);
+    a.act = [](Holder* self) { self->disconnect_all(); };
+    signal.connect(&a, &Holder::OnFrameAct);
     signal.connect(&b, &Holder::OnFrameAgain);
     Emit(signal);
     Emit(signal);
-    EXPECT_EQ(journal, (Journal{"a leaves", "b again", "b again"}));
+    EXPECT_EQ(journal, (Journal{"a acts", "b again", "b again"}));
 }
 
 TEST_F(SigslotTest, AHolderConnectedTwiceInARowMayDisconnectItself) {
     Signal signal;
     Holder a("a", journal);
     Holder b("b", journal);
-    a.leave = [](Holder* self) { self->disconnect_all(); };
-    signal.connect(&a, &Holder::OnFrameLeave);
+    a.act = [](Holder* self) { self->disconnect_all(); };
+    signal.connect(&a, &Holder::OnFrameAct);
     signal.connect(&a, &Holder::OnFrameAgain);
     signal.connect(&b, &Holder::OnFrameAgain);
     Emit(signal);
-    EXPECT_EQ(journal, (Journal{"a leaves", "b again"}));
+    EXPECT_EQ(journal, (Journal{"a acts", "b again"}));
 }
 
-TEST_F(SigslotTest, ASlotMayDisconnectTheOneAfterIt) {
+TEST_F(SigslotTest, ASlotMayDisconnectTheNextOne) {
     Signal signal;
     Holder a("a", journal);
     Holder b("b", journal);
     Holder c("c", journal);
     a.signal = &signal;
     a.victim = &b;
-    a.leave = [](Holder* self) { self->signal->disconnect(self->victim); };
-    signal.connect(&a, &Holder::OnFrameLeave);
+    a.act = [](Holder* self) { self->signal->disconnect(self->victim); };
+    signal.connect(&a, &Holder::OnFrameAct);
     signal.connect(&b, &Holder::OnFrameAgain);
     signal.connect(&c, &Holder::OnFrameAgain);
     Emit(signal);
-    EXPECT_EQ(journal, (Journal{"a leaves", "c again"}));
+    EXPECT_EQ(journal, (Journal{"a acts", "c again"}));
 }
 
-TEST_F(SigslotTest, ASlotMayDisconnectEveryone) {
+TEST_F(SigslotTest, ASlotMayDisconnectAllSlots) {
     Signal signal;
     Holder a("a", journal);
     Holder b("b", journal);
     a.signal = &signal;
-    a.leave = [](Holder* self) { self->signal->disconnect_all(); };
-    signal.connect(&a, &Holder::OnFrameLeave);
+    a.act = [](Holder* self) { self->signal->disconnect_all(); };
+    signal.connect(&a, &Holder::OnFrameAct);
     signal.connect(&b, &Holder::OnFrameAgain);
     Emit(signal);
     Emit(signal);
-    EXPECT_EQ(journal, (Journal{"a leaves"}));
+    EXPECT_EQ(journal, (Journal{"a acts"}));
 }
 
-TEST_F(SigslotTest, ASlotMayEmitAgainAndLeaveMeanwhile) {
+TEST_F(SigslotTest, ASlotMayDisconnectItselfAndEmitAgain) {
     Signal signal;
     Holder a("a", journal);
     Holder b("b", journal);
     a.signal = &signal;
-    a.leave = [](Holder* self) {
+    a.act = [](Holder* self) {
         self->disconnect_all();
         const unsigned char data[] = {1};
         self->signal->emit(data, 0, 0, 0, 0);
     };
-    b.leave = [](Holder* self) { self->disconnect_all(); };
-    signal.connect(&a, &Holder::OnFrameLeave);
-    signal.connect(&b, &Holder::OnFrameLeave);
+    b.act = [](Holder* self) { self->disconnect_all(); };
+    signal.connect(&a, &Holder::OnFrameAct);
+    signal.connect(&b, &Holder::OnFrameAct);
     Emit(signal);
-    EXPECT_EQ(journal, (Journal{"a leaves", "b leaves"}));
+    EXPECT_EQ(journal, (Journal{"a acts", "b acts"}));
 }
 
-TEST_F(SigslotTest, ASignalIsWholeAfterASlotHasThrown) {
+TEST_F(SigslotTest, AConnectionMadeDuringAnEmissionIsCalledUnlessTheLastSlotMadeIt) {
+    for (const bool last_slot_connects : {false, true}) {
+        journal.clear();
+        Signal signal;
+        Holder a("a", journal);
+        Holder b("b", journal);
+        Holder c("c", journal);
+        a.signal = &signal;
+        a.victim = &c;
+        a.act = [](Holder* self) { self->signal->connect(self->victim, &Holder::OnFrameAgain); };
+        if (last_slot_connects) {
+            signal.connect(&b, &Holder::OnFrameAgain);
+        }
+        signal.connect(&a, &Holder::OnFrameAct);
+        if (!last_slot_connects) {
+            signal.connect(&b, &Holder::OnFrameAgain);
+        }
+        Emit(signal);
+        EXPECT_EQ(journal, last_slot_connects ? (Journal{"b again", "a acts"})
+                                              : (Journal{"a acts", "b again", "c again"}));
+    }
+}
+
+TEST_F(SigslotTest, ASignalIsUsableAfterASlotHasThrown) {
     Signal signal;
     Holder a("a", journal);
     Holder b("b", journal);
@@ -243,7 +266,7 @@ TEST_F(SigslotTest, ACopiedHolderIsConnectedBehindTheOthers) {
     EXPECT_EQ(journal, (Journal{"b again", "copy again"}));
 }
 
-TEST_F(SigslotTest, ACopiedHolderIsCutWhenItGoes) {
+TEST_F(SigslotTest, ADestroyedCopyOfAHolderIsNoLongerCalled) {
     Signal signal;
     Holder a("a", journal);
     signal.connect(&a, &Holder::OnFrameAgain);
@@ -252,7 +275,7 @@ TEST_F(SigslotTest, ACopiedHolderIsCutWhenItGoes) {
     EXPECT_EQ(journal, Journal{"a again"});
 }
 
-TEST_F(SigslotTest, ACopiedSignalCallsTheSameSlotsAndIsCutByThem) {
+TEST_F(SigslotTest, ACopiedSignalCallsTheSameSlotsUntilTheirHoldersAreDestroyed) {
     Holder b("b", journal);
     Signal signal;
     auto a = std::make_unique<Holder>("a", journal);
@@ -269,7 +292,7 @@ TEST_F(SigslotTest, ACopiedSignalCallsTheSameSlotsAndIsCutByThem) {
     EXPECT_EQ(journal, (Journal{"b again", "b again"}));
 }
 
-TEST_F(SigslotTest, AHolderOfSeveralSignalsIsCutFromAll) {
+TEST_F(SigslotTest, ADestroyedHolderIsDisconnectedFromAllItsSignals) {
     Signal first;
     Signal second;
     {
@@ -284,7 +307,7 @@ TEST_F(SigslotTest, AHolderOfSeveralSignalsIsCutFromAll) {
     EXPECT_EQ(journal, (Journal{"a again", "a again"}));
 }
 
-// Sees the locks that an emission takes.
+// Counts the locks that are held.
 class CountingPolicy {
 public:
     virtual ~CountingPolicy() = default;
@@ -309,9 +332,9 @@ TEST_F(SigslotTest, SlotsRunUnderThePolicysLock) {
     EXPECT_EQ(signal.locks, 0);
 }
 
-// The tables that are fixed slot by slot.
+// The vtables, slot by slot.
 
-TEST_F(SigslotTest, ThePolicysTableIsDestructorPairLockUnlock) {
+TEST_F(SigslotTest, TheSlotsOfTheLockPolicy) {
     struct Policy : single_threaded {
         explicit Policy(Journal& target) : journal(&target) {}
         ~Policy() override { journal->push_back("destroyed"); }
@@ -326,24 +349,24 @@ TEST_F(SigslotTest, ThePolicysTableIsDestructorPairLockUnlock) {
     EXPECT_EQ(journal, (Journal{"lock", "unlock", "destroyed"}));
 }
 
-TEST_F(SigslotTest, TheSignalsTableIsSlotDisconnectSlotDuplicate) {
+TEST_F(SigslotTest, TheSlotsOfTheSignal) {
     Signal signal;
     Holder a("a", journal);
     Holder b("b", journal);
     signal.connect(&a, &Holder::OnFrameAgain);
-    const sigslot::_signal_base_interface* face = &signal;
-    CallSlot<void, const has_slots_interface*, has_slots_interface*>(face, 1, &a, &b);
+    const sigslot::_signal_base_interface* interface = &signal;
+    CallSlot<void, const has_slots_interface*, has_slots_interface*>(interface, 1, &a, &b);
     Emit(signal);
     EXPECT_EQ(journal, (Journal{"a again", "b again"}));
 
     journal.clear();
-    CallSlot<void, has_slots_interface*>(face, 0, &a);
+    CallSlot<void, has_slots_interface*>(interface, 0, &a);
     Emit(signal);
     EXPECT_EQ(journal, Journal{"b again"});
-    CallSlot<void, has_slots_interface*>(face, 0, &b);
+    CallSlot<void, has_slots_interface*>(interface, 0, &b);
 }
 
-TEST_F(SigslotTest, TheConnectionsTableIsDestructorPairGetdestEmitCloneDuplicate) {
+TEST_F(SigslotTest, TheSlotsOfTheConnection) {
     using Connection = sigslot::_connection5<Holder, Data, unsigned long, int, int, int, single_threaded>;
     Holder a("a", journal);
     Holder b("b", journal);
@@ -363,16 +386,16 @@ TEST_F(SigslotTest, TheConnectionsTableIsDestructorPairGetdestEmitCloneDuplicate
     CallSlot(duplicate, 1);
 }
 
-TEST_F(SigslotTest, TheBasesStandAsTheyAreFixed) {
+TEST_F(SigslotTest, TheBasesOfASignal) {
     using Base5 = sigslot::_signal_base5<Data, unsigned long, int, int, int, single_threaded>;
     using Base = sigslot::_signal_base<single_threaded>;
     static_assert(std::is_base_of_v<Base5, Signal> && std::is_base_of_v<Base, Base5>);
     static_assert(std::is_base_of_v<sigslot::_signal_base_interface, Base>);
     static_assert(std::is_base_of_v<single_threaded, Base>);
-    // The interface comes first: a signal's own table begins with it.
+    // The interface is the primary base: it shares the signal's vtable.
     const Signal signal;
-    const sigslot::_signal_base_interface* face = &signal;
-    EXPECT_EQ(static_cast<const void*>(face), static_cast<const void*>(&signal));
+    const sigslot::_signal_base_interface* interface = &signal;
+    EXPECT_EQ(static_cast<const void*>(interface), static_cast<const void*>(&signal));
 }
 
 }  // namespace

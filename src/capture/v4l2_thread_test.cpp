@@ -12,7 +12,7 @@ namespace {
 
 using testing::WaitUntil;
 
-TEST(V4l2ThreadTest, TheWorkRunsOnceAlsoWhenItAsksToBeRepeated) {
+TEST(V4l2ThreadTest, TheWorkRunsOnceEvenIfItReturnsTrue) {
     std::atomic<int> runs{0};
     CV4L2Thread thread;
     thread.SetWork([&runs] {
