@@ -1,4 +1,4 @@
-// IClientCamera and IClientCameraListenter through their raw tables.
+// IClientCamera and IClientCameraListenter, called through their vtable slots.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -29,22 +29,22 @@ public:
     Calls calls;
 };
 
-TEST(ClientCameraInterface, ACameraHoldsEightOperationsBehindTheReferenceCount) {
+TEST(ClientCameraInterface, TheSlotsOfIClientCamera) {
     CameraScript() = {};
     const CRefPtr_T<IClientCamera> camera = CreateClientCamera();
     const CRefPtr_T<ListenerDouble> listener(new ListenerDouble);
-    const void* face = camera.Get();
-    EXPECT_EQ(CallSlot<uint64_t>(face, 2), 2u);
-    EXPECT_EQ(CallSlot<int64_t>(face, 3), 1);
-    CallSlot<void>(face, 4, static_cast<IClientCameraListenter*>(listener.Get()));
-    CallSlot<void>(face, 5, 0xFFFFFFFFu);
-    CallSlot<void>(face, 6, 640, -480, 30);
-    CallSlot<void>(face, 7, 5, -2, 1);
-    CallSlot<void>(face, 8, uint8_t{200});
-    EXPECT_EQ(CallSlot<uint8_t>(face, 9), 0xC3);
-    EXPECT_TRUE(CallSlot<bool>(face, 10));
+    const void* raw = camera.Get();
+    EXPECT_EQ(CallSlot<uint64_t>(raw, 2), 2u);
+    EXPECT_EQ(CallSlot<int64_t>(raw, 3), 1);
+    CallSlot<void>(raw, 4, static_cast<IClientCameraListenter*>(listener.Get()));
+    CallSlot<void>(raw, 5, 0xFFFFFFFFu);
+    CallSlot<void>(raw, 6, 640, -480, 30);
+    CallSlot<void>(raw, 7, 5, -2, 1);
+    CallSlot<void>(raw, 8, uint8_t{200});
+    EXPECT_EQ(CallSlot<uint8_t>(raw, 9), 0xC3);
+    EXPECT_TRUE(CallSlot<bool>(raw, 10));
     const uint32_t id = 9;
-    EXPECT_EQ(CallSlot<int32_t>(face, 11, &id), 0);
+    EXPECT_EQ(CallSlot<int32_t>(raw, 11, &id), 0);
     EXPECT_EQ(CameraScript().listeners, (std::vector<IClientCameraListenter*>{listener.Get()}));
     EXPECT_EQ(CameraScript().calls,
               (Calls{"0 created", "0 SetListener()", "0 SetCameraId(4294967295)",
@@ -52,15 +52,15 @@ TEST(ClientCameraInterface, ACameraHoldsEightOperationsBehindTheReferenceCount) 
                      "0 GetCameraFlag()", "0 Open()", "0 Close(9)"}));
 }
 
-TEST(ClientCameraInterface, AListenerHoldsThreeOperationsBehindTheReferenceCount) {
+TEST(ClientCameraInterface, TheSlotsOfIClientCameraListenter) {
     const CRefPtr_T<ListenerDouble> listener(new ListenerDouble);
-    const void* face = static_cast<IClientCameraListenter*>(listener.Get());
-    EXPECT_EQ(CallSlot<uint64_t>(face, 2), 2u);
-    EXPECT_EQ(CallSlot<int64_t>(face, 3), 1);
-    CallSlot<void>(face, 4, 7u, "abc", 3ul);
-    CallSlot<void>(face, 5, 8u, "abc", 3ul);
-    EXPECT_TRUE(CallSlot<bool>(face, 6, 7u));
-    EXPECT_FALSE(CallSlot<bool>(face, 6, 8u));
+    const void* raw = static_cast<IClientCameraListenter*>(listener.Get());
+    EXPECT_EQ(CallSlot<uint64_t>(raw, 2), 2u);
+    EXPECT_EQ(CallSlot<int64_t>(raw, 3), 1);
+    CallSlot<void>(raw, 4, 7u, "abc", 3ul);
+    CallSlot<void>(raw, 5, 8u, "abc", 3ul);
+    EXPECT_TRUE(CallSlot<bool>(raw, 6, 7u));
+    EXPECT_FALSE(CallSlot<bool>(raw, 6, 8u));
     EXPECT_EQ(listener->calls, (Calls{"video 7 abc", "audio 8"}));
 }
 

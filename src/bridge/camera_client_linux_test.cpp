@@ -36,7 +36,7 @@ using testing::LogLine;
 using testing::RecordingHost;
 using testing::WaitUntil;
 
-// Two faces, and one count behind them that nobody else reaches.
+// Two public interfaces and one reference count, which is reached only through them.
 static_assert(std::is_convertible_v<CCameraClientLinux*, IClientCamera*>);
 static_assert(std::is_convertible_v<CCameraClientLinux*, sigslot::has_slots<sigslot::single_threaded>*>);
 static_assert(std::is_base_of_v<CReference, CCameraClientLinux> &&
@@ -57,7 +57,7 @@ struct Packet {
 
 class Listener final : public IClientCameraListenter {
 public:
-    // Borrowed by the camera clients: nobody counts.
+    // Borrowed by the cameras, which therefore never call AddRef.
     uint64_t AddRef() override {
         ADD_FAILURE() << "the listener is borrowed";
         return 1;
@@ -93,7 +93,7 @@ public:
     std::atomic<uint32_t> last_asked_id{0};
     std::atomic<pid_t> work_thread{0};
     std::atomic<pid_t> packet_thread{0};
-    // Run on the capture thread with the client's lock held; set before the camera is opened.
+    // Called on the capture thread with the client's lock held. Set before the camera is opened.
     std::function<void()> during;
     std::function<void()> during_packet;
 
@@ -102,7 +102,7 @@ private:
     std::vector<Packet> m_packets;
 };
 
-// Runs a test's function inside one log line of the module's.
+// Calls `hook` once, within the first log line that contains `hook_text`.
 class HookedHost final : public RecordingHost {
 public:
     int WriteLog(uint32_t level, const char* text) override {
@@ -143,7 +143,7 @@ protected:
         return {.formats = {{V4L2_PIX_FMT_NV12, {{640, 480}, {1280, 720}}}}};
     }
 
-    // As the plugin does it.
+    // The calls of the plugin, in its order.
     bool OpenCamera(uint32_t id, int32_t width = 640, int32_t height = 480, int32_t fps = 15) {
         client->SetListener(&listener);
         client->SetCameraId(id);
@@ -156,7 +156,7 @@ protected:
         client->OnCaptureFrame(picture, sizeof picture, width, height, Code(fourcc));
     }
 
-    // The lines that begin with this, in order.
+    // The log lines that begin with `start`, in order.
     std::vector<std::string> Lines(const std::string& start) {
         std::vector<std::string> found;
         for (const LogLine& line : host.Lines()) {
@@ -167,14 +167,14 @@ protected:
         return found;
     }
 
-    // What the capture was told and did, in order: "setDevId", "setFormat", "resetCapture", "stopCapture",
-    // "startCapture success".
+    // The operations of the capture from its log, in order: "setDevId", "setFormat", "resetCapture",
+    // "stopCapture", "startCapture success".
     std::vector<std::string> CaptureSteps() {
         std::vector<std::string> steps;
         for (const std::string& line : Lines("[LinuxV4L2CameraCapture] ")) {
             const std::string text = line.substr(std::strlen("[LinuxV4L2CameraCapture] "));
             const std::string step = text.substr(0, text.find(','));
-            // Of a start its last line, of a stop its first.
+            // Only the last line of a start and the first line of a stop count.
             const bool within = step == "startCapture" ||
                                 (step == "stopCapture" && std::count(text.begin(), text.end(), ' ') > 2);
             const bool own = step.find("Capture") != std::string::npos || step.rfind("set", 0) == 0;
@@ -192,10 +192,10 @@ protected:
     CRefPtr_T<CCameraClientLinux> client{new CCameraClientLinux};
 };
 
-TEST_F(CameraClientLinux, IsThePlatformsCamera) {
+TEST_F(CameraClientLinux, IsWhatThePlatformCreates) {
     const CRefPtr_T<IClientCamera> camera = CreateClientCamera();
     EXPECT_NE(dynamic_cast<CCameraClientLinux*>(camera.Get()), nullptr);
-    EXPECT_EQ(camera->AddRef(), 2u) << "the caller's reference alone";
+    EXPECT_EQ(camera->AddRef(), 2u) << "only the caller's reference";
     EXPECT_EQ(camera->Release(), 1);
 }
 
@@ -211,32 +211,32 @@ TEST_F(CameraClientLinux, ThePlatformListsTheDevicesThatArePresentNow) {
     EXPECT_EQ(cameras[0].file, "/dev/video1");
 }
 
-TEST_F(CameraClientLinux, OpensNothingWhenItIsMade) {
+TEST_F(CameraClientLinux, ItsConstructorOpensNothing) {
     EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
     EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 0);
     client = nullptr;
     EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{1, "[LinuxV4L2CameraCapture] stopCapture, devid 0"}}));
 }
 
-TEST_F(CameraClientLinux, ItsSlotsStandInTheirOrder) {
-    void* face = static_cast<IClientCamera*>(client.Get());
-    EXPECT_EQ(CallSlot<uint64_t>(face, 2), 2u);
-    EXPECT_EQ(CallSlot<int64_t>(face, 3), 1);
-    CallSlot<void>(face, 4, static_cast<IClientCameraListenter*>(&listener));
-    CallSlot<void>(face, 5, 1u);
-    CallSlot<void>(face, 6, 1280, 720, 30);
+TEST_F(CameraClientLinux, TheSlotsOfIClientCamera) {
+    void* camera = static_cast<IClientCamera*>(client.Get());
+    EXPECT_EQ(CallSlot<uint64_t>(camera, 2), 2u);
+    EXPECT_EQ(CallSlot<int64_t>(camera, 3), 1);
+    CallSlot<void>(camera, 4, static_cast<IClientCameraListenter*>(&listener));
+    CallSlot<void>(camera, 5, 1u);
+    CallSlot<void>(camera, 6, 1280, 720, 30);
     EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] setFormat, ").size(), 1u);
-    CallSlot<void>(face, 7, 1, 2, 3);
-    EXPECT_EQ(CallSlot<uint8_t>(face, 9), 0);
-    CallSlot<void>(face, 8, uint8_t{0xA5});
-    EXPECT_EQ(CallSlot<uint8_t>(face, 9), 0xA5);
-    EXPECT_TRUE(CallSlot<bool>(face, 10));
+    CallSlot<void>(camera, 7, 1, 2, 3);
+    EXPECT_EQ(CallSlot<uint8_t>(camera, 9), 0);
+    CallSlot<void>(camera, 8, uint8_t{0xA5});
+    EXPECT_EQ(CallSlot<uint8_t>(camera, 9), 0xA5);
+    EXPECT_TRUE(CallSlot<bool>(camera, 10));
     const uint32_t id = 1;
-    EXPECT_EQ(CallSlot<int32_t>(face, 11, &id), 0);
+    EXPECT_EQ(CallSlot<int32_t>(camera, 11, &id), 0);
     EXPECT_EQ(devices.OpenDescriptors(), 0);
 }
 
-TEST_F(CameraClientLinux, FramesOfAnOpenCameraReachTheListenerEncodedUnderTheCamerasId) {
+TEST_F(CameraClientLinux, FramesOfAnOpenCameraReachTheListenerEncodedWithTheCamerasId) {
     ASSERT_TRUE(OpenCamera(1));
     devices.PushFrame(1, {.bytes = {1, 2, 3}});
     EXPECT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
@@ -246,7 +246,7 @@ TEST_F(CameraClientLinux, FramesOfAnOpenCameraReachTheListenerEncodedUnderTheCam
     EXPECT_EQ(devices.OpenDescriptors(), 0);
 }
 
-TEST_F(CameraClientLinux, TheFirstFrameMakesTheEncoderAndEachFrameGoesThroughItInOrder) {
+TEST_F(CameraClientLinux, TheFirstFrameCreatesTheEncoderAndAllFramesAreEncodedInOrder) {
     client->SetListener(&listener);
     Frame();
     Frame();
@@ -273,7 +273,7 @@ TEST_F(CameraClientLinux, TheFirstFrameMakesTheEncoderAndEachFrameGoesThroughItI
     EXPECT_EQ(codec.Record().references, 1);
 }
 
-TEST_F(CameraClientLinux, TheEncoderIsToldTheFramesOwnSizeAndNotReplacedForIt) {
+TEST_F(CameraClientLinux, TheEncoderGetsTheFramesSizeAndIsNotReplacedForIt) {
     client->SetListener(&listener);
     Frame(641, 479, "YUYV");
     Frame(1280, 720, "BGR4");
@@ -283,7 +283,7 @@ TEST_F(CameraClientLinux, TheEncoderIsToldTheFramesOwnSizeAndNotReplacedForIt) {
     EXPECT_EQ(Lines("[codec] create").size(), 1u);
 }
 
-TEST_F(CameraClientLinux, TheEncoderIsToldTheFormatsNameAndItsAnswerIsIgnored) {
+TEST_F(CameraClientLinux, TheEncoderGetsTheFormatsNameAndItsResultIsIgnored) {
     client->SetListener(&listener);
     codec.Record().set_format_result = -1;
     Frame(640, 480, "YU12");
@@ -293,7 +293,7 @@ TEST_F(CameraClientLinux, TheEncoderIsToldTheFormatsNameAndItsAnswerIsIgnored) {
     EXPECT_EQ(listener.Packets().size(), 2u);
 }
 
-TEST_F(CameraClientLinux, TheEncoderGetsThePictureItselfInArgumentsThatAreHeldOnce) {
+TEST_F(CameraClientLinux, TheEncoderGetsThePictureUncopiedInArgumentsWithOneReference) {
     client->SetListener(&listener);
     const unsigned char picture[9] = {};
     client->OnCaptureFrame(picture, 5, 640, 480, Code("NV12"));
@@ -302,7 +302,7 @@ TEST_F(CameraClientLinux, TheEncoderGetsThePictureItselfInArgumentsThatAreHeldOn
     EXPECT_EQ(codec.Record().argument_references, 1u);
 }
 
-TEST_F(CameraClientLinux, AFramesOutputComesFromTheDefaultAllocatorAndIsGivenBackAfterIt) {
+TEST_F(CameraClientLinux, AFramesOutputIsFromTheDefaultAllocatorAndReleasedAfterTheFrame) {
     client->SetListener(&listener);
     const uint64_t before = g_pDefaultAlloctor->AddRef();
     uint64_t during = 0;
@@ -318,7 +318,7 @@ TEST_F(CameraClientLinux, AFramesOutputComesFromTheDefaultAllocatorAndIsGivenBac
     EXPECT_EQ(g_pDefaultAlloctor->Release(), static_cast<int64_t>(before) - 1);
 }
 
-TEST_F(CameraClientLinux, PacketsAreHandedOverOnTheCaptureThread) {
+TEST_F(CameraClientLinux, PacketsArriveOnTheCaptureThread) {
     ASSERT_TRUE(OpenCamera(0));
     devices.PushFrame(0, {.bytes = {1}});
     ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
@@ -326,7 +326,7 @@ TEST_F(CameraClientLinux, PacketsAreHandedOverOnTheCaptureThread) {
     EXPECT_NE(listener.packet_thread, gettid());
 }
 
-TEST_F(CameraClientLinux, WithoutAListenerAFrameIsDroppedInSilence) {
+TEST_F(CameraClientLinux, WithoutAListenerAFrameIsDroppedWithoutALogLine) {
     Frame();
     EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
     client->SetListener(&listener);
@@ -347,7 +347,7 @@ TEST_F(CameraClientLinux, AListenerMayCallBackFromItsOwnThread) {
     EXPECT_EQ(listener.Packets(), (std::vector<Packet>{{5, "code"}}));
 }
 
-TEST_F(CameraClientLinux, WhileTheListenerIsBusyFramesAreDroppedAndNoEncoderIsMade) {
+TEST_F(CameraClientLinux, WhileTheListenerIsBusyFramesAreDroppedAndNoEncoderIsCreated) {
     listener.busy = true;
     client->SetListener(&listener);
     client->SetCameraId(7);
@@ -362,7 +362,7 @@ TEST_F(CameraClientLinux, WhileTheListenerIsBusyFramesAreDroppedAndNoEncoderIsMa
     EXPECT_EQ(listener.Packets().size(), 1u);
 }
 
-TEST_F(CameraClientLinux, EveryFrameOfAFormatThatIsNotSupportedIsOneLine) {
+TEST_F(CameraClientLinux, EveryFrameOfAnUnsupportedFormatLogsOneLine) {
     client->SetListener(&listener);
     Frame(640, 480, "MJPG");
     Frame(640, 480, "MJPG");
@@ -375,7 +375,7 @@ TEST_F(CameraClientLinux, EveryFrameOfAFormatThatIsNotSupportedIsOneLine) {
     EXPECT_EQ(listener.Packets(), std::vector<Packet>{});
 }
 
-TEST_F(CameraClientLinux, AFrameOfAFormatThatIsNotSupportedLeavesTheEncoder) {
+TEST_F(CameraClientLinux, AFrameOfAnUnsupportedFormatKeepsTheEncoder) {
     client->SetListener(&listener);
     Frame();
     Frame(640, 480, "MJPG");
@@ -385,7 +385,7 @@ TEST_F(CameraClientLinux, AFrameOfAFormatThatIsNotSupportedLeavesTheEncoder) {
     EXPECT_EQ(listener.Packets().size(), 2u);
 }
 
-TEST_F(CameraClientLinux, AFrameThatTheEncoderRefusesIsOneLineAndTheEncoderIsKept) {
+TEST_F(CameraClientLinux, AFrameThatTheEncoderRefusesLogsOneLineAndTheEncoderIsKept) {
     client->SetListener(&listener);
     codec.Record().encode_result = false;
     Frame();
@@ -396,14 +396,14 @@ TEST_F(CameraClientLinux, AFrameThatTheEncoderRefusesIsOneLineAndTheEncoderIsKep
     EXPECT_EQ(Lines("[codec] create").size(), 1u);
 }
 
-TEST_F(CameraClientLinux, AnEncoderThatPreparedNoOutputGivesAnEmptyFrame) {
+TEST_F(CameraClientLinux, AnEncoderThatPreparedNoOutputYieldsAnEmptyFrame) {
     client->SetListener(&listener);
     codec.Record().prepares_output = false;
     Frame();
     EXPECT_EQ(listener.Packets(), (std::vector<Packet>{{0, ""}}));
 }
 
-TEST_F(CameraClientLinux, WithoutACodecModuleFramesAreDroppedAndItIsLookedForAgain) {
+TEST_F(CameraClientLinux, WithoutACodecModuleAFrameIsDroppedAndTheNextOneTriesAgain) {
     host.SetProperty("zu.env.modules.dir", CZUModData::FromText("/nowhere"));
     client->SetListener(&listener);
     Frame();
@@ -422,7 +422,7 @@ TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesDoesNothingAtAll) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kOpen), 0);
 }
 
-TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesLeavesAStartedCameraAlone) {
+TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesDoesNotRestartAStartedCamera) {
     ASSERT_TRUE(OpenCamera(0, 1280, 720, 30));
     host.TakeLines();
     client->SetFormat(1280, 720, 30);
@@ -430,7 +430,7 @@ TEST_F(CameraClientLinux, SetFormatWithTheCurrentValuesLeavesAStartedCameraAlone
     EXPECT_EQ(devices.CallCount(DeviceCall::kStreamOn), 1);
 }
 
-TEST_F(CameraClientLinux, SetFormatOfAnyOtherValueGoesToTheCapture) {
+TEST_F(CameraClientLinux, SetFormatWithAnyOtherValueIsPassedToTheCapture) {
     client->SetFormat(640, 480, 16);
     client->SetFormat(640, 720, 16);
     client->SetFormat(1280, 720, 16);
@@ -440,7 +440,7 @@ TEST_F(CameraClientLinux, SetFormatOfAnyOtherValueGoesToTheCapture) {
                                   "[LinuxV4L2CameraCapture] setFormat, devid 0, size 640x720 fps 16",
                                   "[LinuxV4L2CameraCapture] setFormat, devid 0, size 1280x720 fps 16"}));
     EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] resetCapture").size(), 3u)
-        << "the capture's own restarts alone";
+        << "only the restarts by the capture";
 }
 
 TEST_F(CameraClientLinux, SetFormatOfAStartedCameraRestartsTwiceAndTheNextFrameGetsANewEncoder) {
@@ -452,7 +452,7 @@ TEST_F(CameraClientLinux, SetFormatOfAStartedCameraRestartsTwiceAndTheNextFrameG
     EXPECT_EQ(CaptureSteps(),
               (std::vector<std::string>{"setFormat", "resetCapture", "stopCapture", "startCapture success",
                                         "resetCapture", "stopCapture", "startCapture success"}));
-    EXPECT_EQ(codec.Record().objects, 1) << "replaced by the next frame only";
+    EXPECT_EQ(codec.Record().objects, 1) << "replaced only by the next frame";
     host.TakeLines();
     devices.PushFrame(0, {.bytes = {1}});
     ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 2; }));
@@ -464,7 +464,7 @@ TEST_F(CameraClientLinux, SetFormatOfAStartedCameraRestartsTwiceAndTheNextFrameG
     EXPECT_EQ(codec.Record().objects, 1);
 }
 
-TEST_F(CameraClientLinux, ANewSizeInOneDirectionIsANewSize) {
+TEST_F(CameraClientLinux, ANewWidthOrANewHeightCreatesANewEncoder) {
     client->SetListener(&listener);
     Frame();
     client->SetFormat(640, 720, 15);
@@ -480,7 +480,7 @@ TEST_F(CameraClientLinux, ANewSizeInOneDirectionIsANewSize) {
     EXPECT_EQ(codec.Record().objects, 1);
 }
 
-TEST_F(CameraClientLinux, ANewSizeReleasesTheEncoderAlsoAtAFrameThatIsDropped) {
+TEST_F(CameraClientLinux, ANewSizeReleasesTheEncoderEvenIfTheFrameIsDropped) {
     client->SetListener(&listener);
     Frame();
     client->SetFormat(1280, 720, 15);
@@ -489,7 +489,7 @@ TEST_F(CameraClientLinux, ANewSizeReleasesTheEncoderAlsoAtAFrameThatIsDropped) {
     EXPECT_EQ(codec.Record().objects, 0);
 }
 
-TEST_F(CameraClientLinux, ANewRateAloneKeepsTheEncoder) {
+TEST_F(CameraClientLinux, ANewRateKeepsTheEncoder) {
     client->SetListener(&listener);
     Frame();
     client->SetFormat(640, 480, 30);
@@ -501,7 +501,7 @@ TEST_F(CameraClientLinux, ANewRateAloneKeepsTheEncoder) {
 TEST_F(CameraClientLinux, OpenSetsTheDeviceThenTheFormatThenStarts) {
     client->SetCameraId(1);
     EXPECT_TRUE(client->Open());
-    // The change of device starts the capture already; the start that follows finds it running.
+    // The change of device has already started the capture; the start that follows finds it running.
     EXPECT_EQ(Lines("[LinuxV4L2CameraCapture] setDevId"),
               (std::vector<std::string>{"[LinuxV4L2CameraCapture] setDevId, from 0 to 1"}));
     EXPECT_EQ(
@@ -511,7 +511,7 @@ TEST_F(CameraClientLinux, OpenSetsTheDeviceThenTheFormatThenStarts) {
             "15 setfps 1"}));
 }
 
-TEST_F(CameraClientLinux, OpeningAnotherCameraThanTheFirstAtAnotherSizeStartsTheFirstForAMoment) {
+TEST_F(CameraClientLinux, OpeningTheSecondCameraAtAnotherSizeStartsTheFirstForAMoment) {
     ASSERT_TRUE(OpenCamera(1, 1280, 720, 30));
     std::vector<std::string> started;
     for (const std::string& line : Lines("[LinuxV4L2CameraCapture] startCapture success, devid ")) {
@@ -522,8 +522,8 @@ TEST_F(CameraClientLinux, OpeningAnotherCameraThanTheFirstAtAnotherSizeStartsThe
                            "[LinuxV4L2CameraCapture] startCapture success, devid 1, width 1280 height 720"}));
 }
 
-// A host whose log throws keeps the capture from the format that the client has stored.
-class CameraClientLinuxWithItsFormatAlone : public CameraClientLinux {
+// The host's log throws, so the client has stored a format that the capture has not.
+class CameraClientLinuxWithUnappliedFormat : public CameraClientLinux {
 protected:
     void SetUp() override {
         host.hook_text = "[LinuxV4L2CameraCapture] setFormat, devid 0";
@@ -533,13 +533,13 @@ protected:
     }
 };
 
-TEST_F(CameraClientLinuxWithItsFormatAlone, OpenSetsTheFormatBeforeItStarts) {
+TEST_F(CameraClientLinuxWithUnappliedFormat, OpenSetsTheFormatBeforeItStarts) {
     EXPECT_TRUE(client->Open());
     EXPECT_EQ(CaptureSteps(),
               (std::vector<std::string>{"setFormat", "resetCapture", "stopCapture", "startCapture success"}));
 }
 
-TEST_F(CameraClientLinuxWithItsFormatAlone, OpenSetsTheDeviceBeforeTheFormat) {
+TEST_F(CameraClientLinuxWithUnappliedFormat, OpenSetsTheDeviceBeforeTheFormat) {
     client->SetCameraId(1);
     bool opened = false;
     std::thread([&] { opened = client->Open(); }).join();  // the lock is free
@@ -563,14 +563,14 @@ TEST_F(CameraClientLinux, OpenTwiceStartsOnce) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kStreamOn), 1);
 }
 
-TEST_F(CameraClientLinux, AnOpenThatFailsIsTriedAgainByTheNext) {
+TEST_F(CameraClientLinux, AFailedOpenMayBeRepeated) {
     devices.Fail(DeviceCall::kStreamOn, EBUSY);
     EXPECT_FALSE(OpenCamera(0));
     EXPECT_EQ(client->Close(nullptr), 0);
     EXPECT_TRUE(client->Open());
 }
 
-TEST_F(CameraClientLinux, AnIdThatNoCameraHasFailsToOpen) {
+TEST_F(CameraClientLinux, OpenFailsForAnUnknownId) {
     EXPECT_FALSE(OpenCamera(2));
     EXPECT_FALSE(OpenCamera(0xFFFFFFFF));
 }
@@ -584,7 +584,7 @@ TEST_F(CameraClientLinux, OpenAfterCloseReturnsTrueWithoutStarting) {
     EXPECT_EQ(devices.OpenDescriptors(), 0);
 }
 
-TEST_F(CameraClientLinux, CloseKeepsTheEncoderAndTheEndReleasesIt) {
+TEST_F(CameraClientLinux, CloseKeepsTheEncoderAndTheDestructorReleasesIt) {
     client->SetListener(&listener);
     Frame();
     client->Close(nullptr);
@@ -598,7 +598,7 @@ TEST_F(CameraClientLinux, SetPropertyDoesNothing) {
     EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
 }
 
-TEST_F(CameraClientLinux, ItsEndStopsARunningCamera) {
+TEST_F(CameraClientLinux, TheDestructorStopsARunningCamera) {
     ASSERT_TRUE(OpenCamera(0));
     devices.SetFramePeriod(0, std::chrono::milliseconds(1));
     EXPECT_TRUE(WaitUntil([&] { return listener.Packets().size() > 3; }));
@@ -607,7 +607,7 @@ TEST_F(CameraClientLinux, ItsEndStopsARunningCamera) {
     EXPECT_EQ(codec.Record().objects, 0);
 }
 
-TEST_F(CameraClientLinux, UntilItsThreadHasEndedTheEndStillHandsFramesOn) {
+TEST_F(CameraClientLinux, TheDestructorStillDeliversFramesUntilTheThreadHasEnded) {
     ASSERT_TRUE(OpenCamera(0));
     devices.PushFrame(0, {.bytes = {1}});
     ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
@@ -620,7 +620,7 @@ TEST_F(CameraClientLinux, UntilItsThreadHasEndedTheEndStillHandsFramesOn) {
     EXPECT_EQ(host.hook, nullptr);
 }
 
-TEST_F(CameraClientLinux, ItsEndKeepsAnExceptionOfTheLogToItself) {
+TEST_F(CameraClientLinux, TheDestructorSwallowsAnExceptionOfTheLog) {
     ASSERT_TRUE(OpenCamera(0));
     devices.PushFrame(0, {.bytes = {1}});
     ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
@@ -632,7 +632,7 @@ TEST_F(CameraClientLinux, ItsEndKeepsAnExceptionOfTheLogToItself) {
     EXPECT_EQ(codec.Record().objects, 0);
 }
 
-// ---- The client's lock.
+// ---- The client's lock
 
 struct Operation {
     const char* name;
@@ -641,8 +641,8 @@ struct Operation {
 
 class CameraClientLinuxLock : public CameraClientLinux {
 protected:
-    // Holds a frame in the listener while the operation is called on another thread: until that one waits, or
-    // has returned.
+    // Blocks a frame in the listener, calls the operation on another thread, and expects it to wait for the
+    // frame.
     void ExpectToWaitForAFrame(std::function<void()>& hook, const Operation& operation) {
         std::atomic<bool> in_frame{false};
         std::atomic<bool> may_leave{false};
@@ -658,7 +658,7 @@ protected:
 
         client->SetProperty(1, 2, 3);
         client->GetCameraFlag();
-        EXPECT_FALSE(left) << "these two wait for nothing";
+        EXPECT_FALSE(left) << "these two do not wait";
 
         std::atomic<pid_t> caller{0};
         std::atomic<bool> returned{false};
@@ -689,20 +689,20 @@ protected:
     };
 };
 
-TEST_F(CameraClientLinuxLock, EveryOperationButTwoWaitsForTheFrameInProgress) {
+TEST_F(CameraClientLinuxLock, AllOperationsExceptTwoWaitForTheFrameInProgress) {
     for (const Operation& operation : operations) {
         ExpectToWaitForAFrame(listener.during, operation);
     }
 }
 
-TEST_F(CameraClientLinuxLock, AFrameIsInProgressUntilItsPacketIsHandedOver) {
+TEST_F(CameraClientLinuxLock, AFrameIsInProgressUntilItsPacketIsDelivered) {
     ExpectToWaitForAFrame(listener.during_packet, operations[1]);
 }
 
-TEST_F(CameraClientLinuxLock, EveryEndOfAFrameGivesTheLockBack) {
+TEST_F(CameraClientLinuxLock, EveryPathOfAFrameReleasesTheLock) {
     const auto expect_free_after_a_frame = [&](const char* fourcc) {
         std::thread([&] { Frame(640, 480, fourcc); }).join();
-        client->SetCameraFlag(1);  // would wait for ever
+        client->SetCameraFlag(1);  // would block if the lock were still held
     };
     expect_free_after_a_frame("NV12");  // without a listener
     client->SetListener(&listener);
@@ -717,8 +717,8 @@ TEST_F(CameraClientLinuxLock, EveryEndOfAFrameGivesTheLockBack) {
     EXPECT_EQ(client->GetCameraFlag(), 1);
 }
 
-// ---- Whoever stops a camera holds the client's lock and waits for the work thread, which may want that
-// lock.
+// ---- The lock order: a thread that stops the camera holds the client's lock and joins the work thread,
+// which may be waiting for that lock.
 
 class CameraClientLinuxLockOrder : public CameraClientLinux {
 protected:
@@ -731,16 +731,16 @@ protected:
         ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() > 3; }));
     }
 
-    // Runs `stop`, which logs "stopCapture" with the client's lock held and the stop not yet requested, and
-    // keeps it there until the work thread sleeps over a frame it has dequeued: past its stop check, in front
-    // of the lock.
+    // Calls `stop`, which logs "stopCapture" while it holds the client's lock and has not yet requested the
+    // stop. Blocks it in that line until the work thread has dequeued a frame, passed its stop check and
+    // sleeps waiting for the lock.
     void StopWithAFrameInFlight(const std::function<void()>& stop) {
-        bool parked = false;
+        bool waiting = false;
         int asked_before = -1;
         host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid";
         host.hook = [&] {
             int asleep = 0;
-            parked = WaitUntil([&] {
+            waiting = WaitUntil([&] {
                 asleep = holds_a_frame && IsAsleep(listener.work_thread) ? asleep + 1 : 0;
                 return asleep == 20;
             });
@@ -748,8 +748,8 @@ protected:
             asked_before = listener.asked;
         };
         stop();
-        EXPECT_TRUE(parked);
-        EXPECT_EQ(listener.asked, asked_before) << "that frame is dropped";
+        EXPECT_TRUE(waiting);
+        EXPECT_EQ(listener.asked, asked_before) << "the frame in flight must be dropped";
     }
 
     std::atomic<bool> holds_a_frame{false};
@@ -765,8 +765,7 @@ TEST_F(CameraClientLinuxLockOrder, SetFormatFinishesWithAFrameInFlight) {
     EXPECT_EQ(devices.OpenDescriptors(), 1);
 }
 
-// A frame that is being encoded is waited for.
-TEST_F(CameraClientLinux, TheEndWaitsForTheFrameThatIsBeingEncoded) {
+TEST_F(CameraClientLinux, TheDestructorWaitsForTheFrameThatIsBeingEncoded) {
     std::atomic<bool> stopping{false};
     listener.during = [&] { EXPECT_TRUE(WaitUntil([&] { return stopping.load(); })); };
     ASSERT_TRUE(OpenCamera(0));
@@ -778,7 +777,7 @@ TEST_F(CameraClientLinux, TheEndWaitsForTheFrameThatIsBeingEncoded) {
     EXPECT_EQ(listener.Packets().size(), 1u);
 }
 
-// Opens and closes as fast as a peer could ask for it, with a thousand frames a second under way.
+// Opens, changes and closes in a loop while the camera delivers a thousand frames per second.
 TEST_F(CameraClientLinux, NeitherOpenAndCloseNorSetFormatEverHangs) {
 #if defined(__SANITIZE_THREAD__)
     constexpr int kCycles = 1000;

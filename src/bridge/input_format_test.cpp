@@ -51,7 +51,7 @@ TEST(InputFormat, TheStrideIsTheRowRoundedUpToAMultipleOfFour) {
     EXPECT_EQ(RowStride(641, 32), 2564);
     EXPECT_EQ(RowStride(0, 8), 0);
     EXPECT_EQ(RowStride(1, 1), 4);
-    // Division truncates toward zero, the rounding goes down: (-8 + 7) / 8 is 0, (-80 + 7) / 8 is -9.
+    // The division truncates toward zero, the mask rounds down: (-8 + 7) / 8 is 0, (-80 + 7) / 8 is -9.
     EXPECT_EQ(RowStride(-1, 8), 0);
     EXPECT_EQ(RowStride(-10, 8), -8);
 }

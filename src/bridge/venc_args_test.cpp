@@ -19,15 +19,15 @@ namespace {
 
 using testing::CallSlot;
 
-// One count, which only the faces reach.
+// One reference count, which is reached only through the interfaces.
 static_assert(std::is_convertible_v<CVEncArgs*, IVEncArgs*>);
 static_assert(std::is_base_of_v<CReference, CVEncArgs> && !std::is_convertible_v<CVEncArgs*, CReference*>);
 using Events = std::vector<std::string>;
 
-// Tells what becomes of its buffers and of itself.
-class TellingAlloctor final : public IMemAlloctor {
+// Records what happens to its buffers and to itself.
+class RecordingAlloctor final : public IMemAlloctor {
 public:
-    explicit TellingAlloctor(Events& events) : m_events(events) {}
+    explicit RecordingAlloctor(Events& events) : m_events(events) {}
 
     uint64_t AddRef() override { return static_cast<uint64_t>(++references); }
     int64_t Release() override {
@@ -41,8 +41,8 @@ public:
         if (throws) {
             throw std::bad_alloc();
         }
-        const uint64_t room = size + spare;
-        return empty ? nullptr : CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(room), room));
+        const uint64_t capacity = size + spare;
+        return empty ? nullptr : CRefPtr_T<IBuffer>(new CMemBuffer(this, std::malloc(capacity), capacity));
     }
     bool Free(IBuffer* buffer) override {
         m_events.emplace_back("free");
@@ -66,7 +66,7 @@ public:
     int64_t references_at_free = 0;
     bool empty = false;
     bool throws = false;
-    // What a buffer has room for beyond the size that was asked for.
+    // Extra capacity of a buffer beyond the requested size.
     uint64_t spare = 0;
 
 private:
@@ -77,7 +77,7 @@ class VEncArgsTest : public ::testing::Test {
 protected:
     const std::string picture = "picture";
     Events events;
-    TellingAlloctor alloctor{events};
+    RecordingAlloctor alloctor{events};
     CRefPtr_T<CVEncArgs> args{new CVEncArgs(picture.data(), picture.size())};
 };
 
@@ -87,7 +87,7 @@ TEST_F(VEncArgsTest, NewArgumentsHaveACountOfZero) {
     EXPECT_EQ(fresh->Release(), 0);
 }
 
-TEST_F(VEncArgsTest, ThePictureIsLentAsItIs) {
+TEST_F(VEncArgsTest, ThePictureIsNotCopied) {
     EXPECT_EQ(args->GetInputData(), picture.data());
     EXPECT_EQ(args->GetInputSize(), 7U);
 }
@@ -120,7 +120,7 @@ TEST_F(VEncArgsTest, PreparingTwiceResizesTheOneOutput) {
     EXPECT_EQ(events, (Events{"alloc 100", "realloc 50", "realloc 200"}));
 }
 
-TEST_F(VEncArgsTest, TheOutputsSizeIsWhatWasPreparedAndNotItsRoom) {
+TEST_F(VEncArgsTest, TheOutputsSizeIsThePreparedSizeAndNotTheCapacity) {
     const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
     alloctor.spare = 28;
     EXPECT_EQ(own->PrepareOutput(100), 100U);
@@ -136,7 +136,7 @@ TEST_F(VEncArgsTest, AnOutputOfNoBytesCanBePrepared) {
     EXPECT_EQ(args->GetOutputSize(), 0U);
 }
 
-TEST_F(VEncArgsTest, AnOutputThatDoesNotGrowReportsWhatItHas) {
+TEST_F(VEncArgsTest, AnOutputThatCannotGrowKeepsItsSize) {
     const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
     own->PrepareOutput(100);
     alloctor.empty = true;
@@ -144,7 +144,7 @@ TEST_F(VEncArgsTest, AnOutputThatDoesNotGrowReportsWhatItHas) {
     EXPECT_EQ(own->GetOutputSize(), 100U);
 }
 
-TEST_F(VEncArgsTest, AnAllocatorWithoutMemoryGivesNoOutput) {
+TEST_F(VEncArgsTest, AnAllocatorThatReturnsNullLeavesNoOutput) {
     const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
     alloctor.empty = true;
     EXPECT_EQ(own->PrepareOutput(100), 0U);
@@ -152,7 +152,7 @@ TEST_F(VEncArgsTest, AnAllocatorWithoutMemoryGivesNoOutput) {
     EXPECT_EQ(own->GetOutputSize(), 0U);
 }
 
-TEST_F(VEncArgsTest, AnAllocatorThatThrowsForWantOfMemoryGivesNoOutput) {
+TEST_F(VEncArgsTest, AnAllocatorThatThrowsBadAllocLeavesNoOutput) {
     const CRefPtr_T<CVEncArgs> own(new CVEncArgs(nullptr, 0, &alloctor));
     alloctor.throws = true;
     EXPECT_EQ(own->PrepareOutput(100), 0U);
@@ -171,7 +171,7 @@ TEST_F(VEncArgsTest, WithoutAnyAllocatorThereIsNoOutput) {
 TEST_F(VEncArgsTest, WithoutAnAllocatorTheDefaultOneIsUsed) {
     const uint64_t before = g_pDefaultAlloctor->AddRef();
     args->PrepareOutput(100);
-    // One reference is the output's.
+    // One more reference: the output's.
     EXPECT_EQ(g_pDefaultAlloctor->AddRef(), before + 2);
     args = nullptr;
     g_pDefaultAlloctor->Release();
@@ -186,7 +186,7 @@ TEST_F(VEncArgsTest, TheLastReleaseFreesTheOutputOnceAndThenTheAllocator) {
     events.clear();
     own = nullptr;
     EXPECT_EQ(events, (Events{"free", "allocator released"}));
-    // The buffer's and the arguments' own.
+    // The references of the buffer and of the arguments.
     EXPECT_EQ(alloctor.references_at_free, 2);
     EXPECT_EQ(alloctor.references, 0);
 }
@@ -201,7 +201,7 @@ TEST_F(VEncArgsTest, ResettingChangesNothing) {
     EXPECT_EQ(args->GetOutputSize(), 100U);
 }
 
-TEST_F(VEncArgsTest, ItsFaceIsFoundByNameInAnyLetterCase) {
+TEST_F(VEncArgsTest, QueryInterfaceAcceptsTheNameInAnyLetterCase) {
     for (const char* name : {"IVEncArgs", "ivencargs", "IVENCARGS"}) {
         void* out = nullptr;
         EXPECT_TRUE(args->QueryInterface(name, &out));
@@ -210,7 +210,7 @@ TEST_F(VEncArgsTest, ItsFaceIsFoundByNameInAnyLetterCase) {
     }
 }
 
-TEST_F(VEncArgsTest, AnotherNameFindsNothingAndLeavesTheSlotAlone) {
+TEST_F(VEncArgsTest, AnotherNameIsRefusedAndTheOutPointerUnchanged) {
     for (const char* name : {"IVEncoder", "", "IVEncArg", "IVEncArgs2", "IReference"}) {
         void* out = &events;
         EXPECT_FALSE(args->QueryInterface(name, &out)) << name;
@@ -220,7 +220,7 @@ TEST_F(VEncArgsTest, AnotherNameFindsNothingAndLeavesTheSlotAlone) {
     args->Release();
 }
 
-TEST_F(VEncArgsTest, ANullNameOrSlotFindsNothing) {
+TEST_F(VEncArgsTest, ANullNameOrOutPointerIsRefused) {
     void* out = &events;
     EXPECT_FALSE(args->QueryInterface(nullptr, &out));
     EXPECT_EQ(out, &events);
@@ -229,7 +229,7 @@ TEST_F(VEncArgsTest, ANullNameOrSlotFindsNothing) {
     args->Release();
 }
 
-// Slots 2 to 11 are the same on the encoder's face and in the class's own table.
+// Slots 2 to 11 are the same in the vtable of IVEncArgs and in that of the class.
 void ExpectSlotsOfEncArgs(const void* raw, const std::string& picture) {
     EXPECT_EQ((CallSlot<uint64_t>(raw, 2)), 2U);
     EXPECT_EQ((CallSlot<int64_t>(raw, 3)), 1);
@@ -245,11 +245,11 @@ void ExpectSlotsOfEncArgs(const void* raw, const std::string& picture) {
     EXPECT_EQ((CallSlot<uint64_t>(raw, 11)), 20U);
 }
 
-TEST_F(VEncArgsTest, TheEncodersFaceHasItsOperationsInTheBindingOrder) {
+TEST_F(VEncArgsTest, TheSlotsOfIVEncArgs) {
     ExpectSlotsOfEncArgs(static_cast<IVEncArgs*>(args.Get()), picture);
 }
 
-TEST_F(VEncArgsTest, ItsOwnTableHasTheSameOrderAndItsOwnOperationsAfter) {
+TEST_F(VEncArgsTest, TheSlotsOfTheClass) {
     const void* raw = args.Get();
     ExpectSlotsOfEncArgs(raw, picture);
     void* out = nullptr;
@@ -260,7 +260,7 @@ TEST_F(VEncArgsTest, ItsOwnTableHasTheSameOrderAndItsOwnOperationsAfter) {
     EXPECT_EQ((CallSlot<uint64_t>(raw, 14)), 0U);
 }
 
-TEST_F(VEncArgsTest, TheLastReleaseThroughTheEncodersFaceDestroysTheWhole) {
+TEST_F(VEncArgsTest, TheLastReleaseThroughIVEncArgsDestroysTheObject) {
     auto* own = CRefPtr_T<CVEncArgs>(new CVEncArgs(nullptr, 0, &alloctor)).Detach();
     own->PrepareOutput(100);
     EXPECT_EQ((CallSlot<int64_t>(static_cast<IVEncArgs*>(own), 3)), 0);

@@ -1,7 +1,7 @@
-// Any bytes from the peer and any failure of the stream: nothing is left behind and the plugin serves on.
+// Malformed input, stream failures and lack of memory: nothing leaks and the plugin can serve another stream.
 #include <gtest/gtest.h>
-#include <cstdlib>
 
+#include <cstdlib>
 #include <random>
 
 #include "src/base/mem_buffer.h"
@@ -37,7 +37,7 @@ using testing::operator+;
 
 const Bytes kUnknown = {2, 0, 0, 0, 6, 0, 0, 0, 1, 2};
 
-// Every message that a peer may send.
+// One of each message that a peer may send, and one of an unknown type.
 Bytes WholeSession() {
     return kVersionRequestBytes + kGetListBytes + OpenBytes(7) + SetPropertyBytes(7) + SetFormatBytes(7) +
            kUnknown + CloseBytes(7);
@@ -54,8 +54,8 @@ protected:
         return stream;
     }
 
-    // Everything the plugin took is given back, and it serves another stream.
-    void ExpectServesOn() {
+    // The plugin serves another stream and has released all streams.
+    void ExpectServesAgain() {
         EXPECT_EQ(Serve(kVersionRequestBytes)->Written(), kVersionReplyBytes);
         plugin->SetChannelStream(nullptr);
         EXPECT_EQ(ScriptedStream::Alive(), 0);
@@ -64,7 +64,7 @@ protected:
     CRefPtr_T<ClientCamera> plugin{new ClientCamera};
 };
 
-TEST_F(BadInput, AStreamThatEndsAtAnyByteOfASession) {
+TEST_F(BadInput, AStreamMayEndAtAnyByteOfASession) {
     const Bytes session = WholeSession();
     Serve({});
     const auto threads = CountThreads();
@@ -76,13 +76,13 @@ TEST_F(BadInput, AStreamThatEndsAtAnyByteOfASession) {
         EXPECT_EQ(CountDescriptors(), descriptors) << length;
         EXPECT_LE(CameraScript().alive, 1) << length;
     }
-    ExpectServesOn();
+    ExpectServesAgain();
     plugin = nullptr;
     EXPECT_EQ(CameraScript().alive, 0);
     EXPECT_TRUE(ThreadsComeTo(threads - 1));
 }
 
-TEST_F(BadInput, AStreamThatFailsOnWriteAtAnyByteOfTheAnswersAloneIsServedToItsEnd) {
+TEST_F(BadInput, AStreamWhoseWritesFailFromAnyByteOnIsReadToItsEnd) {
     const Bytes session = WholeSession();
     const Bytes answers = Serve(session)->Written();
     ASSERT_EQ(answers.size(), 12u + 12 + 16 + 16);
@@ -97,10 +97,10 @@ TEST_F(BadInput, AStreamThatFailsOnWriteAtAnyByteOfTheAnswersAloneIsServedToItsE
         EXPECT_EQ(host.Lines().back(), (LogLine{1, "[cameraclient] Run return"}));
         EXPECT_TRUE(host.Has({1, "[cameraclient] OnProtoCloseCamera id 7"})) << length;
     }
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
-TEST_F(BadInput, AFrameWhoseWriteFailsAtAnyByteIsDroppedAndTheNextOneTried) {
+TEST_F(BadInput, AFrameWhoseWriteFailsAtAnyByteIsDroppedAndTheNextOneIsTried) {
     for (uint64_t length = 0; length < 20; ++length) {
         CRefPtr_T<ScriptedStream> stream(new ScriptedStream);
         stream->fail_write_after = length;
@@ -115,10 +115,10 @@ TEST_F(BadInput, AFrameWhoseWriteFailsAtAnyByteIsDroppedAndTheNextOneTried) {
                                         {4, "[cameraclient] Send2StreamRaw fail, type: 7/5 ."}}));
         EXPECT_EQ(stream->Written().size(), length);
     }
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
-TEST_F(BadInput, AStreamThatReadsAndWritesOneByteACall) {
+TEST_F(BadInput, AStreamMayReadAndWriteOneBytePerCall) {
     CRefPtr_T<ScriptedStream> stream(new ScriptedStream(WholeSession()));
     stream->read_chunk = 1;
     stream->write_chunk = 1;
@@ -127,7 +127,7 @@ TEST_F(BadInput, AStreamThatReadsAndWritesOneByteACall) {
     EXPECT_EQ(stream->Written(), Serve(WholeSession())->Written());
 }
 
-TEST_F(BadInput, TheGreatestLengthThatGetsNoMemoryEndsTheRunAsAFailedReadWould) {
+TEST_F(BadInput, TheLargestLengthWithoutMemoryForItEndsTheRunLikeAFailedRead) {
     CallWatch heap;
     constexpr size_t kMessageSize = 0xFFFFFFFFull + 8;
     heap.Fail(CallWatch::realloc, kMessageSize, 1);
@@ -136,19 +136,19 @@ TEST_F(BadInput, TheGreatestLengthThatGetsNoMemoryEndsTheRunAsAFailedReadWould) 
         Serve(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0x0A, 0, 0, 0} + kVersionRequestBytes)->Written().empty());
     EXPECT_EQ(host.Lines(),
               (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
-TEST_F(BadInput, ALongMessageOfWhichLittleComes) {
+TEST_F(BadInput, ALongMessageMayEndEarly) {
     Serve(Bytes{0, 0, 0, 0x10, 0x0A, 0, 0, 0} + Bytes(1000, 0x55));
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
 TEST_F(BadInput, NoMemoryForAHeaderEndsTheRun) {
     CallWatch heap;
-    heap.Fail(CallWatch::malloc, 8, 2);  // the allocator tries once more
+    heap.Fail(CallWatch::malloc, 8, 2);  // the allocator tries twice
     EXPECT_TRUE(Serve(kVersionRequestBytes)->Written().empty());
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
 TEST_F(BadInput, NoMemoryForAReplyLeavesItUnsent) {
@@ -160,7 +160,7 @@ TEST_F(BadInput, NoMemoryForAReplyLeavesItUnsent) {
     EXPECT_EQ(Serve(kGetListBytes + kVersionRequestBytes)->Written(), kVersionReplyBytes);
     heap.Fail(CallWatch::malloc, 16, 2);
     EXPECT_EQ(Serve(CloseBytes(7) + kVersionRequestBytes)->Written(), kVersionReplyBytes);
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
 TEST_F(BadInput, NoMemoryForAFrameDropsIt) {
@@ -173,8 +173,8 @@ TEST_F(BadInput, NoMemoryForAFrameDropsIt) {
     EXPECT_EQ(stream->Written()[12], 4);
 }
 
-// A buffer is an object and its block; when there is no memory for the object, the allocation throws, and its
-// block is deliberately left.
+// A buffer is an object and a memory block. If there is no memory for the object, the allocation throws and
+// leaks the block: required by the contract, so the tests free it.
 TEST_F(BadInput, NoMemoryForAMessagesObjectEndsTheRunLikeAFailedRead) {
     CallWatch heap;
     heap.Fail(CallWatch::malloc, sizeof(CMemBuffer), 1);
@@ -183,7 +183,7 @@ TEST_F(BadInput, NoMemoryForAMessagesObjectEndsTheRunLikeAFailedRead) {
     std::free(heap.FirstMalloc());
     EXPECT_EQ(host.Lines(),
               (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
 TEST_F(BadInput, NoMemoryForAFramesObjectDropsIt) {
@@ -201,7 +201,7 @@ TEST_F(BadInput, NoMemoryForAFramesObjectDropsIt) {
     EXPECT_TRUE(plugin->IsBusy(7));
 }
 
-TEST_F(BadInput, RandomBytesInRandomPieces) {
+TEST_F(BadInput, RandomMessagesInReadsOfRandomSize) {
     std::mt19937 random(20);  // fixed: the same bytes in every run
     for (int round = 0; round < 20; ++round) {
         Bytes input;
@@ -217,10 +217,10 @@ TEST_F(BadInput, RandomBytesInRandomPieces) {
         plugin->SetChannelStream(stream.Get());
         plugin->Run();
     }
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
-// A stream that throws in the middle of a read: the exception is the host's own and reaches it.
+// Throws in the second read. The exception propagates to the host.
 class ThrowingStream final : public CCounted_T<IChannelStream> {
 public:
     int Read(void*, unsigned long, unsigned long* done) override {
@@ -239,10 +239,10 @@ private:
 TEST_F(BadInput, AStreamThatThrowsEndsTheRunWithItsException) {
     plugin->SetChannelStream(new ThrowingStream);
     EXPECT_THROW(plugin->Run(), std::runtime_error);
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
-// A sink that throws while a request is handled: the lock of the runtime is free again afterwards.
+// A log sink that throws while a request is handled. The runtime's lock must be free again afterwards.
 class ThrowingHost final : public testing::RecordingHost {
 public:
     int WriteLog(uint32_t level, const char* text) override {
@@ -258,7 +258,7 @@ TEST_F(BadInput, ASinkThatThrowsEndsTheRunWithItsException) {
     AttachRuntime(&thrower);
     EXPECT_THROW(Serve(kVersionRequestBytes), std::runtime_error);
     AttachRuntime(&host);
-    ExpectServesOn();
+    ExpectServesAgain();
 }
 
 }  // namespace

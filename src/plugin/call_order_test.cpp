@@ -1,4 +1,4 @@
-// One trace of everything the plugin does that others see: log lines, calls on camera clients, answers.
+// The order of everything the plugin does that is visible outside: log lines, calls on cameras, answers.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -26,7 +26,7 @@ using testing::SetPropertyBytes;
 using testing::operator+;
 using Trace = std::vector<std::string>;
 
-// Logs into the same sequence as the camera clients' calls.
+// Records log lines in the same list as the calls on cameras.
 class TracingHost final : public testing::RecordingHost {
 public:
     int WriteLog(uint32_t, const char* text) override {
@@ -36,7 +36,7 @@ public:
     }
 
     CallWatch watch;
-    // How many threads ran at the last line of this text.
+    // The number of running threads at the last line with this text.
     std::map<std::string, int> threads;
 };
 
@@ -52,7 +52,7 @@ protected:
         DetachRuntime();
     }
 
-    // Everything that is done for these requests between Run's own two lines.
+    // The trace of these requests, without the first and the last line of Run.
     Trace Serve(const Bytes& requests) {
         const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(requests));
         stream->on_write = [] { CameraScript().calls.emplace_back("answer"); };
@@ -80,7 +80,7 @@ TEST_F(CallOrder, TheCamerasAreListedThenLoggedThenAnswered) {
               (Trace{"ListCameras()", "[cameraclient] OnProtoGetCameraList, count 0", "answer"}));
 }
 
-TEST_F(CallOrder, OpenIsLoggedThenDoneThenAnswered) {
+TEST_F(CallOrder, OpenIsLoggedThenPerformedThenAnswered) {
     EXPECT_EQ(Serve(OpenBytes(7)), (Trace{"[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30",
                                           "0 created", "0 SetListener()", "0 SetCameraId(7)",
                                           "0 SetFormat(640, 480, 30)", "0 Open()", "answer"}));
@@ -88,7 +88,7 @@ TEST_F(CallOrder, OpenIsLoggedThenDoneThenAnswered) {
               (Trace{"[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30 camera not found", "answer"}));
 }
 
-TEST_F(CallOrder, ACameraThatFailsToOpenIsGoneBeforeItsAnswer) {
+TEST_F(CallOrder, ACameraThatFailsToOpenIsDestroyedBeforeTheAnswer) {
     CameraScript().open_result = false;
     EXPECT_EQ(Serve(OpenBytes(7)),
               (Trace{"[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30", "0 created",
@@ -111,13 +111,13 @@ TEST_F(CallOrder, PropertyAndFormatAreLoggedThenPassedOn) {
                "[cameraclient] OnProtoSetFormat id 7 w 1280 h 720 fps 25", "0 SetFormat(1280, 720, 25)"}));
 }
 
-TEST_F(CallOrder, CloseIsLoggedThenDoneThenAnswered) {
+TEST_F(CallOrder, CloseIsLoggedThenPerformedThenAnswered) {
     Serve(OpenBytes(7));
     EXPECT_EQ(Serve(CloseBytes(7)),
               (Trace{"[cameraclient] OnProtoCloseCamera id 7", "0 Close(7)", "0 destroyed", "answer"}));
 }
 
-TEST_F(CallOrder, ExitInstanceClosesBetweenItsLines) {
+TEST_F(CallOrder, TheOrderOfExitInstance) {
     Serve(OpenBytes(7));
     plugin->ExitInstance();
     EXPECT_EQ(TakeTrace(),
@@ -126,7 +126,7 @@ TEST_F(CallOrder, ExitInstanceClosesBetweenItsLines) {
                      "[cameraclient] start to stop send thread", "[cameraclient] ExitInstance finish"}));
 }
 
-TEST_F(CallOrder, DestructionClosesBetweenItsLines) {
+TEST_F(CallOrder, TheOrderOfTheDestructor) {
     Serve(OpenBytes(7));
     plugin = nullptr;
     EXPECT_EQ(TakeTrace(), (Trace{"[cameraclient] destroy", "0 Close()", "0 destroyed",

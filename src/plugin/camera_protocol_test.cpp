@@ -12,7 +12,7 @@ namespace {
 using testing::Bytes;
 using testing::operator+;
 
-// Every writer must overwrite the whole message: the buffers of the tests are dirty.
+// The buffers are filled with this first, since every writer must overwrite the whole message.
 constexpr uint8_t kDirt = 0xA5;
 
 Bytes Zeros(size_t count) {
@@ -54,13 +54,13 @@ TEST(CameraProtocol, AVersionReplyHasTwelveBytesAndSaysFive) {
     EXPECT_EQ(message, (Bytes{4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0}));
 }
 
-TEST(CameraProtocol, AFrameHasItsIdAndTheNumberOfItsEncodedBytesInFront) {
+TEST(CameraProtocol, AFrameBeginsWithItsIdAndTheNumberOfEncodedBytes) {
     Bytes message(kVideoFrameHeaderSize, kDirt);
     WriteVideoFrameHeader(message.data(), 0x0A0B0C0D, 0x00010203);
     EXPECT_EQ(message, (Bytes{0x0B, 2, 1, 0, 7, 0, 0, 0, 0x0D, 0x0C, 0x0B, 0x0A, 3, 2, 1, 0}));
 }
 
-TEST(CameraProtocol, AFrameOfNoBytesIsItsHeadAlone) {
+TEST(CameraProtocol, AFrameWithoutBytesIsOnlyItsHeader) {
     Bytes message(kVideoFrameHeaderSize, kDirt);
     WriteVideoFrameHeader(message.data(), 1, 0);
     EXPECT_EQ(message, (Bytes{8, 0, 0, 0, 7, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
@@ -94,7 +94,7 @@ TEST(CameraProtocol, AFormatOrPropertyRequestHasExactlySixteenBytes) {
     }
 }
 
-TEST(CameraProtocol, ACloseRequestShorterThanItsIdIsFilledUpWithZeros) {
+TEST(CameraProtocol, TheMissingBytesOfAShortCloseRequestAreZero) {
     const Bytes body = {0x11, 0x22, 0x33, 0x44, 0x55};
     EXPECT_EQ(ReadCloseRequest(nullptr, 0), 0u);
     EXPECT_EQ(ReadCloseRequest(body.data(), 1), 0x00000011u);
@@ -116,7 +116,7 @@ TEST(CameraProtocol, OneCameraWithTwoSizes) {
                            Zeros(4) + Zeros(2) +                           // id, in use
                            Text("Cam") + Zeros(513) + Zeros(4) +           // name
                            Text("Cam") + Zeros(513) + Zeros(258) +         // display name
-                           Bytes{2, 0, 0, 0} +                             // how many sizes
+                           Bytes{2, 0, 0, 0} +                             // number of sizes
                            Bytes{0x80, 2, 0, 0, 0xE0, 1, 0, 0} +           // 640x480
                            Bytes{0, 5, 0, 0, 0xD0, 2, 0, 0};               // 1280x720
     const Bytes message = ListMessage({camera});
@@ -127,7 +127,7 @@ TEST(CameraProtocol, OneCameraWithTwoSizes) {
     EXPECT_EQ(message[1312], 2);
 }
 
-TEST(CameraProtocol, NameAndDisplayNameAreFieldsOfTheirOwn) {
+TEST(CameraProtocol, NameAndDisplayNameAreSeparateFields) {
     CameraDeviceInfo camera = Camera(0x04030201, "One");
     camera.displayName = "Two";
     camera.inUse = true;
@@ -137,16 +137,16 @@ TEST(CameraProtocol, NameAndDisplayNameAreFieldsOfTheirOwn) {
     EXPECT_EQ(message, expected);
 }
 
-TEST(CameraProtocol, ThreeCamerasStandBackToBack) {
+TEST(CameraProtocol, ThreeCamerasFollowOneAnother) {
     CameraDeviceInfo second = Camera(1, "B");
     second.resolutions.push_back({2, 1});
     const Bytes message = ListMessage({Camera(0, "A"), second, Camera(2, "C")});
-    const Bytes head = {0x54, 0x0F, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0};  // 3924 bytes follow the header
+    const Bytes header = {0x54, 0x0F, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0};  // 3924 bytes follow the header
     const Bytes first = Zeros(6) + Text("A") + Zeros(519) + Text("A") + Zeros(777);
     const Bytes second_record = Bytes{1, 0, 0, 0, 0, 0} + Text("B") + Zeros(519) + Text("B") + Zeros(773) +
                                 Bytes{1, 0, 0, 0} + Bytes{2, 0, 0, 0, 1, 0, 0, 0};
     const Bytes third = Bytes{2, 0, 0, 0, 0, 0} + Text("C") + Zeros(519) + Text("C") + Zeros(777);
-    EXPECT_EQ(message, head + first + second_record + third);
+    EXPECT_EQ(message, header + first + second_record + third);
 }
 
 TEST(CameraProtocol, SixtyFourCamerasKeepTheirOrder) {

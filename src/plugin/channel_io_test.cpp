@@ -1,4 +1,4 @@
-// How the plugin cuts its stream into messages, seen through what it logs and answers.
+// Reading messages from a stream, seen through the plugin's answers, and writing bytes to one.
 #include <gtest/gtest.h>
 
 #include <initializer_list>
@@ -36,7 +36,7 @@ protected:
     CRefPtr_T<ClientCamera> plugin{new ClientCamera};
 };
 
-// Looks at what the loop hands over.
+// Records the messages it is called with.
 class HandlersDouble final : public CameraMessageSeparation {
 public:
     bool OnMessage(const uint8_t* data, unsigned long size, IBuffer* context) override {
@@ -49,7 +49,7 @@ public:
     std::vector<Bytes> messages;
 };
 
-TEST(ReceiveLoopAlone, TheMatcherGetsTheBufferWithTheWholeMessageAndItsResultIsIgnored) {
+TEST(ServePeerTest, TheHandlersGetTheBufferWithTheWholeMessageAndTheirResultIsIgnored) {
     const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(CloseBytes(9) + kVersionRequestBytes));
     HandlersDouble handlers;
     ServePeer(*stream, *g_pDefaultAlloctor, handlers);
@@ -65,7 +65,7 @@ TEST_F(ReceiveLoop, MessagesFollowOneAnother) {
               kVersionReplyBytes + StateBytes(4, 9) + kVersionReplyBytes);
 }
 
-TEST_F(ReceiveLoop, HeadersAndBodiesThatComeInPiecesArePutTogether) {
+TEST_F(ReceiveLoop, HeadersAndBodiesMayArriveInPieces) {
     const Bytes input = kVersionRequestBytes + CloseBytes(9) + kVersionRequestBytes;
     for (uint64_t chunk = 1; chunk <= 9; ++chunk) {
         EXPECT_EQ(Serve(input, chunk)->Written(), kVersionReplyBytes + StateBytes(4, 9) + kVersionReplyBytes)
@@ -78,7 +78,7 @@ TEST_F(ReceiveLoop, ReadsAskForTheRestOfTheHeaderThenForTheRestOfTheBody) {
     EXPECT_EQ(Serve(kVersionRequestBytes)->ReadSizes(), (std::vector<uint64_t>{8}));
 }
 
-TEST_F(ReceiveLoop, UnknownTypesAreReadWholeAndDropped) {
+TEST_F(ReceiveLoop, UnknownTypesAreReadToTheirEndAndDropped) {
     for (const uint8_t type : std::initializer_list<uint8_t>{0, 6, 12, 255}) {
         EXPECT_EQ(Serve(Bytes{3, 0, 0, 0, type, 0, 0, 0, 1, 2, 3} + kVersionRequestBytes)->Written(),
                   kVersionReplyBytes);
@@ -92,7 +92,7 @@ TEST_F(ReceiveLoop, TypesThatOnlyThePluginSendsAreDropped) {
     }
 }
 
-TEST_F(ReceiveLoop, AnIncompleteMessageEndsTheLoopUnhandled) {
+TEST_F(ReceiveLoop, AnIncompleteMessageIsNotHandled) {
     host.TakeLines();
     EXPECT_TRUE(Serve({4, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0})->Written().empty());
     EXPECT_EQ(host.Lines(),
@@ -111,7 +111,7 @@ protected:
     const Bytes bytes = {1, 2, 3, 4, 5};
 };
 
-TEST_F(WriteAllTest, WritesEverythingInOneCallWhereTheStreamTakesIt) {
+TEST_F(WriteAllTest, WritesEverythingInOneCallIfTheStreamAcceptsIt) {
     EXPECT_TRUE(WriteAll(*stream, bytes.data(), bytes.size()));
     EXPECT_EQ(stream->Written(), bytes);
     EXPECT_EQ(stream->WriteCalls(), 1u);
@@ -132,12 +132,13 @@ TEST_F(WriteAllTest, StopsAtTheFirstFailedWrite) {
     EXPECT_EQ(stream->WriteCalls(), 2u);
 }
 
-TEST_F(WriteAllTest, NothingToWriteIsNoCall) {
+TEST_F(WriteAllTest, WithoutBytesTheStreamIsNotCalled) {
     EXPECT_TRUE(WriteAll(*stream, nullptr, 0));
     EXPECT_EQ(stream->WriteCalls(), 0u);
 }
 
-class BoastfulStream final : public CCounted_T<IChannelStream> {
+// Reports more bytes as written than it was asked to write.
+class OverreportingStream final : public CCounted_T<IChannelStream> {
 public:
     int Read(void*, unsigned long, unsigned long*) override { return -1; }
     int Write(const void*, unsigned long size, unsigned long* done) override {
@@ -146,8 +147,8 @@ public:
     }
 };
 
-TEST(WriteAll, ACountBeyondTheSizeEndsTheWrite) {
-    const CRefPtr_T<BoastfulStream> stream(new BoastfulStream);
+TEST(WriteAll, ACountBeyondTheSizeCountsAsAllBytes) {
+    const CRefPtr_T<OverreportingStream> stream(new OverreportingStream);
     EXPECT_TRUE(WriteAll(*stream, "abc", 3));
 }
 

@@ -9,14 +9,14 @@ namespace {
 
 using testing::ScriptedStream;
 
-TEST(ChannelSlot, HoldsNothingAtFirst) {
+TEST(ChannelSlot, IsEmptyAtFirst) {
     ChannelSlot slot;
     EXPECT_EQ(slot.Get(), nullptr);
     EXPECT_EQ(slot.Borrow(), nullptr);
     slot.Return();
 }
 
-TEST(ChannelSlot, HoldsOneReferenceAndGivesItBackWhenReplaced) {
+TEST(ChannelSlot, HoldsOneReferenceAndReleasesItWhenReplaced) {
     ChannelSlot slot;
     slot.Set(CRefPtr_T<IChannelStream>(new ScriptedStream));
     EXPECT_EQ(ScriptedStream::Alive(), 1);
@@ -34,7 +34,7 @@ TEST(ChannelSlot, ABorrowerTakesNoReference) {
     EXPECT_EQ(stream->AddRefs(), before);
 }
 
-TEST(ChannelSlot, AStreamReplacedWhileItIsBorrowedLivesUntilItIsGivenBack) {
+TEST(ChannelSlot, AStreamReplacedWhileBorrowedLivesUntilItIsReturned) {
     ChannelSlot slot;
     slot.Set(CRefPtr_T<IChannelStream>(new ScriptedStream));
     slot.Borrow();
@@ -45,7 +45,7 @@ TEST(ChannelSlot, AStreamReplacedWhileItIsBorrowedLivesUntilItIsGivenBack) {
     EXPECT_EQ(ScriptedStream::Alive(), 0);
 }
 
-TEST(ChannelSlot, AStreamSetAgainWhileItIsBorrowedIsKept) {
+TEST(ChannelSlot, AStreamSetAgainWhileBorrowedIsKept) {
     ChannelSlot slot;
     const CRefPtr_T<IChannelStream> stream(new ScriptedStream);
     slot.Set(stream);
@@ -58,7 +58,7 @@ TEST(ChannelSlot, AStreamSetAgainWhileItIsBorrowedIsKept) {
     EXPECT_EQ(slot.Get(), stream);
 }
 
-TEST(ChannelSlot, ItsEndReleasesTheStream) {
+TEST(ChannelSlot, TheDestructorReleasesTheStream) {
     {
         ChannelSlot slot;
         slot.Set(CRefPtr_T<IChannelStream>(new ScriptedStream));

@@ -1,4 +1,4 @@
-// Each request of the peer: what it makes the plugin call, log and answer.
+// The requests of the peer: what the plugin calls, logs and answers for each.
 #include <gtest/gtest.h>
 
 #include <initializer_list>
@@ -15,6 +15,8 @@ namespace {
 using testing::Bytes;
 using testing::CameraScript;
 using testing::CloseBytes;
+using testing::kGetListBytes;
+using testing::kVersionRequestBytes;
 using testing::LogLine;
 using testing::OpenBytes;
 using testing::ScriptedStream;
@@ -24,6 +26,7 @@ using testing::StateBytes;
 using testing::operator+;
 
 const Bytes kSixteenBytesForId7 = {7, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0};
+
 class RequestHandlers : public testing::LoggingTest {
 protected:
     RequestHandlers() {
@@ -31,7 +34,7 @@ protected:
         host.TakeLines();
     }
 
-    // Everything that goes to the peer in answer.
+    // Everything that the plugin writes to the peer for these requests.
     Bytes Answer(const Bytes& requests) {
         const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(requests));
         plugin->SetChannelStream(stream.Get());
@@ -39,7 +42,7 @@ protected:
         return stream->Written();
     }
 
-    // What the last Answer logged between its first and its last line, which are Run's own.
+    // The lines of the last Answer without the first and the last one, which are Run's.
     std::vector<LogLine> RequestLines() {
         std::vector<LogLine> lines = host.TakeLines();
         EXPECT_GE(lines.size(), 2u);
@@ -55,13 +58,13 @@ protected:
 
 TEST_F(RequestHandlers, AVersionRequestWithAnyBodyIsAnsweredWithFive) {
     const Bytes reply = {4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0};
-    EXPECT_EQ(Answer({0, 0, 0, 0, 0x0A, 0, 0, 0}), reply);
+    EXPECT_EQ(Answer(kVersionRequestBytes), reply);
     EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{8, "[cameraclient] version req"}}));
     EXPECT_EQ(Answer({3, 0, 0, 0, 0x0A, 0, 0, 0, 1, 2, 3}), reply);
 }
 
 TEST_F(RequestHandlers, AnEmptyCameraListHasTwelveBytes) {
-    EXPECT_EQ(Answer({0, 0, 0, 0, 1, 0, 0, 0}), (Bytes{4, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(Answer(kGetListBytes), (Bytes{4, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoGetCameraList, count 0"}}));
 }
 
@@ -80,13 +83,13 @@ TEST_F(RequestHandlers, TheCameraListHasARecordForEachCameraOfThePlatform) {
     const auto zeros = [](size_t count) { return Bytes(count, 0); };
     const Bytes front = {'F', 'r', 'o', 'n', 't'};
     const Bytes back = {'B', 'a', 'c', 'k'};
-    const Bytes head = {0x4C, 0x0A, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0};  // 2636 bytes follow the header
+    const Bytes header = {0x4C, 0x0A, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0};  // 2636 bytes follow the header
     const Bytes size_480 = {0x80, 2, 0, 0, 0xE0, 1, 0, 0};
     const Bytes size_720 = {0, 5, 0, 0, 0xD0, 2, 0, 0};
     const Bytes first = zeros(6) + front + zeros(515) + front + zeros(769) + Bytes{1, 0, 0, 0} + size_480;
     const Bytes second = Bytes{1, 0, 0, 0, 0, 0} + back + zeros(516) + back + zeros(770) + Bytes{2, 0, 0, 0} +
                          size_480 + size_720;
-    EXPECT_EQ(list, head + first + second);
+    EXPECT_EQ(list, header + first + second);
     EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoGetCameraList, count 2"}}));
     EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"ListCameras()"}));
 }
@@ -113,18 +116,18 @@ TEST_F(RequestHandlers, OpenOfAnOpenIdAnswersOpenAndLeavesTheCameraUntouched) {
     EXPECT_EQ(CameraScript().created, 1);
 }
 
-TEST_F(RequestHandlers, OpenWithoutAnImplementationAnswersFailed) {
+TEST_F(RequestHandlers, OpenOnAPlatformWithoutCamerasAnswersFailed) {
     CameraScript().built_in = false;
     EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(1, 7));
     EXPECT_EQ(RequestLines(),
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoOpenCamera id 7 w 640 h 480 fps 30"},
                                     {2, "[cameraclient] OnProtoOpenCamera cureent platform not impl"}}));
-    // Nothing was remembered: a later open tries again.
+    // The id was not stored, so a later open tries again.
     CameraScript().built_in = true;
     EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(2, 7));
 }
 
-TEST_F(RequestHandlers, ACameraThatFailsToOpenIsClosedForgottenAndAnsweredFailed) {
+TEST_F(RequestHandlers, ACameraThatFailsToOpenIsClosedRemovedAndAnsweredFailed) {
     CameraScript().open_result = false;
     EXPECT_EQ(Answer(OpenBytes(7)), StateBytes(1, 7));
     EXPECT_EQ(RequestLines(),
@@ -137,7 +140,7 @@ TEST_F(RequestHandlers, ACameraThatFailsToOpenIsClosedForgottenAndAnsweredFailed
     EXPECT_EQ(CameraScript().created, 2);
 }
 
-TEST_F(RequestHandlers, OpenPassesSignedNumbersOn) {
+TEST_F(RequestHandlers, OpenPassesOnSignedNumbers) {
     EXPECT_EQ(
         Answer({16, 0, 0, 0, 3, 0, 0, 0, 255, 255, 255, 255, 255, 255, 255, 255, 0, 0, 0, 0x80, 0, 0, 0, 0}),
         (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0, 255, 255, 255, 255}));
@@ -146,7 +149,7 @@ TEST_F(RequestHandlers, OpenPassesSignedNumbersOn) {
     EXPECT_EQ(TakeCalls().at(2), "0 SetCameraId(4294967295)");
 }
 
-TEST_F(RequestHandlers, OpenPropertyAndFormatOfAnotherLengthAreIgnored) {
+TEST_F(RequestHandlers, OpenSetPropertyAndSetFormatOfAnotherLengthAreIgnored) {
     Answer(OpenBytes(7));
     TakeCalls();
     RequestLines();
@@ -170,15 +173,15 @@ TEST_F(RequestHandlers, CloseClosesReleasesAndAnswersClosed) {
     EXPECT_EQ(TakeCalls(), (std::vector<std::string>{"0 Close(7)", "0 destroyed"}));
 }
 
-TEST_F(RequestHandlers, CloseOfAnIdThatWasNeverOpenAnswersClosed) {
+TEST_F(RequestHandlers, CloseOfAnUnknownIdAnswersClosed) {
     EXPECT_EQ(Answer(CloseBytes(7)), StateBytes(4, 7));
     EXPECT_EQ(RequestLines(), (std::vector<LogLine>{{1, "[cameraclient] OnProtoCloseCamera id 7"}}));
 }
 
-TEST_F(RequestHandlers, CloseOfAnotherIdLeavesTheOpenCameraAlone) {
+TEST_F(RequestHandlers, CloseOfAnotherIdDoesNotTouchTheOpenCamera) {
     Answer(OpenBytes(7));
     TakeCalls();
-    EXPECT_EQ(Answer({4, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0}), StateBytes(4, 8));
+    EXPECT_EQ(Answer(CloseBytes(8)), StateBytes(4, 8));
     EXPECT_EQ(TakeCalls(), (std::vector<std::string>{}));
 }
 
@@ -195,7 +198,7 @@ TEST_F(RequestHandlers, ACameraMayBeOpenedAgainAfterItsClose) {
     EXPECT_EQ(CameraScript().alive, 1);
 }
 
-TEST_F(RequestHandlers, SetPropertyGoesToTheOpenCameraAndIsNotAnswered) {
+TEST_F(RequestHandlers, SetPropertyIsPassedToTheOpenCameraAndNotAnswered) {
     Answer(OpenBytes(7));
     TakeCalls();
     RequestLines();
@@ -211,7 +214,7 @@ TEST_F(RequestHandlers, SetPropertyOfAnIdThatIsNotOpenIsOnlyLogged) {
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetProperty id 7 prop 5 value -2 auto 1"}}));
 }
 
-TEST_F(RequestHandlers, SetFormatGoesToTheOpenCameraAndIsNotAnswered) {
+TEST_F(RequestHandlers, SetFormatIsPassedToTheOpenCameraAndNotAnswered) {
     Answer(OpenBytes(7));
     TakeCalls();
     RequestLines();
@@ -227,12 +230,12 @@ TEST_F(RequestHandlers, SetFormatOfAnIdThatIsNotOpenIsOnlyLogged) {
               (std::vector<LogLine>{{1, "[cameraclient] OnProtoSetFormat id 7 w 1280 h 720 fps 25"}}));
 }
 
-// What a handler returns, which no peer sees.
-TEST_F(RequestHandlers, AHandlerReturnsFalseForAnIgnoredRequestAlone) {
+// The return values of the handlers, which the peer does not see.
+TEST_F(RequestHandlers, AHandlerReturnsFalseOnlyForAnIgnoredRequest) {
     const auto result = [&](const Bytes& message) {
         return plugin->OnMessage(message.data(), message.size(), nullptr);
     };
-    EXPECT_TRUE(result({0, 0, 0, 0, 0x0A, 0, 0, 0}));
+    EXPECT_TRUE(result(kVersionRequestBytes));
     EXPECT_TRUE(result(OpenBytes(7)));
     EXPECT_TRUE(result(OpenBytes(7)));
     EXPECT_TRUE(result(SetPropertyBytes(7)));
@@ -250,7 +253,7 @@ TEST_F(RequestHandlers, AHandlerReturnsFalseForAnIgnoredRequestAlone) {
     EXPECT_TRUE(result(OpenBytes(7)));
 }
 
-TEST_F(RequestHandlers, RepliesHoldAReferenceOnTheStreamForTheirWrite) {
+TEST_F(RequestHandlers, AReplyHoldsAReferenceToTheStreamDuringItsWrite) {
     const CRefPtr_T<ScriptedStream> stream(new ScriptedStream);
     const auto references = [&] {
         stream->AddRef();
@@ -261,11 +264,11 @@ TEST_F(RequestHandlers, RepliesHoldAReferenceOnTheStreamForTheirWrite) {
     plugin->SetChannelStream(stream.Get());
     const Bytes close = CloseBytes(7);
     plugin->OnMessage(close.data(), close.size(), nullptr);
-    EXPECT_EQ(during_write, 3);  // this test's, the plugin's and the reply's
+    EXPECT_EQ(during_write, 3);  // the references of this test, the plugin and the reply
     EXPECT_EQ(references(), 2);
 }
 
-TEST_F(RequestHandlers, RepliesWriteOnAfterAPartialWriteAndStopAtAFailedOne) {
+TEST_F(RequestHandlers, RepliesContinueAfterAPartialWriteAndStopAtAFailedOne) {
     const CRefPtr_T<ScriptedStream> stream(new ScriptedStream(CloseBytes(7) + CloseBytes(7)));
     stream->write_chunk = 1;
     stream->fail_write_after = 20;

@@ -1,4 +1,4 @@
-// The plugin's life: creation, Run, the frames' way out, ExitInstance, destruction.
+// The plugin's life cycle: creation, Run, frames to the stream, ExitInstance, destruction.
 #include "src/plugin/client_camera.h"
 
 #include <gtest/gtest.h>
@@ -37,11 +37,11 @@ protected:
     CRefPtr_T<ClientCamera> plugin{new ClientCamera};
 };
 
-TEST_F(ClientCameraTest, CreationIsOneLine) {
+TEST_F(ClientCameraTest, CreationLogsOneLine) {
     EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{1, "[cameraclient] create"}}));
 }
 
-TEST_F(ClientCameraTest, DestructionWithoutARunIsTwoLines) {
+TEST_F(ClientCameraTest, DestructionWithoutARunLogsTwoLines) {
     host.TakeLines();
     plugin = nullptr;
     EXPECT_EQ(host.Lines(), (std::vector<LogLine>{{1, "[cameraclient] destroy"},
@@ -53,12 +53,12 @@ TEST_F(ClientCameraTest, RunWithoutAStreamStartsTheSendThreadAndReturnsAtOnce) {
     EXPECT_EQ(plugin->Run(), 1);
     EXPECT_EQ(host.TakeLines(),
               (std::vector<LogLine>{{1, "[cameraclient] Run start"}, {1, "[cameraclient] Run return"}}));
-    // The send thread runs: it finds the frame and no stream to write it to.
+    // The send thread is running: it takes the frame and finds no stream.
     plugin->OnVideoPacket(7, "\x42", 1);
     EXPECT_TRUE(WaitUntil([&] { return host.Has({4, "[cameraclient] Send2StreamRaw fail, type: 7/1 ."}); }));
 }
 
-TEST_F(ClientCameraTest, EachFrameWithoutAStreamIsOneLineAndIsDropped) {
+TEST_F(ClientCameraTest, EachFrameWithoutAStreamLogsOneLineAndIsDropped) {
     for (int i = 0; i < 3; ++i) {
         plugin->OnVideoPacket(7, "\x42", 1);
     }
@@ -86,7 +86,7 @@ TEST_F(ClientCameraTest, FramesAreWrittenWholeAndInOrder) {
     EXPECT_EQ(stream->Written(), expected);
 }
 
-TEST_F(ClientCameraTest, AFrameWhoseWriteFailsIsOneLineAndIsNotRetried) {
+TEST_F(ClientCameraTest, AFrameWhoseWriteFailsLogsOneLineAndIsNotRetried) {
     const auto stream = Connect();
     stream->fail_write_after = 10;
     plugin->Run();
@@ -115,7 +115,7 @@ TEST_F(ClientCameraTest, IsBusyFromTheSixthQueuedFrameOn) {
     EXPECT_TRUE(plugin->IsBusy(7));
 }
 
-TEST_F(ClientCameraTest, AudioIsOneLineAndQueuesNothing) {
+TEST_F(ClientCameraTest, AudioLogsOneLineAndQueuesNothing) {
     host.TakeLines();
     for (int i = 0; i < 6; ++i) {
         plugin->OnAudioPacket(7, "\x01", 1);
@@ -124,7 +124,7 @@ TEST_F(ClientCameraTest, AudioIsOneLineAndQueuesNothing) {
     EXPECT_FALSE(plugin->IsBusy(7));
 }
 
-TEST_F(ClientCameraTest, RunEmptiesTheQueueFirst) {
+TEST_F(ClientCameraTest, RunFirstEmptiesTheQueue) {
     for (int i = 0; i < 6; ++i) {
         plugin->OnVideoPacket(7, "\x01", 1);
     }
@@ -136,7 +136,7 @@ TEST_F(ClientCameraTest, RunEmptiesTheQueueFirst) {
     EXPECT_EQ(stream->Written(), FrameBytes(8, {2}));
 }
 
-TEST_F(ClientCameraTest, SetChannelStreamSwapsReferences) {
+TEST_F(ClientCameraTest, SetChannelStreamReleasesThePreviousStream) {
     EXPECT_EQ(plugin->SetChannelStream(new ScriptedStream), 0);
     EXPECT_EQ(ScriptedStream::Alive(), 1);
     EXPECT_EQ(plugin->SetChannelStream(new ScriptedStream), 0);
@@ -173,7 +173,7 @@ TEST_F(ClientCameraTest, ExitInstanceBeforeAnyRunIsHarmlessAndMayBeRepeated) {
     EXPECT_EQ(plugin->ExitInstance(), 0);
 }
 
-TEST_F(ClientCameraTest, ExitInstanceKeepsWhatIsQueued) {
+TEST_F(ClientCameraTest, ExitInstanceKeepsQueuedFrames) {
     plugin->ExitInstance();
     for (int i = 0; i < 6; ++i) {
         plugin->OnVideoPacket(7, "\x01", 1);
@@ -182,7 +182,7 @@ TEST_F(ClientCameraTest, ExitInstanceKeepsWhatIsQueued) {
     EXPECT_TRUE(plugin->IsBusy(7));
 }
 
-TEST_F(ClientCameraTest, DestructionClosesWhatIsOpenInIdOrderAndStopsTheThread) {
+TEST_F(ClientCameraTest, DestructionClosesOpenCamerasInIdOrderAndStopsTheThread) {
     Connect(OpenBytes(7) + OpenBytes(3));
     plugin->Run();
     CameraScript().calls.clear();
@@ -216,7 +216,7 @@ TEST_F(ClientCameraTest, RunAfterExitInstanceStartsTheSendThreadAgain) {
     EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 17; }));
 }
 
-// A stream whose Write waits until the test lets it go.
+// A stream whose Write blocks until the test releases it.
 class StuckStream final : public CCounted_T<IChannelStream> {
 public:
     StuckStream() { ++s_alive; }
@@ -224,24 +224,24 @@ public:
     int Read(void*, unsigned long, unsigned long*) override { return -1; }
     int Write(const void*, unsigned long, unsigned long*) override {
         s_writing = true;
-        WaitUntil([] { return s_let_go.load(); });
+        WaitUntil([] { return s_released.load(); });
         s_writing = false;
         return -1;
     }
     static inline std::atomic<bool> s_writing{false};
-    static inline std::atomic<bool> s_let_go{false};
+    static inline std::atomic<bool> s_released{false};
     static inline std::atomic<int> s_alive{0};
 };
 
 TEST_F(ClientCameraTest, AStreamThatIsReplacedDuringAWriteOutlivesTheWrite) {
-    StuckStream::s_let_go = false;
+    StuckStream::s_released = false;
     plugin->SetChannelStream(new StuckStream);
     plugin->Run();
     plugin->OnVideoPacket(7, "\x01", 1);
     ASSERT_TRUE(WaitUntil([] { return StuckStream::s_writing.load(); }));
     const auto next = Connect();
     EXPECT_EQ(StuckStream::s_alive, 1);
-    StuckStream::s_let_go = true;
+    StuckStream::s_released = true;
     EXPECT_TRUE(WaitUntil([] { return StuckStream::s_alive == 0; }));
     plugin->OnVideoPacket(7, "\x02", 1);
     EXPECT_TRUE(WaitUntil([&] { return next->Written().size() == 17; }));

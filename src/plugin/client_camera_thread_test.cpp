@@ -12,7 +12,7 @@ namespace {
 
 using testing::WaitUntil;
 
-TEST(ClientCameraThread, RunsItsPassAgainAndAgainUntilItIsStopped) {
+TEST(ClientCameraThread, RepeatsItsPassUntilItIsStopped) {
     std::atomic<int> passes{0};
     CClientCameraThread thread([&] {
         ++passes;
@@ -42,7 +42,7 @@ TEST(ClientCameraThread, EndsAtOnceWithoutACallable) {
     thread.Stop();
 }
 
-TEST(ClientCameraThread, ThePassStandsInSlotSixOfTheThreadsTable) {
+TEST(ClientCameraThread, ThePassIsSlotSix) {
     int passes = 0;
     CClientCameraThread thread([&] { return ++passes < 2; });
     EXPECT_TRUE(testing::CallSlot<bool>(&thread, 6));

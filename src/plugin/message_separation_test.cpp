@@ -14,7 +14,7 @@ namespace {
 using Separation = CMessageSeparation_T<_MESSAGE_HEADER, int, 2, unsigned long, bool>;
 using Bytes = std::vector<uint8_t>;
 
-// Reports a table given as rows, spread over entries of any size, and records what is called.
+// Has a dispatch table made from rows, with entries of any size, and records the calls.
 class TableUnderTest : public Separation {
 public:
     struct Row {
@@ -61,11 +61,11 @@ private:
     std::vector<uint8_t> m_memory;
 };
 
-bool Give(TableUnderTest& table, const Bytes& message) {
+bool Dispatch(TableUnderTest& table, const Bytes& message) {
     return table.OnMessage(message.data(), message.size(), 77);
 }
 
-TEST(MessageSeparation, TheTemplateAloneHasNoTableAndHandlesNothing) {
+TEST(MessageSeparation, TheBaseClassHasNoTableAndHandlesNothing) {
     Separation separation;
     uint64_t entry_size = 0;
     EXPECT_EQ(separation.GetDispatchTable(&entry_size), nullptr);
@@ -82,13 +82,13 @@ TEST(MessageSeparation, NullDataIsRefused) {
 
 TEST(MessageSeparation, AMessageShorterThanAHeaderIsRefused) {
     TableUnderTest table({{{7}, 1}});
-    EXPECT_FALSE(Give(table, {0, 0, 0, 0, 7, 0, 0}));
+    EXPECT_FALSE(Dispatch(table, {0, 0, 0, 0, 7, 0, 0}));
     EXPECT_TRUE(table.calls.empty());
 }
 
 TEST(MessageSeparation, AnEmptyTableMatchesNothing) {
     TableUnderTest table({});
-    EXPECT_FALSE(Give(table, {0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_FALSE(Dispatch(table, {0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST(MessageSeparation, AMessageOfLengthZeroIsCalledWithAnEmptyBody) {
@@ -102,48 +102,48 @@ TEST(MessageSeparation, AMessageOfLengthZeroIsCalledWithAnEmptyBody) {
     EXPECT_EQ(table.calls[0].context, 77);
 }
 
-TEST(MessageSeparation, TheBodyLengthIsTheHeadersEvenWhereMoreBytesFollow) {
+TEST(MessageSeparation, TheBodyLengthIsTheHeadersEvenIfMoreBytesFollow) {
     TableUnderTest table({{{7}, 1}});
-    EXPECT_TRUE(Give(table, {2, 0, 0, 0, 7, 0, 0, 0, 0xAA, 0xBB, 0xCC}));
+    EXPECT_TRUE(Dispatch(table, {2, 0, 0, 0, 7, 0, 0, 0, 0xAA, 0xBB, 0xCC}));
     ASSERT_EQ(table.calls.size(), 1u);
     EXPECT_EQ(table.calls[0].length, 2u);
 }
 
 TEST(MessageSeparation, ReservedBytesAreIgnored) {
     TableUnderTest table({{{7}, 1}});
-    EXPECT_TRUE(Give(table, {0, 0, 0, 0, 7, 1, 2, 3}));
+    EXPECT_TRUE(Dispatch(table, {0, 0, 0, 0, 7, 1, 2, 3}));
 }
 
-TEST(MessageSeparation, ABodyShorterThanItsHeaderClaimsIsNotCalled) {
+TEST(MessageSeparation, ABodyShorterThanItsHeaderStatesIsNotDispatched) {
     TableUnderTest table({{{7}, 1}});
-    EXPECT_FALSE(Give(table, {3, 0, 0, 0, 7, 0, 0, 0, 1, 2}));
-    EXPECT_FALSE(Give(table, {0xFF, 0xFF, 0xFF, 0xFF, 7, 0, 0, 0, 1, 2}));
+    EXPECT_FALSE(Dispatch(table, {3, 0, 0, 0, 7, 0, 0, 0, 1, 2}));
+    EXPECT_FALSE(Dispatch(table, {0xFF, 0xFF, 0xFF, 0xFF, 7, 0, 0, 0, 1, 2}));
     EXPECT_TRUE(table.calls.empty());
 }
 
-TEST(MessageSeparation, TheResultOfTheCalledEntryIsTheResult) {
+TEST(MessageSeparation, TheResultOfTheCalledEntryIsReturned) {
     TableUnderTest table({{{7}, 1}});
     table.result = false;
-    EXPECT_FALSE(Give(table, {0, 0, 0, 0, 7, 0, 0, 0}));
+    EXPECT_FALSE(Dispatch(table, {0, 0, 0, 0, 7, 0, 0, 0}));
     EXPECT_EQ(table.calls.size(), 1u);
 }
 
 TEST(MessageSeparation, TheFirstEntryThatMatchesWins) {
     TableUnderTest table({{{6}, 1}, {{7}, 1}, {{7}, 1}});
-    EXPECT_TRUE(Give(table, {0, 0, 0, 0, 7, 0, 0, 0}));
+    EXPECT_TRUE(Dispatch(table, {0, 0, 0, 0, 7, 0, 0, 0}));
     ASSERT_EQ(table.calls.size(), 1u);
     EXPECT_EQ(table.calls[0].index, 1u);
 }
 
 TEST(MessageSeparation, AnUnknownTypeMatchesNothing) {
     TableUnderTest table({{{6}, 1}, {{7}, 1}});
-    EXPECT_FALSE(Give(table, {0, 0, 0, 0, 8, 0, 0, 0}));
+    EXPECT_FALSE(Dispatch(table, {0, 0, 0, 0, 8, 0, 0, 0}));
     EXPECT_TRUE(table.calls.empty());
 }
 
 TEST(MessageSeparation, AKeyCountOfZeroEndsTheSearch) {
     TableUnderTest table({{{6}, 0}, {{7}, 1}});
-    // What stands before the message would do as the header of an entry without keys.
+    // The bytes before the message would pass as the header of an entry without keys.
     const Bytes stream = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0};
     EXPECT_FALSE(table.OnMessage(stream.data() + 8, 8, 77));
     EXPECT_TRUE(table.calls.empty());
@@ -151,22 +151,22 @@ TEST(MessageSeparation, AKeyCountOfZeroEndsTheSearch) {
 
 TEST(MessageSeparation, AKeyCountOfThreeEndsTheSearch) {
     TableUnderTest table({{{6}, 3}, {{7}, 1}});
-    EXPECT_FALSE(Give(table, {0, 0, 0, 0, 7, 0, 0, 0}));
+    EXPECT_FALSE(Dispatch(table, {0, 0, 0, 0, 7, 0, 0, 0}));
     EXPECT_TRUE(table.calls.empty());
 }
 
 TEST(MessageSeparation, AnEntryBeforeABadKeyCountStillMatches) {
     TableUnderTest table({{{7}, 1}, {{6}, 3}});
-    EXPECT_TRUE(Give(table, {0, 0, 0, 0, 7, 0, 0, 0}));
+    EXPECT_TRUE(Dispatch(table, {0, 0, 0, 0, 7, 0, 0, 0}));
 }
 
 TEST(MessageSeparation, AnEmptyHandlerEndsTheTable) {
     TableUnderTest table({{{6}, 1, false}, {{7}, 1}});
-    EXPECT_FALSE(Give(table, {0, 0, 0, 0, 7, 0, 0, 0}));
+    EXPECT_FALSE(Dispatch(table, {0, 0, 0, 0, 7, 0, 0, 0}));
     EXPECT_TRUE(table.calls.empty());
 }
 
-TEST(MessageSeparation, TwoKeysMatchTwoHeadersAndTheInnerOneGivesTheBody) {
+TEST(MessageSeparation, TwoKeysMatchTwoHeadersAndTheInnerOneStatesTheBody) {
     TableUnderTest table({{{7, 9}, 2}});
     const Bytes message = {9, 0, 0, 0, 7, 0, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0, 0xEE};
     EXPECT_TRUE(table.OnMessage(message.data(), message.size(), 0));
@@ -175,28 +175,28 @@ TEST(MessageSeparation, TwoKeysMatchTwoHeadersAndTheInnerOneGivesTheBody) {
     EXPECT_EQ(table.calls[0].length, 1u);
 }
 
-TEST(MessageSeparation, ASecondHeaderThatIsCutShortDoesNotMatch) {
+TEST(MessageSeparation, AnIncompleteSecondHeaderDoesNotMatch) {
     TableUnderTest table({{{7, 9}, 2}, {{7}, 1}});
-    // The second type byte is there, the header around it is not: the one-key entry gets the message.
-    EXPECT_TRUE(Give(table, {7, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 9, 0, 0}));
+    // The second type byte is there but its header is incomplete, so the entry with one key gets the message.
+    EXPECT_TRUE(Dispatch(table, {7, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 9, 0, 0}));
     ASSERT_EQ(table.calls.size(), 1u);
     EXPECT_EQ(table.calls[0].index, 1u);
 }
 
-TEST(MessageSeparation, AnInnerBodyShorterThanItsHeaderClaimsIsNotCalled) {
+TEST(MessageSeparation, AnInnerBodyShorterThanItsHeaderStatesIsNotDispatched) {
     TableUnderTest table({{{7, 9}, 2}});
-    EXPECT_FALSE(Give(table, {9, 0, 0, 0, 7, 0, 0, 0, 2, 0, 0, 0, 9, 0, 0, 0, 0xEE}));
+    EXPECT_FALSE(Dispatch(table, {9, 0, 0, 0, 7, 0, 0, 0, 2, 0, 0, 0, 9, 0, 0, 0, 0xEE}));
     EXPECT_TRUE(table.calls.empty());
 }
 
-TEST(MessageSeparation, EntriesStandAsFarApartAsTheReportedSize) {
+TEST(MessageSeparation, EntriesMayBeLargerThanTheirFields) {
     TableUnderTest table({{{6}, 1}, {{7}, 1}}, 48);
-    EXPECT_TRUE(Give(table, {0, 0, 0, 0, 7, 0, 0, 0}));
+    EXPECT_TRUE(Dispatch(table, {0, 0, 0, 0, 7, 0, 0, 0}));
     ASSERT_EQ(table.calls.size(), 1u);
     EXPECT_EQ(table.calls[0].index, 1u);
 }
 
-TEST(MessageSeparation, SlotsStandInTheirOrder) {
+TEST(MessageSeparation, TheSlotsOfTheTable) {
     TableUnderTest table({{{7}, 1}});
     uint64_t entry_size = 0;
     EXPECT_NE(testing::CallSlot<const void*>(&table, 2, &entry_size), nullptr);

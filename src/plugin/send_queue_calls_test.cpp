@@ -1,5 +1,4 @@
-// The queue's calls on its semaphores, one by one: their order, their failures, and what a close in the
-// middle of them does.
+// The queue's semaphore calls: their order, their failures, and a close between any two of them.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -28,11 +27,10 @@ const Calls kCloseCalls = {"sem_post(items)", "sem_post(free)", "sem_destroy(fre
 
 class SendQueueCalls : public ::testing::Test {
 protected:
-    // The calls from here on are those of the operations under test.
+    // Separates the constructor's calls from those of the operations under test.
     SendQueueCalls() { creation = watch.TakeSemaphoreCalls(); }
 
-    // Resets the queue on another thread and returns once that is waiting for the calling thread's use to
-    // end.
+    // Resets the queue on another thread. Returns once that thread is waiting for this thread's use to end.
     void ResetMeanwhile() {
         resetter = std::thread([this] { queue.Reset(); });
         EXPECT_TRUE(WaitUntil([this] { return watch.Count(CallWatch::usleep, 100) > 0; }));
@@ -46,7 +44,7 @@ protected:
     const CRefPtr_T<IBuffer> message = CreateBuffer("abc", 3);
 };
 
-TEST_F(SendQueueCalls, CreationMakesTheFreeSlotsThenTheItemsAndDrainsThem) {
+TEST_F(SendQueueCalls, TheConstructorCreatesBothSemaphoresAndDrainsTheItems) {
     EXPECT_EQ(creation, kOpenCalls);
 }
 
@@ -66,7 +64,7 @@ TEST_F(SendQueueCalls, TakeWaitsForAnItemThenPostsASlot) {
 TEST_F(SendQueueCalls, TheDeadlineIsHalfASecondAwayAndCarriesOneSecond) {
     const auto deadline = [&](long microseconds) {
         watch.SetClock(10, microseconds);
-        EXPECT_EQ(queue.Take(), nullptr);  // long past
+        EXPECT_EQ(queue.Take(), nullptr);  // the deadline has long passed
         return watch.TakeSemaphoreCalls();
     };
     EXPECT_EQ(deadline(1), (Calls{"sem_timedwait(items, 10.500001000)"}));
@@ -75,7 +73,7 @@ TEST_F(SendQueueCalls, TheDeadlineIsHalfASecondAwayAndCarriesOneSecond) {
     EXPECT_EQ(deadline(999'999), (Calls{"sem_timedwait(items, 11.499999000)"}));
 }
 
-TEST_F(SendQueueCalls, CloseWakesWhoWaitsThenDestroys) {
+TEST_F(SendQueueCalls, CloseWakesWaitingThreadsThenDestroys) {
     queue.Enqueue(message);
     watch.TakeSemaphoreCalls();
     queue.Close();
@@ -115,7 +113,7 @@ TEST_F(SendQueueCalls, InterruptedCallsAreRepeated) {
                                                  "sem_post(free)", "sem_post(free)"}));
 }
 
-TEST_F(SendQueueCalls, AQueueWithoutItsSemaphoresIsClosedUntilAResetMakesThem) {
+TEST_F(SendQueueCalls, AQueueWithoutItsSemaphoresIsClosedUntilAResetCreatesThem) {
     const Calls close_calls = kCloseCalls;
     for (const uintptr_t failing : {CallWatch::kFreeSlots, CallWatch::kItems}) {
         watch.FailWith(CallWatch::sem_init, failing, {ENOSPC});
@@ -164,7 +162,7 @@ TEST_F(SendQueueCalls, AResetDuringTheWaitForASlotDropsTheMessage) {
     EXPECT_EQ(queue.Take(), nullptr);
 }
 
-TEST_F(SendQueueCalls, AResetDuringTheWaitForAnItemGivesNothing) {
+TEST_F(SendQueueCalls, AResetDuringTheWaitForAnItemYieldsNoMessage) {
     queue.Enqueue(message);
     watch.OnNext(CallWatch::sem_timedwait, CallWatch::kItems, [this] { ResetMeanwhile(); });
     EXPECT_EQ(queue.Take(), nullptr);
@@ -174,7 +172,7 @@ TEST_F(SendQueueCalls, AResetDuringTheWaitForAnItemGivesNothing) {
     EXPECT_EQ(queue.Take(), message);
 }
 
-TEST_F(SendQueueCalls, ACloseUnderWayHoldsNobodyUp) {
+TEST_F(SendQueueCalls, ACloseInProgressBlocksNoOtherThread) {
     std::atomic<bool> back{false};
     std::thread user;
     watch.OnNext(CallWatch::usleep, 100000, [&] {

@@ -30,7 +30,7 @@ uint32_t NumberOf(IBuffer& message) {
     return number;
 }
 
-TEST(SendQueue, GivesMessagesInTheOrderTheyCame) {
+TEST(SendQueue, TakeReturnsMessagesInTheOrderOfEnqueue) {
     CSendQueue queue;
     for (uint32_t number = 0; number < 100; ++number) {
         queue.Enqueue(Message(number));
@@ -42,7 +42,7 @@ TEST(SendQueue, GivesMessagesInTheOrderTheyCame) {
     }
 }
 
-TEST(SendQueue, GivesTheVeryBufferThatWasQueued) {
+TEST(SendQueue, TakeReturnsTheSameBufferThatWasQueued) {
     CSendQueue queue;
     const auto message = Message(1);
     queue.Enqueue(message);
@@ -51,7 +51,7 @@ TEST(SendQueue, GivesTheVeryBufferThatWasQueued) {
     EXPECT_EQ(OtherReferences(*message), 0);
 }
 
-TEST(SendQueue, IsBusyFromTheSixthMessageOnAndNoMoreOnceOneIsTaken) {
+TEST(SendQueue, IsBusyFromTheSixthMessageUntilOneIsTaken) {
     CSendQueue queue;
     for (int i = 0; i < 5; ++i) {
         queue.Enqueue(Message(0));
@@ -83,7 +83,7 @@ TEST(SendQueue, AMessageEndsTheWait) {
     taker.join();
 }
 
-TEST(SendQueue, AClosedQueueDropsMessagesAndTakesNothing) {
+TEST(SendQueue, AClosedQueueDropsMessagesAndReturnsNone) {
     CSendQueue queue;
     queue.Close();
     const auto message = Message(0);
@@ -93,7 +93,7 @@ TEST(SendQueue, AClosedQueueDropsMessagesAndTakesNothing) {
     EXPECT_FALSE(queue.IsBusy());
 }
 
-TEST(SendQueue, CloseReleasesWhatWaits) {
+TEST(SendQueue, CloseReleasesWaitingMessages) {
     CSendQueue queue;
     const auto message = Message(0);
     for (int i = 0; i < 7; ++i) {
@@ -106,7 +106,7 @@ TEST(SendQueue, CloseReleasesWhatWaits) {
     queue.Close();
 }
 
-TEST(SendQueue, ResetReleasesWhatWaitsAndOpensEmpty) {
+TEST(SendQueue, ResetReleasesWaitingMessagesAndOpensEmpty) {
     CSendQueue queue;
     const auto old_message = Message(1);
     for (int i = 0; i < 7; ++i) {
@@ -129,7 +129,7 @@ TEST(SendQueue, ResetOpensAClosedQueue) {
     EXPECT_NE(queue.Take(), nullptr);
 }
 
-TEST(SendQueue, CloseWakesAThreadThatWaits) {
+TEST(SendQueue, CloseWakesAWaitingThread) {
     CSendQueue queue;
     std::atomic<bool> stop{false};
     std::atomic<int> passes{0};
@@ -141,14 +141,14 @@ TEST(SendQueue, CloseWakesAThreadThatWaits) {
     });
     queue.Close();
     const int before = passes;
-    // A closed queue does not wait: passes follow one another at once.
+    // On a closed queue Take returns at once.
     EXPECT_TRUE(WaitUntil([&] { return passes > before + 1000; }));
     stop = true;
     taker.join();
 }
 
-// A reset wakes the thread that waits; its wake-up must not go on for ever as a token that stands for no
-// message.
+// A reset wakes the waiting thread by posting a token that stands for no message. That token must not survive
+// the reset.
 TEST(SendQueue, AThreadThatWaitedThroughAResetWaitsAgain) {
     CSendQueue queue;
     std::atomic<bool> stop{false};
@@ -169,7 +169,7 @@ TEST(SendQueue, AThreadThatWaitedThroughAResetWaitsAgain) {
     taker.join();
 }
 
-TEST(SendQueue, NothingIsLostOrDoubledWithManyProducers) {
+TEST(SendQueue, NoMessageIsLostOrDuplicatedWithManyProducers) {
     CSendQueue queue;
     constexpr uint32_t kProducers = 4;
     constexpr uint32_t kMessages = 2000;

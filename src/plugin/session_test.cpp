@@ -1,4 +1,4 @@
-// A whole session over a real socket pair, with the plugin driven as its host and its peer drive it.
+// A whole session over a socket pair, with the test in the roles of host and peer.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -10,20 +10,25 @@
 #include "tests/support/doubles/scripted_stream.h"
 #include "tests/support/doubles/socket_stream.h"
 #include "tests/support/watch/process_state.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod {
 namespace {
 
 using testing::Bytes;
 using testing::CameraScript;
+using testing::CloseBytes;
 using testing::CountDescriptors;
 using testing::CountThreads;
+using testing::kGetListBytes;
+using testing::kVersionRequestBytes;
 using testing::LogLine;
+using testing::OpenBytes;
 using testing::SocketStream;
 using testing::ThreadsComeTo;
 using testing::operator+;
 
-// The peer's end of a socket pair whose other end is the plugin's stream, with Run on a thread of its own.
+// The peer's end of a socket pair whose other end is the plugin's stream. Run has a separate thread.
 class Connection {
 public:
     explicit Connection(IClientCameraPlugin& plugin) {
@@ -35,7 +40,7 @@ public:
         m_run = std::thread([&plugin] { EXPECT_EQ(plugin.Run(), 1); });
     }
     ~Connection() {
-        Hang();
+        Disconnect();
         close(m_fd);
     }
 
@@ -48,7 +53,7 @@ public:
     }
 
     // Ends the stream and waits until Run has returned.
-    void Hang() {
+    void Disconnect() {
         shutdown(m_fd, SHUT_RDWR);
         if (m_run.joinable()) {
             m_run.join();
@@ -60,7 +65,7 @@ private:
     std::thread m_run;
 };
 
-TEST(Session, FromCreationToTheLastReleaseEveryByteAndEveryLineIsAsItShouldBe) {
+TEST(Session, EveryByteAndEveryLogLineFromCreationToTheLastRelease) {
     CameraScript() = {};
     testing::RecordingHost host;
     AttachRuntime(&host);
@@ -70,16 +75,16 @@ TEST(Session, FromCreationToTheLastReleaseEveryByteAndEveryLineIsAsItShouldBe) {
     CRefPtr_T<IClientCameraPlugin> plugin(new ClientCamera);
     {
         Connection peer(*plugin);
-        peer.Send({0, 0, 0, 0, 1, 0, 0, 0});
+        peer.Send(kGetListBytes);
         EXPECT_EQ(peer.Receive(12), (Bytes{4, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0}));
-        peer.Send({0, 0, 0, 0, 0x0A, 0, 0, 0});
+        peer.Send(kVersionRequestBytes);
         EXPECT_EQ(peer.Receive(12), (Bytes{4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0}));
-        peer.Send({16, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0});
+        peer.Send(OpenBytes(7));
         EXPECT_EQ(peer.Receive(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0, 7, 0, 0, 0}));
         CameraScript().listeners.at(0)->OnVideoPacket(7, "\xAB\xCD", 2);
         EXPECT_EQ(peer.Receive(18), (Bytes{10, 0, 0, 0, 7, 0, 0, 0, 7, 0, 0, 0, 2, 0, 0, 0, 0xAB, 0xCD}));
         peer.Send({3, 0, 0, 0, 0x77, 9, 9, 9, 1, 2, 3});
-        peer.Send({4, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0});
+        peer.Send(CloseBytes(7));
         EXPECT_EQ(peer.Receive(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0}));
         peer.Send({16, 0, 0, 0, 3, 0});
     }
