@@ -56,6 +56,37 @@ int ClientCamera::ExitInstance() {
     return 0;
 }
 
+// ---- Answers to the peer
+
+CRefPtr_T<IBuffer> ClientCamera::AllocMessage(uint64_t size) {
+    try {
+        CRefPtr_T<IBuffer> message = m_alloctor->Alloc(size);
+        if (message != nullptr) {
+            message->SetSize(size);
+        }
+        return message;
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
+template <class Write>
+void ClientCamera::Reply(uint64_t size, Write write) {
+    const CRefPtr_T<IBuffer> message = AllocMessage(size);
+    if (message == nullptr) {
+        return;
+    }
+    write(static_cast<uint8_t*>(message->GetData()));
+    if (const CRefPtr_T<IChannelStream> stream = m_stream.Get(); stream != nullptr) {
+        WriteAll(*stream, message->GetData(), message->GetSize());
+    }
+}
+
+bool ClientCamera::SendCameraState(CameraState state, uint32_t id) {
+    Reply(kStateNoticeSize, [&](uint8_t* message) { WriteStateNotice(message, state, id); });
+    return true;
+}
+
 // ---- Requests of the peer
 
 const ClientCamera::Entry ClientCamera::kDispatchTable[] = {
@@ -80,10 +111,7 @@ bool ClientCamera::CallEntry(uint64_t index, const uint8_t* body, unsigned long 
 bool ClientCamera::OnProtoVersionRequest(const uint8_t* /*body*/, unsigned long /*length*/,
                                          IBuffer* /*context*/) {
     ZuModLog(kLogTrace, "[cameraclient] version req");
-    if (const CRefPtr_T<IBuffer> reply = AllocMessage(kVersionReplySize); reply != nullptr) {
-        WriteVersionReply(static_cast<uint8_t*>(reply->GetData()));
-        SendDirectly(*reply);
-    }
+    Reply(kVersionReplySize, WriteVersionReply);
     return true;
 }
 
@@ -91,10 +119,7 @@ bool ClientCamera::OnProtoGetCameraList(const uint8_t* /*body*/, unsigned long /
                                         IBuffer* /*context*/) {
     const std::vector<CameraDeviceInfo> cameras = ListCameras();
     ZuModLog(kLogEvent, "[cameraclient] OnProtoGetCameraList, count %d", static_cast<int>(cameras.size()));
-    if (const CRefPtr_T<IBuffer> reply = AllocMessage(CameraListSize(cameras)); reply != nullptr) {
-        WriteCameraList(static_cast<uint8_t*>(reply->GetData()), cameras);
-        SendDirectly(*reply);
-    }
+    Reply(CameraListSize(cameras), [&](uint8_t* message) { WriteCameraList(message, cameras); });
     return true;
 }
 
@@ -131,8 +156,7 @@ IClientCamera* ClientCamera::AddCamera(uint32_t id) {
             ZuModLog(kLogIgnored, "[cameraclient] OnProtoOpenCamera cureent platform not impl");
             return nullptr;
         }
-        // The map holds the only reference, so a camera that fails to open is destroyed before the peer is
-        // answered.
+        // The map holds the only reference: a camera that fails to open is destroyed before the answer.
         return (m_devs[id] = std::move(created)).Get();
     } catch (const std::bad_alloc&) {
         return nullptr;
@@ -194,33 +218,7 @@ void ClientCamera::CloseAllCameras() {
     ZuModLog(kLogTrace, "[cameraclient] finish to clear devs");
 }
 
-// ---- Messages to the peer
-
-CRefPtr_T<IBuffer> ClientCamera::AllocMessage(uint64_t size) {
-    try {
-        CRefPtr_T<IBuffer> message = m_alloctor->Alloc(size);
-        if (message != nullptr) {
-            message->SetSize(size);
-        }
-        return message;
-    } catch (const std::bad_alloc&) {
-        return {};
-    }
-}
-
-void ClientCamera::SendDirectly(IBuffer& message) {
-    if (const CRefPtr_T<IChannelStream> stream = m_stream.Get(); stream != nullptr) {
-        WriteAll(*stream, message.GetData(), message.GetSize());
-    }
-}
-
-bool ClientCamera::SendCameraState(CameraState state, uint32_t id) {
-    if (const CRefPtr_T<IBuffer> notice = AllocMessage(kStateNoticeSize); notice != nullptr) {
-        WriteStateNotice(static_cast<uint8_t*>(notice->GetData()), state, id);
-        SendDirectly(*notice);
-    }
-    return true;
-}
+// ---- Frames to the peer
 
 void ClientCamera::OnVideoPacket(uint32_t camera_id, const void* data, unsigned long length) {
     CRefPtr_T<IBuffer> message = AllocMessage(kVideoFrameHeaderSize + length);

@@ -75,9 +75,12 @@ private:
 
     // Returns a buffer of exactly `size` bytes, all in use, or null if memory runs out.
     CRefPtr_T<IBuffer> AllocMessage(uint64_t size);
+    // Writes a message of this size on the calling thread, bypassing the send queue. `write` fills it. A
+    // failed write is not reported.
+    template <class Write>
+    void Reply(uint64_t size, Write write);
+    // Returns true.
     bool SendCameraState(CameraState state, uint32_t id);
-    // Writes a message on the calling thread, bypassing the send queue. A failed write is not reported.
-    void SendDirectly(IBuffer& message);
 
     // One pass of the send thread: waits for a queued message and writes it. Returns true.
     bool SendPass();
