@@ -13,7 +13,6 @@
 namespace zumod {
 namespace {
 
-constexpr uint32_t kImageType = 9;
 // How long a frame waits for the lock before it checks whether its capture is being stopped.
 constexpr std::chrono::milliseconds kStopCheckInterval{10};
 
@@ -128,7 +127,7 @@ void CCameraClientLinux::HandleFrame(const unsigned char* data, unsigned long le
         return;
     }
     if (m_encoder == nullptr) {
-        m_encoder = CreateVideoEncoder(kImageType, false, false, false, true);
+        m_encoder = CreateVideoEncoder(kImageTypeH264, false, false, false, true);
     }
     if (m_encoder != nullptr) {
         Encode(*format, data, length);

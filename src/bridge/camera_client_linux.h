@@ -55,8 +55,7 @@ public:
     void SetCameraFlag(uint8_t flag) override;
     uint8_t GetCameraFlag() override;
     bool Open() override;
-    // Required by the contract: an Open after Close returns true without starting. The plugin never reopens a
-    // camera.
+    // Required by the contract: an Open after Close returns true without starting. The plugin never does so.
     int32_t Close(const uint32_t* ignored) override;
 
     // [capture thread]. Slot of the capture's frame signal.

@@ -641,8 +641,7 @@ struct Operation {
 
 class CameraClientLinuxLock : public CameraClientLinux {
 protected:
-    // Blocks a frame in the listener, calls the operation on another thread, and expects it to wait for the
-    // frame.
+    // Blocks a frame in the listener and expects the operation, on another thread, to wait for it.
     void ExpectToWaitForAFrame(std::function<void()>& hook, const Operation& operation) {
         std::atomic<bool> in_frame{false};
         std::atomic<bool> may_leave{false};

@@ -30,8 +30,7 @@ inline constexpr InputFormatRow kInputFormats[] = {
 
 // Returns the bytes in a row of pixels, rounded up to a multiple of 4.
 constexpr int32_t RowStride(int32_t width, int32_t bits_per_pixel) {
-    // Required by the contract: 32-bit arithmetic. It is done in 64 bits, where it cannot overflow, and
-    // truncated.
+    // Required by the contract: 32-bit arithmetic, done in 64 bits and truncated so that it cannot overflow.
     const int64_t bits = static_cast<int32_t>(static_cast<int64_t>(width) * bits_per_pixel + 7);
     return static_cast<int32_t>((bits / 8 + 3) & ~int64_t{3});
 }

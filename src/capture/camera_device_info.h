@@ -1,5 +1,4 @@
-// Description of one usable camera of this computer. A header without V4L2, so that the plugin can use it
-// too.
+// Description of one usable camera of this computer. Free of V4L2: the plugin uses it, too.
 //
 // Thread rule: a plain value.
 #pragma once
@@ -19,8 +18,7 @@ struct CameraResolution {
 };
 
 struct CameraDeviceInfo {
-    // Position among the usable cameras of one enumeration. Stable only while the cameras before it stay the
-    // same.
+    // Position among the usable cameras of one enumeration. Changes when a camera before it comes or goes.
     uint32_t id = 0;
     // Always false here; sent to the peer unchanged.
     bool inUse = false;

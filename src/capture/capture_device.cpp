@@ -248,8 +248,7 @@ void LinuxV4L2CameraCapture::UnmapPool() {
 }
 
 void LinuxV4L2CameraCapture::deallocBufferPool() {
-    // Required by the contract: unmapped before the stream stops. Closing the device releases the driver's
-    // buffers.
+    // Required by the contract: unmapped before the stream stops. The close releases the driver's buffers.
     UnmapPool();
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     if (device::Ioctl(m_descriptor, VIDIOC_STREAMOFF, &type) < 0) {

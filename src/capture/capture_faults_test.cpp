@@ -1,6 +1,5 @@
-// Fault injection: every request of a start, of a running stream and of a stop is refused with every errno of
-// a list. Checked are the result, the calls, the log, what stays open or mapped, and that the next start
-// works.
+// Fault injection: every request of a start, a running stream and a stop is refused with every errno of a
+// list. Checked are the result, the calls, the log, what stays open or mapped, and the next start.
 #include <algorithm>
 
 #include "tests/support/doubles/capture_fixture.h"
@@ -51,7 +50,7 @@ struct Fault {
     // Which calls are refused: the nth and the ones after it, `times` in all.
     int nth = 1;
     int times = 1;
-    // Whether the start succeeds all the same.
+    // Whether the start succeeds nevertheless.
     bool starts = false;
     int mappings_left = 0;
     // All calls of the start, the refused ones included.

@@ -16,9 +16,8 @@
 // A slot runs on the work thread, so a slot that waits for a lock held by the stopping thread would deadlock
 // with the join. Such a slot polls isStopping() while it waits, and gives up.
 //
-// Required by the contract: a start that fails while it queues buffers leaves them mapped; and when the work
-// thread ends by itself, as after the camera is unplugged, the capture still counts as capturing until a
-// stop.
+// Required by the contract: a start that fails while it queues buffers leaves them mapped; and after the work
+// thread has ended by itself, as when the camera is unplugged, the capture counts as capturing until a stop.
 //
 // Thread rule: may be called from any thread except the work thread. m_lock serialises start, stop and
 // changes of format or device. Connect slots only while idle.
@@ -42,8 +41,7 @@ namespace zumod {
 class LinuxV4L2CameraCapture {
 public:
     // Data, size, width, height, FourCC; emitted on the work thread. The data is the driver's buffer and is
-    // valid until the last slot returns. Width, height and FourCC are the capture's settings, not the
-    // driver's.
+    // valid until the last slot returns. Width, height and FourCC are the capture's settings.
     using FrameSignal =
         sigslot::signal5<const unsigned char*, unsigned long, int, int, int, sigslot::single_threaded>;
     FrameSignal SignalCaptureFrame;

@@ -49,8 +49,7 @@ bool IsPlanar420(uint32_t pixel_format) {
 bool enumSupportedFormats(int descriptor, std::vector<SupportedFormat>& entries) {
     const std::vector<uint32_t> pixel_formats = PixelFormatsOf(descriptor);
     entries.reserve(entries.size() + std::size(kCandidateSizes) * pixel_formats.size());
-    // Required by the contract: zeroed only once, so each try starts from the fields that the previous one
-    // left.
+    // Required by the contract: zeroed only once, so each try starts from the previous one's fields.
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     v4l2_pix_format& picture = format.fmt.pix;

@@ -20,8 +20,7 @@ struct SupportedFormat {
 };
 
 // Tries every candidate size in every pixel format of the device, size by size, and appends the device's
-// answers. Always returns true, even for a device that offers nothing; errno is then that of the last refused
-// request.
+// answers. Always returns true; errno is then that of the last refused request.
 bool enumSupportedFormats(int descriptor, std::vector<SupportedFormat>& entries);
 
 // Returns the first planar 4:2:0 format of exactly this size, in the order of the entries; otherwise YUYV of

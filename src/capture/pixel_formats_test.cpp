@@ -143,8 +143,7 @@ uint32_t CodeOf(const std::string& name) {
     return code;
 }
 
-// Rows: the choice from the list so far ("-": none). Columns: the next format in the list. Cells: the new
-// choice.
+// Rows: the choice from the list so far ("-": none). Columns: the next format. Cells: the new choice.
 struct Row {
     const char* so_far;
     const char* next[kFormatCount];

@@ -11,9 +11,8 @@
 //
 // - step() advances the position before it returns the connection, so the running connection may be deleted;
 // - remove() first moves every walk that points to the removed connection on to the one behind it;
-// - append() links at the end of the list: an emission under way also calls it, unless the emission has
-// already
-//   reached the last connection.
+// - append() links at the end of the list: an emission under way calls the new connection too, unless it has
+//   already reached the last one.
 //
 // Nested emissions form a stack of walks linked through m_outer, which is as deep as slots emit recursively.
 // An emission costs no allocation; a removal costs one comparison for each emission under way. A slot must

@@ -15,7 +15,7 @@ public:
     void SetWork(std::function<bool()> work) { m_work = std::move(work); }
 
 protected:
-    // Returns false so that the work is not repeated, whatever the work itself returns.
+    // Returns false so that the work runs only once, even if it returns true itself.
     bool Run() override {
         if (m_work) {
             m_work();
@@ -24,8 +24,7 @@ protected:
     }
 
 private:
-    // Written by the owner before Start creates the thread; the creation orders the write before the thread's
-    // reads.
+    // Written before Start creates the thread, which orders the write before the thread's reads.
     std::function<bool()> m_work;
 };
 

@@ -17,8 +17,7 @@ namespace zumod {
 class ChannelSlot {
 public:
     void Set(CRefPtr_T<IChannelStream> stream) {
-        // Declared before the guard: the release may run the host's destructor, which must not run under the
-        // lock.
+        // Declared before the guard, so that the host's destructor runs after the unlock.
         CRefPtr_T<IChannelStream> released;
         const LockGuard guard(m_lock);
         released = std::exchange(m_stream, std::move(stream));

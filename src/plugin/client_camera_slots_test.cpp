@@ -1,5 +1,4 @@
-// ClientCamera called through the vtable slots of each of its interfaces, as a host and a camera would call
-// it.
+// ClientCamera called through the vtable slots of each interface, as a host and a camera call it.
 #include <gtest/gtest.h>
 
 #include "src/plugin/client_camera.h"

@@ -1,29 +1,23 @@
 // Queue of the messages that wait for the send thread: first in, first out, in effect without a limit.
 //
-// The contract gives the queue two counting semaphores: m_free_slots, which a producer takes before it
-// appends a message, and m_items, which the consumer takes before it removes one. Threads wait on them
-// without the lock. The contract also has Close destroy both, and Reset create them again, while other
-// threads may still use them. POSIX allows neither waiting on nor posting a semaphore that is being
-// destroyed. Two counters make it safe:
+// The contract gives the queue two counting semaphores. A producer takes m_free_slots before it appends a
+// message; the consumer takes m_items before it removes one. Threads wait on them without the lock. The
+// contract also has Close destroy both, and Reset create them again, while other threads may still use them,
+// which POSIX leaves undefined. Two counters make it safe:
 //
-// - m_uses counts the threads that are inside a semaphore call, or about to be. A use (SemaphoreUse) begins
-// under
-//   m_lock while the queue runs and ends without the lock. Close first clears m_running, so that no new use
-//   can begin, then posts both semaphores to wake the waiters, and destroys the semaphores only when m_uses
-//   is 0.
-// - m_generation counts the closes. A thread that has taken a token locks the queue again to change the list;
-// in
-//   between, Close and even a Reset may have happened. If the generation differs from the one at the start of
-//   its use, its token came from a destroyed semaphore or from Close's wake-up: it leaves the list alone and
-//   posts nothing. If it is the same, the queue still runs, and a token of m_items stands for a message in
-//   the list.
+// - m_uses counts the threads that are in a semaphore call, or about to be. A use (SemaphoreUse) begins
+//   under m_lock while the queue runs, and ends without the lock. Close first clears m_running, so that no
+//   use can begin, then posts both semaphores to wake the waiters. It destroys them when m_uses is 0.
+// - m_generation counts the closes. A thread that has taken a token must lock the queue to change the list.
+//   Before it has the lock, Close and even Reset may have run. If the generation has changed since its use
+//   began, its token came from Close's wake-up or from a destroyed semaphore: it does not touch the list and
+//   posts nothing. If not, the queue still runs, and a token of m_items stands for a message in the list.
 //
 // A thread must not hold a use while it waits for m_lock, because Close holds the lock while it waits for the
 // uses to end. So Enqueue and Take each have two uses: one around the wait, and one around the post of the
-// other semaphore, which begins in the same locked section that changes the list.
+// other semaphore, which begins in the locked section that changes the list.
 //
-// The cost is two atomic operations for each use, and one more locked section for each call than a queue that
-// is never closed would need.
+// Each call costs one locked section and four atomic operations more than a queue that is never closed.
 //
 // Thread rule: Enqueue and IsBusy are [any thread]; Take is [send thread]; Reset and Close are [run thread,
 // destructor], one at a time.
@@ -58,8 +52,7 @@ public:
     // closed queue Take returns at once, so a running consumer busy-loops. Required by the contract.
     CRefPtr_T<IBuffer> Take();
 
-    // True while more than 5 messages wait. Reads without the lock: a stale answer shifts pacing by one
-    // frame.
+    // True while more than 5 messages wait. Takes no lock: a stale answer shifts pacing by one frame.
     bool IsBusy() const { return m_count.load(std::memory_order_relaxed) > kBusyAbove; }
 
     // Releases every waiting message and closes the queue.
