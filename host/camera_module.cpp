@@ -39,10 +39,9 @@ CRefPtr_T<IClientCameraPlugin> CameraModule::CreatePlugin() {
 CRefPtr_T<IClientCameraPlugin> CameraModule::Create(void** handle) {
     const CRefPtr_T<IZUModCreatePolicy> policy(
         new CZUModCreatePolicyAdapter(kClientCameraPluginName, kClientCameraPluginVersion));
-    IZUModInterface* face = nullptr;
-    ZuModLoadModule(&face, kCameraModuleName, policy, handle, false);
-    // What the slot holds is the table that was asked for.
-    return CRefPtr_T<IClientCameraPlugin>::Adopt(static_cast<IClientCameraPlugin*>(static_cast<void*>(face)));
+    IZUModInterface* created = nullptr;
+    ZuModLoadModule(&created, kCameraModuleName, policy, handle, false);
+    return TakeInterface<IClientCameraPlugin>(created);
 }
 
 Expected<void> LoadCodecLibrary() {

@@ -53,7 +53,7 @@ const std::vector<Layer>& Layers() {
         {{"src/module/factory", "src/module/entrypoint"},
          Join({kSdk, kBase, kRuntime, kLoader, kCapture, kBridge, kPlugin})},
         // What stands around the module meets it only through the SDK and the loader.
-        {kCommon, Join({kSdk, kBase, kRuntime, kLoader})},
+        {kCommon, Join({kSdk, kBase})},
         {{"codec/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
         {{"host/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
         {{"peer/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
