@@ -1,4 +1,6 @@
-// An ELF file of this machine, as far as tests look into one.
+// The parts of a 64-bit ELF file that tests look at.
+//
+// Thread rule: immutable; any thread.
 #pragma once
 
 #include <elf.h>
@@ -31,6 +33,7 @@ public:
             throw std::runtime_error(path + " is not an ELF file");
         }
         const auto header = At<Elf64_Ehdr>(0);
+        m_type = header.e_type;
         for (uint64_t i = 0; i < header.e_shnum; ++i) {
             m_sections.push_back(At<Elf64_Shdr>(header.e_shoff + i * header.e_shentsize));
         }
@@ -39,7 +42,10 @@ public:
         }
     }
 
-    // The symbols of SHT_DYNSYM or SHT_SYMTAB; empty when the file has no such table.
+    // ET_DYN or another of its kind.
+    unsigned Type() const { return m_type; }
+
+    // The symbols of SHT_DYNSYM or SHT_SYMTAB; empty if the file has no such table.
     std::vector<Symbol> Symbols(uint32_t table) const {
         std::vector<Symbol> symbols;
         for (const Elf64_Shdr& section : m_sections) {
@@ -87,7 +93,8 @@ public:
 
     const std::vector<Elf64_Phdr>& Segments() const { return m_segments; }
 
-    // The control-flow features the file declares, GNU_PROPERTY_X86_FEATURE_1_IBT and _SHSTK; 0 for none.
+    // The control-flow features that the file declares, GNU_PROPERTY_X86_FEATURE_1_IBT and _SHSTK; 0 for
+    // none.
     uint32_t ControlFlowFeatures() const {
         for (const Elf64_Shdr& section : m_sections) {
             if (section.sh_type != SHT_NOTE) {
@@ -97,7 +104,7 @@ public:
             if (note.n_type != NT_GNU_PROPERTY_TYPE_0) {
                 continue;
             }
-            const uint64_t begin = section.sh_offset + sizeof note + 4;  // behind the name "GNU"
+            const uint64_t begin = section.sh_offset + sizeof note + 4;  // after the name "GNU"
             for (uint64_t at = begin; at + 8 <= begin + note.n_descsz;) {
                 const auto type = At<uint32_t>(at);
                 const auto size = At<uint32_t>(at + 4);
@@ -152,6 +159,7 @@ private:
         return entries;
     }
 
+    unsigned m_type = 0;
     std::vector<char> m_bytes;
     std::vector<Elf64_Shdr> m_sections;
     std::vector<Elf64_Phdr> m_segments;
