@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/wire/host_messages.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod::peer {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/wire/host_messages.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod::peer {
 namespace {
@@ -11,8 +11,8 @@ using testing::operator+;
 using testing::Bytes;
 using testing::CameraBytes;
 using testing::FrameBytes;
-using testing::HostMessage;
 using testing::ListBytes;
+using testing::MessageBytes;
 using testing::StateBytes;
 
 // What a reader makes of bytes that come in two pieces.
@@ -37,7 +37,7 @@ Read ReadAll(const Bytes& bytes) {
 }
 
 const Bytes kConversation = testing::kVersionReplyBytes + ListBytes({CameraBytes(0, "Cam", {{640, 480}})}) +
-                            StateBytes(2, 7) + HostMessage(99, {1, 2, 3}) + FrameBytes(7, {9, 8, 7}) +
+                            StateBytes(2, 7) + MessageBytes(99, {1, 2, 3}) + FrameBytes(7, {9, 8, 7}) +
                             FrameBytes(7, {}) + testing::NoticeBytes("busy") + StateBytes(4, 7);
 
 const std::vector<Message> kInIt = {VersionMessage{5},
@@ -85,7 +85,7 @@ TEST(MessageReader, IgnoresTheReservedBytesOfAHeader) {
 }
 
 TEST(MessageReader, PassesOverRequestsAndEmptyMessagesOfUnknownTypes) {
-    const Read read = ReadAll(HostMessage(1, {}) + HostMessage(0, {}) + HostMessage(255, Bytes(70000, 7)) +
+    const Read read = ReadAll(MessageBytes(1, {}) + MessageBytes(0, {}) + MessageBytes(255, Bytes(70000, 7)) +
                               testing::kVersionReplyBytes);
     EXPECT_TRUE(read.good);
     EXPECT_EQ(read.messages, std::vector<Message>{VersionMessage{5}});

@@ -10,25 +10,23 @@
 #include <vector>
 
 #include "tests/support/doubles/raw_host.h"
+#include "tests/support/wire/peer_client.h"
 
 namespace {
 
+using namespace zumod::testing;
 using namespace zumod::testing::raw;
 
 TEST(RawHost, StartsServesAndStopsThroughSlotsAlone) {
     void* library = dlopen(ZU_MODULE_FILE, RTLD_NOW);
     ASSERT_NE(library, nullptr) << dlerror();
-    const auto entry = reinterpret_cast<const Descriptor* (*)()>(dlsym(library, "zumod_get_entrypoint"));
-    ASSERT_NE(entry, nullptr);
-    const Descriptor* module = entry();
+    ASSERT_NE(dlsym(library, "zumod_get_entrypoint"), nullptr);
+    const Descriptor* module = EntryOf(library);
 
     Runtime runtime{kRuntimeTable, {}, {}, {}};
     EXPECT_EQ(module->attach_runtime(&runtime), 1);
 
-    Policy policy{{kPolicyTable},
-                  {{kValueTable}, 4, "IClientCameraPlugin", 0},
-                  {{kValueTable}, 2, nullptr, 0x0002000000000000}};
-    policy.count = 1;
+    Policy policy = PluginPolicy();
     void* plugin = nullptr;
     EXPECT_EQ(module->create(&policy, &plugin), 1);
     ASSERT_NE(plugin, nullptr);
@@ -43,18 +41,19 @@ TEST(RawHost, StartsServesAndStopsThroughSlotsAlone) {
     EXPECT_EQ(Call<int>(plugin, 5, &stream), 0);
     EXPECT_EQ(stream.count, 2);
     {
-        const Peer peer(ends[1]);
+        const PeerClient peer{zumod::UniqueFd(ends[1])};
         std::thread run([&] {
             const LeavesSomethingBehind of_the_open_request;
             EXPECT_EQ(Call<int>(plugin, 6), 1);
         });
-        peer.Send({0, 0, 0, 0, 0x0A, 0, 0, 0});
-        EXPECT_EQ(peer.Receive(12), (Bytes{4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0}));
-        peer.Send({4, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0});
-        EXPECT_EQ(peer.Receive(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0}));
+        EXPECT_TRUE(peer.Send({0, 0, 0, 0, 0x0A, 0, 0, 0}));
+        EXPECT_EQ(peer.ReceiveBytes(12), (Bytes{4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0}));
+        EXPECT_TRUE(peer.Send({4, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0}));
+        EXPECT_EQ(peer.ReceiveBytes(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0}));
         // No machine has a camera of this id.
-        peer.Send({16, 0, 0, 0, 3, 0, 0, 0, 0xFE, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0});
-        EXPECT_EQ(peer.Receive(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0, 0xFE, 0, 0, 0}));
+        EXPECT_TRUE(
+            peer.Send({16, 0, 0, 0, 3, 0, 0, 0, 0xFE, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0}));
+        EXPECT_EQ(peer.ReceiveBytes(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0, 0xFE, 0, 0, 0}));
         peer.Hang();
         run.join();
     }

@@ -58,7 +58,7 @@ TEST_F(PeerAnswers, PrintsTheStateThatFollowsAClose) {
 TEST_F(PeerAnswers, PassesOverWhatItDoesNotKnowAndFramesThatItDidNotAskFor) {
     Start({"version"});
     host.Expect(kVersionRequestBytes);
-    host.Send(HostMessage(200, Bytes(100000, 1)) + FrameBytes(9, {1, 2, 3}) + kVersionReplyBytes);
+    host.Send(MessageBytes(200, Bytes(100000, 1)) + FrameBytes(9, {1, 2, 3}) + kVersionReplyBytes);
     ExpectEnd(0, "");
 }
 
@@ -125,21 +125,21 @@ TEST_P(PeerRefuses, AnAnswerThatIsNone) {
 INSTANTIATE_TEST_SUITE_P(
     Malformed, PeerRefuses,
     ::testing::Values(
-        BadAnswer{"ListTooShort", HostMessage(2, {1}), "a camera list message of 1 bytes"},
-        BadAnswer{"ListWithoutCameras", HostMessage(2, {3, 0, 0, 0}),
+        BadAnswer{"ListTooShort", MessageBytes(2, {1}), "a camera list message of 1 bytes"},
+        BadAnswer{"ListWithoutCameras", MessageBytes(2, {3, 0, 0, 0}),
                   "a camera list whose records and sizes do not fill its 4 bytes"},
-        BadAnswer{"ListOfTooMany", HostMessage(2, {0, 1, 0, 0}), "a camera list of 256 cameras"},
+        BadAnswer{"ListOfTooMany", MessageBytes(2, {0, 1, 0, 0}), "a camera list of 256 cameras"},
         BadAnswer{"LengthOfEverything",
                   {255, 255, 255, 255, 2, 0, 0, 0},
                   "a camera list message of 4294967295 bytes"},
-        BadAnswer{"ShortState", HostMessage(5, {2, 0, 0, 0}), "a camera state message of 4 bytes"},
+        BadAnswer{"ShortState", MessageBytes(5, {2, 0, 0, 0}), "a camera state message of 4 bytes"},
         BadAnswer{"UnknownState", StateBytes(8, 0), "the unknown camera state 8"},
-        BadAnswer{"ShortFrame", HostMessage(7, {0, 0, 0, 0}), "a video frame message of 4 bytes"},
-        BadAnswer{"FrameOfAnotherSize", HostMessage(7, {0, 0, 0, 0, 9, 0, 0, 0, 1}),
+        BadAnswer{"ShortFrame", MessageBytes(7, {0, 0, 0, 0}), "a video frame message of 4 bytes"},
+        BadAnswer{"FrameOfAnotherSize", MessageBytes(7, {0, 0, 0, 0, 9, 0, 0, 0, 1}),
                   "a video frame of 9 bytes in a message with 1"},
         BadAnswer{"HugeFrame", {0, 0, 0, 5, 7, 0, 0, 0}, "a video frame message of 83886080 bytes"},
-        BadAnswer{"ShortVersion", HostMessage(11, {5}), "a version message of 1 bytes"},
-        BadAnswer{"LongNotice", HostMessage(128, Bytes(300, 'x')), "a notice message of 300 bytes"},
+        BadAnswer{"ShortVersion", MessageBytes(11, {5}), "a version message of 1 bytes"},
+        BadAnswer{"LongNotice", MessageBytes(128, Bytes(300, 'x')), "a notice message of 300 bytes"},
         BadAnswer{"HugeUnknown", {0, 0, 0, 5, 66, 0, 0, 0}, "a message of type 66 and 83886080 bytes"}),
     [](const auto& test) { return std::string(test.param.name); });
 

@@ -15,7 +15,7 @@ namespace {
 
 class PeerPictures : public PeerProcess {
 protected:
-    Bytes NextFrame() { return LongFrameBytes(0, stream.Next(counter++, 0)); }
+    Bytes NextFrame() { return FrameBytes(0, stream.Next(counter++, 0)); }
     void SendFrames(int count) {
         for (int i = 0; i < count; ++i) {
             ASSERT_TRUE(host.Send(NextFrame()));
@@ -42,7 +42,7 @@ TEST_F(PeerPictures, TakesTheFirstPictureThatCanBeDecoded) {
     const std::string path = work / "picture.png";
     Start({"snapshot", "0", path});
     GiveOpenCamera();
-    host.Send(FrameBytes(0, {1, 2, 3}) + FrameBytes(0, {}) + LongFrameBytes(5, stream.Next(0, 0)));
+    host.Send(FrameBytes(0, {1, 2, 3}) + FrameBytes(0, {}) + FrameBytes(5, stream.Next(0, 0)));
     // A stream that is joined in its middle: up to the next key frame nothing can be decoded.
     SendFrames(60);
     GiveClosed();
@@ -66,7 +66,7 @@ TEST_F(PeerPictures, KeepsAFrameThatOvertakesTheAnswer) {
 TEST_F(PeerPictures, LeavesNoPictureWhereNoneCouldBeDecoded) {
     Start({"snapshot", "0", work / "picture.png", "--timeout", "0.3"});
     GiveOpenCamera();
-    host.Send(LongFrameBytes(0, Bytes(5000, 0x65)) + FrameBytes(0, {0, 0, 0, 1, 0x65}));
+    host.Send(FrameBytes(0, Bytes(5000, 0x65)) + FrameBytes(0, {0, 0, 0, 1, 0x65}));
     GiveClosed();
     ExpectEnd(1, "zu-camera-peer: none of the 2 frames of camera 0 (Front) within 0.3 s could be decoded\n");
     EXPECT_EQ(Files().size(), 0U);
@@ -114,7 +114,7 @@ TEST_P(PeerRecords, UntilASignalAndFinishesTheFile) {
         Start({"record", "0", Path(), "--overwrite"});
         GiveOpenCamera();
         for (uint32_t i = 0; i < 20; ++i) {
-            ASSERT_TRUE(host.Send(LongFrameBytes(0, fresh.Next(i, 0))));
+            ASSERT_TRUE(host.Send(FrameBytes(0, fresh.Next(i, 0))));
         }
         EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
         peer->Signal(signal);
@@ -200,7 +200,7 @@ protected:
     }
     void SendTo(uint8_t id, EncodedStream& from, int count) {
         for (int i = 0; i < count; ++i) {
-            ASSERT_TRUE(host.Send(LongFrameBytes(id, from.Next(counter++, 0))));
+            ASSERT_TRUE(host.Send(FrameBytes(id, from.Next(counter++, 0))));
         }
     }
     void GiveBothClosed() {
@@ -249,7 +249,7 @@ TEST_F(PeerPictures, WritesTheFramesToStandardOutputAsTheyCome) {
     std::string sent;
     for (int i = 0; i < 3; ++i) {
         const Bytes frame = stream.Next(counter++, 0);
-        host.Send(LongFrameBytes(0, frame));
+        host.Send(FrameBytes(0, frame));
         sent.append(frame.begin(), frame.end());
         WaitUntil([&] { return Printed().size() >= sent.size(); });
         EXPECT_EQ(Printed(), sent);
@@ -308,7 +308,7 @@ TEST_F(PeerWritesToAPipe, EndsWhenTheReaderIsGone) {
 
 TEST_F(PeerWritesToAPipe, EndsOnASignalWhileTheReaderIsBlocked) {
     // More than a pipe holds.
-    EXPECT_TRUE(host.Send(LongFrameBytes(0, LargeFrame(200000))));
+    EXPECT_TRUE(host.Send(FrameBytes(0, LargeFrame(200000))));
     EXPECT_TRUE(WaitUntilFull());
     peer->Signal(SIGTERM);
     GiveClosed();
@@ -318,7 +318,7 @@ TEST_F(PeerWritesToAPipe, EndsOnASignalWhileTheReaderIsBlocked) {
 TEST_F(PeerWritesToAPipe, HoldsTheHostBackWhileTheReaderIsBlockedAndLosesNothing) {
     constexpr size_t kFrames = 60;
     const Bytes frame = LargeFrame(200000);
-    const Bytes message = LongFrameBytes(0, frame);
+    const Bytes message = FrameBytes(0, frame);
     // What may be between the host and the reader: the pipe, a frame and what one read brings in the peer,
     // the socket (its buffer counts more than the bytes in it), and the message that is being sent.
     const size_t most_on_the_way = kPipeSize + message.size() + 65536 + 212992 + message.size();
@@ -358,13 +358,13 @@ TEST_F(PeerPictures, ReportsTheSizeThatArrivesAfterAChange) {
     Start({"format", "0", "--size", "320x240"});
     GiveOpenCamera();
     SendFrames(2);
-    host.Expect(HostMessage(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
+    host.Expect(MessageBytes(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
                 kVersionRequestBytes);
     // What was on its way.
     SendFrames(2);
     host.Send(kVersionReplyBytes);
     SendFrames(1);
-    host.Send(LongFrameBytes(0, after.Next(0, 0)));
+    host.Send(FrameBytes(0, after.Next(0, 0)));
     GiveClosed();
     ExpectEnd(0, "");
     EXPECT_EQ(Printed(), "camera 0 (Front): 640x480, then 320x240\n");
@@ -374,7 +374,7 @@ TEST_F(PeerPictures, ReportsThatTheSizeStaysAsItWas) {
     Start({"format", "0", "--size", "320x240"});
     GiveOpenCamera();
     SendFrames(1);
-    host.Expect(HostMessage(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
+    host.Expect(MessageBytes(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
                 kVersionRequestBytes);
     host.Send(kVersionReplyBytes);
     SendFrames(20);

@@ -49,7 +49,7 @@ protected:
                 return true;
             }
             // As fast as a camera: pictures are sent when the one before is due.
-            EXPECT_TRUE(host.Send(LongFrameBytes(id, NextFrame(counter++))));
+            EXPECT_TRUE(host.Send(FrameBytes(id, NextFrame(counter++))));
             poll(nullptr, 0, 20);
             return false;
         })) << Printed();
@@ -62,7 +62,7 @@ TEST_F(PeerStats, PrintsALineASecondWithLatencyAndDrops) {
     Start({"stats", "0", "--json", "--fps", "1"});
     GiveSlowCamera();
     for (const uint32_t counter : {0U, 1U, 4U}) {
-        host.Send(LongFrameBytes(0, NextFrame(counter)));
+        host.Send(FrameBytes(0, NextFrame(counter)));
     }
     host.Send(FrameBytes(0, {1, 2, 3}));
     ASSERT_TRUE(Prints("\n"));
@@ -86,7 +86,7 @@ TEST_F(PeerStats, PrintsALineASecondWithLatencyAndDrops) {
 TEST_F(PeerStats, NamesAStalledCameraClosesItAndOpensItAgain) {
     Start({"stats", "0", "--fps", "1"});
     GiveSlowCamera();
-    host.Send(LongFrameBytes(0, NextFrame(0)));
+    host.Send(FrameBytes(0, NextFrame(0)));
     // Nothing more comes: after half of the time it looks whether the camera is there.
     host.Expect(kGetListBytes);
     host.Send(kOneCamera);
@@ -106,7 +106,7 @@ TEST_F(PeerStats, NamesAStalledCameraClosesItAndOpensItAgain) {
 TEST_F(PeerStats, FindsACameraThatComesBackUnderAnotherId) {
     Start({"stats", "0", "--json", "--fps", "1"});
     GiveSlowCamera();
-    host.Send(LongFrameBytes(0, NextFrame(0)));
+    host.Send(FrameBytes(0, NextFrame(0)));
     host.Expect(kGetListBytes);
     host.Send(ListBytes({CameraBytes(0, "Desk", {{640, 480}})}));
     host.Expect(CloseBytes(0));
@@ -126,7 +126,7 @@ TEST_F(PeerStats, FindsACameraThatComesBackUnderAnotherId) {
 TEST_F(PeerStats, EndsWhenTheHostVanishes) {
     Start({"stats", "0"});
     GiveOpenCamera();
-    host.Send(LongFrameBytes(0, NextFrame(0)));
+    host.Send(FrameBytes(0, NextFrame(0)));
     host.Close();
     ExpectEnd(1, "zu-camera-peer: the host closed the connection\n");
 }

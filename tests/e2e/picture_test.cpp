@@ -1,6 +1,5 @@
-// Whether the picture that arrives is the picture that the camera showed: through the driver's buffers, the
-// encoder, the stream and a decoder. Byte counts do not see a wrong stride, swapped chroma or a torn buffer;
-// this does.
+// Compares the picture that the peer decodes with the picture that the camera showed. Byte counts do not
+// reveal a wrong stride, swapped chroma or a torn buffer; this does.
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
 
@@ -18,12 +17,14 @@
 
 namespace {
 
-using namespace zumod::testing::raw;
 using zumod::VideoDecodedPicture;
+using zumod::testing::Bytes;
+using zumod::testing::OpenBytes;
+using zumod::testing::raw::WholeSystem;
 
 struct Case {
     const char* name;
-    const char* format;  // of the camera, as the capture ends up with it
+    const char* format;  // that the capture uses
     unsigned width;
     unsigned height;
 };
@@ -32,13 +33,13 @@ void PrintTo(const Case& test, std::ostream* out) {
     *out << test.name;
 }
 
-// The planes of the model's picture of that moment, at half the chroma resolution.
+// The planes of the picture that the camera model painted with this stamp, at half the chroma resolution.
 struct Planes {
     std::vector<uint8_t> plane[3];
 };
 
 Planes Shown(const Case& test, const zumod::Stamp& stamp) {
-    // What every format is laid out from; BGR and YUYV carry the same colours.
+    // Every format is painted from these planes; BGR and YUYV carry the same colours.
     const auto layout = zumod::vcam::LayOut(V4L2_PIX_FMT_YUV420, test.width, test.height);
     std::vector<uint8_t> bytes(layout.sizeimage);
     // The camera burns its name, its format and its rate into the picture.
@@ -69,28 +70,25 @@ double Psnr(const std::vector<uint8_t>& shown, const uint8_t* decoded, int strid
 
 class PictureArrives : public WholeSystem, public ::testing::WithParamInterface<Case> {
 protected:
-    // The next frame's encoded bytes; notices are passed over.
-    static std::vector<uint8_t> NextFrame(const Peer& peer) {
+    // The next frame's encoded bytes. Skips notices.
+    Bytes NextFrame() const {
         for (;;) {
-            const Bytes header = peer.Receive(8);
-            uint32_t length = 0;
-            std::memcpy(&length, header.data(), sizeof length);
-            const Bytes body = peer.Receive(length);
-            if (header[4] == 7) {
-                return {body.begin() + 8, body.end()};
+            const auto message = peer->Receive();
+            if (!message) {
+                ADD_FAILURE() << "the channel was closed";
+                return {};
             }
-            EXPECT_EQ(body[0], 2) << "the camera did not open";
+            if (message->type == 7) {
+                return {message->body.begin() + 8, message->body.end()};
+            }
+            EXPECT_EQ(message->body, (Bytes{2, 0, 0, 0, 0, 0, 0, 0})) << "the camera did not open";
         }
-    }
-
-    static void PutNumber(Bytes& message, size_t at, uint32_t number) {
-        std::memcpy(message.data() + at, &number, sizeof number);
     }
 };
 
 TEST_P(PictureArrives, AsTheCameraShowedItAndInOrder) {
     const Case& test = GetParam();
-    // BGR is never chosen, only kept: when the device refuses to change from it.
+    // The module never chooses BGR. It keeps it if the device refuses another format.
     const bool keeps = std::strcmp(test.format, "BGR4") == 0;
     const std::string camera = "card=Front,fps=30,formats=" + std::string(keeps ? "BGR4:NV12" : test.format) +
                                ",sizes=" + std::to_string(test.width) + "x" + std::to_string(test.height) +
@@ -99,45 +97,39 @@ TEST_P(PictureArrives, AsTheCameraShowedItAndInOrder) {
     zumod::testing::ReferenceLedger ledger;
     const zumod::testing::CodecModule codec(ZU_MODULE_DIR "/zu-codec.so");
     Start(ZU_MODULE_DIR);
-    {
-        const Peer peer(PeerEnd());
-        const auto policy = zumod::testing::DecoderPolicyFor(ledger, zumod::kVideoTargetI420);
-        const auto decoder = codec.Create<zumod::IVDecoder>(*policy);
-        ASSERT_NE(decoder, nullptr);
-        Bytes open = {16, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 30, 0, 0, 0};
-        PutNumber(open, 12, test.width);
-        PutNumber(open, 16, test.height);
-        peer.Send(open);
+    const auto policy = zumod::testing::DecoderPolicyFor(ledger, zumod::kVideoTargetI420);
+    const auto decoder = codec.Create<zumod::IVDecoder>(*policy);
+    ASSERT_NE(decoder, nullptr);
+    EXPECT_TRUE(peer->Send(OpenBytes(0, test.width, test.height)));
 
-        constexpr int kPictures = 8;
-        int64_t last_counter = -1;
-        for (int pictures = 0; pictures < kPictures; ++pictures) {
-            const std::vector<uint8_t> encoded = NextFrame(peer);
-            zumod::testing::DecodeCall call(encoded, [&](const VideoDecodedPicture& picture) {
-                ASSERT_EQ(picture.width, static_cast<int32_t>(test.width));
-                ASSERT_EQ(picture.height, static_cast<int32_t>(test.height));
-                const auto stamp = zumod::vcam::ReadStamp(
-                    picture.planes[0], static_cast<size_t>(picture.strides[0]), test.width, test.height);
-                ASSERT_TRUE(stamp);
-                EXPECT_GT(static_cast<int64_t>(stamp->counter), last_counter);
-                last_counter = static_cast<int64_t>(stamp->counter);
-                const Planes shown = Shown(test, *stamp);
-                for (int i = 0; i < 3; ++i) {
-                    const unsigned shift = i == 0 ? 0 : 1;
-                    EXPECT_GE(Psnr(shown.plane[i], picture.planes[i], picture.strides[i], test.width >> shift,
-                                   test.height >> shift),
-                              36.0)
-                        << "plane " << i << " of picture " << pictures;
-                }
-            });
-            ASSERT_TRUE(decoder->Decode(&call));
-            EXPECT_EQ(call.pictures, 1);
-        }
-        EXPECT_TRUE(runtime.Has("[LinuxV4L2CameraCapture] startCapture success, devid 0, width " +
-                                std::to_string(test.width) + " height " + std::to_string(test.height) +
-                                " format " + test.format + " fps 30 setfps 1"));
-        Finish(peer);
+    constexpr int kPictures = 8;
+    int64_t last_counter = -1;
+    for (int pictures = 0; pictures < kPictures; ++pictures) {
+        const Bytes encoded = NextFrame();
+        zumod::testing::DecodeCall call(encoded, [&](const VideoDecodedPicture& picture) {
+            ASSERT_EQ(picture.width, static_cast<int32_t>(test.width));
+            ASSERT_EQ(picture.height, static_cast<int32_t>(test.height));
+            const auto stamp = zumod::vcam::ReadStamp(
+                picture.planes[0], static_cast<size_t>(picture.strides[0]), test.width, test.height);
+            ASSERT_TRUE(stamp);
+            EXPECT_GT(static_cast<int64_t>(stamp->counter), last_counter);
+            last_counter = static_cast<int64_t>(stamp->counter);
+            const Planes shown = Shown(test, *stamp);
+            for (int i = 0; i < 3; ++i) {
+                const unsigned shift = i == 0 ? 0 : 1;
+                EXPECT_GE(Psnr(shown.plane[i], picture.planes[i], picture.strides[i], test.width >> shift,
+                               test.height >> shift),
+                          36.0)
+                    << "plane " << i << " of picture " << pictures;
+            }
+        });
+        ASSERT_TRUE(decoder->Decode(&call));
+        EXPECT_EQ(call.pictures, 1);
     }
+    EXPECT_TRUE(runtime.Has("[LinuxV4L2CameraCapture] startCapture success, devid 0, width " +
+                            std::to_string(test.width) + " height " + std::to_string(test.height) +
+                            " format " + test.format + " fps 30 setfps 1"));
+    Finish();
 }
 
 INSTANTIATE_TEST_SUITE_P(

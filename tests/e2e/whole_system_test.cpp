@@ -1,6 +1,5 @@
-// From the host's slots to the driver's calls in one process: the built module, a codec that records what is
-// asked of it, and a virtual camera behind the C library's own calls. Wire, log and codec are looked at
-// together.
+// The built module in this process, with a codec that records its calls and a virtual camera behind the C
+// library's calls. The test compares wire, log and codec.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,13 +13,10 @@
 
 namespace {
 
-using namespace zumod::testing::raw;
-using zumod::testing::CountDescriptors;
-using zumod::testing::CountThreads;
-using zumod::testing::ThreadsComeTo;
+using namespace zumod::testing;
+using raw::Lines;
 
-// The lines that begin with one of these, in order: the milestones of a session, whatever the camera traces
-// between.
+// The lines that begin with one of these, in order: the milestones of a session.
 std::vector<std::string> Milestones(const Lines& lines) {
     std::vector<std::string> found;
     for (const auto& [level, text] : lines) {
@@ -36,54 +32,53 @@ std::vector<std::string> Milestones(const Lines& lines) {
     return found;
 }
 
-TEST_F(WholeSystem, APeerListsOpensReceivesChangesAndClosesACamera) {
+class WholeSystemTest : public raw::WholeSystem {
+protected:
+    // The next message; empty at the end of the channel.
+    Bytes Receive() const {
+        const auto message = peer->Receive();
+        return message ? MessageBytes(message->type, message->body) : Bytes{};
+    }
+};
+
+TEST_F(WholeSystemTest, APeerListsOpensReceivesChangesAndClosesACamera) {
     Start(ZU_TEST_MODULES_DIR "/recording");
     const zumod::vcam::PreloadedCameras cameras{"card=Front,formats=NV12,sizes=640x480:1280x720,fps=30"};
-    close(open("/dev/video0", O_RDONLY));  // the first call connects this process with its cameras, for good
+    close(open("/dev/video0", O_RDONLY));  // the first call connects this process with its cameras
     const auto threads = CountThreads();
     const auto descriptors = CountDescriptors();
-    {
-        const Peer peer(PeerEnd());
-        peer.Send({0, 0, 0, 0, 1, 0, 0, 0});
-        const Bytes list = peer.Receive(12 + 1304 + 16);
-        EXPECT_EQ((Bytes{list.begin(), list.begin() + 12}), (Bytes{0x2C, 5, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0}));
-        EXPECT_EQ((std::string{list.begin() + 18, list.begin() + 24}), std::string("Front\0", 6));
-        EXPECT_EQ((Bytes{list.begin() + 1312, list.end()}),
-                  (Bytes{2, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0}));
+    EXPECT_TRUE(peer->Send(kGetListBytes));
+    const Bytes list = peer->ReceiveBytes(12 + 1304 + 16);
+    EXPECT_EQ((Bytes{list.begin(), list.begin() + 12}), (Bytes{0x2C, 5, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0}));
+    EXPECT_EQ((std::string{list.begin() + 18, list.begin() + 24}), std::string("Front\0", 6));
+    EXPECT_EQ((Bytes{list.begin() + 1312, list.end()}),
+              (Bytes{2, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0}));
 
-        peer.Send({16, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0});
-        // The notice and the frames come from two threads, in any order.
-        const Bytes state = {8, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0};
-        const Bytes frame = {12, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 'c', 'o', 'd', 'e'};
-        int states = 0;
-        int frames = 0;
-        while (states == 0 || frames < 10) {
-            Bytes message = peer.Receive(8);
-            const Bytes body = peer.Receive(message[0]);
-            message.insert(message.end(), body.begin(), body.end());
-            ASSERT_TRUE(message == state || message == frame);
-            states += message == state ? 1 : 0;
-            frames += message == frame ? 1 : 0;
-        }
-        EXPECT_EQ(states, 1);
-        EXPECT_TRUE(runtime.Has("[codec] SetInputFormat 640x480 stride 640 bits 8"));
-        EXPECT_TRUE(runtime.Has("[codec] Encode 460800 bytes"));
-
-        peer.Send({16, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0, 30, 0, 0, 0});
-        while (!runtime.Has("[codec] Encode 1382400 bytes")) {
-            EXPECT_EQ(peer.Receive(20), frame);
-        }
-        peer.Send({4, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0});
-        Bytes message = peer.Receive(8);
-        while (message[4] == 7) {
-            peer.Receive(message[0]);
-            message = peer.Receive(8);
-        }
-        const Bytes body = peer.Receive(8);
-        message.insert(message.end(), body.begin(), body.end());
-        EXPECT_EQ(message, (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0}));
-        Finish(peer);
+    EXPECT_TRUE(peer->Send(OpenBytes(0)));
+    // The notice and the frames come from two threads, in any order.
+    const Bytes frame = FrameBytes(0, {'c', 'o', 'd', 'e'});
+    int states = 0;
+    int frames = 0;
+    while (states == 0 || frames < 10) {
+        const Bytes message = Receive();
+        ASSERT_TRUE(message == StateBytes(2, 0) || message == frame);
+        ++(message == frame ? frames : states);
     }
+    EXPECT_EQ(states, 1);
+    EXPECT_TRUE(runtime.Has("[codec] SetInputFormat 640x480 stride 640 bits 8"));
+    EXPECT_TRUE(runtime.Has("[codec] Encode 460800 bytes"));
+
+    EXPECT_TRUE(peer->Send(SetFormatBytes(0, 1280, 720, 30)));
+    while (!runtime.Has("[codec] Encode 1382400 bytes")) {
+        ASSERT_EQ(Receive(), frame);
+    }
+    EXPECT_TRUE(peer->Send(CloseBytes(0)));
+    Bytes message = Receive();
+    while (message == frame) {
+        message = Receive();
+    }
+    EXPECT_EQ(message, StateBytes(4, 0));
+    Finish();
     const std::string scan =
         "[CameraEnumerator]  id: 0 name: Front bus:  usb-zu-vcam-0 file: /dev/video0 res:  640x480 "
         "1280x720";

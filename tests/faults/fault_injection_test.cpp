@@ -26,7 +26,6 @@
 namespace {
 
 using namespace zumod::testing;
-using raw::Bytes;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // A session takes several times as long: every so many failures, beginning with the first.
@@ -37,10 +36,9 @@ constexpr uint64_t kStep = 1;
 constexpr size_t kProcessesAtOnce = 12;
 constexpr unsigned kSecondsForOne = 100;
 
-const Bytes kVersion = {4, 0, 0, 0, 11, 0, 0, 0, 5, 0, 0, 0};
-const Bytes kFailed = {8, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kOpen = {8, 0, 0, 0, 5, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kClosed = {8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kFailed = StateBytes(1, 0);
+const Bytes kOpen = StateBytes(2, 0);
+const Bytes kClosed = StateBytes(4, 0);
 
 struct Failure {
     ModuleCall kind;
@@ -50,7 +48,7 @@ struct Failure {
 
 // What a child tells its parent, in memory that both see.
 struct Outcome {
-    bool struck;
+    bool failed;
     std::array<uint64_t, kModuleCallKinds> calls;
     int requests_read;
     char complaint[512];
@@ -66,8 +64,8 @@ std::string CheckWhole(const FaultSession& session) {
     if (session.run_result != 1 || session.requests_read != FaultSession::kRequests) {
         out << "Run returned " << session.run_result << " after " << session.requests_read << " requests; ";
     }
-    if (session.replies.size() != 4 || session.replies[0] != kVersion || !IsList(session.replies[1]) ||
-        session.replies[2] != kOpen || session.replies[3] != kClosed) {
+    if (session.replies.size() != 4 || session.replies[0] != kVersionReplyBytes ||
+        !IsList(session.replies[1]) || session.replies[2] != kOpen || session.replies[3] != kClosed) {
         out << session.replies.size() << " replies, not as they should be; ";
     }
     if (session.frames < 6) {
@@ -87,7 +85,7 @@ std::string CheckDamaged(const FaultSession& session, uint64_t lost) {
     }
     size_t place = 0;
     for (const Bytes& reply : session.replies) {
-        const size_t its_place = reply == kVersion                    ? 1
+        const size_t its_place = reply == kVersionReplyBytes          ? 1
                                  : IsList(reply) || reply[4] == 2     ? 2
                                  : reply == kOpen || reply == kFailed ? 3
                                  : reply == kClosed                   ? 4
@@ -157,7 +155,7 @@ std::string TwoSessions(const Failure& failure, Outcome& outcome) {
     FailFrom(failure.kind, failure.first, failure.times);
     FaultSession damaged;
     damaged.Go();
-    outcome.struck = HasFailed();
+    outcome.failed = HasFailed();
     outcome.requests_read = damaged.requests_read;
     for (size_t kind = 0; kind < kModuleCallKinds; ++kind) {
         outcome.calls[kind] = CallsOf(static_cast<ModuleCall>(kind));
@@ -277,16 +275,16 @@ protected:
             children.Start(tried++, {test.kind, first, times});
         }
         children.WaitForAll();
-        size_t struck = 0;
+        size_t met = 0;
         for (size_t i = 0; i < tried; ++i) {
-            struck += children.At(i).struck ? 1U : 0U;
+            met += children.At(i).failed ? 1U : 0U;
         }
         RecordProperty("calls", std::to_string(calls));
-        RecordProperty("struck", std::to_string(struck));
-        std::printf("%lu calls, %zu failures tried, %zu met\n", calls, tried, struck);
+        RecordProperty("met", std::to_string(met));
+        std::printf("%lu calls, %zu failures tried, %zu met\n", calls, tried, met);
         // How often the module's own threads allocate depends on how many frames come: on a slow machine the
         // last ones are not met in every session.
-        EXPECT_GE(struck * 10, tried * (test.kind == ModuleCall::kThreadAllocation ? 5 : 9));
+        EXPECT_GE(met * 10, tried * (test.kind == ModuleCall::kThreadAllocation ? 5 : 9));
     }
 };
 

@@ -1,8 +1,7 @@
-// One whole session with the built module, from loading to unloading, whatever of it fails: the peer's
-// requests are given one by one, each when the one before it has been handled, and all that comes back is
-// kept.
+// One session with the built module, from load to unload, while calls in it may fail. The module reads the
+// peer's requests one by one, each after the one before it was handled; all its replies are kept.
 //
-// Thread rule: one session at a time, from one thread; Run is on a thread of its own.
+// Thread rule: one session at a time, from one thread; Run has a separate thread.
 #pragma once
 
 #include <dlfcn.h>
@@ -19,43 +18,43 @@
 #include "tests/support/doubles/raw_host.h"
 #include "tests/support/watch/module_calls.h"
 #include "tests/support/watch/wait_until.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod::testing {
 
 class FaultSession {
 public:
-    using Bytes = raw::Bytes;
-
-    // Frames that are waited for while the camera is open, before and after the change of format.
+    // How many frames to wait for while the camera is open, before and after the change of format.
     explicit FaultSession(int wanted_frames = 3) : m_wanted_frames(wanted_frames) {}
 
-    // Everything, in order. False when the module was not loaded or the plugin not created, which `what` then
-    // says; the rest of it was undone all the same.
+    // Loads the module, serves the peer and unloads. Returns false if the module was not loaded or the plugin
+    // not created; either way everything is released.
     bool Go() {
-        m_runtime.session = this;
+        m_runtime.on_line = [this](uint32_t, const char* text) {
+            const InHost outside;
+            if (std::strncmp(text, "[LinuxV4L2CameraCapture]", 24) == 0) {
+                has_capture = true;
+            }
+        };
+        m_runtime.properties["zu.env.modules.dir"] = {
+            {raw::kValueTable, 1}, 4, ZU_TEST_MODULES_DIR "/plain", 0};
         void* library = nullptr;
         {
             const InModule inside;
             library = dlopen(ZU_MODULE_FILE, RTLD_NOW);
         }
         if (library == nullptr) {
-            what = "not loaded";
             return false;
         }
-        module_loaded = true;
-        const auto entry =
-            reinterpret_cast<const raw::Descriptor* (*)()>(dlsym(library, "zumod_get_entrypoint"));
-        const raw::Descriptor* module = entry();
-        raw::Policy policy{{kPolicyTable, 1},
-                           {{raw::kValueTable, 1}, 4, "IClientCameraPlugin", 0},
-                           {{raw::kValueTable, 1}, 2, nullptr, 0x0002000000000000}};
+        const raw::Descriptor* module = raw::EntryOf(library);
+        raw::Policy policy = raw::PluginPolicy();
         void* plugin = nullptr;
         {
             const InModule inside;
             module->attach_runtime(&m_runtime);
             created = module->create(&policy, &plugin);
         }
-        if (policy.count != 1 || policy.name.count != 1 || policy.version.count != 1) {
+        if (policy.count != 1 || policy.name.count != 0 || policy.version.count != 0) {
             Complain("the policy's references are not balanced");
         }
         if (created == 1) {
@@ -71,32 +70,23 @@ public:
         if (dlopen(ZU_MODULE_FILE, RTLD_NOW | RTLD_NOLOAD) != nullptr) {
             Complain("the module is still mapped");
         }
-        if (created != 1) {
-            what = "not created";
-        }
         return created == 1;
     }
 
-    // The whole messages that came back, frames apart; and what is wrong, empty when nothing is.
+    // The messages from the module, without frames.
     std::vector<Bytes> replies;
     int frames = 0;
-    std::string what;
+    // What is wrong; empty if nothing is.
     std::string complaint;
-    bool module_loaded = false;
     int created = 0;
     int run_result = 0;
     int requests_read = 0;
-    // Whether a capture has said a word. Written by any thread while the session runs.
+    // Whether a capture has logged a line. Written by any thread while the session runs.
     std::atomic<bool> has_capture{false};
 
     static constexpr int kRequests = 5;
 
 private:
-    struct Runtime {
-        void* const* table;
-        FaultSession* session;
-        raw::Value directory;
-    };
     struct Stream : raw::Counted {
         FaultSession* session;
     };
@@ -137,18 +127,6 @@ private:
 
     // ---- What the module calls.
 
-    static int WriteLog(Runtime* self, uint32_t /*level*/, const char* text) {
-        const InHost outside;
-        if (std::strncmp(text, "[LinuxV4L2CameraCapture]", 24) == 0) {
-            self->session->has_capture = true;
-        }
-        return 0;
-    }
-    static void* GetProperty(Runtime* self, const char* key) {
-        return std::strcmp(key, "zu.env.modules.dir") == 0 ? &self->directory : nullptr;
-    }
-    static void* GetPolicy(raw::Policy* self, const char* key) { return raw::GetPolicy(self, key); }
-
     static int ReadStream(Stream* self, void* data, unsigned long size, unsigned long* done) {
         const InHost outside;
         return self->session->Read(data, size, done);
@@ -160,14 +138,11 @@ private:
         return 0;
     }
 
-    // A request begins when the one before it has been handled: its bytes are read only then.
+    // The module reads the next request only after it has handled the one before.
     int Read(void* data, unsigned long size, unsigned long* done) {
         static const Bytes kScript[kRequests] = {
-            {0, 0, 0, 0, 10, 0, 0, 0},
-            {0, 0, 0, 0, 1, 0, 0, 0},
-            {16, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 160, 0, 0, 0, 120, 0, 0, 0, 200, 0, 0, 0},
-            {16, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 128, 0, 0, 0, 96, 0, 0, 0, 200, 0, 0, 0},
-            {4, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0},
+            kVersionRequestBytes, kGetListBytes, OpenBytes(0, 160, 120, 200), SetFormatBytes(0, 128, 96, 200),
+            CloseBytes(0),
         };
         if (m_at == 0) {
             // Before the change of format, and before the close.
@@ -189,8 +164,8 @@ private:
         return 0;
     }
 
-    // So many frames more; none when the camera is not open; no longer than a moment once a call has failed,
-    // since what fails may be just that which frames need.
+    // Waits for m_wanted_frames more frames. Does not wait if the camera is not open, and gives up after
+    // kPatience without a frame once a call has failed: frames may need just that call.
     void WaitForFrames() {
         const auto now = [this] {
             const std::lock_guard guard(m_mutex);
@@ -225,7 +200,7 @@ private:
             const auto end = m_written.begin() + 8 + length;
             const Bytes message(m_written.begin(), end);
             m_written.erase(m_written.begin(), end);
-            static const Bytes kFrame = {12, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 'c', 'o', 'd', 'e'};
+            static const Bytes kFrame = FrameBytes(0, {'c', 'o', 'd', 'e'});
             if (message == kFrame) {
                 ++frames;
             } else {
@@ -235,10 +210,6 @@ private:
     }
 
     static constexpr std::chrono::milliseconds kPatience{300};
-    static inline void* const kRuntimeTable[] = {raw::Slot(&WriteLog), nullptr, nullptr,
-                                                 raw::Slot(&GetProperty)};
-    static inline void* const kPolicyTable[] = {nullptr, nullptr, raw::Slot(&raw::CountUp),
-                                                raw::Slot(&raw::CountDown), raw::Slot(&GetPolicy)};
     static inline void* const kStreamTable[] = {nullptr,
                                                 nullptr,
                                                 raw::Slot(&raw::CountUp),
@@ -247,7 +218,7 @@ private:
                                                 raw::Slot(&WriteStream)};
 
     const int m_wanted_frames;
-    Runtime m_runtime{kRuntimeTable, nullptr, {{raw::kValueTable, 1}, 4, ZU_TEST_MODULES_DIR "/plain", 0}};
+    raw::Runtime m_runtime{raw::kRuntimeTable, {}, {}, {}};
     Stream m_stream{{kStreamTable, 1}, this};
     size_t m_at = 0;
     std::mutex m_mutex;

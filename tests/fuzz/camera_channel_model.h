@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod::testing {
 

@@ -1,12 +1,11 @@
 // Hours of use in minutes: the built module in this process, three virtual cameras and a peer that opens,
-// closes and changes them at random, reads slowly or not at all and goes away in the middle of things, while
-// cameras are unplugged, plugged in again and go wrong. Each minute, with nothing open, the process must hold
-// what it held at the start.
+// closes and changes them at random, reads slowly or not at all and disconnects at any point, while cameras
+// are unplugged, plugged in again and made to fail. Once per minute everything is closed, and the process
+// must hold what it held at the start.
 //
-// Usage: soak [--minutes N] [--seed N]. What is decided is decided by the seed alone; when it happens is not.
+// The seed determines every decision, but not when it is carried out.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <linux/videodev2.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -25,22 +24,23 @@
 #include <thread>
 #include <vector>
 
+#include "common/command_line.h"
 #include "src/capture/linux_v4l2_camera_capture.h"
 #include "tests/support/doubles/raw_host.h"
 #include "tests/support/watch/mappings.h"
 #include "tests/support/watch/module_calls.h"
 #include "tests/support/watch/process_state.h"
+#include "tests/support/wire/camera_messages.h"
 #include "vcam/testing/preloaded_cameras.h"
 
 namespace {
 
 using namespace zumod::testing;
 namespace faults = zumod::vcam::faults;
-using raw::Bytes;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kCameras = 3;
-constexpr unsigned kSecondsUntilStuck = 120;
+constexpr unsigned kSecondsForOneSession = 120;
 
 struct Figures {
     uint64_t sessions = 0;
@@ -49,9 +49,9 @@ struct Figures {
     uint64_t loads = 0;
     uint64_t kills = 0;
     uint64_t pauses = 0;
-    std::atomic<uint64_t> opens{0};         // camera clients that were made
-    std::atomic<uint64_t> starts{0};        // captures that started
-    std::atomic<uint64_t> unmapped_not{0};  // starts that failed with buffers mapped, which stay so
+    std::atomic<uint64_t> opens{0};   // camera clients that were created
+    std::atomic<uint64_t> starts{0};  // captures that started
+    std::atomic<uint64_t> starts_that_leaked_mappings{0};
     uint64_t frames = 0;
     uint64_t replies = 0;
 };
@@ -66,34 +66,23 @@ private:
     std::mt19937_64 m_engine;
 };
 
-// ---- The host: tables of functions, whose own work is not the module's.
+// ---- The host.
 
-struct Runtime {
-    void* const* table;
-    Figures* figures;
-    raw::Value directory;
-};
-
-bool Begins(const char* text, const char* start) {
+bool StartsWith(const char* text, const char* start) {
     return std::strncmp(text, start, std::strlen(start)) == 0;
 }
 
-int WriteLog(Runtime* self, uint32_t level, const char* text) {
+void CountLine(Figures& figures, uint32_t level, const char* text) {
     const InHost outside;
-    if (level == 1 && Begins(text, "[cameraclient] OnProtoOpenCamera id")) {
-        ++self->figures->opens;
-    } else if (Begins(text, "[LinuxV4L2CameraCapture] startCapture success")) {
-        ++self->figures->starts;
-    } else if (level == 4 && (Begins(text, "[LinuxV4L2CameraCapture] query buf fail") ||
-                              Begins(text, "[LinuxV4L2CameraCapture] qbuf fail"))) {
-        ++self->figures->unmapped_not;
+    if (level == 1 && StartsWith(text, "[cameraclient] OnProtoOpenCamera id")) {
+        ++figures.opens;
+    } else if (StartsWith(text, "[LinuxV4L2CameraCapture] startCapture success")) {
+        ++figures.starts;
+    } else if (level == 4 && (StartsWith(text, "[LinuxV4L2CameraCapture] query buf fail") ||
+                              StartsWith(text, "[LinuxV4L2CameraCapture] qbuf fail"))) {
+        ++figures.starts_that_leaked_mappings;
     }
-    return 0;
 }
-void* GetProperty(Runtime* self, const char* key) {
-    return std::strcmp(key, "zu.env.modules.dir") == 0 ? &self->directory : nullptr;
-}
-void* const kRuntimeTable[] = {raw::Slot(&WriteLog), nullptr, nullptr, raw::Slot(&GetProperty)};
 
 struct Stream : raw::Counted {
     int fd;
@@ -127,10 +116,6 @@ void* const kStreamTable[] = {nullptr,
 
 // ---- The peer.
 
-void PutNumber(Bytes& bytes, size_t at, uint32_t number) {
-    std::memcpy(bytes.data() + at, &number, sizeof number);
-}
-
 class Peer {
 public:
     Peer(int fd, Figures& figures) : m_fd(fd), m_figures(figures) { fcntl(fd, F_SETFL, O_NONBLOCK); }
@@ -138,7 +123,7 @@ public:
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
-    // Takes what comes until the time is over. False when a message is none.
+    // Reads until the time is over. Returns false after a malformed message.
     bool ReadFor(std::chrono::milliseconds time) {
         const auto end = Clock::now() + time;
         do {
@@ -151,7 +136,7 @@ public:
         return true;
     }
 
-    // Reads on while the module takes its time to read.
+    // Goes on reading while the module is slow to read.
     bool Send(const Bytes& bytes) {
         ++m_figures.requests;
         for (size_t sent = 0; sent < bytes.size();) {
@@ -224,12 +209,16 @@ public:
         : m_random(seed),
           m_cameras{"card=One,formats=NV12,sizes=640x480:320x240:160x120,fps=60",
                     "card=Two,formats=YUYV:YU12,sizes=320x240:640x480,fps=30:60,adjust=width",
-                    "card=Three,formats=YUYV,sizes=160x120:320x240,fps=100"} {}
+                    "card=Three,formats=YUYV,sizes=160x120:320x240,fps=100"} {
+        m_runtime.properties["zu.env.modules.dir"] = {
+            {raw::kValueTable, 1}, 4, ZU_TEST_MODULES_DIR "/plain", 0};
+        m_runtime.on_line = [this](uint32_t level, const char* text) { CountLine(m_figures, level, text); };
+    }
 
     bool Run(std::chrono::minutes length, uint64_t seed) {
         std::printf("soak: %ld minutes, seed %lu\n", length.count(), seed);
-        close(open("/dev/video0",
-                   O_RDONLY));  // the first call connects this process with its cameras, for good
+        // The first call connects this process with its cameras, which takes descriptors.
+        close(open("/dev/video0", O_RDONLY));
         Session(std::chrono::seconds(2));
         Settle();
         m_threads = CountThreads();
@@ -266,7 +255,7 @@ private:
             }
             ++m_figures.loads;
         }
-        return reinterpret_cast<const raw::Descriptor* (*)()>(dlsym(m_library, "zumod_get_entrypoint"))();
+        return raw::EntryOf(m_library);
     }
 
     void Unload() {
@@ -278,12 +267,10 @@ private:
     }
 
     bool Session(std::chrono::milliseconds length) {
-        alarm(kSecondsUntilStuck);
+        alarm(kSecondsForOneSession);
         ++m_figures.sessions;
         const raw::Descriptor* module = Module();
-        raw::Policy policy{{raw::kPolicyTable, 1},
-                           {{raw::kValueTable, 1}, 4, "IClientCameraPlugin", 0},
-                           {{raw::kValueTable, 1}, 2, nullptr, 0x0002000000000000}};
+        raw::Policy policy = raw::PluginPolicy();
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
             return Complain("no socket");
@@ -310,8 +297,10 @@ private:
                 good = Act(peer);
             }
             if (good && m_random.OneIn(3)) {
-                // Half a message, and then nothing more.
-                good = peer.Send({16, 0, 0, 0, 3, 0, 0, 0, 1, 0});
+                // Half a message.
+                Bytes half = OpenBytes(1);
+                half.resize(10);
+                good = peer.Send(half);
             }
             if (m_random.OneIn(3)) {
                 peer.StopSending();
@@ -332,7 +321,7 @@ private:
             Unload();
         }
         if (!good) {
-            return Complain("a message that is none");
+            return Complain("a malformed message");
         }
         if (left != 0 || stream.count != 1 || policy.count != 1) {
             return Complain("a reference is left");
@@ -340,9 +329,9 @@ private:
         return true;
     }
 
-    // One thing that a peer does or that happens to a camera, and some time.
+    // One action of a peer or one fault of a camera, and some time.
     bool Act(Peer& peer) {
-        const uint32_t id = m_random.Below(kCameras + 1);  // one more than there are
+        const uint32_t id = m_random.Below(kCameras + 1);  // one more than exist
         bool good = true;
         switch (m_random.Below(12)) {
             case 0:
@@ -355,26 +344,23 @@ private:
                 good = peer.Send(Request(9, id));
                 break;
             case 5:
-            case 6: {
-                Bytes message = {4, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0};
-                PutNumber(message, 8, id);
-                good = peer.Send(message);
+            case 6:
+                good = peer.Send(CloseBytes(id));
                 break;
-            }
             case 7:
-                good = peer.Send({0, 0, 0, 0, 1, 0, 0, 0});
+                good = peer.Send(kGetListBytes);
                 break;
             case 8:
-                good = peer.Send({0, 0, 0, 0, 10, 0, 0, 0}) && peer.Send(Request(8, id)) &&
-                       peer.Send({2, 0, 0, 0, 99, 0, 0, 0, 1, 2});
+                good = peer.Send(kVersionRequestBytes) && peer.Send(Request(8, id)) &&
+                       peer.Send(MessageBytes(99, {1, 2}));
                 break;
             case 9:
-                // Reads nothing for a while.
+                // Reads nothing for a time.
                 ++m_figures.pauses;
                 std::this_thread::sleep_for(std::chrono::milliseconds(m_random.Below(700)));
                 break;
             default:
-                GoWrong(m_cameras.At(m_random.Below(kCameras)));
+                InjectFault(m_cameras.At(m_random.Below(kCameras)));
                 break;
         }
         return good && peer.ReadFor(std::chrono::milliseconds(m_random.Below(250)));
@@ -383,15 +369,11 @@ private:
     Bytes Request(uint8_t type, uint32_t id) {
         static constexpr uint32_t kSizes[][2] = {{640, 480}, {320, 240}, {160, 120}, {321, 241}};
         const auto& size = kSizes[m_random.Below(4)];
-        Bytes message = {16, 0, 0, 0, type, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-        PutNumber(message, 8, id);
-        PutNumber(message, 12, size[0]);
-        PutNumber(message, 16, size[1]);
-        PutNumber(message, 20, 15 + m_random.Below(100));
-        return message;
+        const uint32_t fps = 15 + m_random.Below(100);
+        return MessageBytes(type, Number32(id) + Number32(size[0]) + Number32(size[1]) + Number32(fps));
     }
 
-    void GoWrong(zumod::vcam::Camera& camera) {
+    void InjectFault(zumod::vcam::Camera& camera) {
         ++m_figures.faults;
         const uint32_t frame = m_random.Below(5);
         switch (m_random.Below(12)) {
@@ -433,7 +415,7 @@ private:
         }
     }
 
-    // Nothing open, nothing loaded, every camera there and whole.
+    // Closes and unloads everything, plugs every camera in and removes its faults.
     void Settle() {
         Unload();
         for (uint32_t i = 0; i < kCameras; ++i) {
@@ -479,8 +461,8 @@ private:
         if (descriptors != m_descriptors) {
             good = Complain("descriptors are left");
         }
-        // A start that fails with buffers already mapped leaves these, deliberately.
-        if (mappings < 0 || static_cast<uint64_t>(mappings) > 4 * m_figures.unmapped_not) {
+        // Required by the contract: a start that fails with buffers already mapped leaks them.
+        if (mappings < 0 || static_cast<uint64_t>(mappings) > 4 * m_figures.starts_that_leaked_mappings) {
             good = Complain("mappings are left");
         }
         if (captures != opens || pools > captures || others != 0 ||
@@ -499,62 +481,42 @@ private:
     Random m_random;
     zumod::vcam::PreloadedCameras m_cameras;
     Figures m_figures;
-    Runtime m_runtime{kRuntimeTable, &m_figures, {{raw::kValueTable, 1}, 4, ZU_TEST_MODULES_DIR "/plain", 0}};
+    raw::Runtime m_runtime{raw::kRuntimeTable, {}, {}, {}};
     void* m_library = nullptr;
     std::ptrdiff_t m_threads = 0;
     std::ptrdiff_t m_descriptors = 0;
 };
 
-void SayStuck(int /*signal*/) {
+void ReportStuck(int /*signal*/) {
     static constexpr char kText[] = "soak: FAILED: a session does not end\n";
     if (write(STDOUT_FILENO, kText, sizeof kText - 1) < 0) {
-        // there is nobody else to tell
+        // there is nowhere else to report it
     }
     abort();
 }
 
-bool ReadNumber(const char* text, uint64_t& number) {
-    char* end = nullptr;
-    errno = 0;
-    number = std::strtoull(text, &end, 10);
-    return errno == 0 && end != text && *end == '\0' && text[0] != '-';
-}
-
-constexpr char kUsage[] =
-    "Usage: soak [--minutes N] [--seed N] [--help]\n"
-    "\n"
-    "Uses the module at random for N minutes (default 10) and says each minute what is left behind.\n"
-    "Needs the virtual cameras' library in LD_PRELOAD: scripts/soak sees to it.\n"
-    "Exits 0 when nothing was, 1 when something was, 2 for a wrong option.\n";
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    uint64_t minutes = 10;
+    int minutes = 10;
     uint64_t seed = std::random_device{}();
-    static constexpr option kOptions[] = {{"minutes", required_argument, nullptr, 'm'},
-                                          {"seed", required_argument, nullptr, 's'},
-                                          {"help", no_argument, nullptr, 'h'},
-                                          {nullptr, 0, nullptr, 0}};
-    for (int given = 0; (given = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
-        if (given == 'h') {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (given == '?' || !ReadNumber(optarg, given == 'm' ? minutes : seed) || minutes == 0 ||
-            minutes > 100'000) {
-            std::fputs("soak: a wrong option (see --help)\n", stderr);
-            return 2;
-        }
+    CLI::App app("Uses the module at random and prints once per minute what is left behind.", "soak");
+    app.set_help_flag("--help", "Print this text and exit");
+    app.add_option("--minutes", minutes, "How long (default: 10)")
+        ->type_name("N")
+        ->check(CLI::Range(1, 100'000));
+    app.add_option("--seed", seed, "The decisions of an earlier run, which prints it in its first line")
+        ->type_name("N");
+    app.footer(
+        "LD_PRELOAD must name the virtual cameras' library, as in scripts/soak.\n"
+        "Exits 0 if nothing is left behind, 1 otherwise, 2 for a wrong option.");
+    if (const auto parsed = zumod::ParseCommandLine(app, argc, argv); !parsed) {
+        return zumod::ReportError("soak", parsed.error());
     }
-    if (optind != argc) {
-        std::fputs("soak: takes no arguments (see --help)\n", stderr);
-        return 2;
-    }
-    std::signal(SIGALRM, &SayStuck);
+    std::signal(SIGALRM, &ReportStuck);
     Soak soak(seed);
     const int status = soak.Run(std::chrono::minutes(minutes), seed) ? 0 : 1;
     std::fflush(stdout);
-    // What the cameras' library holds for this process is not the module's: nothing is torn down after this.
+    // No destructors: what the cameras' library holds for this process is not under test.
     _exit(status);
 }

@@ -1,7 +1,6 @@
 #include "tests/vm/driver_session.h"
 
 #include <poll.h>
-#include <sys/time.h>
 
 #include <cstring>
 #include <stdexcept>
@@ -15,7 +14,7 @@ namespace {
 constexpr std::chrono::milliseconds kLimit = std::chrono::seconds(30);
 
 template <class Record>
-Record RecordAt(const raw::Bytes& bytes, size_t at) {
+Record RecordAt(const Bytes& bytes, size_t at) {
     if (at + sizeof(Record) > bytes.size()) {
         throw std::runtime_error("the message is too short");
     }
@@ -33,14 +32,10 @@ std::string TextOf(const char (&field)[kCameraNameSize]) {
 void DriverSession::SetUp() {
     ForgetCaptureThreads();
     Start(ZU_MODULE_DIR);
-    m_peer.emplace(PeerEnd());
-    const timeval limit{30, 0};
-    setsockopt(PeerEnd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
 }
 
 void DriverSession::TearDown() {
-    Finish(*m_peer);
-    m_peer.reset();
+    Finish();
     if (HasFailure()) {
         for (const auto& [level, text] : runtime.lines) {
             if (text.find(" support ") == std::string::npos) {
@@ -51,25 +46,22 @@ void DriverSession::TearDown() {
 }
 
 void DriverSession::Send(uint8_t type, const void* body, size_t size) {
-    const _MESSAGE_HEADER header{static_cast<uint32_t>(size), type, {}};
-    raw::Bytes message(sizeof header + size);
-    std::memcpy(message.data(), &header, sizeof header);
-    if (size != 0) {
-        std::memcpy(message.data() + sizeof header, body, size);
-    }
-    m_peer->Send(message);
+    const auto* bytes = static_cast<const uint8_t*>(body);
+    EXPECT_TRUE(peer->Send(MessageBytes(type, Bytes(bytes, bytes + size))));
 }
 
-std::optional<DriverSession::Message> DriverSession::Receive(std::chrono::milliseconds limit) {
-    pollfd readable{PeerEnd(), POLLIN, 0};
+std::optional<PeerMessage> DriverSession::Receive(std::chrono::milliseconds limit) {
+    pollfd readable{peer->Descriptor(), POLLIN, 0};
     if (poll(&readable, 1, static_cast<int>(limit.count())) != 1) {
         return std::nullopt;
     }
-    const auto header = RecordAt<_MESSAGE_HEADER>(m_peer->Receive(sizeof(_MESSAGE_HEADER)), 0);
-    Message message{header.type, m_peer->Receive(header.length)};
-    if (message.type == kVideoFrame) {
-        const auto head = RecordAt<VideoFrameHead>(message.body, 0);
-        m_frames[head.id].emplace_back(message.body.begin() + sizeof head, message.body.end());
+    auto message = peer->Receive();
+    if (!message) {
+        throw std::runtime_error("the channel was closed");
+    }
+    if (message->type == kVideoFrame) {
+        const auto head = RecordAt<VideoFrameHead>(message->body, 0);
+        m_frames[head.id].emplace_back(message->body.begin() + sizeof head, message->body.end());
     }
     return message;
 }

@@ -54,16 +54,11 @@ protected:
     std::vector<std::string> Complaints(uint32_t id);
 
 private:
-    struct Message {
-        uint8_t type;
-        raw::Bytes body;
-    };
     void Send(uint8_t type, const void* body, size_t size);
     // Keeps a picture; none when nothing came in time.
-    std::optional<Message> Receive(std::chrono::milliseconds limit);
+    std::optional<PeerMessage> Receive(std::chrono::milliseconds limit);
     uint32_t AwaitState(uint32_t id);
 
-    std::optional<raw::Peer> m_peer;
     std::map<uint32_t, std::deque<std::vector<uint8_t>>> m_frames;
 };
 

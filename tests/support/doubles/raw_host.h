@@ -1,15 +1,15 @@
-// A host made of tables of functions and slot numbers, with nothing of the SDK: what someone else would write
-// in C.
+// A host made of tables of functions and slot numbers, without the SDK, as a third party would write it in C.
 //
-// Thread rule: each object belongs to the test; the runtime may be called by any thread.
+// Thread rule: each object belongs to the test; the runtime may be called from any thread.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <dlfcn.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -22,7 +22,6 @@ extern "C" [[gnu::weak]] void __lsan_enable();   // NOLINT(bugprone-reserved-ide
 
 namespace zumod::testing::raw {
 
-using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::pair<uint32_t, std::string>>;
 
 struct Descriptor {
@@ -33,6 +32,10 @@ struct Descriptor {
     int (*create)(void* policy, void** out);
     const char* build_stamp;
 };
+
+inline const Descriptor* EntryOf(void* library) {
+    return reinterpret_cast<const Descriptor* (*)()>(dlsym(library, "zumod_get_entrypoint"))();
+}
 
 template <class Function>
 void* Slot(Function function) {
@@ -45,7 +48,7 @@ Result Call(void* object, size_t slot, Arguments... arguments) {
     return reinterpret_cast<Result (*)(void*, Arguments...)>(table[slot])(object, arguments...);
 }
 
-// An object of the host's: a pointer to its table, then what it needs.
+// An object of the host: a pointer to its table, then its fields.
 struct Counted {
     void* const* table;
     int64_t count = 0;
@@ -84,7 +87,9 @@ struct Runtime {
     void* const* table;
     std::mutex mutex;
     Lines lines;
-    std::map<std::string, Value> properties;
+    std::map<std::string, Value, std::less<>> properties;
+    // If set, called for each line instead of keeping it.
+    std::function<void(uint32_t level, const char* text)> on_line{};
 
     bool Has(const std::string& text) {
         const std::lock_guard guard(mutex);
@@ -98,6 +103,10 @@ struct Runtime {
 };
 
 inline int WriteLog(Runtime* self, uint32_t level, const char* text) {
+    if (self->on_line) {
+        self->on_line(level, text);
+        return 0;
+    }
     const std::lock_guard guard(self->mutex);
     self->lines.emplace_back(level, text);
     return 0;
@@ -125,6 +134,13 @@ inline void* GetPolicy(Policy* self, const char* key) {
 }
 inline void* const kPolicyTable[] = {nullptr, nullptr, Slot(&CountUp), Slot(&CountDown), Slot(&GetPolicy)};
 
+// What asks the module for its plugin. One reference is the host's.
+inline Policy PluginPolicy() {
+    return {{kPolicyTable, 1},
+            {{kValueTable}, 4, "IClientCameraPlugin", 0},
+            {{kValueTable}, 2, nullptr, 0x0002000000000000}};
+}
+
 // ---- The stream.
 
 struct Stream : Counted {
@@ -143,8 +159,8 @@ inline int WriteStream(Stream* self, const void* data, unsigned long size, unsig
 inline void* const kStreamTable[] = {nullptr,          nullptr,           Slot(&CountUp),
                                      Slot(&CountDown), Slot(&ReadStream), Slot(&WriteStream)};
 
-// What a camera client deliberately leaves behind is named in a suppression, by a function that is no longer
-// mapped when the checker looks, after this module's unload.
+// Hides from the leak checker what a camera client leaks on purpose. A suppression would need the name of a
+// function, which is no longer mapped when the checker runs, after the module was unloaded.
 class LeavesSomethingBehind {
 public:
     LeavesSomethingBehind() {
@@ -159,27 +175,6 @@ public:
     }
     LeavesSomethingBehind(const LeavesSomethingBehind&) = delete;
     LeavesSomethingBehind& operator=(const LeavesSomethingBehind&) = delete;
-};
-
-class Peer {
-public:
-    explicit Peer(int fd) : m_fd(fd) {}
-    ~Peer() { close(m_fd); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-
-    void Send(const Bytes& bytes) const {
-        EXPECT_EQ(send(m_fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    }
-    Bytes Receive(size_t size) const {
-        Bytes bytes(size);
-        EXPECT_EQ(recv(m_fd, bytes.data(), size, MSG_WAITALL), static_cast<ssize_t>(size));
-        return bytes;
-    }
-    void Hang() const { shutdown(m_fd, SHUT_RDWR); }
-
-private:
-    const int m_fd;
 };
 
 }  // namespace zumod::testing::raw

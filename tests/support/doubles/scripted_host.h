@@ -1,7 +1,8 @@
-// A host of the test's own: a Unix socket where it accepts a peer, expects its requests byte by byte and
-// sends it any bytes.
+// A host played by the test: a Unix socket where it accepts a peer, compares the peer's requests byte by byte
+// and sends any bytes.
 //
-// Thread rule: one thread at a time. Every wait has a deadline; past it, a failure is recorded.
+// Thread rule: one thread at a time. Every wait has a deadline; a wait that exceeds it is a failure of the
+// test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,25 +10,21 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 
 #include "common/unique_fd.h"
-#include "tests/support/wire/host_messages.h"
+#include "common/unix_socket.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod::testing {
 
 class ScriptedHost {
 public:
-    explicit ScriptedHost(const std::string& path)
-        : m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(m_listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    explicit ScriptedHost(const std::string& path) : m_listener(NewUnixSocket()) {
+        const auto address = UnixAddress::FromPath(path);
+        EXPECT_TRUE(address && address->Bind(m_listener) == 0) << path;
         EXPECT_EQ(listen(m_listener.Get(), 4), 0);
     }
 
@@ -36,7 +33,7 @@ public:
         m_peer.Reset(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     }
 
-    // The next bytes that come are these.
+    // Receives as many bytes as the request has, and compares them.
     void Expect(const Bytes& request) {
         Bytes received;
         while (received.size() < request.size()) {
@@ -49,7 +46,7 @@ public:
         EXPECT_EQ(received, request);
     }
 
-    // Whether the peer took all of it.
+    // Returns whether the peer accepted all bytes.
     bool Send(const Bytes& bytes) {
         size_t sent = 0;
         while (sent < bytes.size() && IsReady(m_peer.Get(), POLLOUT)) {
@@ -71,11 +68,11 @@ public:
 
     void Close() { m_peer.Reset(); }
 
-    // Waits until the peer has closed, whatever it sends before.
+    // Waits until the peer has closed; ignores what it sends before.
     void ExpectClosed() {
         Bytes passed_over(4096);
         for (;;) {
-            ASSERT_TRUE(IsReady(m_peer.Get(), POLLIN)) << "the peer goes on";
+            ASSERT_TRUE(IsReady(m_peer.Get(), POLLIN)) << "the peer has not closed";
             if (recv(m_peer.Get(), passed_over.data(), passed_over.size(), 0) <= 0) {
                 return;
             }

@@ -1,7 +1,8 @@
-// A channel stream in memory: the peer's bytes are given ahead, what the plugin writes is kept, and either
-// direction can be made slow or failing.
+// A channel stream in memory. It reads the bytes it was constructed with and keeps what the plugin writes;
+// either direction can be made slow or made to fail.
 //
-// Thread rule: the options are set before the stream is used; Read is [run thread]; all else is [any thread].
+// Thread rule: set the options before the stream is used; Read is [run thread]; everything else is [any
+// thread].
 #pragma once
 
 #include <algorithm>
@@ -15,16 +16,10 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/wire/camera_messages.h"
 #include "zumod/channel_stream.h"
 
 namespace zumod::testing {
-
-using Bytes = std::vector<uint8_t>;
-
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 class ScriptedStream final : public CCounted_T<IChannelStream> {
 public:
@@ -33,10 +28,10 @@ public:
     explicit ScriptedStream(Bytes input = {}) : m_input(std::move(input)) { ++s_alive; }
     ~ScriptedStream() override { --s_alive; }
 
-    // At most this many bytes a call.
+    // The most bytes per call.
     uint64_t read_chunk = kUnlimited;
     uint64_t write_chunk = kUnlimited;
-    // Fail once this many bytes were written in all.
+    // Writes fail after this many bytes in total.
     uint64_t fail_write_after = kUnlimited;
     // Called before each write, on its thread.
     std::function<void()> on_write;
@@ -82,7 +77,7 @@ public:
         const std::lock_guard guard(m_mutex);
         return m_write_calls;
     }
-    // How many bytes each successful read was asked for.
+    // The size that each successful read asked for.
     const std::vector<uint64_t>& ReadSizes() const { return m_read_sizes; }
     uint64_t AddRefs() const { return m_add_refs; }
 

@@ -1,12 +1,12 @@
-// The peer's end of a camera channel, bytes by hand: what a test of a host speaks.
+// The peer's end of a camera channel, for tests of a host.
 //
-// Thread rule: one thread at a time. Every wait has a deadline; past it, a failure is recorded.
+// Thread rule: one thread at a time. Every wait has a deadline; a wait that exceeds it is a failure of the
+// test.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,40 +18,38 @@
 #include <vector>
 
 #include "common/unique_fd.h"
+#include "common/unix_socket.h"
 #include "tests/support/watch/wait_until.h"
+#include "tests/support/wire/camera_messages.h"
 
 namespace zumod::testing {
 
 struct PeerMessage {
     uint8_t type = 0;
-    std::vector<uint8_t> body;
+    Bytes body;
 };
 
 class PeerClient {
 public:
-    using Bytes = std::vector<uint8_t>;
-
     // One socket, or a pipe for each direction.
     explicit PeerClient(UniqueFd socket) : m_in(std::move(socket)) {}
     PeerClient(UniqueFd in, UniqueFd out) : m_in(std::move(in)), m_out(std::move(out)) {}
 
-    // Connected to the Unix socket of this path, once somebody listens there.
+    // Connected to the Unix socket at this path, once a host listens there.
     static PeerClient ConnectTo(const std::string& path) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        const auto address = UnixAddress::FromPath(path);
         UniqueFd connected;
-        EXPECT_TRUE(WaitUntil([&] {
-            connected.Reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-            return connect(connected.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        })) << "nobody listens at "
-            << path;
+        EXPECT_TRUE(address && WaitUntil([&] {
+                        connected = NewUnixSocket();
+                        return address->Connect(connected) == 0;
+                    }))
+            << "no host listens at " << path;
         return PeerClient(std::move(connected));
     }
 
     int Descriptor() const { return m_in.Get(); }
 
-    // Whether all of it went out.
+    // Returns whether all bytes were sent.
     bool Send(const Bytes& bytes) const {
         const int out = m_out ? m_out.Get() : m_in.Get();
         const ssize_t count = m_out ? write(out, bytes.data(), bytes.size())
@@ -59,7 +57,10 @@ public:
         return count == static_cast<ssize_t>(bytes.size());
     }
 
-    // The next message, or nothing when the other end has closed.
+    // Ends both directions.
+    void Hang() const { shutdown(m_in.Get(), SHUT_RDWR); }
+
+    // The next message; none if the other end has closed.
     std::optional<PeerMessage> Receive() const {
         uint8_t header[8];
         if (!ReceiveAll(header, sizeof header)) {
@@ -75,7 +76,7 @@ public:
         return message;
     }
 
-    // The next message of this type; frames and notices of others before it are passed over.
+    // The next message of this type. Skips others.
     std::optional<PeerMessage> ReceiveType(uint8_t type) const {
         for (;;) {
             auto message = Receive();
@@ -85,7 +86,7 @@ public:
         }
     }
 
-    // Whether the other end closes without another message, frames apart.
+    // Skips frames. Returns whether the other end closes before it sends any other message.
     bool IsClosed() const {
         for (;;) {
             const auto message = Receive();
@@ -98,7 +99,13 @@ public:
         }
     }
 
-    // Passes over so many bytes; false at the end of the channel.
+    // The next bytes, of whatever message; a failure of the test if the other end has closed.
+    Bytes ReceiveBytes(size_t size) const {
+        Bytes bytes(size);
+        EXPECT_TRUE(ReceiveAll(bytes.data(), size)) << "the channel was closed";
+        return bytes;
+    }
+    // Skips this many bytes. Returns false at the end of the channel.
     bool Skip(size_t size) const {
         Bytes bytes(size);
         return ReceiveAll(bytes.data(), size);
@@ -110,7 +117,7 @@ private:
         while (size != 0) {
             pollfd watched{m_in.Get(), POLLIN, 0};
             if (poll(&watched, 1, kDeadlineMilliseconds) != 1) {
-                ADD_FAILURE() << "nothing came in time";
+                ADD_FAILURE() << "nothing was received in time";
                 return false;
             }
             const ssize_t count = read(m_in.Get(), bytes, size);
@@ -124,7 +131,7 @@ private:
     }
 
     UniqueFd m_in;
-    UniqueFd m_out;  // none: the same as m_in
+    UniqueFd m_out;  // if none, m_in is used for both directions
 };
 
 }  // namespace zumod::testing
