@@ -1,4 +1,4 @@
-// Which directory may include which, read from the include lines.
+// Checks from the include lines which directory includes which.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@ using Paths = std::vector<std::string>;
 
 const fs::path kRoot = ZU_SOURCE_DIR;
 
-// A layer is named by the starts of its files' paths. It may include itself and what is listed.
+// A layer is defined by the beginnings of its files' paths. It may include itself and the paths listed.
 struct Layer {
     Paths paths;
     Paths may_include;
@@ -52,7 +52,7 @@ const std::vector<Layer>& Layers() {
         {kPlugin, Join({kSdk, kBase, kRuntime, kBridge})},
         {{"src/module/factory", "src/module/entrypoint"},
          Join({kSdk, kBase, kRuntime, kLoader, kCapture, kBridge, kPlugin})},
-        // What stands around the module meets it only through the SDK and the loader.
+        // Everything around the module uses only the SDK and the loader.
         {kCommon, Join({kSdk, kBase})},
         {{"codec/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
         {{"host/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
@@ -80,7 +80,7 @@ bool IsTest(const std::string& file) {
     return file.find("_test.") != std::string::npos || StartsWithAny(file, {"vcam/testing/"});
 }
 
-// What is wrong with `file` including `include` in quotes; empty when nothing is.
+// What is wrong with `file` including `include` in quotes; empty if nothing is.
 std::string Complaint(const std::string& file, const std::string& include) {
     const Layer* layer = LayerOf(file);
     if (layer == nullptr) {
@@ -95,7 +95,7 @@ std::string Complaint(const std::string& file, const std::string& include) {
     return "may not be included there";
 }
 
-// The X of a line #include "X", with blanks wherever the language allows them.
+// The X of a line #include "X", with blanks where the language allows them.
 std::optional<std::string> QuotedInclude(const std::string& line) {
     std::string rest = line;
     for (const std::string part : {"#", "include", "\""}) {

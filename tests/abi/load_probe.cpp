@@ -1,4 +1,5 @@
-// A module's whole ground floor in use: threads, buffers, the singleton, the log, an exception that passes.
+// A module that uses all of base and the runtime: threads, buffers, the singleton, the log, and an
+// exception.
 #include <cstdint>
 #include <stdexcept>
 
@@ -35,7 +36,7 @@ class LoggingThread : public CBaseThread {
 }  // namespace
 }  // namespace zumod
 
-// Returns how many classes are registered, or a negative number when something was not as it should be.
+// Returns the number of registered classes, or a negative number if a check failed.
 extern "C" [[gnu::visibility("default")]] int64_t load_probe(zumod::IZUModRuntime* host) {
     using namespace zumod;
     if (AttachRuntime(host) != 1) {

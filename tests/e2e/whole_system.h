@@ -1,6 +1,6 @@
 // The built module with a host made of tables, and the peer's end of its stream.
 //
-// Thread rule: one test thread; Run is on a thread of its own.
+// Thread rule: one test thread; Run has a separate thread.
 #pragma once
 
 #include <dlfcn.h>

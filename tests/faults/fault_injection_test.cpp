@@ -1,7 +1,7 @@
-// A whole session in which one call fails, for each call that the module makes: memory, threads, semaphores,
-// libraries, mappings. Whatever fails, the module ends nothing but what that call was for: no crash, no
-// exception that leaves it, nothing left behind but what it leaves deliberately, and the next session is
-// whole. Each failure has a process of its own.
+// Sessions in which one call of the module fails, for each call that it makes: memory, threads,
+// semaphores, libraries, mappings. A failed call affects only what it was for: the module does not crash,
+// lets no exception out, leaves only what the contract requires, and the next session succeeds. Each
+// failure runs in a separate process.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -28,7 +28,7 @@ namespace {
 using namespace zumod::testing;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// A session takes several times as long: every so many failures, beginning with the first.
+// A session takes several times as long, so only every fifth failure is tried.
 constexpr uint64_t kStep = 5;
 #else
 constexpr uint64_t kStep = 1;
@@ -46,7 +46,7 @@ struct Failure {
     uint64_t times;
 };
 
-// What a child tells its parent, in memory that both see.
+// The result of a child process, in memory shared with its parent.
 struct Outcome {
     bool failed;
     std::array<uint64_t, kModuleCallKinds> calls;
@@ -58,7 +58,7 @@ bool IsList(const Bytes& message) {
     return message.size() == 12 + 1304 + 2 * 8 && message[4] == 2;
 }
 
-// The replies that a session with nothing wrong has.
+// Checks a session in which nothing failed.
 std::string CheckWhole(const FaultSession& session) {
     std::ostringstream out;
     if (session.run_result != 1 || session.requests_read != FaultSession::kRequests) {
@@ -74,8 +74,8 @@ std::string CheckWhole(const FaultSession& session) {
     return out.str();
 }
 
-// The replies that a session may have in which something failed: each in its form and its place, and of the
-// requests that were handled no more than `lost` without theirs.
+// Checks a session in which something failed: each reply is well-formed and in order, and at most `lost`
+// of the handled requests have no reply.
 std::string CheckDamaged(const FaultSession& session, uint64_t lost) {
     if (session.created != 1) {
         return session.replies.empty() ? "" : "replies without a plugin";
@@ -95,7 +95,7 @@ std::string CheckDamaged(const FaultSession& session, uint64_t lost) {
         }
         place = its_place;
     }
-    // The change of format has no reply. The last request that was read may be the one that was not handled.
+    // The change of format has no reply. The last request read may not have been handled.
     constexpr size_t kRepliesAfter[] = {0, 0, 1, 2, 3, 3};
     const auto requests = static_cast<size_t>(session.requests_read);
     const size_t due = requests == FaultSession::kRequests ? 4 : kRepliesAfter[requests];
@@ -106,8 +106,9 @@ std::string CheckDamaged(const FaultSession& session, uint64_t lost) {
     return "";
 }
 
-// What is on the module's heap after its end. A camera client deliberately leaves its capture and that one's
-// list of buffers; an allocator leaves a buffer's block when the object around it cannot be made.
+// Checks the module's heap after a session. Required by the contract: a camera client leaks its capture
+// and the capture's list of buffers, and an allocator leaks a buffer's block if the object around it
+// cannot be created.
 std::string CheckHeap(size_t sessions_with_camera) {
     constexpr size_t kCaptureSize = sizeof(zumod::LinuxV4L2CameraCapture);
     constexpr size_t kPoolSize = 4 * (sizeof(void*) + sizeof(size_t));
@@ -137,7 +138,8 @@ std::string Prefixed(const char* prefix, const std::string& complaint) {
     return complaint.empty() ? "" : std::string(prefix) + ": " + complaint;
 }
 
-// In a child: a session with the failure, one without, and what is left after each.
+// Runs in a child process: a session with the failure, one without, and a check of what is left after
+// each.
 std::string TwoSessions(const Failure& failure, Outcome& outcome) {
     const zumod::vcam::PreloadedCameras cameras{"card=Front,formats=NV12,sizes=160x120:128x96,fps=200"};
     close(open("/dev/video0", O_RDONLY));  // the first call connects this process with its cameras, for good
@@ -147,8 +149,8 @@ std::string TwoSessions(const Failure& failure, Outcome& outcome) {
         if (!ThreadsComeTo(threads)) {
             return "a thread is left";
         }
-        // The cameras, which live in this process too, keep the memory of their buffers, and notice a moment
-        // later that a file of theirs was closed.
+        // The cameras run in this process too. They keep the memory of their buffers, and notice later
+        // that one of their files was closed.
         return WaitUntil([&] { return CountDescriptors() <= descriptors + 1; }) ? "" : "a descriptor is left";
     };
 
@@ -164,7 +166,7 @@ std::string TwoSessions(const Failure& failure, Outcome& outcome) {
     if (complaint.empty()) {
         complaint = HasFailed() ? CheckDamaged(damaged, failure.times) : CheckWhole(damaged);
     }
-    // Where no line can be logged, none says whether there was a capture.
+    // If no line can be logged, none shows whether there was a capture.
     complaint += CheckHeap(damaged.has_capture || failure.times != 1 ? 1 : 0);
     complaint += check_process();
     if (!complaint.empty()) {
@@ -208,7 +210,7 @@ public:
             std::string complaint = "an exception left the module";
             try {
                 complaint = TwoSessions(failure, outcome);
-            } catch (...) {  // the test program's own catching would go on with the parent's work
+            } catch (...) {  // do not return into the parent's test
             }
             strncpy(outcome.complaint, complaint.c_str(), sizeof outcome.complaint - 1);
             _exit(complaint.empty() ? 0 : 1);
@@ -249,7 +251,7 @@ private:
 struct Case {
     const char* name;
     ModuleCall kind;
-    uint64_t at_least;  // calls of the kind that a session makes
+    uint64_t at_least;  // the least number of these calls in a session
 };
 
 void PrintTo(const Case& test, std::ostream* out) {
@@ -258,9 +260,9 @@ void PrintTo(const Case& test, std::ostream* out) {
 
 class FaultInjection : public ::testing::TestWithParam<Case> {
 protected:
-    // The host's threads make the same calls in every session; a thread of the module's makes them as frames
-    // come, so that which call is the nth differs from session to session. Every n up to the number of calls
-    // of a session without a failure is tried, whichever call it then is.
+    // The host's threads make the same calls in every session. The module's threads make calls as frames
+    // arrive, so the nth call differs from session to session. The test fails every nth call up to the
+    // number of calls in a session without a failure.
     static void FailEach(uint64_t times) {
         const Case& test = GetParam();
         Children count(1);
@@ -282,8 +284,8 @@ protected:
         RecordProperty("calls", std::to_string(calls));
         RecordProperty("met", std::to_string(met));
         std::printf("%lu calls, %zu failures tried, %zu met\n", calls, tried, met);
-        // How often the module's own threads allocate depends on how many frames come: on a slow machine the
-        // last ones are not met in every session.
+        // How often the module's threads allocate depends on the number of frames: on a slow machine the
+        // last calls are not reached in every session.
         EXPECT_GE(met * 10, tried * (test.kind == ModuleCall::kThreadAllocation ? 5 : 9));
     }
 };

@@ -1,5 +1,5 @@
-// What a plugin must answer to any bytes of a peer, worked out a second time from the protocol's tables and
-// without the plugin's code: the receive loop's fuzzer compares the two.
+// A model of the plugin: its answers to any bytes of a peer, written from the protocol's tables without
+// the plugin's code. The receive loop's fuzzer compares the two.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,7 @@ namespace zumod::testing {
 
 class CameraChannelModel {
 public:
-    // A machine with one camera called "Cam" of 640x480 and 1280x720. Messages above `limit` bytes get no
-    // memory.
+    // A machine with one camera "Cam" of 640x480 and 1280x720. Messages above `limit` bytes get no memory.
     CameraChannelModel(bool built_in, bool opens, uint64_t limit)
         : m_opens(built_in && opens), m_limit(limit) {}
 
@@ -34,7 +33,7 @@ public:
     }
 
 private:
-    // The missing bytes of a number count as 0.
+    // Missing bytes of a number count as 0.
     static uint32_t NumberAt(const Bytes& bytes, size_t at, size_t size) {
         uint32_t number = 0;
         for (size_t i = 0; i < size && at + i < bytes.size(); ++i) {

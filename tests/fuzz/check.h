@@ -1,4 +1,4 @@
-// A check that holds whatever the build type: a fuzzer that finds it broken stops there with the input.
+// A check in every build type. A fuzzer that finds it violated stops there and keeps the input.
 #pragma once
 
 #define FUZZ_CHECK(condition) \

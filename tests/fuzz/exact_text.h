@@ -1,6 +1,7 @@
-// A text in memory of exactly its size, so that the address checker sees a read past the terminating zero.
+// A text in memory of exactly its size, so that the address sanitizer detects a read past the terminating
+// zero.
 //
-// Thread rule: none of its own.
+// Thread rule: a plain value.
 #pragma once
 
 #include <cstring>

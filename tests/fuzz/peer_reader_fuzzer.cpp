@@ -1,7 +1,7 @@
-// Gives a peer any bytes as its host's: it must keep to its bounds, and find the same messages and the same
-// error however the bytes are cut into pieces.
+// Feeds a peer any bytes as the host's. The reader must stay within its bounds, and find the same messages
+// and the same error for any division of the bytes into pieces.
 //
-// Input: the size of the pieces of the second reading, less one, then the host's bytes.
+// Input: the size of the pieces of the second reading minus one, then the host's bytes.
 #include <algorithm>
 #include <cstdint>
 
@@ -31,7 +31,7 @@ Reading ReadInPieces(std::span<const uint8_t> bytes, size_t piece) {
     return reading;
 }
 
-// What a message takes on the wire.
+// The size of a message on the wire.
 size_t WireBytes(const Message& message) {
     if (const auto* list = std::get_if<CameraListMessage>(&message)) {
         FUZZ_CHECK(list->cameras.size() <= kMostCameras);
@@ -68,7 +68,7 @@ bool IsKnown(uint8_t type) {
     return type == 2 || type == 5 || type == 7 || type == 11 || type == 128;
 }
 
-// Each message is the next one of a known type that the bytes hold, and is as long as it is said to be there.
+// Checks that each message is the next one of a known type in the bytes, and has the size given there.
 void CheckAgainstTheBytes(std::span<const uint8_t> bytes, const std::vector<Message>& messages) {
     size_t offset = 0;
     for (const Message& message : messages) {
@@ -94,7 +94,7 @@ void ReadTwice(std::span<const uint8_t> bytes, size_t piece) {
     FUZZ_CHECK(whole.error == cut.error);
     FUZZ_CHECK(whole.in_message == cut.in_message);
     CheckAgainstTheBytes(bytes, whole.messages);
-    // It goes to a terminal.
+    // The error is printed on a terminal.
     for (const char byte : whole.error) {
         FUZZ_CHECK(byte >= ' ' && byte <= '~');
     }

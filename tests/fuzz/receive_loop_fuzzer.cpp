@@ -1,8 +1,8 @@
-// Gives a plugin any bytes as its peer's, over a stream that cuts them into pieces and fails on write
-// somewhere.
+// Feeds a plugin any bytes as its peer's, over a stream that divides them into pieces and whose writes
+// fail at some point.
 //
-// Input: the most bytes a read gives (0: no limit), the bytes that may be written before writes fail (0xFF:
-// no limit), whether cameras can be opened, then the peer's bytes.
+// Input: the most bytes per read (0: no limit), the number of bytes after which writes fail (0xFF: never),
+// whether cameras can be opened, then the peer's bytes.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -21,7 +21,7 @@ namespace {
 
 constexpr size_t kOptions = 3;
 
-// Refuses what a fuzzer would only use to exhaust the machine.
+// Refuses sizes with which a fuzzer would only exhaust the machine.
 class BoundedAlloctor final : public CCounted_T<IMemAlloctor> {
 public:
     static constexpr uint64_t kLimit = 1 << 20;
@@ -81,7 +81,7 @@ void ServeOnce(const uint8_t* data, size_t size) {
         stream->fail_write_after = data[1];
         expected.resize(std::min<size_t>(expected.size(), data[1]));
     }
-    // One plugin for all inputs: the end of one takes a tenth of a second.
+    // One plugin for all inputs, because its destruction takes a tenth of a second.
     static const CRefPtr_T<ClientCamera> plugin(new ClientCamera);
     plugin->SetChannelStream(stream.Get());
     ServePeer(*stream, *alloctor, *plugin);

@@ -1,5 +1,5 @@
-// Any text cut at any delimiters: the pieces and what was cut out of them make up the text again.
-// The input is a byte of limit, then the delimiters, a line feed and the text.
+// Splits any text at any delimiters: the pieces and the delimiters add up to the text. Input: a byte of
+// limit, then the delimiters, a line feed and the text.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -14,7 +14,7 @@ using zumod::Split;
 
 namespace {
 
-// The pieces follow each other in the text, one delimiter between each two.
+// The pieces follow one another in the text, with one delimiter between two.
 void CheckPieces(const std::string& text, const std::string& delimiters,
                  const std::vector<std::string>& parts) {
     FUZZ_CHECK(!parts.empty());

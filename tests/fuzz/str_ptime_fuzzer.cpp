@@ -1,5 +1,5 @@
-// Any text by any format: the parser stays within both, and every number it stores is in its range.
-// The input is the format, a line feed and the text.
+// Parses any text by any format: the parser stays within both, and every number it stores is in range.
+// Input: the format, a line feed and the text.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

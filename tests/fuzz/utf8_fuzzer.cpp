@@ -1,5 +1,5 @@
-// Any bytes as UTF-8 and GBK text: decoding ends at the terminating zero, and what it gives survives a round
-// trip.
+// Decodes any bytes as UTF-8 and GBK: decoding ends at the terminating zero, and the result survives a
+// round trip.
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_CHECK(EncodeUtf8(whole.c_str(), bytes, length) == 1);
     FUZZ_CHECK(bytes[length] == 0);
     FUZZ_CHECK(IsUtf8(bytes.get()));
-    // Overlong forms become shorter; a sequence that the text's end cut short can become longer.
+    // Overlong forms become shorter; a sequence cut off by the end of the text can become longer.
     if (IsUtf8(text.Get())) {
         FUZZ_CHECK(length <= text.Size());
     }

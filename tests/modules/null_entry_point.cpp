@@ -1,4 +1,4 @@
-// A module that has no descriptor to give.
+// A module whose entry point returns null.
 #include "tests/modules/test_module.h"
 
 ZU_TEST_ENTRY_POINT(nullptr)

@@ -1,5 +1,4 @@
-// A codec module whose encoder has no state and asks for no memory of its own: each picture becomes four
-// bytes.
+// A codec module whose encoder has no state and allocates nothing: each picture becomes four bytes.
 #include <cstring>
 
 #include "tests/modules/test_module.h"

@@ -1,4 +1,4 @@
-// A codec module that tells its host everything that is done to it, one log line each.
+// A codec module that logs every call to its host, one line per call.
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -46,7 +46,7 @@ std::string Describe(IZUModData* value) {
     }
 }
 
-// What both kinds of codec object are made of.
+// The common part of its encoder and its decoder.
 template <class Interface>
 class Codec : public CCounted_T<Interface> {
 public:
@@ -70,7 +70,7 @@ public:
     bool QueryInterface(const char*, void**) override { return false; }
     bool SetProperty(const char* key, IZUModData* value) override {
         Tell("[codec] SetProperty %s %s", key, Describe(value).c_str());
-        return false;  // which the module ignores
+        return false;  // ignored by the module
     }
     IZUModData* GetProperty(const char*) override { return nullptr; }
 
@@ -113,7 +113,7 @@ int Attach(IZUModRuntime* host) {
     ++g_record.attaches;
     g_record.host = host;
     Tell("[codec] attach");
-    return 0;  // which the loader ignores
+    return 0;  // ignored by the loader
 }
 
 void Detach() {

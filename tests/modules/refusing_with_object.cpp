@@ -1,11 +1,11 @@
-// A codec module that refuses, and yet leaves an object behind whose code is its own.
+// A codec module that refuses and still leaves an object, whose code is in the module.
 #include "tests/modules/test_module.h"
 
 namespace {
 
 using namespace zumod;
 
-// Not forgotten by detach: the object tells of its end after it.
+// Not cleared by detach: the object logs its destruction after it.
 IZUModRuntime* g_host = nullptr;
 
 class Leftover final : public CCounted_T<IZUModInterface> {

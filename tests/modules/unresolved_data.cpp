@@ -1,4 +1,4 @@
-// A module that refers to data nobody has: it cannot be loaded at all.
+// A module that refers to an undefined variable: it cannot be loaded.
 #include "tests/modules/test_module.h"
 
 extern "C" int zu_test_missing_data;

@@ -1,4 +1,4 @@
-// A module that calls a function nobody has, but only if it is made to: it refuses before.
+// A module that refers to an undefined function, but calls it only with a policy.
 #include "tests/modules/test_module.h"
 
 extern "C" int zu_test_missing_function();

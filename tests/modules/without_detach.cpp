@@ -1,4 +1,4 @@
-// A codec module that cannot be detached, and refuses.
+// A codec module that has no detach function, and refuses.
 #include "tests/modules/test_module.h"
 
 namespace {

@@ -1,4 +1,4 @@
-// The requests that a start, a picture and a stop make of the kernel, in the order in which strace saw them.
+// The kernel requests of a start, a frame and a stop, in the order in which strace saw them.
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
 
@@ -15,11 +15,11 @@
 namespace zumod::testing {
 namespace {
 
-// A session of its own, for the other test to watch: opened, three pictures, closed.
+// The session that the other test traces: opens a camera, receives three pictures and closes it.
 using OneSession = DriverSession;
 
 TEST_F(OneSession, OpensACameraTakesThreePicturesAndClosesIt) {
-    // One format instead of 83, each of which is tried at 16 sizes: what is traced is slow.
+    // One format instead of 83, each of which would be tried at 16 sizes: tracing is slow.
     const FormatFilter filter = FormatFilter::Only(V4L2_PIX_FMT_YUV420);
     ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
     EXPECT_TRUE(FramesCome(0, 3));
@@ -31,7 +31,8 @@ struct TracedCall {
     std::string text;
 };
 
-// The calls in the order in which they returned; one that another thread interrupted is put together again.
+// The calls in the order in which they returned. Joins the two parts of a call that another thread
+// interrupted.
 std::vector<TracedCall> ReadTrace(const std::string& file) {
     std::vector<TracedCall> calls;
     std::map<std::string, std::string> begun;
@@ -60,11 +61,11 @@ std::vector<TracedCall> ReadTrace(const std::string& file) {
     return calls;
 }
 
-// The descriptors of /dev/video0 that are not the module's: the codec library looks once at every video
+// The descriptors of /dev/video0 that are not the module's. The codec library looks once at every video
 // device for a hardware encoder, on the thread that encodes.
 class OthersDescriptors {
 public:
-    // Whether the call is one of the others'.
+    // Whether the call uses one of them.
     bool Holds(const TracedCall& call) {
         std::smatch found;
         if (call.text.rfind("openat(", 0) == 0 && call.text.find("\"/dev/video0\"") != std::string::npos) {
@@ -90,7 +91,7 @@ private:
     std::set<std::string> m_descriptors;
 };
 
-// What of the module's calls concerns /dev/video0, a word a call; a run of the same word once.
+// The module's calls for /dev/video0, one word per call. Repetitions of a word are merged.
 std::vector<std::string> WordsOf(const std::vector<TracedCall>& calls) {
     std::vector<std::string> words;
     std::set<std::string> buffers;
@@ -140,7 +141,7 @@ std::vector<std::string> WordsOf(const std::vector<TracedCall>& calls) {
     return words;
 }
 
-// The one call that this is in.
+// The only call that contains this text.
 std::string CallWith(const std::vector<TracedCall>& calls, const std::string& text) {
     std::string found;
     for (const TracedCall& call : calls) {
@@ -154,7 +155,7 @@ std::string CallWith(const std::vector<TracedCall>& calls, const std::string& te
 }
 
 TEST(CallOrder, OfAStartAndAStopIsTheOneThatIsDocumented) {
-    // Another format than the one that will be asked for.
+    // A different format from the one requested below.
     OutputOf("v4l2-ctl -d /dev/video0 --set-fmt-video=width=1280,height=720,pixelformat=NV12");
     const std::string trace = "/dev/shm/trace";
     OutputOf(std::string(kCamerasAreSetUp) + "=1 strace -f -y -o " + trace +
@@ -164,7 +165,7 @@ TEST(CallOrder, OfAStartAndAStopIsTheOneThatIsDocumented) {
     const auto calls = ReadTrace(trace);
     auto words = WordsOf(calls);
 
-    // The pictures: however many there were, each is waited for, taken and given back.
+    // Each picture is waited for, dequeued and queued again. Their number varies.
     const std::vector<std::string> picture = {"select", "DQBUF", "QBUF"};
     int pictures = 0;
     for (auto at = std::search(words.begin(), words.end(), picture.begin(), picture.end()); at != words.end();
@@ -173,7 +174,7 @@ TEST(CallOrder, OfAStartAndAStopIsTheOneThatIsDocumented) {
         ++pictures;
     }
     EXPECT_GE(pictures, 3);
-    // The stop found the thread waiting, or with a picture that is not given back.
+    // The stop interrupts a wait, or comes after a picture was dequeued.
     for (const char* last : {"DQBUF", "select"}) {
         const auto stop = std::find(words.begin(), words.end(), "munmap");
         if (stop != words.begin() && stop != words.end() && *(stop - 1) == last) {

@@ -1,4 +1,4 @@
-// The camera list that a peer gets, beside what v4l2-ctl says of the same cameras.
+// Compares the camera list that a peer receives with what v4l2-ctl reports for the same cameras.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -9,7 +9,7 @@
 namespace zumod::testing {
 namespace {
 
-// What v4l2-ctl prints on the line of this name.
+// The value that v4l2-ctl prints on the line with this name.
 std::string Told(int camera, const std::string& name) {
     const std::string info = OutputOf("v4l2-ctl -d " + DeviceFile(camera) + " --info");
     std::smatch found;
@@ -17,7 +17,7 @@ std::string Told(int camera, const std::string& name) {
     return found[1];
 }
 
-// The size that the driver makes of a request.
+// The size that the driver sets for a request.
 std::string Adjusted(int camera, const std::string& size) {
     const std::string width = size.substr(0, size.find('x'));
     const std::string height = size.substr(size.find('x') + 1);
@@ -39,7 +39,7 @@ TEST_F(CameraList, NamesTheCamerasThatV4l2CtlFindsInTheirOrder) {
         EXPECT_EQ(cameras[id].id, id);
         EXPECT_EQ(cameras[id].name, Told(camera, "Card type"));
         EXPECT_EQ(cameras[id].display_name, "vivid");
-        // The bus is in the log alone.
+        // The bus is only in the log.
         EXPECT_EQ(CountLines("[CameraEnumerator]  id: " + std::to_string(id) + " name: vivid bus:  " +
                              Told(camera, "Bus info") + " file: " + DeviceFile(camera) + " res:  "),
                   1U);
@@ -57,10 +57,10 @@ TEST_F(CameraList, HoldsASizeOfTheWebcamForEachCandidateWithOneMatchingSide) {
     for (const std::string& size : cameras[kWebcam].sizes) {
         EXPECT_NE(offered.find("Discrete " + size + "\n"), std::string::npos) << offered;
     }
-    // 320x240 and 1280x600 meet in one side.
+    // 320x240 and 1280x600 have one side in common with the driver's sizes.
     EXPECT_EQ(Adjusted(kWebcam, "320x240"), "320x180");
     EXPECT_EQ(Adjusted(kWebcam, "1280x600"), "1280x720");
-    // These in none.
+    // These have none.
     EXPECT_EQ(Adjusted(kWebcam, "128x96"), "320x180");
     EXPECT_EQ(Adjusted(kWebcam, "800x600"), "640x480");
 }

@@ -26,7 +26,7 @@ int Call(int descriptor, unsigned long request, void* argument) {
     return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
 }
 
-// The one format as the first and last of the list.
+// Lists this format only.
 int ListOnly(int descriptor, v4l2_fmtdesc* description) {
     if (description->index > 0) {
         errno = EINVAL;

@@ -1,4 +1,5 @@
-// The driver's own faults: what a start and a running capture make of each, and that the next start works.
+// The driver's fault injection: how a start and a running capture handle each fault, and that the next
+// start succeeds.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
@@ -17,7 +18,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// Unmaps what of the file is mapped into this process, and tells how many mappings that were.
+// Unmaps the file from this process. Returns the number of mappings removed.
 int UnmapAll(const std::string& file) {
     std::ifstream maps("/proc/self/maps");
     int count = 0;
@@ -29,7 +30,7 @@ int UnmapAll(const std::string& file) {
         uintptr_t end = 0;
         char dash = 0;
         std::istringstream(line) >> std::hex >> start >> dash >> end;
-        // The kernel's text is all that is known of it.
+        // The address is known only from the kernel's text.
         EXPECT_EQ(munmap(reinterpret_cast<void*>(start), end - start), 0);  // NOLINT
         ++count;
     }
@@ -38,7 +39,7 @@ int UnmapAll(const std::string& file) {
 
 class DriverFaults : public DriverSession {
 protected:
-    // One start, which the fault lets fail; then one that works.
+    // One start that fails because of the fault, then one that succeeds.
     void ExpectOneFailedStart(const std::string& fault, const std::vector<std::string>& complaints) {
         SetControls(kWebcam, fault + "=1");
         const auto threads = CountThreads();
@@ -62,8 +63,8 @@ TEST_F(DriverFaults, AFailedRequestForBuffersFailsThatStartAlone) {
                           "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: 22"});
 }
 
-// What a start had mapped when queueing failed stays mapped, and mapped memory keeps the device open: the
-// driver then takes the camera for in use, whoever asks, until the process ends. Deliberate, and kept.
+// Required by the contract: if queueing fails, the start leaks its mappings. Mapped memory keeps the
+// device open, so the driver reports the camera as busy to every caller until the process ends.
 TEST_F(DriverFaults, AFailedQueueingOfABufferInAStartKeepsTheCameraTakenWhileTheBufferIsMapped) {
     SetControls(kWebcam, "inject_vidioc_qbuf_error=1");
     EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraFailed});
@@ -93,7 +94,8 @@ TEST_F(DriverFaults, AFailedStartOfTheStreamFailsThatStartAlone) {
 }
 
 TEST_F(DriverFaults, AFailureOfTheFirstStartOfTwoIsMadeGoodByTheSecond) {
-    // Another rate than the default: the capture starts as it is told, and fails, then with the open.
+    // With a rate other than the default, the capture starts when the rate is set and fails there, and
+    // fails again in the open.
     SetControls(kWebcam, "inject_vidioc_streamon_error=1");
     EXPECT_EQ(Open({0, 640, 480, 25}), uint32_t{kCameraOpen});
     EXPECT_EQ(
@@ -126,7 +128,7 @@ TEST_F(DriverFaults, ACameraThatDropsEveryBufferStallsTheStreamAndGoesOnAfterwar
     ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     SetControls(kWebcam, "percentage_of_dropped_buffers=100");
-    // Those that were under way.
+    // Frames already on the way.
     while (FrameComes(0, seconds(1))) {
         NextFrame(0);
     }

@@ -10,7 +10,7 @@
 namespace zumod::testing {
 namespace {
 
-// Long enough for a translated machine that others load.
+// Long enough for an emulated machine under load.
 constexpr std::chrono::milliseconds kLimit = std::chrono::seconds(30);
 
 template <class Record>

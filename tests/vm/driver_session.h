@@ -1,5 +1,5 @@
-// A session with the built module in this process, the real codec and the driver's cameras; the peer's side
-// of its stream in messages, each waited for with a deadline.
+// A session with the built module in this process, the real codec and the driver's cameras. The peer's
+// side reads messages, each with a deadline.
 //
 // Thread rule: the test's thread.
 #pragma once
@@ -30,43 +30,43 @@ struct ListedCamera {
 
 class DriverSession : public raw::WholeSystem {
 protected:
-    // What a capture has without being told: its open starts the camera exactly once.
+    // A capture's default format: opening with it starts the camera exactly once.
     static constexpr FormatRequest kAsItIs = {0, 640, 480, 15};
 
     void SetUp() override;
     void TearDown() override;
 
     std::vector<ListedCamera> List();
-    // The notice's state. Pictures that come before it are kept.
+    // Returns the state in the notice. Keeps pictures that arrive before it.
     uint32_t Open(const FormatRequest& request);
-    // Forgets the pictures that were not asked for.
+    // Drops the pictures that were not read.
     uint32_t Close(uint32_t id);
-    // The next encoded picture of that camera.
+    // The next encoded picture of this camera.
     std::vector<uint8_t> NextFrame(uint32_t id);
-    // Whether one comes within that time.
+    // Whether one arrives within this time.
     bool FrameComes(uint32_t id, std::chrono::milliseconds limit);
-    // Whether `count` come.
+    // Whether `count` arrive.
     bool FramesCome(uint32_t id, int count);
     // How many log lines begin with this.
     size_t CountLines(const std::string& start);
-    // The log lines of failures that name this camera. (The open of another than the first one starts the
-    // first one for a moment, which may not have that size.)
+    // The failures in the log that name this camera. (Opening another camera than the first starts the
+    // first for a short time, which may not have that size.)
     std::vector<std::string> Complaints(uint32_t id);
 
 private:
     void Send(uint8_t type, const void* body, size_t size);
-    // Keeps a picture; none when nothing came in time.
+    // Keeps pictures. Returns nothing if no message arrives in time.
     std::optional<PeerMessage> Receive(std::chrono::milliseconds limit);
     uint32_t AwaitState(uint32_t id);
 
     std::map<uint32_t, std::deque<std::vector<uint8_t>>> m_frames;
 };
 
-// Pictures of one camera from encoded frames: a decoder of the codec module's.
+// Decodes the frames of one camera with the codec module.
 class PictureReader {
 public:
     PictureReader();
-    // None when the decoder waits for more.
+    // Nothing if the decoder needs more data.
     std::optional<Picture> Decode(const std::vector<uint8_t>& frame);
 
 private:

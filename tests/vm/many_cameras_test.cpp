@@ -1,4 +1,4 @@
-// Two and three cameras of the driver at once, in one session.
+// Two and three of the driver's cameras in one session at the same time.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace {
 
 class ManyCameras : public DriverSession {
 protected:
-    // Reads the camera's pictures until `count` of this width have shown a later time than the one before.
+    // Reads the camera's pictures until `count` of this width show a later time than the picture before.
     void ExpectRunning(uint32_t id, PictureReader& reader, int width, int count) {
         std::optional<int> before;
         for (int later = 0, all = 0; later < count; ++all) {
@@ -46,7 +46,7 @@ TEST_F(ManyCameras, TwoDeliverSideBySideEachItsOwnSize) {
 }
 
 TEST_F(ManyCameras, ThreeDeliverAndTheOthersGoOnAsEachIsClosed) {
-    // The default size and rate, which needs no start of the first camera on the way.
+    // The default size and rate, for which the first camera need not be started.
     std::vector<PictureReader> readers(3);
     for (const uint32_t id : {0U, 1U, 2U}) {
         ASSERT_EQ(Open({id, 640, 480, 15}), uint32_t{kCameraOpen}) << id;

@@ -10,10 +10,10 @@
 namespace zumod::testing {
 namespace {
 
-// The text's line is 16 pixels from the top.
+// The text begins 16 pixels from the top.
 constexpr int kTextEnd = 32;
 
-// The kernel's letters of 8x16 pixels: rows 2 to 11, which hold all of a digit; the most significant bit is
+// The kernel's 8x16 font: rows 2 to 11, which contain every part of a digit. The most significant bit is
 // the leftmost pixel.
 constexpr int kFirstRow = 16 + 2;
 constexpr int kDigitRows = 10;
@@ -52,7 +52,7 @@ std::optional<int> DigitAt(const Picture& picture, int left) {
     return fewest <= kMostWrongPixels ? std::optional(best) : std::nullopt;
 }
 
-// Three planes cut out of bytes: where each begins, and how far its samples and its rows are apart.
+// The position of three planes in the bytes, and the distance of their samples and rows.
 struct Cut {
     size_t start;
     size_t step;
@@ -72,7 +72,7 @@ Picture Cut420(int width, int height, const std::vector<uint8_t>& bytes, const s
     return picture;
 }
 
-// Two pixels in four bytes; the colours of two rows are taken together.
+// Two pixels in four bytes. The chroma of two rows is averaged.
 Picture FromYuyv(int width, int height, const std::vector<uint8_t>& bytes) {
     Picture picture{width, height, {}};
     const auto stride = static_cast<size_t>(2 * width);
@@ -170,7 +170,7 @@ double Likeness(const Picture& one, const Picture& other) {
 }
 
 std::optional<int> BurntInTime(const Picture& picture) {
-    // After a margin of 16 pixels a blank; then hours, minutes, seconds and milliseconds with colons.
+    // After a margin of 16 pixels and a blank come hours, minutes, seconds and milliseconds with colons.
     constexpr int kLeft = 16 + 8;
     constexpr const char kShape[] = "00:00:00:000";
     int part = 0;

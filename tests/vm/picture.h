@@ -1,5 +1,5 @@
-// A picture with its colours at half the resolution, out of a decoder or out of the bytes of any format that
-// the module takes; how alike two are; and the time that the driver burnt in.
+// A picture with chroma at half the resolution, from a decoder or from bytes in any format that the module
+// accepts; the similarity of two pictures; and the time that the driver draws into them.
 //
 // Thread rule: plain values.
 #pragma once
@@ -25,14 +25,14 @@ struct Picture {
 
 Picture CopyOf(const VideoDecodedPicture& decoded);
 
-// Bytes without padding in one of the formats "NV12", "NV21", "YU12", "YV12", "YUYV" and "BGR4", of an even
-// size.
+// Bytes without padding, of an even size, in one of the formats "NV12", "NV21", "YU12", "YV12", "YUYV" and
+// "BGR4".
 Picture FromBytes(const std::string& format, int width, int height, const std::vector<uint8_t>& bytes);
 
-// The worst of the three planes in decibels, without the rows that the time is burnt into.
+// The worst of the three planes in decibels, without the rows that show the time.
 double Likeness(const Picture& one, const Picture& other);
 
-// The driver's "00:00:12:345" in the picture's first row of text, in milliseconds.
+// The time "00:00:12:345" in the driver's first row of text, in milliseconds.
 std::optional<int> BurntInTime(const Picture& picture);
 
 }  // namespace zumod::testing

@@ -1,5 +1,5 @@
-// Whether the picture that arrives is the one that the driver showed: at every size and in every format that
-// the module takes from it, through the driver's buffers, the real codec, the stream and a decoder.
+// Compares the decoded picture with the one that the driver shows, at every size and in every format that
+// the module accepts from it.
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
 
@@ -16,12 +16,12 @@
 namespace zumod::testing {
 namespace {
 
-// The encoder, whose rate is limited, comes closer to a still picture with each; it has the fewest bytes for
-// the smallest ones.
+// The encoder has a limited bit rate and approaches a still picture with each frame. The smallest pictures
+// get the fewest bytes.
 int EnoughPictures(int width) {
     return width < 320 ? 20 : 5;
 }
-// Decibels. Swapped colours or a sheared row make it less than 15.
+// In decibels. Swapped colours or a sheared row give less than 15.
 constexpr double kAlike = 30;
 
 struct Case {
@@ -47,7 +47,7 @@ std::string SetFormatOption(const Case& test) {
            ",pixelformat=" + test.format;
 }
 
-// One picture as v4l2-ctl gets it from the driver.
+// One picture that v4l2-ctl reads from the driver.
 Picture Shown(const Case& test) {
     const std::string file = "/dev/shm/picture";
     OutputOf("v4l2-ctl -d " + DeviceFile(test.camera) + SetFormatOption(test) +
@@ -61,7 +61,8 @@ Picture Shown(const Case& test) {
 
 class Pictures : public DriverSession, public ::testing::WithParamInterface<Case> {
 protected:
-    // Opens, looks at pictures until enough of this size have come, and closes; the last of them.
+    // Opens the camera, decodes pictures until enough of this size have arrived, and closes it. Returns
+    // the last picture.
     Picture LastPicture(const Case& test) {
         const auto id = static_cast<uint32_t>(test.camera);
         EXPECT_EQ(Open({id, test.width, test.height, 30}), uint32_t{kCameraOpen});
@@ -75,7 +76,7 @@ protected:
         std::optional<int> last;
         for (int good = 0, all = 0; good < EnoughPictures(test.width) && all < 60; ++all) {
             picture = reader.Decode(NextFrame(id));
-            // The first may still be the default camera's, or of the default size.
+            // The first pictures may be the default camera's or of the default size.
             if (!picture || picture->width != test.width || picture->height != test.height) {
                 good = 0;
                 first = last = std::nullopt;
@@ -99,12 +100,12 @@ TEST_P(Pictures, ArriveAsTheDriverShowedThem) {
     const Case& test = GetParam();
     Picture arrived;
     if (test.format == "BGR4") {
-        // Never chosen, only kept: when the device refuses to change from it.
+        // The module never chooses this format. It keeps it if the device refuses another.
         OutputOf("v4l2-ctl -d " + DeviceFile(test.camera) + SetFormatOption(test));
         const FormatFilter filter = FormatFilter::KeepsItsFormat();
         arrived = LastPicture(test);
     } else if (test.format == "YU12") {
-        // The driver's first.
+        // The driver's first format.
         arrived = LastPicture(test);
     } else {
         const FormatFilter filter = FormatFilter::Only(FourCc(test.format));
@@ -127,7 +128,7 @@ const std::vector<Case> kUsual = {
     {kHdmi, "YU12", 1152, 864},    {kHdmi, "NV12", 176, 144},    {kHdmi, "YUYV", 128, 96},
 };
 
-// Every other size, from large to small: rows that the driver keeps long are met on the way.
+// Every other size, from large to small, so that some rows keep the length of a larger picture.
 std::vector<Case> TheOthers() {
     const std::vector<std::pair<int, int>> webcam = {{1920, 1080}, {1280, 720}, {640, 480}, {320, 180}};
     const std::vector<std::pair<int, int>> hdmi = {{1920, 1080}, {1440, 1080}, {1440, 900}, {1280, 720},
@@ -176,7 +177,8 @@ using PaddedRows = Pictures;
 TEST_P(PaddedRows, OfASizeAfterALargerOneDoNotShearThePicture) {
     const Case& test = GetParam();
     const Picture shown = Shown(test);
-    // The driver keeps the rows of the larger picture, because a request for a format keeps its other fields.
+    // The driver keeps the row length of the larger picture, because a request for a format keeps its
+    // other fields.
     const Case larger{test.camera, test.format, 1920, 1080};
     OutputOf("v4l2-ctl -d " + DeviceFile(test.camera) + SetFormatOption(larger));
     const FormatFilter filter = FormatFilter::Only(FourCc(test.format));

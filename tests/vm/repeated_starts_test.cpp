@@ -1,4 +1,4 @@
-// A camera opened and closed many times in one session: what the process holds stays what it was.
+// Opens and closes a camera many times in one session: the process holds the same afterwards as before.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -52,7 +52,7 @@ protected:
         ASSERT_EQ(Close(0), uint32_t{kCameraClosed});
         ASSERT_EQ(CountMappings("/dev/video"), 0);
         ASSERT_EQ(Complaints(0), std::vector<std::string>{});
-        // Hundreds of lines an opening would make the memory grow.
+        // Hundreds of lines per opening would increase the memory in use.
         const std::lock_guard guard(runtime.mutex);
         runtime.lines.clear();
     }
@@ -60,7 +60,7 @@ protected:
 };
 
 TEST_P(RepeatedStarts, LeaveNoDescriptorNoThreadAndNoMapping) {
-    // The allocator's own mappings come with the first few.
+    // The first few openings create the allocator's mappings.
     for (int i = 0; i < 10; ++i) {
         ASSERT_NO_FATAL_FAILURE(OpenAndClose());
     }

@@ -1,5 +1,5 @@
-// A camera that goes away while it streams, and comes back: by the driver's control, and by taking the driver
-// from its device.
+// A camera that is removed while it streams, and returns: by the driver's control, and by detaching the
+// driver from its device.
 #include <gtest/gtest.h>
 
 #include "tests/support/watch/process_state.h"
@@ -16,8 +16,8 @@ using std::chrono::seconds;
 
 class Unplug : public DriverSession {
 protected:
-    // The pictures stop; the work thread goes on asking, because a descriptor without a device is readable
-    // and only the dequeueing fails.
+    // The pictures stop. The work thread keeps polling, because a descriptor without a device is readable
+    // and only the dequeue fails.
     void ExpectTheLastPicture(const char* how) {
         while (FrameComes(0, seconds(1))) {
             NextFrame(0);
@@ -33,7 +33,7 @@ protected:
     void ExpectAPlainClose() {
         EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
         EXPECT_EQ(CountLines("[LinuxV4L2CameraCapture] work thread finish"), 1U);
-        // The camera is gone for this request, too.
+        // This request fails too.
         EXPECT_EQ(
             Complaints(0),
             (std::vector<std::string>{"[LinuxV4L2CameraCapture] dealloc buffer pool fail, devid 0, err 19"}));
@@ -47,12 +47,12 @@ TEST_F(Unplug, ADisconnectedCameraStopsIsClosedAndCanBeOpenedAgain) {
     ASSERT_TRUE(FramesCome(0, 2));
     SetControls(kWebcam, "disconnect=1");
     ExpectTheLastPicture("disconnected");
-    // The others are still there, and become the first ones.
+    // The other cameras are still there and move to the front of the list.
     EXPECT_EQ(List().size(), 2U);
     ExpectAPlainClose();
     EXPECT_EQ(CountDescriptors(), descriptors);
 
-    // With its last user gone the driver shows it again.
+    // After its last user has closed it, the driver shows the camera again.
     EXPECT_EQ(List().size(), 3U);
     EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
     EXPECT_TRUE(FramesCome(0, 3));
@@ -87,7 +87,7 @@ TEST_F(Unplug, ASessionThatEndsWithoutClosingAMissingCameraGivesEverythingBack) 
     while (FrameComes(0, seconds(1))) {
         NextFrame(0);
     }
-    // Finish, which every test of a session ends with, looks at the rest.
+    // Finish checks the rest at the end of every test.
     TearDown();
     EXPECT_EQ(CaptureThreads().size(), 0U);
     BindDriver();

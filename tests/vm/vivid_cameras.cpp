@@ -37,11 +37,11 @@ void SetControls(int camera, const std::string& controls) {
 
 void SetUpCameras() {
     for (int camera = 0; camera < kCameras; ++camera) {
-        // Coloured squares; the time alone is burnt in.
+        // Coloured squares; only the time is drawn over them.
         SetControls(camera, "test_pattern=4,osd_text_mode=1,percentage_of_dropped_buffers=0,brightness=" +
                                 std::to_string(128 - 24 * camera));
     }
-    // Else the picture's part that is filled keeps the first size that was set.
+    // Otherwise the filled part of the picture keeps the first size that was set.
     SetControls(kHdmi, "enable_capture_composing=0");
 }
 
@@ -51,7 +51,7 @@ void WriteToDriver(const char* file) {
     OutputOf("echo vivid.0 >/sys/bus/platform/drivers/vivid/" + std::string(file));
 }
 
-// That the machine is the one that these tests are written for.
+// Checks that this is the machine that these tests are written for.
 class VividMachine : public ::testing::Environment {
 public:
     void SetUp() override {
@@ -75,7 +75,7 @@ void UnbindDriver() {
 
 void BindDriver() {
     WriteToDriver("bind");
-    // The nodes come with the kernel's own thread.
+    // A kernel thread creates the device nodes.
     EXPECT_TRUE(WaitUntil([] { return access(DeviceFile(kCameras - 1).c_str(), F_OK) == 0; }));
     SetUpCameras();
 }

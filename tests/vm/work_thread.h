@@ -1,4 +1,4 @@
-// What a capture thread costs: processor time and context switches, as the kernel counts them.
+// The cost of a capture thread: processor time and context switches, as counted by the kernel.
 //
 // Thread rule: any thread.
 #pragma once
@@ -9,8 +9,8 @@
 
 namespace zumod::testing {
 
-// Prints, as a figure of that name, what the thread does within that time: how much of a processor it takes,
-// how often it gives it away, how often it asks for a filled buffer.
+// Observes the thread for this time and prints under this name how much processor time it used, how often
+// it waited and how often it asked for a filled buffer.
 void PrintCostOf(pid_t thread, std::chrono::milliseconds time, const char* name);
 
 }  // namespace zumod::testing

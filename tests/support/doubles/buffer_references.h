@@ -1,4 +1,4 @@
-// Who else holds a buffer.
+// The number of references on a buffer.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace zumod::testing {
 
-// The references on a buffer beside the one that asks.
+// The references on a buffer, without the caller's.
 inline int64_t OtherReferences(IBuffer& buffer) {
     buffer.AddRef();
     return buffer.Release() - 1;

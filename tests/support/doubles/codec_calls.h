@@ -25,7 +25,7 @@
 
 namespace zumod::testing {
 
-// The policies that the camera module sends for an encoder and for a decoder. `ledger` counts their
+// The policies that the camera module sends for an encoder and for a decoder. The ledger counts their
 // references.
 inline CRefPtr_T<CountedPolicy> EncoderPolicyFor(ReferenceLedger& ledger) {
     CRefPtr_T<CountedPolicy> policy(new CountedPolicy(ledger));

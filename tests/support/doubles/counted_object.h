@@ -1,4 +1,4 @@
-// Counted doubles that keep book over every reference taken and given back, to show that all of them balance.
+// Doubles that count every reference taken and released, to show that they balance.
 //
 // Thread rule: AddRef and Release are [any thread].
 #pragma once
@@ -18,7 +18,7 @@
 
 namespace zumod::testing {
 
-// What happened to all objects that were made with it.
+// Totals over all objects that were constructed with it.
 struct ReferenceLedger {
     std::atomic<int> born{0};
     std::atomic<int> died{0};
@@ -66,8 +66,8 @@ public:
     using Counted::Counted;
 };
 
-// A value of any tag and any bytes, fitting or not. It is a careless one: its getters look at the bytes
-// alone, so that a reader who does not look at the tag is found out.
+// A value of any tag and any bytes, matching or not. Its getters read the bytes without checking the tag,
+// so that a test detects a reader that does not check it either.
 class CountedData : public Counted<IZUModData> {
 public:
     CountedData(ReferenceLedger& ledger, uint32_t tag, std::vector<uint8_t> bytes)
@@ -108,14 +108,14 @@ private:
     std::vector<uint8_t> m_bytes;
 };
 
-// A value that fails while it is read.
+// A value that throws when it is read.
 class ThrowingData final : public CountedData {
 public:
     explicit ThrowingData(ReferenceLedger& ledger) : CountedData(ledger, kZUModDataText, TextBytes("text")) {}
     uint32_t GetType() override { throw std::runtime_error("value"); }
 };
 
-// A policy whose values are counted too; a key it does not have gives null.
+// A policy whose values are counted too. Returns null for a key that it does not have.
 class CountedPolicy final : public Counted<IZUModCreatePolicy> {
 public:
     using Counted::Counted;
@@ -129,7 +129,7 @@ public:
     void SetInt64(const std::string& key, int64_t number) {
         Set(key, kZUModDataInt64, CountedData::Int64Bytes(number));
     }
-    // From now on, `good` look-ups work and each one after throws.
+    // The next `good` look-ups succeed; every later one throws.
     void ThrowAfter(int good) { m_good_lookups = good; }
 
     IZUModData* GetPolicy(const char* key) override {

@@ -70,7 +70,7 @@ std::string FourCc(uint32_t code) {
     return text;
 }
 
-// " name=value", and nothing for a field of 0.
+// " name=value", or nothing for a field of 0.
 std::string Field(const char* name, uint64_t value) {
     return value == 0 ? "" : ' ' + std::string(name) + '=' + std::to_string(value);
 }
@@ -157,7 +157,7 @@ void CopyText(const std::string& text, unsigned char (&field)[kSize]) {
     std::memcpy(field, text.data(), std::min(text.size(), kSize));
 }
 
-// What a driver fills in beside the size and the format.
+// What a driver fills in besides the size and the format.
 void FillPicture(v4l2_pix_format& picture) {
     picture.field = V4L2_FIELD_NONE;
     picture.bytesperline = picture.width * 2;
@@ -165,7 +165,7 @@ void FillPicture(v4l2_pix_format& picture) {
     picture.colorspace = V4L2_COLORSPACE_SRGB;
 }
 
-// The set of a caller who may use numbers past FD_SETSIZE, word by word as the system takes it.
+// The set may contain descriptors beyond FD_SETSIZE. It is an array of words, as select() reads it.
 bool IsInSet(const fd_set* set, int descriptor) {
     const auto place = static_cast<size_t>(descriptor);
     long word = 0;
@@ -703,7 +703,7 @@ int DeviceDouble::Select(int count, fd_set* readable, timeval* timeout) {
         if (outcome.result != -1 && outcome.result != 1) {
             EmptySet(readable, count);
         }
-        // As the system does: what is left of the time.
+        // As select() does: the time that is left.
         timeout->tv_sec = 0;
         timeout->tv_usec = 0;
         return outcome;
@@ -743,7 +743,7 @@ DeviceDouble::Outcome DeviceDouble::WaitReadable(std::unique_lock<std::mutex>& l
 
 }  // namespace zumod::testing
 
-// The seam, as linked into a test.
+// The seam's functions, linked into a test instead of src/capture/device_calls.cpp.
 namespace zumod::device {
 
 using testing::DeviceDouble;

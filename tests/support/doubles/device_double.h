@@ -1,8 +1,10 @@
-// The cameras of a test: answers every call of capture/device_calls.h in place of the system. It keeps the
-// exact sequence of calls, can refuse or be stopped at any of them, makes frames, and notices misuse.
+// The double for a camera's calls: answers every call of src/capture/device_calls.h instead of the system.
+// It records the exact sequence of calls, can fail or run a hook at any of them, produces frames and
+// detects misuse. Use it for tests of single calls; use vcam/ for programs and sessions, where a camera
+// must behave as one over time.
 //
-// Thread rule: every operation is [any thread]. The object that was made last is the one the calls reach; it
-// is made before, and destroyed after, every thread that makes such calls.
+// Thread rule: every operation is [any thread]. The object constructed last receives the calls. Construct
+// it before any thread that makes such calls, and destroy it after them.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -51,7 +53,7 @@ enum class DeviceCall : size_t {
 };
 inline constexpr size_t kDeviceCallCount = static_cast<size_t>(DeviceCall::kUnknownRequest) + 1;
 
-// The name that stands in the recorded sequence: "open", "TRY_FMT".
+// The name in the recorded sequence: "open", "TRY_FMT".
 const char* NameOf(DeviceCall call);
 
 struct FrameSize {
@@ -63,23 +65,23 @@ struct FrameSize {
 
 struct CameraFormat {
     uint32_t pixel_format;
-    // Tries of these are answered as they are; all others are refused with EINVAL...
+    // TRY_FMT accepts these sizes and refuses all others with EINVAL...
     std::vector<FrameSize> sizes;
-    // ...except these, which are answered with another size: asked, answered.
+    // ...except these, which it answers with another size: requested, answered.
     std::vector<std::pair<FrameSize, FrameSize>> adjusted = {};
 };
 
 struct CameraModel {
-    // Cut at 32 bytes; with 32 or more there is no NUL behind them, as a driver may leave it.
+    // Cut at 32 bytes. A name of 32 bytes or more has no terminating NUL, as drivers may do.
     std::string card = "Test camera";
     std::string bus_info = "usb-1";
     std::vector<CameraFormat> formats;
-    // What is set on the device, and stays so from one open to the next.
+    // The format set on the device. It persists from one open to the next.
     FrameSize current_size = {640, 480};
     uint32_t current_format = 0;
-    // What a set format comes out as, whatever was asked for.
+    // The size that S_FMT sets instead of the requested one.
     std::optional<FrameSize> size_after_set = std::nullopt;
-    // How many buffers are granted, if not as many as asked for.
+    // How many buffers REQBUFS grants, if not as many as requested.
     std::optional<uint32_t> granted_buffers = std::nullopt;
     uint32_t buffer_length = 4096;
     uint32_t parm_capability = V4L2_CAP_TIMEPERFRAME;
@@ -87,13 +89,13 @@ struct CameraModel {
 
 struct Frame {
     std::vector<uint8_t> bytes;
-    // What the dequeue reports instead of the number of bytes, and instead of the buffer's own index.
+    // What DQBUF reports instead of the number of bytes, and instead of the buffer's index.
     std::optional<uint32_t> bytes_used = std::nullopt;
     std::optional<uint32_t> index = std::nullopt;
 };
 
-// How the wait for a frame ends once the camera is gone. Every other request fails with ENODEV either way,
-// and opening with ENOENT.
+// How the wait for a frame ends once the camera is unplugged. In both cases open fails with ENOENT and
+// every other request with ENODEV.
 enum class Unplugged {
     kSelectFails,     // with ENODEV
     kAlwaysReadable,  // the dequeue fails, without end
@@ -108,34 +110,34 @@ public:
     DeviceDouble(const DeviceDouble&) = delete;
     DeviceDouble& operator=(const DeviceDouble&) = delete;
 
-    // The camera at /dev/video<index>; replaces one that is there and closed.
+    // The camera at /dev/video<index>. Replaces a camera that is there and closed.
     void SetCamera(int index, CameraModel model);
     void Unplug(int index, Unplugged how = Unplugged::kSelectFails);
-    // The first number a descriptor gets. They go up from it and come round after 400.
+    // The first descriptor. Descriptors count up from it and start again after 400.
     void SetFirstDescriptor(int descriptor);
 
-    // The nth such call from now on (1: the next one), and the times - 1 after it, are refused with `error`
-    // and have no effect, except that a refused close closes all the same.
+    // The nth such call from now (1: the next one) and the `times` - 1 calls after it fail with `error`
+    // and have no effect, except that a failed close still closes.
     void Fail(DeviceCall call, int error, int nth = 1, int times = 1);
-    // The same with a result of the test's own; without an error errno stays as it was. A wait that is
-    // answered neither -1 nor 1 empties its set.
+    // As Fail, with any result. An error of 0 leaves errno unchanged. A wait whose result is
+    // neither -1 nor 1 empties its set.
     void Answer(DeviceCall call, int result, int error, int nth = 1, int times = 1);
     void ForgetScripts();
-    // Run on the calling thread at each such call, before it is recorded or after its effect.
+    // Called on the calling thread at each such call, before it is recorded or after its effect.
     void Before(DeviceCall call, std::function<void()> hook);
     void After(DeviceCall call, std::function<void()> hook);
 
-    // Goes into the next queued buffer, waiting for one if need be, also for the stream to be started.
+    // The frame fills the next queued buffer; it waits until there is one and the stream has started.
     void PushFrame(int index, Frame frame);
-    // A frame every `period` while streaming, its first 8 bytes a sequence number from 0; 0 ends it. One that
-    // is due while no buffer is queued is lost.
+    // Produces a frame every `period` while streaming. Its first 8 bytes are a sequence number from 0. A
+    // period of 0 stops this. A frame that is due while no buffer is queued is lost.
     void SetFramePeriod(int index, std::chrono::microseconds period);
-    // A wait for a frame really lasts no longer than this, whatever the timeout asked for.
+    // The longest real duration of a wait for a frame, even if the timeout is longer.
     void SetLongestWait(std::chrono::microseconds limit);
 
     // Without recording a call costs next to nothing.
     void SetRecording(bool recording);
-    // One line a call, with the arguments as they were before it. A wait that is repeated with nothing
+    // One line per call, with the arguments as they were before it. A wait repeated with no call in
     // between is one line.
     std::vector<std::string> Calls() const;
     std::vector<std::string> TakeCalls();
@@ -143,10 +145,11 @@ public:
 
     int OpenDescriptors() const;
     int Mappings() const;
-    // Unknown descriptors, double closes, unmapping what is not mapped, sets that hold something else.
+    // Unknown descriptors, double closes, munmap of memory that is not mapped, sets with other
+    // descriptors.
     std::vector<std::string> Misuse() const;
 
-    // The calls themselves.
+    // The calls.
     int Open(const char* path, int flags);
     int Close(int descriptor);
     int Ioctl(int descriptor, unsigned long request, void* argument);
@@ -154,7 +157,7 @@ public:
     int Unmap(void* address, size_t length);
     int Select(int count, fd_set* readable, timeval* timeout);
 
-    // Null when there is none: then every file is missing.
+    // Null if there is none. Then no device file exists.
     static DeviceDouble* Current();
 
 private:
@@ -162,7 +165,7 @@ private:
 
     struct Outcome {
         int result;
-        int error;  // 0: errno stays
+        int error;  // 0: errno is unchanged
     };
     struct Script {
         DeviceCall call;
@@ -225,7 +228,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<std::unique_ptr<Camera>> m_cameras;
-    std::map<int, int> m_descriptors;  // to the camera's index
+    std::map<int, int> m_descriptors;  // to the index of the camera
     std::map<void*, Mapping> m_mappings;
     std::vector<Script> m_scripts;
     std::array<Hooks, kDeviceCallCount> m_hooks;

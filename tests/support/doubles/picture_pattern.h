@@ -1,5 +1,5 @@
-// A picture that every layout can carry, to send through a codec and know again: soft colours that tell left
-// from right and top from bottom, with edges in the luma that show a sheared row at once.
+// A picture for every pixel layout, to send through a codec and compare afterwards: a soft colour gradient
+// that is different at each side, with edges in the luma that show a sheared row.
 //
 // Thread rule: plain values.
 #pragma once
@@ -25,7 +25,7 @@ inline constexpr uint32_t kBgr32 = 0;
 struct Pattern {
     int width;
     int height;
-    int shift = 0;  // pixels to the left, for pictures that follow each other
+    int shift = 0;  // pixels to the left, for a sequence of pictures
 
     // Of the pixel, or between pixels, at these coordinates.
     double Luma(double x, double y) const {
@@ -48,19 +48,20 @@ inline uint8_t ToByte(double value) {
     return static_cast<uint8_t>(std::clamp(std::lround(value), 0L, 255L));
 }
 
-// A picture as a driver would fill it, its record beside it.
+// A picture as a driver fills it, and its record.
 struct TestPicture {
     VideoInputFormat record;
     std::vector<uint8_t> bytes;
 };
 
-// How the camera module writes a record: the first plane's row, rounded up to a multiple of 4.
+// As the camera module writes a record: the first plane's row, rounded up to a multiple of 4.
 inline VideoInputFormat RecordFor(uint32_t format, int width, int height) {
     const int bits = format == 0 ? 32 : format == kYuy2 ? 16 : 8;
     return {width, height, ((width * bits + 7) / 8 + 3) / 4 * 4, bits, format};
 }
 
-// The pattern in rows of `stride` bytes, whatever the record says. What pads the rows is no picture.
+// The pattern in rows of `stride` bytes, which need not be the stride in the record. Padding is not part
+// of the picture.
 inline TestPicture PaintWithStride(uint32_t format, const Pattern& pattern, int stride) {
     constexpr uint8_t kPadding = 0xEE;
     TestPicture picture{RecordFor(format, pattern.width, pattern.height), {}};
@@ -90,7 +91,7 @@ inline TestPicture PaintWithStride(uint32_t format, const Pattern& pattern, int 
         put_rows(pattern.height, stride, columns, [&](auto& row, int x, int y) {
             at(row, 4 * x) = ToByte(pattern.Luma(2 * x, y));
             at(row, 4 * x + 1) = ToByte(pattern.U(2 * x + 0.5, y));
-            // Beyond an odd width this byte is padding like any other.
+            // Beyond an odd width this byte is padding.
             at(row, 4 * x + 2) = 2 * x + 1 < pattern.width ? ToByte(pattern.Luma(2 * x + 1, y)) : kPadding;
             at(row, 4 * x + 3) = ToByte(pattern.V(2 * x + 0.5, y));
         });
@@ -120,7 +121,7 @@ inline TestPicture Paint(uint32_t format, const Pattern& pattern) {
     return PaintWithStride(format, pattern, RecordFor(format, pattern.width, pattern.height).stride);
 }
 
-// Adds up how far samples are off.
+// The sum of the squared errors of samples.
 class Psnr {
 public:
     void Add(double expected, double actual) {
@@ -135,8 +136,8 @@ private:
     double m_count = 0;
 };
 
-// How close a decoded picture is to the pattern, over the pattern's own size; what a codec added to make the
-// sides even is not looked at. The worst of the three colours.
+// How similar a decoded picture is to the pattern: the worst of the three planes. Compares only the
+// pattern's size, not what a codec added to make the sides even.
 inline double PsnrOf(const VideoDecodedPicture& picture, const Pattern& pattern) {
     std::array<Psnr, 3> colours;
     const auto sample = [&](int plane, int x, int y) {

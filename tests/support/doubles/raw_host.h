@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-// Of the leak checker, where there is one.
+// Functions of the leak checker; null in builds without it.
 extern "C" [[gnu::weak]] void __lsan_disable();  // NOLINT(bugprone-reserved-identifier)
 extern "C" [[gnu::weak]] void __lsan_enable();   // NOLINT(bugprone-reserved-identifier)
 
@@ -134,7 +134,7 @@ inline void* GetPolicy(Policy* self, const char* key) {
 }
 inline void* const kPolicyTable[] = {nullptr, nullptr, Slot(&CountUp), Slot(&CountDown), Slot(&GetPolicy)};
 
-// What asks the module for its plugin. One reference is the host's.
+// The policy that requests the plugin from the module. The host holds one reference.
 inline Policy PluginPolicy() {
     return {{kPolicyTable, 1},
             {{kValueTable}, 4, "IClientCameraPlugin", 0},

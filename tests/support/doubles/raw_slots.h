@@ -1,5 +1,4 @@
-// Calls an operation the way a module written by someone else does: through the object's table, by slot
-// number.
+// Calls an operation by its slot number in the object's table, as a module by a third party does.
 #pragma once
 
 #include <cstddef>

@@ -1,8 +1,7 @@
 // A channel stream in memory. It reads the bytes it was constructed with and keeps what the plugin writes;
 // either direction can be made slow or made to fail.
 //
-// Thread rule: set the options before the stream is used; Read is [run thread]; everything else is [any
-// thread].
+// Thread rule: set the options before the stream is used. Read is [run thread]; the rest is [any thread].
 #pragma once
 
 #include <algorithm>

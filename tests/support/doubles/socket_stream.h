@@ -1,4 +1,4 @@
-// A channel stream over one end of a socket pair, as a host would make it.
+// A channel stream over one end of a socket pair, as a host implements it.
 #pragma once
 
 #include <sys/socket.h>
@@ -10,7 +10,7 @@ namespace zumod::testing {
 
 class SocketStream final : public CCounted_T<IChannelStream> {
 public:
-    // Takes over the descriptor.
+    // Owns the descriptor.
     explicit SocketStream(int fd) : m_fd(fd) {}
     ~SocketStream() override { close(m_fd); }
 

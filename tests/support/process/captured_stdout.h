@@ -1,6 +1,6 @@
-// What the program writes to its standard output while this object lives, instead of showing it.
+// The standard output of this program, captured while the object lives.
 //
-// Thread rule: one at a time, and no thread may be printing while it is made, read or destroyed.
+// Thread rule: one object at a time; no other thread may print while it is constructed, read or destroyed.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
-// A program that a test starts, with its standard error in a file; killed with the object if it still runs.
+// A program that a test starts, with its standard error in a file. The destructor kills it if it still
+// runs.
 //
 // Thread rule: one thread at a time.
 #pragma once
@@ -50,7 +51,8 @@ public:
     pid_t Pid() const { return m_pid; }
     void Signal(int signal) const { EXPECT_EQ(kill(m_pid, signal), 0); }
 
-    // Its exit status, or 128 and the signal's number; -1 when it does not end in time.
+    // Waits for its end. Returns the exit status, 128 plus the signal's number, or -1 if it does not end
+    // in time.
     int Wait() {
         EXPECT_TRUE(WaitUntil([this] { return HasEnded(); })) << "does not end; it said:\n" << Errors();
         return m_status.value_or(-1);
@@ -67,7 +69,7 @@ public:
     // What it has written on standard error so far.
     std::string Errors() const { return FileContent(m_errors); }
 
-    // Waits until it has written this, or has ended.
+    // Waits until it has written this text or has ended. Returns whether it has written it.
     bool Says(const std::string& text) {
         const auto has = [&] { return Errors().find(text) != std::string::npos; };
         WaitUntil([&] { return has() || HasEnded(); });

@@ -1,4 +1,4 @@
-// A file as it is at the moment.
+// The current content of a file.
 //
 // Thread rule: pure function; any thread.
 #pragma once
@@ -9,7 +9,7 @@
 
 namespace zumod::testing {
 
-// All its bytes; empty when there is no such file.
+// All its bytes; empty if there is no such file.
 inline std::string FileContent(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};

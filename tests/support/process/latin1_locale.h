@@ -1,8 +1,7 @@
-// Character classes of the test's own, a locale made on the spot, so that no test depends on which ones are
-// installed: the single-byte ISO 8859-1, with 0xA0 as white space and 0xC9 / 0xE9 as an upper- and lower-case
-// pair.
+// A locale with the character classes of the single-byte ISO 8859-1, built by the test, so that no test
+// depends on the installed locales. 0xA0 is white space; 0xC9 and 0xE9 are an upper- and lower-case pair.
 //
-// Thread rule: as in scoped_environment.h; current from construction to destruction.
+// Thread rule: as in scoped_environment.h. The locale is current from construction to destruction.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -25,7 +24,7 @@ public:
         m_directory = mkdtemp(pattern.data());
         WriteCharmap(m_directory + "/charmap");
         WriteSource(m_directory + "/source");
-        // Only the character classes are described; -c accepts that, with warnings and status 1.
+        // localedef gets character classes only. With -c it accepts that, with warnings and status 1.
         const std::string make = "localedef -c --no-archive -f " + m_directory + "/charmap -i " +
                                  m_directory + "/source " + m_directory + "/test.ISO-8859-1 >/dev/null 2>&1";
         EXPECT_NE(std::system(make.c_str()), -1);

@@ -1,7 +1,6 @@
-// Sets process-wide surroundings for one test and puts them back: an environment variable, the time zone, the
-// locale.
+// Process-wide settings for the duration of one test: an environment variable, the time zone, the locale.
 //
-// Thread rule: no other thread may run that reads them.
+// Thread rule: no other thread that reads them may run.
 #pragma once
 
 #include <clocale>
@@ -35,7 +34,7 @@ private:
     std::optional<std::string> m_old;
 };
 
-// Takes a zone in POSIX form, which needs no zone file.
+// The zone is in POSIX form, which needs no zone file.
 class ScopedTimeZone {
 public:
     explicit ScopedTimeZone(const std::string& zone) {

@@ -1,4 +1,4 @@
-// The modules of the test tree, as a test meets them.
+// The paths of the test modules, and access to the record of one.
 #pragma once
 
 #include <dlfcn.h>
@@ -18,7 +18,7 @@ inline std::string TestModulePath(const std::string& kind) {
     return TestModuleDir(kind) + "/zu-codec.so";
 }
 
-// Keeps a recording codec mapped, and reads what it recorded.
+// Keeps a recording codec mapped and reads its record.
 class CodecProbe {
 public:
     explicit CodecProbe(const std::string& kind)

@@ -1,4 +1,4 @@
-// A directory of a test's own, gone with it.
+// A temporary directory, removed by the destructor.
 #pragma once
 
 #include <cstdlib>
@@ -28,7 +28,7 @@ private:
     std::string m_path;
 };
 
-// The path of what is in it.
+// The path of a file in it.
 inline std::string operator/(const WorkDirectory& directory, const std::string& name) {
     return directory.Path() + "/" + name;
 }

@@ -1,6 +1,6 @@
-// The heap, thread, semaphore and clock calls of a test program: counted, listed, made to fail and stopped
-// at. A program that links zu_call_watch has these calls of its own objects, but not those of shared
-// libraries, sent through here.
+// The heap, thread, semaphore and clock calls of a test program, which can be counted, listed, made to
+// fail and hooked. A program that links zu_call_watch has these calls of its own objects, but not those of
+// shared libraries, sent through here.
 //
 // Thread rule: one watch at a time; the calls it watches come from [any thread].
 #pragma once
@@ -21,9 +21,9 @@ public:
 #undef ZU_CALL
     };
 
-    // The value of a call is the size of the block it asks for, the block it frees, the argument of the new
-    // thread, the thread, the mutex, the pause, or which semaphore it is for: one that was made with 0 counts
-    // items, one made with more counts free slots.
+    // The value of a call is the size of the block it requests, the block it frees, the argument of the
+    // new thread, the thread, the mutex, the length of the pause, or the role of the semaphore: one
+    // initialised with 0 counts items, one initialised with more counts free slots.
     static constexpr uintptr_t kAny = UINTPTR_MAX;
     static constexpr uintptr_t kItems = 0;
     static constexpr uintptr_t kFreeSlots = 1;
@@ -45,7 +45,7 @@ public:
     // What gettimeofday returns from now on.
     void SetClock(long seconds, long microseconds);
 
-    // Failed calls count too.
+    // The number of these calls, including failed ones.
     int Count(Call call, uintptr_t value = kAny) const;
     // The value of the last of these calls; 0 if there was none.
     uintptr_t LastValue(Call call) const;

@@ -1,4 +1,4 @@
-// What of a file is mapped into this process.
+// The mappings of a file in this process.
 #pragma once
 
 #include <filesystem>
@@ -8,7 +8,7 @@
 
 namespace zumod::testing {
 
-// How many times the file is mapped: how many mappings begin with its first byte.
+// How many times the file is mapped: the number of mappings that begin with its first byte.
 inline int TimesMapped(const std::string& path) {
     const std::string wanted = std::filesystem::weakly_canonical(path);
     std::ifstream maps("/proc/self/maps");

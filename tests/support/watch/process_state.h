@@ -1,4 +1,4 @@
-// What this process holds of the system, for tests that nothing is left behind.
+// The threads and descriptors of this process, for tests that none are left.
 #pragma once
 
 #include <unistd.h>
@@ -18,13 +18,13 @@ inline std::ptrdiff_t CountEntries(const char* directory) {
                          std::filesystem::directory_iterator());
 }
 
-// A sanitizer starts a thread of its own beside the first one that a program makes, for good. Made here, it
-// counts from the start.
+// A sanitizer starts another thread, which stays, beside the first thread that a program creates. Starting
+// it here makes it part of every count.
 inline void StartSanitizersThread() {
     static const bool started = [] {
         std::filesystem::path listed;
         std::thread([&listed] { listed = "/proc/self/task/" + std::to_string(gettid()); }).join();
-        // A thread that was joined is listed for a moment longer.
+        // A joined thread stays in /proc for a short time.
         return WaitUntil([&listed] { return !std::filesystem::exists(listed); });
     }();
     (void)started;
@@ -35,12 +35,12 @@ inline std::ptrdiff_t CountThreads() {
     return CountEntries("/proc/self/task");
 }
 
-// Whether the process comes down, or up, to this many threads.
+// Waits until the process has this many threads. Returns false if it does not.
 inline bool ThreadsComeTo(std::ptrdiff_t count) {
     return WaitUntil([count] { return CountThreads() == count; });
 }
 
-// Whether the kernel says that this thread of the process waits for something.
+// Whether the kernel reports this thread of the process as waiting.
 inline bool IsAsleep(pid_t thread) {
     std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
     const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());

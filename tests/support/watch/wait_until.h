@@ -1,4 +1,4 @@
-// Waits for a condition with a deadline; a test never sleeps to wait for another thread.
+// A wait for a condition with a deadline. A test never sleeps to wait for another thread.
 #pragma once
 
 #include <chrono>
@@ -6,7 +6,7 @@
 
 namespace zumod::testing {
 
-// Returns whether the condition came to hold within the time, which is long enough for a loaded machine.
+// Returns whether the condition became true in time. The limit is long enough for a loaded machine.
 template <class Condition>
 bool WaitUntil(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
