@@ -8,21 +8,21 @@ namespace zumod::vcam {
 std::shared_ptr<BufferPool> BufferPool::Create(uint32_t count, uint32_t length) {
     const auto page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
     std::shared_ptr<BufferPool> pool(new BufferPool);
-    pool->count_ = count;
-    pool->length_ = length;
-    pool->stride_ = (length + page - 1) / page * page;
-    const size_t size = size_t{count} * pool->stride_;
-    pool->fd_.Reset(memfd_create("zu-vcam-buffers", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (!pool->fd_ || ftruncate(pool->fd_.Get(), static_cast<off_t>(size)) != 0 ||
-        fcntl(pool->fd_.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0) {
+    pool->m_count = count;
+    pool->m_length = length;
+    pool->m_stride = (length + page - 1) / page * page;
+    const size_t size = size_t{count} * pool->m_stride;
+    pool->m_fd.Reset(memfd_create("zu-vcam-buffers", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (!pool->m_fd || ftruncate(pool->m_fd.Get(), static_cast<off_t>(size)) != 0 ||
+        fcntl(pool->m_fd.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0) {
         return nullptr;
     }
     // The pages are there before the first frame is due.
-    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, pool->fd_.Get(), 0);
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, pool->m_fd.Get(), 0);
     if (base == MAP_FAILED) {
         return nullptr;
     }
-    pool->base_ = static_cast<uint8_t*>(base);
+    pool->m_base = static_cast<uint8_t*>(base);
     return pool;
 }
 
@@ -31,16 +31,16 @@ BufferPool::~BufferPool() {
 }
 
 void BufferPool::Unmap() {
-    if (base_ != nullptr) {
-        munmap(base_, size_t{count_} * stride_);
-        base_ = nullptr;
+    if (m_base != nullptr) {
+        munmap(m_base, size_t{m_count} * m_stride);
+        m_base = nullptr;
     }
 }
 
 bool BufferPool::IsMappedElsewhere() {
     Unmap();
     // Memory that somebody maps for writing cannot be sealed against writing.
-    return fcntl(fd_.Get(), F_ADD_SEALS, F_SEAL_WRITE) != 0;
+    return fcntl(m_fd.Get(), F_ADD_SEALS, F_SEAL_WRITE) != 0;
 }
 
 }  // namespace zumod::vcam

@@ -17,11 +17,11 @@ public:
     BufferPool& operator=(const BufferPool&) = delete;
     ~BufferPool();
 
-    uint8_t* At(uint32_t index) const { return base_ + size_t{index} * stride_; }
-    uint32_t Stride() const { return stride_; }
-    uint32_t Count() const { return count_; }
-    uint32_t Length() const { return length_; }
-    int Descriptor() const { return fd_.Get(); }
+    uint8_t* At(uint32_t index) const { return m_base + size_t{index} * m_stride; }
+    uint32_t Stride() const { return m_stride; }
+    uint32_t Count() const { return m_count; }
+    uint32_t Length() const { return m_length; }
+    int Descriptor() const { return m_fd.Get(); }
 
     // Gives up the camera's own mapping, for good, and says whether a program still has one: like the kernel,
     // a camera is in use until its memory is unmapped too. Nobody may use At any more.
@@ -31,11 +31,11 @@ private:
     BufferPool() = default;
     void Unmap();
 
-    UniqueFd fd_;
-    uint8_t* base_ = nullptr;
-    uint32_t count_ = 0;
-    uint32_t length_ = 0;
-    uint32_t stride_ = 0;
+    UniqueFd m_fd;
+    uint8_t* m_base = nullptr;
+    uint32_t m_count = 0;
+    uint32_t m_length = 0;
+    uint32_t m_stride = 0;
 };
 
 }  // namespace zumod::vcam

@@ -129,7 +129,7 @@ TEST(Camera, StampsTheSequenceAndTheTimeIntoThePicture) {
     for (int i = 0; i < 4; ++i) {
         const TestRig::Frame frame = rig.Next();
         ASSERT_EQ(frame.error, 0);
-        const auto stamp = ReadStamp(rig.Memory(frame.buffer.index), rig.Device().Layout());
+        const auto stamp = ReadStamp(rig.Memory(frame.buffer.index), LayOut(V4L2_PIX_FMT_NV12, 128, 96));
         ASSERT_TRUE(stamp);
         EXPECT_EQ(stamp->counter, frame.buffer.sequence);
         EXPECT_EQ(stamp->time_us, static_cast<uint64_t>(frame.buffer.timestamp.tv_sec) * 1000000U +

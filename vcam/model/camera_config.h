@@ -11,6 +11,9 @@
 
 namespace zumod::vcam {
 
+inline constexpr uint32_t kLeastSide = 16;
+inline constexpr uint32_t kGreatestSide = 8192;
+
 struct Size {
     uint32_t width = 0;
     uint32_t height = 0;

@@ -14,8 +14,6 @@
 namespace zumod::vcam {
 namespace {
 
-constexpr uint32_t kLeastSide = 16;
-constexpr uint32_t kGreatestSide = 8192;
 constexpr uint32_t kGreatestRate = 1000;
 
 struct Key {
@@ -270,7 +268,8 @@ std::string DescribeOptions() {
     }
     text += "\nFormats:\n";
     for (const PixelFormat& format : PixelFormats()) {
-        std::snprintf(line, sizeof line, "  %-8s %s\n", FourccText(format.fourcc).c_str(), format.description);
+        std::snprintf(line, sizeof line, "  %-8s %s\n", FourccText(format.fourcc).c_str(),
+                      format.description);
         text += line;
     }
     text +=

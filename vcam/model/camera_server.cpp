@@ -111,54 +111,54 @@ std::unique_ptr<CameraServer> CameraServer::Start(std::vector<CameraConfig> conf
         return nullptr;
     }
     for (CameraConfig& config : configs) {
-        const auto slot = static_cast<unsigned>(server->cameras_.size());
-        server->numbers_.push_back(config.number);
-        server->cameras_.push_back(
-            std::make_unique<Camera>(slot, std::move(config), server->name_, server->boards_[slot]));
+        const auto slot = static_cast<unsigned>(server->m_cameras.size());
+        server->m_numbers.push_back(config.number);
+        server->m_cameras.push_back(
+            std::make_unique<Camera>(slot, std::move(config), server->m_name, server->m_boards[slot]));
     }
-    server->thread_ = std::thread([raw = server.get()] { raw->Loop(); });
+    server->m_thread = std::thread([raw = server.get()] { raw->Loop(); });
     return server;
 }
 
 CameraServer::~CameraServer() {
-    if (thread_.joinable()) {
+    if (m_thread.joinable()) {
         const uint64_t one = 1;
-        if (write(stop_.Get(), &one, sizeof one) == sizeof one) {
-            thread_.join();
+        if (write(m_stop.Get(), &one, sizeof one) == sizeof one) {
+            m_thread.join();
         }
     }
-    cameras_.clear();
-    if (boards_ != nullptr) {
-        munmap(boards_, kBoardsSize);
+    m_cameras.clear();
+    if (m_boards != nullptr) {
+        munmap(m_boards, kBoardsSize);
     }
 }
 
 bool CameraServer::MakeBoards() {
-    boards_memory_.Reset(memfd_create("zu-vcam-boards", MFD_CLOEXEC));
-    if (!boards_memory_ || ftruncate(boards_memory_.Get(), static_cast<off_t>(kBoardsSize)) != 0) {
+    m_boards_memory.Reset(memfd_create("zu-vcam-boards", MFD_CLOEXEC));
+    if (!m_boards_memory || ftruncate(m_boards_memory.Get(), static_cast<off_t>(kBoardsSize)) != 0) {
         return false;
     }
-    void* memory = mmap(nullptr, kBoardsSize, PROT_READ | PROT_WRITE, MAP_SHARED, boards_memory_.Get(), 0);
+    void* memory = mmap(nullptr, kBoardsSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_boards_memory.Get(), 0);
     if (memory == MAP_FAILED) {
         return false;
     }
     // Fresh memory is zero, and an atomic word of zero is what a board begins with.
-    boards_ = static_cast<CameraBoard*>(memory);
+    m_boards = static_cast<CameraBoard*>(memory);
     return true;
 }
 
 bool CameraServer::Listen() {
-    stop_.Reset(eventfd(0, EFD_CLOEXEC));
-    listener_.Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    m_stop.Reset(eventfd(0, EFD_CLOEXEC));
+    m_listener.Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
-    const unsigned length = ServerAddress(name_.c_str(), address);
-    return stop_ && listener_ &&
-           bind(listener_.Get(), reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
-           listen(listener_.Get(), SOMAXCONN) == 0;
+    const unsigned length = ServerAddress(m_name.c_str(), address);
+    return m_stop && m_listener &&
+           bind(m_listener.Get(), reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
+           listen(m_listener.Get(), SOMAXCONN) == 0;
 }
 
 void CameraServer::Loop() {
-    std::vector<pollfd> waiting = {{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
+    std::vector<pollfd> waiting = {{m_stop.Get(), POLLIN, 0}, {m_listener.Get(), POLLIN, 0}};
     for (;;) {
         if (poll(waiting.data(), waiting.size(), -1) < 0) {
             continue;
@@ -174,7 +174,7 @@ void CameraServer::Loop() {
             }
         }
         if (waiting[1].revents != 0) {
-            const int connection = accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC);
+            const int connection = accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC);
             if (connection >= 0) {
                 waiting.push_back({connection, POLLIN, 0});
             }
@@ -217,7 +217,7 @@ Reply CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload
         }
         case Operation::kList:
             payload.clear();
-            for (const auto& camera : cameras_) {
+            for (const auto& camera : m_cameras) {
                 const auto number = static_cast<uint32_t>(camera->Number());
                 const auto* bytes = reinterpret_cast<const uint8_t*>(&number);
                 if (camera->Number() >= 0) {
@@ -226,7 +226,7 @@ Reply CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload
             }
             return reply;
         case Operation::kBoards:
-            descriptor.Reset(fcntl(boards_memory_.Get(), F_DUPFD_CLOEXEC, 0));
+            descriptor.Reset(fcntl(m_boards_memory.Get(), F_DUPFD_CLOEXEC, 0));
             reply.error = descriptor ? 0 : errno;
             return reply;
         case Operation::kControl: {
@@ -237,11 +237,11 @@ Reply CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload
             return reply;
         }
         default:
-            if (request.slot >= cameras_.size()) {
+            if (request.slot >= m_cameras.size()) {
                 reply.error = ENODEV;
                 return reply;
             }
-            return cameras_[request.slot]->Serve(request, payload, descriptor);
+            return m_cameras[request.slot]->Serve(request, payload, descriptor);
     }
 }
 
@@ -260,11 +260,11 @@ Reply CameraServer::Open(const Request& request, UniqueFd& descriptor) {
 }
 
 Camera* CameraServer::FindNumber(int number) {
-    for (const auto& camera : cameras_) {
+    for (const auto& camera : m_cameras) {
         if (camera->Number() == number) {
             // A camera may have come back under another number.
             if (!WasVirtual(number)) {
-                numbers_.push_back(number);
+                m_numbers.push_back(number);
             }
             return camera.get();
         }
@@ -273,19 +273,19 @@ Camera* CameraServer::FindNumber(int number) {
 }
 
 bool CameraServer::WasVirtual(int number) const {
-    return std::find(numbers_.begin(), numbers_.end(), number) != numbers_.end();
+    return std::find(m_numbers.begin(), m_numbers.end(), number) != m_numbers.end();
 }
 
 bool CameraServer::Control(const std::string& line, std::string& answer) {
     std::istringstream words(line);
     size_t index = 0;
     std::string verb;
-    if (!(words >> index >> verb) || index >= cameras_.size()) {
+    if (!(words >> index >> verb) || index >= m_cameras.size()) {
         answer =
             "expected the number of a camera, counted from 0 in the order they were given, and a command";
         return false;
     }
-    Camera& camera = *cameras_[index];
+    Camera& camera = *m_cameras[index];
     if (verb == "status") {
         answer = StatusText(camera.Status());
         return true;

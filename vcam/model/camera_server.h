@@ -22,16 +22,16 @@ public:
     ~CameraServer();
 
     // For a program's environment, as the value of kServerVariable.
-    const std::string& Name() const { return name_; }
+    const std::string& Name() const { return m_name; }
     // In the order they were given.
-    Camera& At(size_t index) { return *cameras_.at(index); }
-    size_t Count() const { return cameras_.size(); }
+    Camera& At(size_t index) { return *m_cameras.at(index); }
+    size_t Count() const { return m_cameras.size(); }
 
     // A line for one camera, "0 unplug", "1 status": what it answers. False for a line that makes no sense.
     bool Control(const std::string& line, std::string& answer);
 
 private:
-    explicit CameraServer(std::string name) : name_(std::move(name)) {}
+    explicit CameraServer(std::string name) : m_name(std::move(name)) {}
     bool MakeBoards();
     bool Listen();
     void Loop();
@@ -41,14 +41,14 @@ private:
     Camera* FindNumber(int number);
     bool WasVirtual(int number) const;
 
-    std::string name_;
-    UniqueFd boards_memory_;
-    CameraBoard* boards_ = nullptr;
-    std::vector<std::unique_ptr<Camera>> cameras_;
-    std::vector<int> numbers_;  // all that ever were a camera's; used by the server's thread alone
-    UniqueFd listener_;
-    UniqueFd stop_;
-    std::thread thread_;
+    std::string m_name;
+    UniqueFd m_boards_memory;
+    CameraBoard* m_boards = nullptr;
+    std::vector<std::unique_ptr<Camera>> m_cameras;
+    std::vector<int> m_numbers;  // all that ever were a camera's; used by the server's thread alone
+    UniqueFd m_listener;
+    UniqueFd m_stop;
+    std::thread m_thread;
 };
 
 }  // namespace zumod::vcam

@@ -19,7 +19,8 @@ void CopyName(char (&to)[kSize], const char* from) {
     std::memcpy(to, from, std::min(std::strlen(from), kSize - 1));
 }
 
-// What the kernel makes of a value before a driver sees it; false for one it refuses.
+// Adjusts a value as the kernel does before it calls a driver. Returns false for a value that the kernel
+// rejects.
 bool Adjust(const Control& control, int32_t& value) {
     switch (control.type) {
         case V4L2_CTRL_TYPE_INTEGER: {
@@ -40,7 +41,7 @@ bool Adjust(const Control& control, int32_t& value) {
 }  // namespace
 
 Controls::Controls()
-    : controls_{
+    : m_controls{
           {V4L2_CID_USER_CLASS,
            V4L2_CTRL_TYPE_CTRL_CLASS,
            "User Controls",
@@ -79,15 +80,15 @@ Controls::Controls()
            0,
            {"Disabled", "50 Hz", "60 Hz"}},
       } {
-    for (const Control& control : controls_) {
-        values_.push_back(control.initial);
+    for (const Control& control : m_controls) {
+        m_values.push_back(control.initial);
     }
 }
 
 const Control* Controls::Find(uint32_t id) const {
-    const auto found = std::find_if(controls_.begin(), controls_.end(),
+    const auto found = std::find_if(m_controls.begin(), m_controls.end(),
                                     [id](const Control& control) { return control.id == id; });
-    return found == controls_.end() ? nullptr : &*found;
+    return found == m_controls.end() ? nullptr : &*found;
 }
 
 const Control* Controls::FindAsked(uint32_t id) const {
@@ -98,17 +99,21 @@ const Control* Controls::FindAsked(uint32_t id) const {
     if ((id & V4L2_CTRL_FLAG_NEXT_CTRL) == 0) {
         return nullptr;  // there are no compound controls
     }
-    const auto found = std::find_if(controls_.begin(), controls_.end(),
+    const auto found = std::find_if(m_controls.begin(), m_controls.end(),
                                     [&](const Control& control) { return control.id > (id & ~next); });
-    return found == controls_.end() ? nullptr : &*found;
-}
-
-int32_t& Controls::ValueOf(const Control& control) {
-    return values_[static_cast<size_t>(&control - controls_.data())];
+    return found == m_controls.end() ? nullptr : &*found;
 }
 
 int32_t Controls::ValueOf(const Control& control) const {
-    return values_[static_cast<size_t>(&control - controls_.data())];
+    return m_values[static_cast<size_t>(&control - m_controls.data())];
+}
+
+void Controls::SetValue(const Control& control, int32_t value) {
+    int32_t& stored = m_values[static_cast<size_t>(&control - m_controls.data())];
+    if (stored != value) {
+        stored = value;
+        m_changed.push_back(control.id);
+    }
 }
 
 int Controls::Query(v4l2_queryctrl& query) const {
@@ -152,7 +157,7 @@ int Controls::QueryMenu(v4l2_querymenu& menu) const {
     if (control == nullptr || menu.index >= control->menu.size()) {
         return EINVAL;
     }
-    // The structure is packed: its name cannot be bound to a reference.
+    // The structure is packed, so a reference to its name is not possible.
     const char* name = control->menu[menu.index];
     std::memset(menu.name, 0, sizeof menu.name);
     std::memcpy(menu.name, name, std::min(std::strlen(name), sizeof menu.name - 1));
@@ -169,7 +174,7 @@ int Controls::Get(v4l2_control& control) const {
     return 0;
 }
 
-int Controls::Set(v4l2_control& control, std::vector<uint32_t>& changed) {
+int Controls::Set(v4l2_control& control) {
     const Control* found = Find(control.id);
     if (found == nullptr || found->type == V4L2_CTRL_TYPE_CTRL_CLASS) {
         return EINVAL;
@@ -177,21 +182,18 @@ int Controls::Set(v4l2_control& control, std::vector<uint32_t>& changed) {
     if (!Adjust(*found, control.value)) {
         return ERANGE;
     }
-    if (ValueOf(*found) != control.value) {
-        ValueOf(*found) = control.value;
-        changed.push_back(control.id);
-    }
+    SetValue(*found, control.value);
     return 0;
 }
 
-int Controls::Check(const v4l2_ext_controls& controls, bool writes, uint32_t& failed) const {
-    const uint32_t which = controls.which;
+int Controls::Check(uint32_t which, std::span<const v4l2_ext_control> controls, bool writes,
+                    uint32_t& failed) const {
     const bool is_class = which == V4L2_CTRL_CLASS_USER;
     if (which != V4L2_CTRL_WHICH_CUR_VAL && !is_class && (writes || which != V4L2_CTRL_WHICH_DEF_VAL)) {
         return EINVAL;
     }
-    for (failed = 0; failed < controls.count; ++failed) {
-        const v4l2_ext_control& asked = controls.controls[failed];
+    for (failed = 0; failed < controls.size(); ++failed) {
+        const v4l2_ext_control& asked = controls[failed];
         const Control* control = Find(asked.id);
         if (control == nullptr || (is_class && V4L2_CTRL_ID2CLASS(asked.id) != which)) {
             return EINVAL;
@@ -207,39 +209,44 @@ int Controls::Check(const v4l2_ext_controls& controls, bool writes, uint32_t& fa
     return 0;
 }
 
-int Controls::GetExtended(v4l2_ext_controls& controls) const {
+int Controls::GetExtended(v4l2_ext_controls& request, std::span<v4l2_ext_control> controls) const {
     uint32_t failed = 0;
-    const int error = Check(controls, false, failed);
-    // Nothing was read: the kernel then does not say which one was at fault.
-    controls.error_idx = controls.count;
+    const int error = Check(request.which, controls, false, failed);
+    // Like the kernel: if nothing was read, the index does not say which control was wrong.
+    request.error_idx = request.count;
     if (error != 0) {
         return error;
     }
-    for (uint32_t i = 0; i < controls.count; ++i) {
-        const Control& control = *Find(controls.controls[i].id);
-        controls.controls[i].value =
-            controls.which == V4L2_CTRL_WHICH_DEF_VAL ? control.initial : ValueOf(control);
+    for (v4l2_ext_control& asked : controls) {
+        const Control& control = *Find(asked.id);
+        asked.value = request.which == V4L2_CTRL_WHICH_DEF_VAL ? control.initial : ValueOf(control);
     }
     return 0;
 }
 
-int Controls::SetExtended(v4l2_ext_controls& controls, bool only_try, std::vector<uint32_t>& changed) {
+int Controls::TryExtended(v4l2_ext_controls& request, std::span<v4l2_ext_control> controls) const {
     uint32_t failed = 0;
-    const int error = Check(controls, true, failed);
-    controls.error_idx = error != 0 && only_try ? failed : controls.count;
+    const int error = Check(request.which, controls, true, failed);
+    request.error_idx = error != 0 ? failed : request.count;
     if (error != 0) {
         return error;
     }
-    for (uint32_t i = 0; i < controls.count; ++i) {
-        v4l2_ext_control& asked = controls.controls[i];
-        const Control& control = *Find(asked.id);
-        int32_t value = asked.value;
-        Adjust(control, value);
+    for (v4l2_ext_control& asked : controls) {
+        int32_t value = asked.value;  // the structure is packed
+        Adjust(*Find(asked.id), value);
         asked.value = value;
-        if (!only_try && ValueOf(control) != value) {
-            ValueOf(control) = value;
-            changed.push_back(control.id);
-        }
+    }
+    return 0;
+}
+
+int Controls::SetExtended(v4l2_ext_controls& request, std::span<v4l2_ext_control> controls) {
+    const int error = TryExtended(request, controls);
+    request.error_idx = request.count;  // like the kernel: nothing was set, so no control is named
+    if (error != 0) {
+        return error;
+    }
+    for (const v4l2_ext_control& asked : controls) {
+        SetValue(*Find(asked.id), asked.value);
     }
     return 0;
 }

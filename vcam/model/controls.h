@@ -1,10 +1,12 @@
-// The few controls a virtual camera has. They keep what is set and do not change the picture, which stays
-// comparable byte for byte. Guarded by its camera's lock.
+// The few controls of a virtual camera. They keep the values that are set, and do not change the picture:
+// tests compare pictures byte by byte. Thread rule: no lock of its own; its camera's lock guards it.
 #pragma once
 
 #include <linux/videodev2.h>
 
 #include <cstdint>
+#include <span>
+#include <utility>
 #include <vector>
 
 namespace zumod::vcam {
@@ -25,28 +27,34 @@ class Controls {
 public:
     Controls();
 
-    // Each returns 0 or errno. `changed` lists the controls whose value became another.
+    // Each is the request of that name, and returns 0 or errno.
     int Query(v4l2_queryctrl& query) const;
     int QueryExtended(v4l2_query_ext_ctrl& query) const;
     int QueryMenu(v4l2_querymenu& menu) const;
     int Get(v4l2_control& control) const;
-    int Set(v4l2_control& control, std::vector<uint32_t>& changed);
-    int GetExtended(v4l2_ext_controls& controls) const;
-    int SetExtended(v4l2_ext_controls& controls, bool only_try, std::vector<uint32_t>& changed);
+    int Set(v4l2_control& control);
+    // The controls are those in the span; the request's pointer is not used.
+    int GetExtended(v4l2_ext_controls& request, std::span<v4l2_ext_control> controls) const;
+    int SetExtended(v4l2_ext_controls& request, std::span<v4l2_ext_control> controls);
+    int TryExtended(v4l2_ext_controls& request, std::span<v4l2_ext_control> controls) const;
 
-    // The event that tells of a control; false for an unknown one.
+    // The controls whose value was changed since the last call.
+    std::vector<uint32_t> TakeChanged() { return std::exchange(m_changed, {}); }
+    // Fills in the event that reports a control's value. Returns false for an unknown control.
     bool Describe(uint32_t id, v4l2_event& event) const;
 
 private:
     const Control* Find(uint32_t id) const;
-    // The control a query asks for, by its id or as the one after it.
+    // The control that a query asks for: the one with this id, or the next one after it.
     const Control* FindAsked(uint32_t id) const;
-    int32_t& ValueOf(const Control& control);
     int32_t ValueOf(const Control& control) const;
-    int Check(const v4l2_ext_controls& controls, bool writes, uint32_t& failed) const;
+    void SetValue(const Control& control, int32_t value);
+    int Check(uint32_t which, std::span<const v4l2_ext_control> controls, bool writes,
+              uint32_t& failed) const;
 
-    std::vector<Control> controls_;
-    std::vector<int32_t> values_;
+    std::vector<Control> m_controls;
+    std::vector<int32_t> m_values;
+    std::vector<uint32_t> m_changed;
 };
 
 }  // namespace zumod::vcam

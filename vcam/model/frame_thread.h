@@ -1,0 +1,113 @@
+// The thread that paints and delivers a camera's frames.
+//
+// A frame is painted into the oldest queued buffer as soon as the frame before it was delivered, so that only
+// the hand- over is left when it is due. Painting is the one thing that is done without the camera's lock:
+// the thread keeps the buffer pool and the frame source alive itself, and drops the picture if the stream
+// changed meanwhile. Due times are exact multiples of the frame time (frame_clock.h), so a late wake-up
+// delays one frame and not the rest.
+//
+// Step does one round of the thread's work for a given time. The thread is a loop around it, and tests call
+// it without a thread.
+//
+// Thread rule: the camera's lock guards all of it; every function but Wake, Start and Stop is called with the
+// lock held. Step and WaitUntilPainted release the lock for a while.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <thread>
+
+#include "common/mutex.h"
+#include "vcam/model/buffer_queue.h"
+#include "vcam/model/fault_set.h"
+#include "vcam/model/format_state.h"
+#include "vcam/model/frame_clock.h"
+
+namespace zumod::vcam {
+
+class FrameThread {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Time = Clock::time_point;
+
+    // What is to be done after a step.
+    enum class Next {
+        kStep,    // another step
+        kSleep,   // another step at WakeTime()
+        kWait,    // another step after a change
+        kReap,    // the owner is gone: forget its file, then another step
+        kUnplug,  // a fault unplugs the camera
+    };
+    // Does what kReap and kUnplug say; called with the lock held.
+    using Handler = std::function<void(Next)>;
+
+    FrameThread(BufferQueue& buffers, const FormatState& formats, FaultSet& faults)
+        : m_buffers(buffers), m_formats(formats), m_faults(faults) {}
+    FrameThread(const FrameThread&) = delete;
+    FrameThread& operator=(const FrameThread&) = delete;
+
+    void Start(Mutex& lock, Handler handler);
+    // Ends the thread. Only after Start, once.
+    void Stop(Mutex& lock);
+    // Anything may have changed.
+    void Wake() { m_changed.notify_all(); }
+
+    void BeginStream(Time now);
+    // Counts on from the current frame, at the rate and with the offsets that the faults now ask for.
+    void RestartClock(Time now);
+    Next Step(Mutex& lock, Time now) ZU_REQUIRES(lock);
+    Time WakeTime() const { return m_wake_time; }
+    // After this nobody writes into the buffers until the lock is released.
+    void WaitUntilPainted(Mutex& lock) ZU_REQUIRES(lock);
+
+    uint64_t Delivered() const { return m_delivered; }
+    // Frames for which no buffer was queued, or that a fault took.
+    uint64_t Dropped() const { return m_dropped; }
+
+private:
+    // A picture in a buffer, ahead of its time.
+    struct Painted {
+        uint32_t stream = 0;  // 0: none
+        uint32_t index = 0;
+        uint64_t frame = 0;
+        uint64_t time_us = 0;
+        size_t bytes = 0;
+
+        bool IsFor(const Painted& other) const {
+            return stream == other.stream && index == other.index && frame == other.frame &&
+                   time_us == other.time_us;
+        }
+    };
+
+    void Loop(Mutex& lock, const Handler& handler);
+    Next SleepUntil(Time time);
+    void SkipTo(uint64_t frame);
+    bool Paint(Mutex& lock) ZU_REQUIRES(lock);
+    void Deliver();
+
+    BufferQueue& m_buffers;
+    const FormatState& m_formats;
+    FaultSet& m_faults;
+
+    std::condition_variable_any m_changed;
+    std::condition_variable_any m_painting_ended;
+    bool m_quit = false;
+    bool m_is_painting = false;
+
+    FrameClock m_clock;
+    uint64_t m_frame = 0;  // the next one of the stream
+    uint32_t m_sequence_offset = 0;
+    int64_t m_time_offset_us = 0;
+    std::optional<Time> m_stalled_until;
+    Time m_wake_time;
+    Painted m_painted;
+    uint64_t m_delivered = 0;
+    uint64_t m_dropped = 0;
+
+    std::thread m_thread;
+};
+
+}  // namespace zumod::vcam

@@ -1,0 +1,46 @@
+// Whether a camera is plugged in, and its device number. A replug that was planned takes effect as soon as
+// somebody asks after its time: nothing can happen to an unplugged camera in between, so no timer is needed.
+// Thread rule: no lock of its own; its camera's lock guards it.
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+#include "vcam/model/faults.h"
+
+namespace zumod::vcam {
+
+class PlugState {
+public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    explicit PlugState(int number) : m_number(number) {}
+
+    bool IsPresent(Time now) {
+        if (m_replug_at && now >= *m_replug_at) {
+            m_number = m_replug_number;
+            m_is_present = true;
+            m_replug_at.reset();
+        }
+        return m_is_present;
+    }
+
+    // The number it has, or had last.
+    int Number() const { return m_number; }
+
+    void Unplug() { m_is_present = false; }
+
+    // While it is unplugged: lets it come back as the fault (kReplug or kReplugAs) says.
+    void Plan(const Fault& replug, Time now) {
+        m_replug_at = now + std::chrono::milliseconds(replug.value);
+        m_replug_number = replug.kind == FaultKind::kReplug ? m_number : static_cast<int>(replug.value2);
+    }
+
+private:
+    bool m_is_present = true;
+    int m_number;
+    std::optional<Time> m_replug_at;
+    int m_replug_number = 0;
+};
+
+}  // namespace zumod::vcam
