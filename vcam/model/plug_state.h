@@ -4,7 +4,6 @@
 #pragma once
 
 #include <chrono>
-#include <optional>
 
 #include "vcam/model/faults.h"
 
@@ -17,10 +16,9 @@ public:
     explicit PlugState(int number) : m_number(number) {}
 
     bool IsPresent(Time now) {
-        if (m_replug_at && now >= *m_replug_at) {
-            m_number = m_replug_number;
+        if (!m_is_present && now >= m_replug_at) {
             m_is_present = true;
-            m_replug_at.reset();
+            m_number = m_replug_number;
         }
         return m_is_present;
     }
@@ -28,7 +26,10 @@ public:
     // The number it has, or had last.
     int Number() const { return m_number; }
 
-    void Unplug() { m_is_present = false; }
+    void Unplug() {
+        m_is_present = false;
+        m_replug_at = Time::max();
+    }
 
     // While it is unplugged: lets it come back as the fault (kReplug or kReplugAs) says.
     void Plan(const Fault& replug, Time now) {
@@ -39,7 +40,7 @@ public:
 private:
     bool m_is_present = true;
     int m_number;
-    std::optional<Time> m_replug_at;
+    Time m_replug_at = Time::max();  // max: nothing is planned
     int m_replug_number = 0;
 };
 

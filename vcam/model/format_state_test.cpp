@@ -1,0 +1,262 @@
+#include "vcam/model/format_state.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "vcam/testing/requests.h"
+#include "vcam/testing/test_rig.h"
+
+namespace zumod::vcam {
+namespace {
+
+const FaultSet kNoFaults{};
+
+TEST(FormatState, SaysWhatItIsAndCanDo) {
+    FormatState state(Configure("card=Front Camera,device=3"), kNoFaults);
+    v4l2_capability capability{};
+    ASSERT_EQ(state.QueryCapability(capability, 3), 0);
+    EXPECT_STREQ(reinterpret_cast<const char*>(capability.driver), "zu-vcam");
+    EXPECT_STREQ(reinterpret_cast<const char*>(capability.card), "Front Camera");
+    EXPECT_STREQ(reinterpret_cast<const char*>(capability.bus_info), "usb-zu-vcam-3");
+    EXPECT_EQ(capability.device_caps, 0x04200001U);
+    EXPECT_EQ(capability.capabilities, 0x84200001U);
+}
+
+TEST(FormatState, ListsItsFormatsInTheGivenOrderAndThenEnds) {
+    FormatState state(Configure("formats=MJPG:YUYV"), kNoFaults);
+    v4l2_fmtdesc format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    ASSERT_EQ(state.EnumFormat(format), 0);
+    EXPECT_EQ(format.pixelformat, V4L2_PIX_FMT_MJPEG);
+    EXPECT_EQ(format.flags, V4L2_FMT_FLAG_COMPRESSED);
+    format.index = 1;
+    ASSERT_EQ(state.EnumFormat(format), 0);
+    EXPECT_EQ(format.pixelformat, V4L2_PIX_FMT_YUYV);
+    EXPECT_EQ(format.flags, 0U);
+    format.index = 2;
+    EXPECT_EQ(state.EnumFormat(format), EINVAL);
+}
+
+TEST(FormatState, GivesTheNearestOfItsSizes) {
+    FormatState state(Configure("sizes=640x480:1280x720,adjust=nearest"), kNoFaults);
+    v4l2_format format = Format(800, 600, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 640U);
+    EXPECT_EQ(format.fmt.pix.height, 480U);
+    format = Format(1440, 1080, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 1280U);
+    EXPECT_EQ(format.fmt.pix.height, 720U);
+}
+
+TEST(FormatState, MayJudgeASizeByItsWidthAlone) {
+    FormatState state(Configure("sizes=640x480:1280x720,adjust=width"), kNoFaults);
+    v4l2_format format = Format(1280, 96, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 1280U);
+    EXPECT_EQ(format.fmt.pix.height, 720U);
+}
+
+TEST(FormatState, MayTakeAnySizeExactly) {
+    FormatState state(Configure("adjust=exact"), kNoFaults);
+    v4l2_format format = Format(642, 480, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 642U);
+    EXPECT_EQ(format.fmt.pix.height, 480U);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 642U);
+    EXPECT_EQ(format.fmt.pix.sizeimage, 642U * 480 * 3 / 2);
+    v4l2_frmsizeenum sizes{};
+    sizes.pixel_format = V4L2_PIX_FMT_NV12;
+    ASSERT_EQ(state.EnumSizes(sizes), 0);
+    EXPECT_EQ(sizes.type, uint32_t{V4L2_FRMSIZE_TYPE_STEPWISE});
+}
+
+TEST(FormatState, PutsItsFirstFormatInPlaceOfAnUnknownOne) {
+    FormatState state(Configure("formats=YUYV:NV12"), kNoFaults);
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_H264);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.pixelformat, V4L2_PIX_FMT_YUYV);
+}
+
+TEST(FormatState, TriesAFormatWithoutChangingTheCurrentOne) {
+    FormatState state(Configure("sizes=640x480:1280x720"), kNoFaults);
+    v4l2_format format = Format(1280, 720, V4L2_PIX_FMT_YUYV);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    ASSERT_EQ(state.GetFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 640U);
+    EXPECT_EQ(format.fmt.pix.pixelformat, V4L2_PIX_FMT_NV12);
+    format = Format(1280, 720, V4L2_PIX_FMT_YUYV);
+    ASSERT_EQ(state.SetFormat(format, false), 0);
+    ASSERT_EQ(state.GetFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 1280U);
+    EXPECT_EQ(format.fmt.pix.pixelformat, V4L2_PIX_FMT_YUYV);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 2560U);
+}
+
+TEST(FormatState, RefusesAnotherBufferType) {
+    FormatState state(Configure("sizes=64x64,fps=500"), kNoFaults);
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
+    format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    EXPECT_EQ(state.GetFormat(format), EINVAL);
+    EXPECT_EQ(state.TryFormat(format), EINVAL);
+    EXPECT_EQ(state.SetFormat(format, false), EINVAL);
+}
+
+TEST(FormatState, PadsItsRows) {
+    FormatState state(Configure("padding=22,formats=NV12"), kNoFaults);
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 662U);
+    EXPECT_EQ(format.fmt.pix.sizeimage, 662U * 480 * 3 / 2);
+}
+
+TEST(FormatState, KeepsALongerRowThatIsAskedForOnlyIfThatIsItsHabit) {
+    FormatState keeps(Configure("stride=asked"), kNoFaults);
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12, 768);
+    ASSERT_EQ(keeps.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 768U);
+    FormatState ignores(Configure("sizes=64x64,fps=500"), kNoFaults);
+    format = Format(640, 480, V4L2_PIX_FMT_NV12, 768);
+    ASSERT_EQ(ignores.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 64U);
+}
+
+v4l2_streamparm Parm(uint32_t numerator, uint32_t denominator) {
+    v4l2_streamparm parm{};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    parm.parm.capture.timeperframe = {numerator, denominator};
+    return parm;
+}
+
+TEST(FormatState, SetsTheNearestOfItsRates) {
+    FormatState state(Configure("fps=30:15:5"), kNoFaults);
+    v4l2_streamparm parm = Parm(1, 14);
+    ASSERT_EQ(state.SetParm(parm, false), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 15U);
+    EXPECT_EQ(parm.parm.capture.capability, uint32_t{V4L2_CAP_TIMEPERFRAME});
+    ASSERT_EQ(state.GetParm(parm), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.numerator, 1U);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 15U);
+}
+
+TEST(FormatState, GoesBackToItsFirstRateForNone) {
+    FormatState state(Configure("fps=30:15"), kNoFaults);
+    v4l2_streamparm parm = Parm(1, 15);
+    ASSERT_EQ(state.SetParm(parm, false), 0);
+    parm = Parm(0, 0);
+    ASSERT_EQ(state.SetParm(parm, false), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 30U);
+}
+
+TEST(FormatState, MaySayThatItsRateIsFixed) {
+    FormatState state(Configure("fps=30:15,parm=fixed"), kNoFaults);
+    v4l2_streamparm parm = Parm(1, 15);
+    ASSERT_EQ(state.GetParm(parm), 0);
+    EXPECT_EQ(parm.parm.capture.capability, 0U);
+    parm = Parm(1, 15);
+    ASSERT_EQ(state.SetParm(parm, false), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 30U);
+}
+
+TEST(FormatState, MayHaveNeitherGetNorSetRate) {
+    FormatState state(Configure("parm=none"), kNoFaults);
+    v4l2_streamparm parm = Parm(1, 15);
+    EXPECT_EQ(state.GetParm(parm), ENOTTY);
+    EXPECT_EQ(state.SetParm(parm, false), ENOTTY);
+}
+
+TEST(FormatState, ListsSizesAndRates) {
+    FormatState state(Configure("sizes=640x480:320x240,fps=30:15"), kNoFaults);
+    v4l2_frmsizeenum sizes{};
+    sizes.index = 1;
+    sizes.pixel_format = V4L2_PIX_FMT_YUYV;
+    ASSERT_EQ(state.EnumSizes(sizes), 0);
+    EXPECT_EQ(sizes.discrete.width, 320U);
+    sizes.index = 2;
+    EXPECT_EQ(state.EnumSizes(sizes), EINVAL);
+    v4l2_frmivalenum rates{};
+    rates.index = 1;
+    rates.pixel_format = V4L2_PIX_FMT_YUYV;
+    rates.width = 320;
+    rates.height = 240;
+    ASSERT_EQ(state.EnumIntervals(rates), 0);
+    EXPECT_EQ(rates.discrete.denominator, 15U);
+    rates.height = 200;
+    EXPECT_EQ(state.EnumIntervals(rates), EINVAL);
+}
+
+TEST(FormatState, HasOneInput) {
+    FormatState state(Configure("sizes=64x64,fps=500"), kNoFaults);
+    v4l2_input input{};
+    ASSERT_EQ(state.EnumInput(input), 0);
+    EXPECT_EQ(input.type, uint32_t{V4L2_INPUT_TYPE_CAMERA});
+    input.index = 1;
+    EXPECT_EQ(state.EnumInput(input), EINVAL);
+    uint32_t index = 0;
+    EXPECT_EQ(state.SetInput(index), 0);
+    index = 1;
+    EXPECT_EQ(state.SetInput(index), EINVAL);
+}
+
+TEST(FormatState, ChangesNeitherFormatNorRateWhileItIsInUse) {
+    FormatState state(Configure("sizes=64x64:128x96,fps=30:15"), kNoFaults);
+    v4l2_format format = Format(128, 96, V4L2_PIX_FMT_NV12);
+    EXPECT_EQ(state.SetFormat(format, true), EBUSY);
+    EXPECT_EQ(state.Layout().width, 64U);
+    v4l2_streamparm parm = Parm(1, 15);
+    EXPECT_EQ(state.SetParm(parm, true), EBUSY);
+    EXPECT_EQ(state.CurrentRate().numerator, 30U);
+}
+
+TEST(FormatState, ReportsAWrongTypeRatherThanThatItIsInUse) {
+    FormatState state(Configure(""), kNoFaults);
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
+    format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    EXPECT_EQ(state.SetFormat(format, true), EINVAL);
+    v4l2_streamparm parm = Parm(1, 30);
+    parm.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    EXPECT_EQ(state.SetParm(parm, true), EINVAL);
+}
+
+TEST(FormatState, SetsAnotherSizeThanItTriedUnderAFault) {
+    FaultSet faults;
+    FormatState state(Configure(""), faults);
+    faults.Add({.kind = FaultKind::kSizeChange, .value = 321, .value2 = 1000000});
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.width, 640U);
+    ASSERT_EQ(state.SetFormat(format, false), 0);
+    EXPECT_EQ(format.fmt.pix.width, 320U);
+    EXPECT_EQ(format.fmt.pix.height, kGreatestSide);
+    EXPECT_EQ(state.Layout().width, 320U);
+}
+
+TEST(FormatState, SetsALongerRowThanItTriedUnderAFault) {
+    FaultSet faults;
+    FormatState state(Configure(""), faults);
+    faults.Add({.kind = FaultKind::kStrideChange, .value = 32});
+    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.TryFormat(format), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 640U);
+    ASSERT_EQ(state.SetFormat(format, false), 0);
+    EXPECT_EQ(format.fmt.pix.bytesperline, 672U);
+}
+
+TEST(FormatState, MakesAnotherSourceOnlyForAnotherFormatOrRate) {
+    FormatState state(Configure("sizes=64x64:128x96,fps=30:15"), kNoFaults);
+    const auto first = state.Source();
+    v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.SetFormat(format, false), 0);
+    EXPECT_EQ(state.Source(), first);
+    v4l2_streamparm parm = Parm(1, 15);
+    ASSERT_EQ(state.SetParm(parm, false), 0);
+    const auto second = state.Source();
+    EXPECT_NE(second, first);
+    format = Format(128, 96, V4L2_PIX_FMT_NV12);
+    ASSERT_EQ(state.SetFormat(format, false), 0);
+    EXPECT_NE(state.Source(), second);
+}
+
+}  // namespace
+}  // namespace zumod::vcam
