@@ -50,7 +50,7 @@ Waiter::Registration Waiter::Watch(int descriptor, short events, Callback on_rea
     return {this, m_last_id};
 }
 
-Waiter::Result Waiter::Wait(Clock::time_point deadline) {
+Expected<bool> Waiter::Wait(Clock::time_point deadline) {
     // poll() ignores a negative descriptor.
     std::vector<pollfd> polled = {{m_signals != nullptr ? m_signals->Descriptor() : -1, POLLIN, 0}};
     std::vector<uint64_t> ids = {0};
@@ -59,25 +59,25 @@ Waiter::Result Waiter::Wait(Clock::time_point deadline) {
         ids.push_back(source.id);
     }
     if (!PollUntil(polled, deadline)) {
-        return Result::kTimeout;
+        return false;
     }
     if (polled[0].revents != 0 && m_signals->Consume()) {
-        return Result::kSignal;
+        return tl::make_unexpected(Interrupted());
     }
     for (size_t i = 1; i < polled.size(); ++i) {
         if (polled[i].revents != 0) {
             Call(ids[i]);
         }
     }
-    return Result::kReady;
+    return true;
 }
 
-Waiter::Result Waiter::WaitFor(int descriptor, short events, Clock::time_point deadline) {
+Expected<bool> Waiter::WaitFor(int descriptor, short events, Clock::time_point deadline) {
     bool ready = false;
     const Registration registration = Watch(descriptor, events, [&ready] { ready = true; });
     for (;;) {
-        const Result result = Wait(deadline);
-        if (result != Result::kReady || ready) {
+        auto result = Wait(deadline);
+        if (!result || !*result || ready) {
             return result;
         }
     }

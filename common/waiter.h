@@ -27,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/error.h"
 #include "common/stop_signals.h"
 
 namespace zumod {
@@ -37,10 +38,14 @@ using Clock = std::chrono::steady_clock;
 // Seconds with one decimal, as in "10.0 s".
 std::string SecondsText(Clock::duration duration);
 
+// The error of a wait that a stop signal ended.
+inline Error Interrupted() {
+    return {"interrupted"};
+}
+
 class Waiter {
 public:
     using Callback = std::function<void()>;
-    enum class Result { kReady, kTimeout, kSignal };
 
     // Keeps a descriptor registered as long as it lives. Must not outlive the waiter or the descriptor.
     class Registration {
@@ -77,13 +82,13 @@ public:
     // `events` as poll() takes them; errors and a hang-up also count as ready.
     [[nodiscard]] Registration Watch(int descriptor, short events, Callback on_ready);
 
-    // Returns kReady after the callbacks of a round, kTimeout at the deadline, and kSignal if a signal was
-    // pending. The signal is consumed, so that a second one can interrupt the clean-up after the first.
-    // A deadline in the past still serves what is ready now; Clock::time_point::max() means no deadline.
-    Result Wait(Clock::time_point deadline);
+    // Returns true after the callbacks of a round and false at the deadline. Fails with Interrupted() if a
+    // signal was pending; the signal is consumed, so that a second one can interrupt the clean-up after the
+    // first. A deadline in the past still serves what is ready now; Clock::time_point::max() means none.
+    Expected<bool> Wait(Clock::time_point deadline);
 
-    // Waits until this descriptor, too, is ready, or until the deadline or a signal.
-    Result WaitFor(int descriptor, short events, Clock::time_point deadline);
+    // The same, and does not return true before this descriptor is ready, too.
+    Expected<bool> WaitFor(int descriptor, short events, Clock::time_point deadline);
 
 private:
     struct Source {

@@ -13,8 +13,6 @@
 namespace zumod {
 namespace {
 
-using Result = Waiter::Result;
-
 struct Pipe {
     Pipe() {
         int ends[2];
@@ -40,14 +38,14 @@ TEST(Waiter, TimesOutWhenNothingIsReady) {
     Waiter waiter;
     const Pipe pipe;
     const auto registration = waiter.Watch(pipe.read_end.Get(), POLLIN, [] { ADD_FAILURE(); });
-    EXPECT_EQ(waiter.Wait(kNow), Result::kTimeout);
-    EXPECT_EQ(waiter.Wait(Clock::now() + std::chrono::milliseconds(1)), Result::kTimeout);
+    EXPECT_EQ(waiter.Wait(kNow), false);
+    EXPECT_EQ(waiter.Wait(Clock::now() + std::chrono::milliseconds(1)), false);
 }
 
 TEST(Waiter, WaitsNoShorterThanTheDeadline) {
     Waiter waiter;
     const auto deadline = Clock::now() + std::chrono::microseconds(1500);
-    EXPECT_EQ(waiter.Wait(deadline), Result::kTimeout);
+    EXPECT_EQ(waiter.Wait(deadline), false);
     EXPECT_GE(Clock::now(), deadline);
 }
 
@@ -64,9 +62,9 @@ TEST(Waiter, CallsEveryReadySourceAlsoAfterTheDeadline) {
     }
     pipes[2].Put();
     pipes[0].Put();
-    EXPECT_EQ(waiter.Wait(kNow), Result::kReady);
+    EXPECT_EQ(waiter.Wait(kNow), true);
     EXPECT_EQ(called, (std::vector<int>{0, 2}));
-    EXPECT_EQ(waiter.Wait(kNow), Result::kTimeout);
+    EXPECT_EQ(waiter.Wait(kNow), false);
 }
 
 TEST(Waiter, ReportsAHangUpAsReady) {
@@ -75,7 +73,7 @@ TEST(Waiter, ReportsAHangUpAsReady) {
     int calls = 0;
     const auto registration = waiter.Watch(pipe.read_end.Get(), POLLIN, [&] { ++calls; });
     pipe.write_end.Reset();
-    EXPECT_EQ(waiter.Wait(kNever), Result::kReady);
+    EXPECT_EQ(waiter.Wait(kNever), true);
     EXPECT_EQ(calls, 1);
 }
 
@@ -88,7 +86,7 @@ TEST(Waiter, ForgetsASourceWithItsRegistration) {
     EXPECT_TRUE(moved);
     moved.Reset();
     EXPECT_FALSE(moved);
-    EXPECT_EQ(waiter.Wait(kNow), Result::kTimeout);
+    EXPECT_EQ(waiter.Wait(kNow), false);
 }
 
 TEST(Waiter, LetsACallbackRemoveItselfAndOthers) {
@@ -107,9 +105,9 @@ TEST(Waiter, LetsACallbackRemoveItselfAndOthers) {
     };
     a = waiter.Watch(first.read_end.Get(), POLLIN, remove_both);
     b = waiter.Watch(second.read_end.Get(), POLLIN, remove_both);
-    EXPECT_EQ(waiter.Wait(kNow), Result::kReady);
+    EXPECT_EQ(waiter.Wait(kNow), true);
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(waiter.Wait(kNow), Result::kTimeout);
+    EXPECT_EQ(waiter.Wait(kNow), false);
 }
 
 TEST(Waiter, LetsACallbackAddASourceForTheNextRound) {
@@ -122,9 +120,9 @@ TEST(Waiter, LetsACallbackAddASourceForTheNextRound) {
         first.Reset();
         added = waiter.Watch(pipe.read_end.Get(), POLLIN, [&] { ++calls; });
     });
-    EXPECT_EQ(waiter.Wait(kNow), Result::kReady);
+    EXPECT_EQ(waiter.Wait(kNow), true);
     EXPECT_EQ(calls, 0);
-    EXPECT_EQ(waiter.Wait(kNow), Result::kReady);
+    EXPECT_EQ(waiter.Wait(kNow), true);
     EXPECT_EQ(calls, 1);
 }
 
@@ -137,8 +135,8 @@ TEST(Waiter, ServesOtherSourcesWhileItWaitsForOne) {
         other.Take();
         awaited.Put();
     });
-    EXPECT_EQ(waiter.WaitFor(awaited.read_end.Get(), POLLIN, kNever), Result::kReady);
-    EXPECT_EQ(waiter.WaitFor(other.read_end.Get(), POLLIN, kNow), Result::kTimeout);
+    EXPECT_EQ(waiter.WaitFor(awaited.read_end.Get(), POLLIN, kNever), true);
+    EXPECT_EQ(waiter.WaitFor(other.read_end.Get(), POLLIN, kNow), false);
 }
 
 TEST(Waiter, ReportsASignalBeforeAnySourceAndConsumesIt) {
@@ -151,12 +149,12 @@ TEST(Waiter, ReportsASignalBeforeAnySourceAndConsumesIt) {
     int calls = 0;
     const auto registration = waiter.Watch(pipe.read_end.Get(), POLLIN, [&] { ++calls; });
     raise(SIGINT);
-    EXPECT_EQ(waiter.Wait(kNever), Result::kSignal);
+    EXPECT_EQ(waiter.Wait(kNever), tl::make_unexpected(Interrupted()));
     EXPECT_EQ(calls, 0);
-    EXPECT_EQ(waiter.Wait(kNever), Result::kReady);
+    EXPECT_EQ(waiter.Wait(kNever), true);
     EXPECT_EQ(calls, 1);
     raise(SIGINT);
-    EXPECT_EQ(waiter.WaitFor(pipe.read_end.Get(), POLLIN, kNever), Result::kSignal);
+    EXPECT_EQ(waiter.WaitFor(pipe.read_end.Get(), POLLIN, kNever), tl::make_unexpected(Interrupted()));
     pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
     std::signal(SIGPIPE, SIG_DFL);
 }

@@ -39,7 +39,7 @@ public:
                 m_peer_waits = m_waiter.Watch(m_listener.Descriptor(), POLLIN, [this] { AcceptPeer(); });
                 m_retry = kNever;
             }
-        } while (m_waiter.Wait(m_retry) != Waiter::Result::kSignal);
+        } while (m_waiter.Wait(m_retry).has_value());  // until a signal
     }
 
 private:

@@ -1,4 +1,4 @@
-// The cameras of a host, and how they are read from the body of a list message.
+// The cameras of a host: the body of a list message, and the sizes of pictures.
 //
 // Thread rule: values and pure functions; any thread.
 #pragma once
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/error.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod::peer {
@@ -21,10 +22,17 @@ struct PictureSize {
     bool operator==(const PictureSize&) const = default;
 };
 
+// The size in a text such as "640x480", each side from 1 to 16384. Nothing for any other text.
+std::optional<PictureSize> ParseSize(const std::string& text);
+std::string SizeText(PictureSize size);
+
+// The largest size that fits into 1280x720; the smallest one if none fits; 640x480 if none is listed.
+PictureSize DefaultSize(const std::vector<PictureSize>& listed);
+
 struct CameraEntry {
     uint32_t id = 0;
     bool in_use = false;
-    // Bytes as the host sent them, up to the first zero: not fit for a terminal, perhaps no UTF-8.
+    // Bytes as the host sent them, up to the first zero: not safe for a terminal, and maybe not UTF-8.
     std::string name;
     std::string display_name;
     std::vector<PictureSize> sizes;
@@ -32,15 +40,15 @@ struct CameraEntry {
     bool operator==(const CameraEntry&) const = default;
 };
 
-// A list beyond these is refused: a machine has at most 64 device files, and no camera nearly as many sizes.
+// A list beyond these limits is refused. A machine has at most 64 device files, and no camera has nearly as
+// many sizes.
 inline constexpr size_t kMostCameras = 64;
 inline constexpr size_t kMostSizes = 2047;
 inline constexpr size_t kLongestList =
     sizeof(uint32_t) + kMostCameras * (sizeof(CameraRecord) + kMostSizes * sizeof(ResolutionPair));
 
-// Nothing, and the reason in `error`, when the body is no list. A record counts its sizes modulo 256: how
-// many there are follows from where the next record, with its many zero bytes, and the end of the message
-// are.
-std::optional<std::vector<CameraEntry>> ParseCameraList(std::span<const uint8_t> body, std::string& error);
+// The cameras in the body of a list message. A record states its number of sizes modulo 256. The real number
+// follows from where the next record, which has many zero bytes, and the end of the message are.
+Expected<std::vector<CameraEntry>> ParseCameraList(std::span<const uint8_t> body);
 
 }  // namespace zumod::peer

@@ -4,7 +4,6 @@
 
 #include "common/safe_text.h"
 #include "peer/json_text.h"
-#include "peer/picture_size.h"
 
 namespace zumod::peer {
 namespace {

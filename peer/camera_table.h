@@ -1,4 +1,4 @@
-// The list of cameras as people and as programs read it.
+// The list of cameras as a table and as JSON.
 //
 // Thread rule: pure functions; any thread.
 #pragma once
@@ -10,10 +10,10 @@
 
 namespace zumod::peer {
 
-// Lines of id, name and sizes below a heading; one line that says so when there is no camera.
+// Lines of id, name and sizes below a heading, or one line if there is no camera.
 std::string CameraTable(const std::vector<CameraEntry>& cameras);
 
-// An array of objects, in ASCII; bytes of a name that are no UTF-8 become U+FFFD.
+// An array of objects, in ASCII. Bytes of a name that are not UTF-8 become U+FFFD.
 std::string CameraJson(const std::vector<CameraEntry>& cameras);
 
 }  // namespace zumod::peer

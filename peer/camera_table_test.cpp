@@ -5,7 +5,7 @@
 namespace zumod::peer {
 namespace {
 
-TEST(CameraTable, HasAColumnForEachAndLinesThemUp) {
+TEST(CameraTable, AlignsIdNameAndSizesInColumns) {
     EXPECT_EQ(CameraTable({{0, false, "Front", "Front", {{640, 480}, {1280, 720}}},
                            {12, false, "K\xc3\xa4mera am Tisch", "", {}}}),
               "ID  NAME             SIZES\n"
@@ -13,11 +13,11 @@ TEST(CameraTable, HasAColumnForEachAndLinesThemUp) {
               "12  K\xc3\xa4mera am Tisch  -\n");
 }
 
-TEST(CameraTable, SaysThatThereIsNone) {
+TEST(CameraTable, SaysThatThereIsNoCamera) {
     EXPECT_EQ(CameraTable({}), "The host has no camera.\n");
 }
 
-TEST(CameraTable, NeverLetsANameReachTheTerminalAsItIs) {
+TEST(CameraTable, EscapesControlCharactersInAName) {
     EXPECT_EQ(CameraTable({{0, false, "a\x1b[2J\nb", "", {}}}),
               "ID  NAME           SIZES\n"
               "0   a\\x1b[2J\\x0ab  -\n");
@@ -30,7 +30,7 @@ TEST(CameraJson, IsOneLineOfAscii) {
     EXPECT_EQ(CameraJson({}), "[]\n");
 }
 
-TEST(CameraJson, EscapesWhatIsNoTextAndWhatATerminalWouldObey) {
+TEST(CameraJson, EscapesBytesThatAreNotUtf8AndControlCharacters) {
     EXPECT_EQ(CameraJson({{0, false, "a\x1b\"\xff", "\xc2\x9b", {}}}),
               "[{\"id\":0,\"name\":\"a\\u001b\\\"\\ufffd\",\"display_name\":\"\\u009b\",\"in_use\":false,"
               "\"sizes\":[]}]\n");

@@ -4,12 +4,11 @@
 #include <utility>
 
 #include "peer/host_calls.h"
-#include "peer/peer_error.h"
 
 namespace zumod::peer {
 namespace {
 
-constexpr auto kLookEvery = std::chrono::seconds(1);
+constexpr auto kSearchInterval = std::chrono::seconds(1);
 
 }  // namespace
 
@@ -18,8 +17,8 @@ CameraWatch::CameraWatch(const std::vector<CameraEntry>& listed, const CameraEnt
     : m_limits(limits), m_camera(camera), m_quiet_since(now) {
     for (const CameraEntry& each : listed) {
         if (each.name == camera.name) {
-            m_place = each.id == camera.id ? m_of : m_place;
-            ++m_of;
+            m_namesake_index = each.id == camera.id ? m_namesake_count : m_namesake_index;
+            ++m_namesake_count;
         }
     }
 }
@@ -28,7 +27,7 @@ CameraWatch::Actions CameraWatch::OnFrame(Clock::time_point now) {
     m_quiet_since = now;
     m_checked = false;
     const bool first = !std::exchange(m_frame_seen, true);
-    return first && m_phase == Phase::kStreaming ? TellOfReturn(now) : Actions{};
+    return first && m_phase == Phase::kStreaming ? AnnounceReturn(now) : Actions{};
 }
 
 CameraWatch::Actions CameraWatch::OnState(const StateMessage& state, Clock::time_point now) {
@@ -36,21 +35,21 @@ CameraWatch::Actions CameraWatch::OnState(const StateMessage& state, Clock::time
         return {};
     }
     if (m_phase == Phase::kStreaming && state.state != kCameraOpen) {
-        return Lose(CameraEvent::kClosed, "was closed by the host", now);
+        return GiveUp(CameraEvent::kClosed, "was closed by the host", now);
     }
     if (m_phase != Phase::kOpening || state.state == kCameraClosed) {
         return {};
     }
     m_asked_at.reset();
     if (state.state == kCameraFailed) {
-        m_phase = Phase::kLooking;
-        m_next_look = now + kLookEvery;
+        m_phase = Phase::kSearching;
+        m_next_search = now + kSearchInterval;
         return {};
     }
     m_phase = Phase::kStreaming;
     m_quiet_since = now;
     m_checked = false;
-    return m_frame_seen ? TellOfReturn(now) : Actions{};
+    return m_frame_seen ? AnnounceReturn(now) : Actions{};
 }
 
 CameraWatch::Actions CameraWatch::OnCameras(const std::vector<CameraEntry>& cameras, Clock::time_point now) {
@@ -61,13 +60,14 @@ CameraWatch::Actions CameraWatch::OnCameras(const std::vector<CameraEntry>& came
     const CameraEntry* const found = Find(cameras);
     if (m_phase == Phase::kStreaming) {
         const bool quiet = now - m_quiet_since >= QuietLimit() / 2;
-        return quiet && found == nullptr ? Lose(CameraEvent::kGone, "is gone", now) : Actions{};
+        return quiet && found == nullptr ? GiveUp(CameraEvent::kGone, "is gone", now) : Actions{};
     }
-    // The answer to a question from before the camera was given up comes too early to open it.
-    const bool too_early = now < m_next_look;
-    m_next_look = too_early ? m_next_look : now + kLookEvery;
+    // The list was requested before the camera was given up, so it does not show that the camera is back.
+    const bool too_early = now < m_next_search;
+    m_next_search = too_early ? m_next_search : now + kSearchInterval;
     if (found == nullptr) {
-        return m_told == CameraEvent::kGone ? Actions{} : Actions{Tell(CameraEvent::kGone, "is gone")};
+        return m_announced == CameraEvent::kGone ? Actions{}
+                                                 : Actions{Announce(CameraEvent::kGone, "is gone")};
     }
     if (too_early) {
         return {};
@@ -79,32 +79,31 @@ CameraWatch::Actions CameraWatch::OnCameras(const std::vector<CameraEntry>& came
     return {{WatchAction::kOpen, m_camera.id, {}, {}}};
 }
 
-CameraWatch::Actions CameraWatch::OnTime(Clock::time_point now) {
+Expected<CameraWatch::Actions> CameraWatch::OnTime(Clock::time_point now) {
     if (m_asked_at && now - *m_asked_at >= m_limits.answer) {
-        throw PeerError(
-            "the host did not answer within " + SecondsText(m_limits.answer) + ": " +
-            (m_phase == Phase::kOpening ? "open " + CameraLabel(m_camera) : "camera list request"));
+        return Fail("the host did not answer within " + SecondsText(m_limits.answer) + ": " +
+                    (m_phase == Phase::kOpening ? "open " + CameraLabel(m_camera) : "camera list request"));
     }
     const auto quiet = now - m_quiet_since;
     if (m_phase == Phase::kStreaming && quiet >= QuietLimit()) {
-        return Lose(CameraEvent::kStalled, "stalled: no frame for " + SecondsText(QuietLimit()), now);
+        return GiveUp(CameraEvent::kStalled, "stalled: no frame for " + SecondsText(QuietLimit()), now);
     }
-    const bool to_check = m_phase == Phase::kStreaming && quiet >= QuietLimit() / 2 && !m_checked;
-    const bool to_look = m_phase == Phase::kLooking && now >= m_next_look;
-    if (m_asked_at || !(to_check || to_look)) {
-        return {};
+    const bool check_due = m_phase == Phase::kStreaming && quiet >= QuietLimit() / 2 && !m_checked;
+    const bool search_due = m_phase == Phase::kSearching && now >= m_next_search;
+    if (m_asked_at || !(check_due || search_due)) {
+        return Actions{};
     }
-    m_checked = to_check;
-    return {AskCameras(now)};
+    m_checked = check_due;
+    return Actions{AskCameras(now)};
 }
 
 Clock::time_point CameraWatch::NextTime() const {
     Clock::time_point next = m_asked_at ? *m_asked_at + m_limits.answer : Clock::time_point::max();
     if (m_phase == Phase::kStreaming) {
-        const bool waits_for_the_end = m_checked || m_asked_at;
-        next = std::min(next, m_quiet_since + (waits_for_the_end ? QuietLimit() : QuietLimit() / 2));
-    } else if (m_phase == Phase::kLooking && !m_asked_at) {
-        next = m_next_look;
+        const bool list_requested = m_checked || m_asked_at;
+        next = std::min(next, m_quiet_since + (list_requested ? QuietLimit() : QuietLimit() / 2));
+    } else if (m_phase == Phase::kSearching && !m_asked_at) {
+        next = m_next_search;
     }
     return next;
 }
@@ -114,12 +113,11 @@ const CameraEntry* CameraWatch::Find(const std::vector<CameraEntry>& cameras) co
     size_t count = 0;
     for (const CameraEntry& each : cameras) {
         if (each.name == m_camera.name) {
-            found = count == m_place ? &each : found;
+            found = count == m_namesake_index ? &each : found;
             ++count;
         }
     }
-    // With one of them missing it is ours: its frames have ended.
-    return count >= m_of ? found : nullptr;
+    return count >= m_namesake_count ? found : nullptr;
 }
 
 WatchAction CameraWatch::AskCameras(Clock::time_point now) {
@@ -127,31 +125,31 @@ WatchAction CameraWatch::AskCameras(Clock::time_point now) {
     return {WatchAction::kAskCameras, 0, {}, {}};
 }
 
-WatchAction CameraWatch::Tell(CameraEvent event, const std::string& what) {
-    m_told = event;
-    return {WatchAction::kTell, 0, event, CameraLabel(m_camera) + " " + what};
+WatchAction CameraWatch::Announce(CameraEvent event, const std::string& what) {
+    m_announced = event;
+    return {WatchAction::kAnnounce, 0, event, CameraLabel(m_camera) + " " + what};
 }
 
-CameraWatch::Actions CameraWatch::Lose(CameraEvent event, const std::string& what, Clock::time_point now) {
+CameraWatch::Actions CameraWatch::GiveUp(CameraEvent event, const std::string& what, Clock::time_point now) {
     Actions actions;
-    // A camera that was opened again and gave no frame has not been back.
+    // A camera that was reopened and sent no frame was never back.
     if (!m_away_since) {
-        actions.push_back(Tell(event, what));
+        actions.push_back(Announce(event, what));
         m_away_since = m_quiet_since;
     }
     actions.push_back({WatchAction::kClose, m_camera.id, {}, {}});
-    m_phase = Phase::kLooking;
-    m_next_look = now + kLookEvery;
+    m_phase = Phase::kSearching;
+    m_next_search = now + kSearchInterval;
     m_checked = false;
     return actions;
 }
 
-CameraWatch::Actions CameraWatch::TellOfReturn(Clock::time_point now) {
+CameraWatch::Actions CameraWatch::AnnounceReturn(Clock::time_point now) {
     if (!m_away_since) {
         return {};
     }
     const auto away = now - *std::exchange(m_away_since, std::nullopt);
-    return {Tell(CameraEvent::kBack, "is back after " + SecondsText(away))};
+    return {Announce(CameraEvent::kBack, "is back after " + SecondsText(away))};
 }
 
 }  // namespace zumod::peer

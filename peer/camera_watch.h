@@ -1,14 +1,26 @@
-// Sees to it that a camera that stalls or goes away is noticed, closed, looked for and opened again. It
-// decides; whoever owns it does: every call tells it what happened and returns what is to be done, in order.
+// State machine that detects a stalled or removed camera and decides when to close, look for and reopen it.
+// Performs no I/O: each call reports an event and returns the actions to perform, in order.
 //
-// Thread rule: one thread at a time. No clock of its own: each call brings the time.
+// Streaming: if no frame arrives for half of the limit, the list of cameras is requested. If the camera is
+// not in it, it is gone; if no frame arrives for the whole limit, it has stalled. Either way it is closed.
+// Searching: the list is requested once per second until it contains the camera, perhaps under another id.
+// Opening: a failed attempt leads back to searching. After a successful one the camera is streaming; it
+// counts as back only once a frame has arrived.
+//
+// Cameras are recognised by name. Several may share a name; then ours is number m_namesake_index of
+// m_namesake_count in the list. If there are fewer of them, ours is the missing one, because its frames have
+// stopped.
+//
+// Thread rule: one thread at a time. Each call passes the time.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "common/error.h"
 #include "common/waiter.h"
 #include "peer/camera_list.h"
 #include "peer/message_reader.h"
@@ -18,11 +30,11 @@ namespace zumod::peer {
 enum class CameraEvent { kStalled, kGone, kClosed, kBack };
 
 struct WatchAction {
-    enum Kind { kAskCameras, kOpen, kClose, kTell };
+    enum Kind { kAskCameras, kOpen, kClose, kAnnounce };
     Kind kind;
     uint32_t id = 0;      // of kOpen and kClose
-    CameraEvent event{};  // of kTell, as is the text
-    std::string text;
+    CameraEvent event{};  // of kAnnounce
+    std::string text;     // of kAnnounce
 
     bool operator==(const WatchAction&) const = default;
 };
@@ -40,46 +52,45 @@ public:
     CameraWatch(const std::vector<CameraEntry>& listed, const CameraEntry& camera, const Limits& limits,
                 Clock::time_point now);
 
-    // A frame that Takes is true for.
+    // A frame for which IsOurs() is true.
     Actions OnFrame(Clock::time_point now);
     Actions OnState(const StateMessage& state, Clock::time_point now);
     Actions OnCameras(const std::vector<CameraEntry>& cameras, Clock::time_point now);
-    // Throws PeerError when the host has not answered in time.
-    Actions OnTime(Clock::time_point now);
+    // Fails if the host has not answered in time.
+    Expected<Actions> OnTime(Clock::time_point now);
 
-    // When OnTime has something to do, if nothing else happens.
+    // When to call OnTime() if nothing else happens.
     Clock::time_point NextTime() const;
 
-    // Whether frames with this id are the camera's.
-    bool Takes(uint32_t id) const { return m_phase != Phase::kLooking && id == m_camera.id; }
+    // Whether frames with this id come from the watched camera.
+    bool IsOurs(uint32_t id) const { return m_phase != Phase::kSearching && id == m_camera.id; }
     bool IsAway() const { return m_phase != Phase::kStreaming; }
-    // With the id it has, or had last.
+    // With its current or last id.
     const CameraEntry& Camera() const { return m_camera; }
 
 private:
-    enum class Phase { kStreaming, kLooking, kOpening };
+    enum class Phase { kStreaming, kSearching, kOpening };
 
     Clock::duration QuietLimit() const { return m_frame_seen ? m_limits.quiet : m_limits.first_frame; }
     const CameraEntry* Find(const std::vector<CameraEntry>& cameras) const;
     WatchAction AskCameras(Clock::time_point now);
-    WatchAction Tell(CameraEvent event, const std::string& what);
-    Actions Lose(CameraEvent event, const std::string& what, Clock::time_point now);
-    Actions TellOfReturn(Clock::time_point now);
+    WatchAction Announce(CameraEvent event, const std::string& what);
+    Actions GiveUp(CameraEvent event, const std::string& what, Clock::time_point now);
+    Actions AnnounceReturn(Clock::time_point now);
 
     const Limits m_limits;
     CameraEntry m_camera;
-    // Several cameras may have one name: ours was this one of so many.
-    size_t m_place = 0;
-    size_t m_of = 0;
+    size_t m_namesake_index = 0;
+    size_t m_namesake_count = 0;
 
     Phase m_phase = Phase::kStreaming;
     Clock::time_point m_quiet_since;
     bool m_frame_seen = false;  // since the camera was opened
-    bool m_checked = false;     // that it is still listed, since the last frame
+    bool m_checked = false;     // the list was requested since the last frame
     std::optional<Clock::time_point> m_asked_at;
-    Clock::time_point m_next_look;
+    Clock::time_point m_next_search;
     std::optional<Clock::time_point> m_away_since;
-    CameraEvent m_told{};
+    CameraEvent m_announced{};
 };
 
 }  // namespace zumod::peer

@@ -1,8 +1,13 @@
-// The commands, each a function that returns when its work is done and throws when it cannot be.
+// The commands of the program, in one table: help, the command line's parser and main follow it. A new
+// command is a function and a row.
 //
 // Thread rule: the main thread.
 #pragma once
 
+#include <span>
+
+#include "common/error.h"
+#include "common/waiter.h"
 #include "peer/camera_list.h"
 #include "peer/host_calls.h"
 #include "peer/options.h"
@@ -11,44 +16,31 @@
 
 namespace zumod::peer {
 
-// What a command works with.
-struct Work {
+struct CommandContext {
     const PeerOptions& options;
     Waiter& waiter;
     StandardOutput& output;
 
-    Session Connect() const;
+    Expected<Session> Connect() const;
 };
 
-// Closes a camera at the end of a block, however it ends.
-class CameraHold {
-public:
-    // Opens it.
-    CameraHold(Session& session, const CameraEntry& camera, PictureSize size, int fps)
-        : m_session(session), m_id(camera.id) {
-        OpenCamera(session, camera, size, fps);
-    }
-    ~CameraHold() { CloseCameraAtEnd(m_session, m_id); }
-    CameraHold(const CameraHold&) = delete;
-    CameraHold& operator=(const CameraHold&) = delete;
-
-    // The camera has got another id, or has been closed: the one that is open now.
-    void SetId(uint32_t id) { m_id = id; }
-
-private:
-    Session& m_session;
-    uint32_t m_id;
+struct Command {
+    const char* name;
+    unsigned arguments;  // Argument bits
+    const char* help;
+    Expected<void> (*run)(const CommandContext& context);
 };
 
-// The size that was asked for, otherwise the usual one.
-PictureSize SizeFor(const PeerOptions& options, const CameraEntry& camera);
+// In the order of the help text.
+std::span<const Command> Commands();
 
-void ListCameras(const Work& work);
-void TakeSnapshot(const Work& work);
-void RecordCameras(const Work& work);
-void ShowStats(const Work& work);
-void ChangeFormat(const Work& work);
-void CloseOne(const Work& work);
-void ShowVersion(const Work& work);
+// The size of --size, otherwise the default for the camera.
+PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera);
+
+// In snapshot_command.cpp, record_command.cpp, stats_command.cpp and format_command.cpp.
+Expected<void> TakeSnapshot(const CommandContext& context);
+Expected<void> RecordCameras(const CommandContext& context);
+Expected<void> ShowStats(const CommandContext& context);
+Expected<void> ChangeFormat(const CommandContext& context);
 
 }  // namespace zumod::peer

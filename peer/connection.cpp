@@ -6,30 +6,24 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 #include "common/safe_text.h"
-#include "peer/peer_error.h"
+#include "common/unix_socket.h"
 
 namespace zumod::peer {
 namespace {
 
 using std::chrono::seconds;
 
-// How long a command may take to end by itself, and then after SIGTERM.
-constexpr auto kPatience = seconds(2);
+// How long a command may take to exit by itself, and then after SIGTERM.
+constexpr auto kExitGracePeriod = seconds(2);
 
-std::string ErrorText(int error) {
-    return std::strerror(error);  // NOLINT(concurrency-mt-unsafe): the program has one thread
-}
-
-void DoNotBlock(int descriptor) {
+void SetNonBlocking(int descriptor) {
     fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
 }
 
@@ -39,22 +33,21 @@ timeval TimeValue(Clock::duration duration) {
 }
 
 struct Pipe {
-    Pipe() {
+    static Expected<Pipe> Open() {
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0) {
-            throw PeerError("no pipe: " + ErrorText(errno));
+            return Fail("no pipe: " + ErrnoText(errno));
         }
-        read_end.Reset(ends[0]);
-        write_end.Reset(ends[1]);
+        return Pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
     }
     UniqueFd read_end;
     UniqueFd write_end;
 };
 
-// What a spawned command starts with: its ends of the pipes, and the signals as if nobody had touched them.
-class SpawnSetting {
+// What a spawned command starts with: its ends of the pipes, and default signal mask and dispositions.
+class SpawnSettings {
 public:
-    SpawnSetting(int input, int output) {
+    SpawnSettings(int input, int output) {
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
         posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
@@ -66,23 +59,23 @@ public:
         posix_spawnattr_setsigdefault(&attributes, &signals);
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     }
-    ~SpawnSetting() {
+    ~SpawnSettings() {
         posix_spawn_file_actions_destroy(&actions);
         posix_spawnattr_destroy(&attributes);
     }
-    SpawnSetting(const SpawnSetting&) = delete;
-    SpawnSetting& operator=(const SpawnSetting&) = delete;
+    SpawnSettings(const SpawnSettings&) = delete;
+    SpawnSettings& operator=(const SpawnSettings&) = delete;
 
     posix_spawn_file_actions_t actions{};
     posix_spawnattr_t attributes{};
 };
 
 // Signals do not shorten this wait.
-bool EndsWithin(int process, Clock::duration time) {
-    return Waiter().WaitFor(process, POLLIN, Clock::now() + time) == Waiter::Result::kReady;
+bool ExitsWithin(int process, Clock::duration time) {
+    return Waiter().WaitFor(process, POLLIN, Clock::now() + time).value();
 }
 
-std::string HowItEnded(int status) {
+std::string FailureText(int status) {
     if (WIFSIGNALED(status)) {
         return "the command was ended by signal " + std::to_string(WTERMSIG(status));
     }
@@ -92,43 +85,44 @@ std::string HowItEnded(int status) {
 
 }  // namespace
 
-Connection Connection::ToSocket(const std::string& path, Clock::duration limit) {
+Expected<Connection> Connection::ToSocket(const std::string& path, Clock::duration limit) {
     const std::string shown = SafeText(path);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        throw PeerError("the path of the socket is too long: " + shown);
+    const auto address = UnixAddress::FromPath(path);
+    if (!address) {
+        return Fail("the path of the socket is too long: " + shown);
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    UniqueFd socket_end(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    // Where many wait for the host, connect waits as well.
+    UniqueFd socket = NewUnixSocket();
+    // connect() waits, too, if many processes wait for the host.
     const timeval time = TimeValue(limit);
-    setsockopt(socket_end.Get(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
-    if (connect(socket_end.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+    if (address->Connect(socket) != 0) {
         const std::string reason =
-            errno == EAGAIN ? "not accepted within " + SecondsText(limit) : ErrorText(errno);
-        throw PeerError("no connection to " + shown + ": " + reason);
+            errno == EAGAIN ? "not accepted within " + SecondsText(limit) : ErrnoText(errno);
+        return Fail("no connection to " + shown + ": " + reason);
     }
-    DoNotBlock(socket_end.Get());
-    return {std::move(socket_end), UniqueFd(), -1};
+    SetNonBlocking(socket.Get());
+    return Connection(std::move(socket), UniqueFd(), -1);
 }
 
-Connection Connection::ToCommand(const std::string& command) {
-    Pipe to_command;
-    Pipe from_command;
-    const SpawnSetting setting(to_command.read_end.Get(), from_command.write_end.Get());
+Expected<Connection> Connection::ToCommand(const std::string& command) {
+    auto to_command = Pipe::Open();
+    auto from_command = Pipe::Open();
+    if (!to_command || !from_command) {
+        return tl::make_unexpected((to_command ? from_command : to_command).error());
+    }
+    const SpawnSettings settings(to_command->read_end.Get(), from_command->write_end.Get());
     std::string text = command;
     char shell[] = "sh";
     char option[] = "-c";
     char* words[] = {shell, option, text.data(), nullptr};
     pid_t child = -1;
-    const int error = posix_spawn(&child, "/bin/sh", &setting.actions, &setting.attributes, words, environ);
+    const int error = posix_spawn(&child, "/bin/sh", &settings.actions, &settings.attributes, words, environ);
     if (error != 0) {
-        throw PeerError("the command cannot be started: " + ErrorText(error));
+        return Fail("the command cannot be started: " + ErrnoText(error));
     }
-    DoNotBlock(from_command.read_end.Get());
-    DoNotBlock(to_command.write_end.Get());
-    return {std::move(from_command.read_end), std::move(to_command.write_end), child};
+    SetNonBlocking(from_command->read_end.Get());
+    SetNonBlocking(to_command->write_end.Get());
+    return Connection(std::move(from_command->read_end), std::move(to_command->write_end), child);
 }
 
 std::string Connection::End() {
@@ -137,17 +131,17 @@ std::string Connection::End() {
     if (m_command < 0) {
         return {};
     }
-    // Not by the C library's name, which its header declares for C alone in some versions.
+    // By its number: some versions of the C library declare pidfd_open() for C only.
     const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, m_command, 0)));
-    if (!EndsWithin(process.Get(), kPatience)) {
+    if (!ExitsWithin(process.Get(), kExitGracePeriod)) {
         kill(m_command, SIGTERM);
-        if (!EndsWithin(process.Get(), kPatience)) {
+        if (!ExitsWithin(process.Get(), kExitGracePeriod)) {
             kill(m_command, SIGKILL);
         }
     }
     int status = 0;
     waitpid(std::exchange(m_command, -1), &status, 0);
-    return HowItEnded(status);
+    return FailureText(status);
 }
 
 }  // namespace zumod::peer

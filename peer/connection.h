@@ -1,4 +1,4 @@
-// The way to a host: its Unix socket, or the standard input and output of a command.
+// The connection to a host: its Unix socket, or the standard input and output of a command.
 //
 // Thread rule: one thread at a time.
 #pragma once
@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "common/error.h"
 #include "common/unique_fd.h"
 #include "common/waiter.h"
 
@@ -15,10 +16,9 @@ namespace zumod::peer {
 
 class Connection {
 public:
-    // Both throw PeerError.
-    static Connection ToSocket(const std::string& path, Clock::duration limit);
-    // Run by "sh -c"; its standard error stays this program's.
-    static Connection ToCommand(const std::string& command);
+    static Expected<Connection> ToSocket(const std::string& path, Clock::duration limit);
+    // Run by "sh -c". Its standard error is this program's.
+    static Expected<Connection> ToCommand(const std::string& command);
 
     Connection(Connection&& other) noexcept
         : m_input(std::move(other.m_input)),
@@ -27,12 +27,12 @@ public:
     Connection& operator=(Connection&&) = delete;
     ~Connection() { End(); }
 
-    // Neither blocks. They may be one and the same.
+    // Non-blocking. Both may be the same descriptor.
     int Input() const { return m_input.Get(); }
     int Output() const { return m_output ? m_output.Get() : m_input.Get(); }
 
-    // Closes the channel, and ends and reaps the command: of itself if it does so soon, otherwise by signals.
-    // Returns how it ended, "" when well or when there is none. May be called again.
+    // Closes the descriptors and reaps the command, which gets some time to exit before it is killed.
+    // Returns how the command failed; "" if it did not, or if there is none. May be called again.
     std::string End();
 
 private:
@@ -40,8 +40,8 @@ private:
         : m_input(std::move(input)), m_output(std::move(output)), m_command(command) {}
 
     UniqueFd m_input;
-    UniqueFd m_output;  // none when the input is a socket
-    pid_t m_command;    // -1 when there is none
+    UniqueFd m_output;  // none if the input is a socket
+    pid_t m_command;    // -1 if there is none
 };
 
 }  // namespace zumod::peer

@@ -3,52 +3,64 @@
 #include <string>
 
 #include "peer/commands.h"
-#include "peer/peer_error.h"
 #include "peer/picture_decoder.h"
-#include "peer/picture_size.h"
 #include "peer/requests.h"
 
 namespace zumod::peer {
 namespace {
 
-// Nothing answers a change of format, but answers come in order: once a version request that follows it is
-// answered, at most the frames of the host's queue (5 messages and the one being written) are still as
-// before.
-constexpr int kFramesOfBefore = 10;
+// A change of format is not answered, but answers arrive in order. Once a version request that follows the
+// change is answered, only the frames in the host's queue (5 messages and the one being written) can still
+// have the former size.
+constexpr int kMostFormerFrames = 10;
 
-// Another size than the one to change to, where the camera has one, so that the change shows.
-PictureSize OpeningSize(const CameraEntry& camera, PictureSize wanted) {
+// A size other than the new one, if the camera has one, so that the change is visible.
+PictureSize FormerSize(const CameraEntry& camera, PictureSize wanted) {
     std::vector<PictureSize> others = camera.sizes;
-    others.erase(std::remove(others.begin(), others.end(), wanted), others.end());
+    std::erase(others, wanted);
     return DefaultSize(others.empty() ? camera.sizes : others);
 }
 
-class FormatChanging {
+class FormatChange {
 public:
-    FormatChanging(Session& session, PictureDecoder& decoder, const CameraEntry& camera)
+    FormatChange(Session& session, PictureDecoder& decoder, const CameraEntry& camera)
         : m_session(session), m_decoder(decoder), m_camera(camera) {}
 
-    // The size of the next decoded picture. `since` says what it comes, or does not come, after.
-    PictureSize NextSize(const std::string& since) {
+    // The size of the next decoded picture. `since` completes the error: "within 10.0 s" of what.
+    Expected<PictureSize> NextSize(const std::string& since) {
         const auto deadline = Clock::now() + m_session.Limit();
-        while (const auto arrived = m_session.Receive(deadline)) {
-            if (const auto size = Look(*arrived)) {
-                return *size;
+        for (;;) {
+            const auto received = m_session.Receive(deadline);
+            if (!received) {
+                return tl::make_unexpected(received.error());
+            }
+            if (!*received) {
+                return Fail("no picture of " + CameraLabel(m_camera) + " came within " +
+                            SecondsText(m_session.Limit()) + since);
+            }
+            const auto size = OnMessage((*received)->message);
+            if (!size) {
+                return tl::make_unexpected(size.error());
+            }
+            if (*size) {
+                return **size;
             }
         }
-        throw PeerError("no picture of " + CameraLabel(m_camera) + " came within " +
-                        SecondsText(m_session.Limit()) + since);
     }
 
-    PictureSize ChangeTo(PictureSize wanted, int fps, PictureSize before) {
-        m_session.Send(FormatChange(m_camera.id, wanted, fps));
-        m_session.Send(VersionRequest());
+    // The size of the pictures after the change.
+    Expected<PictureSize> ChangeTo(PictureSize wanted, int fps, PictureSize before) {
+        auto sent = m_session.Send(SetFormatRequest(m_camera.id, wanted, fps));
+        sent = sent ? m_session.Send(VersionRequest()) : sent;
+        if (!sent) {
+            return tl::make_unexpected(sent.error());
+        }
         m_changed = false;
         int pictures_since = 0;
-        PictureSize size = before;
+        Expected<PictureSize> size = before;
         const std::string since = " of the change to " + SizeText(wanted) +
                                   (Lists(m_camera, wanted) ? "" : ", which it does not list");
-        while (size == before && pictures_since < kFramesOfBefore) {
+        while (size == before && pictures_since < kMostFormerFrames) {
             size = NextSize(since);
             pictures_since += m_changed ? 1 : 0;
         }
@@ -56,15 +68,16 @@ public:
     }
 
 private:
-    std::optional<PictureSize> Look(const ReceivedMessage& arrived) {
+    // The size of the picture in the message, if there is one.
+    Expected<std::optional<PictureSize>> OnMessage(const Message& message) {
         std::optional<PictureSize> size;
-        if (const auto* state = std::get_if<StateMessage>(&arrived.message)) {
+        if (const auto* state = std::get_if<StateMessage>(&message)) {
             if (state->id == m_camera.id && state->state != kCameraOpen) {
-                throw PeerError("the host closed " + CameraLabel(m_camera));
+                return Fail("the host closed " + CameraLabel(m_camera));
             }
-        } else if (std::holds_alternative<VersionMessage>(arrived.message)) {
+        } else if (std::holds_alternative<VersionMessage>(message)) {
             m_changed = true;
-        } else if (const auto* frame = std::get_if<FrameMessage>(&arrived.message)) {
+        } else if (const auto* frame = std::get_if<FrameMessage>(&message)) {
             if (frame->id == m_camera.id && !frame->bytes.empty()) {
                 m_decoder.Decode(frame->bytes, [&](const VideoDecodedPicture& picture) {
                     size = {static_cast<uint32_t>(picture.width), static_cast<uint32_t>(picture.height)};
@@ -77,25 +90,49 @@ private:
     Session& m_session;
     PictureDecoder& m_decoder;
     const CameraEntry& m_camera;
-    bool m_changed = false;  // the host has taken the change
+    bool m_changed = false;  // the host has processed the change
 };
 
 }  // namespace
 
-void ChangeFormat(const Work& work) {
-    const PeerOptions& options = work.options;
-    PictureDecoder decoder(ModuleDirectory(options.modules), kVideoTargetI420);
-    Session session = work.Connect();
-    const CameraEntry camera = AskCamera(session, options.id);
-    const CameraHold hold(session, camera, OpeningSize(camera, *options.size), options.fps);
-    FormatChanging changing(session, decoder, camera);
-    const PictureSize before = changing.NextSize("");
-    const PictureSize after = changing.ChangeTo(*options.size, options.fps, before);
-    work.output.Write(CameraLabel(camera) + ": " + SizeText(before) + ", then " + SizeText(after) + "\n");
-    if (after != *options.size) {
-        throw PeerError(CameraLabel(camera) + " sends " + SizeText(after) + " where " +
-                        SizeText(*options.size) + " was asked for");
+Expected<void> ChangeFormat(const CommandContext& context) {
+    const PeerOptions& options = context.options;
+    auto decoder = PictureDecoder::Create(options.modules, kVideoTargetI420);
+    if (!decoder) {
+        return tl::make_unexpected(decoder.error());
     }
+    auto session = context.Connect();
+    if (!session) {
+        return tl::make_unexpected(session.error());
+    }
+    const auto camera = AskCamera(*session, options.id);
+    if (!camera) {
+        return tl::make_unexpected(camera.error());
+    }
+    const auto opened =
+        OpenedCamera::Open(*session, *camera, FormerSize(*camera, *options.size), options.fps);
+    if (!opened) {
+        return tl::make_unexpected(opened.error());
+    }
+    FormatChange change(*session, *decoder, *camera);
+    const auto before = change.NextSize("");
+    if (!before) {
+        return tl::make_unexpected(before.error());
+    }
+    const auto after = change.ChangeTo(*options.size, options.fps, *before);
+    if (!after) {
+        return tl::make_unexpected(after.error());
+    }
+    const auto printed = context.output.Write(CameraLabel(*camera) + ": " + SizeText(*before) + ", then " +
+                                              SizeText(*after) + "\n");
+    if (!printed) {
+        return printed;
+    }
+    if (*after != *options.size) {
+        return Fail(CameraLabel(*camera) + " sends " + SizeText(*after) + " where " +
+                    SizeText(*options.size) + " was asked for");
+    }
+    return {};
 }
 
 }  // namespace zumod::peer

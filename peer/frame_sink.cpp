@@ -1,8 +1,9 @@
 #include "peer/frame_sink.h"
 
+#include <utility>
+
 #include "common/safe_text.h"
 #include "peer/output_file.h"
-#include "peer/peer_error.h"
 #include "peer/recorder.h"
 
 namespace zumod::peer {
@@ -10,69 +11,93 @@ namespace {
 
 class FileSink final : public FrameSink {
 public:
-    FileSink(const std::string& path, const PeerOptions& options)
-        : m_file(path, options.overwrite),
-          m_recorder(m_file.TemporaryPath(), RecordingFormat(path), options.fps),
-          m_name(SafeText(path)) {}
+    FileSink(OutputFile file, std::unique_ptr<Recorder> recorder, const std::string& path)
+        : m_file(std::move(file)), m_recorder(std::move(recorder)), m_name(SafeText(path)) {}
 
-    Result Add(const Frame& frame) override {
-        return m_recorder.Add(frame.bytes, frame.at) ? Result::kTaken : Result::kSkipped;
+    Expected<Result> Add(const Frame& frame) override {
+        return m_recorder->Add(frame.bytes, frame.at).map([](bool added) {
+            return added ? Result::kTaken : Result::kSkipped;
+        });
     }
-    void Finish() override {
-        try {
-            m_recorder.Finish();
-        } catch (const PeerError&) {
-            // What was written is better than nothing.
-            m_file.Commit();
-            throw;
-        }
-        m_file.Commit();
+    Expected<void> Finish() override {
+        const auto finished = m_recorder->Finish();
+        // Also after a failure: an incomplete recording is better than none.
+        const auto committed = m_file.Commit();
+        return committed ? finished : committed;
     }
     std::string Name() const override { return m_name; }
 
 private:
     OutputFile m_file;
-    Recorder m_recorder;
+    std::unique_ptr<Recorder> m_recorder;
     const std::string m_name;
 };
 
 class OutputSink final : public FrameSink {
 public:
-    explicit OutputSink(StandardOutput& output) : m_output(output) {}
+    OutputSink(StreamParser parser, StandardOutput& output) : m_parser(std::move(parser)), m_output(output) {}
 
-    Result Add(const Frame& frame) override {
+    Expected<Result> Add(const Frame& frame) override {
         if (!m_begun) {
-            const AvOwner<AVPacket> packet = MakePacket(frame.bytes);
-            m_begun = m_parser.Parse(*packet).key && !ParameterSets(*packet).empty();
-            if (!m_begun) {
+            const auto begins = CanBeginWith(frame);
+            if (!begins) {
+                return tl::make_unexpected(begins.error());
+            }
+            if (!*begins) {
                 return Result::kSkipped;
             }
+            m_begun = true;
         }
-        m_written += m_output.WriteSome(std::span(frame.bytes).subspan(m_written));
+        const auto written = m_output.WriteSome(std::span(frame.bytes).subspan(m_written));
+        if (!written) {
+            return tl::make_unexpected(written.error());
+        }
+        m_written += *written;
         if (m_written < frame.bytes.size()) {
             return Result::kNotNow;
         }
         m_written = 0;
         return Result::kTaken;
     }
-    void Finish() override {}
+    Expected<void> Finish() override { return {}; }
     std::string Name() const override { return "standard output"; }
 
 private:
-    StandardOutput& m_output;
+    Expected<bool> CanBeginWith(const Frame& frame) {
+        const auto packet = MakePacket(frame.bytes);
+        if (!packet) {
+            return tl::make_unexpected(packet.error());
+        }
+        if (!m_parser.Parse(**packet).key) {
+            return false;
+        }
+        return ParameterSets(**packet).map([](const std::vector<uint8_t>& sets) { return !sets.empty(); });
+    }
+
     StreamParser m_parser;
+    StandardOutput& m_output;
     bool m_begun = false;
-    size_t m_written = 0;  // of the frame that was not taken yet
+    size_t m_written = 0;  // of the frame that is not taken yet
 };
 
 }  // namespace
 
-std::unique_ptr<FrameSink> MakeFrameSink(const std::string& path, const PeerOptions& options,
-                                         StandardOutput& output) {
+Expected<std::unique_ptr<FrameSink>> MakeFrameSink(const std::string& path, const PeerOptions& options,
+                                                   StandardOutput& output) {
     if (path == "-") {
-        return std::make_unique<OutputSink>(output);
+        return StreamParser::Create().map([&](StreamParser&& parser) -> std::unique_ptr<FrameSink> {
+            return std::make_unique<OutputSink>(std::move(parser), output);
+        });
     }
-    return std::make_unique<FileSink>(path, options);
+    auto file = OutputFile::Create(path, options.overwrite);
+    if (!file) {
+        return tl::make_unexpected(file.error());
+    }
+    auto recorder = Recorder::Create(file->TemporaryPath(), RecordingFormat(path), options.fps);
+    if (!recorder) {
+        return tl::make_unexpected(recorder.error());
+    }
+    return std::make_unique<FileSink>(std::move(*file), std::move(*recorder), path);
 }
 
 }  // namespace zumod::peer

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "common/error.h"
 #include "peer/host_calls.h"
 #include "peer/options.h"
 #include "peer/standard_output.h"
@@ -26,14 +27,14 @@ public:
     virtual ~FrameSink() = default;
 
     // Never blocks. A sink that answers kNotNow keeps no copy of the frame: the caller holds it.
-    virtual Result Add(const Frame& frame) = 0;
+    virtual Expected<Result> Add(const Frame& frame) = 0;
     // To be called once a frame was taken, also after a failure.
-    virtual void Finish() = 0;
+    virtual Expected<void> Finish() = 0;
     virtual std::string Name() const = 0;
 };
 
-// A path of "-" is standard output. Throws PeerError, as the sink's operations do.
-std::unique_ptr<FrameSink> MakeFrameSink(const std::string& path, const PeerOptions& options,
-                                         StandardOutput& output);
+// The path "-" is standard output.
+Expected<std::unique_ptr<FrameSink>> MakeFrameSink(const std::string& path, const PeerOptions& options,
+                                                   StandardOutput& output);
 
 }  // namespace zumod::peer

@@ -2,52 +2,77 @@
 
 #include <algorithm>
 #include <functional>
-#include <utility>
 
 #include "common/safe_text.h"
-#include "peer/peer_error.h"
-#include "peer/picture_size.h"
 #include "peer/requests.h"
 
 namespace zumod::peer {
 namespace {
 
-constexpr auto kGoodbye = std::chrono::seconds(2);
-
-// Sends a request and waits for the message that `is_answer` takes; others are passed over.
-void Ask(Session& session, const std::vector<uint8_t>& request, const std::string& for_what,
-         const std::function<bool(ReceivedMessage&)>& is_answer) {
-    session.Send(request);
-    const auto deadline = Clock::now() + session.Limit();
-    while (auto arrived = session.Receive(deadline)) {
-        if (is_answer(*arrived)) {
-            return;
-        }
-    }
-    throw PeerError("the host did not answer within " + SecondsText(session.Limit()) + ": " + for_what);
-}
-
-const StateMessage* StateOf(const ReceivedMessage& arrived, uint32_t id) {
-    const auto* state = std::get_if<StateMessage>(&arrived.message);
-    return state != nullptr && state->id == id ? state : nullptr;
-}
+constexpr auto kLastAnswerLimit = std::chrono::seconds(2);
 
 // Frames that arrive before the answer to the request that they belong to.
 class EarlyFrames {
 public:
-    void Keep(ReceivedMessage arrived) {
-        m_bytes += std::get<FrameMessage>(arrived.message).bytes.size() + sizeof(ReceivedMessage);
-        if (m_bytes > kLargestFrame) {
-            throw PeerError("the host sent frames without end and no answer");
-        }
-        m_frames.push_back(std::move(arrived));
+    // Returns false if there are too many.
+    bool Add(ReceivedMessage frame) {
+        m_bytes += std::get<FrameMessage>(frame.message).bytes.size() + sizeof frame;
+        m_frames.push_back(std::move(frame));
+        return m_bytes <= kLargestFrame;
     }
-    std::vector<ReceivedMessage> Take() { return std::move(m_frames); }
+    std::vector<ReceivedMessage> Release() { return std::move(m_frames); }
 
 private:
     std::vector<ReceivedMessage> m_frames;
     size_t m_bytes = 0;
 };
+
+using Predicate = std::function<bool(const Message&)>;
+
+template <class Kind>
+bool Is(const Message& message) {
+    return std::holds_alternative<Kind>(message);
+}
+
+const StateMessage* StateOf(const Message& message, uint32_t id) {
+    const auto* state = std::get_if<StateMessage>(&message);
+    return state != nullptr && state->id == id ? state : nullptr;
+}
+
+Predicate IsStateOf(uint32_t id) {
+    return [id](const Message& message) { return StateOf(message, id) != nullptr; };
+}
+
+CameraState StateIn(const Message& message) {
+    return std::get<StateMessage>(message).state;
+}
+
+// Sends a request and returns its answer, the first message for which `is_answer` is true. Other messages are
+// skipped, frames are kept in `early_frames` if it is given. `name` is the request's, for an error.
+Expected<Message> Ask(Session& session, const std::vector<uint8_t>& request, const std::string& name,
+                      const Predicate& is_answer, EarlyFrames* early_frames = nullptr) {
+    if (const auto sent = session.Send(request); !sent) {
+        return tl::make_unexpected(sent.error());
+    }
+    const auto deadline = Clock::now() + session.Limit();
+    for (;;) {
+        auto received = session.Receive(deadline);
+        if (!received) {
+            return tl::make_unexpected(received.error());
+        }
+        if (!*received) {
+            return Fail("the host did not answer within " + SecondsText(session.Limit()) + ": " + name);
+        }
+        ReceivedMessage& message = **received;
+        if (is_answer(message.message)) {
+            return std::move(message.message);
+        }
+        if (early_frames != nullptr && Is<FrameMessage>(message.message) &&
+            !early_frames->Add(std::move(message))) {
+            return Fail("the host sent frames without end and no answer");
+        }
+    }
+}
 
 }  // namespace
 
@@ -59,33 +84,22 @@ bool Lists(const CameraEntry& camera, PictureSize size) {
     return std::find(camera.sizes.begin(), camera.sizes.end(), size) != camera.sizes.end();
 }
 
-uint32_t AskVersion(Session& session) {
-    uint32_t version = 0;
-    Ask(session, VersionRequest(), "version request", [&](ReceivedMessage& arrived) {
-        const auto* answer = std::get_if<VersionMessage>(&arrived.message);
-        version = answer != nullptr ? answer->version : 0;
-        return answer != nullptr;
-    });
-    return version;
+Expected<uint32_t> AskVersion(Session& session) {
+    return Ask(session, VersionRequest(), "version request", Is<VersionMessage>)
+        .map([](const Message& answer) { return std::get<VersionMessage>(answer).version; });
 }
 
-std::vector<CameraEntry> AskCameras(Session& session) {
-    std::vector<CameraEntry> cameras;
-    Ask(session, ListRequest(), "camera list request", [&](ReceivedMessage& arrived) {
-        auto* answer = std::get_if<CameraListMessage>(&arrived.message);
-        if (answer != nullptr) {
-            cameras = std::move(answer->cameras);
-        }
-        return answer != nullptr;
-    });
-    return cameras;
+Expected<std::vector<CameraEntry>> AskCameras(Session& session) {
+    return Ask(session, ListRequest(), "camera list request", Is<CameraListMessage>)
+        .map([](Message&& answer) { return std::move(std::get<CameraListMessage>(answer).cameras); });
 }
 
-CameraEntry AskCamera(Session& session, uint32_t id) {
-    return FindCamera(AskCameras(session), id);
+Expected<CameraEntry> AskCamera(Session& session, uint32_t id) {
+    return AskCameras(session).and_then(
+        [id](const std::vector<CameraEntry>& cameras) { return FindCamera(cameras, id); });
 }
 
-CameraEntry FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id) {
+Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id) {
     const auto found = std::find_if(cameras.begin(), cameras.end(),
                                     [id](const CameraEntry& camera) { return camera.id == id; });
     if (found != cameras.end()) {
@@ -95,70 +109,70 @@ CameraEntry FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id) {
     for (const CameraEntry& camera : cameras) {
         listed += (listed.empty() ? "" : ", ") + CameraLabel(camera);
     }
-    throw PeerError("there is no camera " + std::to_string(id) + "; the host lists " +
-                    (listed.empty() ? "none" : listed));
+    return Fail("there is no camera " + std::to_string(id) + "; the host lists " +
+                (listed.empty() ? "none" : listed));
 }
 
-void OpenCamera(Session& session, const CameraEntry& camera, PictureSize size, int fps) {
-    EarlyFrames early;
-    CameraState state{};
-    Ask(session, OpenRequest(camera.id, size, fps), "open " + CameraLabel(camera),
-        [&](ReceivedMessage& arrived) {
-            if (const StateMessage* answer = StateOf(arrived, camera.id)) {
-                state = answer->state;
-                return true;
-            }
-            if (std::holds_alternative<FrameMessage>(arrived.message)) {
-                early.Keep(std::move(arrived));
-            }
-            return false;
-        });
-    if (state != kCameraOpen) {
-        throw PeerError(CameraLabel(camera) + " could not be opened" +
-                        (Lists(camera, size) ? "" : " at " + SizeText(size) + ", which it does not list"));
+Expected<CameraState> CloseCamera(Session& session, uint32_t id) {
+    return Ask(session, CloseRequest(id), "close camera " + std::to_string(id), IsStateOf(id)).map(StateIn);
+}
+
+Expected<OpenedCamera> OpenedCamera::Open(Session& session, const CameraEntry& camera, PictureSize size,
+                                          int fps) {
+    EarlyFrames early_frames;
+    const auto state = Ask(session, OpenRequest(camera.id, size, fps), "open " + CameraLabel(camera),
+                           IsStateOf(camera.id), &early_frames)
+                           .map(StateIn);
+    if (!state) {
+        return tl::make_unexpected(state.error());
     }
-    session.PutBack(early.Take());
+    if (*state != kCameraOpen) {
+        return Fail(CameraLabel(camera) + " could not be opened" +
+                    (Lists(camera, size) ? "" : " at " + SizeText(size) + ", which it does not list"));
+    }
+    session.PutBack(early_frames.Release());
+    return OpenedCamera(&session, camera.id);
 }
 
-CameraState CloseCamera(Session& session, uint32_t id) {
-    CameraState state{};
-    Ask(session, CloseRequest(id), "close camera " + std::to_string(id), [&](ReceivedMessage& arrived) {
-        const StateMessage* answer = StateOf(arrived, id);
-        state = answer != nullptr ? answer->state : state;
-        return answer != nullptr;
-    });
-    return state;
-}
-
-void CloseCameraAtEnd(Session& session, uint32_t id) noexcept {
-    try {
-        session.Send(CloseRequest(id));
-        const auto deadline = Clock::now() + std::min<Clock::duration>(session.Limit(), kGoodbye);
-        while (const auto arrived = session.Receive(deadline)) {
-            if (const StateMessage* answer = StateOf(*arrived, id);
-                answer && answer->state == kCameraClosed) {
-                return;
-            }
+OpenedCamera::~OpenedCamera() {
+    if (m_session == nullptr || !m_session->Send(CloseRequest(m_id))) {
+        return;
+    }
+    const auto deadline = Clock::now() + std::min<Clock::duration>(m_session->Limit(), kLastAnswerLimit);
+    for (;;) {
+        const auto received = m_session->Receive(deadline);
+        if (!received || !*received) {
+            return;
         }
-    } catch (...) {  // NOLINT(bugprone-empty-catch): the work is done
+        const StateMessage* state = StateOf((*received)->message, m_id);
+        if (state != nullptr && state->state == kCameraClosed) {
+            return;
+        }
     }
 }
 
-std::optional<Frame> NextFrame(Session& session, std::span<const CameraEntry> cameras,
-                               Clock::time_point deadline) {
-    while (auto arrived = session.Receive(deadline)) {
-        auto* frame = std::get_if<FrameMessage>(&arrived->message);
+Expected<std::optional<Frame>> NextFrame(Session& session, std::span<const CameraEntry> cameras,
+                                         Clock::time_point deadline) {
+    for (;;) {
+        auto received = session.Receive(deadline);
+        if (!received) {
+            return tl::make_unexpected(received.error());
+        }
+        if (!*received) {
+            return std::nullopt;
+        }
+        ReceivedMessage& message = **received;
+        auto* frame = std::get_if<FrameMessage>(&message.message);
         for (const CameraEntry& camera : cameras) {
-            const StateMessage* state = StateOf(*arrived, camera.id);
+            const StateMessage* state = StateOf(message.message, camera.id);
             if (state != nullptr && state->state != kCameraOpen) {
-                throw PeerError("the host closed " + CameraLabel(camera));
+                return Fail("the host closed " + CameraLabel(camera));
             }
             if (frame != nullptr && frame->id == camera.id && !frame->bytes.empty()) {
-                return Frame{camera.id, std::move(frame->bytes), arrived->at};
+                return Frame{camera.id, std::move(frame->bytes), message.at};
             }
         }
     }
-    return std::nullopt;
 }
 
 }  // namespace zumod::peer

@@ -1,4 +1,4 @@
-// What is asked of a host, each with its answer or a PeerError that says what was missing.
+// The requests to a host, each together with its answer.
 //
 // Thread rule: that of the session.
 #pragma once
@@ -7,15 +7,17 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "common/error.h"
 #include "peer/camera_list.h"
 #include "peer/message_reader.h"
 #include "peer/session.h"
 
 namespace zumod::peer {
 
-// "camera 0 (NAME)", fit for a terminal.
+// "camera 0 (NAME)", safe for a terminal.
 std::string CameraLabel(uint32_t id, const std::string& name);
 inline std::string CameraLabel(const CameraEntry& camera) {
     return CameraLabel(camera.id, camera.name);
@@ -24,36 +26,51 @@ inline std::string CameraLabel(const CameraEntry& camera) {
 // Whether the camera is listed with this size.
 bool Lists(const CameraEntry& camera, PictureSize size);
 
-uint32_t AskVersion(Session& session);
-std::vector<CameraEntry> AskCameras(Session& session);
+Expected<uint32_t> AskVersion(Session& session);
+Expected<std::vector<CameraEntry>> AskCameras(Session& session);
 
-// The camera of that id; throws when there is none.
-CameraEntry FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id);
-// The same among those that the host lists now.
-CameraEntry AskCamera(Session& session, uint32_t id);
+// The camera of this id.
+Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id);
+// The same, in the list that the host sends now.
+Expected<CameraEntry> AskCamera(Session& session, uint32_t id);
 
-// Frames of it that come before the answer are kept for NextFrame.
-void OpenCamera(Session& session, const CameraEntry& camera, PictureSize size, int fps);
+// Closes the camera and waits for the answer, whose state it returns.
+Expected<CameraState> CloseCamera(Session& session, uint32_t id);
 
-// Closes it and waits for the answer, whose state it returns.
-CameraState CloseCamera(Session& session, uint32_t id);
+// A camera that is open, and is closed with the object. The closing waits a little for the answer; a host
+// that does not answer, and a signal, end the wait.
+class OpenedCamera {
+public:
+    // Frames that arrive before the answer stay in the session, for NextFrame().
+    static Expected<OpenedCamera> Open(Session& session, const CameraEntry& camera, PictureSize size,
+                                       int fps);
 
-// For the end of the work: closes it and waits a little for the answer; a host that does not answer any more,
-// and an impatient user, are let go.
-void CloseCameraAtEnd(Session& session, uint32_t id) noexcept;
+    OpenedCamera(OpenedCamera&& other) noexcept
+        : m_session(std::exchange(other.m_session, nullptr)), m_id(other.m_id) {}
+    OpenedCamera& operator=(OpenedCamera&&) = delete;
+    ~OpenedCamera();
+
+    // The camera was opened again under this id.
+    void SetId(uint32_t id) { m_id = id; }
+
+private:
+    OpenedCamera(Session* session, uint32_t id) : m_session(session), m_id(id) {}
+
+    Session* m_session;  // null after a move
+    uint32_t m_id;
+};
 
 struct Frame {
     uint32_t id;                 // the camera's
     std::vector<uint8_t> bytes;  // never empty
-    Clock::time_point at;
+    Clock::time_point at;        // when it arrived
 };
 
-// The next frame of one of these cameras; nothing when the time has come. Throws when the host has closed
-// one.
-std::optional<Frame> NextFrame(Session& session, std::span<const CameraEntry> cameras,
-                               Clock::time_point deadline);
-inline std::optional<Frame> NextFrame(Session& session, const CameraEntry& camera,
-                                      Clock::time_point deadline) {
+// The next frame of one of these cameras, or nothing at the deadline. Fails if the host closed one of them.
+Expected<std::optional<Frame>> NextFrame(Session& session, std::span<const CameraEntry> cameras,
+                                         Clock::time_point deadline);
+inline Expected<std::optional<Frame>> NextFrame(Session& session, const CameraEntry& camera,
+                                                Clock::time_point deadline) {
     return NextFrame(session, std::span(&camera, 1), deadline);
 }
 

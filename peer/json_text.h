@@ -1,4 +1,4 @@
-// How JSON is written here: on one line, in ASCII, whatever the bytes of a name are.
+// JSON text on one line, in ASCII. Bytes that are not UTF-8 become U+FFFD.
 //
 // Thread rule: pure functions; any thread.
 #pragma once
@@ -8,7 +8,7 @@
 
 namespace zumod::peer {
 
-// Keeps the order in which members were given.
+// Keeps the order of the members.
 using Json = nlohmann::ordered_json;
 
 inline std::string JsonLine(const Json& value) {

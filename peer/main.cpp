@@ -1,14 +1,9 @@
 // zu-camera-peer: uses the cameras that a host lends.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
 #include <exception>
-#include <iostream>
 
+#include "common/standard_descriptors.h"
 #include "common/stop_signals.h"
 #include "peer/commands.h"
-#include "peer/peer_error.h"
 
 extern "C" {
 #include <libavutil/log.h>
@@ -17,47 +12,23 @@ extern "C" {
 namespace zumod::peer {
 namespace {
 
-// Otherwise the connection could become standard output. Reading and writing still fail.
-void OpenStandardDescriptors() {
-    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(descriptor, F_GETFD) < 0) {
-            open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
-        }
+Expected<void> Run(int count, const char* const* words) {
+    const auto options = ParseOptions(count, words);
+    if (!options) {
+        return tl::make_unexpected(options.error());
     }
+    const StopSignals signals;
+    Waiter waiter(&signals);
+    StandardOutput output(waiter);
+    return options->command->run({*options, waiter, output});
 }
 
-void Run(const Work& work) {
-    switch (work.options.command) {
-        case Command::kList:
-            return ListCameras(work);
-        case Command::kSnapshot:
-            return TakeSnapshot(work);
-        case Command::kRecord:
-            return RecordCameras(work);
-        case Command::kStats:
-            return ShowStats(work);
-        case Command::kFormat:
-            return ChangeFormat(work);
-        case Command::kClose:
-            return CloseOne(work);
-        case Command::kVersion:
-            return ShowVersion(work);
-    }
-}
-
-int RunAndReport(const PeerOptions& options) {
+// The only place that catches exceptions: libraries throw them, the memory may be exhausted.
+Expected<void> RunAndCatch(int count, const char* const* words) {
     try {
-        const StopSignals signals;
-        Waiter waiter(&signals);
-        StandardOutput output(waiter);
-        Run({options, waiter, output});
-        return 0;
-    } catch (const OutputClosed&) {
-        // Whoever read has seen enough.
-        return 0;
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "zu-camera-peer: %s\n", error.what());
-        return kExitFailure;
+        return Run(count, words);
+    } catch (const std::exception& exception) {
+        return Fail(exception.what());
     }
 }
 
@@ -65,12 +36,9 @@ int RunAndReport(const PeerOptions& options) {
 }  // namespace zumod::peer
 
 int main(int argc, char** argv) {
-    zumod::peer::OpenStandardDescriptors();
-    // Failures of these libraries come back as results, which are told in this program's words.
+    zumod::FillStandardDescriptors();
+    // The libraries return their failures, which this program reports in its own words.
     av_log_set_level(AV_LOG_QUIET);
-    zumod::peer::PeerOptions options;
-    if (const auto status = zumod::peer::ParseOptions(argc, argv, options, std::cout, std::cerr)) {
-        return *status;
-    }
-    return zumod::peer::RunAndReport(options);
+    const auto result = zumod::peer::RunAndCatch(argc, argv);
+    return result ? 0 : zumod::ReportError("zu-camera-peer", result.error());
 }

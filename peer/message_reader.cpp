@@ -1,62 +1,98 @@
 #include "peer/message_reader.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <utility>
 
 namespace zumod::peer {
 namespace {
 
-struct LengthRule {
+Expected<Message> ParseList(std::span<const uint8_t> body) {
+    return ParseCameraList(body).map(
+        [](std::vector<CameraEntry>&& cameras) { return Message(CameraListMessage{std::move(cameras)}); });
+}
+
+Expected<Message> ParseState(std::span<const uint8_t> body) {
+    const auto notice = ReadRecord<StateNotice>(body.data());
+    if (notice.state != kCameraFailed && notice.state != kCameraOpen && notice.state != kCameraClosed) {
+        return Fail("the unknown camera state " + std::to_string(notice.state));
+    }
+    return StateMessage{static_cast<CameraState>(notice.state), notice.id};
+}
+
+Expected<Message> ParseFrame(std::span<const uint8_t> body) {
+    const auto header = ReadRecord<VideoFrameHead>(body.data());
+    const auto frame = body.subspan(sizeof header);
+    if (header.size != frame.size()) {
+        return Fail("a video frame of " + std::to_string(header.size) + " bytes in a message with " +
+                    std::to_string(frame.size()));
+    }
+    return FrameMessage{header.id, {frame.begin(), frame.end()}};
+}
+
+Expected<Message> ParseVersion(std::span<const uint8_t> body) {
+    return VersionMessage{ReadRecord<uint32_t>(body.data())};
+}
+
+Expected<Message> ParseNotice(std::span<const uint8_t> body) {
+    return NoticeMessage{{body.begin(), body.end()}};
+}
+
+// A type of message that a host sends. `parse` gets a body whose length is within the limits.
+struct MessageKind {
+    MessageType type;
     const char* name;
     size_t least;
     size_t most;
+    Expected<Message> (*parse)(std::span<const uint8_t> body);
 };
 
-// Null for a type that a peer does not know.
-const LengthRule* RuleOf(uint8_t type) {
-    static constexpr LengthRule kList{"camera list", sizeof(uint32_t), kLongestList};
-    static constexpr LengthRule kState{"camera state", sizeof(StateNotice), sizeof(StateNotice)};
-    static constexpr LengthRule kFrame{"video frame", sizeof(VideoFrameHead),
-                                       sizeof(VideoFrameHead) + kLargestFrame};
-    static constexpr LengthRule kVersion{"version", sizeof(uint32_t), sizeof(uint32_t)};
-    static constexpr LengthRule kNotice{"notice", 0, kHostNoticeLimit};
-    switch (type) {
-        case kCameraList:
-            return &kList;
-        case kCameraState:
-            return &kState;
-        case kVideoFrame:
-            return &kFrame;
-        case kVersionReply:
-            return &kVersion;
-        case kHostNotice:
-            return &kNotice;
-        default:
-            return nullptr;
-    }
-}
+constexpr size_t kLongestFrame = sizeof(VideoFrameHead) + kLargestFrame;
 
-constexpr size_t kLongestUnknown = sizeof(VideoFrameHead) + kLargestFrame;
+constexpr std::array<MessageKind, 5> kKinds = {{
+    {kCameraList, "camera list", sizeof(uint32_t), kLongestList, ParseList},
+    {kCameraState, "camera state", sizeof(StateNotice), sizeof(StateNotice), ParseState},
+    {kVideoFrame, "video frame", sizeof(VideoFrameHead), kLongestFrame, ParseFrame},
+    {kVersionReply, "version", sizeof(uint32_t), sizeof(uint32_t), ParseVersion},
+    {kHostNotice, "notice", 0, kHostNoticeLimit, ParseNotice},
+}};
+
+// Null for a type that a peer does not know.
+const MessageKind* KindOf(uint8_t type) {
+    const auto found = std::find_if(kKinds.begin(), kKinds.end(),
+                                    [type](const MessageKind& kind) { return kind.type == type; });
+    return found != kKinds.end() ? &*found : nullptr;
+}
 
 }  // namespace
 
-bool MessageReader::Feed(std::span<const uint8_t> bytes, std::vector<Message>& messages) {
-    while (m_error.empty() && !bytes.empty()) {
+Expected<void> MessageReader::Feed(std::span<const uint8_t> bytes, std::vector<Message>& messages) {
+    while (m_state && !bytes.empty()) {
         if (m_header_bytes < sizeof m_header) {
             bytes = bytes.subspan(FeedHeader(bytes));
             if (m_header_bytes < sizeof m_header) {
                 break;
             }
-            CheckHeader();
+            m_state = CheckHeader();
         } else {
             bytes = bytes.subspan(FeedBody(bytes));
         }
-        if (m_error.empty() && m_body_bytes == m_header.length) {
-            Finish(messages);
+        if (!m_state || m_body_bytes < m_header.length) {
+            continue;
         }
+        if (m_known) {
+            if (auto message = KindOf(m_header.type)->parse(m_body)) {
+                messages.push_back(std::move(*message));
+            } else {
+                m_state = tl::make_unexpected(message.error());
+            }
+        }
+        m_header_bytes = 0;
+        m_body_bytes = 0;
+        m_body.clear();
     }
-    return m_error.empty();
+    return m_state;
 }
 
 size_t MessageReader::FeedHeader(std::span<const uint8_t> bytes) {
@@ -75,68 +111,17 @@ size_t MessageReader::FeedBody(std::span<const uint8_t> bytes) {
     return count;
 }
 
-void MessageReader::CheckHeader() {
-    const LengthRule* rule = RuleOf(m_header.type);
-    m_known = rule != nullptr;
+Expected<void> MessageReader::CheckHeader() {
+    const MessageKind* const kind = KindOf(m_header.type);
+    m_known = kind != nullptr;
     const std::string length = std::to_string(m_header.length) + " bytes";
-    if (!m_known) {
-        if (m_header.length > kLongestUnknown) {
-            m_error = "a message of type " + std::to_string(m_header.type) + " and " + length;
-        }
-    } else if (m_header.length < rule->least || m_header.length > rule->most) {
-        m_error = "a " + std::string(rule->name) + " message of " + length;
+    if (!m_known && m_header.length > kLongestFrame) {
+        return Fail("a message of type " + std::to_string(m_header.type) + " and " + length);
     }
-}
-
-void MessageReader::Finish(std::vector<Message>& messages) {
-    uint32_t version = 0;
-    switch (m_known ? m_header.type : 0) {
-        case kCameraList:
-            if (auto cameras = ParseCameraList(m_body, m_error)) {
-                messages.emplace_back(CameraListMessage{std::move(*cameras)});
-            }
-            break;
-        case kCameraState:
-            FinishState(messages);
-            break;
-        case kVideoFrame:
-            FinishFrame(messages);
-            break;
-        case kVersionReply:
-            std::memcpy(&version, m_body.data(), sizeof version);
-            messages.emplace_back(VersionMessage{version});
-            break;
-        case kHostNotice:
-            messages.emplace_back(NoticeMessage{{m_body.begin(), m_body.end()}});
-            break;
-        default:
-            break;
+    if (m_known && (m_header.length < kind->least || m_header.length > kind->most)) {
+        return Fail("a " + std::string(kind->name) + " message of " + length);
     }
-    m_header_bytes = 0;
-    m_body_bytes = 0;
-    m_body.clear();
-}
-
-void MessageReader::FinishState(std::vector<Message>& messages) {
-    StateNotice notice{};
-    std::memcpy(&notice, m_body.data(), sizeof notice);
-    if (notice.state != kCameraFailed && notice.state != kCameraOpen && notice.state != kCameraClosed) {
-        m_error = "the unknown camera state " + std::to_string(notice.state);
-        return;
-    }
-    messages.emplace_back(StateMessage{static_cast<CameraState>(notice.state), notice.id});
-}
-
-void MessageReader::FinishFrame(std::vector<Message>& messages) {
-    VideoFrameHead head{};
-    std::memcpy(&head, m_body.data(), sizeof head);
-    const size_t rest = m_body.size() - sizeof head;
-    if (head.size != rest) {
-        m_error = "a video frame of " + std::to_string(head.size) + " bytes in a message with " +
-                  std::to_string(rest);
-        return;
-    }
-    messages.emplace_back(FrameMessage{head.id, {m_body.begin() + sizeof head, m_body.end()}});
+    return {};
 }
 
 }  // namespace zumod::peer

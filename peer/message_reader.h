@@ -1,4 +1,4 @@
-// Cuts the bytes that a host sends into messages and checks every one: nothing in them is trusted.
+// Splits the bytes that a host sends into messages and checks each of them. Nothing in them is trusted.
 //
 // Thread rule: one thread at a time. No input or output, no clock.
 #pragma once
@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "common/error.h"
 #include "peer/camera_list.h"
 #include "zumod/camera_channel.h"
 
@@ -34,7 +35,7 @@ struct VersionMessage {
     bool operator==(const VersionMessage&) const = default;
 };
 struct NoticeMessage {
-    std::string text;  // as the host sent it: not fit for a terminal
+    std::string text;  // as the host sent it: not safe for a terminal
     bool operator==(const NoticeMessage&) const = default;
 };
 using Message = std::variant<CameraListMessage, StateMessage, FrameMessage, VersionMessage, NoticeMessage>;
@@ -43,13 +44,10 @@ inline constexpr size_t kLargestFrame = size_t{64} << 20;
 
 class MessageReader {
 public:
-    // Takes bytes as they come, in pieces of any size, and appends the messages that they complete. Those of
-    // types that a peer does not know are left out. Returns false once a message is malformed: Error says
-    // how, and nothing is read any more.
-    bool Feed(std::span<const uint8_t> bytes, std::vector<Message>& messages);
-
-    // Empty while all is well.
-    const std::string& Error() const { return m_error; }
+    // Accepts bytes in pieces of any size, and appends the messages that they complete. Messages of types
+    // that a peer does not know are skipped. Fails once a message is malformed, and again at every later
+    // call; the messages before it are still appended.
+    Expected<void> Feed(std::span<const uint8_t> bytes, std::vector<Message>& messages);
 
     // Whether a message has begun and is not complete.
     bool InMessage() const { return m_header_bytes > 0; }
@@ -57,18 +55,14 @@ public:
 private:
     size_t FeedHeader(std::span<const uint8_t> bytes);
     size_t FeedBody(std::span<const uint8_t> bytes);
-    void CheckHeader();
-    void Finish(std::vector<Message>& messages);
+    Expected<void> CheckHeader();
 
-    void FinishState(std::vector<Message>& messages);
-    void FinishFrame(std::vector<Message>& messages);
-
+    Expected<void> m_state;
     _MESSAGE_HEADER m_header{};
     size_t m_header_bytes = 0;
-    bool m_known = false;         // the type of the message that has begun
-    size_t m_body_bytes = 0;      // of it, kept or passed over
-    std::vector<uint8_t> m_body;  // grows with what comes, never ahead of it
-    std::string m_error;
+    bool m_known = false;         // the type of the current message
+    size_t m_body_bytes = 0;      // of the current message, kept or skipped
+    std::vector<uint8_t> m_body;  // grows with the bytes that arrive, never ahead of them
 };
 
 }  // namespace zumod::peer

@@ -1,39 +1,48 @@
-// The command line.
+// The command line of zu-camera-peer.
 //
 // Thread rule: values and a pure function; any thread.
 #pragma once
 
 #include <cstdint>
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "common/error.h"
 #include "common/waiter.h"
 #include "peer/camera_list.h"
 
 namespace zumod::peer {
 
-inline constexpr int kExitFailure = 1;
-inline constexpr int kExitWrongOptions = 2;
+struct Command;
 
-enum class Command { kList, kSnapshot, kRecord, kStats, kFormat, kClose, kVersion };
+// What a command can be given: bits of Command::arguments.
+enum Argument : unsigned {
+    kCameraId = 1,        // ID
+    kPictureFile = 2,     // FILE
+    kRecordingFiles = 4,  // FILE [ID FILE]...
+    kFormat = 8,          // --size and --fps
+    kSizeRequired = 16,   // --size must be given
+    kSeconds = 32,        // --seconds
+    kJson = 64,           // --json
+    kOverwrite = 128,     // --overwrite
+};
 
-// A camera and the file that it goes to.
-struct Recording {
+// A camera and the file that it is recorded to.
+struct RecordTarget {
     uint32_t id = 0;
     std::string path;
 };
 
 struct PeerOptions {
-    Command command{};
+    const Command* command = nullptr;
     std::string socket;
     std::string exec;
-    std::string modules;
+    std::string modules;  // empty: the directory that belongs to the program
     Clock::duration limit = std::chrono::seconds(10);
     uint32_t id = 0;
     std::string path;
-    std::vector<Recording> more;  // recorded along with the first
+    std::vector<RecordTarget> targets;  // the first one has `id` and `path`
     std::optional<PictureSize> size;
     int fps = 30;
     std::optional<Clock::duration> seconds;
@@ -41,8 +50,7 @@ struct PeerOptions {
     bool overwrite = false;
 };
 
-// Nothing to go on, otherwise the exit status, after what there is to say was written.
-std::optional<int> ParseOptions(int count, const char* const* words, PeerOptions& options, std::ostream& out,
-                                std::ostream& err);
+// The error is a mistake, or the text that --help or --version asks for.
+Expected<PeerOptions> ParseOptions(int count, const char* const* words);
 
 }  // namespace zumod::peer

@@ -2,52 +2,63 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include "peer/commands.h"
 
 namespace zumod::peer {
 namespace {
 
-struct Parsed {
-    std::optional<int> status;
-    PeerOptions options;
-    std::string out;
-    std::string err;
-};
-
-Parsed Parse(std::vector<const char*> words) {
+Expected<PeerOptions> Parse(std::vector<const char*> words) {
     words.insert(words.begin(), "zu-camera-peer");
-    Parsed parsed;
-    std::ostringstream out;
-    std::ostringstream err;
-    parsed.status = ParseOptions(static_cast<int>(words.size()), words.data(), parsed.options, out, err);
-    parsed.out = out.str();
-    parsed.err = err.str();
-    return parsed;
+    return ParseOptions(static_cast<int>(words.size()), words.data());
 }
 
-// With a socket given.
-Parsed ParseWithSocket(std::vector<const char*> words) {
+// The options of a command line without a mistake.
+PeerOptions Options(const std::vector<const char*>& words) {
+    const auto options = Parse(words);
+    EXPECT_TRUE(options) << options.error().text;
+    return options.value_or(PeerOptions{});
+}
+PeerOptions OptionsWithSocket(std::vector<const char*> words) {
     words.insert(words.begin(), {"--socket", "s"});
-    return Parse(words);
+    return Options(words);
+}
+
+// The error of a command line with a mistake.
+std::string Mistake(const std::vector<const char*>& words) {
+    const auto options = Parse(words);
+    EXPECT_FALSE(options) << (words.empty() ? "nothing" : words.back());
+    EXPECT_EQ(options.error().status, 2);
+    return options.error().text;
+}
+
+// The text that a command line asks for.
+std::string Help(const std::vector<const char*>& words) {
+    const auto options = Parse(words);
+    EXPECT_FALSE(options);
+    EXPECT_EQ(options.error().status, 0);
+    return options.error().text;
+}
+
+std::string CommandOf(const std::vector<const char*>& words) {
+    return OptionsWithSocket(words).command->name;
 }
 
 TEST(PeerOptions, NameFurtherCamerasToRecord) {
-    const Parsed parsed = ParseWithSocket({"record", "0", "a.mp4", "2", "b.mkv", "7", "c.h264"});
-    ASSERT_EQ(parsed.status, std::nullopt) << parsed.err;
-    EXPECT_EQ(parsed.options.id, 0U);
-    EXPECT_EQ(parsed.options.path, "a.mp4");
-    ASSERT_EQ(parsed.options.more.size(), 2U);
-    EXPECT_EQ(parsed.options.more[0].id, 2U);
-    EXPECT_EQ(parsed.options.more[0].path, "b.mkv");
-    EXPECT_EQ(parsed.options.more[1].id, 7U);
-    EXPECT_EQ(parsed.options.more[1].path, "c.h264");
+    const PeerOptions options = OptionsWithSocket({"record", "0", "a.mp4", "2", "b.mkv", "7", "c.h264"});
+    EXPECT_EQ(options.id, 0U);
+    EXPECT_EQ(options.path, "a.mp4");
+    ASSERT_EQ(options.targets.size(), 3U);
+    EXPECT_EQ(options.targets[0].id, 0U);
+    EXPECT_EQ(options.targets[0].path, "a.mp4");
+    EXPECT_EQ(options.targets[1].id, 2U);
+    EXPECT_EQ(options.targets[1].path, "b.mkv");
+    EXPECT_EQ(options.targets[2].id, 7U);
+    EXPECT_EQ(options.targets[2].path, "c.h264");
 }
 
 TEST(PeerOptions, HaveTheirDefaults) {
-    const Parsed parsed = Parse({"--socket", "/run/s", "list"});
-    ASSERT_EQ(parsed.status, std::nullopt) << parsed.err;
-    const PeerOptions& options = parsed.options;
-    EXPECT_EQ(options.command, Command::kList);
+    const PeerOptions options = Options({"--socket", "/run/s", "list"});
+    EXPECT_STREQ(options.command->name, "list");
     EXPECT_EQ(options.socket, "/run/s");
     EXPECT_EQ(options.exec, "");
     EXPECT_EQ(options.limit, std::chrono::seconds(10));
@@ -58,13 +69,11 @@ TEST(PeerOptions, HaveTheirDefaults) {
     EXPECT_FALSE(options.overwrite);
 }
 
-TEST(PeerOptions, MayStandBeforeAndBehindTheCommand) {
-    const Parsed parsed =
-        Parse({"record", "3", "a.mkv", "--seconds", "2.5", "--size", "640x480", "--fps", "15", "--overwrite",
-               "--exec", "ssh desk", "--timeout", "0.5", "--modules", "/m"});
-    ASSERT_EQ(parsed.status, std::nullopt) << parsed.err;
-    const PeerOptions& options = parsed.options;
-    EXPECT_EQ(options.command, Command::kRecord);
+TEST(PeerOptions, MayStandBeforeAndAfterTheCommand) {
+    const PeerOptions options =
+        Options({"record", "3", "a.mkv", "--seconds", "2.5", "--size", "640x480", "--fps", "15",
+                 "--overwrite", "--exec", "ssh desk", "--timeout", "0.5", "--modules", "/m"});
+    EXPECT_STREQ(options.command->name, "record");
     EXPECT_EQ(options.exec, "ssh desk");
     EXPECT_EQ(options.modules, "/m");
     EXPECT_EQ(options.limit, std::chrono::milliseconds(500));
@@ -76,16 +85,17 @@ TEST(PeerOptions, MayStandBeforeAndBehindTheCommand) {
     EXPECT_TRUE(options.overwrite);
 }
 
-TEST(PeerOptions, KnowEveryCommand) {
-    EXPECT_EQ(ParseWithSocket({"snapshot", "0", "a.png"}).options.command, Command::kSnapshot);
-    EXPECT_EQ(ParseWithSocket({"record", "0", "-"}).options.command, Command::kRecord);
-    EXPECT_EQ(ParseWithSocket({"stats", "0", "--json"}).options.command, Command::kStats);
-    EXPECT_EQ(ParseWithSocket({"format", "0", "--size", "1x1"}).options.command, Command::kFormat);
-    EXPECT_EQ(ParseWithSocket({"close", "4294967295"}).options.id, 4294967295U);
-    EXPECT_EQ(ParseWithSocket({"version"}).options.command, Command::kVersion);
+TEST(PeerOptions, SelectACommand) {
+    EXPECT_EQ(CommandOf({"snapshot", "0", "a.png"}), "snapshot");
+    EXPECT_EQ(CommandOf({"record", "0", "-"}), "record");
+    EXPECT_EQ(CommandOf({"stats", "0", "--json"}), "stats");
+    EXPECT_EQ(CommandOf({"format", "0", "--size", "1x1"}), "format");
+    EXPECT_EQ(CommandOf({"close", "0"}), "close");
+    EXPECT_EQ(CommandOf({"version"}), "version");
+    EXPECT_EQ(OptionsWithSocket({"close", "4294967295"}).id, 4294967295U);
 }
 
-TEST(PeerOptions, ThatAreWrongGiveStatusTwoAndOneLine) {
+TEST(PeerOptions, WithAMistakeFailWithOneLineAndStatus2) {
     const std::vector<std::vector<const char*>> wrong = {
         {},
         {"list"},
@@ -126,39 +136,37 @@ TEST(PeerOptions, ThatAreWrongGiveStatusTwoAndOneLine) {
         {"--socket", "s", "format", "0"},
     };
     for (const auto& words : wrong) {
-        const Parsed parsed = Parse(words);
-        const std::string what = words.empty() ? "nothing" : words.back();
-        EXPECT_EQ(parsed.status, 2) << what;
-        EXPECT_EQ(parsed.out, "") << what;
-        EXPECT_EQ(parsed.err.rfind("zu-camera-peer: ", 0), 0U) << what;
-        EXPECT_EQ(parsed.err.find('\n'), parsed.err.size() - 1) << parsed.err;
+        EXPECT_EQ(Mistake(words).find('\n'), std::string::npos);
     }
 }
 
 TEST(PeerOptions, SayWhatIsWrong) {
-    EXPECT_EQ(Parse({"list"}).err, "zu-camera-peer: give --socket PATH or --exec COMMAND (see --help)\n");
-    EXPECT_EQ(Parse({"--socket", "s", "--exec", "c", "list"}).err,
-              "zu-camera-peer: --socket and --exec exclude each other (see --help)\n");
-    EXPECT_NE(ParseWithSocket({"record", "0", "a.avi"})
-                  .err.find("ends in .mp4, .mkv or .h264, or -, not \"a.avi\""),
-              std::string::npos);
-    EXPECT_NE(ParseWithSocket({"format", "0", "--size", "big"}).err.find("takes WIDTHxHEIGHT, not \"big\""),
-              std::string::npos);
+    EXPECT_EQ(Mistake({"list"}), "give --socket PATH or --exec COMMAND (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "--exec", "c", "list"}),
+              "--socket and --exec exclude each other (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "record", "0", "a.avi"}),
+              "FILE: takes a name that ends in .mp4, .mkv or .h264, or -, not \"a.avi\" (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "record", "0", "a.mp4", "one", "b.mp4"}),
+              "ID: takes a number, not \"one\" (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "record", "0", "a.mp4", "1"}),
+              "FILE: is missing after ID 1 (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "--timeout", "soon", "list"}),
+              "--timeout: takes seconds above 0, not \"soon\" (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "format", "0", "--size", "big"}),
+              "--size: takes WIDTHxHEIGHT, not \"big\" (see --help)");
 }
 
 TEST(PeerOptions, ExplainThemselves) {
-    const Parsed help = Parse({"--help"});
-    EXPECT_EQ(help.status, 0);
-    for (const char* word :
-         {"--socket", "--exec", "--timeout", "snapshot", "record", "stats", "Exit status"}) {
-        EXPECT_NE(help.out.find(word), std::string::npos) << word;
+    const std::string help = Help({"--help"});
+    for (const char* word : {"--socket", "--exec", "--timeout", "Exit status"}) {
+        EXPECT_NE(help.find(word), std::string::npos) << word;
     }
-    const Parsed of_a_command = Parse({"record", "--help"});
-    EXPECT_EQ(of_a_command.status, 0);
-    EXPECT_NE(of_a_command.out.find("--overwrite"), std::string::npos);
-    const Parsed version = Parse({"--version"});
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out.rfind("zu-camera-peer ", 0), 0U);
+    for (const Command& command : Commands()) {
+        EXPECT_NE(help.find(std::string("  ") + command.name + " "), std::string::npos) << command.name;
+        EXPECT_NE(help.find(command.help), std::string::npos) << command.name;
+    }
+    EXPECT_NE(Help({"record", "--help"}).find("--overwrite"), std::string::npos);
+    EXPECT_EQ(Help({"--version"}).rfind("zu-camera-peer ", 0), 0U);
 }
 
 }  // namespace

@@ -7,51 +7,57 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 
 #include "common/safe_text.h"
-#include "peer/peer_error.h"
 
 namespace zumod::peer {
 namespace {
 
-std::string ErrorText(int error) {
-    return std::strerror(error);  // NOLINT(concurrency-mt-unsafe): the program has one thread
-}
-
-// What a file gets that is simply created.
+// The mode of a file that open() creates.
 mode_t UsualMode() {
     const mode_t mask = umask(0);
     umask(mask);
     return 0666 & ~mask;
 }
 
+// Puts the file at `from` to `to`, where nothing is replaced unless `replace` is set. 0, or -1 with errno.
+int Move(const std::string& from, const std::string& to, bool replace) {
+    const int result =
+        renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), replace ? 0 : RENAME_NOREPLACE);
+    if (result == 0 || errno != EINVAL) {
+        return result;
+    }
+    // The file system does not know that flag. The next best: look, then rename.
+    return replace || access(to.c_str(), F_OK) != 0 ? rename(from.c_str(), to.c_str()) : -1;
+}
+
 }  // namespace
 
-OutputFile::OutputFile(const std::string& path, bool replace)
-    : m_shown(SafeText(path)), m_path(path), m_replace(replace) {
+Expected<OutputFile> OutputFile::Create(const std::string& path, bool replace) {
     namespace fs = std::filesystem;
+    OutputFile file(SafeText(path), path, replace);
     std::error_code error;
     const auto status = fs::status(path, error);
     if (fs::exists(status)) {
         if (!fs::is_regular_file(status)) {
-            throw PeerError(m_shown + " is not a regular file");
+            return Fail(file.m_shown + " is not a regular file");
         }
         if (!replace) {
-            throw PeerError(m_shown + " exists (--overwrite replaces it)");
+            return Fail(file.m_shown + " exists (--overwrite replaces it)");
         }
-        // What a link points at is replaced, not the link.
-        m_path = fs::canonical(path, error).string();
+        // A link stays, and the file that it points at is replaced.
+        file.m_path = fs::canonical(path, error).string();
     }
-    std::string temporary = m_path + ".part-XXXXXX";
-    m_file.Reset(mkostemp(temporary.data(), O_CLOEXEC));
-    if (!m_file) {
-        throw PeerError(m_shown + " cannot be written: " + ErrorText(errno));
+    std::string temporary = file.m_path + ".part-XXXXXX";
+    file.m_file.Reset(mkostemp(temporary.data(), O_CLOEXEC));
+    if (!file.m_file) {
+        return Fail(file.m_shown + " cannot be written: " + ErrnoText(errno));
     }
-    m_temporary = temporary;
-    fchmod(m_file.Get(), UsualMode());
+    file.m_temporary = temporary;
+    fchmod(file.m_file.Get(), UsualMode());
+    return file;
 }
 
 OutputFile::~OutputFile() {
@@ -60,30 +66,26 @@ OutputFile::~OutputFile() {
     }
 }
 
-void OutputFile::Write(std::span<const uint8_t> bytes) {
+Expected<void> OutputFile::Write(std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
         const ssize_t count = write(m_file.Get(), bytes.data(), bytes.size());
         if (count < 0 && errno != EINTR) {
-            throw PeerError(m_shown + " cannot be written: " + ErrorText(errno));
+            return Fail(m_shown + " cannot be written: " + ErrnoText(errno));
         }
         bytes = bytes.subspan(count < 0 ? 0 : static_cast<size_t>(count));
     }
+    return {};
 }
 
-void OutputFile::Commit() {
-    const unsigned flags = m_replace ? 0 : RENAME_NOREPLACE;
-    int result = renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_path.c_str(), flags);
-    if (result != 0 && errno == EINVAL) {
-        // A file system without that flag: as well as it can be done there.
-        result =
-            m_replace || access(m_path.c_str(), F_OK) != 0 ? rename(m_temporary.c_str(), m_path.c_str()) : -1;
-    }
+Expected<void> OutputFile::Commit() {
+    const int result = Move(m_temporary, m_path, m_replace);
+    const int error = errno;
+    const std::string temporary = std::exchange(m_temporary, {});
     if (result != 0) {
-        const std::string reason = ErrorText(errno);
-        const std::string kept = std::exchange(m_temporary, {});
-        throw PeerError(m_shown + " cannot be put in place: " + reason + "; it is kept as " + SafeText(kept));
+        return Fail(m_shown + " cannot be put in place: " + ErrnoText(error) + "; it is kept as " +
+                    SafeText(temporary));
     }
-    m_temporary.clear();
+    return {};
 }
 
 }  // namespace zumod::peer

@@ -1,4 +1,5 @@
-// A file that appears under its name only when it is whole; until then it has a temporary name beside it.
+// A file that appears under its name only when it is complete. Until then it has a temporary name in the same
+// directory.
 //
 // Thread rule: one thread at a time.
 #pragma once
@@ -6,29 +7,40 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 
+#include "common/error.h"
 #include "common/unique_fd.h"
 
 namespace zumod::peer {
 
 class OutputFile {
 public:
-    // Throws PeerError when the directory cannot be written to, or there is such a file and it may not be
-    // replaced. What is no regular file is never replaced.
-    OutputFile(const std::string& path, bool replace);
-    // Without Commit nothing is left behind, and a file that was there is as it was.
+    // Fails if the directory cannot be written to, or if the file exists and may not be replaced. Only a
+    // regular file is ever replaced.
+    static Expected<OutputFile> Create(const std::string& path, bool replace);
+
+    OutputFile(OutputFile&& other) noexcept
+        : m_shown(std::move(other.m_shown)),
+          m_path(std::move(other.m_path)),
+          m_replace(other.m_replace),
+          m_temporary(std::exchange(other.m_temporary, {})),
+          m_file(std::move(other.m_file)) {}
+    OutputFile& operator=(OutputFile&&) = delete;
+    // Without Commit() nothing is left behind, and an existing file is unchanged.
     ~OutputFile();
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
 
     const std::string& TemporaryPath() const { return m_temporary; }
-    void Write(std::span<const uint8_t> bytes);
-    void Commit();
+    Expected<void> Write(std::span<const uint8_t> bytes);
+    Expected<void> Commit();
 
 private:
-    const std::string m_shown;  // the name for messages
+    OutputFile(std::string shown, std::string path, bool replace)
+        : m_shown(std::move(shown)), m_path(std::move(path)), m_replace(replace) {}
+
+    std::string m_shown;  // the path for messages
     std::string m_path;
-    const bool m_replace;
+    bool m_replace;
     std::string m_temporary;  // empty once it is gone
     UniqueFd m_file;
 };

@@ -8,7 +8,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "peer/peer_error.h"
 #include "tests/support/process/work_directory.h"
 
 namespace zumod::peer {
@@ -30,33 +29,32 @@ protected:
         return static_cast<size_t>(
             std::distance(fs::directory_iterator(work.Path()), fs::directory_iterator()));
     }
+    static OutputFile Create(const std::string& file, bool replace) {
+        return OutputFile::Create(file, replace).value();
+    }
     static std::string ErrorOf(const std::string& file, bool replace) {
-        try {
-            const OutputFile output(file, replace);
-        } catch (const PeerError& error) {
-            return error.what();
-        }
-        return "";
+        const auto output = OutputFile::Create(file, replace);
+        return output ? "" : output.error().text;
     }
 
     const testing::WorkDirectory work;
     const std::string path = work / "out.png";
 };
 
-TEST_F(OutputFileTest, AppearsWhenItIsWhole) {
-    OutputFile file(path, false);
-    file.Write(kNew);
+TEST_F(OutputFileTest, AppearsWhenItIsComplete) {
+    OutputFile file = Create(path, false);
+    EXPECT_TRUE(file.Write(kNew));
     EXPECT_FALSE(fs::exists(path));
-    file.Commit();
+    EXPECT_TRUE(file.Commit());
     EXPECT_EQ(Content(path), "new");
     EXPECT_EQ(FilesInWork(), 1U);
 }
 
-TEST_F(OutputFileTest, MayBeReadByWhomeverTheUserLets) {
+TEST_F(OutputFileTest, HasTheModeThatTheUmaskAllows) {
     const mode_t before = umask(027);
     {
-        OutputFile file(path, false);
-        file.Commit();
+        OutputFile file = Create(path, false);
+        EXPECT_TRUE(file.Commit());
     }
     umask(before);
     struct stat status {};
@@ -66,8 +64,8 @@ TEST_F(OutputFileTest, MayBeReadByWhomeverTheUserLets) {
 
 TEST_F(OutputFileTest, LeavesNothingBehindWithoutACommit) {
     {
-        OutputFile file(path, false);
-        file.Write(kNew);
+        OutputFile file = Create(path, false);
+        EXPECT_TRUE(file.Write(kNew));
     }
     EXPECT_EQ(FilesInWork(), 0U);
 }
@@ -81,37 +79,37 @@ TEST_F(OutputFileTest, KeepsAFileThatExists) {
 TEST_F(OutputFileTest, ReplacesAFileOnlyAtTheEnd) {
     Put(path, "old");
     {
-        OutputFile given_up(path, true);
-        given_up.Write(kNew);
+        OutputFile given_up = Create(path, true);
+        EXPECT_TRUE(given_up.Write(kNew));
     }
     EXPECT_EQ(Content(path), "old");
-    OutputFile file(path, true);
-    file.Write(kNew);
+    OutputFile file = Create(path, true);
+    EXPECT_TRUE(file.Write(kNew));
     EXPECT_EQ(Content(path), "old");
-    file.Commit();
+    EXPECT_TRUE(file.Commit());
     EXPECT_EQ(Content(path), "new");
 }
 
-TEST_F(OutputFileTest, KeepsAFileThatCameMeanwhileAndTheNewOneToo) {
-    OutputFile file(path, false);
-    file.Write(kNew);
+TEST_F(OutputFileTest, KeepsAFileThatAppearedMeanwhileAndTheNewOneToo) {
+    OutputFile file = Create(path, false);
+    EXPECT_TRUE(file.Write(kNew));
     Put(path, "other");
-    EXPECT_THROW(file.Commit(), PeerError);
+    EXPECT_FALSE(file.Commit());
     EXPECT_EQ(Content(path), "other");
     EXPECT_EQ(FilesInWork(), 2U);
 }
 
-TEST_F(OutputFileTest, ReplacesWhatALinkPointsAt) {
+TEST_F(OutputFileTest, ReplacesTheFileThatALinkPointsAt) {
     Put(work / "real.png", "old");
     fs::create_symlink("real.png", path);
-    OutputFile file(path, true);
-    file.Write(kNew);
-    file.Commit();
+    OutputFile file = Create(path, true);
+    EXPECT_TRUE(file.Write(kNew));
+    EXPECT_TRUE(file.Commit());
     EXPECT_TRUE(fs::is_symlink(path));
     EXPECT_EQ(Content(work / "real.png"), "new");
 }
 
-TEST_F(OutputFileTest, NeverReplacesWhatIsNoRegularFile) {
+TEST_F(OutputFileTest, ReplacesOnlyARegularFile) {
     EXPECT_EQ(ErrorOf("/dev/null", true), "/dev/null is not a regular file");
     EXPECT_EQ(ErrorOf(work.Path(), true), work.Path() + " is not a regular file");
 }

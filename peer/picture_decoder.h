@@ -1,14 +1,15 @@
-// Decodes a camera's frames with the decoder of the codec module.
+// A decoder for a camera's frames, from the codec module.
 //
-// Thread rule: one thread at a time.
+// Thread rule: the main thread.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <span>
 #include <string>
+#include <utility>
 
-#include "peer/module_services.h"
+#include "common/error.h"
 #include "zumod/codec.h"
 #include "zumod/codec_decode.h"
 #include "zumod/ref_ptr.h"
@@ -17,25 +18,25 @@ namespace zumod::peer {
 
 class PictureDecoder {
 public:
-    using Taker = std::function<void(const VideoDecodedPicture&)>;
+    using OnPicture = std::function<void(const VideoDecodedPicture&)>;
 
-    // Loads zu-codec.so from the directory. Throws PeerError.
-    PictureDecoder(const std::string& module_directory, VideoTargetFormat target);
+    // Loads zu-codec.so from the directory; if that is empty, from the one that belongs to the program.
+    static Expected<PictureDecoder> Create(std::string module_directory, VideoTargetFormat target);
 
-    // Gives each picture that comes of the frame, which is not empty, to `taker`; what its planes point at is
-    // valid during the call, and what it throws comes back from here. Returns false when there is none: the
-    // frame is damaged, or needs one that was not seen.
-    bool Decode(std::span<const uint8_t> frame, const Taker& taker);
+    // Calls `on_picture` for each picture in the frame, which is not empty. The planes are valid during the
+    // call; what it throws is thrown from here. Returns false if there is no picture: the frame is damaged,
+    // or depends on one that was not seen.
+    bool Decode(std::span<const uint8_t> frame, const OnPicture& on_picture);
 
-    // Forgets the stream: the next frame is of another one.
-    void Restart();
+    // Forgets the stream: the next frame belongs to another one.
+    Expected<void> Restart();
 
 private:
-    void Create();
+    PictureDecoder(std::string directory, VideoTargetFormat target)
+        : m_directory(std::move(directory)), m_target(target) {}
 
-    const std::string m_directory;
-    const VideoTargetFormat m_target;
-    ModuleServices& m_services;
+    std::string m_directory;
+    VideoTargetFormat m_target;
     CRefPtr_T<IVDecoder> m_decoder;
 };
 

@@ -3,42 +3,41 @@
 #include <string>
 
 #include "common/av_objects.h"
-#include "peer/peer_error.h"
 
 namespace zumod::peer {
 namespace {
 
-[[noreturn]] void Fail(const char* what, int error = AVERROR(ENOMEM)) {
-    throw PeerError("the picture cannot be written as PNG: " + std::string(what) + ": " +
-                    AvErrorText(error).text);
+tl::unexpected<Error> FailStep(const char* step, int error = AVERROR(ENOMEM)) {
+    return Fail("the picture cannot be written as PNG: " + std::string(step) + ": " +
+                AvErrorText(error).text);
 }
 
-AvOwner<AVFrame> ToRgb(const VideoDecodedPicture& picture) {
+Expected<AvOwner<AVFrame>> ToRgb(const VideoDecodedPicture& picture) {
     AvOwner<AVFrame> frame(av_frame_alloc());
     if (frame == nullptr) {
-        Fail("frame");
+        return FailStep("frame");
     }
     frame->format = AV_PIX_FMT_RGB24;
     frame->width = picture.width;
     frame->height = picture.height;
     if (const int error = av_frame_get_buffer(frame.get(), 0); error < 0) {
-        Fail("frame", error);
+        return FailStep("frame", error);
     }
     const AvOwner<SwsContext> scaler(sws_getContext(picture.width, picture.height, AV_PIX_FMT_BGR0,
                                                     picture.width, picture.height, AV_PIX_FMT_RGB24,
                                                     SWS_POINT, nullptr, nullptr, nullptr));
     if (scaler == nullptr || sws_scale(scaler.get(), picture.planes, picture.strides, 0, picture.height,
                                        frame->data, frame->linesize) <= 0) {
-        Fail("colours", AVERROR(EINVAL));
+        return FailStep("colours", AVERROR(EINVAL));
     }
     return frame;
 }
 
-AvOwner<AVCodecContext> OpenEncoder(int width, int height) {
+Expected<AvOwner<AVCodecContext>> OpenEncoder(int width, int height) {
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
     AvOwner<AVCodecContext> encoder(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
     if (encoder == nullptr) {
-        Fail("encoder", AVERROR_ENCODER_NOT_FOUND);
+        return FailStep("encoder", AVERROR_ENCODER_NOT_FOUND);
     }
     Silence(*encoder);
     encoder->width = width;
@@ -46,27 +45,33 @@ AvOwner<AVCodecContext> OpenEncoder(int width, int height) {
     encoder->pix_fmt = AV_PIX_FMT_RGB24;
     encoder->time_base = {1, 1};
     if (const int error = avcodec_open2(encoder.get(), codec, nullptr); error < 0) {
-        Fail("encoder", error);
+        return FailStep("encoder", error);
     }
     return encoder;
 }
 
 }  // namespace
 
-std::vector<uint8_t> EncodePng(const VideoDecodedPicture& picture) {
-    const AvOwner<AVFrame> frame = ToRgb(picture);
-    const AvOwner<AVCodecContext> encoder = OpenEncoder(picture.width, picture.height);
+Expected<std::vector<uint8_t>> EncodePng(const VideoDecodedPicture& picture) {
+    const auto frame = ToRgb(picture);
+    if (!frame) {
+        return tl::make_unexpected(frame.error());
+    }
+    const auto encoder = OpenEncoder(picture.width, picture.height);
+    if (!encoder) {
+        return tl::make_unexpected(encoder.error());
+    }
     const AvOwner<AVPacket> packet(av_packet_alloc());
     if (packet == nullptr) {
-        Fail("packet");
+        return FailStep("packet");
     }
-    if (const int error = avcodec_send_frame(encoder.get(), frame.get()); error < 0) {
-        Fail("encoder", error);
+    if (const int error = avcodec_send_frame(encoder->get(), frame->get()); error < 0) {
+        return FailStep("encoder", error);
     }
-    if (const int error = avcodec_receive_packet(encoder.get(), packet.get()); error < 0) {
-        Fail("encoder", error);
+    if (const int error = avcodec_receive_packet(encoder->get(), packet.get()); error < 0) {
+        return FailStep("encoder", error);
     }
-    return {packet->data, packet->data + packet->size};
+    return std::vector<uint8_t>(packet->data, packet->data + packet->size);
 }
 
 }  // namespace zumod::peer

@@ -6,28 +6,27 @@
 #include <string>
 
 #include "peer/commands.h"
-#include "peer/peer_error.h"
 #include "peer/record_track.h"
 
 namespace zumod::peer {
 namespace {
 
-constexpr auto kProgressEvery = std::chrono::milliseconds(500);
+constexpr auto kProgressInterval = std::chrono::milliseconds(500);
 
-// One line that is written again and again, on a terminal alone.
-class Progress {
+// A line on standard error that is overwritten again and again; nothing if that is not a terminal.
+class ProgressLine {
 public:
-    ~Progress() { Clear(); }
-    // `Text` makes the line, when it is time for one.
-    template <class Text>
-    void Show(Text text) {
+    ~ProgressLine() { Clear(); }
+    // `make_text` is called when a new line is due.
+    template <class MakeText>
+    void Show(MakeText make_text) {
         const auto now = Clock::now();
-        if (!m_shows || now < m_next) {
+        if (!m_enabled || now < m_next) {
             return;
         }
-        m_next = now + kProgressEvery;
+        m_next = now + kProgressInterval;
         m_shown = true;
-        std::fprintf(stderr, "\r\033[K%s", text().c_str());
+        std::fprintf(stderr, "\r\033[K%s", make_text().c_str());
     }
     void Clear() {
         if (m_shown) {
@@ -37,44 +36,26 @@ public:
     }
 
 private:
-    const bool m_shows = isatty(STDERR_FILENO) == 1;
+    const bool m_enabled = isatty(STDERR_FILENO) == 1;
     bool m_shown = false;
     Clock::time_point m_next;
 };
 
-// The sinks come first: what cannot be written is told before a camera is opened.
-class Recorders {
+class Recording {
 public:
-    explicit Recorders(const Work& work) : m_work(work), m_targets(work.options.more) {
-        m_targets.insert(m_targets.begin(), {work.options.id, work.options.path});
-        for (const Recording& target : m_targets) {
-            m_sinks.push_back(MakeFrameSink(target.path, work.options, work.output));
-        }
-    }
+    explicit Recording(const CommandContext& context) : m_context(context) {}
 
-    void Run() {
-        Session session = m_work.Connect();
-        const std::vector<CameraEntry> listed = AskCameras(session);
-        std::vector<CameraEntry> cameras;
-        for (size_t i = 0; i < m_targets.size(); ++i) {
-            cameras.push_back(FindCamera(listed, m_targets[i].id));
-            m_tracks.push_back(std::make_unique<RecordTrack>(cameras.back(), std::move(m_sinks[i]),
-                                                             session.Limit(), m_work.options.seconds));
-        }
-        std::vector<std::unique_ptr<CameraHold>> holds;
-        for (const auto& track : m_tracks) {
-            holds.push_back(std::make_unique<CameraHold>(
-                session, track->Camera(), SizeFor(m_work.options, track->Camera()), m_work.options.fps));
-        }
-        for (const auto& track : m_tracks) {
-            track->Begin();
-        }
-        while (const auto due = NextDue()) {
-            if (const auto frame = NextFrame(session, cameras, *due)) {
-                Deliver(*frame);
-                m_progress.Show([this] { return ProgressText(); });
+    // Creates the sinks first: a file that cannot be written is reported before a camera is opened. The
+    // cameras are closed when it returns.
+    Expected<void> Run() {
+        for (const RecordTarget& target : m_context.options.targets) {
+            auto sink = MakeFrameSink(target.path, m_context.options, m_context.output);
+            if (!sink) {
+                return tl::make_unexpected(sink.error());
             }
+            m_sinks.push_back(std::move(*sink));
         }
+        return m_context.Connect().and_then([this](Session&& session) { return RecordFrom(session); });
     }
 
     uint64_t Frames() const {
@@ -85,26 +66,25 @@ public:
         return frames;
     }
 
-    // Of all tracks with a frame, also when one of them cannot be kept; that is thrown at the end.
-    void Finish() {
+    // Finishes every track that has a frame, also after one of them fails. The error names all failures.
+    Expected<void> Finish() {
         std::string failures;
         for (const auto& track : m_tracks) {
             if (track->Frames() == 0) {
                 continue;
             }
-            try {
-                track->Finish();
-            } catch (const PeerError& error) {
-                failures += (failures.empty() ? "" : "; ") + std::string(error.what());
+            if (const auto finished = track->Finish(); !finished) {
+                failures += (failures.empty() ? "" : "; ") + finished.error().text;
             }
         }
         if (!failures.empty()) {
-            throw PeerError(failures);
+            return Fail(failures);
         }
+        return {};
     }
 
-    // "the 5 frames before that are in FILE", and so on for each file.
-    std::string WhatIsKept() const {
+    // "the 5 frames before that are in FILE", and the same for further files.
+    std::string RecordedText() const {
         std::string text;
         for (const auto& track : m_tracks) {
             if (track->Frames() > 0) {
@@ -117,7 +97,7 @@ public:
 
     void PrintSummary() {
         m_progress.Clear();
-        if (m_work.options.path == "-") {
+        if (m_context.options.path == "-") {
             return;
         }
         for (const auto& track : m_tracks) {
@@ -126,27 +106,90 @@ public:
     }
 
 private:
-    // The earliest among the tracks that are not over; nothing when all are.
-    std::optional<Clock::time_point> NextDue() const {
+    Expected<void> RecordFrom(Session& session) {
+        const auto listed = AskCameras(session);
+        if (!listed) {
+            return tl::make_unexpected(listed.error());
+        }
+        const PeerOptions& options = m_context.options;
+        for (size_t i = 0; i < m_sinks.size(); ++i) {
+            auto camera = FindCamera(*listed, options.targets[i].id);
+            if (!camera) {
+                return tl::make_unexpected(camera.error());
+            }
+            m_cameras.push_back(std::move(*camera));
+            m_tracks.push_back(std::make_unique<RecordTrack>(m_cameras.back(), std::move(m_sinks[i]),
+                                                             session.Limit(), options.seconds));
+        }
+        std::vector<OpenedCamera> opened;
+        for (const CameraEntry& camera : m_cameras) {
+            auto open = OpenedCamera::Open(session, camera, RequestedSize(options, camera), options.fps);
+            if (!open) {
+                return tl::make_unexpected(open.error());
+            }
+            opened.push_back(std::move(*open));
+        }
+        for (const auto& track : m_tracks) {
+            track->Begin();
+        }
+        return RecordUntilTheEnd(session);
+    }
+
+    Expected<void> RecordUntilTheEnd(Session& session) {
+        for (;;) {
+            const auto due = NextDue();
+            if (!due) {
+                return tl::make_unexpected(due.error());
+            }
+            if (!*due) {
+                return {};
+            }
+            const auto frame = NextFrame(session, m_cameras, **due);
+            if (!frame) {
+                return tl::make_unexpected(frame.error());
+            }
+            if (!*frame) {
+                continue;
+            }
+            if (const auto delivered = Deliver(**frame); !delivered) {
+                return delivered;
+            }
+            m_progress.Show([this] { return ProgressText(); });
+        }
+    }
+
+    // While the sink answers "not now", nothing is received: the host is held back and no frame is lost.
+    Expected<void> Deliver(const Frame& frame) {
+        RecordTrack& track = **std::find_if(m_tracks.begin(), m_tracks.end(), [&](const auto& candidate) {
+            return candidate->Camera().id == frame.id;
+        });
+        for (;;) {
+            const auto result = track.OnFrame(frame);
+            if (!result) {
+                return tl::make_unexpected(result.error());
+            }
+            if (*result != FrameSink::Result::kNotNow) {
+                return {};
+            }
+            if (const auto waited = m_context.waiter.Wait(Clock::time_point::max()); !waited) {
+                return tl::make_unexpected(waited.error());
+            }
+        }
+    }
+
+    // The earliest time among the tracks that are not over; nothing if all are.
+    Expected<std::optional<Clock::time_point>> NextDue() const {
         std::optional<Clock::time_point> due;
         for (const auto& track : m_tracks) {
-            if (!track->IsOver()) {
+            const auto over = track->IsOver();
+            if (!over) {
+                return tl::make_unexpected(over.error());
+            }
+            if (!*over) {
                 due = due ? std::min(*due, track->Due()) : track->Due();
             }
         }
         return due;
-    }
-
-    // While the sink answers "not now", nothing is received: the host is held back and no frame is lost.
-    void Deliver(const Frame& frame) {
-        RecordTrack& track = **std::find_if(m_tracks.begin(), m_tracks.end(), [&](const auto& candidate) {
-            return candidate->Camera().id == frame.id;
-        });
-        while (track.OnFrame(frame) == FrameSink::Result::kNotNow) {
-            if (m_work.waiter.Wait(Clock::time_point::max()) == Waiter::Result::kSignal) {
-                throw Interrupted();
-            }
-        }
     }
 
     std::string ProgressText() const {
@@ -157,37 +200,30 @@ private:
         return text;
     }
 
-    const Work& m_work;
-    std::vector<Recording> m_targets;
+    const CommandContext& m_context;
     std::vector<std::unique_ptr<FrameSink>> m_sinks;  // until they belong to a track
+    std::vector<CameraEntry> m_cameras;               // in the order of the targets, as are the tracks
     std::vector<std::unique_ptr<RecordTrack>> m_tracks;
-    Progress m_progress;
+    ProgressLine m_progress;
 };
 
 }  // namespace
 
-void RecordCameras(const Work& work) {
-    Recorders recorders(work);
-    try {
-        recorders.Run();
-    } catch (const Interrupted&) {
-        if (recorders.Frames() == 0) {
-            throw;
-        }
-    } catch (const PeerError& error) {
-        if (recorders.Frames() == 0) {
-            throw;
-        }
-        std::string rest = recorders.WhatIsKept();
-        try {
-            recorders.Finish();
-        } catch (const PeerError& also) {
-            rest = also.what();
-        }
-        throw PeerError(std::string(error.what()) + "; " + rest);
+Expected<void> RecordCameras(const CommandContext& context) {
+    Recording recording(context);
+    const auto recorded = recording.Run();
+    if (!recorded && (recording.Frames() == 0 || recorded.error() == OutputClosed())) {
+        return recorded;
     }
-    recorders.Finish();
-    recorders.PrintSummary();
+    const auto finished = recording.Finish();
+    if (!recorded && recorded.error() != Interrupted()) {
+        const std::string rest = finished ? recording.RecordedText() : finished.error().text;
+        return Fail(recorded.error().text + "; " + rest);
+    }
+    if (finished) {
+        recording.PrintSummary();
+    }
+    return finished;
 }
 
 }  // namespace zumod::peer

@@ -1,16 +1,14 @@
 #include "peer/record_track.h"
 
-#include <algorithm>
 #include <cstdio>
-
-#include "peer/peer_error.h"
 
 namespace zumod::peer {
 
-FrameSink::Result RecordTrack::OnFrame(const Frame& frame) {
-    const auto result = frame.at >= m_end ? FrameSink::Result::kSkipped : m_sink->Add(frame);
-    m_refused = result == FrameSink::Result::kSkipped;
-    if (result != FrameSink::Result::kTaken) {
+Expected<FrameSink::Result> RecordTrack::OnFrame(const Frame& frame) {
+    using Result = FrameSink::Result;
+    const auto result = frame.at >= m_end ? Result::kSkipped : m_sink->Add(frame);
+    m_skipped = result == Result::kSkipped;
+    if (result != Result::kTaken) {
         return result;
     }
     if (m_frames == 0) {
@@ -20,16 +18,16 @@ FrameSink::Result RecordTrack::OnFrame(const Frame& frame) {
     ++m_frames;
     m_bytes += frame.bytes.size();
     m_last = frame.at;
-    // Not frame.at: time blocked on standard output must not count against the camera.
-    m_no_frame_until = Clock::now() + m_limit;
+    // Not from frame.at: time blocked on standard output must not count against the camera.
+    m_frame_due = Clock::now() + m_limit;
     return result;
 }
 
-bool RecordTrack::IsOver() const {
+Expected<bool> RecordTrack::IsOver() const {
     const auto now = Clock::now();
-    if (now < m_end && now >= m_no_frame_until) {
-        throw PeerError(CameraLabel(m_camera) + " sent " + (m_refused ? "no key frame" : "no frame") +
-                        " within " + SecondsText(m_limit));
+    if (now < m_end && now >= m_frame_due) {
+        return Fail(CameraLabel(m_camera) + " sent " + (m_skipped ? "no key frame" : "no frame") +
+                    " within " + SecondsText(m_limit));
     }
     return now >= m_end;
 }
@@ -44,7 +42,7 @@ std::string RecordTrack::Progress() const {
 std::string RecordTrack::Summary() const {
     const double span = std::chrono::duration<double>(m_last - m_first).count();
     const double count = static_cast<double>(m_frames);
-    // The last frame stands as long as the others did.
+    // The last frame counts as long as the others on average.
     const double length = m_frames > 1 ? span * count / (count - 1) : 0;
     char text[128];
     std::snprintf(text, sizeof text, ": %.1f s, %llu frame%s", length,

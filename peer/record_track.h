@@ -1,13 +1,16 @@
-// One camera of a recording: what has come of it, and what is due.
+// One camera of a recording: what was recorded of it, and when the next frame or the end is due.
 //
 // Thread rule: one thread at a time.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "common/error.h"
 #include "common/waiter.h"
 #include "peer/frame_sink.h"
 #include "peer/host_calls.h"
@@ -16,7 +19,7 @@ namespace zumod::peer {
 
 class RecordTrack {
 public:
-    // A frame is expected within every `limit`; the recording ends `seconds` after the first one.
+    // A frame is expected within every `limit`. The recording ends `seconds` after the first one.
     RecordTrack(CameraEntry camera, std::unique_ptr<FrameSink> sink, Clock::duration limit,
                 std::optional<Clock::duration> seconds)
         : m_camera(std::move(camera)), m_sink(std::move(sink)), m_limit(limit), m_seconds(seconds) {}
@@ -26,15 +29,15 @@ public:
     std::string Name() const { return m_sink->Name(); }
 
     // The camera is open now.
-    void Begin() { m_no_frame_until = Clock::now() + m_limit; }
-    // When there is something to look at: the end, or a frame that is missing.
-    Clock::time_point Due() const { return std::min(m_no_frame_until, m_end); }
-    // For each frame, again after kNotNow.
-    FrameSink::Result OnFrame(const Frame& frame);
-    // Throws PeerError when the camera has fallen silent.
-    bool IsOver() const;
+    void Begin() { m_frame_due = Clock::now() + m_limit; }
+    // When to call IsOver(): at the end, or when a frame is late.
+    Clock::time_point Due() const { return std::min(m_frame_due, m_end); }
+    // For each frame, and again for the same frame after kNotNow.
+    Expected<FrameSink::Result> OnFrame(const Frame& frame);
+    // Fails if the camera sent no frame in time.
+    Expected<bool> IsOver() const;
     // To be called once there is a frame, also after a failure.
-    void Finish() { m_sink->Finish(); }
+    Expected<void> Finish() { return m_sink->Finish(); }
 
     // "FILE: 5.0 s, 150 frames, 1.2 MB"
     std::string Progress() const;
@@ -46,13 +49,13 @@ private:
     const std::unique_ptr<FrameSink> m_sink;
     const Clock::duration m_limit;
     const std::optional<Clock::duration> m_seconds;
-    Clock::time_point m_no_frame_until = Clock::time_point::max();
+    Clock::time_point m_frame_due = Clock::time_point::max();
     Clock::time_point m_end = Clock::time_point::max();
     Clock::time_point m_first;
     Clock::time_point m_last;
     uint64_t m_frames = 0;
     uint64_t m_bytes = 0;
-    bool m_refused = false;  // the last frame that came
+    bool m_skipped = false;  // the last frame that arrived
 };
 
 }  // namespace zumod::peer

@@ -6,10 +6,19 @@
 #include <filesystem>
 #include <utility>
 
-#include "peer/peer_error.h"
-#include "peer/picture_size.h"
-
 namespace zumod::peer {
+namespace {
+
+// Fails if `result`, of a libav function, is an error.
+Expected<void> Check(int result, const char* step) {
+    if (result < 0) {
+        return Fail("the recording cannot be written: " + std::string(step) + ": " +
+                    AvErrorText(result).text);
+    }
+    return {};
+}
+
+}  // namespace
 
 const char* RecordingFormat(const std::string& path) {
     static constexpr std::array<std::pair<const char*, const char*>, 3> kFormats = {
@@ -23,56 +32,69 @@ const char* RecordingFormat(const std::string& path) {
     return nullptr;
 }
 
-Recorder::Recorder(const std::string& path, const char* format, int fps) : m_fps(fps) {
-    Check(avformat_alloc_output_context2(&m_file, nullptr, format, nullptr), "format");
-    m_stream = avformat_new_stream(m_file, nullptr);
-    const int opened = m_stream == nullptr
-                           ? AVERROR(ENOMEM)
-                           : avio_open(&m_file->pb, ("file:" + path).c_str(), AVIO_FLAG_WRITE);
-    if (opened < 0) {
-        avformat_free_context(std::exchange(m_file, nullptr));
-        Check(opened, "opening");
+Expected<std::unique_ptr<Recorder>> Recorder::Create(const std::string& path, const char* format, int fps) {
+    auto parser = StreamParser::Create();
+    if (!parser) {
+        return tl::make_unexpected(parser.error());
     }
+    AVFormatContext* file = nullptr;
+    if (const auto made = Check(avformat_alloc_output_context2(&file, nullptr, format, nullptr), "format");
+        !made) {
+        return tl::make_unexpected(made.error());
+    }
+    const int opened = avformat_new_stream(file, nullptr) == nullptr
+                           ? AVERROR(ENOMEM)
+                           : avio_open(&file->pb, ("file:" + path).c_str(), AVIO_FLAG_WRITE);
+    if (const auto checked = Check(opened, "opening"); !checked) {
+        avformat_free_context(file);
+        return tl::make_unexpected(checked.error());
+    }
+    return std::unique_ptr<Recorder>(new Recorder(std::move(*parser), file, fps));
 }
+
+Recorder::Recorder(StreamParser parser, AVFormatContext* file, int fps)
+    : m_parser(std::move(parser)), m_file(file), m_stream(file->streams[0]), m_fps(fps) {}
 
 Recorder::~Recorder() {
     avio_closep(&m_file->pb);
     avformat_free_context(m_file);
 }
 
-bool Recorder::Add(std::span<const uint8_t> frame, Clock::time_point arrival) {
-    const AvOwner<AVPacket> packet = MakePacket(frame);
-    const StreamParser::Picture picture = m_parser.Parse(*packet);
+Expected<bool> Recorder::Add(std::span<const uint8_t> frame, Clock::time_point arrival) {
+    const auto packet = MakePacket(frame);
+    if (!packet) {
+        return tl::make_unexpected(packet.error());
+    }
+    AVPacket& data = **packet;
+    const StreamParser::Picture picture = m_parser.Parse(data);
     if (!m_begun) {
         if (!picture.key || picture.size.width == 0) {
             return false;
         }
-        Begin(*packet, picture.size, arrival);
-        if (!m_begun) {
-            return false;
+        if (const auto begun = Begin(data, picture.size, arrival); !begun || !*begun) {
+            return begun;
         }
     } else if (picture.size.width != 0 && picture.size != m_size) {
-        throw PeerError("the size of the pictures changed from " + SizeText(m_size) + " to " +
-                        SizeText(picture.size) + ": the recording ends there");
+        return Fail("the size of the pictures changed from " + SizeText(m_size) + " to " +
+                    SizeText(picture.size) + ": the recording ends there");
     }
-    m_last = arrival;
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(arrival - m_first).count();
-    // Two frames that came at once still follow one another.
+    // Time stamps must increase, also of frames that arrived at once.
     m_last_stamp = std::max(av_rescale_q(us, {1, 1000000}, m_stream->time_base), m_last_stamp + 1);
-    packet->pts = packet->dts = m_last_stamp;
-    packet->duration = av_rescale_q(1, {1, m_fps}, m_stream->time_base);
-    packet->stream_index = m_stream->index;
-    packet->flags = picture.key ? AV_PKT_FLAG_KEY : 0;
-    Check(av_write_frame(m_file, packet.get()), "writing");
-    ++m_frames;
-    m_bytes += frame.size();
-    return true;
+    data.pts = data.dts = m_last_stamp;
+    data.duration = av_rescale_q(1, {1, m_fps}, m_stream->time_base);
+    data.stream_index = m_stream->index;
+    data.flags = picture.key ? AV_PKT_FLAG_KEY : 0;
+    return Check(av_write_frame(m_file, &data), "writing").map([] { return true; });
 }
 
-void Recorder::Begin(const AVPacket& key_frame, PictureSize size, Clock::time_point arrival) {
-    const std::vector<uint8_t> parameter_sets = ParameterSets(key_frame);
-    if (parameter_sets.empty()) {
-        return;
+Expected<bool> Recorder::Begin(const AVPacket& key_frame, PictureSize size, Clock::time_point arrival) {
+    const auto parameter_sets = ParameterSets(key_frame);
+    if (!parameter_sets) {
+        return tl::make_unexpected(parameter_sets.error());
+    }
+    if (parameter_sets->empty()) {
+        return false;
     }
     AVCodecParameters& parameters = *m_stream->codecpar;
     parameters.codec_type = AVMEDIA_TYPE_VIDEO;
@@ -80,32 +102,29 @@ void Recorder::Begin(const AVPacket& key_frame, PictureSize size, Clock::time_po
     parameters.width = static_cast<int>(size.width);
     parameters.height = static_cast<int>(size.height);
     parameters.extradata =
-        static_cast<uint8_t*>(av_mallocz(parameter_sets.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-    if (parameters.extradata == nullptr) {
-        Check(AVERROR(ENOMEM), "header");
+        static_cast<uint8_t*>(av_mallocz(parameter_sets->size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    int result = AVERROR(ENOMEM);
+    if (parameters.extradata != nullptr) {
+        std::memcpy(parameters.extradata, parameter_sets->data(), parameter_sets->size());
+        parameters.extradata_size = static_cast<int>(parameter_sets->size());
+        // Finer than any distance between frames, where the format allows a choice.
+        m_stream->time_base = {1, 90000};
+        result = avformat_write_header(m_file, nullptr);
     }
-    std::memcpy(parameters.extradata, parameter_sets.data(), parameter_sets.size());
-    parameters.extradata_size = static_cast<int>(parameter_sets.size());
-    // Finer than any distance between frames, where the format lets one choose.
-    m_stream->time_base = {1, 90000};
-    Check(avformat_write_header(m_file, nullptr), "header");
-    m_begun = true;
+    m_begun = result >= 0;
     m_size = size;
     m_first = arrival;
+    return Check(result, "header").map([] { return true; });
 }
 
-void Recorder::Finish() {
-    if (m_begun) {
-        Check(av_write_trailer(m_file), "end");
-        Check(avio_closep(&m_file->pb), "closing");
+Expected<void> Recorder::Finish() {
+    if (!m_begun) {
+        return {};
     }
-}
-
-void Recorder::Check(int result, const char* what) const {
-    if (result < 0) {
-        throw PeerError("the recording cannot be written: " + std::string(what) + ": " +
-                        AvErrorText(result).text);
+    if (const auto ended = Check(av_write_trailer(m_file), "end"); !ended) {
+        return ended;
     }
+    return Check(avio_closep(&m_file->pb), "closing");
 }
 
 }  // namespace zumod::peer

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
-#include "peer/peer_error.h"
 #include "tests/support/process/work_directory.h"
 #include "tests/support/wire/encoded_stream.h"
 
@@ -67,11 +67,15 @@ class RecorderTest : public ::testing::TestWithParam<const char*> {
 protected:
     std::string Path() const { return work / (std::string("out.") + GetParam()); }
 
+    std::unique_ptr<Recorder> Create() const {
+        return Recorder::Create(Path(), RecordingFormat(Path()), 30).value();
+    }
+
     const testing::WorkDirectory work;
     testing::EncodedStream stream{320, 240};
 };
 
-// The formats that have time stamps, and the one that has nothing but the frames.
+// The formats with time stamps, and the one that contains only the frames.
 class TimedRecorderTest : public RecorderTest {};
 class BareRecorderTest : public RecorderTest {};
 
@@ -85,13 +89,11 @@ TEST(RecordingFormat, FollowsFromTheName) {
 }
 
 TEST_P(RecorderTest, KeepsEveryFrameInAFileThatDecodes) {
-    Recorder recorder(Path(), RecordingFormat(Path()), 30);
+    const auto recorder = Create();
     for (int i = 0; i < 70; ++i) {
-        ASSERT_TRUE(recorder.Add(stream.Next(static_cast<uint32_t>(i), 0), At(33 * i)));
+        ASSERT_EQ(recorder->Add(stream.Next(static_cast<uint32_t>(i), 0), At(33 * i)), true);
     }
-    recorder.Finish();
-    EXPECT_EQ(recorder.Frames(), 70U);
-    EXPECT_EQ(recorder.Size(), (PictureSize{320, 240}));
+    EXPECT_TRUE(recorder->Finish());
     const Played played = Play(Path());
     EXPECT_EQ(played.width, 320);
     EXPECT_EQ(played.height, 240);
@@ -102,88 +104,84 @@ TEST_P(RecorderTest, KeepsEveryFrameInAFileThatDecodes) {
     }
 }
 
-TEST_P(BareRecorderTest, HoldsTheFramesAsTheyCame) {
+TEST_P(BareRecorderTest, ContainsTheFramesUnchanged) {
     Bytes sent;
-    Recorder recorder(Path(), RecordingFormat(Path()), 30);
+    const auto recorder = Create();
     for (int i = 0; i < 5; ++i) {
         const Bytes frame = stream.Next(static_cast<uint32_t>(i), 0);
-        recorder.Add(frame, At(33 * i));
+        EXPECT_EQ(recorder->Add(frame, At(33 * i)), true);
         sent.insert(sent.end(), frame.begin(), frame.end());
     }
-    recorder.Finish();
+    EXPECT_TRUE(recorder->Finish());
     std::ifstream file(Path(), std::ios::binary);
     EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()), sent);
 }
 
-TEST_P(TimedRecorderTest, GivesFramesTheTimesOfTheirArrival) {
-    Recorder recorder(Path(), RecordingFormat(Path()), 30);
+TEST_P(TimedRecorderTest, StampsFramesWithTheirTimesOfArrival) {
+    const auto recorder = Create();
     for (const int ms : {0, 40, 41, 500, 2000}) {
-        recorder.Add(stream.Next(0, 0), At(ms));
+        EXPECT_EQ(recorder->Add(stream.Next(0, 0), At(ms)), true);
     }
-    recorder.Finish();
+    EXPECT_TRUE(recorder->Finish());
     EXPECT_EQ(Play(Path()).times_ms, (std::vector<int64_t>{0, 40, 41, 500, 2000}));
 }
 
-TEST_P(RecorderTest, SetsFramesThatCameAtOnceOneBehindTheOther) {
-    Recorder recorder(Path(), RecordingFormat(Path()), 30);
+TEST_P(RecorderTest, OrdersFramesThatArrivedAtOnce) {
+    const auto recorder = Create();
     for (int i = 0; i < 4; ++i) {
-        ASSERT_TRUE(recorder.Add(stream.Next(0, 0), At(0)));
+        ASSERT_EQ(recorder->Add(stream.Next(0, 0), At(0)), true);
     }
-    recorder.Finish();
+    EXPECT_TRUE(recorder->Finish());
     EXPECT_EQ(Play(Path()).decoded, 4);
 }
 
 TEST_P(RecorderTest, BeginsWithAKeyFrame) {
-    Recorder recorder(Path(), RecordingFormat(Path()), 30);
+    const auto recorder = Create();
     stream.Next(0, 0);
     for (uint32_t i = 1; i < 60; ++i) {
-        EXPECT_FALSE(recorder.Add(stream.Next(i, 0), At(0)));
+        EXPECT_EQ(recorder->Add(stream.Next(i, 0), At(0)), false);
     }
-    EXPECT_TRUE(recorder.Add(stream.Next(60, 0), At(2000)));
-    EXPECT_TRUE(recorder.Add(stream.Next(61, 0), At(2033)));
-    recorder.Finish();
-    EXPECT_EQ(recorder.Frames(), 2U);
+    EXPECT_EQ(recorder->Add(stream.Next(60, 0), At(2000)), true);
+    EXPECT_EQ(recorder->Add(stream.Next(61, 0), At(2033)), true);
+    EXPECT_TRUE(recorder->Finish());
     EXPECT_EQ(Play(Path()).decoded, 2);
 }
 
-TEST_P(RecorderTest, LeavesOutWhatIsNoFrameAtTheBeginning) {
-    Recorder recorder(Path(), RecordingFormat(Path()), 30);
-    EXPECT_FALSE(recorder.Add(Bytes{0}, At(0)));
-    EXPECT_FALSE(recorder.Add(Bytes(1000, 0xFF), At(0)));
-    EXPECT_FALSE(recorder.Add(Bytes{0, 0, 0, 1, 0x65, 1, 2, 3}, At(0)));
-    recorder.Finish();
-    EXPECT_EQ(recorder.Frames(), 0U);
+TEST_P(RecorderTest, SkipsBytesThatAreNotAFrameAtTheBeginning) {
+    const auto recorder = Create();
+    EXPECT_EQ(recorder->Add(Bytes{0}, At(0)), false);
+    EXPECT_EQ(recorder->Add(Bytes(1000, 0xFF), At(0)), false);
+    EXPECT_EQ(recorder->Add(Bytes{0, 0, 0, 1, 0x65, 1, 2, 3}, At(0)), false);
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_EQ(std::filesystem::file_size(Path()), 0U);
 }
 
-TEST_P(RecorderTest, EndsWhereTheSizeOfThePicturesChanges) {
+TEST_P(RecorderTest, FailsWhenTheSizeOfThePicturesChanges) {
     testing::EncodedStream other(160, 120);
-    Recorder recorder(Path(), RecordingFormat(Path()), 30);
-    recorder.Add(stream.Next(0, 0), At(0));
-    try {
-        recorder.Add(other.Next(0, 0), At(33));
-        ADD_FAILURE() << "went on";
-    } catch (const PeerError& error) {
-        EXPECT_STREQ(error.what(),
-                     "the size of the pictures changed from 320x240 to 160x120: the recording ends there");
-    }
-    recorder.Finish();
+    const auto recorder = Create();
+    EXPECT_EQ(recorder->Add(stream.Next(0, 0), At(0)), true);
+    const auto added = recorder->Add(other.Next(0, 0), At(33));
+    ASSERT_FALSE(added);
+    EXPECT_EQ(added.error().text,
+              "the size of the pictures changed from 320x240 to 160x120: the recording ends there");
+    EXPECT_TRUE(recorder->Finish());
     EXPECT_EQ(Play(Path()).decoded, 1);
 }
 
-TEST_P(RecorderTest, SaysThatAFullDiskEndsIt) {
+TEST_P(RecorderTest, FailsOnAFullDisk) {
     // Every write to this file fails as on a full disk.
-    Recorder recorder("/dev/full", RecordingFormat(Path()), 30);
-    const auto fill = [&] {
-        for (int i = 0; i < 600; ++i) {
-            recorder.Add(stream.Next(static_cast<uint32_t>(i), 0), At(33 * i));
-        }
-        recorder.Finish();
-    };
-    EXPECT_THROW(fill(), PeerError);
+    const auto recorder = Recorder::Create("/dev/full", RecordingFormat(Path()), 30).value();
+    Expected<bool> added = true;
+    for (uint32_t i = 0; i < 600 && added; ++i) {
+        added = recorder->Add(stream.Next(i, 0), At(33 * static_cast<int>(i)));
+    }
+    const auto finished = recorder->Finish();
+    const std::string error = !added ? added.error().text : !finished ? finished.error().text : "";
+    EXPECT_EQ(error.rfind("the recording cannot be written: ", 0), 0U) << error;
 }
 
 TEST_P(RecorderTest, NeedsAFileItCanWrite) {
-    EXPECT_THROW(Recorder(work / "none/out", RecordingFormat(Path()), 30), PeerError);
+    EXPECT_FALSE(Recorder::Create(work / "none/out", RecordingFormat(Path()), 30));
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, RecorderTest, ::testing::Values("mp4", "mkv", "h264"),

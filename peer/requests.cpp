@@ -1,19 +1,20 @@
 #include "peer/requests.h"
 
-#include <cstring>
-
 #include "zumod/camera_channel.h"
 
 namespace zumod::peer {
 namespace {
 
-std::vector<uint8_t> Build(MessageType type, const void* body, uint32_t size) {
-    const _MESSAGE_HEADER header{size, type, {}};
-    std::vector<uint8_t> message(sizeof header + size);
-    std::memcpy(message.data(), &header, sizeof header);
-    if (size != 0) {
-        std::memcpy(message.data() + sizeof header, body, size);
-    }
+std::vector<uint8_t> Request(MessageType type) {
+    std::vector<uint8_t> message(sizeof(_MESSAGE_HEADER));
+    WriteHeader(message.data(), type, 0);
+    return message;
+}
+
+template <class Body>
+std::vector<uint8_t> Request(MessageType type, const Body& body) {
+    std::vector<uint8_t> message(sizeof(_MESSAGE_HEADER) + sizeof body);
+    WriteRecord(WriteHeader(message.data(), type, sizeof body), body);
     return message;
 }
 
@@ -24,25 +25,23 @@ FormatRequest Format(uint32_t id, PictureSize size, int fps) {
 }  // namespace
 
 std::vector<uint8_t> ListRequest() {
-    return Build(kGetCameraList, nullptr, 0);
+    return Request(kGetCameraList);
 }
 
 std::vector<uint8_t> VersionRequest() {
-    return Build(kVersionRequest, nullptr, 0);
+    return Request(kVersionRequest);
 }
 
 std::vector<uint8_t> OpenRequest(uint32_t id, PictureSize size, int fps) {
-    const FormatRequest body = Format(id, size, fps);
-    return Build(kOpenCamera, &body, sizeof body);
+    return Request(kOpenCamera, Format(id, size, fps));
 }
 
-std::vector<uint8_t> FormatChange(uint32_t id, PictureSize size, int fps) {
-    const FormatRequest body = Format(id, size, fps);
-    return Build(kSetFormat, &body, sizeof body);
+std::vector<uint8_t> SetFormatRequest(uint32_t id, PictureSize size, int fps) {
+    return Request(kSetFormat, Format(id, size, fps));
 }
 
 std::vector<uint8_t> CloseRequest(uint32_t id) {
-    return Build(kCloseCamera, &id, sizeof id);
+    return Request(kCloseCamera, id);
 }
 
 }  // namespace zumod::peer

@@ -10,11 +10,10 @@
 #include <utility>
 
 #include "common/safe_text.h"
-#include "peer/peer_error.h"
 
 namespace zumod::peer {
 
-void Session::Send(const std::vector<uint8_t>& bytes) {
+Expected<void> Session::Send(const std::vector<uint8_t>& bytes) {
     const auto deadline = Clock::now() + m_limit;
     std::span<const uint8_t> rest(bytes);
     while (!rest.empty()) {
@@ -27,36 +26,37 @@ void Session::Send(const std::vector<uint8_t>& bytes) {
             continue;
         }
         if (errno != EAGAIN) {
-            return;
+            // The host is gone.
+            return {};
         }
-        switch (m_waiter.WaitFor(m_connection.Output(), POLLOUT, deadline)) {
-            case Waiter::Result::kReady:
-                break;
-            case Waiter::Result::kTimeout:
-                throw PeerError("the host took no request within " + SecondsText(m_limit));
-            case Waiter::Result::kSignal:
-                throw Interrupted();
+        const auto ready = m_waiter.WaitFor(m_connection.Output(), POLLOUT, deadline);
+        if (!ready) {
+            return tl::make_unexpected(ready.error());
+        }
+        if (!*ready) {
+            return Fail("the host took no request within " + SecondsText(m_limit));
         }
     }
+    return {};
 }
 
-std::optional<ReceivedMessage> Session::Receive(Clock::time_point deadline) {
+Expected<std::optional<ReceivedMessage>> Session::Receive(Clock::time_point deadline) {
     const auto registration = m_waiter.Watch(Descriptor(), POLLIN, [this] { OnReadable(); });
     while (m_messages.empty()) {
         if (!m_failure.empty()) {
-            throw PeerError(Failure());
+            return tl::make_unexpected(EndOfMessages());
         }
         if (Clock::now() >= deadline) {
             return std::nullopt;
         }
-        if (m_waiter.Wait(deadline) == Waiter::Result::kSignal) {
-            throw Interrupted();
+        if (const auto waited = m_waiter.Wait(deadline); !waited) {
+            return tl::make_unexpected(waited.error());
         }
     }
     ReceivedMessage next = std::move(m_messages.front());
     m_messages.pop_front();
     if (const auto* notice = std::get_if<NoticeMessage>(&next.message)) {
-        throw PeerError("the host says: " + SafeText(notice->text));
+        return Fail("the host says: " + SafeText(notice->text));
     }
     return next;
 }
@@ -80,8 +80,9 @@ void Session::OnReadable() {
     }
     const auto now = Clock::now();
     std::vector<Message> messages;
-    if (!m_reader.Feed(std::span(buffer).first(static_cast<size_t>(count)), messages)) {
-        m_failure = "the host sent " + m_reader.Error();
+    const auto fed = m_reader.Feed(std::span(buffer).first(static_cast<size_t>(count)), messages);
+    if (!fed) {
+        m_failure = "the host sent " + fed.error().text;
     }
     for (Message& message : messages) {
         m_messages.push_back({std::move(message), now});
@@ -89,13 +90,13 @@ void Session::OnReadable() {
 }
 
 // Includes how the command behind the connection ended.
-std::string Session::Failure() {
+Error Session::EndOfMessages() {
     if (m_closed) {
         m_closed = false;
         const std::string command = m_connection.End();
         m_failure += command.empty() ? "" : ": " + command;
     }
-    return m_failure;
+    return {m_failure};
 }
 
 }  // namespace zumod::peer

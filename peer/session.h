@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/error.h"
 #include "common/waiter.h"
 #include "peer/connection.h"
 #include "peer/message_reader.h"
@@ -35,13 +36,13 @@ public:
 
     Clock::duration Limit() const { return m_limit; }
 
-    // Throws PeerError when the bytes cannot be written in time. If the host is gone, Receive() reports it
-    // once all received messages are delivered.
-    void Send(const std::vector<uint8_t>& bytes);
+    // Fails if the bytes cannot be written in time. If the host is gone, Receive() reports it once all
+    // received messages are delivered.
+    Expected<void> Send(const std::vector<uint8_t>& bytes);
 
-    // The next message, or nothing at the deadline. Throws PeerError when the host closed the connection or
-    // sent a notice or a malformed message, and Interrupted.
-    std::optional<ReceivedMessage> Receive(Clock::time_point deadline);
+    // The next message, or nothing at the deadline. Fails if the host closed the connection, or sent a notice
+    // or a malformed message, and if a signal ends the wait.
+    Expected<std::optional<ReceivedMessage>> Receive(Clock::time_point deadline);
 
     // Puts messages back to the front of the queue, in this order.
     void PutBack(std::vector<ReceivedMessage> messages);
@@ -51,7 +52,7 @@ public:
     void OnReadable();
 
 private:
-    std::string Failure();
+    Error EndOfMessages();
 
     Connection m_connection;
     Waiter& m_waiter;
@@ -59,7 +60,7 @@ private:
     MessageReader m_reader;
     std::deque<ReceivedMessage> m_messages;
     bool m_closed = false;  // by the host
-    std::string m_failure;  // reported when no message is left
+    std::string m_failure;  // reported when no message is left; empty while more may arrive
 };
 
 }  // namespace zumod::peer

@@ -1,33 +1,28 @@
 #include "peer/standard_output.h"
 
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
-
-#include "peer/peer_error.h"
+#include <utility>
 
 namespace zumod::peer {
 
-size_t StandardOutput::WriteSome(std::span<const uint8_t> bytes) {
+Expected<size_t> StandardOutput::WriteSome(std::span<const uint8_t> bytes) {
     size_t written = 0;
-    if (m_writable && !bytes.empty()) {
-        const ssize_t count = write(STDOUT_FILENO, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
-        if (count < 0 && errno == EPIPE) {
-            throw OutputClosed();
+    if (!bytes.empty() && std::exchange(m_writable, false)) {
+        const ssize_t count = write(m_descriptor, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
+        if (count >= 0) {
+            written = static_cast<size_t>(count);
+        } else if (errno == EPIPE) {
+            return tl::make_unexpected(OutputClosed());
+        } else if (errno != EAGAIN && errno != EINTR) {
+            return Fail("standard output: " + ErrnoText(errno));
         }
-        if (count < 0 && errno != EAGAIN && errno != EINTR) {
-            // NOLINTNEXTLINE(concurrency-mt-unsafe): the program has one thread
-            throw PeerError(std::string("standard output: ") + std::strerror(errno));
-        }
-        written = static_cast<size_t>(std::max<ssize_t>(count, 0));
-        m_writable = false;
     }
     if (written < bytes.size() && !m_registration) {
-        m_registration = m_waiter.Watch(STDOUT_FILENO, POLLOUT, [this] {
+        m_registration = m_waiter.Watch(m_descriptor, POLLOUT, [this] {
             m_writable = true;
             m_registration.Reset();
         });
@@ -35,15 +30,19 @@ size_t StandardOutput::WriteSome(std::span<const uint8_t> bytes) {
     return written;
 }
 
-void StandardOutput::Write(const std::string& text) {
+Expected<void> StandardOutput::Write(const std::string& text) {
     std::span<const uint8_t> rest(reinterpret_cast<const uint8_t*>(text.data()), text.size());
     for (;;) {
-        rest = rest.subspan(WriteSome(rest));
-        if (rest.empty()) {
-            return;
+        const auto written = WriteSome(rest);
+        if (!written) {
+            return tl::make_unexpected(written.error());
         }
-        if (m_waiter.Wait(Clock::time_point::max()) == Waiter::Result::kSignal) {
-            throw Interrupted();
+        rest = rest.subspan(*written);
+        if (rest.empty()) {
+            return {};
+        }
+        if (const auto waited = m_waiter.Wait(Clock::time_point::max()); !waited) {
+            return tl::make_unexpected(waited.error());
         }
     }
 }

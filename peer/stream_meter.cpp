@@ -6,7 +6,7 @@
 namespace zumod::peer {
 namespace {
 
-// An age beyond this, or below nothing, is of another machine's clock.
+// An age that is greater, or negative, comes from the clock of another machine.
 constexpr auto kGreatestAge = std::chrono::minutes(1);
 
 }  // namespace
@@ -26,7 +26,7 @@ void StreamMeter::AddStamp(uint32_t counter, Clock::time_point shown, Clock::tim
     }
 }
 
-StreamFigures StreamMeter::Take(Clock::time_point now) {
+StreamFigures StreamMeter::EndInterval(Clock::time_point now) {
     StreamFigures figures = std::exchange(m_figures, {});
     figures.seconds = std::chrono::duration<double>(now - std::exchange(m_since, now)).count();
     std::vector<double> latencies = std::exchange(m_latencies_ms, {});

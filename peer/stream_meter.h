@@ -1,6 +1,6 @@
-// Counts what arrives of a stream, for a line a second.
+// Counts what arrives of a stream, and measures its latency by the stamps in the pictures.
 //
-// Thread rule: one thread at a time. No clock of its own.
+// Thread rule: one thread at a time. The caller passes the time.
 #pragma once
 
 #include <cstddef>
@@ -13,14 +13,14 @@
 namespace zumod::peer {
 
 struct StreamFigures {
-    double seconds = 0;  // that the figures are of
+    double seconds = 0;  // length of the interval measured
     uint64_t frames = 0;
     uint64_t bytes = 0;
     uint64_t undecoded = 0;
-    // From the time in a picture to its being decoded; nothing when no picture had a time of this machine's.
+    // From the time in a picture until it was decoded. Nothing if no picture has a time of this machine.
     std::optional<double> median_latency_ms;
     std::optional<double> greatest_latency_ms;
-    // Pictures that the counter in them says were left out; nothing when no picture had one.
+    // Pictures that are missing according to the counter in them. Nothing if no picture has a counter.
     std::optional<uint64_t> dropped;
 
     double FramesPerSecond() const { return seconds > 0 ? static_cast<double>(frames) / seconds : 0; }
@@ -35,11 +35,11 @@ public:
     void AddUndecoded() { ++m_figures.undecoded; }
     // The counter and the time in a picture that was decoded at `decoded`.
     void AddStamp(uint32_t counter, Clock::time_point shown, Clock::time_point decoded);
-    // The counter begins anew.
+    // The counter starts again.
     void NewStream() { m_last_counter.reset(); }
 
-    // The figures since the last call.
-    StreamFigures Take(Clock::time_point now);
+    // Ends the interval: returns its figures and starts the next one.
+    StreamFigures EndInterval(Clock::time_point now);
 
 private:
     Clock::time_point m_since;

@@ -2,8 +2,11 @@
 
 #include <climits>
 #include <cstring>
+#include <string>
 
-#include "peer/peer_error.h"
+extern "C" {
+#include <libavcodec/bsf.h>
+}
 
 namespace zumod::peer {
 namespace {
@@ -13,52 +16,48 @@ struct FilterDeleter {
 };
 using Filter = std::unique_ptr<AVBSFContext, FilterDeleter>;
 
+// Null on failure.
 Filter OpenFilter() {
     AVBSFContext* filter = nullptr;
     const AVBitStreamFilter* kind = av_bsf_get_by_name("extract_extradata");
     if (kind == nullptr || av_bsf_alloc(kind, &filter) < 0) {
-        throw PeerError("libavcodec cannot look for parameter sets");
+        return nullptr;
     }
     Filter owner(filter);
     owner->par_in->codec_type = AVMEDIA_TYPE_VIDEO;
     owner->par_in->codec_id = AV_CODEC_ID_H264;
-    if (av_bsf_init(owner.get()) < 0) {
-        throw PeerError("libavcodec cannot look for parameter sets");
-    }
-    return owner;
+    return av_bsf_init(owner.get()) < 0 ? nullptr : std::move(owner);
 }
 
 }  // namespace
 
-AvOwner<AVPacket> MakePacket(std::span<const uint8_t> bytes) {
+Expected<AvOwner<AVPacket>> MakePacket(std::span<const uint8_t> bytes) {
     AvOwner<AVPacket> packet(av_packet_alloc());
     if (packet == nullptr || bytes.size() > INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE ||
         av_new_packet(packet.get(), static_cast<int>(bytes.size())) < 0) {
-        throw PeerError("no memory for a frame of " + std::to_string(bytes.size()) + " bytes");
+        return Fail("no memory for a frame of " + std::to_string(bytes.size()) + " bytes");
     }
     std::memcpy(packet->data, bytes.data(), bytes.size());
     return packet;
 }
 
-StreamParser::StreamParser()
-    : m_parser(av_parser_init(AV_CODEC_ID_H264)), m_context(avcodec_alloc_context3(nullptr)) {
-    if (m_parser == nullptr || m_context == nullptr) {
-        av_parser_close(m_parser);
-        throw PeerError("libavcodec cannot parse H.264");
+Expected<StreamParser> StreamParser::Create() {
+    StreamParser parser;
+    parser.m_parser.reset(av_parser_init(AV_CODEC_ID_H264));
+    parser.m_context.reset(avcodec_alloc_context3(nullptr));
+    if (parser.m_parser == nullptr || parser.m_context == nullptr) {
+        return Fail("libavcodec cannot parse H.264");
     }
-    m_context->codec_id = AV_CODEC_ID_H264;
-    Silence(*m_context);
-    m_parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
-}
-
-StreamParser::~StreamParser() {
-    av_parser_close(m_parser);
+    parser.m_context->codec_id = AV_CODEC_ID_H264;
+    Silence(*parser.m_context);
+    parser.m_parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
+    return parser;
 }
 
 StreamParser::Picture StreamParser::Parse(const AVPacket& packet) {
     uint8_t* data = nullptr;
     int size = 0;
-    av_parser_parse2(m_parser, m_context.get(), &data, &size, packet.data, packet.size, AV_NOPTS_VALUE,
+    av_parser_parse2(m_parser.get(), m_context.get(), &data, &size, packet.data, packet.size, AV_NOPTS_VALUE,
                      AV_NOPTS_VALUE, 0);
     Picture picture;
     picture.key = m_parser->key_frame == 1;
@@ -68,12 +67,15 @@ StreamParser::Picture StreamParser::Parse(const AVPacket& packet) {
     return picture;
 }
 
-std::vector<uint8_t> ParameterSets(const AVPacket& packet) {
+Expected<std::vector<uint8_t>> ParameterSets(const AVPacket& packet) {
     const Filter filter = OpenFilter();
+    if (filter == nullptr) {
+        return Fail("libavcodec cannot look for parameter sets");
+    }
     const AvOwner<AVPacket> copy(av_packet_clone(&packet));
     if (copy == nullptr || av_bsf_send_packet(filter.get(), copy.get()) < 0 ||
         av_bsf_receive_packet(filter.get(), copy.get()) < 0) {
-        return {};
+        return std::vector<uint8_t>{};
     }
     size_t size = 0;
     const uint8_t* data = av_packet_get_side_data(copy.get(), AV_PKT_DATA_NEW_EXTRADATA, &size);

@@ -1,44 +1,45 @@
-// What is known of an encoded picture without decoding it.
+// What an encoded picture tells without being decoded.
 //
 // Thread rule: one thread at a time.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
 #include "common/av_objects.h"
+#include "common/error.h"
 #include "peer/camera_list.h"
-
-extern "C" {
-#include <libavcodec/bsf.h>
-}
 
 namespace zumod::peer {
 
-// A packet with a copy of the bytes, which the libraries may read a little past. Throws PeerError.
-AvOwner<AVPacket> MakePacket(std::span<const uint8_t> bytes);
+// A packet with a copy of the bytes, padded because the libraries may read a little past the end.
+Expected<AvOwner<AVPacket>> MakePacket(std::span<const uint8_t> bytes);
 
 class StreamParser {
 public:
     struct Picture {
         bool key = false;
-        PictureSize size;  // 0x0 when the stream has not told yet
+        PictureSize size;  // 0x0 if the stream has not stated it yet
     };
 
-    StreamParser();
-    ~StreamParser();
-    StreamParser(const StreamParser&) = delete;
-    StreamParser& operator=(const StreamParser&) = delete;
+    static Expected<StreamParser> Create();
 
     Picture Parse(const AVPacket& packet);
 
 private:
-    AVCodecParserContext* const m_parser;
-    const AvOwner<AVCodecContext> m_context;
+    struct Closer {
+        void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
+    };
+
+    StreamParser() = default;
+
+    std::unique_ptr<AVCodecParserContext, Closer> m_parser;
+    AvOwner<AVCodecContext> m_context;
 };
 
-// The parameter sets in a picture; empty when it has none.
-std::vector<uint8_t> ParameterSets(const AVPacket& packet);
+// The parameter sets in a picture; empty if it has none.
+Expected<std::vector<uint8_t>> ParameterSets(const AVPacket& packet);
 
 }  // namespace zumod::peer

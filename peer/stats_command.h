@@ -1,4 +1,4 @@
-// The lines of "stats".
+// The output of the command "stats", for its tests.
 //
 // Thread rule: pure functions; any thread.
 #pragma once
@@ -11,10 +11,10 @@
 
 namespace zumod::peer {
 
-// Without an end of line. `size` is 0x0 while no picture was decoded.
+// Without a line end. `size` is 0x0 while no picture was decoded.
 std::string FiguresText(const CameraEntry& camera, PictureSize size, const StreamFigures& figures);
 
-// One object and the end of the line.
+// One object and the line end.
 std::string FiguresJson(const CameraEntry& camera, PictureSize size, const StreamFigures& figures);
 std::string EventJson(const CameraEntry& camera, CameraEvent event, const std::string& text);
 

@@ -1,0 +1,77 @@
+#include "peer/commands.h"
+
+#include <string>
+
+#include "peer/camera_table.h"
+
+namespace zumod::peer {
+namespace {
+
+Expected<void> ListCameras(const CommandContext& context) {
+    return context.Connect()
+        .and_then([](Session&& session) { return AskCameras(session); })
+        .and_then([&](const std::vector<CameraEntry>& cameras) {
+            return context.output.Write(context.options.json ? CameraJson(cameras) : CameraTable(cameras));
+        });
+}
+
+const char* StateName(CameraState state) {
+    switch (state) {
+        case kCameraFailed:
+            return "failed";
+        case kCameraOpen:
+            return "open";
+        case kCameraClosed:
+            return "closed";
+    }
+    return "";
+}
+
+Expected<void> CloseOneCamera(const CommandContext& context) {
+    const uint32_t id = context.options.id;
+    return context.Connect()
+        .and_then([&](Session&& session) { return CloseCamera(session, id); })
+        .and_then([&](CameraState state) {
+            return context.output.Write("camera " + std::to_string(id) + ": " + StateName(state) + "\n");
+        });
+}
+
+Expected<void> ShowVersion(const CommandContext& context) {
+    return context.Connect()
+        .and_then([](Session&& session) { return AskVersion(session); })
+        .and_then([&](uint32_t version) { return context.output.Write(std::to_string(version) + "\n"); });
+}
+
+constexpr Command kCommands[] = {
+    {"list", kJson, "List the cameras", ListCameras},
+    {"snapshot", kCameraId | kPictureFile | kFormat | kOverwrite, "Write one picture of a camera as PNG",
+     TakeSnapshot},
+    {"record", kCameraId | kRecordingFiles | kFormat | kSeconds | kOverwrite,
+     "Record what a camera sends, as it is, or write it to standard output", RecordCameras},
+    {"stats", kCameraId | kFormat | kSeconds | kJson,
+     "Print each second what arrives of a camera; look for it when it goes away", ShowStats},
+    {"format", kCameraId | kFormat | kSizeRequired,
+     "Change a camera's format while it streams and print the size that arrives", ChangeFormat},
+    {"close", kCameraId, "Close a camera and print the host's answer", CloseOneCamera},
+    {"version", 0, "Print the version of the protocol that the host speaks", ShowVersion},
+};
+
+}  // namespace
+
+std::span<const Command> Commands() {
+    return kCommands;
+}
+
+Expected<Session> CommandContext::Connect() const {
+    auto connection = options.exec.empty() ? Connection::ToSocket(options.socket, options.limit)
+                                           : Connection::ToCommand(options.exec);
+    return std::move(connection).map([this](Connection&& made) {
+        return Session(std::move(made), waiter, options.limit);
+    });
+}
+
+PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera) {
+    return options.size ? *options.size : DefaultSize(camera.sizes);
+}
+
+}  // namespace zumod::peer
