@@ -1,7 +1,9 @@
-// What goes over the host's byte stream between the plugin and a peer: the layout of every message, in host
-// byte order, which is little-endian on the target. docs/protocol.md says when each is sent. ReadRecord and
-// WriteRecord copy records from and to messages, which need not be aligned. They are pure functions and check
-// no length: the caller does.
+// The messages between the plugin and a peer on the host's byte stream: the layout of each, in host byte
+// order, which is little-endian on the target. docs/protocol.md says when each is sent. ReadRecord and
+// WriteRecord copy records from and to messages, which need not be aligned. They do not check lengths: the
+// caller does.
+//
+// Thread rule: constants, types and pure functions; [any thread].
 #pragma once
 
 #include <cstddef>
@@ -24,10 +26,10 @@ enum MessageType : uint8_t {
     kSetFormat = 9,        // from the peer
     kVersionRequest = 10,  // from the peer
     kVersionReply = 11,    // to the peer
-    kHostNotice = 128,     // to the peer, from the host application itself, never from the module
+    kHostNotice = 128,     // to the peer, sent by the host application, never by the module
 };
 
-// The most bytes in the body of kHostNotice, which is UTF-8 text without a terminating zero.
+// The maximum length of the body of kHostNotice, which is UTF-8 text without a terminating zero.
 inline constexpr uint32_t kHostNoticeLimit = 256;
 
 enum CameraState : uint32_t {
@@ -36,7 +38,7 @@ enum CameraState : uint32_t {
     kCameraClosed = 4,
 };
 
-// In front of every message.
+// The header of every message.
 struct _MESSAGE_HEADER {
     uint32_t length;      // bytes that follow this header
     uint8_t type;         // MessageType
@@ -51,7 +53,7 @@ struct FormatRequest {
     uint32_t id;
     int32_t width;   // in pixels
     int32_t height;  // in pixels
-    int32_t fps;     // frames a second
+    int32_t fps;     // frames per second
 };
 static_assert(sizeof(FormatRequest) == 16);
 
@@ -71,7 +73,7 @@ struct StateNotice {
 };
 static_assert(sizeof(StateNotice) == 8);
 
-// In front of the encoded bytes in the body of kVideoFrame.
+// Precedes the encoded bytes in the body of kVideoFrame.
 struct VideoFrameHead {
     uint32_t id;
     uint32_t size;  // encoded bytes that follow
@@ -80,7 +82,8 @@ static_assert(sizeof(VideoFrameHead) == 8);
 
 inline constexpr size_t kCameraNameSize = 516;
 
-// In the body of kCameraList, after the 32-bit number of cameras: one of these a camera, each with its sizes.
+// One camera in the body of kCameraList, which starts with the 32-bit number of cameras. The camera's sizes
+// follow the record.
 struct CameraRecord {
     uint32_t id;
     uint8_t in_use;

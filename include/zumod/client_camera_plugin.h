@@ -2,6 +2,8 @@
 //
 //     created -> SetChannelStream -> Run (returns when the stream fails) -> ... Run again on a new stream ...
 //     -> ExitInstance -> Release
+//
+// Thread rule: at each operation; the run thread is the host's thread that calls Run.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +16,8 @@
 namespace zumod {
 
 inline constexpr char kClientCameraPluginName[] = "IClientCameraPlugin";
-// The version to ask for; the plugin compares the major version (the top 16 bits) alone.
+// The version to ask for, and the version of the module. Only the major version (the top 16 bits) is
+// compared.
 inline constexpr uint64_t kClientCameraPluginVersion = 0x0002000000000000;
 
 // Slots 0 to 3 are IReference's.
@@ -31,17 +34,17 @@ public:
 // Slots 0 to 4 are IAutoConfigRaw's.
 class IPluginRaw : public IAutoConfigRaw {
 public:
-    // Slot 5 [run thread, not during Run]. Takes a reference on `stream` (null allowed) and releases the one
-    // before. Returns 0.
+    // Slot 5 [run thread, not during Run]. Adds a reference to `stream` (null allowed) and releases the
+    // previous stream. Returns 0.
     virtual int SetChannelStream(IChannelStream* stream) = 0;
 
     // Slot 6 [run thread, not during ExitInstance]. Serves the peer on the calling thread until a read on the
-    // stream fails; returns at once when no stream is set. The thread that sends frames goes on after the
-    // return; cameras stay open. May be called again. Returns 1.
+    // stream fails; returns at once if no stream is set. After the return the send thread keeps running and
+    // cameras stay open. May be called again. Returns 1.
     virtual int Run() = 0;
 
-    // Slot 7 [any thread, not during Run]. Closes every camera and ends the plugin's own threads; waits for a
-    // write that is under way, however long the stream takes. Returns 0.
+    // Slot 7 [any thread, not during Run]. Closes every camera and ends the plugin's threads; waits for a
+    // Write in progress, however long the stream takes. Returns 0.
     virtual int ExitInstance() = 0;
 
     // Slots 8 and 9, reserved. Return 0.
@@ -52,8 +55,8 @@ public:
     virtual CRefPtr_T<IReference> ReservedPlugin10() { return {}; }
 };
 
-// Slots 0 to 10 are IPluginRaw's; the operations of IZUModInterface are reached through that interface's own
-// face.
+// Slots 0 to 10 are IPluginRaw's. The operations of IZUModInterface are reached through a pointer to that
+// interface.
 class IClientCameraPlugin : public virtual IPluginRaw, public virtual IZUModInterface {
 public:
     // Slots 2, 3: see reference.h.

@@ -1,5 +1,7 @@
-// The video encoder and decoder that the module "zu-codec" supplies, and the policies and properties with
-// which they are asked for. Once it has made an object the module stays loaded until the process ends.
+// The video encoder and decoder of the module "zu-codec", and the policies and properties that configure
+// them. Once the module has created an object it stays loaded until the process ends.
+//
+// Thread rule: one thread at a time uses an encoder or a decoder; AddRef and Release are [any thread].
 #pragma once
 
 #include <cstddef>
@@ -17,7 +19,8 @@ inline constexpr char kVideoDecoderName[] = "IVDecoder";
 // The version that the camera module asks for, for both: major 1.
 inline constexpr uint64_t kCodecInterfaceVersion = 0x0001000000000002;
 
-// Integer: the kind of encoded picture. The numbers are the codec module's; the camera module asks for H.264.
+// Integer: the kind of encoded picture. The camera module asks for H.264; the codec module defines the
+// others.
 inline constexpr char kPolicyImageType[] = "zu.codec.policy.imagetype";
 inline constexpr uint32_t kImageTypeH264 = 9;
 // Booleans of the encoder.
@@ -25,15 +28,15 @@ inline constexpr char kPolicyEncRapidSub[] = "zu.codec.policy.enc.rapid.sub";
 inline constexpr char kPolicyEncNoStreamHeader[] = "zu.codec.policy.enc.no.stream.header";
 inline constexpr char kPolicyEncFileRecord[] = "zu.codec.policy.enc.file.record";
 inline constexpr char kPolicyEncSourceRgb[] = "zu.codec.policy.enc.source.rgb";
-// Pointer: a frame buffer of the caller's that the decoder writes to, or 0.
+// Pointer: a frame buffer of the caller that the decoder writes to, or 0.
 inline constexpr char kPolicyDecScreenBuffer[] = "zu.codec.policy.dec.screenbuffer";
-// Integer: the pixel format that the decoder is to deliver. The numbers are the codec module's.
+// Integer: the pixel format that the decoder delivers. The codec module defines the numbers.
 inline constexpr char kPolicyDecTargetAvFormat[] = "zu.codec.policy.dec.target.avformat";
-// Boolean property, set to true on every codec object right after its creation: hardware may be used.
+// Boolean property, set to true on every codec object right after its creation: the codec may use hardware.
 inline constexpr char kPropertyHardware[] = "zu.codec.property.hardware";
-// Block property to read, of an encoder of the reference module that was created with
-// kPolicyEncNoStreamHeader: the parameter sets that the stream lacks, in Annex B form; none before the first
-// picture. It changes with the picture's size.
+// Block property, read from an encoder of the reference module that was created with
+// kPolicyEncNoStreamHeader: the parameter sets that the stream lacks, in Annex B form. There is none before
+// the first picture. It changes with the picture's size.
 inline constexpr char kPropertyStreamHeader[] = "zu.codec.property.stream.header";
 
 // The code of a named pixel format: its four characters in memory order.
@@ -45,14 +48,14 @@ constexpr uint32_t VideoFormatCode(const char (&name)[5]) {
     return code;
 }
 
-// How the bytes of a picture are laid out.
+// The layout of a picture.
 struct VideoInputFormat {
     int32_t width;           // pixels
     int32_t height;          // pixels
     int32_t stride;          // bytes per row of the first plane
     int32_t bits_per_pixel;  // of the first plane
-    // Four ASCII characters in memory order: "NV12", "NV21", "I420", "YV12", "YUY2"; 0 stands for BGR with 32
-    // bits a pixel.
+    // Four ASCII characters in memory order: "NV12", "NV21", "I420", "YV12", "YUY2"; 0 means BGR with 32 bits
+    // per pixel.
     uint32_t format;
 };
 
@@ -65,7 +68,7 @@ static_assert(sizeof(VideoInputFormat) == 20);
 
 // Binary table: slots 0 to 3 are IReference's, 4 to 6 IZUModInterface's.
 //
-// [encode thread]: one thread at a time; the camera module calls slots 2, 3, 5, 10 and 20 only.
+// [encode thread]: one thread at a time. The camera module calls only slots 2, 3, 5, 10 and 20.
 class IVEncoder : public virtual IReference, public virtual IZUModInterface {
 public:
     // Slots 2, 3: see reference.h.
@@ -77,8 +80,8 @@ public:
     virtual int ReservedEncoder8() { return 0; }
     virtual int ReservedEncoder9() { return 0; }
 
-    // Slot 10. Says how the next picture is laid out; called before every picture. `format` is borrowed for
-    // the call. The result is ignored by the camera module.
+    // Slot 10. Sets the layout of the next picture; called before every picture. `format` is borrowed for the
+    // call. The camera module ignores the result.
     virtual int SetInputFormat(const VideoInputFormat* format) = 0;
 
     // Slots 11 to 19, reserved. Return 0.
@@ -92,13 +95,13 @@ public:
     virtual int ReservedEncoder18() { return 0; }
     virtual int ReservedEncoder19() { return 0; }
 
-    // Slot 20. Encodes one picture. Returns true when encoded bytes are in the output of `args`
-    // (PrepareOutput was called), false when there is nothing to send for this picture.
+    // Slot 20. Encodes one picture. Returns true if the output of `args` holds encoded bytes (PrepareOutput
+    // was called), false if there is nothing to send for this picture.
     virtual bool Encode(IVEncArgs* args) = 0;
 };
 
-// Binary table: the frame of IVEncoder. What the arguments of slots 10 and 20 point at is the codec module's
-// design, and the camera module calls neither; "zumod/codec_decode.h" has those of the reference module.
+// Binary table: the same slots as IVEncoder. The codec module defines what the arguments of slots 10 and 20
+// point at; the camera module calls neither. zumod/codec_decode.h has those of the reference module.
 class IVDecoder : public virtual IReference, public virtual IZUModInterface {
 public:
     // Slots 2, 3: see reference.h.
@@ -110,7 +113,7 @@ public:
     virtual int ReservedDecoder8() { return 0; }
     virtual int ReservedDecoder9() { return 0; }
 
-    // Slot 10. Says how decoded pictures are to be laid out.
+    // Slot 10. Sets the layout of decoded pictures.
     virtual int SetOutputFormat(const void* format) = 0;
 
     // Slots 11 to 19, reserved. Return 0.

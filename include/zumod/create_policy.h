@@ -1,8 +1,8 @@
-// The set of named values that goes with a request to create an object in another module, and the keys that
-// modules of this family agree on.
+// The named values of a request to create an object in another module, and the keys that all modules know.
+// zumod/policies.h has ready-made policies and readers.
 //
 // Thread rule: AddRef and Release are [any thread]; all else is [the thread that creates]. A create function
-// that keeps the policy beyond its call adds a reference, and then still uses it on one thread at a time.
+// that keeps the policy after its call adds a reference, and then uses it on one thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -24,9 +24,9 @@ public:
     uint64_t AddRef() override = 0;
     int64_t Release() override = 0;
 
-    // Slot 4. `key` is NUL-terminated text, borrowed, compared byte by byte. Returns a fresh copy of the
-    // value with a count of 0 (the caller adds the first reference and thereby owns it), or null when there
-    // is no such policy. What the caller does to the copy does not change the policy.
+    // Slot 4. `key` is NUL-terminated text, borrowed, compared byte by byte. Returns a new copy of the
+    // value with a count of 0 (the caller adds the first reference and so owns it), or null for an unknown
+    // key. Changing the copy does not change the policy.
     virtual IZUModData* GetPolicy(const char* key) = 0;
 };
 

@@ -1,8 +1,10 @@
-// The record through which a host gets to know a module, and the one function that a module exports.
+// The record that describes a module to its host, and the one function that a module exports.
 //
 //     void* library = dlopen("zu-client-camera.so", RTLD_NOW);
 //     auto entry = reinterpret_cast<zumod::EntryPointFunction>(dlsym(library, zumod::kEntryPointName));
 //     const zumod::ZUModDescriptor* module = entry();
+//
+// Thread rule: every function is [any thread].
 #pragma once
 
 #include <cstddef>
@@ -14,28 +16,28 @@
 
 namespace zumod {
 
-// [any thread]. Gives the module the host's runtime, borrowed until the matching detach; attaching again
-// replaces it. Returns 1, or 0 for a null host. A module that loads another one attaches it before each
-// object it asks for, to its own host and thus to null when it has none, and ignores the result.
+// Sets the host's runtime, which the module borrows until the matching detach; attaching again replaces it.
+// Returns 1, or 0 for a null host. A module that loads another one attaches it to its own host, or to null if
+// it has none, before it creates each object, and ignores the result.
 using AttachRuntimeFunction = int (*)(IZUModRuntime* host);
 
-// [any thread]. From here on the module calls the host's runtime no more; log lines go to standard output.
+// The module no longer calls the host's runtime; log lines go to standard output.
 using DetachRuntimeFunction = void (*)();
 
-// [any thread]. Creates the object that `policy` describes. On success stores it where `out` points, as a
-// pointer to the table of the interface that was asked for, with one reference for the caller, and returns 1.
-// Otherwise leaves `out` alone and returns 0. `policy` is borrowed and may be null. A module that is loaded
-// by another one and refuses is detached and closed at once.
+// Creates the object that `policy` describes. On success stores it where `out` points, as a pointer to the
+// requested interface (see StoreInterface), with one reference for the caller, and returns 1. Otherwise
+// leaves `out` unchanged and returns 0. `policy` is borrowed and may be null. A module that was loaded by
+// another one and refuses is detached and closed at once.
 using CreateFunction = int (*)(IZUModCreatePolicy* policy, IZUModInterface** out);
 
-// One static record a module. It is read field by field, so order and widths are binding.
+// One static record per module. The host reads it field by field, so order and widths are binding.
 struct ZUModDescriptor {
     uint64_t version;  // top 16 bits: major version
     const char* name;
     AttachRuntimeFunction attach_runtime;
-    DetachRuntimeFunction detach_runtime;  // may be null in other modules of the family
+    DetachRuntimeFunction detach_runtime;  // may be null in other modules
     CreateFunction create;
-    const char* build_stamp;  // date and time of the build, for people
+    const char* build_stamp;  // date and time of the build, to be shown
 };
 
 static_assert(offsetof(ZUModDescriptor, version) == 0);

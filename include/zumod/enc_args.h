@@ -1,7 +1,7 @@
-// One picture into an encode call, and the encoded bytes out of it.
+// Input and output of an encode call: one picture, and the encoded bytes.
 //
-// Thread rule: AddRef and Release are [any thread]; all else is [encode thread & during Encode]: an object
-// belongs to the thread that calls the encoder with it.
+// Thread rule: AddRef and Release are [any thread]; all else is [encode thread & during Encode]: only
+// the thread that calls the encoder uses the object.
 #pragma once
 
 #include <cstdint>
@@ -12,9 +12,9 @@ namespace zumod {
 
 inline constexpr char kEncArgsName[] = "IVEncArgs";
 
-// Binary table: slots 0 to 3 are IReference's. Implemented by whoever calls an encoder; an encoder that keeps
-// the object beyond the call adds a reference of its own. Input bytes are the caller's and valid during the
-// call only; the output buffer belongs to this object and lives as long as it.
+// Binary table: slots 0 to 3 are IReference's. The caller of an encoder implements it; an encoder that keeps
+// the object after the call adds a reference. The caller owns the input bytes, which are valid only during
+// the call. The object owns the output buffer, which lives as long as it.
 class IVEncArgs : public virtual IReference {
 public:
     // Slots 2, 3: see reference.h.
@@ -25,15 +25,15 @@ public:
     virtual uint64_t GetArgOption() = 0;
     // Slot 5. The first byte of the picture, laid out as the input format record says.
     virtual const void* GetInputData() = 0;
-    // Slot 6. How many bytes the picture has. Trust this number, not the one that follows from the record.
+    // Slot 6. The size of the picture in bytes. Trust this number, not the one that the record implies.
     virtual uint64_t GetInputSize() = 0;
     // Slot 7. Flags of the call; 0 from the camera module.
     virtual uint64_t GetArgFlags() = 0;
     // Slot 8. Does nothing in the camera module.
     virtual void ResetArgs() = 0;
-    // Slot 9. Makes the output buffer hold `size` bytes, keeping what is in it, and returns the size it then
-    // has: less than `size` when memory is short. The buffer may move. An encoder calls it before it writes,
-    // and again with the final size if that is smaller. An encode call that returns true must have called it.
+    // Slot 9. Resizes the output buffer to `size` bytes, preserving its content, and returns its new size:
+    // less than `size` when memory is short. The buffer may move. An encoder calls it before it writes, and
+    // again with the final size if that is smaller. An encode call that returns true must have called it.
     virtual uint64_t PrepareOutput(uint32_t size) = 0;
     // Slot 10. The first byte of the output buffer, or null before PrepareOutput. Valid until PrepareOutput
     // is called again.

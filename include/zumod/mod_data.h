@@ -1,8 +1,8 @@
-// A tagged, counted value: how a property, an environment setting or a creation parameter crosses a module
-// boundary.
+// The tagged, counted value in which a property, an environment setting or a creation parameter crosses a
+// module boundary. zumod/values.h has a ready-made value.
 //
-// Thread rule: AddRef and Release are [any thread]; slots 4 to 14 are [any thread, one at a time], and change
-// nothing in the value.
+// Thread rule: AddRef and Release are [any thread]; slots 4 to 14 are [any thread, one at a time] and do not
+// change the value.
 #pragma once
 
 #include <cstdint>
@@ -23,9 +23,8 @@ enum ZUModDataType : uint32_t {
 };
 
 // Binary table: slots 0 to 3 are IReference's; the order of the others is binding. A typed getter never
-// fails: a value of another kind, or one that stores too few bytes, gives null, false, 0 or 0.0. Pointers are
-// borrowed: they live as long as the caller's reference to the value, and none of the getters adds a
-// reference.
+// fails: for a value of another kind, or one with too few bytes, it returns null, false, 0 or 0.0. Returned
+// pointers are borrowed and valid as long as the caller's reference to the value; no getter adds a reference.
 class IZUModData : public virtual IReference {
 public:
     // Slots 2, 3: see reference.h.
@@ -36,13 +35,13 @@ public:
     virtual uint32_t GetType() = 0;
     // Slot 5. The stored bytes of any kind of value, or null when there are none.
     virtual const void* GetData() = 0;
-    // Slot 6. How many bytes are stored.
+    // Slot 6. The number of stored bytes.
     virtual uint64_t GetSize() = 0;
     // Slot 7. The NUL-terminated text of a text value.
     virtual const char* GetString() = 0;
-    // Slot 8. The bytes of a block value; GetSize tells how many.
+    // Slot 8. The bytes of a block value; GetSize returns their number.
     virtual const void* GetBlock() = 0;
-    // Slot 9. The truth of a boolean value: whether its first byte is not 0.
+    // Slot 9. A boolean value: whether its first byte is not 0.
     virtual bool GetBool() = 0;
     // Slot 10. The number of an integer value.
     virtual int64_t GetInt64() = 0;
@@ -50,11 +49,11 @@ public:
     virtual float GetFloat() = 0;
     // Slot 12. The object of an object value, borrowed.
     virtual IReference* GetObject() = 0;
-    // Slot 13. A new value of equal content with a count of 0: the caller adds the first reference. Bytes are
-    // copied; an object is shared, with one more reference to it.
+    // Slot 13. A new value with the same content and a count of 0: the caller adds the first reference. Bytes
+    // are copied; an object is shared, with one more reference to it.
     virtual IZUModData* Clone() = 0;
-    // Slot 14. The handle or address of a pointer value. It stands after Clone, not beside GetInt64: the
-    // order is binding.
+    // Slot 14. The handle or address of a pointer value. Required by the contract: it follows Clone, not
+    // GetInt64.
     virtual uint64_t GetPointer() = 0;
 };
 

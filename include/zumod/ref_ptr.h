@@ -1,7 +1,7 @@
-// The owner of one reference to a counted object. It is one pointer wide; returned by value it travels
-// through the hidden return slot of the C++ ABI, which is how counted results cross a module boundary.
+// A smart pointer that owns one reference to a counted object. It is one pointer wide. Returned by value it
+// uses the hidden return slot of the C++ ABI; counted results cross a module boundary that way.
 //
-// Thread rule: one CRefPtr_T object belongs to one thread at a time; the object it points at may be shared.
+// Thread rule: one thread at a time uses a CRefPtr_T; the object it points at may be shared.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ public:
     CRefPtr_T() = default;
     CRefPtr_T(std::nullptr_t) {}
 
-    // Adds a reference of its own: the right call for a new object (count 0) and for a borrowed pointer.
+    // Adds a reference: use it for a new object (count 0) and for a borrowed pointer.
     explicit CRefPtr_T(T* object) : m_object(object) {
         if (m_object != nullptr) {
             m_object->AddRef();
@@ -47,14 +47,14 @@ public:
         return *this;
     }
 
-    // Takes over a reference that the caller already owns; none is added.
+    // Takes over a reference that the caller owns; adds none.
     static CRefPtr_T Adopt(T* object) {
         CRefPtr_T owner;
         owner.m_object = object;
         return owner;
     }
 
-    // Gives the reference to the caller, who must release it.
+    // Passes the reference to the caller, who must release it.
     [[nodiscard]] T* Detach() { return std::exchange(m_object, nullptr); }
 
     void Swap(CRefPtr_T& other) noexcept { std::swap(m_object, other.m_object); }

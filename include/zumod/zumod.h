@@ -1,4 +1,4 @@
-// The whole SDK.
+// All headers of the SDK.
 #pragma once
 
 #include "zumod/camera_channel.h"

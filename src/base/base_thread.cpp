@@ -71,7 +71,7 @@ bool CBaseThread::Sleep(int32_t milliseconds) {
 bool CBaseThread::Join() {
     const bool joinable =
         m_started.load(std::memory_order_relaxed) && !m_detached.load(std::memory_order_relaxed);
-    // A handle is good for one join: Join and then Stop, or WaitStop twice, must not use it again.
+    // A handle can be joined only once, but Join and then Stop, or WaitStop twice, are allowed.
     if (joinable && m_handle != 0 && pthread_join(m_handle, nullptr) == 0) {
         m_handle = 0;
     }
@@ -99,7 +99,8 @@ void CBaseThread::Loop() {
         pthread_detach(pthread_self());
     }
     OnThreadStart();
-    // The detached flag is tested after the pass: a detached thread runs exactly one. Kept as it is.
+    // Required by the contract: the detached flag is tested after a pass, so a detached thread runs exactly
+    // one.
     while (!m_stop_request.load(std::memory_order_relaxed) && Run() &&
            !m_detached.load(std::memory_order_relaxed)) {
     }

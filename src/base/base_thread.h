@@ -1,4 +1,5 @@
-// A POSIX thread that calls its work again and again until the work says to stop or a stop is requested.
+// A POSIX thread that calls a work function repeatedly until the function returns false or a stop is
+// requested.
 //
 // Thread rule: one owner thread at a time calls Start, Stop, Join and SetName; IsRunning and Sleep are
 // [owner, the thread itself].
@@ -27,22 +28,21 @@ public:
 
     // StartEx(false).
     virtual bool Start();
-    // Requests a stop and joins without a time limit; afterwards the object may be started again. Returns
-    // true.
+    // Requests a stop and joins without a time limit; the object may then be started again. Returns true.
     virtual bool Stop();
-    // The same; the time is handed to WaitStop.
+    // The same; passes the time on to WaitStop.
     virtual bool StopEx(int32_t time);
-    // Starts the thread; a detached one runs a single pass. Returns true when a thread runs, or one was
-    // started before; false when none could be created.
+    // Starts the thread; a detached one runs a single pass. Returns true if the thread was started, now or
+    // before; false if it could not be created.
     virtual bool StartEx(bool detach);
 
 protected:
-    // One pass of work; true to be called again.
+    // One pass of work; returns true to be called again.
     virtual bool Run() = 0;
 
 public:
-    // Requests a stop and joins, unless detached. The time is accepted and ignored: the wait is always a full
-    // join. Returns true.
+    // Requests a stop and joins, unless detached. Returns true. Required by the contract: the time is
+    // ignored; the wait is always a full join.
     virtual bool WaitStop(int32_t time);
 
 protected:
@@ -52,13 +52,14 @@ protected:
     virtual void OnThreadStart() {}
 
 public:
-    // Waits; a stop request does not cut it short. Returns true, at once when the thread is not started.
+    // Waits; a stop request does not end the wait. Returns true; returns at once if the thread is not
+    // started.
     bool Sleep(int32_t milliseconds);
     // Joins a started thread that is not detached. Returns true.
     bool Join();
-    // True from the start until the loop is over.
+    // True from the start until the loop has ended.
     bool IsRunning() const;
-    // For the owner's use: the operating system's thread name is not set. A null pointer is ignored.
+    // For the owner's use only: the operating system's thread name is not set. A null pointer is ignored.
     void SetName(const char* text);
     const std::string& GetName() const { return m_name; }
 
@@ -68,19 +69,19 @@ private:
 
     // Owner only; 0 when there is no thread to join.
     pthread_t m_handle = 0;
-    // Written by the owner, read by the owner and by IsRunning and Sleep on the thread; relaxed: nothing but
-    // the flag itself is handed over. Creation and join order everything else.
+    // Written by the owner, read by the owner and by IsRunning and Sleep on the thread; relaxed: the flag
+    // publishes no other data. Creation and join order everything else.
     std::atomic<bool> m_started{false};
-    // Written by the owner, polled by the thread; relaxed: a late look costs one more pass.
+    // Written by the owner, polled by the thread; relaxed: a late read costs one more pass.
     std::atomic<bool> m_stop_request{false};
-    // Written by the thread, read by IsRunning; relaxed: the join is the hand-over.
+    // Written by the thread, read by IsRunning; relaxed: the join synchronises.
     std::atomic<bool> m_finished{false};
     // Written by the owner before the thread is created, read by both; a detached thread may outlive the
     // start, hence atomic.
     std::atomic<bool> m_detached{false};
     // Written by the owner before the thread is created.
     pid_t m_starter_id = 0;
-    // Written by the thread, for a debugger; relaxed: a detached thread may still be on its way when the next
+    // Written by the thread, for a debugger; relaxed: a detached thread may still be starting when the next
     // one writes.
     std::atomic<pid_t> m_own_id{0};
     std::string m_name;

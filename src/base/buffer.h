@@ -1,8 +1,8 @@
-// A counted block of heap memory that knows its used size, its capacity and the allocator that made it: what
-// carries every message and every encoded frame.
+// A counted block of heap memory with a used size, a capacity and the allocator that it came from. Every
+// message and every encoded frame is in one.
 //
-// Thread rule: AddRef and Release are [any thread]; all else belongs to the one thread that has the buffer
-// now.
+// Thread rule: AddRef and Release are [any thread]; all else is for one thread at a time, which may pass the
+// buffer on to another.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +14,8 @@
 
 namespace zumod {
 
-// Binary table: slots 0 to 3 are IReference's. Sizes are bytes. The allocator works with GetAllocData and
-// GetAllocSize only, users with GetData and GetCapacity.
+// Binary table: slots 0 to 3 are IReference's. Sizes are bytes. The allocator uses only GetAllocData and
+// GetAllocSize, other code only GetData and GetCapacity.
 class IBuffer : public IReference {
 public:
     // Slot 4. The first byte; null when the capacity is 0.
@@ -32,12 +32,13 @@ public:
     virtual void* GetAllocData() = 0;
     // Slot 10. The owning allocator, with a reference for the caller; empty if there is none.
     virtual CRefPtr_T<IMemAlloctor> GetAllocator() = 0;
-    // Slot 11. Changes the capacity to exactly `size`; the used size stays, even where it then exceeds the
-    // capacity. Returns the block, which may have moved, or null.
+    // Slot 11. Changes the capacity to exactly `size`; the used size is unchanged, even if it then exceeds
+    // the capacity. Returns the block, which may have moved, or null.
     virtual void* Resize(uint64_t size) = 0;
-    // Slot 12. Takes over a block; the used size stays. Returns the block before, which is the caller's now.
+    // Slot 12. Takes ownership of a block; the used size is unchanged. Returns the previous block, which the
+    // caller now owns.
     virtual void* Attach(void* data, uint64_t capacity) = 0;
-    // Slot 13. Stores a word that is free for the caller; returns the one before.
+    // Slot 13. Stores a word for the caller's use; returns the previous one.
     virtual uint64_t SetUserData(uint64_t word) { return std::exchange(m_user_word, word); }
     // Slot 14. The stored word.
     virtual uint64_t GetUserData() { return m_user_word; }

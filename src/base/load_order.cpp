@@ -1,5 +1,6 @@
-// What the module makes when it is loaded, in one file: within a file the order of making is the order of
-// writing, whatever the linker does.
+// The module's namespace-scope objects. Such objects of one translation unit are initialised in definition
+// order; across units the order is unspecified. They are defined here together, so that the linker's order of
+// files does not change the ids of the monitored classes.
 #include <new>
 
 #include "src/base/base_thread.h"
@@ -11,13 +12,13 @@
 namespace zumod {
 namespace {
 
-// Registered, but its objects are not counted: this row always reads 0. Kept as it is.
+// Required by the contract: registered, but its objects are not counted, so its row is always 0.
 ADD_TO_MONITORING_LIST<CMemBuffer> g_MemBufferMonitor("CMemBuffer");
 ADD_TO_MONITORING_LIST<CBaseThread> g_BaseThreadMonitor("CBaseThread");
 
 }  // namespace
 
-// Empty when memory is short: an exception has nowhere to go while a library is loaded.
+// Empty when memory is short: nothing can catch an exception while a library is loaded.
 CRefPtr_T<IMemAlloctor> g_pDefaultAlloctor(new (std::nothrow) CMemAlloctorEx<CMemBuffer>);
 
 }  // namespace zumod

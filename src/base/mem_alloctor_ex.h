@@ -1,7 +1,7 @@
-// The one allocator class: each buffer is one object and one block of the C heap, without a pool.
+// The only allocator class: each buffer is one object and one block of the C heap. There is no pool.
 //
-// Thread rule: Alloc, Free and the reference counts are [any thread]. ReAlloc changes the accounted bytes
-// without a lock or order: the figure is for people.
+// Thread rule: Alloc, Free and the reference counts are [any thread]; ReAlloc is for the thread that uses the
+// buffer. The accounted bytes are a relaxed counter, read only for reports.
 #pragma once
 
 #include <algorithm>
@@ -57,7 +57,7 @@ public:
         if (size != 0) {
             block = std::malloc(size);
             if (block == nullptr) [[unlikely]] {
-                block = std::malloc(size);  // a single retry, deliberately
+                block = std::malloc(size);  // Required by the contract: a single retry.
                 if (block == nullptr) {
                     return {};
                 }
@@ -66,12 +66,12 @@ public:
         return CRefPtr_T<Buffer>(new Buffer(this, block, size));
     }
 
-    // The net change that ReAlloc has made, in unsigned arithmetic: it may wrap.
+    // The sum of the size changes by ReAlloc, in unsigned arithmetic: it may wrap.
     uint64_t GetAccountedBytes() const { return m_accounted.load(std::memory_order_relaxed); }
 
 private:
     [[maybe_unused]] uint64_t m_reserved = 0;
-    // Written by whichever thread resizes a buffer, read for reports; relaxed: only the sum matters.
+    // Written by any thread that resizes a buffer, read for reports; relaxed: only the sum matters.
     std::atomic<uint64_t> m_accounted{0};
     uint64_t m_max_size = ~uint64_t{0};
     [[maybe_unused]] uint64_t m_number_4096 = 4096;
@@ -80,7 +80,7 @@ private:
 
 class CMemBuffer;
 static_assert(sizeof(CMemAlloctorEx<CMemBuffer>) == sizeof(IMemAlloctor) + sizeof(CReference) + 40);
-// In mem_buffer.cpp: where the compiler sees both ends, a buffer's end goes without calls through tables.
+// Instantiated in mem_buffer.cpp so that the compiler can devirtualise the destruction path.
 extern template class CMemAlloctorEx<CMemBuffer>;
 
 }  // namespace zumod

@@ -1,4 +1,6 @@
-// The buffer that the module's allocator hands out.
+// The buffer class of the module's allocator.
+//
+// Thread rule: that of IBuffer.
 #pragma once
 
 #include <cstddef>
@@ -21,8 +23,8 @@ public:
     }
     ~CMemBuffer() override;
 
-    // From the C heap without the detour through the global operators, which on the way of every frame costs
-    // as much as a reference count. Failure propagates as theirs does.
+    // Calls the C heap directly. The global operators would cost as much as a reference count, on every
+    // frame. Throws std::bad_alloc on failure, as they do.
     static void* operator new(size_t size) {
         void* object = std::malloc(size);
         if (object == nullptr) [[unlikely]] {

@@ -17,7 +17,7 @@ std::uint32_t Draw() {
     return static_cast<std::uint32_t>(RandomInt(0, std::numeric_limits<std::int32_t>::max()));
 }
 
-// Without end if no kind is allowed.
+// Does not return if no kind is allowed.
 std::uint32_t DrawKind(std::uint32_t allowed) {
     for (;;) {
         const std::uint32_t kind = 1U << (Draw() % 3);

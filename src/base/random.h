@@ -1,5 +1,7 @@
-// Random numbers and texts. SeedRandom reseeds the C library's generator for the whole process; the others
-// keep nothing between calls and are safe from any thread.
+// Random numbers and texts.
+//
+// Thread rule: SeedRandom reseeds the C library's generator for the whole process; the others have no state
+// and are [any thread].
 #pragma once
 
 #include <cstddef>
@@ -8,22 +10,22 @@
 
 namespace zumod {
 
-// Seeds rand() with the time plus four bytes of /dev/urandom. The device does not count where it is given
-// descriptor 0: then the seed is the time alone and the descriptor stays open; kept as it is.
+// Seeds rand() with the time plus four bytes of /dev/urandom. Required by the contract: if the device is
+// opened as descriptor 0, only the time is used and the descriptor stays open.
 void SeedRandom();
 
-// One of [low, high], each as likely; `low` must not be above `high`. Every call opens the random device anew
-// and draws one number from a generator it seeds: slow, but nothing is shared.
+// Uniformly distributed over [low, high]; `low` must not be above `high`. Every call opens the random device
+// and seeds a new generator for one number: slow, but no state is shared.
 int RandomInt(int low, int high);
 
-// The kinds of characters that RandomString takes.
+// The kinds of characters of RandomString.
 constexpr std::uint32_t kRandomDigits = 1;
 constexpr std::uint32_t kRandomLowerCase = 2;
 constexpr std::uint32_t kRandomUpperCase = 4;
 
-// `length` characters of the given kinds, each kind as likely as another. With digits and letters both
-// allowed, a text of two characters or more holds both: if all before the last one are of one class, the last
-// is drawn from the other. With none of the kinds and a length above 0 it draws without end; kept as it is.
+// `length` characters of the given kinds, all equally likely. If digits and letters are both allowed, a text
+// of two or more characters has both: if all characters before the last are of one class, the last is drawn
+// from the other. Required by the contract: with no kind and a length above 0 it does not return.
 std::string RandomString(std::size_t length, std::uint32_t kinds);
 
 }  // namespace zumod

@@ -1,6 +1,6 @@
-// The object that exists once in the module, made on first use.
+// The base of a class that has one object in the module, constructed on first use.
 //
-// Thread rule: GetInstance is [any thread]; what the instance itself allows is its own rule.
+// Thread rule: GetInstance is [any thread]; the instance has its own rule.
 #pragma once
 
 #include <atomic>
@@ -10,7 +10,7 @@
 namespace zumod {
 
 // Derive as `class X : public CSingleton_T<X>` and write `template class CSingleton_T<X>;` in X's source
-// file, so that the static members have one home and the lock is constructed when the module is loaded.
+// file. The static members are then defined there, and the lock is constructed when the module is loaded.
 template <class T>
 class CSingleton_T {
 public:

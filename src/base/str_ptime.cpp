@@ -55,7 +55,7 @@ const char* ReadOneOf(const char* text, const char* const (&words)[kCount], int&
     return nullptr;
 }
 
-// The full names first: a short one is the beginning of its full one.
+// Full names first, because a short name is the start of its full name.
 template <std::size_t kCount>
 const char* ReadName(const char* text, const char* const (&names)[kCount],
                      const char* const (&short_names)[kCount], int& index) {
@@ -87,7 +87,7 @@ const char* ReadNumber(const char* text, const Range& range, int& number) {
     return text;
 }
 
-// A number that the field holds less `base`.
+// A number that the field stores minus `base`.
 const char* ReadNumber(const char* text, const Range& range, int base, int& field) {
     int number = 0;
     const char* const end = ReadNumber(text, range, number);
@@ -168,7 +168,7 @@ const char* Convert(char conversion, const char* text, std::tm& fields) {
         case 'y':
             return ReadYearInCentury(text, fields.tm_year);
         case 'Y':
-            // A year before 1900 would be stored as a negative number, which counts as a failure.
+            // An earlier year would be a negative field, which counts as a failure.
             return ReadNumber(text, {1900, 9999, 4}, 1900, fields.tm_year);
         default:
             return nullptr;
@@ -187,7 +187,8 @@ const char* StrPTime(const char* text, const char* format, std::tm& fields) {
         } else {
             text = *text == *format ? text + 1 : nullptr;
         }
-        // Before the next step: a format that ends in a percent sign is at its zero, which converts nothing.
+        // Checked before the loop advances: a format that ends in "%" is at its terminating zero, which
+        // fails.
         if (text == nullptr) {
             return nullptr;
         }

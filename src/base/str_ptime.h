@@ -1,15 +1,16 @@
-// The module's own parser of times written in strftime's formats. A free function without state, safe from
-// any thread; no locale counts.
+// A parser of times in strftime's formats that does not depend on the locale.
+//
+// Thread rule: [any thread]; a free function without state.
 #pragma once
 
 #include <ctime>
 
 namespace zumod {
 
-// Walks `format` along `text`: white space skips any white space there (also none), a conversion reads into
-// `fields`, anything else must be there as it stands. Gives the position after the last character used, or
-// null when something does not match, with `fields` holding what was read until then. Fields without a
-// conversion stay as they were; none is worked out from others.
+// Matches `text` with `format`: white space matches any white space, also none; a conversion reads into
+// `fields`; any other character must match exactly. Returns the position after the last character matched, or
+// null on a mismatch; `fields` then holds what was read before it. Fields without a conversion are unchanged;
+// none is computed from others.
 //
 //   %a %A        day of the week, in full or its first three letters, in any case
 //   %b %B %h     month, the same
@@ -19,7 +20,7 @@ namespace zumod {
 //   %j           day of the year, 1 to 366
 //   %m           month, 1 to 12
 //   %M           minute, 0 to 59
-//   %p           AM or PM in any case; changes the hour read so far, and fails when that is above 12
+//   %p           AM or PM in any case; changes the hour read so far, and fails if that is above 12
 //   %S           second, 0 to 60
 //   %y           year in the century, 0 to 68 after 2000, 69 to 99 after 1900
 //   %Y           year, 1900 to 9999
@@ -27,8 +28,8 @@ namespace zumod {
 //   %c  %x %X      %C  %A, %B, %e, %Y      %D %x  %m/%d/%y
 //   %R  %H:%M      %T %X  %H:%M:%S         %r  %I:%M:%S %p
 //
-// A number takes up to as many digits as its largest value has (%y two); fewer do, and white space may stand
-// before it. Any other conversion fails.
+// A number has at most as many digits as its largest value (%y: two); fewer are accepted, and white space may
+// precede it. Any other conversion fails.
 const char* StrPTime(const char* text, const char* format, std::tm& fields);
 
 }  // namespace zumod

@@ -15,7 +15,7 @@ void Replace(Text& text, const Text& from, const Text& to) {
     }
 }
 
-// The character functions take the codes 0 to 255, and char may be signed.
+// The functions of <cctype> expect 0 to 255, and char may be signed.
 int CodeOf(char c) {
     return static_cast<unsigned char>(c);
 }
@@ -130,11 +130,11 @@ int CompareVersion(const std::string& a, const std::string& b, const std::string
     Split(a, delimiters, a_pieces);
     Split(b, delimiters, b_pieces);
     for (std::size_t i = 0; i < a_pieces.size(); ++i) {
-        const std::int32_t of_a = PieceValue(a_pieces[i]);
-        const std::int32_t of_b = i < b_pieces.size() ? PieceValue(b_pieces[i]) : 0;
-        if (of_a != of_b) {
-            const int place = static_cast<int>(i) + 1;
-            return of_a > of_b ? place : -place;
+        const std::int32_t a_value = PieceValue(a_pieces[i]);
+        const std::int32_t b_value = i < b_pieces.size() ? PieceValue(b_pieces[i]) : 0;
+        if (a_value != b_value) {
+            const int position = static_cast<int>(i) + 1;
+            return a_value > b_value ? position : -position;
         }
     }
     if (a_pieces.size() == b_pieces.size()) {

@@ -1,5 +1,6 @@
-// Small operations on texts, version texts and numbers as text. Free functions without state, safe from any
-// thread; Trim, ToLower and ToUpper read the process locale.
+// Small operations on texts, version texts and numbers as text.
+//
+// Thread rule: [any thread]; free functions without state. Trim, ToLower and ToUpper read the process locale.
 #pragma once
 
 #include <cstddef>
@@ -9,19 +10,19 @@
 
 namespace zumod {
 
-// Replaces the first `from` by `to`, from the start of the text again each time, until none is left: what a
-// replacement joins together is replaced as well. A `to` that contains `from`, and an empty `from`, never
-// end; kept as it is.
+// Replaces the first `from` by `to` and searches again from the start of the text, until none is left, so
+// that an occurrence that a replacement creates is replaced as well. Required by the contract: it does not
+// return if `to` contains `from` or `from` is empty.
 void ReplaceAll(std::string& text, const std::string& from, const std::string& to);
 void ReplaceAll(std::wstring& text, const std::wstring& from, const std::wstring& to);
 
-// Erases what isspace calls white space in the current locale at both ends.
+// Erases white space at both ends, as isspace defines it in the current locale.
 void Trim(std::string& text);
 
-// Takes the code of a byte, 0 to 255; anything but 0 is yes.
+// Called with the code of a byte, 0 to 255; any result but 0 means true.
 using CharPredicate = std::function<int(int)>;
 
-// White space of the C locale, whatever the current one: code 9 to 13 or 32.
+// White space of the C locale, in any current locale: code 9 to 13 or 32.
 int IsCLocaleSpace(int code);
 
 // Erase the characters at one end for which the predicate holds.
@@ -39,21 +40,20 @@ std::string IntToString(int n);
 std::string LongToString(long n);
 std::string ULongToString(unsigned long n);
 
-// What strtol reads at the start of `text` in base 10, 0 if that is no number; `fallback` only for a null
-// text.
+// The result of strtol in base 10: 0 if `text` does not start with a number. `fallback` only for a null text.
 long StrToLong(const char* text, long fallback);
 
-// Appends to `parts` the pieces of `text` between any of the characters in `delimiters`; the rest after the
-// last delimiter is always a piece, even an empty one. A `limit` other than 0 ends it after that many pieces,
-// the rest uncut. An empty piece counts but is never the one that ends it, so that empty pieces can carry the
-// count past the limit and everything is cut; kept as it is.
+// Appends to `parts` the pieces of `text` between any of the characters in `delimiters`. The rest after the
+// last delimiter is always a piece, even if it is empty. A `limit` other than 0 stops after that many pieces
+// and appends the rest undivided. Required by the contract: an empty piece counts but does not stop the
+// division, so empty pieces can take the count past the limit, and then the whole text is divided.
 void Split(const std::string& text, const std::string& delimiters, std::vector<std::string>& parts,
            std::size_t limit = 0);
 
-// Compares two version texts piece by piece as 32-bit numbers (wider ones lose their upper bits), a piece
-// that only `a` has with 0. The first difference, at piece i counted from 1, gives i when `a` is larger and
-// -i when it is smaller. Without one: -100 if `b` has more pieces, 100 if it has fewer, 0 if as many: a
-// trailing zero piece counts, deliberately.
+// Compares two version texts piece by piece as 32-bit numbers (wider numbers lose their upper bits). A piece
+// that only `a` has is compared with 0. If the pieces first differ at piece i, counted from 1, returns i if
+// `a` is larger, -i if it is smaller. If none differs, returns -100 if `b` has more pieces, 100 if it has
+// fewer, else 0: a trailing zero piece counts, as the contract requires.
 int CompareVersion(const std::string& a, const std::string& b, const std::string& delimiters);
 
 }  // namespace zumod

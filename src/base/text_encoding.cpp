@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::size_t kLongest = 6;
 
-// What marks the lead byte of a sequence of `length` bytes, and which of its bits carry the code point.
+// Indexed by the length of a sequence: the bits that mark its lead byte, and those that carry the code point.
 struct Lead {
     std::uint32_t mark;
     std::uint32_t bits;
@@ -42,8 +42,8 @@ char* Encode(std::uint32_t code_point, char* out) {
     return out + length;
 }
 
-// A byte that is no lead byte at all counts as the longest.
-std::size_t AnnouncedLength(unsigned char lead) {
+// A byte that is not a lead byte counts as the lead of the longest sequence.
+std::size_t LengthFromLead(unsigned char lead) {
     for (std::size_t length = 1; length < kLongest; ++length) {
         if ((lead & ~kLeads[length].bits & 0xFF) == kLeads[length].mark) {
             return length;
@@ -54,10 +54,10 @@ std::size_t AnnouncedLength(unsigned char lead) {
 
 std::uint32_t Decode(const unsigned char*& at) {
     const unsigned char lead = *at++;
-    const std::size_t length = AnnouncedLength(lead);
+    const std::size_t length = LengthFromLead(lead);
     std::uint32_t code_point = lead & kLeads[length].bits;
     for (std::size_t i = 1; i < length; ++i) {
-        // The terminating zero is read for each missing byte and never passed.
+        // If bytes are missing, the terminating zero is read in place of each.
         code_point = code_point << 6 | (*at & 0x3F);
         if (*at != 0) {
             ++at;
@@ -83,7 +83,7 @@ std::string WideToUtf8(const std::wstring& text) {
 
 std::string WideToMultiByte(const std::wstring& text) {
     const auto bytes = std::make_unique<char[]>(text.size() + 1);
-    // It starts from a fresh conversion state each time, unlike what the check supposes.
+    // The check is wrong here: wcstombs starts from the initial conversion state.
     // NOLINTNEXTLINE(concurrency-mt-unsafe)
     if (std::wcstombs(bytes.get(), text.c_str(), text.size()) == static_cast<std::size_t>(-1)) {
         return {};
@@ -98,7 +98,7 @@ std::wstring MultiByteToWide(const std::string& text) {
         DecodeUtf8(text.c_str(), wide, length);
         return {wide.get(), length};
     }
-    // No character takes less than a byte.
+    // Every character is at least one byte long.
     const auto wide = std::make_unique<wchar_t[]>(text.size() + 1);
     if (std::mbstowcs(wide.get(), text.c_str(), text.size()) == static_cast<std::size_t>(-1)) {
         return {};
@@ -149,7 +149,7 @@ bool IsUtf8(const char* bytes) {
         if (lead >= 0x80 && (lead < 0xC0 || lead > 0xFD)) {
             return false;
         }
-        for (std::size_t left = AnnouncedLength(lead) - 1; left > 0; --left) {
+        for (std::size_t left = LengthFromLead(lead) - 1; left > 0; --left) {
             if ((*at & 0xC0) != 0x80) {
                 return false;
             }

@@ -22,7 +22,8 @@ constexpr Unit kUnits[] = {
     {"milliseconds", 1'000'000},  {"microseconds", 1'000},     {"nanoseconds", 1},
 };
 
-// The number at the start of `text` less `base`, cut to the field's width: numbers too large wrap around.
+// The number at the start of `text` minus `base`, truncated to the field's width: a larger number wraps
+// around.
 int ReadField(const char* text, unsigned long base = 0) {
     return static_cast<int>(static_cast<unsigned long>(std::strtol(text, nullptr, 10)) - base);
 }
@@ -36,7 +37,7 @@ const char* After(const char* text, char separator) {
 // The caller's formats cannot be checked here.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-// 0 when the text does not fit; what `out` holds is then not known.
+// Returns 0 if the text does not fit; the content of `out` is then undefined.
 template <std::size_t kSize>
 std::size_t FormatFields(char (&out)[kSize], const char* format, const std::tm& fields) {
     return std::strftime(out, kSize, format, &fields);
@@ -46,7 +47,7 @@ std::size_t FormatFields(char (&out)[kSize], const char* format, const std::tm& 
 }  // namespace
 
 std::string FormatTimeUtc(std::time_t seconds, const std::string& format) {
-    // The shared result is part of what the function is known to do.
+    // The header documents the use of the shared result.
     const std::tm* const fields = std::gmtime(&seconds);  // NOLINT(concurrency-mt-unsafe)
     if (fields == nullptr) {
         return {};
@@ -60,11 +61,11 @@ std::string FormatNowUtc(const std::string& format) {
 }
 
 int FormatLocalDateTime(std::string& out, std::time_t seconds) {
-    // As above.
+    // As in FormatTimeUtc.
     const std::tm* const fields = std::localtime(&seconds);  // NOLINT(concurrency-mt-unsafe)
     if (fields != nullptr) {
         char text[128];
-        // The last years that a broken-down time can hold do not fit an int when counted from 0.
+        // The largest year that fits tm_year does not fit an int after 1900 is added.
         std::snprintf(text, sizeof text, "%04ld-%02d-%02d %02d:%02d:%02d", fields->tm_year + 1900L,
                       fields->tm_mon + 1, fields->tm_mday, fields->tm_hour, fields->tm_min, fields->tm_sec);
         out = text;
@@ -118,7 +119,7 @@ void FormatHttpDate(std::string& out, const std::string& secondsText) {
     if (gmtime_r(&seconds, &fields) == nullptr) {
         return;
     }
-    // Process-wide and not undone; kept as it is.
+    // Required by the contract: process-wide, and not restored.
     std::setlocale(LC_TIME, "en_US.UTF-8");  // NOLINT(concurrency-mt-unsafe)
     char text[128];
     out.assign(text, std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT+00:00", &fields));

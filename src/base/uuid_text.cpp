@@ -29,7 +29,7 @@ std::string NewUuidString() {
 }
 
 std::string UuidText(const unsigned char (&bytes)[16]) {
-    // The bytes end in the middle of the tail: its other half stays cleared.
+    // The 16 bytes fill only half of the tail; the other half is 0.
     UuidRecord record{};
     std::memcpy(&record, bytes, sizeof bytes);
     char text[64];

@@ -6,7 +6,7 @@
 namespace zumod {
 namespace {
 
-// The encoder path refuses it, deliberately; the decoder path does not.
+// Required by the contract: refused for encoders only.
 constexpr uint32_t kImageTypeWithoutEncoder = 11;
 
 using PolicyPtr = CRefPtr_T<CZUModCreatePolicyAdapter>;

@@ -21,7 +21,7 @@ struct LibraryCloser {
 };
 using LibraryHold = std::unique_ptr<void, LibraryCloser>;
 
-// Where a module's create function puts the new object; gives its reference back at the end of the block.
+// The out slot of a module's create function; releases the new object at the end of the block.
 class CreatedSlot {
 public:
     CreatedSlot() = default;
@@ -36,7 +36,7 @@ public:
     IZUModInterface** Address() { return &m_object; }
     bool IsEmpty() const { return m_object == nullptr; }
 
-    // A second reference, for the caller; null when the slot is empty.
+    // Adds a reference for the caller; returns null if the slot is empty.
     IZUModInterface* Share() {
         if (m_object != nullptr) {
             m_object->AddRef();
@@ -56,7 +56,7 @@ void* OpenLibrary(const std::string& path) {
     void* library = dlopen(path.c_str(), RTLD_LAZY);
     if (library == nullptr) {
         const int error = errno;
-        const char* message = dlerror();  // NOLINT(concurrency-mt-unsafe): the text belongs to the thread
+        const char* message = dlerror();  // NOLINT(concurrency-mt-unsafe): the text is per thread
         std::printf("load %s err %d, err msg is %s\n", path.c_str(), error, message);
         ZuModLog(kLogFailure, "[zumod] dlopen file fail with %d, msg is %s", error, message);
     }
@@ -68,7 +68,7 @@ const ZUModDescriptor* FindDescriptor(void* library) {
     return entry != nullptr ? entry() : nullptr;
 }
 
-// An open library and its descriptor, or null with nothing left open.
+// Opens the library and returns its descriptor, or returns null with nothing left open.
 const ZUModDescriptor* OpenModule(const char* name, const std::string& path, void** library) {
     *library = OpenLibrary(path);
     const ZUModDescriptor* module = nullptr;
@@ -101,7 +101,7 @@ void ZuModLoadModule(IZUModInterface** out, const char* name, const CRefPtr_T<IZ
     CreatedSlot created;
     if (module->create(policy.Get(), created.Address()) == 0) {
         if (!created.IsEmpty()) {
-            // Such an object is released last, after its module is closed; its code must still be there then.
+            // This object is released after its module is closed, and its code must still be mapped then.
             code_of_leftover.reset(dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD));
         }
         ZuModUnloadModule(library);

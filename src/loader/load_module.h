@@ -1,4 +1,4 @@
-// Loads sibling modules. There is no table of loaded modules: the dynamic loader's own counting is all.
+// Loads other modules. There is no table of loaded modules: the dynamic loader counts them.
 //
 // Thread rule: [any thread]. No lock is held while a module is loaded, attached or asked.
 #pragma once
@@ -9,21 +9,21 @@
 
 namespace zumod {
 
-// Loads module `name`, attaches it to this module's host (null when there is none) and has it create the
+// Loads module `name`, attaches it to this module's host (null if there is none) and calls it to create the
 // object that `policy`, which may be empty, describes. `*out` receives the object, with one reference for the
-// caller, as a pointer to the table of the interface that was asked for; or null, after log lines that say
-// why.
+// caller, as a pointer to the requested interface (see TakeInterface). On failure it receives null, and the
+// log says why.
 //
-// On success `*handleOut`, if there is one, receives the library's handle, for ZuModUnloadModule when the
-// object is gone. Without it the module stays loaded while the process runs. A module that refuses is
-// detached and closed.
+// On success `*handleOut`, unless `handleOut` is null, receives the library's handle, for ZuModUnloadModule
+// after the object is destroyed. If `handleOut` is null the module stays loaded until the process ends. A
+// module that refuses is detached and closed.
 //
-// An exception of the host's or of the policy's goes on to the caller, with nothing stored; the module then
-// stays loaded, because the exception itself may live in it.
+// An exception of the host or of the policy propagates to the caller, with nothing stored. The module then
+// stays loaded, because the code of the exception may be in it.
 void ZuModLoadModule(IZUModInterface** out, const char* name, const CRefPtr_T<IZUModCreatePolicy>& policy,
                      void** handleOut, bool usePerModuleDir);
 
-// Detaches the module, if it has a way to, and gives the handle back. Does nothing for null.
+// Calls the module's detach function, if it has one, and closes the handle. Does nothing for null.
 void ZuModUnloadModule(void* handle);
 
 }  // namespace zumod

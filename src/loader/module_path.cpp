@@ -19,7 +19,7 @@ std::string EnvText(const char* key) {
 std::string ZuModGetModulePath(const char* name, bool usePerModuleDir) {
     std::string path = EnvText(kEnvModulesDir);
     if (usePerModuleDir) {
-        // No fallback to the general directory, deliberately.
+        // Required by the contract: no fallback to the general directory.
         path = EnvText((std::string(kEnvModulesDir) + "_" + name).c_str());
     }
     if (path.empty()) {

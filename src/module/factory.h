@@ -1,4 +1,6 @@
 // The create function of the module's descriptor.
+//
+// Thread rule: [any thread].
 #pragma once
 
 #include "zumod/create_policy.h"
@@ -6,9 +8,9 @@
 
 namespace zumod {
 
-// [any thread]. Creates the plugin that `props` asks for by interface name and version. On success stores the
-// plugin's IClientCameraPlugin face where `out` points, with one reference for the caller, and returns 1.
-// Refuses with 0 and `out` untouched otherwise.
+// Creates the plugin that `props` describes by interface name and version. On success stores its
+// IClientCameraPlugin pointer where `out` points, with one reference for the caller, and returns 1. Otherwise
+// leaves `out` unchanged and returns 0.
 int camera_client_create(IZUModCreatePolicy* props, IZUModInterface** out);
 
 }  // namespace zumod

@@ -25,7 +25,7 @@ void ZuModLog(uint32_t level, const char* format, ...) {
     }
     va_list arguments;
     va_start(arguments, format);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the line above starts it
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is on the line above
     std::vsnprintf(line.get(), kLineSize, format, arguments);
     va_end(arguments);
     CZUModRuntime::GetInstance()->WriteLog(level, line.get());

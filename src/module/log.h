@@ -1,4 +1,6 @@
-// The one way to log in this module.
+// The log function of the module. All log lines go through it.
+//
+// Thread rule: [any thread].
 #pragma once
 
 #include <cstdint>
@@ -7,8 +9,8 @@
 
 namespace zumod {
 
-// [any thread]. Formats like printf, cut at 4095 characters, and hands the text to the runtime. `level` is
-// one LogLevel bit. An exception of the host's sink goes on to the caller.
+// Formats like printf, truncated to 4095 characters, and passes the text to the runtime. `level` is one
+// LogLevel bit. An exception of the host's sink propagates to the caller.
 [[gnu::format(printf, 2, 3)]] void ZuModLog(uint32_t level, const char* format, ...);
 
 }  // namespace zumod

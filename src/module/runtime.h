@@ -1,4 +1,4 @@
-// The module's own runtime object: forwards to the host's runtime while one is attached.
+// The module's runtime object: forwards to the host's runtime, the sink, while one is attached.
 //
 // Thread rule: every operation is [any thread].
 #pragma once
@@ -9,7 +9,7 @@
 
 namespace zumod {
 
-// Without a sink, log lines go to standard output and the other services give 0.
+// Without a sink, log lines go to standard output and the other services return 0.
 class CZUModRuntime final : public IZUModRuntime, public CSingleton_T<CZUModRuntime> {
 public:
     CZUModRuntime() = default;
@@ -21,12 +21,13 @@ public:
     int32_t Service3(uint8_t flag, uint64_t a, uint64_t b, uint64_t c) override;
     IZUModData* GetEnvProperty(const char* key) override;
 
-    // Borrowed: the host keeps it alive until it detaches. Null detaches.
+    // The sink is borrowed: the host keeps it alive until it detaches. Null detaches.
     void SetSink(IZUModRuntime* sink);
     IZUModRuntime* GetSink();
 
 private:
-    // Held while the sink is called: a sink cannot be replaced under a call, and may log again from inside.
+    // Held while the sink is called, so that the sink cannot be replaced during a call. Recursive, so that it
+    // may log again from inside.
     CMutexLock m_lock;
     IZUModRuntime* m_sink ZU_GUARDED_BY(m_lock) = nullptr;
     [[maybe_unused]] bool m_flag = false;
