@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/doubles/raw_slots.h"
+#include "zumod/mod_interface.h"
 #include "zumod/ref_ptr.h"
 
 namespace zumod {
@@ -42,7 +43,7 @@ TEST(Reference, TheFirstAddRefOfANewObjectReturnsOneAndTheSecondTwo) {
     EXPECT_EQ(destroyed, 1);
 }
 
-TEST(Reference, AReleaseOfAFreshObjectOnlyDrivesTheCountToMinusOne) {
+TEST(Reference, AReleaseOfANewObjectOnlyTakesTheCountToMinusOne) {
     int destroyed = 0;
     auto* object = new Counted(destroyed);
     EXPECT_EQ(object->Release(), -1);
@@ -55,7 +56,7 @@ TEST(Reference, AReleaseOfAFreshObjectOnlyDrivesTheCountToMinusOne) {
     EXPECT_EQ(destroyed, 1);
 }
 
-TEST(Reference, AReferenceTakenAndDroppedDuringTheDestructionDoesNotDestroyTwice) {
+TEST(Reference, AReferenceAddedAndDroppedDuringTheDestructionDoesNotDestroyTwice) {
     class Resurrected : public CReference {
     public:
         explicit Resurrected(int& destroyed) : m_destroyed(destroyed) {}
@@ -75,7 +76,7 @@ TEST(Reference, AReferenceTakenAndDroppedDuringTheDestructionDoesNotDestroyTwice
     EXPECT_EQ(destroyed, 1);
 }
 
-TEST(Reference, HoldsTheReferenceCountAndThenTheLifeCountBehindItsTablePointer) {
+TEST(Reference, StoresTheReferenceCountAndTheLifeCountAfterItsTablePointer) {
     int destroyed = 0;
     auto* object = new Counted(destroyed);
     EXPECT_EQ(WordAt(object, 8), 0);
@@ -98,16 +99,16 @@ TEST(Reference, IsReachedThroughSlotsTwoAndThree) {
     EXPECT_EQ(destroyed, 1);
 }
 
-TEST(Reference, ItsDestructorPairStandsInSlotsZeroAndOne) {
+TEST(Reference, ItsDestructorPairIsInSlotsZeroAndOne) {
     int destroyed = 0;
     alignas(Counted) unsigned char storage[sizeof(Counted)];
-    CallSlot<>(new (storage) Counted(destroyed), 0);  // the complete one leaves the memory alone
+    CallSlot<>(new (storage) Counted(destroyed), 0);  // the complete destructor does not free the memory
     EXPECT_EQ(destroyed, 1);
-    CallSlot<>(new Counted(destroyed), 1);  // the deleting one gives it back
+    CallSlot<>(new Counted(destroyed), 1);  // the deleting destructor frees it
     EXPECT_EQ(destroyed, 2);
 }
 
-TEST(Reference, HammeredFromSeveralThreadsIsDestroyedOnceByTheLastRelease) {
+TEST(Reference, UsedBySeveralThreadsIsDestroyedOnceByTheLastRelease) {
     int destroyed = 0;
     auto* object = new Counted(destroyed);
     object->AddRef();
@@ -121,11 +122,89 @@ TEST(Reference, HammeredFromSeveralThreadsIsDestroyedOnceByTheLastRelease) {
             mine = nullptr;
         });
     }
-    EXPECT_GT(object->Release(), -1);  // from here on the threads alone hold it
+    EXPECT_GT(object->Release(), -1);  // from here on only the threads hold references
     for (std::thread& each : threads) {
         each.join();
     }
     EXPECT_EQ(destroyed, 1);
+}
+
+// Two interfaces that redeclare AddRef and Release, as those of the SDK do.
+class ISmall : public virtual IReference {
+public:
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+    virtual int Number() = 0;
+};
+class IPair : public virtual IReference, public virtual ISmall {
+public:
+    uint64_t AddRef() override = 0;
+    int64_t Release() override = 0;
+};
+
+class Pair final : public CCounted_T<IPair> {
+public:
+    explicit Pair(int& destroyed) : m_destroyed(destroyed) {}
+    ~Pair() override { ++m_destroyed; }
+    int Number() override { return 7; }
+
+private:
+    int& m_destroyed;
+};
+
+TEST(Counted, ImplementsTheCountOfAnInterfaceThroughEachOfItsTables) {
+    int destroyed = 0;
+    auto* object = new Pair(destroyed);
+    EXPECT_EQ((CallSlot<uint64_t>(static_cast<IPair*>(object), 2)), 1U);
+    EXPECT_EQ((CallSlot<uint64_t>(static_cast<ISmall*>(object), 2)), 2U);
+    EXPECT_EQ((CallSlot<int>(static_cast<ISmall*>(object), 4)), 7);
+    EXPECT_EQ((CallSlot<int64_t>(static_cast<IReference*>(object), 3)), 1);
+    EXPECT_EQ((CallSlot<int64_t>(static_cast<ISmall*>(object), 3)), 0);
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(Counted, HasOneReferenceBaseAndAddsOnlyItsTwoCountersToTheInterface) {
+    EXPECT_TRUE((std::is_convertible_v<Pair*, IReference*>));
+    EXPECT_TRUE((std::is_same_v<CReference, CCounted_T<IReference>>));
+    EXPECT_EQ(sizeof(CCounted_T<ISmall>), sizeof(ISmall) + 16);
+}
+
+// An object with the interface IZUModInterface as a second base, so that the pointers differ.
+class Created final : public ISmall, public CCounted_T<IZUModInterface> {
+public:
+    explicit Created(int& destroyed) : m_destroyed(destroyed) {}
+    ~Created() override { ++m_destroyed; }
+    uint64_t AddRef() override { return CCounted_T::AddRef(); }
+    int64_t Release() override { return CCounted_T::Release(); }
+    int Number() override { return 9; }
+    bool QueryInterface(const char*, void**) override { return false; }
+    bool SetProperty(const char*, IZUModData*) override { return false; }
+    IZUModData* GetProperty(const char*) override { return nullptr; }
+
+private:
+    int& m_destroyed;
+};
+
+TEST(StoreInterface, StoresThePointerOfTheNamedInterfaceWithOneReference) {
+    int destroyed = 0;
+    auto* object = new Created(destroyed);
+    IZUModInterface* out = nullptr;
+    StoreInterface<ISmall>(object, &out);
+    EXPECT_EQ(static_cast<void*>(out), static_cast<void*>(static_cast<ISmall*>(object)));
+    EXPECT_EQ((CallSlot<int>(out, 4)), 9);
+    EXPECT_EQ(object->AddRef(), 2U);
+    object->Release();
+    {
+        const CRefPtr_T<ISmall> taken = TakeInterface<ISmall>(out);
+        EXPECT_EQ(taken->Number(), 9);
+        EXPECT_EQ(taken->AddRef(), 2U) << "taking adds no reference";
+        taken->Release();
+    }
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(StoreInterface, ThePointerThatIsTakenIsEmptyForNull) {
+    EXPECT_EQ(TakeInterface<ISmall>(nullptr), nullptr);
 }
 
 TEST(RefPtr, IsOnePointerWide) {
@@ -135,7 +214,7 @@ TEST(RefPtr, IsOnePointerWide) {
     EXPECT_EQ(WordAt(&owner, 0), reinterpret_cast<intptr_t>(owner.Get()));
 }
 
-TEST(RefPtr, TakesTheFirstReferenceOfANewObjectAndDropsItAtItsEnd) {
+TEST(RefPtr, AddsTheFirstReferenceToANewObjectAndReleasesItWhenDestroyed) {
     int destroyed = 0;
     {
         const CRefPtr_T<Counted> owner(new Counted(destroyed));
@@ -166,7 +245,7 @@ TEST(RefPtr, AddsAReferenceWithEachCopyAndNoneWithAMove) {
     EXPECT_EQ(moved_up.Get(), moved.Get());
 }
 
-TEST(RefPtr, ReleasesTheOldObjectWhenItIsGivenAnother) {
+TEST(RefPtr, ReleasesTheOldObjectWhenAssignedAnother) {
     int first_destroyed = 0;
     int second_destroyed = 0;
     CRefPtr_T<Counted> owner(new Counted(first_destroyed));
@@ -179,7 +258,7 @@ TEST(RefPtr, ReleasesTheOldObjectWhenItIsGivenAnother) {
     EXPECT_EQ(second_destroyed, 0);
 }
 
-TEST(RefPtr, SurvivesAnAssignmentOfItself) {
+TEST(RefPtr, SurvivesSelfAssignment) {
     int destroyed = 0;
     CRefPtr_T<Counted> owner(new Counted(destroyed));
     CRefPtr_T<Counted>& same = owner;
@@ -189,7 +268,7 @@ TEST(RefPtr, SurvivesAnAssignmentOfItself) {
     EXPECT_EQ(WordAt(owner.Get(), 8), 1);
 }
 
-TEST(RefPtr, GivesItsReferenceAwayWhenItDetaches) {
+TEST(RefPtr, DetachPassesItsReferenceToTheCaller) {
     int destroyed = 0;
     Counted* object = nullptr;
     {
@@ -201,7 +280,7 @@ TEST(RefPtr, GivesItsReferenceAwayWhenItDetaches) {
     EXPECT_EQ(object->Release(), 0);
 }
 
-TEST(RefPtr, HoldsNothingByDefaultAndTellsSo) {
+TEST(RefPtr, IsEmptyByDefaultAndComparesEqualToNull) {
     const CRefPtr_T<Counted> none;
     int destroyed = 0;
     const CRefPtr_T<Counted> some(new Counted(destroyed));

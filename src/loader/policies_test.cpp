@@ -61,11 +61,11 @@ TEST_F(BasePolicyAdapterTest, ANewPolicyHasACountOfZero) {
     EXPECT_EQ(fresh->Release(), 0);
 }
 
-TEST_F(BasePolicyAdapterTest, AnAbsentKeyGivesNull) {
+TEST_F(BasePolicyAdapterTest, AnUnknownKeyReturnsNull) {
     EXPECT_EQ(policy->GetPolicy("key"), nullptr);
 }
 
-TEST_F(BasePolicyAdapterTest, ANullKeyGivesNull) {
+TEST_F(BasePolicyAdapterTest, ANullKeyReturnsNull) {
     EXPECT_EQ(policy->GetPolicy(nullptr), nullptr);
 }
 
@@ -78,7 +78,7 @@ TEST_F(BasePolicyAdapterTest, AKeyIsFoundByItsExactTextOnly) {
     EXPECT_EQ(policy->GetPolicy(""), nullptr);
 }
 
-TEST_F(BasePolicyAdapterTest, AKeyStoredWithNullGivesNull) {
+TEST_F(BasePolicyAdapterTest, AKeyStoredWithNullReturnsNull) {
     EXPECT_EQ(policy->SetPolicy("key", nullptr), nullptr);
     EXPECT_EQ(policy->GetPolicy("key"), nullptr);
     const CRefPtr_T<RecordingPolicy> copy(new RecordingPolicy);
@@ -86,7 +86,7 @@ TEST_F(BasePolicyAdapterTest, AKeyStoredWithNullGivesNull) {
     EXPECT_EQ(copy->entries, std::vector<Entry>({{"key", nullptr}}));
 }
 
-TEST_F(BasePolicyAdapterTest, TwoLookUpsGiveTwoNewValuesOfEqualContent) {
+TEST_F(BasePolicyAdapterTest, TwoLookUpsReturnTwoNewValuesWithTheSameContent) {
     policy->SetPolicy("key", CZUModData::FromText("text"));
     IZUModData* fresh = policy->GetPolicy("key");
     EXPECT_EQ(fresh->AddRef(), 1U);
@@ -148,7 +148,7 @@ TEST_F(BasePolicyAdapterTest, DestructionReleasesEveryValue) {
 
 TEST_F(BasePolicyAdapterTest, CopyingSetsEveryEntryInTheByteOrderOfTheKeys) {
     std::vector<Entry> expected;
-    // Unsigned bytes: 0xc3 comes after every letter; a prefix comes before the longer key.
+    // Bytes are unsigned: 0xc3 sorts after every letter. A prefix sorts before the longer key.
     for (const char* key : {"", "B", "a", "a.b", "ab", "\xc3\xa4"}) {
         expected.emplace_back(key, nullptr);
     }
@@ -187,11 +187,11 @@ TEST_F(BasePolicyAdapterTest, CopyingFromItselfChangesNothing) {
     EXPECT_EQ(NumberOf("b"), 2);
 }
 
-TEST_F(BasePolicyAdapterTest, ItsOwnTableHasLookUpSetAndCopyInSlotsFourToSix) {
+TEST_F(BasePolicyAdapterTest, ItsTableHasLookUpSetAndCopyInSlotsFourToSix) {
     const void* raw = policy.Get();
     EXPECT_EQ((CallSlot<uint64_t>(raw, 2)), 2U);
     EXPECT_EQ((CallSlot<int64_t>(raw, 3)), 1);
-    // A reference taken by value travels as the address of the caller's.
+    // A CRefPtr_T that is passed by value is passed as the address of the caller's object.
     CRefPtr_T<IZUModData> number = Number(7);
     IZUModData* const stored = number.Get();
     EXPECT_EQ((CallSlot<IZUModData*, const char*, void*>(raw, 5, "key", &number)), stored);
@@ -203,20 +203,20 @@ TEST_F(BasePolicyAdapterTest, ItsOwnTableHasLookUpSetAndCopyInSlotsFourToSix) {
     EXPECT_EQ(NumberOf("copied"), 8);
 }
 
-TEST_F(BasePolicyAdapterTest, ItsPolicyFaceHasLookUpInSlotFour) {
+TEST_F(BasePolicyAdapterTest, ItsPolicyInterfaceHasLookUpInSlotFour) {
     policy->SetPolicy("key", Number(7));
-    IZUModCreatePolicy* face = policy.Get();
-    EXPECT_EQ((CallSlot<uint64_t>(face, 2)), 2U);
-    const CRefPtr_T<IZUModData> copy(CallSlot<IZUModData*>(face, 4, "key"));
+    IZUModCreatePolicy* policy_pointer = policy.Get();
+    EXPECT_EQ((CallSlot<uint64_t>(policy_pointer, 2)), 2U);
+    const CRefPtr_T<IZUModData> copy(CallSlot<IZUModData*>(policy_pointer, 4, "key"));
     EXPECT_EQ(copy->GetInt64(), 7);
-    EXPECT_EQ((CallSlot<IZUModData*>(face, 4, "other")), nullptr);
-    EXPECT_EQ((CallSlot<int64_t>(face, 3)), 1);
+    EXPECT_EQ((CallSlot<IZUModData*>(policy_pointer, 4, "other")), nullptr);
+    EXPECT_EQ((CallSlot<int64_t>(policy_pointer, 3)), 1);
 }
 
-TEST_F(BasePolicyAdapterTest, TheLastReleaseThroughThePolicyFaceDestroysTheWhole) {
+TEST_F(BasePolicyAdapterTest, TheLastReleaseThroughThePolicyInterfaceDestroysTheObject) {
     policy->SetPolicy("key", Number(1));
-    IZUModCreatePolicy* face = policy.Detach();
-    EXPECT_EQ((CallSlot<int64_t>(face, 3)), 0);
+    IZUModCreatePolicy* policy_pointer = policy.Detach();
+    EXPECT_EQ((CallSlot<int64_t>(policy_pointer, 3)), 0);
     EXPECT_TRUE(ledger.Balanced());
 }
 
@@ -250,6 +250,35 @@ TEST(CreatePolicyAdapter, ItStoresNothingElse) {
     const CRefPtr_T<KeyCollector> collector(new KeyCollector);
     collector->CopyPolicies(*policy);
     EXPECT_EQ(collector->keys, (std::vector<std::string>{"zu.module.interface.name", "zu.module.version"}));
+}
+
+TEST(PolicyReaders, ReturnTheValueOfAKeyAndReleaseItsCopy) {
+    ReferenceLedger ledger;
+    testing::CountedPolicy policy(ledger);
+    policy.SetText("text", "abc");
+    policy.SetInt64("integer", -1);
+    policy.Set("pointer", 6, CountedData::Int64Bytes(0x1234));
+    policy.Set("bool", 1, {1});
+    EXPECT_EQ(PolicyText(policy, "text"), "abc");
+    EXPECT_EQ(PolicyInteger(policy, "integer"), ~uint64_t{0});
+    EXPECT_EQ(PolicyPointer(policy, "pointer"), 0x1234U);
+    EXPECT_TRUE(PolicyBool(policy, "bool"));
+    EXPECT_EQ(ledger.Held(), 0);
+    EXPECT_EQ(ledger.Alive(), 1) << "only the policy";
+}
+
+TEST(PolicyReaders, ReturnNothingForAnUnknownKeyOrAnotherKind) {
+    ReferenceLedger ledger;
+    testing::CountedPolicy policy(ledger);
+    policy.SetText("text", "abcdefgh");
+    policy.SetInt64("integer", 5);
+    for (const char* key : {"unknown", "integer"}) {
+        EXPECT_EQ(PolicyText(policy, key), "");
+        EXPECT_EQ(PolicyPointer(policy, key), 0U);
+        EXPECT_FALSE(PolicyBool(policy, key));
+    }
+    EXPECT_EQ(PolicyInteger(policy, "unknown"), 0U);
+    EXPECT_EQ(PolicyInteger(policy, "text"), 0U);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -96,13 +97,13 @@ TEST(ModData, AFloatIsReadFromItsFourBytes) {
     EXPECT_EQ(Value(3, {0, 0, 0xc0, 0x3f})->GetFloat(), 1.5F);
 }
 
-TEST(ModData, ABlockGivesItsBytes) {
+TEST(ModData, ABlockReturnsItsBytes) {
     const auto value = Value(5, {7, 0, 9});
     EXPECT_EQ(std::memcmp(value->GetBlock(), "\x07\x00\x09", 3), 0);
     EXPECT_EQ(value->GetBlock(), value->GetData());
 }
 
-TEST(ModData, GettersOfAnotherKindGiveNothing) {
+TEST(ModData, GettersOfAnotherKindReturnNothing) {
     const Bytes ones(8, 1);
     for (uint32_t tag = 0; tag <= 8; ++tag) {
         SCOPED_TRACE(tag);
@@ -119,7 +120,7 @@ TEST(ModData, GettersOfAnotherKindGiveNothing) {
     }
 }
 
-TEST(ModData, GettersOfTooFewBytesGiveNothing) {
+TEST(ModData, GettersOfTooFewBytesReturnNothing) {
     EXPECT_FALSE(Value(1, {})->GetBool());
     EXPECT_EQ(Value(2, Bytes(7, 1))->GetInt64(), 0);
     EXPECT_EQ(Value(3, Bytes(3, 1))->GetFloat(), 0.0F);
@@ -136,7 +137,7 @@ TEST(ModData, GettersOfMoreBytesReadTheFirst) {
     EXPECT_EQ(Value(6, {1, 0, 0, 0, 0, 0, 0, 0, 9})->GetPointer(), 1U);
 }
 
-TEST(ModData, AnObjectIsHeldWithOneReferenceUntilTheEnd) {
+TEST(ModData, AnObjectIsReferencedOnceUntilTheValueIsDestroyed) {
     ReferenceLedger ledger;
     auto* object = new CountedObject(ledger);
     {
@@ -186,7 +187,7 @@ TEST(ModData, ACloneOfABlockOfThreeBytesHasThreeBytes) {
     EXPECT_EQ(std::memcmp(copy->GetBlock(), "\x07\x08\x09", 3), 0);
 }
 
-TEST(ModData, ACloneHasBytesOfItsOwn) {
+TEST(ModData, ACloneDoesNotShareTheBytes) {
     const auto value = CZUModData::FromText("abc");
     const CRefPtr_T<IZUModData> copy(value->Clone());
     *const_cast<char*>(copy->GetString()) = 'X';
@@ -218,7 +219,7 @@ TEST(ModData, ACloneOfAnObjectCarriesEightZeroBytes) {
     EXPECT_EQ(BytesOf(CRefPtr_T<IZUModData>(copy->Clone())), Bytes(8, 0));
 }
 
-TEST(ModData, ACloneOfAnObjectThatMemoryDoesNotSufficeForGivesItsReferenceBack) {
+TEST(ModData, ACloneOfAnObjectReleasesItIfMemoryIsShort) {
     ReferenceLedger ledger;
     {
         const CRefPtr_T<IZUModData> value(new CZUModData(new CountedObject(ledger)));
@@ -228,6 +229,36 @@ TEST(ModData, ACloneOfAnObjectThatMemoryDoesNotSufficeForGivesItsReferenceBack) 
     }
     EXPECT_TRUE(ledger.Balanced());
     EXPECT_EQ(ledger.died, 1);
+}
+
+TEST(ValueReaders, ReturnTheContentOfTheirKind) {
+    EXPECT_EQ(TextOf(CZUModData::FromText("abc").Get()), "abc");
+    EXPECT_EQ(TextOf(CZUModData::FromText("").Get()), "");
+    EXPECT_EQ(IntegerOf(CZUModData::FromInt64(-5).Get()), -5);
+    EXPECT_EQ(PointerOf(CZUModData::FromPointer(~uint64_t{0}).Get()), ~uint64_t{0});
+    EXPECT_TRUE(BoolOf(CZUModData::FromBool(true).Get()));
+    EXPECT_FALSE(BoolOf(CZUModData::FromBool(false).Get()));
+}
+
+TEST(ValueReaders, ReturnNothingForNullAndATextWithoutBytes) {
+    EXPECT_EQ(TextOf(nullptr), std::nullopt);
+    EXPECT_EQ(TextOf(Value(4, {}).Get()), std::nullopt);
+    EXPECT_EQ(IntegerOf(nullptr), 0);
+    EXPECT_EQ(PointerOf(nullptr), 0U);
+    EXPECT_FALSE(BoolOf(nullptr));
+}
+
+TEST(ValueReaders, ReturnNothingForAValueOfAnotherKindWhoseGettersDoNotCheck) {
+    ReferenceLedger ledger;
+    for (const uint32_t tag : {1U, 2U, 3U, 4U, 5U, 6U, 7U, 99U}) {
+        SCOPED_TRACE(tag);
+        const CRefPtr_T<IZUModData> value(
+            new testing::CountedData(ledger, tag, {'1', '2', '3', 0, 5, 6, 7, 8}));
+        EXPECT_EQ(TextOf(value.Get()).has_value(), tag == 4);
+        EXPECT_EQ(IntegerOf(value.Get()) != 0, tag == 2);
+        EXPECT_EQ(PointerOf(value.Get()) != 0, tag == 6);
+        EXPECT_EQ(BoolOf(value.Get()), tag == 1);
+    }
 }
 
 TEST(ModData, TheTableHasItsOperationsInTheBindingOrder) {
