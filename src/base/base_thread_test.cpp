@@ -23,8 +23,7 @@ using testing::CallWatch;
 using testing::WaitUntil;
 using Calls = std::vector<std::string>;
 
-// The fields as they stand behind the table pointer, each read by itself and atomically: the thread may be
-// writing the one beside it.
+// The fields that follow the table pointer. Each is read atomically: the thread may be writing its neighbour.
 struct Fields {
     uint64_t handle;
     uint8_t started;
@@ -49,7 +48,7 @@ Fields FieldsOf(const CBaseThread& thread) {
             ReadAt<int32_t>(thread, 24)};
 }
 
-// A thread whose work is a callable, as the module's own threads have it, and that counts its passes.
+// A thread that counts its passes and whose work is a callable, as in the module's threads.
 class WorkThread : public CBaseThread {
 public:
     explicit WorkThread(std::function<bool()> work) : m_work(std::move(work)) {}
@@ -70,7 +69,7 @@ private:
     std::atomic<bool> m_exited{false};
 };
 
-// A gate that work waits at until the test opens it.
+// A gate at which the work waits until the test opens it.
 class Gate {
 public:
     void Open() { m_open = true; }
@@ -83,7 +82,7 @@ private:
     std::atomic<bool> m_open{false};
 };
 
-TEST(BaseThread, IsMadeWithAllItsFieldsZeroAndNoName) {
+TEST(BaseThread, StartsWithAllFieldsZeroAndNoName) {
     alignas(WorkThread) unsigned char storage[sizeof(WorkThread)];
     std::memset(storage, 0xFF, sizeof storage);
     auto* thread = new (storage) WorkThread([] { return false; });
@@ -93,7 +92,7 @@ TEST(BaseThread, IsMadeWithAllItsFieldsZeroAndNoName) {
     thread->~WorkThread();
 }
 
-TEST(BaseThread, RunsItsWorkAgainUntilAStopIsRequested) {
+TEST(BaseThread, RunsItsWorkRepeatedlyUntilAStopIsRequested) {
     WorkThread thread([] { return true; });
     EXPECT_TRUE(thread.Start());
     EXPECT_TRUE(thread.IsRunning());
@@ -127,7 +126,7 @@ TEST(BaseThread, AStopOfANeverStartedObjectReturnsTrueAndDoesNothing) {
     EXPECT_EQ(thread.Passes(), 0);
 }
 
-TEST(BaseThread, AfterAStopTheSameObjectStartsAFreshThread) {
+TEST(BaseThread, AfterAStopTheSameObjectStartsANewThread) {
     const CallWatch watch;
     WorkThread thread([] { return true; });
     EXPECT_TRUE(thread.Start());
@@ -193,7 +192,7 @@ TEST(BaseThread, AStartResetsTheStopRequestAndTheFinishedFlag) {
     EXPECT_EQ(FieldsOf(other).finished, 1);
 }
 
-TEST(BaseThread, KeepsTheKernelIdsOfItsStarterAndItsOwn) {
+TEST(BaseThread, StoresTheKernelIdsOfItsStarterAndOfItself) {
     std::atomic<pid_t> seen{0};
     WorkThread thread([&] {
         seen = gettid();
@@ -201,7 +200,7 @@ TEST(BaseThread, KeepsTheKernelIdsOfItsStarterAndItsOwn) {
     });
     thread.Start();
     thread.Stop();
-    // A stop before the first pass leaves no id seen by the work, but the thread's own is written.
+    // After a stop before the first pass the work has recorded no id, but the thread has written its own.
     EXPECT_EQ(FieldsOf(thread).starter_id, gettid());
     EXPECT_NE(FieldsOf(thread).own_id, 0);
     EXPECT_NE(FieldsOf(thread).own_id, gettid());
@@ -210,7 +209,7 @@ TEST(BaseThread, KeepsTheKernelIdsOfItsStarterAndItsOwn) {
     }
 }
 
-TEST(BaseThread, AStopRequestThatComesBeforeTheFirstPassLeavesNoPassToRun) {
+TEST(BaseThread, AStopRequestBeforeTheFirstPassPreventsIt) {
     class HeldAtStart : public CBaseThread {
     public:
         std::atomic<int> passes{0};
@@ -275,7 +274,7 @@ TEST(BaseThread, AFailedCreationLeavesTheObjectNotStarted) {
     EXPECT_TRUE(WaitUntil([&] { return thread.Passes() > 0; }));
 }
 
-TEST(BaseThread, WaitStopJoinsInFullWhateverTimeItIsGiven) {
+TEST(BaseThread, WaitStopIgnoresItsTimeAndJoins) {
     Gate entered;
     Gate gate;
     WorkThread thread([&] {
@@ -312,7 +311,7 @@ TEST(BaseThread, JoinWaitsForTheEndOfTheLoopWithoutRequestingAStop) {
     EXPECT_EQ(FieldsOf(thread).stop_request, 0);
 }
 
-TEST(BaseThread, AThreadIsJoinedOnceHoweverOftenItIsWaitedFor) {
+TEST(BaseThread, AThreadIsJoinedOnceEvenIfItIsWaitedForRepeatedly) {
     const CallWatch watch;
     WorkThread thread([] { return false; });
     thread.Start();
@@ -323,7 +322,7 @@ TEST(BaseThread, AThreadIsJoinedOnceHoweverOftenItIsWaitedFor) {
     EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
 }
 
-TEST(BaseThread, StopHandsMinusOneToWaitStopAndStopExItsTime) {
+TEST(BaseThread, StopPassesMinusOneToWaitStopAndStopExItsTime) {
     class Recording : public CBaseThread {
     public:
         Calls calls;
@@ -395,7 +394,7 @@ TEST(BaseThread, SleepsOnlyWhileStarted) {
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(30));
 }
 
-TEST(BaseThread, AStopRequestDoesNotCutASleepShort) {
+TEST(BaseThread, AStopRequestDoesNotEndASleep) {
     using Clock = std::chrono::steady_clock;
     std::atomic<bool> sleeping{false};
     std::atomic<Clock::duration> slept{Clock::duration::zero()};
@@ -422,7 +421,7 @@ TEST(BaseThread, AStopRequestDoesNotCutASleepShort) {
     EXPECT_GE(slept.load(), std::chrono::milliseconds(150));
 }
 
-TEST(BaseThread, CopiesItsNameAndIgnoresANullOne) {
+TEST(BaseThread, CopiesItsNameAndIgnoresNull) {
     WorkThread thread([] { return false; });
     char name[] = "v4l2-cap";
     thread.SetName(name);
@@ -456,15 +455,14 @@ TEST(BaseThread, ItsDestructorNeitherStopsNorJoins) {
     thread->Start();
     EXPECT_TRUE(WaitUntil([&] { return !thread->IsRunning(); }));
     const pthread_t handle = FieldsOf(*thread).handle;
-    // The thread may still be in its empty exit hook: joined here, by the system's call, before the object
-    // goes.
+    // The thread may still be in its empty exit hook: join it directly, before the object is destroyed.
     EXPECT_EQ(pthread_join(handle, nullptr), 0);
     EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
     delete thread;
     EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
 }
 
-TEST(BaseThread, AnswersThroughItsRawSlots) {
+TEST(BaseThread, ImplementsEverySlotOfItsTable) {
     static std::atomic<int> destroyed;
     static std::atomic<int> exits;
     destroyed = 0;
@@ -523,7 +521,7 @@ TEST(BaseThread, AnswersThroughItsRawSlots) {
     EXPECT_EQ(destroyed, 2);
 }
 
-TEST(BaseThread, StartsAndStopsManyTimesWhileOthersWatch) {
+TEST(BaseThread, StartsAndStopsManyTimesWhileOtherThreadsReadItsState) {
     WorkThread thread([] { return true; });
     std::atomic<bool> done{false};
     std::thread watcher([&] {

@@ -33,7 +33,7 @@ TEST(CreateBuffer, CopiesTheBytesAndSetsTheSize) {
     EXPECT_EQ(buffer->Release(), 1);
 }
 
-TEST(CreateBuffer, UsesTheDefaultAllocatorWhenNoneIsNamed) {
+TEST(CreateBuffer, UsesTheDefaultAllocatorIfNoneIsPassed) {
     const CRefPtr_T<IBuffer> buffer = CreateBuffer("0123456789", 10);
     EXPECT_EQ(TextOf(buffer), "0123456789");
     EXPECT_EQ(buffer->GetAllocator(), g_pDefaultAlloctor);
@@ -47,7 +47,7 @@ TEST(CreateBuffer, OfNoBytesIsAValidBufferWithoutABlock) {
     EXPECT_EQ(buffer->GetCapacity(), 0U);
 }
 
-TEST(CreateBuffer, IsEmptyWhenTheAllocatorHasNothing) {
+TEST(CreateBuffer, IsEmptyWhenTheAllocatorFails) {
     CallWatch watch;
     watch.Fail(CallWatch::malloc, 3333, 2);
     const std::string bytes(3333, 'x');
@@ -55,8 +55,8 @@ TEST(CreateBuffer, IsEmptyWhenTheAllocatorHasNothing) {
     EXPECT_EQ(watch.Count(CallWatch::malloc, 3333), 2);
 }
 
-// Hands out blocks of 64 bytes as buffers of 16, as an allocator with a maximum does for a larger request;
-// the block is larger than it says, so that the copy stays in bounds.
+// Returns buffers with a capacity of 16 bytes, as an allocator with a maximum does for a larger request. The
+// block has 64 bytes, so that the copy stays within bounds.
 class ShortAlloctor final : public CCounted_T<IMemAlloctor> {
 public:
     CRefPtr_T<IBuffer> Alloc(uint64_t size) override {
@@ -74,7 +74,7 @@ public:
     uint64_t asked = 0;
 };
 
-TEST(CreateBuffer, CopiesTheFullLengthEvenWhereTheAllocatorGaveLess) {
+TEST(CreateBuffer, CopiesTheFullLengthEvenIfTheCapacityIsSmaller) {
     const CRefPtr_T<ShortAlloctor> alloctor(new ShortAlloctor);
     const std::string bytes = "0123456789abcdef0123456789ABCDEF";
     const CRefPtr_T<IBuffer> buffer = CreateBuffer(alloctor.Get(), bytes.data(), bytes.size());

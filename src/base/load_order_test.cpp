@@ -1,4 +1,4 @@
-// What stands ready once the program is loaded, before anything of the module has been called.
+// The state of the module's namespace-scope objects before any function of the module is called.
 #include <gtest/gtest.h>
 
 #include <cstring>

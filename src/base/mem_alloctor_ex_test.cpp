@@ -17,7 +17,7 @@ using testing::CallSlot;
 using testing::CallWatch;
 using Alloctor = CMemAlloctorEx<CMemBuffer>;
 
-// One reference on the allocator besides the test's own for each buffer.
+// Each buffer holds one reference to the allocator, besides the test's.
 int64_t ReferencesOf(const CRefPtr_T<Alloctor>& alloctor) {
     alloctor->AddRef();
     return alloctor->Release();
@@ -29,7 +29,7 @@ uint64_t WordAt(const void* object, size_t offset) {
     return word;
 }
 
-TEST(MemAlloctorEx, AllocOfZeroGivesAValidBufferWithoutABlock) {
+TEST(MemAlloctorEx, AllocOfZeroReturnsAValidBufferWithoutABlock) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(0);
     ASSERT_NE(buffer, nullptr);
@@ -51,7 +51,7 @@ TEST(MemAlloctorEx, ABufferIsOneHeapBlockOfExactlyTheSizeAndOneReference) {
     EXPECT_EQ(ReferencesOf(alloctor), 2);
 }
 
-TEST(MemAlloctorEx, AllocBufferDoesWhatAllocDoes) {
+TEST(MemAlloctorEx, AllocBufferIsTheSameAsAlloc) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor(50));
     const CRefPtr_T<IBuffer> buffer = alloctor->AllocBuffer(60);
     EXPECT_EQ(buffer->GetCapacity(), 50U);
@@ -69,7 +69,7 @@ TEST(MemAlloctorEx, ARequestAboveTheMaximumGetsTheMaximum) {
     EXPECT_EQ(watch.Count(CallWatch::malloc, 64), 1);
 }
 
-TEST(MemAlloctorEx, AMaximumOfZeroGivesBuffersWithoutABlock) {
+TEST(MemAlloctorEx, AMaximumOfZeroReturnsBuffersWithoutABlock) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor(0));
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(10);
     ASSERT_NE(buffer, nullptr);
@@ -77,7 +77,7 @@ TEST(MemAlloctorEx, AMaximumOfZeroGivesBuffersWithoutABlock) {
     EXPECT_EQ(buffer->GetCapacity(), 0U);
 }
 
-TEST(MemAlloctorEx, TriesExactlyOnceMoreWhenTheHeapHasNothing) {
+TEST(MemAlloctorEx, RetriesExactlyOnceWhenTheHeapFails) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     CallWatch watch;
     watch.Fail(CallWatch::malloc, 7777, 1);
@@ -87,7 +87,7 @@ TEST(MemAlloctorEx, TriesExactlyOnceMoreWhenTheHeapHasNothing) {
     EXPECT_EQ(watch.Count(CallWatch::malloc, 7777), 2);
 }
 
-TEST(MemAlloctorEx, GivesAnEmptyPointerAfterTheSecondFailure) {
+TEST(MemAlloctorEx, ReturnsAnEmptyPointerAfterTheSecondFailure) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     CallWatch watch;
     watch.Fail(CallWatch::malloc, 7777, 3);
@@ -97,7 +97,7 @@ TEST(MemAlloctorEx, GivesAnEmptyPointerAfterTheSecondFailure) {
     EXPECT_EQ(alloctor->GetAccountedBytes(), 0U);
 }
 
-TEST(MemAlloctorEx, AFailureToMakeTheObjectGoesOnToTheCallerAndKeepsTheBlock) {
+TEST(MemAlloctorEx, AFailureToConstructTheBufferPropagatesAndLeaksTheBlock) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     CallWatch watch;
     watch.Fail(CallWatch::malloc, sizeof(CMemBuffer), 1);
@@ -114,7 +114,7 @@ TEST(MemAlloctorEx, FreeOfNullIsRefused) {
     EXPECT_FALSE(alloctor->Free(nullptr));
 }
 
-TEST(MemAlloctorEx, FreeGivesTheBlockBackAndDoesNotClearTheBuffersPointer) {
+TEST(MemAlloctorEx, FreeReleasesTheBlockAndDoesNotClearTheBuffersPointer) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(99);
     void* block = buffer->GetData();
@@ -133,7 +133,7 @@ TEST(MemAlloctorEx, FreeOfABufferWithoutABlockSucceeds) {
     EXPECT_TRUE(alloctor->Free(buffer.Get()));
 }
 
-// A buffer whose block is not what users see: the allocator must ask for the former.
+// A buffer whose allocator block differs from the block that users see.
 class ShiftedBuffer : public IBuffer {
 public:
     uint64_t AddRef() override { return 1; }
@@ -155,7 +155,7 @@ public:
     uint64_t block_size = 100;
 };
 
-TEST(MemAlloctorEx, WorksWithTheBlockAsTheAllocatorSeesIt) {
+TEST(MemAlloctorEx, UsesOnlyGetAllocDataAndGetAllocSize) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     ShiftedBuffer buffer;
     void* block = alloctor->ReAlloc(&buffer, 200);
@@ -166,13 +166,13 @@ TEST(MemAlloctorEx, WorksWithTheBlockAsTheAllocatorSeesIt) {
     EXPECT_EQ(watch.FreesOf(block), 1);
 }
 
-TEST(MemAlloctorEx, ReAllocOfNullGivesNull) {
+TEST(MemAlloctorEx, ReAllocOfNullReturnsNull) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     EXPECT_EQ(alloctor->ReAlloc(nullptr, 10), nullptr);
     EXPECT_EQ(alloctor->GetAccountedBytes(), 0U);
 }
 
-TEST(MemAlloctorEx, ReAllocAccountsForTheChangeAlone) {
+TEST(MemAlloctorEx, ReAllocAccountsForTheChangeOnly) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(100);
     EXPECT_EQ(alloctor->GetAccountedBytes(), 0U);
@@ -190,7 +190,7 @@ TEST(MemAlloctorEx, TheAccountedBytesWrapWhenABufferShrinks) {
     EXPECT_EQ(alloctor->GetAccountedBytes(), ~uint64_t{0});
 }
 
-TEST(MemAlloctorEx, AFailedReAllocLeavesTheBufferAndTheAccountedBytes) {
+TEST(MemAlloctorEx, AFailedReAllocChangesNeitherTheBufferNorTheAccountedBytes) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(100);
     std::memcpy(buffer->GetData(), "kept", 5);
@@ -218,7 +218,7 @@ TEST(MemAlloctorEx, ReAllocToZeroFreesTheBlockAttachesNullAndReturnsNull) {
     EXPECT_EQ(alloctor->GetAccountedBytes(), uint64_t{0} - 100U);
 }
 
-TEST(MemAlloctorEx, ReAllocGivesABlockToABufferThatHadNone) {
+TEST(MemAlloctorEx, ReAllocAllocatesABlockForABufferWithoutOne) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(0);
     EXPECT_NE(alloctor->ReAlloc(buffer.Get(), 30), nullptr);
@@ -233,7 +233,7 @@ TEST(MemAlloctorEx, ReAllocIsNotLimitedByTheMaximum) {
     EXPECT_EQ(buffer->GetCapacity(), 1000U);
 }
 
-TEST(MemAlloctorEx, LivesUntilItsLastBufferDies) {
+TEST(MemAlloctorEx, LivesUntilItsLastBufferIsDestroyed) {
     CRefPtr_T<Alloctor> owner(new Alloctor);
     Alloctor* alloctor = owner.Get();
     CRefPtr_T<IBuffer> first = alloctor->Alloc(1);
@@ -244,7 +244,7 @@ TEST(MemAlloctorEx, LivesUntilItsLastBufferDies) {
     EXPECT_NE(second->Resize(100), nullptr);
     EXPECT_EQ(alloctor->AddRef(), 2U);
     EXPECT_EQ(alloctor->Release(), 1);
-    second = nullptr;  // and with it the allocator: the address sanitizer watches
+    second = nullptr;  // destroys the allocator as well, under the address sanitizer
 }
 
 TEST(MemAlloctorEx, KeepsItsFieldsInTheirOrderWithTheirValues) {
@@ -261,7 +261,7 @@ TEST(MemAlloctorEx, KeepsItsFieldsInTheirOrderWithTheirValues) {
     EXPECT_EQ(WordAt(object, 64), 1000U);
 }
 
-TEST(MemAlloctorEx, AnswersThroughItsRawSlots) {
+TEST(MemAlloctorEx, ImplementsEverySlotOfItsTable) {
     const CRefPtr_T<Alloctor> owner(new Alloctor(1000));
     IMemAlloctor* alloctor = owner.Get();
     EXPECT_EQ((CallSlot<uint64_t>(alloctor, 2)), 2U);                         // AddRef

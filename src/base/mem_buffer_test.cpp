@@ -20,7 +20,7 @@ using testing::CallSlot;
 using testing::CallWatch;
 using Calls = std::vector<std::string>;
 
-// Writes down what a buffer asks of its allocator.
+// Records the calls of a buffer to its allocator.
 class RecordingAlloctor : public IMemAlloctor {
 public:
     uint64_t AddRef() override {
@@ -57,7 +57,7 @@ Word ReadAt(const void* object, size_t offset) {
     return word;
 }
 
-TEST(MemBuffer, StartsEmptyWithTheCapacityAskedFor) {
+TEST(MemBuffer, StartsEmptyWithTheRequestedCapacity) {
     const CRefPtr_T<IBuffer> buffer = g_pDefaultAlloctor->Alloc(100);
     EXPECT_NE(buffer->GetData(), nullptr);
     EXPECT_EQ(buffer->GetSize(), 0U);
@@ -67,7 +67,7 @@ TEST(MemBuffer, StartsEmptyWithTheCapacityAskedFor) {
     EXPECT_EQ(buffer->GetUserData(), 0U);
 }
 
-TEST(MemBuffer, SetSizeStopsAtTheCapacityAndReturnsWhatItSet) {
+TEST(MemBuffer, SetSizeIsLimitedToTheCapacityAndReturnsTheSizeSet) {
     const CRefPtr_T<IBuffer> buffer = g_pDefaultAlloctor->Alloc(100);
     EXPECT_EQ(buffer->SetSize(99), 99U);
     EXPECT_EQ(buffer->GetSize(), 99U);
@@ -120,7 +120,7 @@ TEST(MemBuffer, ResizeIsTheAllocatorsReAllocOfThisBuffer) {
     EXPECT_EQ(alloctor.reallocated, static_cast<IBuffer*>(&buffer));
 }
 
-TEST(MemBuffer, AttachTakesOverABlockAndGivesTheOldOneBackUnfreed) {
+TEST(MemBuffer, AttachStoresABlockAndReturnsTheOldOneUnfreed) {
     const CRefPtr_T<IBuffer> buffer = g_pDefaultAlloctor->Alloc(100);
     buffer->SetSize(60);
     void* before = buffer->GetData();
@@ -138,7 +138,7 @@ TEST(MemBuffer, AttachTakesOverABlockAndGivesTheOldOneBackUnfreed) {
     std::free(before);
 }
 
-TEST(MemBuffer, SetUserDataReturnsTheWordBefore) {
+TEST(MemBuffer, SetUserDataReturnsThePreviousWord) {
     const CRefPtr_T<IBuffer> buffer = g_pDefaultAlloctor->Alloc(1);
     EXPECT_EQ(buffer->SetUserData(0x1122334455667788), 0U);
     EXPECT_EQ(buffer->SetUserData(~uint64_t{0}), 0x1122334455667788U);
@@ -150,11 +150,11 @@ TEST(MemBuffer, GetAllocatorAddsAReferenceForTheCaller) {
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(1);
     const CRefPtr_T<IMemAlloctor> seen = buffer->GetAllocator();
     EXPECT_EQ(seen, alloctor);
-    EXPECT_EQ(alloctor->AddRef(), 4U);  // this test's two, the buffer's, and this one
+    EXPECT_EQ(alloctor->AddRef(), 4U);  // two of this test, the buffer's, and this one
     EXPECT_EQ(alloctor->Release(), 3);
 }
 
-TEST(MemBuffer, WithoutAnAllocatorHasNoneToGiveAndCannotResize) {
+TEST(MemBuffer, WithoutAnAllocatorReturnsNoneAndCannotResize) {
     char block[4];
     CMemBuffer buffer(nullptr, block, 4);
     EXPECT_EQ(buffer.GetAllocator(), nullptr);
@@ -162,7 +162,7 @@ TEST(MemBuffer, WithoutAnAllocatorHasNoneToGiveAndCannotResize) {
     EXPECT_EQ(buffer.GetCapacity(), 4U);
 }
 
-TEST(MemBuffer, TakesAReferenceOnTheAllocatorAndAtItsEndFreesBeforeItReleasesThat) {
+TEST(MemBuffer, HoldsAReferenceToTheAllocatorAndReleasesItAfterFreeingTheBlock) {
     RecordingAlloctor alloctor;
     auto* buffer = new CMemBuffer(&alloctor, nullptr, 0);
     EXPECT_EQ(alloctor.calls, (Calls{"AddRef"}));
@@ -172,7 +172,7 @@ TEST(MemBuffer, TakesAReferenceOnTheAllocatorAndAtItsEndFreesBeforeItReleasesTha
     EXPECT_EQ(alloctor.freed, static_cast<IBuffer*>(buffer));
 }
 
-TEST(MemBuffer, TheLastReleaseFreesBlockAndObjectAndDropsOneReferenceOnTheAllocator) {
+TEST(MemBuffer, TheLastReleaseFreesBlockAndObjectAndDropsOneReferenceToTheAllocator) {
     const CRefPtr_T<IMemAlloctor> alloctor(new CMemAlloctorEx<CMemBuffer>);
     IBuffer* buffer = alloctor->Alloc(321).Detach();
     EXPECT_EQ(buffer->AddRef(), 2U);
@@ -186,9 +186,9 @@ TEST(MemBuffer, TheLastReleaseFreesBlockAndObjectAndDropsOneReferenceOnTheAlloca
     EXPECT_EQ(alloctor->Release(), 1);
 }
 
-TEST(MemBuffer, HasOneCounterPairForBothOfItsFaces) {
+TEST(MemBuffer, HasOneCounterPairForBothInterfacePointers) {
     auto* buffer = new CMemBuffer(nullptr, nullptr, 0);
-    // The counting base stands behind the interface base: 16 bytes in.
+    // The counting base follows the interface base, at offset 16.
     auto* counting = reinterpret_cast<char*>(buffer) + 16;
     EXPECT_EQ((CallSlot<uint64_t>(buffer, 2)), 1U);
     EXPECT_EQ((CallSlot<uint64_t>(counting, 2)), 2U);
@@ -212,7 +212,7 @@ TEST(MemBuffer, KeepsItsFieldsInTheirOrder) {
     delete buffer;
 }
 
-TEST(MemBuffer, AnswersThroughItsRawSlots) {
+TEST(MemBuffer, ImplementsEverySlotOfItsTable) {
     const CRefPtr_T<IMemAlloctor> alloctor(new CMemAlloctorEx<CMemBuffer>);
     const CRefPtr_T<IBuffer> owner = alloctor->Alloc(40);
     IBuffer* buffer = owner.Get();
@@ -227,7 +227,7 @@ TEST(MemBuffer, AnswersThroughItsRawSlots) {
     EXPECT_EQ((CallSlot<uint64_t>(buffer, 8)), 40U);                       // GetAllocSize
     EXPECT_EQ((CallSlot<void*>(buffer, 9)), block);                        // GetAllocData
     EXPECT_EQ((CallSlot<CRefPtr_T<IMemAlloctor>>(buffer, 10)), alloctor);  // GetAllocator
-    EXPECT_EQ(alloctor->AddRef(), 3U) << "the returned reference was given back";
+    EXPECT_EQ(alloctor->AddRef(), 3U) << "the returned reference was released";
     EXPECT_EQ(alloctor->Release(), 2);
     block = CallSlot<void*>(buffer, 11, uint64_t{60});  // Resize
     EXPECT_EQ(owner->GetData(), block);
@@ -240,7 +240,7 @@ TEST(MemBuffer, AnswersThroughItsRawSlots) {
     EXPECT_EQ((CallSlot<uint64_t>(buffer, 14)), 9U);  // GetUserData
 }
 
-TEST(MemBuffer, MayBeReferencedAndDroppedOnAnyThread) {
+TEST(MemBuffer, MayBeReferencedAndReleasedOnAnyThread) {
     const CRefPtr_T<IMemAlloctor> alloctor(new CMemAlloctorEx<CMemBuffer>);
     std::vector<std::thread> threads;
     {

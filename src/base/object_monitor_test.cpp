@@ -85,7 +85,7 @@ TEST(ObjectMonitor, HoldsNoDataAndCountsPerClass) {
     EXPECT_EQ(other.GetDeleteCount(), 0);
 }
 
-TEST(ObjectMonitor, AnswersThroughItsRawSlotsWithTheDestructorBehindTheCounters) {
+TEST(ObjectMonitor, HasTheDestructorPairAfterTheCountersInItsTable) {
     static int destroyed = 0;
     struct Raw : ICObjectMonitor {
         int64_t GetNewCount() override { return -5; }
@@ -246,8 +246,7 @@ TEST_F(ObjectReports, AnEntryWithoutANameOrAMonitorIsSkippedAndKeepsItsId) {
     Register(&named, "Named");
     EXPECT_EQ(Table(), kHeader + "  2         0|       1|       1| Named\r\n");
     EXPECT_EQ(Counts(), "Named_count: 1\r\nNamed_alive: 0\r\n");
-    EXPECT_EQ(nameless.calls, "new delete new delete ")
-        << "the counters are read before the name is looked at";
+    EXPECT_EQ(nameless.calls, "new delete new delete ") << "the counters are read before the name is tested";
 }
 
 TEST_F(ObjectReports, TheNewCountIsReadBeforeTheDeleteCount) {

@@ -13,7 +13,7 @@
 namespace zumod {
 namespace {
 
-// Where chance decides, the tries are so many that a wrong failure is less likely than 1 in 10^9.
+// Tests with random results repeat so often that a false failure is less likely than 1 in 10^9.
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';
@@ -27,7 +27,7 @@ bool IsUpper(char c) {
     return c >= 'A' && c <= 'Z';
 }
 
-// Whether rand() began with `first` after a seed that is one of these seconds.
+// Whether `first` is the first result of rand() after a seed that is one of these seconds.
 bool IsSeededByTime(int first, std::time_t from, std::time_t to) {
     for (std::time_t second = from; second <= to; ++second) {
         std::srand(static_cast<unsigned>(second));
@@ -45,7 +45,7 @@ TEST(SeedRandom, ReseedsTheGeneratorOfTheProcess) {
         SeedRandom();
         firsts.insert(std::rand());
     }
-    // The time alone would give one or two of them.
+    // With the time only there would be one or two of them.
     EXPECT_GE(firsts.size(), 3U);
 }
 
@@ -58,7 +58,7 @@ TEST(SeedRandom, LeavesNoDescriptorOpen) {
     EXPECT_EQ(after, before);
 }
 
-TEST(SeedRandom, GoesByTheTimeAloneAndKeepsTheDeviceOpenWhenItIsGivenDescriptor0) {
+TEST(SeedRandom, UsesOnlyTheTimeAndKeepsTheDeviceOpenIfItIsDescriptor0) {
     const int standard_input = dup(0);
     close(0);
     const std::time_t from = std::time(nullptr);
@@ -83,7 +83,7 @@ TEST(RandomInt, DrawsEveryNumberOfTheRangeAndNoOther) {
     EXPECT_EQ(drawn, (std::set<int>{-2, -1, 0, 1, 2}));
 }
 
-TEST(RandomInt, GivesTheOnlyNumberOfARangeOfOne) {
+TEST(RandomInt, ReturnsTheOnlyNumberOfARangeOfOne) {
     EXPECT_EQ(RandomInt(0, 0), 0);
     EXPECT_EQ(RandomInt(-5, -5), -5);
     EXPECT_EQ(RandomInt(INT_MAX, INT_MAX), INT_MAX);
@@ -110,16 +110,16 @@ TEST(RandomInt, DoesNotTouchTheGeneratorOfTheProcess) {
     EXPECT_EQ(std::rand(), expected);
 }
 
-TEST(RandomString, IsEmptyForLength0WhateverTheKinds) {
+TEST(RandomString, IsEmptyForLength0AndAnyKinds) {
     for (std::uint32_t kinds = 0; kinds <= 15; ++kinds) {
         EXPECT_EQ(RandomString(0, kinds), "");
     }
 }
 
-TEST(RandomString, HoldsTheKindsAskedForAndNoOther) {
+TEST(RandomString, HasTheRequestedKindsAndNoOther) {
     for (std::uint32_t kinds = 1; kinds <= 7; ++kinds) {
         SCOPED_TRACE(kinds);
-        // Each kind is at least a third of it.
+        // Each kind is drawn with a probability of at least one third.
         const std::string text = RandomString(100, kinds);
         EXPECT_EQ(text.size(), 100U);
         EXPECT_EQ(std::any_of(text.begin(), text.end(), IsDigit), (kinds & kRandomDigits) != 0);
@@ -144,7 +144,7 @@ TEST(RandomString, DrawsEveryCharacterOfAKind) {
     }
 }
 
-TEST(RandomString, IgnoresBitsThatAreNoKind) {
+TEST(RandomString, IgnoresUnknownKinds) {
     const std::string text = RandomString(20, 8 | kRandomDigits);
     EXPECT_EQ(text.size(), 20U);
     EXPECT_TRUE(std::all_of(text.begin(), text.end(), IsDigit));
@@ -173,7 +173,7 @@ TEST(RandomString, OfOneCharacterIsOfAnyKindAllowed) {
     EXPECT_TRUE(std::any_of(drawn.begin(), drawn.end(), IsUpper));
 }
 
-TEST(RandomString, OfLettersAloneIsNotHeldToOneOfEachCase) {
+TEST(RandomString, OfLettersOnlyNeedNotHaveBothCases) {
     bool all_lower = false;
     bool all_upper = false;
     for (int i = 0; i < 120; ++i) {

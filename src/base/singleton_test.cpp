@@ -13,7 +13,7 @@
 namespace zumod {
 namespace {
 
-TEST(Singleton, IsMadeOnFirstUseAndOnlyOnce) {
+TEST(Singleton, IsConstructedOnFirstUseAndOnlyOnce) {
     static int made = 0;
     struct Lazy : CSingleton_T<Lazy> {
         Lazy() { ++made; }
@@ -26,7 +26,7 @@ TEST(Singleton, IsMadeOnFirstUseAndOnlyOnce) {
     EXPECT_EQ(made, 1);
 }
 
-TEST(Singleton, FirstUsedByEightThreadsAtOnceIsMadeOnceAndSeenFinishedByAll) {
+TEST(Singleton, FirstUsedByEightThreadsAtOnceIsConstructedOnceBeforeAnySeesIt) {
     static std::atomic<int> made{0};
     struct Contended : CSingleton_T<Contended> {
         Contended() {
@@ -55,7 +55,7 @@ TEST(Singleton, FirstUsedByEightThreadsAtOnceIsMadeOnceAndSeenFinishedByAll) {
     EXPECT_EQ(values, std::vector<int>(8, 42));
 }
 
-TEST(Singleton, OfEachTypeIsItsOwn) {
+TEST(Singleton, IsOneObjectPerType) {
     struct One : CSingleton_T<One> {};
     struct Other : CSingleton_T<Other> {};
     EXPECT_NE(static_cast<void*>(One::GetInstance()), static_cast<void*>(Other::GetInstance()));
@@ -72,7 +72,7 @@ TEST(Singleton, OfATypeWithoutAConstructorIsAStaticObject) {
     EXPECT_EQ(Plain::GetInstance(), object);
 }
 
-TEST(Singleton, AConstructorThatThrowsGivesTheLockBackAndIsTriedAgain) {
+TEST(Singleton, AConstructorThatThrowsReleasesTheLockAndIsRetried) {
     static int attempts = 0;
     struct Reluctant : CSingleton_T<Reluctant> {
         Reluctant() {
@@ -92,7 +92,7 @@ struct Farewell : CSingleton_T<Farewell> {
     ~Farewell() { std::fputs("destroyed by the exit handlers\n", stderr); }
 };
 
-TEST(SingletonDeathTest, IsDestroyedByTheExitHandlersIfItWasMade) {
+TEST(SingletonDeathTest, IsDestroyedByTheExitHandlersIfItWasConstructed) {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_EXIT((Farewell::GetInstance(), std::exit(7)), ::testing::ExitedWithCode(7),
                 "destroyed by the exit handlers");

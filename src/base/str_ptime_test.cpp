@@ -21,7 +21,7 @@ std::tm Untouched() {
     return fields;
 }
 
-// What is left of the text, or "no match". The text is in memory of exactly its size.
+// The unmatched rest of the text, or "no match". The text is in memory of exactly its size.
 std::string Rest(const std::string& text, const char* format, std::tm& fields) {
     const auto exact = std::make_unique<char[]>(text.size() + 1);
     std::memcpy(exact.get(), text.c_str(), text.size() + 1);
@@ -76,7 +76,7 @@ TEST(StrPTime, ReadsEachNumberIntoItsFieldAndNoOther) {
     }
 }
 
-TEST(StrPTime, TakesANumberWithFewerDigitsAndStopsAtItsMost) {
+TEST(StrPTime, AcceptsFewerDigitsAndStopsAtTheMaximum) {
     const Single cases[] = {
         {"%H", "7", &std::tm::tm_hour, 7, ""},      {"%H", "7:", &std::tm::tm_hour, 7, ":"},
         {"%H", "123", &std::tm::tm_hour, 12, "3"},  {"%M", "5999", &std::tm::tm_min, 59, "99"},
@@ -90,7 +90,7 @@ TEST(StrPTime, TakesANumberWithFewerDigitsAndStopsAtItsMost) {
     }
 }
 
-TEST(StrPTime, RefusesNumbersOutOfTheirRangeAndLeavesTheField) {
+TEST(StrPTime, RejectsNumbersOutOfRangeAndLeavesTheFieldUnchanged) {
     const struct {
         const char* format;
         const char* text;
@@ -106,7 +106,7 @@ TEST(StrPTime, RefusesNumbersOutOfTheirRangeAndLeavesTheField) {
     }
 }
 
-TEST(StrPTime, RefusesAYearThatWouldBeStoredAsANegativeNumber) {
+TEST(StrPTime, RejectsAYearThatWouldBeStoredAsANegativeNumber) {
     for (const char* const text : {"1899", "0000", "999", "20"}) {
         ExpectSingle({"%Y", text, nullptr, 0, "no match"});
     }
@@ -157,7 +157,7 @@ TEST(StrPTime, ReadsMonthsInFullOrShortInAnyCase) {
     }
 }
 
-TEST(StrPTime, TurnsTheHourReadSoFarByHalfOfDay) {
+TEST(StrPTime, ChangesTheHourReadSoFarForAmAndPm) {
     const struct {
         int hour;
         const char* text;
@@ -175,7 +175,7 @@ TEST(StrPTime, TurnsTheHourReadSoFarByHalfOfDay) {
     }
 }
 
-TEST(StrPTime, RefusesHalfOfDayWithAnHourAbove12OrAnotherWord) {
+TEST(StrPTime, RejectsAmAndPmAfterAnHourAbove12AndOtherWords) {
     const struct {
         int hour;
         const char* text;
@@ -191,7 +191,7 @@ TEST(StrPTime, RefusesHalfOfDayWithAnHourAbove12OrAnotherWord) {
     EXPECT_EQ(Rest("13:00 PM", "%H:%M %p"), "no match");
 }
 
-TEST(StrPTime, LetsALaterHourReplaceWhatHalfOfDayMade) {
+TEST(StrPTime, ALaterHourReplacesTheResultOfAmOrPm) {
     std::tm fields{};
     EXPECT_EQ(Rest("PM 3", "%p %I", fields), "");
     EXPECT_EQ(fields.tm_hour, 3);
@@ -235,7 +235,7 @@ TEST(StrPTime, ExpandsTheConversionsThatStandForOthers) {
     EXPECT_EQ(Rest("13:00:00 PM", "%r"), "no match");
 }
 
-TEST(StrPTime, GoesOnWithTheFormatBehindAnExpansion) {
+TEST(StrPTime, ContinuesWithTheFormatAfterAnExpansion) {
     std::tm fields{};
     EXPECT_EQ(Rest("07:08 on the 6th", "%R on the %dth", fields), "");
     EXPECT_EQ(fields.tm_min, 8);
@@ -265,7 +265,7 @@ TEST(StrPTime, SkipsAnyWhiteSpaceWhereTheFormatHasSome) {
     }
 }
 
-TEST(StrPTime, AsksForLiteralsAsTheyStand) {
+TEST(StrPTime, MatchesLiteralsExactly) {
     const struct {
         const char* text;
         const char* format;
@@ -291,7 +291,7 @@ TEST(StrPTime, AsksForLiteralsAsTheyStand) {
     }
 }
 
-TEST(StrPTime, RefusesConversionsItDoesNotHave) {
+TEST(StrPTime, RejectsUnknownConversions) {
     for (const char* const format :
          {"%E", "%F", "%G", "%L", "%N", "%O", "%P", "%Q", "%U", "%V", "%W", "%Z",    "%f",  "%g", "%i",
           "%n", "%o", "%q", "%s", "%t", "%u", "%v", "%w", "%z", "%1", "% ", "%\xFF", "%Ey", "%-d"}) {
@@ -300,7 +300,7 @@ TEST(StrPTime, RefusesConversionsItDoesNotHave) {
     }
 }
 
-TEST(StrPTime, RefusesAFormatThatEndsInAPercentSign) {
+TEST(StrPTime, RejectsAFormatThatEndsInAPercentSign) {
     EXPECT_EQ(Rest("%", "%"), "no match");
     EXPECT_EQ(Rest("7", "%H%"), "no match");
 }
@@ -313,7 +313,7 @@ TEST(StrPTime, KeepsWhatItReadBeforeTheTextStoppedMatching) {
     EXPECT_EQ(fields.tm_mday, kUntouched);
 }
 
-TEST(StrPTime, ReadsDigitsThatStandTogether) {
+TEST(StrPTime, ReadsAdjacentNumbersByTheirMaximumDigits) {
     std::tm fields{};
     EXPECT_EQ(Rest("20200506070809", "%Y%m%d%H%M%S", fields), "");
     EXPECT_EQ(fields.tm_year, 120);

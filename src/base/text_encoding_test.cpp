@@ -20,7 +20,7 @@ struct CodePoint {
     std::string bytes;
 };
 
-// Both sides of each step in length, by hand.
+// The code points on both sides of each change in length.
 const CodePoint kCodePoints[] = {
     {0x01, "\x01"},
     {0x41, "A"},
@@ -45,7 +45,8 @@ std::wstring Wide(std::uint32_t code_point) {
     return {static_cast<wchar_t>(code_point)};
 }
 
-// Copies the text to memory of exactly its size, so that a checker sees a read past the terminating zero.
+// Copies the text to memory of exactly its size, so that a sanitizer detects a read past the terminating
+// zero.
 std::vector<std::uint32_t> Decoded(const std::string& text) {
     const auto exact = std::make_unique<char[]>(text.size() + 1);
     std::memcpy(exact.get(), text.c_str(), text.size() + 1);
@@ -62,7 +63,7 @@ std::vector<std::uint32_t> Decoded(const std::string& text) {
 
 using CodePoints = std::vector<std::uint32_t>;
 
-TEST(EncodeUtf8, TakesOneToSixBytesByTheCodePointsSize) {
+TEST(EncodeUtf8, UsesOneToSixBytesDependingOnTheCodePoint) {
     for (const CodePoint& code_point : kCodePoints) {
         SCOPED_TRACE(code_point.value);
         std::unique_ptr<char[]> bytes;
@@ -72,7 +73,7 @@ TEST(EncodeUtf8, TakesOneToSixBytesByTheCodePointsSize) {
     }
 }
 
-TEST(EncodeUtf8, GivesFourBytesForTheLastUnicodeCodePointAndSixForTheLastOfAll) {
+TEST(EncodeUtf8, UsesFourBytesForTheLastUnicodeCodePointAndSixForTheLargestNumber) {
     std::unique_ptr<char[]> bytes;
     std::size_t length = 0;
     EncodeUtf8(Wide(0x10FFFF).c_str(), bytes, length);
@@ -89,7 +90,7 @@ TEST(EncodeUtf8, TerminatesTheBytesAndCountsThemWithoutTheZero) {
     EXPECT_STREQ(bytes.get(), "a\xC3\xA9\xE2\x82\xAC");
 }
 
-TEST(EncodeUtf8, GivesAnEmptyArrayForAnEmptyText) {
+TEST(EncodeUtf8, ReturnsAnEmptyArrayForAnEmptyText) {
     std::unique_ptr<char[]> bytes;
     std::size_t length = 99;
     EXPECT_EQ(EncodeUtf8(L"", bytes, length), 1);
@@ -107,7 +108,7 @@ TEST(EncodeUtf8, DropsThe32ndBit) {
     EXPECT_EQ(std::string(bytes.get(), length), "\xFC\x80\x80\x80\x81\x81");
 }
 
-TEST(EncodeUtf8, RefusesNullAndLeavesTheOutputAsItWas) {
+TEST(EncodeUtf8, RejectsNullAndLeavesTheOutputUnchanged) {
     auto bytes = std::make_unique<char[]>(1);
     const char* const before = bytes.get();
     std::size_t length = 99;
@@ -128,7 +129,7 @@ TEST(DecodeUtf8, CountsCodePointsWithoutTheZero) {
     EXPECT_EQ(Decoded(""), CodePoints{});
 }
 
-TEST(DecodeUtf8, TakesTheLowSixBitsOfWhateverFollowsALeadByte) {
+TEST(DecodeUtf8, TakesTheLowSixBitsOfAnyByteThatFollowsALeadByte) {
     EXPECT_EQ(Decoded("\xC3"
                       "Ab"),
               (CodePoints{0xC1, 'b'}));
@@ -136,7 +137,7 @@ TEST(DecodeUtf8, TakesTheLowSixBitsOfWhateverFollowsALeadByte) {
     EXPECT_EQ(Decoded("\xC0\x81"), CodePoints{0x01});
 }
 
-TEST(DecodeUtf8, TakesSixBytesForAByteThatIsNoLeadByte) {
+TEST(DecodeUtf8, ReadsSixBytesForAByteThatIsNotALeadByte) {
     EXPECT_EQ(Decoded("\x80\x81\x82\x83\x84\x85z"), (CodePoints{0x1083105, 'z'}));
     EXPECT_EQ(Decoded("\xBF\x80\x80\x80\x80\x80z"), (CodePoints{0x40000000, 'z'}));
     EXPECT_EQ(Decoded("\xFE\xBF\xBF\xBF\xBF\xBFz"), (CodePoints{0x3FFFFFFF, 'z'}));
@@ -165,7 +166,7 @@ TEST(DecodeUtf8, EndsATruncatedSequenceAtTheZeroWithTheMissingBitsZero) {
     }
 }
 
-TEST(DecodeUtf8, RefusesNullAndLeavesTheOutputAsItWas) {
+TEST(DecodeUtf8, RejectsNullAndLeavesTheOutputUnchanged) {
     auto wide = std::make_unique<wchar_t[]>(1);
     const wchar_t* const before = wide.get();
     std::size_t length = 99;
@@ -189,7 +190,7 @@ TEST(IsUtf8, HoldsForAnEmptyTextAndNotForNull) {
     EXPECT_FALSE(IsUtf8(nullptr));
 }
 
-TEST(IsUtf8, AsksForAValidLeadByteAndItsContinuationBytes) {
+TEST(IsUtf8, RequiresAValidLeadByteAndItsContinuationBytes) {
     const struct {
         const char* bytes;
         bool expected;
@@ -218,7 +219,7 @@ TEST(IsUtf8, AsksForAValidLeadByteAndItsContinuationBytes) {
     }
 }
 
-TEST(IsGbk, AsksForALeadByteFollowedByATrailByte) {
+TEST(IsGbk, RequiresALeadByteFollowedByATrailByte) {
     const struct {
         const char* bytes;
         bool expected;
@@ -244,7 +245,7 @@ TEST(IsGbk, AsksForALeadByteFollowedByATrailByte) {
     EXPECT_FALSE(IsGbk(nullptr));
 }
 
-TEST(WideToUtf8, EncodesWhateverTheLocaleIs) {
+TEST(WideToUtf8, EncodesInAnyLocale) {
     const ScopedLocale locale("C");
     EXPECT_EQ(WideToUtf8(L"a\u00E9\u20AC\U0001F600"), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
     EXPECT_EQ(WideToUtf8(L""), "");
@@ -254,7 +255,7 @@ TEST(WideToUtf8, EndsAtTheFirstZero) {
     EXPECT_EQ(WideToUtf8(std::wstring(L"ab\0cd", 5)), "ab");
 }
 
-TEST(WideToMultiByte, GoesByTheLocale) {
+TEST(WideToMultiByte, UsesTheLocale) {
     const Latin1Locale locale;
     ASSERT_TRUE(locale.IsInstalled());
     EXPECT_EQ(WideToMultiByte(L"caf\u00E9"), "caf\xE9");
@@ -270,14 +271,14 @@ TEST(WideToMultiByte, WritesNoMoreBytesThanTheTextHasWideCharacters) {
     EXPECT_EQ(WideToMultiByte(L"abc\u20AC"), "abc");
 }
 
-TEST(WideToMultiByte, IsEmptyWhereTheLocaleHasNoSuchCharacter) {
+TEST(WideToMultiByte, IsEmptyIfTheLocaleHasNoSuchCharacter) {
     const ScopedLocale locale("C");
     EXPECT_EQ(WideToMultiByte(L"plain"), "plain");
     EXPECT_EQ(WideToMultiByte(L"plain \u20AC"), "");
     EXPECT_EQ(WideToMultiByte(L""), "");
 }
 
-TEST(MultiByteToWide, DecodesUtf8WhateverTheLocaleIs) {
+TEST(MultiByteToWide, DecodesUtf8InAnyLocale) {
     const ScopedLocale locale("C");
     EXPECT_EQ(MultiByteToWide("a\xC3\xA9\xE2\x82\xAC"), L"a\u00E9\u20AC");
     EXPECT_EQ(MultiByteToWide(""), L"");
@@ -295,7 +296,7 @@ TEST(MultiByteToWide, ReadsAnyOtherTextByTheLocale) {
     EXPECT_EQ(MultiByteToWide("caf\xE9"), L"caf\u00E9");
 }
 
-TEST(MultiByteToWide, IsEmptyWhereTheLocaleCannotReadIt) {
+TEST(MultiByteToWide, IsEmptyIfTheLocaleCannotReadIt) {
     const ScopedLocale locale("C.UTF-8");
     ASSERT_TRUE(locale.IsInstalled());
     EXPECT_EQ(MultiByteToWide("caf\xE9"), L"");

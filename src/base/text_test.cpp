@@ -35,7 +35,7 @@ TEST(ReplaceAll, ReplacesUntilNoMatchIsLeft) {
     }
 }
 
-TEST(ReplaceAll, StartsAgainAtTheFrontSoThatWhatAReplacementJoinsIsReplacedToo) {
+TEST(ReplaceAll, SearchesFromTheStartAgainSoThatANewOccurrenceIsReplacedToo) {
     std::string text = "aaab";
     ReplaceAll(text, "ab", "b");
     EXPECT_EQ(text, "b");
@@ -71,7 +71,7 @@ TEST(Trim, ErasesWhiteSpaceAtBothEnds) {
     }
 }
 
-TEST(Trim, GoesByTheLocaleAndTheDefaultPredicateDoesNot) {
+TEST(Trim, UsesTheLocaleAndTheDefaultPredicateDoesNot) {
     const Latin1Locale locale;
     ASSERT_TRUE(locale.IsInstalled());
     std::string text = "\xA0 a \xA0";
@@ -122,7 +122,7 @@ TEST(TrimLeftAndTrimRight, EraseWhatThePredicateHoldsFor) {
     EXPECT_EQ(text, " a ");
 }
 
-TEST(TrimLeftAndTrimRight, GiveThePredicateCodesFrom0To255) {
+TEST(TrimLeftAndTrimRight, PassCodesFrom0To255ToThePredicate) {
     std::vector<int> codes;
     const CharPredicate predicate = [&codes](int code) {
         codes.push_back(code);
@@ -158,13 +158,13 @@ TEST(ToLowerAndToUpper, ChangeEachByteOfACopy) {
     EXPECT_EQ(ToUpper(""), "");
 }
 
-TEST(ToLowerAndToUpper, LeaveBytesAloneThatTheLocaleGivesNoCase) {
+TEST(ToLowerAndToUpper, LeaveBytesWithoutCaseInTheLocaleUnchanged) {
     const ScopedLocale locale("C");
     EXPECT_EQ(ToLower("\xC3\x89\xFF"), "\xC3\x89\xFF");
     EXPECT_EQ(ToUpper("\xC3\xA9\xFF"), "\xC3\xA9\xFF");
 }
 
-TEST(ToLowerAndToUpper, GoByTheLocale) {
+TEST(ToLowerAndToUpper, UseTheLocale) {
     const Latin1Locale locale;
     ASSERT_TRUE(locale.IsInstalled());
     EXPECT_EQ(ToLower("\xC9"), "\xE9");
@@ -183,7 +183,7 @@ TEST(NumbersAsText, ArePlainDecimalDigits) {
     EXPECT_EQ(ULongToString(ULONG_MAX), "18446744073709551615");
 }
 
-TEST(StrToLong, GivesTheFallbackForNullAlone) {
+TEST(StrToLong, ReturnsTheFallbackForNullOnly) {
     EXPECT_EQ(StrToLong(nullptr, 7), 7);
     EXPECT_EQ(StrToLong("", 7), 0);
     EXPECT_EQ(StrToLong("abc", 7), 0);
@@ -217,7 +217,7 @@ Pieces Cut(const std::string& text, const std::string& delimiters, std::size_t l
     return parts;
 }
 
-TEST(Split, CutsAtEveryDelimiterAndKeepsEmptyPieces) {
+TEST(Split, DividesAtEveryDelimiterAndKeepsEmptyPieces) {
     const struct {
         std::string text, delimiters;
         Pieces expected;
@@ -245,11 +245,11 @@ TEST(Split, AppendsToTheList) {
     EXPECT_EQ(parts, (Pieces{"first", "a", "b"}));
 }
 
-TEST(Split, CutsAZeroByteLikeAnyOther) {
+TEST(Split, AcceptsAZeroByteAsADelimiter) {
     EXPECT_EQ(Cut(std::string("a\0b", 3), std::string("\0", 1)), (Pieces{"a", "b"}));
 }
 
-TEST(Split, StopsAfterAsManyPiecesAsTheLimitSays) {
+TEST(Split, StopsAfterTheLimitOfPieces) {
     const struct {
         std::string text;
         std::size_t limit;
@@ -265,7 +265,7 @@ TEST(Split, StopsAfterAsManyPiecesAsTheLimitSays) {
         // An empty piece counts ...
         {",a,b", 1, {"", "a,b"}},
         {"a,,b,c", 2, {"a", "", "b,c"}},
-        // ... and is taken even when the limit is reached, which carries the count past it.
+        // ... and is accepted even at the limit, which takes the count past it.
         {"a,,b,c", 1, {"a", "", "b", "c"}},
         {",,a,b", 1, {"", "", "a", "b"}},
     };
@@ -275,7 +275,7 @@ TEST(Split, StopsAfterAsManyPiecesAsTheLimitSays) {
     }
 }
 
-TEST(CompareVersion, GivesThePlaceOfTheFirstDifferenceWithItsSign) {
+TEST(CompareVersion, ReturnsThePositionOfTheFirstDifferenceWithItsSign) {
     const struct {
         std::string a, b;
         int expected;
@@ -291,7 +291,7 @@ TEST(CompareVersion, GivesThePlaceOfTheFirstDifferenceWithItsSign) {
     }
 }
 
-TEST(CompareVersion, CutsAtAnyOfTheDelimiters) {
+TEST(CompareVersion, DividesAtAnyOfTheDelimiters) {
     EXPECT_EQ(CompareVersion("1.2-3", "1-2.4", ".-"), -3);
 }
 

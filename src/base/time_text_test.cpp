@@ -25,7 +25,7 @@ constexpr std::time_t kMidnight = 1588723200;
 constexpr std::time_t kNoDate = std::numeric_limits<std::time_t>::max();
 constexpr const char* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 
-TEST(FormatTimeUtc, WritesUtcInTheGivenFormatWhateverTheZone) {
+TEST(FormatTimeUtc, WritesUtcInTheGivenFormatInAnyTimeZone) {
     const ScopedLocale locale("C");
     const ScopedTimeZone zone(kCentralEurope);
     const struct {
@@ -62,13 +62,13 @@ TEST(FormatNowUtc, WritesThePresentTime) {
     const std::time_t from = std::time(nullptr);
     const std::string text = FormatNowUtc(format);
     const std::time_t to = std::time(nullptr);
-    // Texts of this form are in the order of the times.
+    // Texts of this form sort in the order of the times.
     EXPECT_GE(text, FormatTimeUtc(from, format));
     EXPECT_LE(text, FormatTimeUtc(to, format));
     EXPECT_EQ(text.size(), 19U);
 }
 
-TEST(FormatLocalDateTime, WritesLocalTimeAndGives0) {
+TEST(FormatLocalDateTime, WritesLocalTimeAndReturns0) {
     const struct {
         const char* zone;
         std::time_t seconds;
@@ -92,13 +92,13 @@ TEST(FormatLocalDateTime, WritesLocalTimeAndGives0) {
     }
 }
 
-TEST(FormatLocalDateTime, LeavesTheTextAsItWasForATimeWithoutADate) {
+TEST(FormatLocalDateTime, LeavesTheTextUnchangedForATimeWithoutADate) {
     std::string out = "before";
     EXPECT_EQ(FormatLocalDateTime(out, kNoDate), 0);
     EXPECT_EQ(out, "before");
 }
 
-TEST(ParseLocalDateTime, ReadsTheTimeOfDayAsFarAsItIsThere) {
+TEST(ParseLocalDateTime, ReadsAsMuchOfTheTimeOfDayAsThereIs) {
     const ScopedTimeZone zone("UTC0");
     const struct {
         const char* text;
@@ -111,11 +111,11 @@ TEST(ParseLocalDateTime, ReadsTheTimeOfDayAsFarAsItIsThere) {
         {"2020-05-06", kMidnight},
         {"2020-5-6 7:8:9", kMorning},
         {" 2020- 5-6 7: 8: 9 and more", kMorning},
-        // Whatever else stands between the separators counts for nothing.
+        // Anything else between the separators is ignored.
         {"2020y-05m-06d 07h:08m:09s", kMorning},
         {"2020-05-06T23:59:59", kMidnight},
         {"2020-05-06x 07:08:09", kMorning},
-        // Numbers out of their range go over into the next field.
+        // Numbers out of range carry into the next field.
         {"2020-04-36 07:08:09", kMorning},
         {"2020-05-05 31:08:09", kMorning},
         {"2019-17-06 07:07:69", kMorning},
@@ -129,7 +129,7 @@ TEST(ParseLocalDateTime, ReadsTheTimeOfDayAsFarAsItIsThere) {
     }
 }
 
-TEST(ParseLocalDateTime, GivesMidnightLocalTimeForADateAlone) {
+TEST(ParseLocalDateTime, ReturnsMidnightLocalTimeForADateOnly) {
     const ScopedTimeZone zone("EST5");
     std::time_t seconds = 0;
     EXPECT_EQ(ParseLocalDateTime("2020-05-06", seconds), 0);
@@ -145,7 +145,7 @@ TEST(ParseLocalDateTime, ReadsStandardTimeEvenInSummer) {
     EXPECT_EQ(seconds, 1593604800);
 }
 
-TEST(ParseLocalDateTime, PrintsATextWithoutTwoDashesAndGivesMinus1) {
+TEST(ParseLocalDateTime, PrintsATextWithoutTwoDashesAndReturnsMinus1) {
     const struct {
         const char* text;
         const char* printed;
@@ -175,7 +175,7 @@ TEST(ParseLocalDateTime, PrintsNothingWhenItReadsTheText) {
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
 }
 
-TEST(ParseLocalDateTime, TakesNumbersOfAnySize) {
+TEST(ParseLocalDateTime, AcceptsNumbersOfAnySize) {
     const ScopedTimeZone zone("UTC0");
     const char* const texts[] = {
         "9223372036854775807-9223372036854775807-9223372036854775807 9223372036854775807:1:1",
@@ -188,13 +188,13 @@ TEST(ParseLocalDateTime, TakesNumbersOfAnySize) {
         std::time_t seconds = 0;
         EXPECT_EQ(ParseLocalDateTime(text, seconds), 0);
     }
-    // 2^32 + 2020 is cut to 2020.
+    // 2^32 + 2020 is truncated to 2020.
     std::time_t seconds = 0;
     EXPECT_EQ(ParseLocalDateTime("4294969316-05-06", seconds), 0);
     EXPECT_EQ(seconds, kMidnight);
 }
 
-TEST(ParseIsoDateTime, ReadsTheFieldsAndGives1) {
+TEST(ParseIsoDateTime, ReadsTheFieldsAndReturns1) {
     std::tm fields{};
     EXPECT_EQ(ParseIsoDateTime("2020-05-06T07:08:09", fields), 1);
     EXPECT_EQ(fields.tm_year, 120);
@@ -205,7 +205,7 @@ TEST(ParseIsoDateTime, ReadsTheFieldsAndGives1) {
     EXPECT_EQ(fields.tm_sec, 9);
 }
 
-TEST(ParseIsoDateTime, Gives1EvenWhenTheTextDoesNotMatch) {
+TEST(ParseIsoDateTime, Returns1EvenIfTheTextDoesNotMatch) {
     std::tm fields{};
     fields.tm_hour = 55;
     EXPECT_EQ(ParseIsoDateTime("2020-05-06 07:08:09", fields), 1);
@@ -214,7 +214,7 @@ TEST(ParseIsoDateTime, Gives1EvenWhenTheTextDoesNotMatch) {
     EXPECT_EQ(ParseIsoDateTime("", fields), 1);
 }
 
-TEST(ParseTime, GoesByTheFormatAndAlwaysGives0) {
+TEST(ParseTime, UsesTheFormatAndAlwaysReturns0) {
     std::tm fields{};
     EXPECT_EQ(ParseTime("%d %b %Y", "6 May 2020", fields), 0);
     EXPECT_EQ(fields.tm_year, 120);
@@ -224,7 +224,7 @@ TEST(ParseTime, GoesByTheFormatAndAlwaysGives0) {
     EXPECT_EQ(fields.tm_mday, 6);
 }
 
-TEST(ParseTimeToSeconds, TakesTheFieldsAsLocalStandardTime) {
+TEST(ParseTimeToSeconds, ReadsTheFieldsAsLocalStandardTime) {
     const struct {
         const char* zone;
         const char* format;
@@ -237,7 +237,7 @@ TEST(ParseTimeToSeconds, TakesTheFieldsAsLocalStandardTime) {
         {"UTC0", "%d/%m/%y", "06/05/20", kMidnight},
         // Day 0 is the day before the first.
         {"UTC0", "%Y-%m", "2020-05", kMidnight - 6 * 86400},
-        // What comes after the part that does not match is 0.
+        // Fields after the part that does not match are 0.
         {"UTC0", "%Y-%m-%d %H:%M:%S", "2020-05-06 07:xx:09", kMidnight + 7 * 3600},
     };
     for (const auto& c : cases) {
@@ -270,7 +270,7 @@ TEST(FormatHttpDate, WritesTheGivenSecondsAsUtc) {
     }
 }
 
-TEST(FormatHttpDate, TakesThePresentTimeForAnEmptyText) {
+TEST(FormatHttpDate, UsesThePresentTimeForAnEmptyText) {
     const ScopedLocale locale("C");
     const std::time_t from = std::time(nullptr);
     std::string out;
@@ -296,20 +296,20 @@ void ExpectRaised(const std::string& seconds) {
     EXPECT_EQ(out, "before");
 }
 
-TEST(FormatHttpDate, LetsTheExceptionsOfTheNumberGoOn) {
+TEST(FormatHttpDate, PropagatesTheExceptionsOfTheNumber) {
     ExpectRaised<std::invalid_argument>("soon");
     ExpectRaised<std::invalid_argument>(" ");
     ExpectRaised<std::out_of_range>("9223372036854775808");
     ExpectRaised<std::out_of_range>("-9223372036854775809");
 }
 
-TEST(FormatHttpDate, LeavesTheTextAsItWasForATimeWithoutADate) {
+TEST(FormatHttpDate, LeavesTheTextUnchangedForATimeWithoutADate) {
     std::string out = "before";
     FormatHttpDate(out, "9223372036854775807");
     EXPECT_EQ(out, "before");
 }
 
-// A directory in which the plain UTF-8 locale, which every system has, stands under the other's name.
+// A directory in which the C.UTF-8 locale, which every system has, has the name of the English one.
 class FakeEnglishLocale {
 public:
     FakeEnglishLocale() {
@@ -327,7 +327,7 @@ private:
     std::filesystem::path m_directory;
 };
 
-TEST(FormatHttpDate, SetsTheTimeLocaleOfTheProcessAndDoesNotUndoIt) {
+TEST(FormatHttpDate, SetsTheTimeLocaleOfTheProcessAndDoesNotRestoreIt) {
     const FakeEnglishLocale english;
     const ScopedLocale locale("C");
     const ScopedVariable path("LOCPATH", english.Directory());
@@ -338,7 +338,7 @@ TEST(FormatHttpDate, SetsTheTimeLocaleOfTheProcessAndDoesNotUndoIt) {
     EXPECT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C");
 }
 
-TEST(FormatHttpDate, GoesOnInThePresentLocaleWhereTheEnglishOneIsMissing) {
+TEST(FormatHttpDate, UsesThePresentLocaleIfTheEnglishOneIsMissing) {
     const ScopedLocale locale("C");
     const ScopedVariable path("LOCPATH", "/nonexistent");
     std::string out;

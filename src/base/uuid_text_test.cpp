@@ -28,7 +28,7 @@ TEST(UuidText, WritesEveryByteOfTheLargestIdentifier) {
     EXPECT_EQ(UuidText(bytes), "FFFFFFFFFFFFFFFF-FFFF-FFFF-FFFF-FFFF00000000");
 }
 
-TEST(NewUuidString, HasTheFormAndTheMarksOfAUuid) {
+TEST(NewUuidString, HasTheFormAndTheVersionBitsOfAUuid) {
     for (int i = 0; i < 50; ++i) {
         const std::string text = NewUuidString();
         SCOPED_TRACE(text);
@@ -44,16 +44,17 @@ TEST(NewUuidString, HasTheFormAndTheMarksOfAUuid) {
         std::snprintf(again, sizeof again, "%08" PRIX64 "-%04X-%04X-%04X-%012lX", first, second, third,
                       fourth, fifth);
         EXPECT_EQ(text, again);
-        // Byte 6 has the version, 1 (time) or 4 (random), in its upper half; byte 8 begins with the bits 10.
+        // The upper half of byte 6 is the version, 1 (time) or 4 (random); the upper two bits of byte 8
+        // are 10.
         const std::uint64_t version = first >> 52 & 0xF;
         EXPECT_TRUE(version == 1 || version == 4);
         EXPECT_EQ(second & 0xC0, 0x80U);
-        // The record ends in four bytes that nothing writes: they are cleared.
+        // The last four bytes of the record are never written and are 0.
         EXPECT_EQ(fifth & 0xFFFFFFFF, 0U);
     }
 }
 
-TEST(NewUuidString, IsNewEachTime) {
+TEST(NewUuidString, DiffersEachTime) {
     std::set<std::string> texts;
     for (int i = 0; i < 100; ++i) {
         texts.insert(NewUuidString());

@@ -50,7 +50,7 @@ protected:
         host.SetProperty("zu.env.modules.dir", CZUModData::FromText(TestModuleDir(kind).c_str()));
     }
 
-    // The policy that the codec was given last, which an object of the codec's keeps alive.
+    // The policy that the codec received last; an object of the codec keeps it alive.
     CRefPtr_T<Unpacked> LastPolicy() {
         const CRefPtr_T<Unpacked> unpacked(new Unpacked);
         unpacked->CopyPolicies(dynamic_cast<CZUModBasePolicyAdapter&>(*record.last_policy));
@@ -61,7 +61,7 @@ protected:
     CodecRecord& record = probe.Record();
 };
 
-TEST_F(CodecFactoryTest, AnEncoderIsAskedForWithSevenPoliciesAndToldOfHardware) {
+TEST_F(CodecFactoryTest, AnEncoderIsRequestedWithSevenPoliciesAndAllowedToUseHardware) {
     const auto encoder = CreateVideoEncoder(9, false, false, false, true);
     ASSERT_NE(encoder, nullptr);
     EXPECT_EQ(host.Lines(), (Lines{{1, "[codec] attach"},
@@ -79,7 +79,7 @@ TEST_F(CodecFactoryTest, AnEncoderIsAskedForWithSevenPoliciesAndToldOfHardware) 
     EXPECT_EQ(host.AskedKeys(), std::vector<std::string>{"zu.env.modules.dir"});
 }
 
-TEST_F(CodecFactoryTest, EachFlagOfTheEncoderHasItsOwnPolicy) {
+TEST_F(CodecFactoryTest, EachFlagOfTheEncoderHasOnePolicy) {
     const std::string keys[] = {"zu.codec.policy.enc.rapid.sub", "zu.codec.policy.enc.no.stream.header",
                                 "zu.codec.policy.enc.file.record", "zu.codec.policy.enc.source.rgb"};
     for (int chosen = 0; chosen < 4; ++chosen) {
@@ -114,7 +114,7 @@ TEST_F(CodecFactoryTest, TheFactoryKeepsNoReferenceToThePolicyOrItsValues) {
     kept->Release();
     const auto policy = LastPolicy();
     for (const auto& [key, value] : policy->values) {
-        // The policy's own, the one here, and the one being added.
+        // The policy's reference, this one, and the one being added.
         EXPECT_EQ(value->AddRef(), 3U) << key;
         value->Release();
     }
@@ -144,14 +144,14 @@ TEST_F(CodecFactoryTest, TheEncodersSlotsAreReachedThroughThePointerItself) {
                                    {1, "[codec] SetProperty key null"}}));
 }
 
-TEST_F(CodecFactoryTest, TheCodecModuleStaysMappedWhenItsObjectsAreGone) {
+TEST_F(CodecFactoryTest, TheCodecModuleStaysMappedAfterItsObjectsAreDestroyed) {
     CreateVideoEncoder(9, false, false, false, true);
     CreateVideoEncoder(9, false, false, false, true);
     EXPECT_EQ(TimesMapped(TestModulePath("recording")), 1);
     EXPECT_FALSE(host.Has({1, "[codec] detach"}));
 }
 
-TEST_F(CodecFactoryTest, ImageTypeElevenHasNoEncoderAndAsksNobody) {
+TEST_F(CodecFactoryTest, ImageTypeElevenHasNoEncoderAndLoadsNothing) {
     const int creates = record.creates;
     const testing::CapturedStdout captured;
     EXPECT_EQ(CreateVideoEncoder(11, true, true, true, true), nullptr);
@@ -171,7 +171,7 @@ TEST_F(CodecFactoryTest, AnImageTypeIsUnsigned) {
     EXPECT_TRUE(host.Has({1, "[codec] policy zu.codec.policy.imagetype 2 4294967295"}));
 }
 
-TEST_F(CodecFactoryTest, ADecoderIsAskedForWithFivePoliciesAndToldOfHardware) {
+TEST_F(CodecFactoryTest, ADecoderIsRequestedWithFivePoliciesAndAllowedToUseHardware) {
     record.keep_policy = true;
     const auto decoder = CreateVideoDecoder(9, -1, 0xfedcba9876543210);
     ASSERT_NE(decoder, nullptr);
@@ -191,12 +191,12 @@ TEST_F(CodecFactoryTest, ADecoderIsAskedForWithFivePoliciesAndToldOfHardware) {
     EXPECT_EQ(LastPolicy()->values.size(), 5U);
 }
 
-TEST_F(CodecFactoryTest, ADecoderWithoutAScreenBufferIsGivenZero) {
+TEST_F(CodecFactoryTest, ADecoderWithoutAScreenBufferReceivesZero) {
     CreateVideoDecoder(9, 0, 0);
     EXPECT_TRUE(host.Has({1, "[codec] policy zu.codec.policy.dec.screenbuffer 6 0"}));
 }
 
-TEST_F(CodecFactoryTest, AFailureIsEmptyAndLeftToTheLoaderToReport) {
+TEST_F(CodecFactoryTest, AFailureIsEmptyAndReportedByTheLoader) {
     UseModule("missing");
     EXPECT_EQ(CreateVideoEncoder(9, false, false, false, true), nullptr);
     EXPECT_EQ(CreateVideoDecoder(9, 0, 0), nullptr);

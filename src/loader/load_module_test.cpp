@@ -48,7 +48,7 @@ Policy EncoderPolicy() {
     return Policy(new CZUModCreatePolicyAdapter("IVEncoder", 0x0001000000000002));
 }
 
-// What a recording codec tells while it makes an encoder of EncoderPolicy.
+// The log lines of a recording codec that creates an encoder from EncoderPolicy.
 Lines EncoderLines() {
     Lines lines{{1, "[codec] attach"},
                 {1, "[codec] policy zu.module.interface.name 4 IVEncoder"},
@@ -63,7 +63,7 @@ Lines EncoderLines() {
     return lines;
 }
 
-// What the dynamic loader says to a file, by itself, with errno the same before.
+// The dynamic loader's message for a file, when it is called directly with the same errno.
 struct LoaderVerdict {
     explicit LoaderVerdict(const std::string& path) {
         errno = EXDEV;
@@ -85,7 +85,7 @@ protected:
     }
     void UseModule(const std::string& kind) { UseDirectory(TestModuleDir(kind)); }
 
-    // Loads, keeps what was printed in `output`, and the handle, if one was stored, in `handle`.
+    // Loads a module; stores the printed text in `output` and the handle, if there is one, in `handle`.
     CRefPtr_T<IZUModInterface> Load(const Policy& policy, bool per_module_dir = false) {
         auto* out = reinterpret_cast<IZUModInterface*>(&untouched);
         handle = &untouched;
@@ -95,7 +95,7 @@ protected:
         return CRefPtr_T<IZUModInterface>::Adopt(out);
     }
 
-    // Nothing is created, no handle is stored and nothing is left mapped.
+    // Checks that nothing is created, no handle is stored and nothing is left mapped.
     void ExpectFailure(const std::string& kind, const Lines& lines, const std::string& printed) {
         UseModule(kind);
         EXPECT_EQ(Load(EncoderPolicy()), nullptr);
@@ -111,20 +111,20 @@ protected:
     std::filesystem::path start_directory = std::filesystem::current_path();
 };
 
-TEST_F(LoadModuleTest, WithoutADirectoryTheFileIsLookedForInTheCurrentOne) {
+TEST_F(LoadModuleTest, WithoutADirectoryTheFileIsSearchedInTheCurrentOne) {
     std::filesystem::current_path("/");
     EXPECT_EQ(Load(EncoderPolicy()), nullptr);
     EXPECT_EQ(host.Lines(), (Lines{kNoDirectory, kNoFile, kLoadFails}));
     EXPECT_EQ(output, "");
 }
 
-TEST_F(LoadModuleTest, AFileOnTheSearchPathAloneDoesNotExist) {
+TEST_F(LoadModuleTest, AFileOnlyOnTheSearchPathDoesNotExist) {
     std::filesystem::current_path("/");
     EXPECT_EQ(Load(EncoderPolicy()), nullptr);
     EXPECT_EQ(host.Lines(), (Lines{kNoDirectory, kNoFile, kLoadFails}));
     EXPECT_EQ(TimesMapped(TestModulePath("on_search_path")), 0);
 
-    // It is there for the dynamic loader all the same.
+    // The dynamic loader itself finds it.
     void* library = dlopen("zu-codec.so", RTLD_LAZY);
     ASSERT_NE(library, nullptr) << dlerror();
     EXPECT_EQ(TimesMapped(TestModulePath("on_search_path")), 1);
@@ -132,7 +132,7 @@ TEST_F(LoadModuleTest, AFileOnTheSearchPathAloneDoesNotExist) {
 }
 
 TEST_F(LoadModuleTest, AFileInTheCurrentDirectoryIsOpenedByItsBareName) {
-    // The file that is there passes the check, and the dynamic loader then searches its path for the name.
+    // The existing file passes the check; the dynamic loader then searches its path for the name.
     std::filesystem::current_path(TestModuleDir("refusing"));
     auto object = Load(EncoderPolicy());
     ASSERT_NE(object, nullptr);
@@ -153,18 +153,18 @@ TEST_F(LoadModuleTest, WithoutAHostTheLinesArePrinted) {
               "[client_plugin] load module(zu-codec) fail\n");
 }
 
-TEST_F(LoadModuleTest, AFileThatIsNotThereIsReported) {
+TEST_F(LoadModuleTest, AMissingFileIsReported) {
     ExpectFailure("missing", {kNoFile, kLoadFails}, "");
 }
 
-TEST_F(LoadModuleTest, ADirectoryThatIsANumberIsNone) {
+TEST_F(LoadModuleTest, ADirectoryThatIsANumberIsIgnored) {
     std::filesystem::current_path("/");
     host.SetProperty("zu.env.modules.dir", CZUModData::FromInt64(1));
     EXPECT_EQ(Load(EncoderPolicy()), nullptr);
     EXPECT_EQ(host.Lines(), (Lines{kNoDirectory, kNoFile, kLoadFails}));
 }
 
-TEST_F(LoadModuleTest, AFileThatIsNoSharedObjectIsReportedAndPrinted) {
+TEST_F(LoadModuleTest, AFileThatIsNotASharedObjectIsReportedAndPrinted) {
     const std::string path = TestModulePath("text");
     const LoaderVerdict verdict(path);
     const std::string error = std::to_string(verdict.error);
@@ -213,7 +213,7 @@ TEST_F(LoadModuleTest, AnObjectLeftByARefusingModuleIsReleasedLast) {
     ExpectFailure("refusing_with_object", {{1, "[codec] detach"}, kCreateFails, {1, "[codec] destroy"}}, "");
 }
 
-TEST_F(LoadModuleTest, AModuleIsAttachedAndThenAskedForTheObjectOfThePolicy) {
+TEST_F(LoadModuleTest, AModuleIsAttachedBeforeItCreatesTheObjectOfThePolicy) {
     UseModule("closable");
     auto object = Load(EncoderPolicy());
     ASSERT_NE(object, nullptr);
@@ -247,7 +247,7 @@ TEST_F(LoadModuleTest, TheDirectoryOfOneModuleIsUsedWhenWanted) {
     EXPECT_EQ(Load(EncoderPolicy(), false), nullptr);
 }
 
-TEST_F(LoadModuleTest, TheModuleGetsTheSameHost) {
+TEST_F(LoadModuleTest, TheModuleIsAttachedToTheSameHost) {
     const CodecProbe probe("closable");
     UseModule("closable");
     auto object = Load(EncoderPolicy());
@@ -304,7 +304,7 @@ TEST_F(LoadModuleTest, TwoLoadsAttachTwiceAndMapOnce) {
     EXPECT_EQ(TimesMapped(path), 0);
 }
 
-TEST_F(LoadModuleTest, WithoutAHandleSlotTheModuleStays) {
+TEST_F(LoadModuleTest, WithoutAHandleSlotTheModuleStaysLoaded) {
     UseModule("recording");
     IZUModInterface* out = nullptr;
     ZuModLoadModule(&out, "zu-codec", EncoderPolicy(), nullptr, false);
@@ -318,7 +318,7 @@ TEST_F(LoadModuleTest, UnloadingNullDoesNothing) {
     EXPECT_EQ(host.Lines(), Lines{});
 }
 
-TEST_F(LoadModuleTest, UnloadingClosesWhatIsNoModule) {
+TEST_F(LoadModuleTest, UnloadingClosesALibraryThatIsNotAModule) {
     for (const char* kind : {"without_entry_point", "null_entry_point", "without_detach"}) {
         const std::string path = TestModulePath(kind);
         void* library = dlopen(path.c_str(), RTLD_LAZY);
@@ -334,7 +334,7 @@ TEST_F(LoadModuleTest, APathOfFiveThousandCharactersDoesNotExist) {
     EXPECT_EQ(host.Lines(), (Lines{kNoFile, kLoadFails}));
 }
 
-TEST_F(LoadModuleTest, APathAsLongAsTheKernelTakesIsLoaded) {
+TEST_F(LoadModuleTest, APathAsLongAsTheKernelAcceptsIsLoaded) {
     std::string directory = TestModuleDir("closable");
     while (directory.size() < 4000) {
         directory += "/.";
@@ -346,7 +346,7 @@ TEST_F(LoadModuleTest, APathAsLongAsTheKernelTakesIsLoaded) {
     ZuModUnloadModule(handle);
 }
 
-TEST_F(LoadModuleTest, TheValuesOfThePolicyAreAllGivenBack) {
+TEST_F(LoadModuleTest, AllValuesOfThePolicyAreReleased) {
     ReferenceLedger ledger;
     {
         const CRefPtr_T<CountedPolicy> policy(new CountedPolicy(ledger));
@@ -363,7 +363,7 @@ TEST_F(LoadModuleTest, TheValuesOfThePolicyAreAllGivenBack) {
     EXPECT_TRUE(ledger.Balanced());
 }
 
-TEST_F(LoadModuleTest, APolicyThatHasNothingIsRefusedAndGivenBack) {
+TEST_F(LoadModuleTest, AnEmptyPolicyIsRefusedAndReleased) {
     ReferenceLedger ledger;
     {
         const CRefPtr_T<CountedPolicy> policy(new CountedPolicy(ledger));
@@ -376,7 +376,7 @@ TEST_F(LoadModuleTest, APolicyThatHasNothingIsRefusedAndGivenBack) {
     EXPECT_EQ(TimesMapped(TestModulePath("closable")), 0);
 }
 
-TEST_F(LoadModuleTest, APolicyOfWrongTagsAndShortValuesIsRefusedAndGivenBack) {
+TEST_F(LoadModuleTest, APolicyOfWrongTagsAndShortValuesIsRefusedAndReleased) {
     ReferenceLedger ledger;
     {
         const CRefPtr_T<CountedPolicy> policy(new CountedPolicy(ledger));
@@ -394,7 +394,7 @@ TEST_F(LoadModuleTest, APolicyOfWrongTagsAndShortValuesIsRefusedAndGivenBack) {
     EXPECT_EQ(host.Lines().back(), kCreateFails);
 }
 
-TEST_F(LoadModuleTest, APolicyThatThrowsInTheMiddleIsGivenBack) {
+TEST_F(LoadModuleTest, APolicyThatThrowsAfterSomeValuesIsReleased) {
     const CodecProbe probe("recording");
     const int objects = probe.Record().objects;
     ReferenceLedger ledger;
@@ -418,7 +418,7 @@ TEST_F(LoadModuleTest, APolicyThatThrowsInTheMiddleIsGivenBack) {
     EXPECT_EQ(TimesMapped(TestModulePath("recording")), 1);
 }
 
-// While a module is attached, has another thread log, and waits until it has.
+// While a module is attached, lets another thread log and waits until it has done so.
 class LoggingElsewhereHost final : public testing::RecordingHost {
 public:
     ~LoggingElsewhereHost() override {

@@ -26,7 +26,7 @@ const LogLine kNoDirectory{2, "[zumod] get module dir fail"};
 
 class ModulePathTest : public testing::LoggingTest {
 protected:
-    // The host outlives the ledger, and a counted value must not.
+    // The host outlives the ledger, but a counted value must not.
     ~ModulePathTest() override { host.SetProperty("zu.env.modules.dir", nullptr); }
 
     void SetText(const char* key, const std::string& text) {
@@ -60,7 +60,7 @@ TEST_F(ModulePathTest, WithoutAHostThePathIsTheBareFileName) {
     EXPECT_EQ(captured.Text(), "[zumod] get module dir fail\n");
 }
 
-TEST_F(ModulePathTest, AnEmptyDirectoryIsNone) {
+TEST_F(ModulePathTest, AnEmptyDirectoryIsIgnored) {
     SetText("zu.env.modules.dir", "");
     EXPECT_EQ(ZuModGetModulePath("zu-codec", false), "zu-codec.so");
     EXPECT_EQ(host.Lines(), Lines{kNoDirectory});
@@ -73,7 +73,7 @@ TEST_F(ModulePathTest, TheDirectoryOfOneModuleReplacesTheGeneralOne) {
     EXPECT_EQ(host.AskedKeys(), (Keys{"zu.env.modules.dir", "zu.env.modules.dir_zu-codec"}));
 }
 
-TEST_F(ModulePathTest, TheDirectoryOfOneModuleIsNotAskedForUnlessWanted) {
+TEST_F(ModulePathTest, TheDirectoryOfOneModuleIsNotLookedUpUnlessWanted) {
     SetText("zu.env.modules.dir", "/opt/m");
     SetText("zu.env.modules.dir_zu-codec", "/opt/codec");
     EXPECT_EQ(ZuModGetModulePath("zu-codec", false), "/opt/m/zu-codec.so");
@@ -92,7 +92,7 @@ TEST_F(ModulePathTest, ADirectoryOfOneModuleOfAnotherKindDoesNotFallBackEither) 
     EXPECT_EQ(host.Lines(), Lines{kNoDirectory});
 }
 
-TEST_F(ModulePathTest, ADirectoryThatIsNoTextIsMissing) {
+TEST_F(ModulePathTest, ADirectoryThatIsNotTextCountsAsMissing) {
     for (const uint32_t tag : {0U, 1U, 2U, 3U, 5U, 6U, 7U, 8U}) {
         SCOPED_TRACE(tag);
         host.SetProperty("zu.env.modules.dir", CRefPtr_T<IZUModData>(new CountedData(
@@ -104,7 +104,7 @@ TEST_F(ModulePathTest, ADirectoryThatIsNoTextIsMissing) {
     }
 }
 
-TEST_F(ModulePathTest, ATextWithoutBytesIsMissing) {
+TEST_F(ModulePathTest, ATextWithoutBytesCountsAsMissing) {
     host.SetProperty("zu.env.modules.dir", CRefPtr_T<IZUModData>(new CountedData(ledger, 4, {})));
     EXPECT_EQ(ZuModGetModulePath("zu-codec", false), "zu-codec.so");
     EXPECT_EQ(host.Lines(), Lines{kNoDirectory});
@@ -126,7 +126,7 @@ TEST_F(ModulePathTest, AValueIsBorrowedWithOneReferenceWhileItIsRead) {
     EXPECT_EQ(ledger.taken, taken + 1);
 }
 
-// Gives a new value each time, and keeps no reference to it.
+// Returns a new value each time and keeps no reference to it.
 class FreshValueHost final : public testing::RecordingHost {
 public:
     explicit FreshValueHost(ReferenceLedger& ledger) : m_ledger(ledger) {}
@@ -138,7 +138,7 @@ private:
     ReferenceLedger& m_ledger;
 };
 
-TEST(ModulePath, AFreshValueIsDestroyedAfterReading) {
+TEST(ModulePath, ANewValueIsDestroyedAfterReading) {
     ReferenceLedger ledger;
     FreshValueHost host(ledger);
     AttachRuntime(&host);
@@ -148,7 +148,7 @@ TEST(ModulePath, AFreshValueIsDestroyedAfterReading) {
     EXPECT_TRUE(ledger.Balanced());
 }
 
-TEST_F(ModulePathTest, AValueThatThrowsIsGivenBack) {
+TEST_F(ModulePathTest, AValueThatThrowsIsReleased) {
     const CRefPtr_T<ThrowingData> value(new ThrowingData(ledger));
     host.SetProperty("zu.env.modules.dir", value);
     EXPECT_THROW(ZuModGetModulePath("zu-codec", false), std::runtime_error);

@@ -59,7 +59,7 @@ TEST_F(AttachRuntime, ASecondHostReplacesTheFirst) {
     EXPECT_EQ(second.Lines(), (Lines{{1, "for the second"}}));
 }
 
-TEST_F(AttachRuntime, AfterTheDetachLinesGoToStandardOutputAndServicesGiveNothing) {
+TEST_F(AttachRuntime, AfterTheDetachLinesGoToStandardOutputAndServicesReturnNothing) {
     RecordingHost host;
     zumod::AttachRuntime(&host);
     ZuModLog(kLogEvent, "attached");

@@ -26,7 +26,7 @@ const LogLine kCreate = {1, "[cameraclient] create"};
 
 class CameraClientCreate : public testing::LoggingTest {
 protected:
-    // A policy with these two values, of which a null name and a version of -1 are left out.
+    // A policy with these two values; a null name and a version of -1 are omitted.
     CRefPtr_T<CountedPolicy> Policy(const char* name, int64_t version) {
         CRefPtr_T<CountedPolicy> policy(new CountedPolicy(ledger));
         if (name != nullptr) {
@@ -38,7 +38,7 @@ protected:
         return policy;
     }
 
-    // What the log says when this policy is refused, which leaves the slot as it was and nothing behind.
+    // The log lines of a refusal of this policy. Checks that the slot is unchanged and nothing leaks.
     std::vector<LogLine> RefusalOf(CRefPtr_T<CountedPolicy> policy) {
         host.TakeLines();
         auto* const untouched = reinterpret_cast<IZUModInterface*>(this);
@@ -54,7 +54,7 @@ protected:
         IZUModInterface* out = nullptr;
         EXPECT_EQ(camera_client_create(policy.Get(), &out), 1);
         ASSERT_NE(out, nullptr);
-        // One reference, in the table of the plugin's host face.
+        // One reference, through the table of IClientCameraPlugin.
         EXPECT_EQ(CallSlot<uint64_t>(out, 2), 2u);
         EXPECT_EQ(CallSlot<int64_t>(out, 3), 1);
         EXPECT_EQ(CallSlot<int>(out, 7), 0);  // ExitInstance
@@ -64,7 +64,7 @@ protected:
     ReferenceLedger ledger;
 };
 
-TEST_F(CameraClientCreate, MakesAPluginAndHandsOutOneReference) {
+TEST_F(CameraClientCreate, CreatesAPluginWithOneReferenceForTheCaller) {
     ExpectCreated(Policy("IClientCameraPlugin", 0x0002000000000000));
     EXPECT_TRUE(ledger.Balanced());
     EXPECT_EQ(
@@ -87,7 +87,7 @@ TEST_F(CameraClientCreate, TheNameIsComparedWithoutRegardToCaseAndTheVersionByIt
     ExpectCreated(Policy("ICLIENTCAMERAPLUGIN", 0x0002FFFFFFFFFFFF));
 }
 
-TEST_F(CameraClientCreate, TakesThePolicyOfTheModulesOwnKind) {
+TEST_F(CameraClientCreate, AcceptsTheReadyMadePolicy) {
     const CRefPtr_T<IZUModCreatePolicy> policy(
         new CZUModCreatePolicyAdapter("IClientCameraPlugin", 0x0002000000000000));
     IZUModInterface* out = nullptr;
@@ -102,7 +102,7 @@ TEST_F(CameraClientCreate, RefusesWithoutAPolicyOrWithoutASlot) {
     EXPECT_EQ(out, nullptr);
     const LogLine line = {8, "[camera_client] camera_client_create invalid param"};
     EXPECT_EQ(host.Lines(), (std::vector<LogLine>{line, line}));
-    EXPECT_EQ(ledger.taken, 1) << "the test's own reference alone";
+    EXPECT_EQ(ledger.taken, 1) << "only the test's own reference";
 }
 
 TEST_F(CameraClientCreate, RefusesAPolicyWithNeitherNameNorVersion) {
@@ -176,7 +176,7 @@ TEST_F(CameraClientCreate, ValuesWithoutBytesCountAsMissing) {
               (LogLine{4, "[camera_client] camera_client_create invalid property!"}));
 }
 
-TEST_F(CameraClientCreate, APolicyThatThrowsIsReleasedOnTheWay) {
+TEST_F(CameraClientCreate, APolicyThatThrowsIsReleased) {
     for (int good = 0; good < 2; ++good) {
         {
             const auto policy = Policy("IClientCameraPlugin", 0x0002000000000000);
@@ -190,7 +190,7 @@ TEST_F(CameraClientCreate, APolicyThatThrowsIsReleasedOnTheWay) {
     }
 }
 
-// Notes how often the policy is held at each line of the log.
+// Records the policy's reference count at each log line.
 class HoldingHost final : public testing::RecordingHost {
 public:
     explicit HoldingHost(const CountedPolicy& policy) : m_policy(policy) {}
@@ -204,7 +204,7 @@ private:
     const CountedPolicy& m_policy;
 };
 
-TEST_F(CameraClientCreate, ThePolicyIsHeldFromTheBeginningToTheEnd) {
+TEST_F(CameraClientCreate, ThePolicyIsReferencedDuringTheWholeCall) {
     const auto held_during = [&](const CRefPtr_T<CountedPolicy>& policy) {
         HoldingHost holding(*policy);
         AttachRuntime(&holding);
@@ -217,14 +217,14 @@ TEST_F(CameraClientCreate, ThePolicyIsHeldFromTheBeginningToTheEnd) {
         }
         return holding.held;
     };
-    // Besides the caller's own reference: when the values are logged, and when the plugin is made or refused.
+    // Besides the caller's reference: when the values are logged, and when the plugin is created or refused.
     EXPECT_EQ(held_during(Policy("IClientCameraPlugin", 0x0002000000000000)), (std::vector<int64_t>{2, 2}));
     EXPECT_EQ(held_during(Policy(nullptr, -1)), (std::vector<int64_t>{2, 2}));
     EXPECT_EQ(held_during(Policy("IClientCamera", 1)), (std::vector<int64_t>{2, 2}));
     EXPECT_EQ(held_during(Policy("IClientCameraPlugin", 1)), (std::vector<int64_t>{2, 2}));
 }
 
-// Notes what it is asked for, and how often it is held then; has nothing.
+// Records the requested keys and its reference count at each request; has no values.
 class AskedPolicy final : public testing::Counted<IZUModCreatePolicy> {
 public:
     using Counted::Counted;
@@ -235,7 +235,7 @@ public:
     std::vector<std::pair<std::string, int64_t>> asked;
 };
 
-TEST_F(CameraClientCreate, TheNameIsAskedForAndThenTheVersion) {
+TEST_F(CameraClientCreate, TheNameIsRequestedBeforeTheVersion) {
     const CRefPtr_T<AskedPolicy> policy(new AskedPolicy(ledger));
     IZUModInterface* out = nullptr;
     EXPECT_EQ(camera_client_create(policy.Get(), &out), 0);
@@ -250,7 +250,7 @@ public:
     IZUModData* GetPolicy(const char*) override { return new testing::ThrowingData(Ledger()); }
 };
 
-TEST_F(CameraClientCreate, AValueThatThrowsIsReleasedOnTheWay) {
+TEST_F(CameraClientCreate, AValueThatThrowsIsReleased) {
     {
         const CRefPtr_T<ThrowingValuePolicy> policy(new ThrowingValuePolicy(ledger));
         IZUModInterface* out = nullptr;
@@ -259,7 +259,7 @@ TEST_F(CameraClientCreate, AValueThatThrowsIsReleasedOnTheWay) {
     EXPECT_TRUE(ledger.Balanced());
 }
 
-TEST_F(CameraClientCreate, AnInterfaceNameOfAnyLengthIsRefusedInOneCutLine) {
+TEST_F(CameraClientCreate, AnInterfaceNameOfAnyLengthIsRefusedInOneTruncatedLine) {
     const std::string name(5000, 'n');
     const std::vector<LogLine> lines = RefusalOf(Policy(name.c_str(), 0x0002000000000000));
     ASSERT_EQ(lines.size(), 2u);

@@ -31,7 +31,7 @@ TEST(LogWithoutAHost, PrintsTheFormattedTextWithANewline) {
     EXPECT_EQ(captured.Text(), "[cameraclient] type: 1A/7 .\n100% next\n");
 }
 
-TEST(LogWithoutAHost, CutsALongTextTheSameWay) {
+TEST(LogWithoutAHost, TruncatesALongTextTheSameWay) {
     const CapturedStdout captured;
     ZuModLog(kLogEvent, "%s", std::string(5000, 'x').c_str());
     EXPECT_EQ(captured.Text(), std::string(4095, 'x') + "\n");
@@ -58,14 +58,14 @@ TEST_F(Log, DeliversATextOf4095CharactersWhole) {
     EXPECT_EQ(host.Lines(), (Lines{{1, text}}));
 }
 
-TEST_F(Log, CutsALongerTextAt4095Characters) {
+TEST_F(Log, TruncatesALongerTextTo4095Characters) {
     ZuModLog(kLogEvent, "%s", (std::string(4095, 'a') + "b").c_str());
     ZuModLog(kLogEvent, "%s%s", std::string(4000, 'c').c_str(), std::string(4000, 'd').c_str());
     EXPECT_EQ(host.Lines(),
               (Lines{{1, std::string(4095, 'a')}, {1, std::string(4000, 'c') + std::string(95, 'd')}}));
 }
 
-TEST_F(Log, HandsOverABufferOf4096BytesZeroBehindTheText) {
+TEST_F(Log, PassesABufferOf4096BytesThatIsZeroAfterTheText) {
     class CheckingHost : public RecordingHost {
     public:
         int WriteLog(uint32_t, const char* text) override {
@@ -75,7 +75,7 @@ TEST_F(Log, HandsOverABufferOf4096BytesZeroBehindTheText) {
         int64_t zeros = 0;
     };
     {
-        // A dirty block of the very size, given back just before.
+        // A block of the same size with other content, freed just before.
         std::vector<char> dirt(4096, 'D');
     }
     CheckingHost checking;
@@ -105,12 +105,12 @@ class ThrowingHost : public RecordingHost {
 public:
     int WriteLog(uint32_t, const char* text) override {
         buffer = text;
-        throw std::runtime_error("no room");
+        throw std::runtime_error("sink");
     }
     const char* buffer = nullptr;
 };
 
-TEST_F(Log, PassesASinksExceptionOnAfterFreeingTheBuffer) {
+TEST_F(Log, PropagatesASinksExceptionAfterFreeingTheBuffer) {
     ThrowingHost throwing;
     AttachRuntime(&throwing);
     const CallWatch watch;
@@ -138,7 +138,7 @@ TEST_F(Log, ASinkMayLogAgainFromInside) {
                 ZuModLog(level, "%s.", text);
                 --m_depth;
             }
-            // The outer buffer is the outer call's own.
+            // The outer call has a separate buffer.
             return RecordingHost::WriteLog(level, text);
         }
 

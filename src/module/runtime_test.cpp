@@ -22,8 +22,8 @@ using testing::CallSlot;
 using testing::CapturedStdout;
 using testing::RecordingHost;
 
-// A host as another compiler would make it: a table of four plain functions, and an object that points at it.
-// The flag is taken as a whole register, to see what was passed beside its low byte.
+// A host as another compiler would build it: a table of four functions, and an object that points at it. The
+// flag is received as a whole register, to see the bits above its low byte.
 struct RawHost {
     struct Table {
         int (*write_log)(RawHost*, uint32_t, const char*);
@@ -64,7 +64,7 @@ class Runtime : public ::testing::Test {
 protected:
     ~Runtime() override { DetachRuntime(); }
 
-    // Whether another thread gets through to the runtime, which it does not while this one holds the lock.
+    // Whether another thread can call the runtime, which it cannot while this thread holds the lock.
     static void ExpectAnotherThreadCanLog() {
         RecordingHost host;
         std::thread([&] {
@@ -91,7 +91,7 @@ TEST_F(Runtime, ForwardsEachOperationToTheSameSlotAndReturnsItsResult) {
                                                     "3: 239 5 6 9833440827789222417", "get key"}));
 }
 
-TEST_F(Runtime, AnswersThroughItsRawSlotsWhichHaveNoDestructor) {
+TEST_F(Runtime, HasFourSlotsAndNoDestructor) {
     RawHost host;
     AttachRuntime(host.AsRuntime());
     const IZUModRuntime* own = runtime;
@@ -103,7 +103,7 @@ TEST_F(Runtime, AnswersThroughItsRawSlotsWhichHaveNoDestructor) {
                                                     "3: 0 5 6 7", "get raw key"}));
 }
 
-TEST_F(Runtime, WithoutASinkPrintsTheTextWithANewlineAndGivesNothing) {
+TEST_F(Runtime, WithoutASinkPrintsTheTextWithANewlineAndReturnsNothing) {
     const IZUModRuntime* own = runtime;
     const CapturedStdout captured;
     CallSlot<int>(own, 0, uint32_t{8}, "a plain %s line");
@@ -114,7 +114,7 @@ TEST_F(Runtime, WithoutASinkPrintsTheTextWithANewlineAndGivesNothing) {
     EXPECT_EQ((CallSlot<void*>(own, 3, "zu.env.modules.dir")), nullptr);
 }
 
-TEST_F(Runtime, HoldsItsLockThenItsSinkThenItsFlag) {
+TEST_F(Runtime, StoresItsLockThenItsSinkThenItsFlag) {
     RawHost host;
     AttachRuntime(host.AsRuntime());
     const auto* bytes = reinterpret_cast<const char*>(runtime);
@@ -144,35 +144,35 @@ public:
     IZUModData* GetEnvProperty(const char*) override { throw std::runtime_error("property"); }
 };
 
-TEST_F(Runtime, LeavesItsLockFreeWhenTheSinkThrowsFromALogLine) {
+TEST_F(Runtime, ReleasesItsLockWhenTheSinkThrowsFromALogLine) {
     ThrowingHost host;
     AttachRuntime(&host);
     EXPECT_THROW(runtime->WriteLog(1, "text"), std::runtime_error);
     ExpectAnotherThreadCanLog();
 }
 
-TEST_F(Runtime, LeavesItsLockFreeWhenTheSinkThrowsFromTheSecondService) {
+TEST_F(Runtime, ReleasesItsLockWhenTheSinkThrowsFromTheSecondService) {
     ThrowingHost host;
     AttachRuntime(&host);
     EXPECT_THROW(runtime->Service2(0, 0, 0, 0, 0), std::runtime_error);
     ExpectAnotherThreadCanLog();
 }
 
-TEST_F(Runtime, LeavesItsLockFreeWhenTheSinkThrowsFromTheThirdService) {
+TEST_F(Runtime, ReleasesItsLockWhenTheSinkThrowsFromTheThirdService) {
     ThrowingHost host;
     AttachRuntime(&host);
     EXPECT_THROW(runtime->Service3(0, 0, 0, 0), std::runtime_error);
     ExpectAnotherThreadCanLog();
 }
 
-TEST_F(Runtime, LeavesItsLockFreeWhenTheSinkThrowsFromThePropertyLookUp) {
+TEST_F(Runtime, ReleasesItsLockWhenTheSinkThrowsFromThePropertyLookUp) {
     ThrowingHost host;
     AttachRuntime(&host);
     EXPECT_THROW(runtime->GetEnvProperty("key"), std::runtime_error);
     ExpectAnotherThreadCanLog();
 }
 
-// From inside each operation, calls another.
+// Calls another operation from inside each operation.
 class TalkativeHost : public RecordingHost {
 public:
     int WriteLog(uint32_t level, const char* text) override {
@@ -227,7 +227,7 @@ TEST_F(Runtime, LetsTheSinkDetachItselfFromInside) {
     EXPECT_EQ(captured.Text(), "for nobody\n");
 }
 
-// Knows whether it is attached; the runtime's lock alone keeps its fields from being raced for.
+// Records whether it is attached. Only the runtime's lock protects its fields.
 class FragileHost : public RecordingHost {
 public:
     int WriteLog(uint32_t, const char*) override {
@@ -257,7 +257,7 @@ TEST_F(Runtime, ASinkThatWasReplacedWhileOthersLogIsNotCalledAgainAndNoLineIsLos
     for (size_t current = 0; finished < kThreads; current = 1 - current) {
         hosts[1 - current].attached = true;
         AttachRuntime(&hosts[1 - current]);
-        // From here on the other one may go: its next caller would be wrong.
+        // From here on the other sink must not be called.
         hosts[current].attached = false;
     }
     for (std::thread& each : threads) {
@@ -266,7 +266,7 @@ TEST_F(Runtime, ASinkThatWasReplacedWhileOthersLogIsNotCalledAgainAndNoLineIsLos
     EXPECT_EQ(hosts[0].lines + hosts[1].lines, kThreads * kLines);
 }
 
-TEST_F(Runtime, AHostThatCameAndWentWhileOthersLogLosesNothingToABrokenLine) {
+TEST_F(Runtime, NoLineIsBrokenWhileAHostAttachesAndDetachesAndOthersLog) {
     constexpr int kLines = 1000;
     RecordingHost host;
     std::string printed;

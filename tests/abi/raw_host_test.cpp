@@ -1,5 +1,5 @@
-// The whole start and stop of the module as a host written by someone else makes it: a descriptor, tables of
-// functions, slot numbers, and nothing of the SDK.
+// Start and stop of the module by a host that does not use the SDK: it knows only a descriptor, tables of
+// functions and slot numbers.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -17,7 +17,7 @@ namespace {
 using namespace zumod::testing;
 using namespace zumod::testing::raw;
 
-TEST(RawHost, StartsServesAndStopsThroughSlotsAlone) {
+TEST(RawHost, StartsServesAndStopsThroughSlotsOnly) {
     void* library = dlopen(ZU_MODULE_FILE, RTLD_NOW);
     ASSERT_NE(library, nullptr) << dlerror();
     ASSERT_NE(dlsym(library, "zumod_get_entrypoint"), nullptr);

@@ -1,7 +1,7 @@
-// A host made of the SDK's headers and nothing else, in C++17: loads the module, attaches a runtime, creates
-// the plugin, runs it on a stream that closes, and takes everything down again, as often as it is told.
+// A host built only from the SDK's headers, in C++17: loads the module, attaches a runtime, creates the
+// plugin, runs it on a stream that closes, and unloads everything again, in each cycle.
 //
-// Usage: sdk_host MODULE CYCLES PROCESSES. Each process makes the cycles; exits 0 when none of them left a
+// Usage: sdk_host MODULE CYCLES PROCESSES. Each process runs the cycles; exits with 0 if no process left a
 // mapping, a thread, a descriptor or a heap block behind.
 #include <dirent.h>
 #include <dlfcn.h>
@@ -18,12 +18,12 @@
 
 namespace {
 
-#define CHECK(condition)                                                                 \
-    do {                                                                                 \
-        if (!(condition)) {                                                              \
-            std::fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
-            std::exit(1);                                                                \
-        }                                                                                \
+#define CHECK(condition)                                                                       \
+    do {                                                                                       \
+        if (!(condition)) {                                                                    \
+            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
+            std::exit(1);                                                                      \
+        }                                                                                      \
     } while (false)
 
 class Runtime final : public zumod::IZUModRuntime {
@@ -42,7 +42,7 @@ public:
     int lines = 0;
 };
 
-// Asks for the version and closes.
+// Requests the version and closes.
 class Stream final : public zumod::CCounted_T<zumod::IChannelStream> {
 public:
     int Read(void* data, unsigned long size, unsigned long* done) override {
@@ -123,7 +123,7 @@ struct Holdings {
 };
 
 void ManyCycles(const char* path, int cycles) {
-    // The first cycles make the C library allocate for itself, once.
+    // In the first cycles the C library allocates memory that it keeps.
     constexpr int kWarmUpCycles = 3;
     const auto run = [path](int count) {
         for (int cycle = 0; cycle < count; ++cycle) {
