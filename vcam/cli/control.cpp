@@ -15,7 +15,7 @@ constexpr size_t kLineSize = 4096;
 
 Expected<std::string> SendControl(const std::string& line, std::string server_name) {
     if (server_name.empty()) {
-        const char* name = std::getenv(kServerVariable);
+        const char* name = std::getenv(kServerVariable);  // NOLINT(concurrency-mt-unsafe): no thread sets it
         server_name = name == nullptr ? "" : name;
     }
     if (server_name.empty()) {

@@ -1,9 +1,9 @@
 // zu-vcam: runs a command with virtual cameras.
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -143,6 +143,8 @@ Expected<int> RunControl(int count, const char* const* words) {
     });
 }
 
+// The server's threads do not use the environment.
+// NOLINTBEGIN(concurrency-mt-unsafe)
 void SetEnvironment(const std::string& library, const std::string& server_name) {
     const char* others = getenv("LD_PRELOAD");
     // Behind the others: a sanitizer's run-time library must be the first.
@@ -150,14 +152,16 @@ void SetEnvironment(const std::string& library, const std::string& server_name) 
     setenv("LD_PRELOAD", preload.c_str(), 1);
     setenv(kServerVariable, server_name.c_str(), 1);
 }
+// NOLINTEND(concurrency-mt-unsafe)
 
 [[noreturn]] void Execute(std::vector<std::string> command, const sigset_t& signals) {
     std::vector<char*> words;
+    words.reserve(command.size() + 1);
     for (std::string& word : command) {
         words.push_back(word.data());
     }
     words.push_back(nullptr);
-    sigprocmask(SIG_SETMASK, &signals, nullptr);
+    pthread_sigmask(SIG_SETMASK, &signals, nullptr);
     execvp(words[0], words.data());
     const int error = errno;
     std::fprintf(stderr, "%s: cannot run \"%s\": %s\n", kProgram, words[0], ErrnoText(error).c_str());
@@ -197,7 +201,7 @@ Expected<int> RunCommand(Options options) {
     for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2}) {
         sigaddset(&handled, signal);
     }
-    sigprocmask(SIG_BLOCK, &handled, &before);
+    pthread_sigmask(SIG_BLOCK, &handled, &before);
     std::string error;
     const auto server = CameraServer::Start(std::move(options.cameras), error, options.server_name);
     if (!server) {
@@ -224,6 +228,7 @@ Expected<int> Run(int count, const char* const* words) {
 }  // namespace
 }  // namespace zumod::vcam
 
+// NOLINTNEXTLINE(bugprone-exception-escape): an exception nobody expects may end the program
 int main(int argc, char** argv) {
     const auto status = zumod::vcam::Run(argc, argv);
     return status ? *status : zumod::ReportError(zumod::vcam::kProgram, status.error());

@@ -79,7 +79,7 @@ size_t CompressJpeg(const PictureLayout& layout, uint8_t* picture, uint8_t* out,
     jpeg_finish_compress(&compressor);
     jpeg_destroy_compress(&compressor);
     if (memory != out) {
-        // The library moved to a larger buffer of its own.
+        // The library allocated a larger buffer.
         std::free(memory);
         return 0;
     }

@@ -98,7 +98,8 @@ void Pattern::PaintStamp(uint8_t* out, const Stamp& stamp) const {
         if (!bits[bit]) {
             continue;  // the still picture is already black here
         }
-        uint8_t* corner = out + bit / grid.columns * grid.block * stride + bit % grid.columns * block_bytes;
+        uint8_t* corner =
+            out + size_t{bit / grid.columns} * grid.block * stride + bit % grid.columns * block_bytes;
         CopyRows(corner, stride, m_white.data(), 0, grid.block, block_bytes);
     }
 }

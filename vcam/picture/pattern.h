@@ -26,7 +26,7 @@ public:
 private:
     // Bytes of one row of a tile in the first plane.
     static constexpr unsigned kMaxPixelBytes = 4;
-    using TileRow = std::array<uint8_t, kTile * kMaxPixelBytes>;
+    using TileRow = std::array<uint8_t, size_t{kTile} * kMaxPixelBytes>;
     using Tile = std::array<TileRow, kTile>;
 
     void PaintStamp(uint8_t* out, const Stamp& stamp) const;
@@ -41,7 +41,7 @@ private:
     std::vector<Tile> m_glyphs;    // by letter, from the space on
     TileRow m_square{};
     // A row of the square's chroma for formats that interleave both samples.
-    std::array<uint8_t, Scene::kGreatestSquare * kTile> m_chroma_row{};
+    std::array<uint8_t, size_t{Scene::kGreatestSquare} * kTile> m_chroma_row{};
 };
 
 }  // namespace zumod::vcam

@@ -19,13 +19,14 @@ void PlanarImage::Fill(unsigned left, unsigned top, unsigned fill_width, unsigne
     const unsigned right = std::min(left + fill_width, width);
     const unsigned bottom = std::min(top + fill_height, height);
     for (unsigned row = top; row < bottom; ++row) {
-        std::fill(y.begin() + row * width + left, y.begin() + row * width + right, colour.y);
+        uint8_t* line = &y[size_t{row} * width];
+        std::fill(line + left, line + right, colour.y);
     }
     for (unsigned row = top / 2; row < (bottom + 1) / 2; ++row) {
-        std::fill(u.begin() + row * chroma_width + left / 2, u.begin() + row * chroma_width + (right + 1) / 2,
-                  colour.u);
-        std::fill(v.begin() + row * chroma_width + left / 2, v.begin() + row * chroma_width + (right + 1) / 2,
-                  colour.v);
+        uint8_t* blue = &u[size_t{row} * chroma_width];
+        uint8_t* red = &v[size_t{row} * chroma_width];
+        std::fill(blue + left / 2, blue + (right + 1) / 2, colour.u);
+        std::fill(red + left / 2, red + (right + 1) / 2, colour.v);
     }
 }
 

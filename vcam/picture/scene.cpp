@@ -58,7 +58,8 @@ void Scene::PaintLabel(const std::string& label) {
         for (unsigned y = 0; y < kTile; ++y) {
             for (unsigned x = 0; x < kTile; ++x) {
                 if (glyph[y][x]) {
-                    m_background.y[size_t{m_label_row * kTile + y} * m_background.width + i * kTile + x] =
+                    m_background
+                        .y[size_t{m_label_row * kTile + y} * m_background.width + size_t{i} * kTile + x] =
                         kLetterLuma;
                 }
             }

@@ -72,7 +72,7 @@ int Dequeue(int fd, const FileIdentity& identity, CameraBoard& board, const Chan
             }
             return error;
         }
-        Record record;
+        Record record{};
         const long received = Receive(fd, record, 0);
         if (received == -EINTR || received == -EAGAIN) {
             return static_cast<int>(-received);
@@ -159,7 +159,7 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
 
 // Discards the records of earlier streams, so that the descriptor is readable only for the new one.
 void DropStale(int fd, const CameraBoard& board) {
-    Record record;
+    Record record{};
     while (Receive(fd, record, MSG_PEEK | MSG_DONTWAIT) == static_cast<long>(sizeof record)) {
         if (record.kind != RecordKind::kMark &&
             record.stream == board.stream.load(std::memory_order_acquire)) {
@@ -173,7 +173,7 @@ void DropStale(int fd, const CameraBoard& board) {
 void TakeEventMark(int fd) {
     char byte = 0;
     RawCall(SYS_recvfrom, fd, Word(&byte), 1, MSG_OOB | MSG_DONTWAIT);
-    Record record;
+    Record record{};
     if (Receive(fd, record, MSG_PEEK | MSG_DONTWAIT) < 0) {
         Receive(fd, record, MSG_DONTWAIT);
     }

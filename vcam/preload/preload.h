@@ -46,7 +46,12 @@ inline int TakeNumber(const char*& text) {
     return static_cast<int>(number);
 }
 
-// Writes a number in decimal, without a NUL, and returns its end.
+// Each writes without a NUL and returns the end of what it wrote.
+inline char* PutText(char* out, const char* text) {
+    const size_t length = std::strlen(text);
+    std::memcpy(out, text, length);
+    return out + length;
+}
 inline constexpr unsigned kMaxDigits = 10;
 inline char* PutNumber(char* out, unsigned number) {
     return std::to_chars(out, out + kMaxDigits, number).ptr;

@@ -94,8 +94,7 @@ dirent* ReadEntry(DIR* stream, Read real) {
     entry.d_ino = kFirstInode + number;
     entry.d_reclen = sizeof entry;
     entry.d_type = DT_CHR;
-    std::strcpy(entry.d_name, "video");
-    *PutNumber(entry.d_name + std::strlen(entry.d_name), number) = 0;
+    *PutNumber(PutText(entry.d_name, "video"), number) = 0;
     return &entry;
 }
 
@@ -125,10 +124,11 @@ int Scan(const char* path, dirent*** list, int (*filter)(const dirent*),
     dirent** found = nullptr;
     size_t count = 0;
     bool failed = false;
-    while (dirent* entry = readdir(stream)) {
+    while (dirent* entry = readdir(stream)) {  // NOLINT(concurrency-mt-unsafe): our own stream
         if (filter != nullptr && filter(entry) == 0) {
             continue;
         }
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers
         auto** grown = static_cast<dirent**>(std::realloc(found, (count + 1) * sizeof *found));
         auto* copy = grown == nullptr ? nullptr : static_cast<dirent*>(std::malloc(sizeof(dirent)));
         if (grown != nullptr) {
@@ -152,6 +152,7 @@ int Scan(const char* path, dirent*** list, int (*filter)(const dirent*),
     }
     if (compare != nullptr && count > 1) {
         using Compare = int (*)(const void*, const void*);
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers
         std::qsort(found, count, sizeof *found, reinterpret_cast<Compare>(compare));
     }
     *list = found;
@@ -226,6 +227,7 @@ ZU_VCAM_EXPORT int glob(const char* pattern, int flags, int (*error)(const char*
                         glob_t* result) __THROW {
     if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
         UseOurFunctions(*result);
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): glob's own stream
         result->gl_readdir = [](void* stream) { return readdir(static_cast<DIR*>(stream)); };
         result->gl_lstat = &lstat;
         result->gl_stat = &stat;

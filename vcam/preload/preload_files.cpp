@@ -12,6 +12,7 @@
 #include "vcam/preload/raw_system.h"
 #include "vcam/preload/rpc_client.h"
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives these names
 // The fortified variants, which <fcntl.h> does not declare.
 extern "C" {
 int __open_2(const char* path, int flags);
@@ -20,6 +21,7 @@ int __openat_2(int directory, const char* path, int flags);
 int __openat64_2(int directory, const char* path, int flags);
 ssize_t __read_chk(int fd, void* buffer, size_t size, size_t buffer_size);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace zumod::vcam {
 namespace {
@@ -117,10 +119,12 @@ using namespace zumod::vcam;
         return fd != kNotOurs ? fd : ZU_VCAM_REAL(name)(__VA_ARGS__); \
     }
 
+// NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the macro starts the list
 ZU_VCAM_OPEN(open, (const char* path, int flags, ...), AT_FDCWD, path, flags)
 ZU_VCAM_OPEN(open64, (const char* path, int flags, ...), AT_FDCWD, path, flags)
 ZU_VCAM_OPEN(openat, (int directory, const char* path, int flags, ...), directory, directory, path, flags)
 ZU_VCAM_OPEN(openat64, (int directory, const char* path, int flags, ...), directory, directory, path, flags)
+// NOLINTEND(clang-analyzer-valist.Uninitialized)
 ZU_VCAM_OPEN_WITHOUT_MODE(__open_2, (const char* path, int flags), AT_FDCWD, path, flags)
 ZU_VCAM_OPEN_WITHOUT_MODE(__open64_2, (const char* path, int flags), AT_FDCWD, path, flags)
 ZU_VCAM_OPEN_WITHOUT_MODE(__openat_2, (int directory, const char* path, int flags), directory, directory,
@@ -157,8 +161,10 @@ ZU_VCAM_EXPORT int dup3(int fd, int to, int flags) __THROW {
         return FixResult(fd, command, ZU_VCAM_REAL(name)(fd, command, argument)); \
     }
 
+// NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the macro starts the list
 ZU_VCAM_FCNTL(fcntl)
 ZU_VCAM_FCNTL(fcntl64)
+// NOLINTEND(clang-analyzer-valist.Uninitialized)
 
 // The cameras only stream; like such a driver they refuse read and write.
 ZU_VCAM_EXPORT ssize_t read(int fd, void* buffer, size_t size) {

@@ -15,6 +15,7 @@
 #include "vcam/preload/preload.h"
 #include "vcam/preload/raw_system.h"
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives these names
 // The fortified variants, and what programs built with a glibc before 2.33 call.
 extern "C" {
 char* __realpath_chk(const char* path, char* resolved, size_t size);
@@ -28,6 +29,7 @@ int __fxstat64(int version, int fd, struct stat64* result);
 int __fxstatat(int version, int directory, const char* path, struct stat* result, int flags);
 int __fxstatat64(int version, int directory, const char* path, struct stat64* result, int flags);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace zumod::vcam {
 namespace {
@@ -101,10 +103,7 @@ Answer ResolveNode(const char* path, char** resolved) {
         *resolved = static_cast<char*>(std::malloc(PATH_MAX));
     }
     if (*resolved != nullptr) {
-        // The path is absolute or relative to /dev; the name is the same.
-        const char* name = std::strrchr(path, '/');
-        std::strcpy(*resolved, "/dev/");
-        std::strcat(*resolved, name == nullptr ? path : name + 1);
+        *PutNumber(PutText(*resolved, "/dev/video"), static_cast<unsigned>(number)) = 0;
     }
     return answer;
 }

@@ -21,8 +21,7 @@ bool IsDevDirectory(int directory) {
     char link[40] = "/proc/self/cwd";
     if (directory != AT_FDCWD) {
         char* next = link + sizeof "/proc/self/" - 1;
-        std::memcpy(next, "fd/", 3);
-        *PutNumber(next + 3, static_cast<unsigned>(directory)) = 0;
+        *PutNumber(PutText(next, "fd/"), static_cast<unsigned>(directory)) = 0;
     }
     char target[sizeof kDirectory];
     const long length = RawCall(SYS_readlinkat, AT_FDCWD, Word(link), Word(target), sizeof target);
@@ -65,7 +64,7 @@ CameraBoard* MapBoards(const FileIdentity& identity) {
 }  // namespace
 
 const char* ServerName() {
-    return std::getenv(kServerVariable);
+    return std::getenv(kServerVariable);  // NOLINT(concurrency-mt-unsafe): set before the program started
 }
 
 int ReadNodeName(const char* name) {

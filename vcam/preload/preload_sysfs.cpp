@@ -34,11 +34,7 @@ struct Writer {
     char text[80];
     size_t size = 0;
 
-    void Put(const char* more) {
-        const size_t length = std::strlen(more);
-        std::memcpy(text + size, more, length);
-        size += length;
-    }
+    void Put(const char* more) { size = static_cast<size_t>(PutText(text + size, more) - text); }
     void Put(unsigned number) { size = static_cast<size_t>(PutNumber(text + size, number) - text); }
 };
 

@@ -62,7 +62,7 @@ int Exchange(int socket, const Request& request, const iovec* parts, int part_co
         return sent == -EFAULT ? EFAULT : ENODEV;
     }
     all[0] = {&reply, sizeof reply};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
     message.msg_control = control;
     message.msg_controllen = sizeof control;
     const int flags = close_on_exec ? MSG_CMSG_CLOEXEC : 0;
