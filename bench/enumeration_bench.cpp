@@ -12,19 +12,12 @@
 #include "src/capture/device_calls.h"
 #include "src/module/attach_runtime.h"
 #include "tests/support/doubles/device_double.h"
+#include "tests/support/doubles/quiet_host.h"
 
 namespace zumod::bench {
 namespace {
 
 constexpr double kLimit = 1.15;
-
-class SilentHost final : public IZUModRuntime {
-public:
-    int WriteLog(uint32_t, const char*) override { return 0; }
-    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    IZUModData* GetEnvProperty(const char*) override { return nullptr; }
-};
 
 constexpr uint32_t kSizes[][2] = {
     {128, 96},  {160, 120},  {176, 144},  {320, 240},  {352, 288},  {640, 480},  {704, 576},   {800, 600},
@@ -67,7 +60,7 @@ void MakeTheCalls(WritePath write_path) {
 
 template <class WritePath>
 void MeasureCameraList(benchmark::State& state, WritePath write_path) {
-    SilentHost host;
+    testing::QuietHost host;
     AttachRuntime(&host);
     testing::DeviceDouble devices;
     devices.SetRecording(false);

@@ -61,8 +61,8 @@ TEST_F(CaptureThreadTest, AThreadThatStartsDuringAStopOnlyLogsItsStartAndEnd) {
     });
     LinuxV4L2CameraCapture capture;
     ASSERT_TRUE(capture.startCapture());
-    host.before_return = [&, lines = host.OwnerLines().size() + 2] {
-        if (host.OwnerLines().size() != lines) {
+    host.OnLine([&, lines = host.OwnerLines().size() + 2](uint32_t, const char*) {
+        if (!host.IsOwnThread() || host.OwnerLines().size() != lines) {
             return;
         }
         EXPECT_EQ(host.OwnerLines().back().text,
@@ -73,7 +73,7 @@ TEST_F(CaptureThreadTest, AThreadThatStartsDuringAStopOnlyLogsItsStartAndEnd) {
             asleep = passed != 0 && IsAsleep(passed) ? asleep + 1 : 0;
             return asleep == 20;
         }));
-    };
+    });
     capture.stopCapture();
     EXPECT_EQ(host.OtherLines(), (LogLines{{1, "[LinuxV4L2CameraCapture] work thread start, devid 0"},
                                            {1, "[LinuxV4L2CameraCapture] work thread finish, devid 0"}}));

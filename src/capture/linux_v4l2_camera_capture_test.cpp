@@ -667,14 +667,14 @@ TEST_F(CaptureTest, AnExceptionAtAnyLineOfAStartLeavesTheCaptureIdleAndUnlocked)
     for (size_t failing = 1; failing <= StartLines().size(); ++failing) {
         LinuxV4L2CameraCapture capture;
         size_t lines = 0;
-        host.before_return = [&lines, failing] {
-            if (++lines == failing) {
+        host.OnLine([&](uint32_t, const char*) {
+            if (host.IsOwnThread() && ++lines == failing) {
                 throw SinkFailure();
             }
-        };
+        });
         devices.SetCamera(0, Nv12Camera());
         EXPECT_THROW(capture.startCapture(), SinkFailure) << failing;
-        host.before_return = nullptr;
+        host.OnLine(nullptr);
         EXPECT_EQ(devices.OpenDescriptors(), 0) << failing;
         EXPECT_EQ(devices.Mappings(), 0) << failing;
 
@@ -689,13 +689,13 @@ TEST_F(CaptureTest, AnExceptionAtAnyLineOfAStopLeavesTheCaptureIdleAndUnlocked) 
         LinuxV4L2CameraCapture capture;
         ASSERT_TRUE(capture.startCapture());
         size_t lines = 0;
-        host.before_return = [&lines, failing] {
-            if (++lines == failing) {
+        host.OnLine([&](uint32_t, const char*) {
+            if (host.IsOwnThread() && ++lines == failing) {
                 throw SinkFailure();
             }
-        };
+        });
         EXPECT_THROW(capture.stopCapture(), SinkFailure) << failing;
-        host.before_return = nullptr;
+        host.OnLine(nullptr);
         EXPECT_EQ(devices.OpenDescriptors(), 0) << failing;
         EXPECT_EQ(devices.Mappings(), 0) << failing;
         EXPECT_TRUE(capture.isStopping());
@@ -708,9 +708,13 @@ TEST_F(CaptureTest, TheDestructorSwallowsAnExceptionOfTheSink) {
     {
         LinuxV4L2CameraCapture capture;
         ASSERT_TRUE(capture.startCapture());
-        host.before_return = [] { throw SinkFailure(); };
+        host.OnLine([this](uint32_t, const char*) {
+            if (host.IsOwnThread()) {
+                throw SinkFailure();
+            }
+        });
     }
-    host.before_return = nullptr;
+    host.OnLine(nullptr);
     EXPECT_EQ(devices.OpenDescriptors(), 0);
 }
 

@@ -418,42 +418,30 @@ TEST_F(LoadModuleTest, APolicyThatThrowsAfterSomeValuesIsReleased) {
     EXPECT_EQ(TimesMapped(TestModulePath("recording")), 1);
 }
 
-// While a module is attached, lets another thread log and waits until it has done so.
-class LoggingElsewhereHost final : public testing::RecordingHost {
-public:
-    ~LoggingElsewhereHost() override {
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-
-    int WriteLog(uint32_t level, const char* text) override {
+TEST(LoadModule, NoLockIsHeldWhileAModuleIsAttached) {
+    testing::RecordingHost host;
+    std::thread other;
+    bool could_log = false;
+    // While a module is attached, lets another thread log and waits until it has done so.
+    host.OnLine([&](uint32_t, const char* text) {
         if (std::string(text) == "[codec] attach") {
             std::promise<void> logged;
             std::future<void> done = logged.get_future();
-            m_thread = std::thread([logged = std::move(logged)]() mutable {
+            other = std::thread([logged = std::move(logged)]() mutable {
                 ZuModLog(kLogEvent, "elsewhere");
                 logged.set_value();
             });
             could_log = done.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
         }
-        return RecordingHost::WriteLog(level, text);
-    }
-
-    bool could_log = false;
-
-private:
-    std::thread m_thread;
-};
-
-TEST(LoadModule, NoLockIsHeldWhileAModuleIsAttached) {
-    LoggingElsewhereHost host;
+    });
     host.SetProperty("zu.env.modules.dir", CZUModData::FromText(TestModuleDir("closable").c_str()));
     AttachRuntime(&host);
     IZUModInterface* out = nullptr;
     void* handle = nullptr;
     ZuModLoadModule(&out, "zu-codec", EncoderPolicy(), &handle, false);
-    EXPECT_TRUE(host.could_log);
+    EXPECT_TRUE(could_log);
+    ASSERT_TRUE(other.joinable());
+    other.join();
     ASSERT_NE(out, nullptr);
     out->Release();
     ZuModUnloadModule(handle);

@@ -190,32 +190,18 @@ TEST_F(CameraClientCreate, APolicyThatThrowsIsReleased) {
     }
 }
 
-// Records the policy's reference count at each log line.
-class HoldingHost final : public testing::RecordingHost {
-public:
-    explicit HoldingHost(const CountedPolicy& policy) : m_policy(policy) {}
-    int WriteLog(uint32_t, const char*) override {
-        held.push_back(m_policy.References());
-        return 0;
-    }
-    std::vector<int64_t> held;
-
-private:
-    const CountedPolicy& m_policy;
-};
-
 TEST_F(CameraClientCreate, ThePolicyIsReferencedDuringTheWholeCall) {
     const auto held_during = [&](const CRefPtr_T<CountedPolicy>& policy) {
-        HoldingHost holding(*policy);
-        AttachRuntime(&holding);
+        std::vector<int64_t> held;
+        host.OnLine([&](uint32_t, const char*) { held.push_back(policy->References()); });
         IZUModInterface* out = nullptr;
         const int created = camera_client_create(policy.Get(), &out);
-        AttachRuntime(&host);
+        host.OnLine(nullptr);
         EXPECT_EQ(policy->References(), 1);
         if (created == 1) {
             CallSlot<int64_t>(out, 3);
         }
-        return holding.held;
+        return held;
     };
     // Besides the caller's reference: when the values are logged, and when the plugin is created or refused.
     EXPECT_EQ(held_during(Policy("IClientCameraPlugin", 0x0002000000000000)), (std::vector<int64_t>{2, 2}));

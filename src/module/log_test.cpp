@@ -66,60 +66,39 @@ TEST_F(Log, TruncatesALongerTextTo4095Characters) {
 }
 
 TEST_F(Log, PassesABufferOf4096BytesThatIsZeroAfterTheText) {
-    class CheckingHost : public RecordingHost {
-    public:
-        int WriteLog(uint32_t, const char* text) override {
-            zeros = std::count(text, text + 4096, '\0');
-            return 0;
-        }
-        int64_t zeros = 0;
-    };
     {
         // A block of the same size with other content, freed just before.
         std::vector<char> dirt(4096, 'D');
     }
-    CheckingHost checking;
-    AttachRuntime(&checking);
+    int64_t zeros = 0;
+    host.OnLine([&](uint32_t, const char* text) { zeros = std::count(text, text + 4096, '\0'); });
     ZuModLog(kLogEvent, "0123456789");
-    EXPECT_EQ(checking.zeros, 4086);
+    EXPECT_EQ(zeros, 4086);
 }
 
 TEST_F(Log, AllocatesOneBufferOf4096BytesAndFreesIt) {
-    class AddressHost : public RecordingHost {
-    public:
-        int WriteLog(uint32_t, const char* text) override {
-            buffer = text;
-            return 0;
-        }
-        const char* buffer = nullptr;
-    };
-    AddressHost address;
-    AttachRuntime(&address);
+    const char* buffer = nullptr;
+    host.OnLine([&](uint32_t, const char* text) { buffer = text; });
     const CallWatch watch;
     ZuModLog(kLogEvent, "x");
     EXPECT_EQ(watch.Count(CallWatch::calloc, 4096), 1);
-    EXPECT_EQ(watch.FreesOf(address.buffer), 1);
+    EXPECT_EQ(watch.FreesOf(buffer), 1);
 }
 
-class ThrowingHost : public RecordingHost {
-public:
-    int WriteLog(uint32_t, const char* text) override {
+TEST_F(Log, PropagatesASinksExceptionAfterFreeingTheBuffer) {
+    const char* buffer = nullptr;
+    host.OnLine([&](uint32_t, const char* text) {
         buffer = text;
         throw std::runtime_error("sink");
-    }
-    const char* buffer = nullptr;
-};
-
-TEST_F(Log, PropagatesASinksExceptionAfterFreeingTheBuffer) {
-    ThrowingHost throwing;
-    AttachRuntime(&throwing);
+    });
     const CallWatch watch;
     EXPECT_THROW(ZuModLog(kLogEvent, "x"), std::runtime_error);
-    EXPECT_EQ(watch.FreesOf(throwing.buffer), 1);
+    EXPECT_EQ(watch.FreesOf(buffer), 1);
 }
 
 TEST_F(Log, AnotherThreadCanLogAfterASinkThrew) {
-    ThrowingHost throwing;
+    RecordingHost throwing;
+    throwing.OnLine([](uint32_t, const char*) { throw std::runtime_error("sink"); });
     AttachRuntime(&throwing);
     EXPECT_THROW(ZuModLog(kLogEvent, "x"), std::runtime_error);
     std::thread([&] {
@@ -130,25 +109,18 @@ TEST_F(Log, AnotherThreadCanLogAfterASinkThrew) {
 }
 
 TEST_F(Log, ASinkMayLogAgainFromInside) {
-    class EchoingHost : public RecordingHost {
-    public:
-        int WriteLog(uint32_t level, const char* text) override {
-            if (m_depth < 3) {
-                ++m_depth;
-                ZuModLog(level, "%s.", text);
-                --m_depth;
-            }
-            // The outer call has a separate buffer.
-            return RecordingHost::WriteLog(level, text);
+    int depth = 0;
+    host.OnLine([&](uint32_t level, const char* text) {
+        const std::string before = text;
+        if (depth < 3) {
+            ++depth;
+            ZuModLog(level, "%s.", text);
+            --depth;
         }
-
-    private:
-        int m_depth = 0;
-    };
-    EchoingHost echoing;
-    AttachRuntime(&echoing);
+        EXPECT_EQ(text, before) << "the inner call has changed the outer call's buffer";
+    });
     ZuModLog(kLogEvent, "echo");
-    EXPECT_EQ(echoing.Lines(), (Lines{{1, "echo..."}, {1, "echo.."}, {1, "echo."}, {1, "echo"}}));
+    EXPECT_EQ(host.Lines(), (Lines{{1, "echo"}, {1, "echo."}, {1, "echo.."}, {1, "echo..."}}));
 }
 
 TEST_F(Log, WithoutMemoryDropsTheLine) {

@@ -211,14 +211,8 @@ TEST_F(Runtime, LetsTheSinkCallBackFromInsideEveryOperation) {
 }
 
 TEST_F(Runtime, LetsTheSinkDetachItselfFromInside) {
-    class LeavingHost : public RecordingHost {
-    public:
-        int WriteLog(uint32_t level, const char* text) override {
-            DetachRuntime();
-            return RecordingHost::WriteLog(level, text);
-        }
-    };
-    LeavingHost host;
+    RecordingHost host;
+    host.OnLine([](uint32_t, const char*) { DetachRuntime(); });
     AttachRuntime(&host);
     const CapturedStdout captured;
     ZuModLog(kLogEvent, "the last");

@@ -14,6 +14,7 @@
 #include "src/module/attach_runtime.h"
 #include "tests/fuzz/check.h"
 #include "tests/support/doubles/encode_call.h"
+#include "tests/support/doubles/quiet_host.h"
 #include "zumod/runtime.h"
 #include "zumod/values.h"
 
@@ -23,21 +24,6 @@ namespace {
 
 constexpr std::size_t kMostPictures = 4;
 
-// Drops log lines and selects the fastest encoder.
-class Host final : public IZUModRuntime {
-public:
-    virtual ~Host() = default;
-    int WriteLog(uint32_t /*level*/, const char* /*text*/) override { return 0; }
-    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    IZUModData* GetEnvProperty(const char* key) override {
-        return std::strcmp(key, kEnvPreset) == 0 ? m_preset.Get() : nullptr;
-    }
-
-private:
-    const CRefPtr_T<IZUModData> m_preset = CZUModData::FromText("ultrafast");
-};
-
 bool BeginsWithStartCode(const std::vector<uint8_t>& bytes) {
     return bytes.size() > 4 && bytes[0] == 0 && bytes[1] == 0 &&
            (bytes[2] == 1 || (bytes[2] == 0 && bytes[3] == 1));
@@ -46,7 +32,8 @@ bool BeginsWithStartCode(const std::vector<uint8_t>& bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static Host host;
+    static testing::QuietHost host;
+    host.SetProperty(kEnvPreset, CZUModData::FromText("ultrafast"));
     AttachRuntime(&host);
     if (size == 0) {
         return 0;

@@ -8,12 +8,13 @@
 #include <cstdlib>
 
 #include "src/base/mem_buffer.h"
+#include "src/module/attach_runtime.h"
 #include "src/plugin/channel_io.h"
 #include "src/plugin/client_camera.h"
 #include "tests/fuzz/camera_channel_model.h"
 #include "tests/fuzz/check.h"
 #include "tests/support/doubles/client_camera_double.h"
-#include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/quiet_host.h"
 #include "tests/support/doubles/scripted_stream.h"
 
 namespace zumod {
@@ -45,7 +46,7 @@ public:
     }
 };
 
-class SilentHost final : public testing::RecordingHost {
+class CheckingHost final : public testing::QuietHost {
 public:
     int WriteLog(uint32_t level, const char* text) override {
         FUZZ_CHECK(level == 1 || level == 2 || level == 4 || level == 8);
@@ -60,7 +61,7 @@ CameraDeviceInfo Camera() {
 }
 
 void ServeOnce(const uint8_t* data, size_t size) {
-    static SilentHost host;
+    static CheckingHost host;
     static const CRefPtr_T<IMemAlloctor> alloctor(new BoundedAlloctor);
     AttachRuntime(&host);
     testing::CameraScript() = {};

@@ -1,5 +1,7 @@
-// What the tests of the capture share: a host that keeps the log of each thread apart, a slot that collects
-// frames, and the calls and lines of an ordinary start and stop, written out.
+// What the tests of the capture share: a slot that collects frames, and the calls and log lines of an
+// ordinary start and stop, written out.
+//
+// Thread rule: the test's thread, except for FrameCollector::OnFrame, which the capture's thread calls.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -38,7 +40,7 @@ std::vector<Part> operator+(std::vector<Part> all, const std::vector<Part>& part
     return all;
 }
 
-// The lines up to and without the first that contains `text`; all, and a failure, when none does.
+// The lines before the first that contains `text`. A failure of the test, and all lines, if none does.
 inline LogLines UpTo(const LogLines& lines, const std::string& text) {
     LogLines head;
     for (const LogLine& line : lines) {
@@ -62,47 +64,6 @@ inline Calls UpTo(const Calls& calls, const std::string& call) {
     ADD_FAILURE() << "no call " << call;
     return head;
 }
-
-// Keeps the lines of the thread that made it and those of other threads apart, and spoils errno as a host
-// may.
-class ThreadedHost final : public RecordingHost {
-public:
-    int WriteLog(uint32_t level, const char* text) override {
-        const bool is_owner = std::this_thread::get_id() == m_owner;
-        {
-            const std::lock_guard guard(m_mutex);
-            (is_owner ? m_owner_lines : m_other_lines).push_back({level, text});
-        }
-        if (is_owner && before_return) {
-            before_return();
-        }
-        errno = 0;
-        return 0;
-    }
-
-    LogLines OwnerLines() const {
-        const std::lock_guard guard(m_mutex);
-        return m_owner_lines;
-    }
-    LogLines OtherLines() const {
-        const std::lock_guard guard(m_mutex);
-        return m_other_lines;
-    }
-    void Clear() {
-        const std::lock_guard guard(m_mutex);
-        m_owner_lines.clear();
-        m_other_lines.clear();
-    }
-
-    // Run at the end of each of the owner's lines.
-    std::function<void()> before_return;
-
-private:
-    const std::thread::id m_owner = std::this_thread::get_id();
-    mutable std::mutex m_mutex;
-    LogLines m_owner_lines;
-    LogLines m_other_lines;
-};
 
 struct ReceivedFrame {
     std::vector<uint8_t> bytes;  // the first ones
@@ -143,7 +104,7 @@ public:
         return m_frames.size();
     }
 
-    // Run on the work thread at each frame; set before the capture starts.
+    // Called on the capture's thread for each frame. Set it before the capture starts.
     std::function<void()> during;
 
 private:
@@ -233,7 +194,7 @@ protected:
                    "STREAMON video0 type=1",
                };
     }
-    // Of those: up to and with this one, and with others in the place of one.
+    // These calls up to and including one of them; and with other calls instead of one of them.
     static Calls StartCallsThrough(const std::string& call) { return UpTo(StartCalls(), call) + Calls{call}; }
     static Calls StartCallsWith(const std::string& call, const Calls& instead) {
         const Calls all = StartCalls();
@@ -284,9 +245,9 @@ protected:
                 {1, "[LinuxV4L2CameraCapture] work thread finish, devid 0"}};
     }
 
-    ThreadedHost host;
+    RecordingHost host;
     DeviceDouble devices;
-    // By a start that failed in its pool: the mappings are left, deliberately.
+    // Required by the contract: a start that fails while it queues buffers leaks their mappings.
     int mappings_left = 0;
 };
 

@@ -1,4 +1,4 @@
-// A host runtime that keeps every log line and answers property look-ups from a map.
+// A host runtime that keeps every log line.
 //
 // Thread rule: every operation is [any thread].
 #pragma once
@@ -6,16 +6,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "src/module/attach_runtime.h"
-#include "zumod/mod_data.h"
-#include "zumod/ref_ptr.h"
-#include "zumod/runtime.h"
+#include "tests/support/doubles/quiet_host.h"
 
 namespace zumod::testing {
 
@@ -50,44 +51,57 @@ inline LogLine LineAfter(const LogLines& lines, const std::string& text) {
     return LineWith(lines, text, 1);
 }
 
-class RecordingHost : public IZUModRuntime {
+class RecordingHost : public QuietHost {
 public:
-    virtual ~RecordingHost() = default;
+    using LineFunction = std::function<void(uint32_t level, const char* text)>;
 
+    // Sets errno to 0, as a host may: a caller that needs errno has to save it before it logs.
     int WriteLog(uint32_t level, const char* text) override {
-        const std::lock_guard guard(m_mutex);
-        m_lines.push_back({level, text});
+        const bool own_thread = IsOwnThread();
+        LineFunction on_line;
+        {
+            const std::lock_guard guard(m_mutex);
+            m_lines.push_back({level, text});
+            (own_thread ? m_own_lines : m_other_lines).push_back({level, text});
+            on_line = m_on_line;
+        }
+        if (on_line) {
+            on_line(level, text);
+        }
+        errno = 0;
         return 0;
     }
-    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
     IZUModData* GetEnvProperty(const char* key) override {
-        const std::lock_guard guard(m_mutex);
-        m_asked_keys.emplace_back(key);
-        const auto found = m_properties.find(key);
-        return found != m_properties.end() ? found->second.Get() : nullptr;
+        {
+            const std::lock_guard guard(m_mutex);
+            m_asked_keys.emplace_back(key);
+        }
+        return QuietHost::GetEnvProperty(key);
     }
 
-    std::vector<LogLine> Lines() const {
+    // Calls the function for each line from now on, after the line was kept, on the thread that logs it.
+    void OnLine(LineFunction on_line) {
         const std::lock_guard guard(m_mutex);
-        return m_lines;
+        m_on_line = std::move(on_line);
     }
-    std::vector<LogLine> TakeLines() {
+
+    // Whether this is the thread that constructed the host.
+    bool IsOwnThread() const { return std::this_thread::get_id() == m_thread; }
+
+    LogLines Lines() const { return Copy(m_lines); }
+    // The lines of the thread that constructed the host, and those of all others.
+    LogLines OwnerLines() const { return Copy(m_own_lines); }
+    LogLines OtherLines() const { return Copy(m_other_lines); }
+    LogLines TakeLines() {
         const std::lock_guard guard(m_mutex);
+        m_own_lines.clear();
+        m_other_lines.clear();
         return std::exchange(m_lines, {});
     }
+    void Clear() { TakeLines(); }
     bool Has(const LogLine& line) const {
         const std::lock_guard guard(m_mutex);
-        for (const LogLine& each : m_lines) {
-            if (each == line) {
-                return true;
-            }
-        }
-        return false;
-    }
-    void SetProperty(const std::string& key, CRefPtr_T<IZUModData> value) {
-        const std::lock_guard guard(m_mutex);
-        m_properties[key] = std::move(value);
+        return std::find(m_lines.begin(), m_lines.end(), line) != m_lines.end();
     }
     std::vector<std::string> AskedKeys() const {
         const std::lock_guard guard(m_mutex);
@@ -95,10 +109,18 @@ public:
     }
 
 private:
+    LogLines Copy(const LogLines& lines) const {
+        const std::lock_guard guard(m_mutex);
+        return lines;
+    }
+
+    const std::thread::id m_thread = std::this_thread::get_id();
     mutable std::mutex m_mutex;
-    std::vector<LogLine> m_lines;
+    LogLines m_lines;
+    LogLines m_own_lines;
+    LogLines m_other_lines;
     std::vector<std::string> m_asked_keys;
-    std::map<std::string, CRefPtr_T<IZUModData>> m_properties;
+    LineFunction m_on_line;
 };
 
 // A test whose module code logs to `host`.
