@@ -13,6 +13,7 @@
 #include "src/base/singleton.h"
 #include "src/module/attach_runtime.h"
 #include "src/module/log.h"
+#include "tests/support/doubles/quiet_host.h"
 
 namespace zumod::bench {
 namespace {
@@ -146,20 +147,6 @@ void CopyAndDropThroughInterface(::benchmark::State& state) {
 }
 BENCHMARK(CopyAndDropThroughInterface)->UseManualTime();
 
-// Drops the lines.
-class QuietHost : public IZUModRuntime {
-public:
-    virtual ~QuietHost() = default;
-    int WriteLog(uint32_t level, const char* text) override {
-        DoNotOptimize(level);
-        DoNotOptimize(text);
-        return 0;
-    }
-    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    IZUModData* GetEnvProperty(const char*) override { return nullptr; }
-};
-
 [[gnu::format(printf, 4, 5), gnu::noinline]] void PlainLog(pthread_mutex_t& mutex, IZUModRuntime* sink,
                                                            uint32_t level, const char* format, ...) {
     char* line = static_cast<char*>(std::calloc(1, 4096));
@@ -183,7 +170,7 @@ void LogALine(::benchmark::State& state) {
         state.SkipWithError("the line does not have 100 characters");
         return;
     }
-    QuietHost host;
+    testing::QuietHost host;
     IZUModRuntime* sink = &host;
     DoNotOptimize(sink);
     pthread_mutex_t mutex;

@@ -3,8 +3,6 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "bench/paired.h"
@@ -12,6 +10,7 @@
 #include "src/bridge/venc_args.h"
 #include "src/loader/codec_factory.h"
 #include "src/module/attach_runtime.h"
+#include "tests/support/doubles/quiet_host.h"
 #include "zumod/descriptor.h"
 #include "zumod/policies.h"
 #include "zumod/values.h"
@@ -22,20 +21,6 @@ using namespace zumod;
 
 constexpr char kModulesDir[] = ZU_BENCH_MODULES_DIR;
 constexpr int kRounds = 50;
-
-// Has only the property that names the module directory.
-class Host final : public IZUModRuntime {
-public:
-    int WriteLog(uint32_t, const char*) override { std::abort(); }
-    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return 0; }
-    IZUModData* GetEnvProperty(const char* key) override {
-        return std::strcmp(key, kEnvModulesDir) == 0 ? m_directory.Get() : nullptr;
-    }
-
-private:
-    CRefPtr_T<IZUModData> m_directory = CZUModData::FromText(kModulesDir);
-};
 
 void MakeByFactory() {
     for (int i = 0; i < kRounds; ++i) {
@@ -69,12 +54,15 @@ CRefPtr_T<IVEncoder> MakeByHand(const char* path, IZUModRuntime* host, IZUModCre
 // From the second call on, the codec is mapped already.
 class AttachedHost {
 public:
-    AttachedHost() { AttachRuntime(&host); }
+    AttachedHost() {
+        host.SetProperty(kEnvModulesDir, CZUModData::FromText(kModulesDir));
+        AttachRuntime(&host);
+    }
     ~AttachedHost() { DetachRuntime(); }
     AttachedHost(const AttachedHost&) = delete;
     AttachedHost& operator=(const AttachedHost&) = delete;
 
-    Host host;
+    testing::QuietHost host;
     const std::string path = std::string(kModulesDir) + "/zu-codec.so";
 };
 

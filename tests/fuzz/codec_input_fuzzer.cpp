@@ -15,7 +15,6 @@
 #include "tests/fuzz/check.h"
 #include "tests/support/doubles/encode_call.h"
 #include "tests/support/doubles/quiet_host.h"
-#include "zumod/runtime.h"
 #include "zumod/values.h"
 
 using namespace zumod;
