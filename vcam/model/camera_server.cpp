@@ -12,6 +12,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "common/unix_socket.h"
 #include "vcam/preload/addresses.h"
 
 namespace zumod::vcam {
@@ -55,10 +56,8 @@ bool AssignNumbers(std::vector<CameraConfig>& configs, std::string& error) {
 }
 
 bool IsSameUser(int connection) {
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    return getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
-           (peer.uid == geteuid() || peer.uid == 0);
+    const uid_t user = PeerUser(connection);
+    return user == geteuid() || user == 0;
 }
 
 void SendReply(int connection, const Reply& reply, const std::vector<uint8_t>& payload, int descriptor) {
