@@ -1,4 +1,4 @@
-// What a virtual camera costs: a frame's painting and its whole delivery to a program, beside writing that
+// The cost of a virtual camera: painting a frame and delivering it to a program, compared with writing the
 // frame once into memory.
 #include <linux/videodev2.h>
 #include <poll.h>
@@ -27,7 +27,7 @@ namespace {
 constexpr uint32_t kBuffers = 4;
 constexpr double kLimit = 1.2;
 
-// Painting into the buffers in turn, against copying a prepared frame into the same buffers in turn.
+// Painting into each buffer, compared with copying a prepared frame into each buffer.
 void PaintFrame(benchmark::State& state, uint32_t fourcc, uint32_t width, uint32_t height) {
     const PictureLayout layout = LayOut(fourcc, width, height);
     const Pattern pattern(layout, "BENCH");
@@ -58,7 +58,7 @@ BENCHMARK_CAPTURE(PaintFrame, YU12_640x480, V4L2_PIX_FMT_YUV420, 640, 480)->UseM
 BENCHMARK_CAPTURE(PaintFrame, YUYV_640x480, V4L2_PIX_FMT_YUYV, 640, 480)->UseManualTime();
 BENCHMARK_CAPTURE(PaintFrame, BGR4_640x480, V4L2_PIX_FMT_BGR32, 640, 480)->UseManualTime();
 
-// Putting a compressed frame together, against copying as many bytes.
+// Painting and compressing a frame.
 void PaintJpeg(benchmark::State& state, uint32_t width, uint32_t height) {
     const PictureLayout layout = LayOut(V4L2_PIX_FMT_MJPEG, width, height);
     const JpegPattern pattern(layout, "BENCH");
@@ -85,10 +85,10 @@ double ProcessorSeconds() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// Cameras that stream in this process, all read by one thread.
+// Cameras that stream in this process and are all read by one thread.
 class Cameras {
 public:
-    Cameras(unsigned count, const std::string& options) : boards_(new CameraBoard[count]()) {
+    Cameras(unsigned count, const std::string& options) : m_boards(new CameraBoard[count]()) {
         for (unsigned i = 0; i < count; ++i) {
             CameraConfig config;
             std::string error;
@@ -96,43 +96,43 @@ public:
                 throw std::invalid_argument(error);
             }
             config.number = static_cast<int>(i);
-            cameras_.push_back(
-                std::make_unique<Camera>(i, config, "bench." + std::to_string(getpid()), boards_[i]));
-            files_.push_back(std::make_unique<ModelFile>(*cameras_.back()));
-            Start(*files_.back());
+            m_cameras.push_back(
+                std::make_unique<Camera>(i, config, "bench." + std::to_string(getpid()), m_boards[i]));
+            m_files.push_back(std::make_unique<ModelFile>(*m_cameras.back()));
+            Start(*m_files.back());
         }
     }
     ~Cameras() {
-        for (const auto& [memory, length] : mapped_) {
+        for (const auto& [memory, length] : m_mapped) {
             munmap(memory, length);
         }
     }
 
     void Stop() {
         uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        for (const auto& file : files_) {
+        for (const auto& file : m_files) {
             file->Ioctl(VIDIOC_STREAMOFF, &type);
         }
     }
 
-    // Takes a number of frames from all of them together, each back at once; how many were lost.
+    // Takes this many frames from all cameras together and queues each buffer again. Returns the frames lost.
     uint64_t Take(uint64_t frames) {
         std::vector<pollfd> waiting;
-        for (const auto& file : files_) {
+        for (const auto& file : m_files) {
             waiting.push_back({file->Descriptor(), POLLIN, 0});
         }
         for (uint64_t taken = 0; taken < frames;) {
             poll(waiting.data(), waiting.size(), 1000);
             for (size_t i = 0; i < waiting.size(); ++i) {
                 v4l2_buffer buffer = Buffer(0);
-                if (waiting[i].revents != 0 && files_[i]->Ioctl(VIDIOC_DQBUF, &buffer) == 0) {
-                    files_[i]->Ioctl(VIDIOC_QBUF, &buffer);
+                if (waiting[i].revents != 0 && m_files[i]->Ioctl(VIDIOC_DQBUF, &buffer) == 0) {
+                    m_files[i]->Ioctl(VIDIOC_QBUF, &buffer);
                     ++taken;
                 }
             }
         }
         uint64_t lost = 0;
-        for (const auto& camera : cameras_) {
+        for (const auto& camera : m_cameras) {
             lost += camera->Status().dropped;
         }
         return lost;
@@ -156,21 +156,21 @@ private:
         for (uint32_t i = 0; i < request.count; ++i) {
             v4l2_buffer buffer = Buffer(i);
             file.Ioctl(VIDIOC_QUERYBUF, &buffer);
-            mapped_.push_back({file.Map(buffer.length, PROT_READ, buffer.m.offset), buffer.length});
+            m_mapped.push_back({file.Map(buffer.length, PROT_READ, buffer.m.offset), buffer.length});
             file.Ioctl(VIDIOC_QBUF, &buffer);
         }
         uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         file.Ioctl(VIDIOC_STREAMON, &type);
     }
 
-    std::unique_ptr<CameraBoard[]> boards_;
-    std::vector<std::unique_ptr<Camera>> cameras_;
-    std::vector<std::unique_ptr<ModelFile>> files_;
-    std::vector<std::pair<void*, size_t>> mapped_;
+    std::unique_ptr<CameraBoard[]> m_boards;
+    std::vector<std::unique_ptr<Camera>> m_cameras;
+    std::vector<std::unique_ptr<ModelFile>> m_files;
+    std::vector<std::pair<void*, size_t>> m_mapped;
 };
 
-// The least that gives frames at a rate to a reader that waits: a thread that sleeps until each is due,
-// writes it once into memory and sends a note.
+// The minimum that delivers frames at a rate to a waiting reader: a thread that sleeps until each frame is
+// due, writes it once into memory and sends a record.
 void TakeMinimum(uint64_t frames, const FrameClock& clock, const std::vector<uint8_t>& frame,
                  BufferPool& pool) {
     int pair[2];
@@ -198,8 +198,8 @@ void TakeMinimum(uint64_t frames, const FrameClock& clock, const std::vector<uin
     close(pair[1]);
 }
 
-// All that a delivered frame takes of the processor, both sides together, from its clock to its being queued
-// again, against the least that writes it once at the same rate and wakes a reader.
+// The processor time of a delivered frame, both sides together, from the camera's clock until its buffer is
+// queued again, compared with the minimum above.
 void DeliverFrame(benchmark::State& state, uint32_t fps, uint32_t width, uint32_t height) {
     constexpr uint64_t kFrames = 300;
     const PictureLayout layout = LayOut(V4L2_PIX_FMT_NV12, width, height);
@@ -232,7 +232,7 @@ BENCHMARK_CAPTURE(DeliverFrame, NV12_640x480, 500, 640, 480)->UseManualTime()->I
 BENCHMARK_CAPTURE(DeliverFrame, NV12_1280x720, 500, 1280, 720)->UseManualTime()->Iterations(5);
 BENCHMARK_CAPTURE(DeliverFrame, NV12_1920x1080, 300, 1920, 1080)->UseManualTime()->Iterations(5);
 
-// Sixteen cameras at 30 frames a second: frames lost, and the share of one processor it all takes.
+// Sixteen cameras at 30 frames per second: frames lost, and the share of one processor they use.
 void SixteenCameras(benchmark::State& state) {
     constexpr unsigned kCount = 16;
     constexpr uint64_t kSeconds = 3;

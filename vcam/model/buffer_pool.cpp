@@ -17,7 +17,7 @@ std::shared_ptr<BufferPool> BufferPool::Create(uint32_t count, uint32_t length) 
         fcntl(pool->m_fd.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0) {
         return nullptr;
     }
-    // The pages are there before the first frame is due.
+    // Populated, so that no frame waits for a page fault.
     void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, pool->m_fd.Get(), 0);
     if (base == MAP_FAILED) {
         return nullptr;
@@ -39,7 +39,7 @@ void BufferPool::Unmap() {
 
 bool BufferPool::IsMappedElsewhere() {
     Unmap();
-    // Memory that somebody maps for writing cannot be sealed against writing.
+    // The kernel refuses to seal memory against writing while it is mapped for writing.
     return fcntl(m_fd.Get(), F_ADD_SEALS, F_SEAL_WRITE) != 0;
 }
 

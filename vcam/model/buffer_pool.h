@@ -1,4 +1,6 @@
-// The memory of a camera's buffers, which programs map. Immutable after creation; any thread.
+// The memory of a camera's buffers, which programs map.
+//
+// Thread rule: immutable after creation, so any thread; IsMappedElsewhere only while no other thread uses it.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +13,7 @@ namespace zumod::vcam {
 
 class BufferPool {
 public:
-    // Null, with errno set, when there is no memory.
+    // Returns null, with errno set, if there is no memory.
     static std::shared_ptr<BufferPool> Create(uint32_t count, uint32_t length);
     BufferPool(const BufferPool&) = delete;
     BufferPool& operator=(const BufferPool&) = delete;
@@ -23,8 +25,8 @@ public:
     uint32_t Length() const { return m_length; }
     int Descriptor() const { return m_fd.Get(); }
 
-    // Gives up the camera's own mapping, for good, and says whether a program still has one: like the kernel,
-    // a camera is in use until its memory is unmapped too. Nobody may use At any more.
+    // Ends the camera's own mapping and returns whether a program still has one. At must not be used any
+    // more.
     bool IsMappedElsewhere();
 
 private:

@@ -1,6 +1,7 @@
 // The buffers of a camera and the file that owns them: REQBUFS, QUERYBUF, mmap, STREAMON and STREAMOFF, and
-// the camera's side of the board (camera_board.h). Thread rule: no lock of its own; its camera's lock guards
-// it.
+// the camera's side of the board (camera_board.h).
+//
+// Thread rule: the camera's lock guards it.
 #pragma once
 
 #include <linux/videodev2.h>

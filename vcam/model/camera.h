@@ -1,5 +1,7 @@
-// A virtual camera: its open files, and its parts (camera_parts.h) under one lock. A request goes through the
-// table in ioctl_table.h to the part that answers it. Thread rule: any thread.
+// A virtual camera: its open files, and its parts (camera_parts.h) under one lock. A request goes through
+// the table in ioctl_table.h to the part that answers it.
+//
+// Thread rule: any thread.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // The memory that a camera shares with the programs that use it: the state of its stream and of each buffer,
-// so that QBUF and DQBUF need no round trip. wire.h explains the protocol. Thread rule: any thread of any
-// process; each word is atomic by itself.
+// so that QBUF and DQBUF need no round trip. wire.h explains the protocol.
+//
+// Thread rule: any thread of any process; each word is atomic by itself.
 #pragma once
 
 #include <atomic>

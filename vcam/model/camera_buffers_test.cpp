@@ -1,4 +1,4 @@
-// Buffers, streams, and who may use them.
+// Buffers, streams and ownership, as a program meets them.
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
@@ -21,7 +21,7 @@ v4l2_streamparm Parm(uint32_t numerator, uint32_t denominator) {
     return parm;
 }
 
-TEST(Camera, GrantsWhatIsAskedWithinItsLimits) {
+TEST(Camera, GrantsTheRequestedNumberWithinItsLimits) {
     TestRig rig;
     EXPECT_EQ(rig.Request(1), 2);
     EXPECT_EQ(rig.Request(4), 4);
@@ -45,7 +45,7 @@ TEST(Camera, KnowsNoMemoryButItsOwn) {
     EXPECT_EQ(rig.Call(VIDIOC_REQBUFS, request), EINVAL);
 }
 
-TEST(Camera, TellsWhereABufferIsAndWhatBecameOfIt) {
+TEST(Camera, ReportsWhereABufferIsAndItsState) {
     TestRig rig;
     ASSERT_EQ(rig.Request(2), 2);
     v4l2_buffer buffer = Buffer(1);
@@ -60,7 +60,7 @@ TEST(Camera, TellsWhereABufferIsAndWhatBecameOfIt) {
     EXPECT_EQ(rig.Call(VIDIOC_QUERYBUF, buffer), EINVAL);
 }
 
-TEST(Camera, TakesABufferOnlyOnceAndOnlyOneItHas) {
+TEST(Camera, QueuesABufferOnlyOnceAndOnlyOneItHas) {
     TestRig rig;
     EXPECT_EQ(rig.Queue(0), EINVAL);
     ASSERT_EQ(rig.Request(2), 2);
@@ -105,7 +105,7 @@ TEST(Camera, DoesNotStreamWithoutBuffers) {
     EXPECT_EQ(rig.StreamOff(), 0);
 }
 
-TEST(Camera, GivesFramesInOrderWithExactTimes) {
+TEST(Camera, DeliversFramesInOrderWithExactTimes) {
     TestRig rig("sizes=64x64,fps=250");
     ASSERT_EQ(rig.Start(8), 0);
     int64_t first = 0;
@@ -179,11 +179,11 @@ TEST(Camera, WakesABlockedDequeueWhenTheStreamStops) {
     EXPECT_EQ(rig.StreamOff(), 0);
     waiting.join();
     EXPECT_EQ(error, EINVAL);
-    // And the descriptor still does not let a poll wait.
+    // The rearmed mark keeps the descriptor readable.
     EXPECT_NE(rig.Poll(0), 0);
 }
 
-TEST(Camera, GivesEveryBufferBackWhenTheStreamStops) {
+TEST(Camera, ReturnsEveryBufferWhenTheStreamStops) {
     TestRig rig;
     ASSERT_EQ(rig.Start(2), 0);
     ASSERT_NE(rig.Poll(), 0);
@@ -194,7 +194,7 @@ TEST(Camera, GivesEveryBufferBackWhenTheStreamStops) {
     EXPECT_EQ(rig.Queue(1), 0);
 }
 
-TEST(Camera, CountsFramesAnewInEachStreamAndForgetsTheOldOnes) {
+TEST(Camera, CountsFramesFromZeroInEachStreamAndDiscardsOldOnes) {
     TestRig rig;
     ASSERT_EQ(rig.Start(4), 0);
     ASSERT_NE(rig.Poll(), 0);
@@ -336,10 +336,10 @@ TEST(Camera, KeepsARateOfAThousandFrames) {
                 1000.0 * static_cast<double>(last.buffer.sequence - first.buffer.sequence), 2.0);
 }
 
-TEST(Camera, KeepsItsRateBesideFifteenOthers) {
+TEST(Camera, KeepsItsRateWithFifteenOthersRunning) {
     constexpr size_t kCount = 16;
     constexpr double kRate = 30;
-    // Enough buffers that a reader who has to wait for a processor costs no frame.
+    // Enough buffers that no frame is lost while the reader waits for a processor.
     std::vector<std::unique_ptr<TestRig>> rigs;
     for (size_t i = 0; i < kCount; ++i) {
         rigs.push_back(std::make_unique<TestRig>("sizes=640x480,fps=30"));

@@ -1,4 +1,5 @@
 // The configuration of a virtual camera: its name, its formats, and how its driver behaves.
+//
 // Thread rule: a value.
 #pragma once
 

@@ -54,7 +54,7 @@ TEST(Camera, RaisesAnEventWhenAnotherFileChangesAControl) {
         ASSERT_EQ(second.Ioctl(VIDIOC_S_CTRL, &control), 0);
     }
     EXPECT_EQ(rig.Poll(20000, POLLPRI), POLLPRI);
-    // Frames in between do not take the event away.
+    // Dequeuing a frame does not remove the event.
     TestRig::Frame frame = rig.NextAndQueue();
     while (frame.error == EAGAIN) {
         frame = rig.NextAndQueue();

@@ -14,7 +14,7 @@ int64_t TimeOf(const v4l2_buffer& buffer) {
     return buffer.timestamp.tv_sec * 1000000L + buffer.timestamp.tv_usec;
 }
 
-TEST(Fault, UnplugRaisesErrorAndHangUpAndTakesEverythingAway) {
+TEST(Fault, UnplugRaisesErrorAndHangUpAndFailsAllCalls) {
     TestRig rig;
     ASSERT_EQ(rig.Start(2), 0);
     rig.Device().Inject(faults::Unplug());
@@ -35,7 +35,7 @@ TEST(Fault, UnplugComesBeforeTheFrameItNames) {
     TestRig rig("sizes=64x64,fps=500,fault=unplug/3");
     ASSERT_EQ(rig.Start(8), 0);
     for (uint32_t i = 0; i < 3; ++i) {
-        // Once the camera is gone its frames are gone with it, so they are taken as they come.
+        // Unplugging discards frames that were not dequeued yet.
         const TestRig::Frame frame = rig.Next();
         if (frame.error == ENODEV) {
             break;
@@ -61,7 +61,7 @@ TEST(Fault, UnplugWakesABlockedDequeue) {
     EXPECT_EQ(error, ENODEV);
 }
 
-TEST(Fault, ReplugBringsTheCameraBackAsAFreshOne) {
+TEST(Fault, ReplugBringsTheCameraBackInItsInitialState) {
     TestRig rig;
     ASSERT_EQ(rig.Start(2), 0);
     rig.Device().Inject(faults::Unplug());
@@ -76,7 +76,7 @@ TEST(Fault, ReplugBringsTheCameraBackAsAFreshOne) {
     EXPECT_EQ(rig.Next().error, 0);
 }
 
-TEST(Fault, ReplugWaitsAsLongAsItWasTold) {
+TEST(Fault, ReplugWaitsForItsDelay) {
     TestRig rig("sizes=64x64,fault=replug/50");
     const auto start = std::chrono::steady_clock::now();
     rig.Device().Inject(faults::Unplug());
@@ -95,7 +95,7 @@ TEST(Fault, ReplugAsBringsItBackUnderAnotherNumber) {
     EXPECT_EQ(rig.Reopen(), 0);
 }
 
-TEST(Fault, ErrnoMeetsTheNthCallOfTheRequest) {
+TEST(Fault, ErrnoFailsTheNthCallOfTheRequest) {
     TestRig rig;
     rig.Device().Inject(faults::Errno(VIDIOC_QUERYCAP, EIO, 2, 2));
     v4l2_capability capability{};
@@ -119,7 +119,7 @@ TEST(Fault, ErrnoCountsQueueingAndDequeueingToo) {
     EXPECT_EQ(rig.Queue(0), 0);
 }
 
-TEST(Fault, ErrnoMeetsEveryRequestOfACapture) {
+TEST(Fault, ErrnoFailsEveryRequestOfACapture) {
     for (const unsigned long request :
          {VIDIOC_ENUM_FMT, VIDIOC_TRY_FMT, VIDIOC_G_PARM, VIDIOC_S_PARM, VIDIOC_QUERYBUF, VIDIOC_STREAMOFF}) {
         TestRig rig;
@@ -191,7 +191,7 @@ TEST(Fault, ReadableEmptyIsReadableWithNothingToDequeue) {
     EXPECT_EQ(rig.Next().buffer.sequence, 3U);
 }
 
-TEST(Fault, ShortGivesPartOfThePicture) {
+TEST(Fault, ShortReportsPartOfThePicture) {
     TestRig rig("sizes=64x64,fps=500,fault=short/1/1/25");
     ASSERT_EQ(rig.Start(4), 0);
     EXPECT_EQ(rig.Next().buffer.bytesused, 6144U);
@@ -199,7 +199,7 @@ TEST(Fault, ShortGivesPartOfThePicture) {
     EXPECT_EQ(rig.Next().buffer.bytesused, 6144U);
 }
 
-TEST(Fault, ZeroGivesNothing) {
+TEST(Fault, ZeroReportsNoBytes) {
     TestRig rig("sizes=64x64,fps=500,fault=zero/0/2");
     ASSERT_EQ(rig.Start(4), 0);
     EXPECT_EQ(rig.Next().buffer.bytesused, 0U);
@@ -248,7 +248,7 @@ TEST(Fault, NoFramesStreamsWithoutAFrame) {
     EXPECT_EQ(rig.Next().error, 0);
 }
 
-TEST(Fault, TooFastGivesFramesAboveTheAgreedRate) {
+TEST(Fault, TooFastDeliversFramesAboveTheNegotiatedRate) {
     TestRig rig("sizes=64x64,fps=100,fault=too-fast/5");
     ASSERT_EQ(rig.Start(4), 0);
     const TestRig::Frame first = rig.Next();
@@ -289,7 +289,7 @@ TEST(Fault, TimeWrapPassesTheLargestSecond) {
     EXPECT_EQ(rig.Next().buffer.timestamp.tv_sec, 0L);
 }
 
-TEST(Fault, TimeBackGivesAnEarlierTime) {
+TEST(Fault, TimeBackReportsAnEarlierTime) {
     TestRig rig("sizes=64x64,fps=500,fault=time-back/1/1/500");
     ASSERT_EQ(rig.Start(4), 0);
     const int64_t first = TimeOf(rig.Next().buffer);
@@ -297,7 +297,7 @@ TEST(Fault, TimeBackGivesAnEarlierTime) {
     EXPECT_NEAR(static_cast<double>(TimeOf(rig.Next().buffer) - first), 4000.0, 1.0);
 }
 
-TEST(Fault, RepeatGivesASequenceNumberTwice) {
+TEST(Fault, RepeatReportsASequenceNumberTwice) {
     TestRig rig("sizes=64x64,fps=500,fault=repeat/2");
     ASSERT_EQ(rig.Start(4), 0);
     EXPECT_EQ(rig.Next().buffer.sequence, 0U);
@@ -306,7 +306,7 @@ TEST(Fault, RepeatGivesASequenceNumberTwice) {
     EXPECT_EQ(rig.Next().buffer.sequence, 3U);
 }
 
-TEST(Fault, SizeChangeSetsAnotherSizeThanWasAgreed) {
+TEST(Fault, SizeChangeSetsAnotherSizeThanWasNegotiated) {
     TestRig rig("fault=size-change/320/240");
     v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
     ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
@@ -318,7 +318,7 @@ TEST(Fault, SizeChangeSetsAnotherSizeThanWasAgreed) {
     EXPECT_EQ(rig.Next().buffer.bytesused, 320U * 240 * 3 / 2);
 }
 
-TEST(Fault, StrideChangeMakesRowsLongerThanWasAgreed) {
+TEST(Fault, StrideChangeMakesRowsLongerThanWasNegotiated) {
     TestRig rig("fault=stride-change/32");
     v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
     ASSERT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
@@ -348,7 +348,7 @@ TEST(Fault, FatalFailsUntilTheStreamIsStopped) {
     EXPECT_EQ(rig.Next().error, 0);
 }
 
-TEST(Fault, GrantGivesNoneOneOrEightBuffers) {
+TEST(Fault, GrantGrantsNoneOneOrEightBuffers) {
     for (const int count : {0, 1, 8}) {
         TestRig rig;
         rig.Device().Inject(faults::Grant(static_cast<uint64_t>(count)));
@@ -364,14 +364,14 @@ TEST(Fault, GrantOfOneBufferStillStreams) {
     }
 }
 
-TEST(Fault, SlowOpenTellsHowLongOpeningTakes) {
+TEST(Fault, SlowOpenReportsHowLongOpeningTakes) {
     TestRig rig;
     EXPECT_EQ(rig.Device().OpenDelay(), 0U);
     rig.Device().Inject(faults::SlowOpen(200));
     EXPECT_EQ(rig.Device().OpenDelay(), 200U);
 }
 
-TEST(Fault, ClearingEndsThemAll) {
+TEST(Fault, ClearingRemovesAllFaults) {
     TestRig rig("fault=grant/1,fault=open-busy/0,fault=errno/DQBUF/EIO/1/0");
     EXPECT_NE(rig.Board().slow.load(), 0U);
     rig.Device().ClearFaults();

@@ -30,7 +30,7 @@ bool ReadNumber(std::string_view text, Number least, Number greatest, Number& nu
            number <= greatest;
 }
 
-// Calls `read` for each part; stops at the first that fails.
+// Calls `read` for each part, until one fails.
 template <class Read>
 bool ReadList(std::string_view list, Read read) {
     for (;;) {

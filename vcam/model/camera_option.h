@@ -1,4 +1,6 @@
-// Reads the key=value list of a --camera option. Pure functions; any thread.
+// The parser of the key=value list of a --camera option, and its help text.
+//
+// Thread rule: pure functions; any thread.
 #pragma once
 
 #include <string>
@@ -8,10 +10,10 @@
 
 namespace zumod::vcam {
 
-// On failure `error` says what is wrong, in one line.
+// On failure `error` holds the reason, in one line.
 bool ParseCamera(std::string_view text, CameraConfig& config, std::string& error);
 
-// Every key, every fault and what each means, as --list-options prints it.
+// All keys, formats and faults with their meaning: the output of --list-options.
 std::string DescribeOptions();
 
 }  // namespace zumod::vcam

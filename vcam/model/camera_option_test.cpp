@@ -20,7 +20,7 @@ std::string ErrorOf(const std::string& text) {
     return error;
 }
 
-TEST(CameraOption, FillsWhatIsLeftOut) {
+TEST(CameraOption, FillsInDefaults) {
     const CameraConfig config = Parse("");
     EXPECT_EQ(config.number, -1);
     EXPECT_EQ(config.card, "Virtual Camera");
@@ -55,7 +55,7 @@ TEST(CameraOption, KeepsCommasInQuotes) {
     EXPECT_EQ(config.rates[0].numerator, 25U);
 }
 
-TEST(CameraOption, SaysInOneLineWhatIsWrong) {
+TEST(CameraOption, ReportsAnErrorInOneLine) {
     EXPECT_EQ(ErrorOf("colour=red"), "unknown key \"colour\"");
     EXPECT_EQ(ErrorOf("card"), "expected KEY=VALUE, not \"card\"");
     EXPECT_EQ(ErrorOf("formats=NV12:XYZ"),

@@ -1,6 +1,7 @@
-// What a camera keeps for its device, one part per concern. No part has a lock or a thread of its own, except
-// that FrameThread runs the thread in which frames are painted and delivered. Thread rule: the camera's lock
-// guards all parts.
+// What a camera keeps for its device, one part per concern. No part has a lock or a thread of its own,
+// except that FrameThread runs the thread in which frames are painted and delivered.
+//
+// Thread rule: the camera's lock guards all parts.
 #pragma once
 
 #include "vcam/model/buffer_queue.h"

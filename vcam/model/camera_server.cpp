@@ -31,7 +31,7 @@ std::string NewName() {
     return text;
 }
 
-// Gives a number to each camera that has none; false when two have the same.
+// Assigns a number to each camera that has none. Returns false if two have the same.
 bool AssignNumbers(std::vector<CameraConfig>& configs, std::string& error) {
     std::vector<int> taken;
     for (const CameraConfig& config : configs) {
@@ -141,7 +141,7 @@ bool CameraServer::MakeBoards() {
     if (memory == MAP_FAILED) {
         return false;
     }
-    // Fresh memory is zero, and an atomic word of zero is what a board begins with.
+    // New memory is zero, which is a board's initial state.
     m_boards = static_cast<CameraBoard*>(memory);
     return true;
 }
@@ -261,7 +261,7 @@ Reply CameraServer::Open(const Request& request, UniqueFd& descriptor) {
 Camera* CameraServer::FindNumber(int number) {
     for (const auto& camera : m_cameras) {
         if (camera->Number() == number) {
-            // A camera may have come back under another number.
+            // A fault can replug a camera under another number.
             if (!WasVirtual(number)) {
                 m_numbers.push_back(number);
             }

@@ -1,5 +1,7 @@
-// Serves virtual cameras to every program that is preloaded for them and finds the server's name in its
-// environment. Any thread.
+// The server of virtual cameras. Its clients are the programs that run with the preload library and have the
+// server's name in their environment.
+//
+// Thread rule: any thread. One thread of the server answers all requests, one connection at a time.
 #pragma once
 
 #include <memory>
@@ -14,20 +16,22 @@ namespace zumod::vcam {
 
 class CameraServer {
 public:
-    // Null when it cannot start; `error` then says why, in one line. An empty name makes a new one.
+    // Returns null if it cannot start; `error` then holds the reason, in one line. An empty name: a random
+    // one.
     static std::unique_ptr<CameraServer> Start(std::vector<CameraConfig> configs, std::string& error,
                                                std::string name = {});
     CameraServer(const CameraServer&) = delete;
     CameraServer& operator=(const CameraServer&) = delete;
     ~CameraServer();
 
-    // For a program's environment, as the value of kServerVariable.
+    // The value of kServerVariable in a program's environment.
     const std::string& Name() const { return m_name; }
-    // In the order they were given.
+    // In the order of the configurations.
     Camera& At(size_t index) { return *m_cameras.at(index); }
     size_t Count() const { return m_cameras.size(); }
 
-    // A line for one camera, "0 unplug", "1 status": what it answers. False for a line that makes no sense.
+    // Carries out a line for one camera, such as "0 unplug" or "1 status". Returns false, with the reason in
+    // `answer`, if the line is malformed.
     bool Control(const std::string& line, std::string& answer);
 
 private:
@@ -45,7 +49,7 @@ private:
     UniqueFd m_boards_memory;
     CameraBoard* m_boards = nullptr;
     std::vector<std::unique_ptr<Camera>> m_cameras;
-    std::vector<int> m_numbers;  // all that ever were a camera's; used by the server's thread alone
+    std::vector<int> m_numbers;  // all that a camera ever had; only the server's thread uses it
     UniqueFd m_listener;
     UniqueFd m_stop;
     std::thread m_thread;

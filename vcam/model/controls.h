@@ -1,5 +1,7 @@
 // The few controls of a virtual camera. They keep the values that are set, and do not change the picture:
-// tests compare pictures byte by byte. Thread rule: no lock of its own; its camera's lock guards it.
+// tests compare pictures byte by byte.
+//
+// Thread rule: the camera's lock guards it.
 #pragma once
 
 #include <linux/videodev2.h>

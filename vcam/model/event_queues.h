@@ -1,5 +1,7 @@
 // What each open file has besides the camera's own state: its priority, its subscriptions to control events,
-// and the events that are pending for it. Thread rule: no lock of its own; its camera's lock guards it.
+// and the events that are pending for it.
+//
+// Thread rule: the camera's lock guards it.
 #pragma once
 
 #include <linux/videodev2.h>

@@ -45,8 +45,8 @@ bool FaultSet::CountsCallsOf(uint64_t request) const {
     });
 }
 
-// Every fault of the call counts it, also those behind the one that decides. Of several, the kind that stands
-// first in the table decides.
+// Every fault of the call counts it, also those behind the one that decides. Of several, the kind that
+// stands first in the table decides.
 int FaultSet::FailsCall(uint64_t request) {
     const Fault* decides = nullptr;
     for (Active& active : m_active) {

@@ -1,5 +1,6 @@
 // The faults that a camera has at the moment, and what each of them changes.
-// Thread rule: no lock of its own; its camera's lock guards it.
+//
+// Thread rule: the camera's lock guards it.
 #pragma once
 
 #include <linux/videodev2.h>

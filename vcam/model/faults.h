@@ -1,5 +1,7 @@
 // The faults a camera can be told to have: one table row per fault, from which the parser, the help text and
-// the lists in the documents are made. Thread rule: values and pure functions; any thread.
+// the lists in the documents are made.
+//
+// Thread rule: values and pure functions; any thread.
 #pragma once
 
 #include <concepts>

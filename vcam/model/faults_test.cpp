@@ -101,7 +101,7 @@ std::string ErrorOf(const char* text) {
     return error;
 }
 
-TEST(Faults, SayInOneLineWhatIsWrong) {
+TEST(Faults, ReportAnErrorInOneLine) {
     EXPECT_EQ(ErrorOf("nonsense"), "unknown fault \"nonsense\"");
     EXPECT_EQ(ErrorOf("errno/DQBUF"),
               "fault errno needs a known request and a known error, as in errno/DQBUF/EIO");

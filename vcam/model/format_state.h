@@ -1,6 +1,7 @@
-// The formats, sizes and rates of a camera: what it offers, what it makes of a request, and what it is set
-// to, with the source that draws pictures of that format. Thread rule: no lock of its own; its camera's lock
-// guards it. The source may be used by any thread.
+// The formats, sizes and rates of a camera: what it offers, how it adjusts a request, and what it is set
+// to, with the source that draws pictures of that format.
+//
+// Thread rule: the camera's lock guards it. The source may be used by any thread.
 #pragma once
 
 #include <linux/videodev2.h>

@@ -12,7 +12,7 @@ namespace {
 
 const FaultSet kNoFaults{};
 
-TEST(FormatState, SaysWhatItIsAndCanDo) {
+TEST(FormatState, ReportsItsIdentityAndCapabilities) {
     FormatState state(Configure("card=Front Camera,device=3"), kNoFaults);
     v4l2_capability capability{};
     ASSERT_EQ(state.QueryCapability(capability, 3), 0);
@@ -38,7 +38,7 @@ TEST(FormatState, ListsItsFormatsInTheGivenOrderAndThenEnds) {
     EXPECT_EQ(state.EnumFormat(format), EINVAL);
 }
 
-TEST(FormatState, GivesTheNearestOfItsSizes) {
+TEST(FormatState, ChoosesTheNearestOfItsSizes) {
     FormatState state(Configure("sizes=640x480:1280x720,adjust=nearest"), kNoFaults);
     v4l2_format format = Format(800, 600, V4L2_PIX_FMT_NV12);
     ASSERT_EQ(state.TryFormat(format), 0);
@@ -50,7 +50,7 @@ TEST(FormatState, GivesTheNearestOfItsSizes) {
     EXPECT_EQ(format.fmt.pix.height, 720U);
 }
 
-TEST(FormatState, MayJudgeASizeByItsWidthAlone) {
+TEST(FormatState, MayChooseASizeByItsWidthOnly) {
     FormatState state(Configure("sizes=640x480:1280x720,adjust=width"), kNoFaults);
     v4l2_format format = Format(1280, 96, V4L2_PIX_FMT_NV12);
     ASSERT_EQ(state.TryFormat(format), 0);
@@ -58,7 +58,7 @@ TEST(FormatState, MayJudgeASizeByItsWidthAlone) {
     EXPECT_EQ(format.fmt.pix.height, 720U);
 }
 
-TEST(FormatState, MayTakeAnySizeExactly) {
+TEST(FormatState, MayAcceptAnySize) {
     FormatState state(Configure("adjust=exact"), kNoFaults);
     v4l2_format format = Format(642, 480, V4L2_PIX_FMT_NV12);
     ASSERT_EQ(state.TryFormat(format), 0);
@@ -72,7 +72,7 @@ TEST(FormatState, MayTakeAnySizeExactly) {
     EXPECT_EQ(sizes.type, uint32_t{V4L2_FRMSIZE_TYPE_STEPWISE});
 }
 
-TEST(FormatState, PutsItsFirstFormatInPlaceOfAnUnknownOne) {
+TEST(FormatState, ReplacesAnUnknownFormatByItsFirst) {
     FormatState state(Configure("formats=YUYV:NV12"), kNoFaults);
     v4l2_format format = Format(640, 480, V4L2_PIX_FMT_H264);
     ASSERT_EQ(state.TryFormat(format), 0);
@@ -111,7 +111,7 @@ TEST(FormatState, PadsItsRows) {
     EXPECT_EQ(format.fmt.pix.sizeimage, 662U * 480 * 3 / 2);
 }
 
-TEST(FormatState, KeepsALongerRowThatIsAskedForOnlyIfThatIsItsHabit) {
+TEST(FormatState, KeepsALongerRowOnlyIfConfigured) {
     FormatState keeps(Configure("stride=asked"), kNoFaults);
     v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12, 768);
     ASSERT_EQ(keeps.TryFormat(format), 0);
@@ -140,7 +140,7 @@ TEST(FormatState, SetsTheNearestOfItsRates) {
     EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 15U);
 }
 
-TEST(FormatState, GoesBackToItsFirstRateForNone) {
+TEST(FormatState, ReturnsToItsFirstRateForAnEmptyRequest) {
     FormatState state(Configure("fps=30:15"), kNoFaults);
     v4l2_streamparm parm = Parm(1, 15);
     ASSERT_EQ(state.SetParm(parm, false), 0);
@@ -149,7 +149,7 @@ TEST(FormatState, GoesBackToItsFirstRateForNone) {
     EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 30U);
 }
 
-TEST(FormatState, MaySayThatItsRateIsFixed) {
+TEST(FormatState, MayReportThatItsRateIsFixed) {
     FormatState state(Configure("fps=30:15,parm=fixed"), kNoFaults);
     v4l2_streamparm parm = Parm(1, 15);
     ASSERT_EQ(state.GetParm(parm), 0);

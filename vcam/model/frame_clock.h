@@ -1,5 +1,7 @@
-// When each frame of a stream is due: exact multiples of the frame time from the start, so nothing drifts. A
-// value.
+// The due times of a stream's frames: exact multiples of the frame time after the start, so that nothing
+// drifts.
+//
+// Thread rule: a value.
 #pragma once
 
 #include <chrono>

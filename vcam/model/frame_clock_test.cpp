@@ -9,7 +9,7 @@ using std::chrono::nanoseconds;
 
 const FrameClock::Time kStart{nanoseconds(1000)};
 
-TEST(FrameClock, GivesTheFirstFrameOneFrameTimeAfterTheStart) {
+TEST(FrameClock, DeliversTheFirstFrameOneFrameTimeAfterTheStart) {
     EXPECT_EQ(FrameClock(kStart, {25, 1}).Due(0) - kStart, nanoseconds(40000000));
 }
 

@@ -1,16 +1,16 @@
 // The thread that paints and delivers a camera's frames.
 //
-// A frame is painted into the oldest queued buffer as soon as the frame before it was delivered, so that only
-// the hand- over is left when it is due. Painting is the one thing that is done without the camera's lock:
-// the thread keeps the buffer pool and the frame source alive itself, and drops the picture if the stream
-// changed meanwhile. Due times are exact multiples of the frame time (frame_clock.h), so a late wake-up
-// delays one frame and not the rest.
+// A frame is painted into the oldest queued buffer as soon as its predecessor was delivered. When it is due,
+// only the hand-over is left. Painting is the only work that is done without the camera's lock: the thread
+// itself keeps the buffer pool and the frame source alive, and discards the picture if the stream changed
+// meanwhile. Due times are exact multiples of the frame time (frame_clock.h), so a late wake-up delays one
+// frame and not the following ones.
 //
-// Step does one round of the thread's work for a given time. The thread is a loop around it, and tests call
-// it without a thread.
+// Step does one round of the thread's work for a given time. The thread is a loop around Step. Tests call
+// Step without a thread.
 //
-// Thread rule: the camera's lock guards all of it; every function but Wake, Start and Stop is called with the
-// lock held. Step and WaitUntilPainted release the lock for a while.
+// Thread rule: the camera's lock guards it and is held at every call, except at Start and Stop. Step and
+// WaitUntilPainted release the lock for a while.
 #pragma once
 
 #include <chrono>
@@ -52,11 +52,11 @@ public:
     void Start(Mutex& lock, Handler handler);
     // Ends the thread. Only after Start, once.
     void Stop(Mutex& lock);
-    // Anything may have changed.
+    // To be called after every change that Step depends on.
     void Wake() { m_changed.notify_all(); }
 
     void BeginStream(Time now);
-    // Counts on from the current frame, at the rate and with the offsets that the faults now ask for.
+    // Continues from the current frame, at the rate and with the offsets that the active faults set.
     void RestartClock(Time now);
     Next Step(Mutex& lock, Time now) ZU_REQUIRES(lock);
     Time WakeTime() const { return m_wake_time; }

@@ -123,7 +123,7 @@ TEST_F(FrameThreadTest, NoticesThatItsOwnerIsGone) {
     EXPECT_EQ(Step(10), Next::kReap);
 }
 
-TEST_F(FrameThreadTest, CountsFramesAnewInEachStream) {
+TEST_F(FrameThreadTest, CountsFramesFromZeroInEachStream) {
     Start();
     FrameAt(10);
     m_buffers.Stop();

@@ -1,4 +1,5 @@
 // The table from an ioctl's number to the part of the camera that answers it.
+//
 // Thread rule: the caller holds the camera's lock.
 #pragma once
 

@@ -10,8 +10,8 @@ namespace zumod::vcam {
 namespace {
 
 // Fills the socket towards the camera with bytes that are never read: the program's half is then never
-// writable, and closing the camera's half with unread bytes in it makes the kernel report an error beside the
-// hang-up.
+// writable, and closing the camera's half with unread bytes in it makes the kernel report an error beside
+// the hang-up.
 void FillSocket(int program_end) {
     const int least = 1;
     setsockopt(program_end, SOL_SOCKET, SO_SNDBUF, &least, sizeof least);

@@ -1,7 +1,9 @@
 // An open device file, seen from the camera. The program has one half of a socket pair and the camera the
-// other, so the kernel itself keeps the program's half readable while there is a frame, raises POLLPRI for an
-// event, reports when the last copy of the half is closed, and shows error and hang-up when the camera is
-// unplugged. See wire.h. Thread rule: no lock of its own; its camera's lock guards it.
+// other, so the kernel itself keeps the program's half readable while there is a frame, raises POLLPRI for
+// an event, reports when the last copy of the half is closed, and shows error and hang-up when the camera is
+// unplugged. See wire.h.
+//
+// Thread rule: the camera's lock guards it.
 #pragma once
 
 #include "common/unique_fd.h"

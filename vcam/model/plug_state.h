@@ -1,6 +1,8 @@
-// Whether a camera is plugged in, and its device number. A replug that was planned takes effect as soon as
-// somebody asks after its time: nothing can happen to an unplugged camera in between, so no timer is needed.
-// Thread rule: no lock of its own; its camera's lock guards it.
+// The plug state of a camera: whether it is plugged in, and its device number. A planned replug takes effect
+// at the first query after its time. Nothing can happen to an unplugged camera in between, so no timer is
+// needed.
+//
+// Thread rule: the camera's lock guards it.
 #pragma once
 
 #include <chrono>

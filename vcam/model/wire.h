@@ -1,43 +1,39 @@
 // The messages between a program (the preload library inside it) and its virtual cameras.
+//
 // Thread rule: plain data; any thread of any process.
 //
-// The protocol. A program must be able to poll() a camera's descriptor, pass it to another process, and queue
-// and dequeue buffers at 1000 frames per second. So there are three channels:
+// The protocol. A program must be able to poll() a camera's descriptor, pass it to another process, and
+// queue and dequeue buffers at 1000 frames per second. So there are three channels:
 //
 // 1. Requests. Every ioctl but QBUF and DQBUF is a round trip: the program connects to the server's socket,
-// sends one
-//    Request and receives one Reply. Each call has its own connection, so a fork or a signal cannot mix up
-//    two calls.
+//    sends one Request and receives one Reply. Each call has its own connection, so a fork or a signal
+//    cannot mix up two calls.
 //
-// 2. The board (camera_board.h): shared memory with the state of the stream and one word per buffer. QBUF and
-// DQBUF
-//    only change that word, with a compare-and-swap. The program moves a buffer from dequeued to queued, the
-//    camera from queued to done, the program from done to dequeued. Only one side can make each move, so
-//    neither needs a lock. All other words are written by the camera only. The exception to "no round trip"
-//    is the board's `slow` word: while a fault counts the calls of QBUF or DQBUF, the program asks the camera
-//    first (kCheck).
+// 2. The board (camera_board.h): shared memory with the state of the stream and one word per buffer. QBUF
+//    and DQBUF only change that word, with a compare-and-swap. The program moves a buffer from dequeued to
+//    queued, the camera from queued to done, the program from done to dequeued. Only one side can make each
+//    move, so neither needs a lock. All other words are written by the camera only. The exception to "no
+//    round trip" is the board's `slow` word: while a fault counts the calls of QBUF or DQBUF, the program
+//    asks the camera first (kCheck).
 //
 // 3. The descriptor: the program's half of a stream socket pair. Its address holds the FileIdentity, so the
-// descriptor
-//    stays recognisable through dup, fork, exec and SCM_RIGHTS. The kernel provides what poll() must show:
+//    descriptor stays recognisable through dup, fork, exec and SCM_RIGHTS. The kernel provides what poll()
+//    must show:
 //    - Readable: the camera sends one Record per frame. DQBUF receives it and then takes the buffer that it
-//    names. A
-//      record whose `stream` is not the board's is left over from an earlier stream and is discarded.
+//      names. A record whose `stream` is not the board's is left over from an earlier stream and is
+//      discarded.
 //    - Readable without a frame: a record of kind kMark. A driver does not let poll() wait on a stream that
-//    is not
-//      running, and a DQBUF that blocks must return when the stream stops. The mark does both.
+//      is not running, and a DQBUF that blocks must return when the stream stops. The mark does both.
 //    - POLLPRI: one urgent byte while events are pending. A second byte would turn the first into ordinary
-//    data, so
-//      there is never more than one.
+//      data, so there is never more than one.
 //    - Never writable: the socket's other direction is filled at open, with bytes that are never read.
-//    - Error and hang-up: the camera closes its half when it is unplugged. The board's `plug` counts unplugs;
-//    a
-//      program whose FileIdentity has another value gets ENODEV, also after the camera came back.
+//    - Error and hang-up: the camera closes its half when it is unplugged. The board's `plug` counts
+//      unplugs; a program whose FileIdentity has another value gets ENODEV, also after the camera came back.
 //
 // Rearm. Receiving a record can remove a wake-up that must stay: DQBUF on a stopped stream has consumed its
-// mark, and a receive beyond the urgent byte removes that byte. The program then sends kRearm, and the camera
-// puts the mark or the byte back if its cause still exists. Rearm is idempotent: the worst case of two at
-// once is a superfluous wake-up.
+// mark, and a receive beyond the urgent byte removes that byte. The program then sends kRearm, and the
+// camera puts the mark or the byte back if its cause still exists. Rearm is idempotent: the worst case of
+// two at once is a superfluous wake-up.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -118,8 +114,8 @@ enum class RecordKind : uint32_t {
     kMark,   // the stream is not running or has failed
 };
 
-// All records have the same size, so that each can be received whole from a stream socket. A stream socket is
-// needed because only its urgent byte raises POLLPRI.
+// All records have the same size, so that each can be received whole from a stream socket. A stream socket
+// is needed because only its urgent byte raises POLLPRI.
 struct Record {
     uint32_t magic;
     RecordKind kind;

@@ -1,5 +1,7 @@
 // An open device file without a camera: the camera's side, and the program's descriptor. For tests of a
-// camera's parts. Thread rule: one thread at a time.
+// camera's parts.
+//
+// Thread rule: one thread at a time.
 #pragma once
 
 #include <fcntl.h>
