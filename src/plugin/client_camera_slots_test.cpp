@@ -1,6 +1,9 @@
 // ClientCamera called through the vtable slots of each interface, as a host and a camera call it.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <new>
+
 #include "src/plugin/client_camera.h"
 #include "tests/support/doubles/client_camera_double.h"
 #include "tests/support/doubles/raw_slots.h"
@@ -125,13 +128,16 @@ TEST_F(ClientCameraSlots, TheSlotsOfIClientCameraPlugin) {
                                        {8, "[cameraclient] start to stop send thread"},
                                        {8, "[cameraclient] ExitInstance finish"}}));
 
-    // Slot 10 returns a counted reference by value: the hidden return slot is the first argument, the object
-    // the second, and the result is the address of the return slot.
-    void* returned = this;
-    using ReturnsReference = void* (*)(void**, void*);
-    const auto slot_10 = (*static_cast<ReturnsReference**>(raw))[10];
-    EXPECT_EQ(slot_10(&returned, raw), &returned);
-    EXPECT_EQ(returned, nullptr);
+    // Slot 10 returns a counted reference by value. As with any object that has a destructor, the caller
+    // passes the address of the memory that it is constructed in: here memory that does not hold a null yet.
+    struct ReturnedReference {
+        void* object;
+        ~ReturnedReference() {}
+    };
+    alignas(ReturnedReference) unsigned char memory[sizeof(ReturnedReference)];
+    std::memset(memory, 0xff, sizeof memory);
+    const auto* returned = new (memory) ReturnedReference(CallSlot<ReturnedReference>(raw, 10));
+    EXPECT_EQ(returned->object, nullptr);
     CallSlot<void>(raw, 11);
     ExpectLastRelease(raw, 3);
 }
