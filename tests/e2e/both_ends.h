@@ -1,4 +1,4 @@
-// The reference host and the reference peer, both as processes, with a real socket between them.
+// The reference host and the reference peer as processes, connected by a real socket.
 //
 // Thread rule: one test thread.
 #pragma once
@@ -20,10 +20,10 @@
 
 namespace zumod::testing {
 
-// One zu-camera-peer, and what it prints.
+// One zu-camera-peer process and its output.
 class PeerRun {
 public:
-    // A whole command line; `name` is of the files in the directory.
+    // `words` is the whole command line; the files in the work directory begin with `name`.
     PeerRun(const WorkDirectory& work, const std::string& name, std::vector<std::string> words)
         : m_out(work / (name + ".out")) {
         const UniqueFd out(open(m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600));
@@ -34,7 +34,8 @@ public:
     ChildProcess& Process() { return *m_process; }
     std::string Printed() const { return FileContent(m_out); }
 
-    // Waits until it has printed this past `from`, or has ended; where what it printed ends, or npos.
+    // Waits until it has printed the text after position `from`, or has ended. Returns the position after the
+    // text, or npos.
     size_t Prints(const std::string& text, size_t from = 0) {
         const auto find = [&] { return Printed().find(text, from); };
         WaitUntil([&] { return find() != std::string::npos || m_process->HasEnded(); });
@@ -49,7 +50,7 @@ public:
         EXPECT_EQ(m_process->Errors(), errors);
     }
 
-    // A signal ends it well.
+    // Ends it by a signal, which is not a failure.
     void Stop() {
         m_process->Signal(SIGINT);
         ExpectEnd(0, "");
@@ -69,8 +70,8 @@ protected:
         return {work, name, std::move(words)};
     }
 
-    // One that runs a host of its own. The shell between them is to see neither virtual cameras nor a
-    // sanitizer, which it does not survive.
+    // A peer that starts a separate host with --exec. The shell between them runs without the preloaded
+    // libraries: a shell does not work with a sanitizer's.
     PeerRun PeerWithHost(std::vector<std::string> words, const std::string& name = "peer") const {
         const char* preload = std::getenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe): nobody sets it
         words.insert(words.begin(),
@@ -80,7 +81,7 @@ protected:
         return {work, name, std::move(words)};
     }
 
-    // What it prints when it does its work.
+    // Its output; it must succeed.
     std::string PrintedBy(PeerRun peer) const {
         peer.ExpectEnd(0, "");
         return peer.Printed();
@@ -93,7 +94,7 @@ protected:
         })) << "the camera is still in use";
     }
 
-    // What a recording has until it is complete.
+    // Whether there is a recording that is not complete.
     bool HasTemporaryFile() const {
         for (const auto& entry : std::filesystem::directory_iterator(work.Path())) {
             if (entry.path().string().find(".part-") != std::string::npos) {

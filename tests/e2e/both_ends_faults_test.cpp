@@ -1,5 +1,5 @@
-// What is left when the reference host or the reference peer is killed, and what the peer makes of a camera
-// that goes away or stalls.
+// The reference host and the reference peer when one of them is killed, and when a camera disappears or
+// stalls.
 #include <sys/prctl.h>
 
 #include <algorithm>
@@ -20,20 +20,20 @@ class BothEndsKilled : public BothEnds {
 protected:
     static constexpr size_t kAtOnce = 3;
 
-    // Whichever camera is to be opened, a host opens the first one for a moment before. Where several hosts
-    // run nobody uses that one.
+    // Before it opens any camera, a host opens the first one for a moment. Where several hosts run, that one
+    // is therefore not used.
     BothEndsKilled()
         : BothEnds({"card=First,formats=NV12,sizes=320x240,fps=100",
                     "card=Front,formats=NV12,sizes=320x240,fps=100",
                     "card=Desk,formats=YUYV,sizes=320x240,fps=100",
                     "card=Door,formats=YU12,sizes=320x240,fps=100"}) {}
 
-    // The id of the camera that is used by this one of those at once.
+    // The id of the camera that the peer with this index uses.
     static size_t CameraOf(size_t index) { return index + 1; }
 
     uint64_t Delivered(size_t index) { return cameras.At(CameraOf(index)).Status().delivered; }
 
-    // All cameras are free: what they deliver from now on is of the next ones.
+    // Waits until all cameras are free: later frames belong to the peers of this round.
     void BeginRound() {
         ExpectCameraFree(0);
         for (size_t i = 0; i < kAtOnce; ++i) {
@@ -42,7 +42,7 @@ protected:
         }
     }
 
-    // At a moment of its life: once its camera has delivered so many frames.
+    // Kills the process once its camera has delivered so many frames.
     void KillAfter(uint64_t frames, size_t index, ChildProcess& victim) {
         WaitUntil([&] { return Delivered(index) - m_delivered.at(index) >= frames || victim.HasEnded(); });
         ASSERT_FALSE(victim.HasEnded()) << victim.Errors();
@@ -52,7 +52,7 @@ protected:
 
     std::string SocketOf(size_t index) const { return work / ("private/" + std::to_string(index)); }
 
-    // The recording of a peer whose host went away, and what the peer said of it.
+    // Checks the recording of a peer whose host disappeared, and the peer's error.
     void ExpectPlayable(const std::string& path, const std::string& errors) const {
         const auto stamps = StampsIn(work, path, 320, 240);
         for (size_t i = 1; i < stamps.size(); ++i) {
@@ -69,7 +69,7 @@ private:
     std::array<uint64_t, kAtOnce> m_delivered{};
 };
 
-TEST_F(BothEndsKilled, AKilledHostLeavesNothingInTheWayAndThePeerKeepsWhatCame) {
+TEST_F(BothEndsKilled, AKilledHostDoesNotBlockTheNextAndThePeerKeepsItsRecording) {
     constexpr std::array<const char*, 3> kEndings = {".mp4", ".mkv", ".h264"};
     std::mt19937 random(5);
     int kept = 0;
@@ -92,7 +92,7 @@ TEST_F(BothEndsKilled, AKilledHostLeavesNothingInTheWayAndThePeerKeepsWhatCame) 
     PrintedBy(Peer({"snapshot", "1", work / "picture.png"}));
 }
 
-TEST_F(BothEndsKilled, AHostOutlivesItsKilledPeersAndServesTheNext) {
+TEST_F(BothEndsKilled, AHostSurvivesKilledPeersAndServesTheNext) {
     std::mt19937 random(6);
     std::vector<std::unique_ptr<ChildProcess>> hosts;
     for (size_t i = 0; i < kAtOnce; ++i) {
@@ -125,8 +125,8 @@ TEST_F(BothEndsKilled, AHostOutlivesItsKilledPeersAndServesTheNext) {
     }
 }
 
-TEST_F(BothEndsKilled, AHostAtAPipeEndsWithItsKilledPeer) {
-    // Whoever loses its parent becomes this process's child.
+TEST_F(BothEndsKilled, AHostAtAPipeEndsWhenItsPeerIsKilled) {
+    // Orphaned processes become children of this process.
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     std::mt19937 random(7);
     for (int round = 0; round < ZU_ROUNDS_OF_KILLED_PEERS_OF_PIPES; ++round) {
@@ -137,7 +137,7 @@ TEST_F(BothEndsKilled, AHostAtAPipeEndsWithItsKilledPeer) {
             peers.push_back(PeerWithHost({"record", id, work / (id + ".mkv")}, "peer" + id));
         }
         for (size_t i = 0; i < kAtOnce; ++i) {
-            // From the first frame on there is a host.
+            // After the first frame the host is known to run.
             KillAfter(1 + random() % 24, i, peers.at(i).Process());
         }
         for (size_t i = 0; i < kAtOnce; ++i) {
@@ -154,15 +154,15 @@ class BothEndsWatch : public BothEnds {
 protected:
     BothEndsWatch() : BothEnds({"card=Front,formats=NV12,sizes=640x480,fps=30"}) {}
 
-    // Breaks the camera while its figures are shown; they go on once it is back.
-    void ExpectNamedAndBack(const vcam::Fault& fault, const std::string& event, bool to_replug) {
+    // Injects a fault while figures are printed; they continue once the camera is back.
+    void ExpectReportedAndBack(const vcam::Fault& fault, const std::string& event, bool to_replug) {
         const auto host = Start();
         PeerRun peer = Peer({"stats", "0"});
         peer.Prints("camera 0 (Front) 640x480: ");
         const size_t before = peer.Printed().size();
         cameras.At(0).Inject(fault);
         const size_t named = peer.Prints(event, before);
-        // It was named within a second or so: a line of figures stands for a second.
+        // It was reported within about a second: there is one line of figures per second.
         const std::string printed = peer.Printed();
         EXPECT_LE(std::count(printed.begin() + static_cast<std::ptrdiff_t>(before), printed.end(), '\n'), 3)
             << printed;
@@ -177,14 +177,14 @@ protected:
     }
 };
 
-TEST_F(BothEndsWatch, NamesACameraThatIsUnpluggedAndOpensItWhenItIsBack) {
-    ExpectNamedAndBack(vcam::faults::Unplug(), "camera 0 (Front) is gone\n", true);
+TEST_F(BothEndsWatch, ReportsAnUnpluggedCameraAndOpensItWhenItIsBack) {
+    ExpectReportedAndBack(vcam::faults::Unplug(), "camera 0 (Front) is gone\n", true);
 }
 
-TEST_F(BothEndsWatch, NamesACameraThatStallsAndOpensItAgain) {
-    constexpr uint64_t kForGood = 600'000;  // milliseconds; until the stream begins anew
-    ExpectNamedAndBack(vcam::faults::Stall(kForGood), "camera 0 (Front) stalled: no frame for 1.0 s\n",
-                       false);
+TEST_F(BothEndsWatch, ReportsAStalledCameraAndOpensItAgain) {
+    constexpr uint64_t kLongStall = 600'000;  // milliseconds; ends when the stream restarts
+    ExpectReportedAndBack(vcam::faults::Stall(kLongStall), "camera 0 (Front) stalled: no frame for 1.0 s\n",
+                          false);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Whether what the reference peer writes is what the reference host's cameras showed.
+// Compares what the reference peer writes with what the reference host's cameras showed.
 #include <linux/videodev2.h>
 
 #include <array>
@@ -14,7 +14,7 @@
 namespace zumod::testing {
 namespace {
 
-// A rate at which no machine leaves frames out.
+// A rate at which no machine drops frames.
 constexpr double kRate = 15;
 
 class BothEndsRecord : public BothEnds {
@@ -23,7 +23,7 @@ protected:
         : BothEnds({"card=Front,formats=NV12,sizes=640x480,fps=15",
                     "card=Desk,formats=YUYV,sizes=320x240,fps=15"}) {}
 
-    // A second of pictures of this size, none of them left out.
+    // Checks a recording of one second: pictures of this size, none missing.
     void ExpectRecording(const std::string& path, unsigned width, unsigned height, bool has_times) const {
         SCOPED_TRACE(path);
         const VideoFile file = Probe(work, path);
@@ -70,7 +70,7 @@ TEST_F(BothEndsRecord, TwoCamerasAtOnce) {
     ExpectCameraFree(1);
 }
 
-TEST_F(BothEndsRecord, AndKeepTheSecondCamerasFileWhenTheFirstOnesPlaceIsTaken) {
+TEST_F(BothEndsRecord, AndKeepTheSecondFileWhenTheFirstCannotBePutInPlace) {
     const auto host = Start();
     const std::string front = work / "front.mkv";
     const std::string desk = work / "desk.mkv";
@@ -108,7 +108,7 @@ protected:
         : BothEnds({"card=Front,formats=NV12,sizes=320x240:642x480,fps=15",
                     "card=Desk,formats=YUYV,sizes=320x240:642x480,fps=15"}) {}
 
-    // Of each colour; the worst.
+    // The worst of the three colours.
     static double PsnrOfColours(const std::string& shown, const std::string& taken) {
         std::array<Psnr, 3> colours;
         for (size_t i = 0; i < shown.size(); ++i) {

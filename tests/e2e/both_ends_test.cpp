@@ -1,4 +1,4 @@
-// What people and programs get from the reference peer when the reference host is at the other end.
+// The reference peer's commands with the reference host at the other end.
 #include <csignal>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -9,7 +9,7 @@
 namespace zumod::testing {
 namespace {
 
-// A rate at which no machine leaves frames out.
+// A rate at which no machine drops frames.
 constexpr double kRate = 15;
 
 class BothEndsTalk : public BothEnds {
@@ -19,7 +19,7 @@ protected:
                     "card=Old,formats=MJPG,sizes=640x480", "card=Desk,formats=YUYV,sizes=320x240,fps=15"}) {}
 };
 
-TEST_F(BothEndsTalk, ListsTheCamerasForPeopleAndForPrograms) {
+TEST_F(BothEndsTalk, ListsTheCamerasAsTextAndAsJson) {
     const auto host = Start();
     EXPECT_EQ(PrintedBy(Peer({"list"})),
               "ID  NAME          SIZES\n"
@@ -36,7 +36,7 @@ TEST_F(BothEndsTalk, ListsTheCamerasForPeopleAndForPrograms) {
               "\n");
 }
 
-TEST_F(BothEndsTalk, TellsTheVersionAndThatACameraIsClosed) {
+TEST_F(BothEndsTalk, ReportsTheVersionAndThatACameraIsClosed) {
     const auto host = Start();
     EXPECT_EQ(PrintedBy(Peer({"version"})), "5\n");
     EXPECT_EQ(PrintedBy(Peer({"close", "0"})), "camera 0: closed\n");
@@ -52,7 +52,7 @@ TEST_F(BothEndsTalk, ChangesTheFormatWhileTheCameraStreams) {
     ExpectCameraFree();
 }
 
-TEST_F(BothEndsTalk, NamesASizeThatTheCameraDoesNotHave) {
+TEST_F(BothEndsTalk, ReportsASizeThatTheCameraDoesNotHave) {
     const auto host = Start();
     Peer({"snapshot", "0", work / "none.png", "--size", "1280x720"})
         .ExpectEnd(1,
@@ -65,7 +65,7 @@ TEST_F(BothEndsTalk, NamesASizeThatTheCameraDoesNotHave) {
     ExpectCameraFree();
 }
 
-TEST_F(BothEndsTalk, MeasuresRateLatencyAndDropsByThePictures) {
+TEST_F(BothEndsTalk, MeasuresRateLatencyAndDropsFromThePictures) {
     const auto host = Start();
     std::istringstream lines(PrintedBy(Peer({"stats", "0", "--json", "--seconds", "2"})));
     std::string line;
@@ -82,7 +82,7 @@ TEST_F(BothEndsTalk, MeasuresRateLatencyAndDropsByThePictures) {
         EXPECT_GE(figures["latency_ms"]["max"], figures["latency_ms"]["median"]);
         ++count;
     }
-    // The end of the last second is not missing.
+    // Including the line that is due at the end.
     EXPECT_EQ(count, 2);
 }
 
@@ -99,7 +99,7 @@ TEST_F(BothEndsTalk, RefusesACameraThatHasOnlyCompressedPictures) {
     ExpectCameraFree(1);
 }
 
-TEST_F(BothEndsTalk, SendsASecondPeerAwayWithoutDisturbingTheFirst) {
+TEST_F(BothEndsTalk, RefusesASecondPeerWithoutDisturbingTheFirst) {
     const auto host = Start();
     const std::string path = work / "first.mkv";
     PeerRun first = Peer({"record", "0", path});
@@ -135,7 +135,7 @@ TEST_F(BothEndsTalk, TalkThroughTheStandardStreamsOfACommand) {
     ExpectCameraFree(2);
 }
 
-TEST_F(BothEndsTalk, SayWhatIsMissingWhenThereIsNoCodec) {
+TEST_F(BothEndsTalk, ReportTheMissingCodec) {
     std::filesystem::create_directory(work / "modules");
     std::filesystem::create_symlink(ZU_MODULE_DIR "/zu-client-camera.so",
                                     work / "modules/zu-client-camera.so");

@@ -1,4 +1,4 @@
-// zu-camera-peer and what a host may answer: what is right, what is wrong, and nothing.
+// zu-camera-peer and a host's answers: correct, malformed and missing ones.
 #include <csignal>
 
 #include "tests/e2e/peer_process.h"
@@ -10,7 +10,8 @@ class PeerAnswers : public PeerProcess {};
 
 TEST_F(PeerAnswers, PrintsTheList) {
     Start({"list"});
-    GiveList(ListBytes({CameraBytes(0, "Front", {{640, 480}, {1280, 720}}), CameraBytes(1, "De\x1bsk", {})}));
+    AnswerList(
+        ListBytes({CameraBytes(0, "Front", {{640, 480}, {1280, 720}}), CameraBytes(1, "De\x1bsk", {})}));
     ExpectEnd(0, "");
     EXPECT_EQ(Printed(),
               "ID  NAME      SIZES\n"
@@ -20,16 +21,16 @@ TEST_F(PeerAnswers, PrintsTheList) {
 
 TEST_F(PeerAnswers, PrintsTheListAsJson) {
     Start({"list", "--json"});
-    GiveList(ListBytes({CameraBytes(0, "Front", {{640, 480}})}));
+    AnswerList(ListBytes({CameraBytes(0, "Front", {{640, 480}})}));
     ExpectEnd(0, "");
     EXPECT_EQ(Printed(),
               "[{\"id\":0,\"name\":\"Front\",\"display_name\":\"Front\",\"in_use\":false,"
               "\"sizes\":[{\"width\":640,\"height\":480}]}]\n");
 }
 
-TEST_F(PeerAnswers, CountsTheSizesBeyondTheCountOfOneByte) {
+TEST_F(PeerAnswers, PrintsMoreSizesThanOneByteCanCount) {
     Start({"list"});
-    GiveList(ListBytes({CameraBytes(0, "Many", Sizes(300, {16, 8}))}));
+    AnswerList(ListBytes({CameraBytes(0, "Many", Sizes(300, {16, 8}))}));
     ExpectEnd(0, "");
     const std::string printed = Printed();
     size_t sizes = 0;
@@ -55,7 +56,7 @@ TEST_F(PeerAnswers, PrintsTheStateThatFollowsAClose) {
     EXPECT_EQ(Printed(), "camera 7: closed\n");
 }
 
-TEST_F(PeerAnswers, PassesOverWhatItDoesNotKnowAndFramesThatItDidNotAskFor) {
+TEST_F(PeerAnswers, SkipsUnknownMessagesAndFramesItDidNotRequest) {
     Start({"version"});
     host.Expect(kVersionRequestBytes);
     host.Send(MessageBytes(200, Bytes(100000, 1)) + FrameBytes(9, {1, 2, 3}) + kVersionReplyBytes);
@@ -70,14 +71,14 @@ TEST_F(PeerAnswers, PrintsAHostsNoticeAsAnError) {
     EXPECT_EQ(Printed(), "");
 }
 
-TEST_F(PeerAnswers, SaysThatTheHostClosedWithoutAnAnswer) {
+TEST_F(PeerAnswers, ReportsThatTheHostClosedWithoutAnAnswer) {
     Start({"list"});
     host.Expect(kGetListBytes);
     host.Close();
     ExpectEnd(1, "zu-camera-peer: the host closed the connection\n");
 }
 
-TEST_F(PeerAnswers, SaysThatTheHostClosedInTheMiddleOfAnAnswer) {
+TEST_F(PeerAnswers, ReportsThatTheHostClosedInTheMiddleOfAnAnswer) {
     Start({"list"});
     host.Expect(kGetListBytes);
     host.Send({4, 0, 0, 0, 2, 0, 0, 0, 0});
@@ -85,13 +86,13 @@ TEST_F(PeerAnswers, SaysThatTheHostClosedInTheMiddleOfAnAnswer) {
     ExpectEnd(1, "zu-camera-peer: the host closed the connection in the middle of a message\n");
 }
 
-TEST_F(PeerAnswers, SaysThatTheHostDoesNotAnswer) {
+TEST_F(PeerAnswers, ReportsThatTheHostDoesNotAnswer) {
     Start({"list", "--timeout", "0.2"});
     host.Expect(kGetListBytes);
     ExpectEnd(1, "zu-camera-peer: the host did not answer within 0.2 s: camera list request\n");
 }
 
-TEST_F(PeerAnswers, WaitsNoLongerForAHostThatSendsWithoutEndButNoAnswer) {
+TEST_F(PeerAnswers, KeepsTheTimeLimitIfTheHostSendsOtherMessagesWithoutEnd) {
     Start({"list", "--timeout", "0.2"});
     host.Expect(kGetListBytes);
     while (host.Send(kVersionReplyBytes)) {
@@ -114,7 +115,7 @@ struct BadAnswer {
 
 class PeerRefuses : public PeerProcess, public ::testing::WithParamInterface<BadAnswer> {};
 
-TEST_P(PeerRefuses, AnAnswerThatIsNone) {
+TEST_P(PeerRefuses, AMalformedAnswer) {
     Start({"list"});
     host.Expect(kGetListBytes);
     host.Send(GetParam().bytes);

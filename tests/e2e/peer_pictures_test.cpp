@@ -1,4 +1,4 @@
-// zu-camera-peer and the pictures of a camera: one of them, a recording, another format.
+// zu-camera-peer's snapshots, recordings and changes of format.
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -26,7 +26,7 @@ protected:
     EncodedStream stream{640, 480};
 };
 
-// Width and height out of a PNG file.
+// Width and height in a PNG file.
 std::pair<uint32_t, uint32_t> PngSize(const std::string& png) {
     const auto number = [&](size_t at) {
         uint32_t value = 0;
@@ -41,11 +41,11 @@ std::pair<uint32_t, uint32_t> PngSize(const std::string& png) {
 TEST_F(PeerPictures, TakesTheFirstPictureThatCanBeDecoded) {
     const std::string path = work / "picture.png";
     Start({"snapshot", "0", path});
-    GiveOpenCamera();
+    AnswerOpen();
     host.Send(FrameBytes(0, {1, 2, 3}) + FrameBytes(0, {}) + FrameBytes(5, stream.Next(0, 0)));
-    // A stream that is joined in its middle: up to the next key frame nothing can be decoded.
+    // From the middle of a stream: nothing can be decoded before the next key frame.
     SendFrames(60);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(0, "");
     const std::string png = FileContent(path);
     EXPECT_EQ(png.substr(0, 8), "\x89PNG\r\n\x1a\n");
@@ -53,45 +53,45 @@ TEST_F(PeerPictures, TakesTheFirstPictureThatCanBeDecoded) {
     EXPECT_EQ(Files(), std::vector<std::string>{"picture.png"});
 }
 
-TEST_F(PeerPictures, KeepsAFrameThatOvertakesTheAnswer) {
+TEST_F(PeerPictures, KeepsAFrameThatArrivesBeforeTheAnswer) {
     Start({"snapshot", "0", work / "picture.png"});
-    GiveList(kOneCamera);
+    AnswerList(kOneCamera);
     host.Expect(OpenBytes(0));
     SendFrames(1);
     host.Send(StateBytes(2, 0));
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(0, "");
 }
 
-TEST_F(PeerPictures, LeavesNoPictureWhereNoneCouldBeDecoded) {
+TEST_F(PeerPictures, WritesNoFileIfNoPictureCanBeDecoded) {
     Start({"snapshot", "0", work / "picture.png", "--timeout", "0.3"});
-    GiveOpenCamera();
+    AnswerOpen();
     host.Send(FrameBytes(0, Bytes(5000, 0x65)) + FrameBytes(0, {0, 0, 0, 1, 0x65}));
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(1, "zu-camera-peer: none of the 2 frames of camera 0 (Front) within 0.3 s could be decoded\n");
     EXPECT_EQ(Files().size(), 0U);
 }
 
-TEST_F(PeerPictures, SaysThatACameraGivesNone) {
+TEST_F(PeerPictures, ReportsThatTheCameraSendsNoFrame) {
     Start({"snapshot", "0", work / "picture.png", "--timeout", "0.2"});
-    GiveOpenCamera();
-    GiveClosed();
+    AnswerOpen();
+    AnswerClose();
     ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.2 s\n");
 }
 
-TEST_F(PeerPictures, AsksForTheFormatItIsGiven) {
+TEST_F(PeerPictures, RequestsTheGivenFormat) {
     Start({"snapshot", "0", work / "picture.png", "--size", "1280x720", "--fps", "25"});
-    GiveList(kOneCamera);
+    AnswerList(kOneCamera);
     Bytes open = SetFormatBytes(0);
     open[4] = 3;
     host.Expect(open);
     host.Send(StateBytes(2, 0));
     SendFrames(1);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(0, "");
 }
 
-// Frames in the file, by a player of somebody else's, which complains of nothing.
+// The number of frames in the file. A tool that is not part of this project counts them, without a warning.
 int PlayedFrames(const std::string& path) {
     const std::string command =
         "ffprobe -v error -count_frames -select_streams v -show_entries "
@@ -112,22 +112,22 @@ TEST_P(PeerRecords, UntilASignalAndFinishesTheFile) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         EncodedStream fresh(640, 480);
         Start({"record", "0", Path(), "--overwrite"});
-        GiveOpenCamera();
+        AnswerOpen();
         for (uint32_t i = 0; i < 20; ++i) {
             ASSERT_TRUE(host.Send(FrameBytes(0, fresh.Next(i, 0))));
         }
         EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
         peer->Signal(signal);
-        GiveClosed();
+        AnswerClose();
         ExpectEnd(0, "");
         EXPECT_EQ(PlayedFrames(Path()), 20);
     }
     EXPECT_EQ(Files().size(), 1U);
 }
 
-TEST_P(PeerRecords, AndKeepsWhatThereIsWhenTheHostVanishes) {
+TEST_P(PeerRecords, AndKeepsTheFileWhenTheHostDisappears) {
     Start({"record", "0", Path()});
-    GiveOpenCamera();
+    AnswerOpen();
     SendFrames(15);
     host.Send({100, 0, 0, 0, 7, 0, 0, 0, 0});
     host.Close();
@@ -139,20 +139,20 @@ TEST_P(PeerRecords, AndKeepsWhatThereIsWhenTheHostVanishes) {
     EXPECT_EQ(PlayedFrames(Path()), 15);
 }
 
-TEST_P(PeerRecords, AndKeepsWhatThereIsWhenTheCameraFallsSilent) {
+TEST_P(PeerRecords, AndKeepsTheFileWhenFramesStop) {
     Start({"record", "0", Path(), "--timeout", "0.5"});
-    GiveOpenCamera();
+    AnswerOpen();
     SendFrames(5);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(
         1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.5 s; the 5 frames before that are in " +
                Path() + "\n");
     EXPECT_EQ(PlayedFrames(Path()), 5);
 }
 
-TEST_P(PeerRecords, AndKeepsWhatThereIsWhenTheHostSendsNonsense) {
+TEST_P(PeerRecords, AndKeepsTheFileWhenTheHostSendsAMalformedMessage) {
     Start({"record", "0", Path()});
-    GiveOpenCamera();
+    AnswerOpen();
     SendFrames(5);
     host.Send(StateBytes(9, 0));
     ExpectEnd(1,
@@ -161,21 +161,21 @@ TEST_P(PeerRecords, AndKeepsWhatThereIsWhenTheHostSendsNonsense) {
     EXPECT_EQ(PlayedFrames(Path()), 5);
 }
 
-TEST_P(PeerRecords, ForAsLongAsItIsTold) {
+TEST_P(PeerRecords, ForTheGivenTime) {
     Start({"record", "0", Path(), "--seconds", "0.3"});
-    GiveOpenCamera();
+    AnswerOpen();
     SendFrames(3);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(0, "");
     EXPECT_EQ(PlayedFrames(Path()), 3);
 }
 
 TEST_P(PeerRecords, NothingWithoutAKeyFrame) {
     Start({"record", "0", Path(), "--timeout", "0.3"});
-    GiveOpenCamera();
+    AnswerOpen();
     NextFrame();
     SendFrames(3);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no key frame within 0.3 s\n");
     EXPECT_EQ(Files().size(), 0U);
 }
@@ -185,15 +185,15 @@ INSTANTIATE_TEST_SUITE_P(Formats, PeerRecords, ::testing::Values("mp4", "mkv", "
 
 class PeerRecordsTwo : public PeerPictures {
 protected:
-    // Cameras 0 and 3, each into a file.
+    // Records cameras 0 and 3, each into a separate file.
     void StartBoth(const std::vector<std::string>& more = {}) {
         std::vector<std::string> words = {"record", "0", work / "a.mp4", "3", work / "b.mkv"};
         words.insert(words.end(), more.begin(), more.end());
         Start(words);
-        GiveList(ListBytes({CameraBytes(0, "Front", {{640, 480}}), CameraBytes(3, "Desk", {{640, 480}})}));
+        AnswerList(ListBytes({CameraBytes(0, "Front", {{640, 480}}), CameraBytes(3, "Desk", {{640, 480}})}));
         host.Expect(OpenBytes(0));
         EXPECT_TRUE(host.Send(StateBytes(2, 0)));
-        // What comes of the first one before the second is open is not lost.
+        // Frames of the first camera that arrive before the second is open are not lost.
         SendTo(0, stream, 2);
         host.Expect(OpenBytes(3));
         EXPECT_TRUE(host.Send(StateBytes(2, 3)));
@@ -203,7 +203,7 @@ protected:
             ASSERT_TRUE(host.Send(FrameBytes(id, from.Next(counter++, 0))));
         }
     }
-    void GiveBothClosed() {
+    void AnswerBothCloses() {
         for (const uint8_t id : {uint8_t{0}, uint8_t{3}}) {
             host.Expect(CloseBytes(id));
             EXPECT_TRUE(host.Send(StateBytes(4, id)));
@@ -214,7 +214,7 @@ protected:
     EncodedStream other{640, 480};
 };
 
-TEST_F(PeerRecordsTwo, CamerasAtOnceEachIntoItsFile) {
+TEST_F(PeerRecordsTwo, CamerasAtTheSameTime) {
     StartBoth();
     for (int i = 0; i < 5; ++i) {
         SendTo(3, other, 2);
@@ -222,7 +222,7 @@ TEST_F(PeerRecordsTwo, CamerasAtOnceEachIntoItsFile) {
     }
     EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
     peer->Signal(SIGINT);
-    GiveBothClosed();
+    AnswerBothCloses();
     ExpectEnd(0, "");
     EXPECT_EQ(PlayedFrames(work / "a.mp4"), 7);
     EXPECT_EQ(PlayedFrames(work / "b.mkv"), 10);
@@ -230,10 +230,10 @@ TEST_F(PeerRecordsTwo, CamerasAtOnceEachIntoItsFile) {
     EXPECT_NE(Printed().find(", 10 frames, "), std::string::npos);
 }
 
-TEST_F(PeerRecordsTwo, AndKeepsBothWhenOneFallsSilent) {
+TEST_F(PeerRecordsTwo, AndKeepsBothFilesWhenFramesOfOneStop) {
     StartBoth({"--timeout", "0.5"});
     SendTo(3, other, 4);
-    GiveBothClosed();
+    AnswerBothCloses();
     EXPECT_EQ(peer->Wait(), 1);
     EXPECT_NE(peer->Errors().find(" sent no frame within 0.5 s; the 2 frames before that are in " +
                                   (work / "a.mp4") + ", the 4 frames before that are in " + (work / "b.mkv")),
@@ -243,9 +243,9 @@ TEST_F(PeerRecordsTwo, AndKeepsBothWhenOneFallsSilent) {
     EXPECT_EQ(PlayedFrames(work / "b.mkv"), 4);
 }
 
-TEST_F(PeerPictures, WritesTheFramesToStandardOutputAsTheyCome) {
+TEST_F(PeerPictures, WritesFramesToStandardOutputWhenTheyArrive) {
     Start({"record", "0", "-"});
-    GiveOpenCamera();
+    AnswerOpen();
     std::string sent;
     for (int i = 0; i < 3; ++i) {
         const Bytes frame = stream.Next(counter++, 0);
@@ -255,7 +255,7 @@ TEST_F(PeerPictures, WritesTheFramesToStandardOutputAsTheyCome) {
         EXPECT_EQ(Printed(), sent);
     }
     peer->Signal(SIGINT);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(0, "");
 }
 
@@ -270,7 +270,7 @@ protected:
             std::vector<std::string>{ZU_PEER_FILE, "--socket", socket, "record", "0", "-"}, work / "errors",
             -1, writer.Get());
         host.Accept();
-        GiveOpenCamera();
+        AnswerOpen();
     }
 
     int Reader() const { return m_reader.Get(); }
@@ -302,7 +302,7 @@ TEST_F(PeerWritesToAPipe, EndsWhenTheReaderIsGone) {
     EXPECT_EQ(read(Reader(), &byte, 1), 1);
     CloseReader();
     SendFrames(1);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(0, "");
 }
 
@@ -311,7 +311,7 @@ TEST_F(PeerWritesToAPipe, EndsOnASignalWhileTheReaderIsBlocked) {
     EXPECT_TRUE(host.Send(FrameBytes(0, LargeFrame(200000))));
     EXPECT_TRUE(WaitUntilFull());
     peer->Signal(SIGTERM);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(1, "zu-camera-peer: interrupted\n");
 }
 
@@ -319,16 +319,16 @@ TEST_F(PeerWritesToAPipe, HoldsTheHostBackWhileTheReaderIsBlockedAndLosesNothing
     constexpr size_t kFrames = 60;
     const Bytes frame = LargeFrame(200000);
     const Bytes message = FrameBytes(0, frame);
-    // What may be between the host and the reader: the pipe, a frame and what one read brings in the peer,
-    // the socket (its buffer counts more than the bytes in it), and the message that is being sent.
-    const size_t most_on_the_way = kPipeSize + message.size() + 65536 + 212992 + message.size();
+    // The most bytes between the host and the reader: the pipe, in the peer one frame and what one read
+    // returns, the socket (whose limit also counts its overhead), and the message that is being sent.
+    const size_t most_in_transit = kPipeSize + message.size() + 65536 + 212992 + message.size();
     std::atomic<size_t> sent = 0;
     std::thread camera([&] {
         for (size_t i = 0; i < kFrames; ++i) {
             EXPECT_TRUE(host.Send(message));
             sent += message.size();
         }
-        // Not lost either, although it comes when nothing can be written.
+        // Not lost either, although it is sent while nothing can be written.
         EXPECT_TRUE(host.Send(StateBytes(4, 0)));
     });
     EXPECT_TRUE(WaitUntilFull());
@@ -336,7 +336,7 @@ TEST_F(PeerWritesToAPipe, HoldsTheHostBackWhileTheReaderIsBlockedAndLosesNothing
     Bytes piece(kPipeSize);
     for (ssize_t count = 0; (count = read(Reader(), piece.data(), piece.size())) > 0;) {
         written.insert(written.end(), piece.begin(), piece.begin() + count);
-        EXPECT_LE(sent, written.size() + most_on_the_way);
+        EXPECT_LE(sent, written.size() + most_in_transit);
         if (written.size() == kFrames * frame.size()) {
             break;
         }
@@ -347,7 +347,7 @@ TEST_F(PeerWritesToAPipe, HoldsTheHostBackWhileTheReaderIsBlockedAndLosesNothing
         const auto at = written.begin() + static_cast<std::ptrdiff_t>(i * frame.size());
         ASSERT_TRUE(std::equal(frame.begin(), frame.end(), at)) << "frame " << i;
     }
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(1,
               "zu-camera-peer: the host closed camera 0 (Front); the 60 frames before that are in "
               "standard output\n");
@@ -356,29 +356,29 @@ TEST_F(PeerWritesToAPipe, HoldsTheHostBackWhileTheReaderIsBlockedAndLosesNothing
 TEST_F(PeerPictures, ReportsTheSizeThatArrivesAfterAChange) {
     EncodedStream after(320, 240);
     Start({"format", "0", "--size", "320x240"});
-    GiveOpenCamera();
+    AnswerOpen();
     SendFrames(2);
     host.Expect(MessageBytes(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
                 kVersionRequestBytes);
-    // What was on its way.
+    // Sent before the change.
     SendFrames(2);
     host.Send(kVersionReplyBytes);
     SendFrames(1);
     host.Send(FrameBytes(0, after.Next(0, 0)));
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(0, "");
     EXPECT_EQ(Printed(), "camera 0 (Front): 640x480, then 320x240\n");
 }
 
-TEST_F(PeerPictures, ReportsThatTheSizeStaysAsItWas) {
+TEST_F(PeerPictures, ReportsThatTheSizeDidNotChange) {
     Start({"format", "0", "--size", "320x240"});
-    GiveOpenCamera();
+    AnswerOpen();
     SendFrames(1);
     host.Expect(MessageBytes(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
                 kVersionRequestBytes);
     host.Send(kVersionReplyBytes);
     SendFrames(20);
-    GiveClosed();
+    AnswerClose();
     ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sends 640x480 where 320x240 was asked for\n");
     EXPECT_EQ(Printed(), "camera 0 (Front): 640x480, then 640x480\n");
 }

@@ -1,4 +1,4 @@
-// zu-camera-peer as a process, and a host of the test's own that it speaks with.
+// zu-camera-peer as a process, connected to a host that the test scripts.
 //
 // Thread rule: one test thread.
 #pragma once
@@ -20,7 +20,7 @@ namespace zumod::testing {
 
 class PeerProcess : public ::testing::Test {
 protected:
-    // Any command line; what it prints is in the file "out".
+    // Any command line. Standard output is the file "out".
     void StartWith(std::vector<std::string> words) {
         words.insert(words.begin(), ZU_PEER_FILE);
         const UniqueFd out(open(Out().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600));
@@ -34,27 +34,27 @@ protected:
         host.Accept();
     }
 
-    // The list request of every command that needs a camera, and its answer.
-    void GiveList(const Bytes& list) {
+    // Expects the list request, with which every command that needs a camera starts, and answers it.
+    void AnswerList(const Bytes& list) {
         host.Expect(kGetListBytes);
         EXPECT_TRUE(host.Send(list));
     }
 
-    // The same, and the opening of camera 0 at 640x480 and 30 frames a second.
-    void GiveOpenCamera() {
-        GiveList(kOneCamera);
+    // The same, then expects and answers the request to open camera 0 at 640x480 and 30 frames per second.
+    void AnswerOpen() {
+        AnswerList(kOneCamera);
         host.Expect(OpenBytes(0));
         EXPECT_TRUE(host.Send(StateBytes(2, 0)));
     }
 
-    // Closes as a host does that is asked to.
-    void GiveClosed() {
+    // Expects the request to close camera 0, answers it, and waits until the peer has disconnected.
+    void AnswerClose() {
         host.Expect(CloseBytes(0));
         EXPECT_TRUE(host.Send(StateBytes(4, 0)));
         host.ExpectClosed();
     }
 
-    // That it ends with this status and these lines on standard error.
+    // Waits for the end and checks the exit status and standard error.
     void ExpectEnd(int status, const std::string& errors) {
         EXPECT_EQ(peer->Wait(), status);
         EXPECT_EQ(peer->Errors(), errors);
@@ -62,14 +62,14 @@ protected:
 
     std::string Out() const { return work / "out"; }
     std::string Printed() const { return FileContent(Out()); }
-    // Waits until it has printed this, or has ended.
+    // Waits until the peer has printed the text, or has ended.
     bool Prints(const std::string& text) {
         const auto has = [&] { return Printed().find(text) != std::string::npos; };
         WaitUntil([&] { return has() || peer->HasEnded(); });
         return has();
     }
 
-    // The names of the files of the test, those of this class apart.
+    // The names of the files in the work directory that this class did not create.
     std::vector<std::string> Files() const {
         std::vector<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(work.Path())) {

@@ -1,4 +1,4 @@
-// How zu-camera-peer begins: its options, the ways to a host, the file it is to write.
+// How zu-camera-peer starts: options, the connection to a host, the output file.
 #include <csignal>
 
 #include "tests/e2e/peer_process.h"
@@ -28,7 +28,7 @@ TEST_F(PeerStart, PrintsItsHelpAndItsVersion) {
     EXPECT_EQ(Printed().rfind("zu-camera-peer ", 0), 0U);
 }
 
-TEST_F(PeerStart, SaysThatNobodyListens) {
+TEST_F(PeerStart, ReportsThatNobodyListens) {
     const std::string nowhere = work / "nowhere";
     StartWith({"--socket", nowhere, "list"});
     ExpectEnd(1, "zu-camera-peer: no connection to " + nowhere + ": No such file or directory\n");
@@ -37,7 +37,7 @@ TEST_F(PeerStart, SaysThatNobodyListens) {
     ExpectEnd(1, "zu-camera-peer: the path of the socket is too long: " + longest + "\n");
 }
 
-TEST_F(PeerStart, SpeaksWithACommand) {
+TEST_F(PeerStart, UsesACommandAsTheConnection) {
     // Reads the request and answers it.
     StartWith({"--exec",
                "head -c 8 >/dev/null; printf '\\004\\000\\000\\000\\013\\000\\000\\000\\005\\000\\000\\000'",
@@ -46,15 +46,15 @@ TEST_F(PeerStart, SpeaksWithACommand) {
     EXPECT_EQ(Printed(), "5\n");
 }
 
-TEST_F(PeerStart, LetsTheCommandsErrorsThroughAndTellsItsStatus) {
+TEST_F(PeerStart, ShowsTheCommandsErrorsAndReportsItsStatus) {
     StartWith({"--exec", "echo something is wrong >&2; exit 3", "version"});
     ExpectEnd(1,
               "something is wrong\n"
               "zu-camera-peer: the host closed the connection: the command ended with status 3\n");
 }
 
-TEST_F(PeerStart, EndsACommandThatStays) {
-    // Ignores the end of its input; its own number tells whether it is gone.
+TEST_F(PeerStart, EndsACommandThatDoesNotExit) {
+    // It ignores the end of its input. Its process id shows whether it is gone.
     const std::string pid_file = work / "pid";
     StartWith({"--exec", "echo $$ >" + pid_file + "; exec sleep 1000", "version", "--timeout", "0.2"});
     ExpectEnd(1, "zu-camera-peer: the host did not answer within 0.2 s: version request\n");
@@ -62,8 +62,8 @@ TEST_F(PeerStart, EndsACommandThatStays) {
     EXPECT_EQ(kill(pid, 0), -1);
 }
 
-TEST_F(PeerStart, GivesTheCommandTheSignalsAsTheyAre) {
-    // A mask or an ignored signal would be inherited.
+TEST_F(PeerStart, StartsTheCommandWithDefaultSignals) {
+    // A signal mask and ignored signals are inherited.
     const std::string status = work / "status";
     StartWith({"--exec", "exec cat /proc/self/status >" + status, "version"});
     EXPECT_EQ(peer->Wait(), 1);
@@ -75,7 +75,7 @@ TEST_F(PeerStart, GivesTheCommandTheSignalsAsTheyAre) {
     EXPECT_EQ(signals("SigIgn:") >> (SIGPIPE - 1) & 1, 0U);
 }
 
-TEST_F(PeerStart, KeepsAFileThatExistsBeforeItAsksTheHostForAnything) {
+TEST_F(PeerStart, RefusesToReplaceAFileBeforeItSendsARequest) {
     for (const char* command : {"snapshot", "record"}) {
         const std::string path = work / (std::string(command) == "record" ? "film.mp4" : "picture.png");
         Put(path, "precious");
@@ -86,14 +86,14 @@ TEST_F(PeerStart, KeepsAFileThatExistsBeforeItAsksTheHostForAnything) {
     EXPECT_EQ(Files().size(), 2U);
 }
 
-TEST_F(PeerStart, SaysThatADirectoryCannotBeWrittenTo) {
-    // Not by its permissions, which do not hold for root: nobody can make a file there.
+TEST_F(PeerStart, ReportsADirectoryThatCannotBeWritten) {
+    // Permissions do not restrict root, but nobody can create a file there.
     StartWith({"--socket", socket, "snapshot", "0", "/proc/picture.png"});
     EXPECT_EQ(peer->Wait(), 1);
     EXPECT_EQ(peer->Errors().rfind("zu-camera-peer: /proc/picture.png cannot be written: ", 0), 0U);
 }
 
-TEST_F(PeerStart, SaysThatThereIsNoDecoder) {
+TEST_F(PeerStart, ReportsThatThereIsNoDecoder) {
     StartWith({"--socket", socket, "--modules", work.Path(), "snapshot", "0", work / "picture.png"});
     ExpectEnd(1, "zu-camera-peer: no decoder from zu-codec.so in " + work.Path() +
                      " (see --modules): [zumod] module file is not exist\n");
@@ -102,17 +102,17 @@ TEST_F(PeerStart, SaysThatThereIsNoDecoder) {
 
 TEST_F(PeerStart, RefusesAnIdThatIsNotListed) {
     Start({"snapshot", "4", work / "picture.png"});
-    GiveList(kOneCamera);
+    AnswerList(kOneCamera);
     ExpectEnd(1, "zu-camera-peer: there is no camera 4; the host lists camera 0 (Front)\n");
     Start({"stats", "0"});
-    GiveList(kEmptyListBytes);
+    AnswerList(kEmptyListBytes);
     ExpectEnd(1, "zu-camera-peer: there is no camera 0; the host lists none\n");
     EXPECT_EQ(Files().size(), 0U);
 }
 
-TEST_F(PeerStart, SaysThatACameraCouldNotBeOpened) {
+TEST_F(PeerStart, ReportsThatACameraCouldNotBeOpened) {
     Start({"record", "0", work / "film.mkv"});
-    GiveList(kOneCamera);
+    AnswerList(kOneCamera);
     host.Expect(OpenBytes(0));
     host.Send(StateBytes(1, 0));
     ExpectEnd(1, "zu-camera-peer: camera 0 (Front) could not be opened\n");

@@ -1,4 +1,4 @@
-// zu-camera-peer's figures, and how it follows a camera that stalls, goes and comes back.
+// zu-camera-peer stats: the figures, and a camera that stalls, disappears and comes back.
 #include <csignal>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -11,7 +11,7 @@ namespace {
 
 class PeerStats : public PeerProcess {
 protected:
-    // A frame that was shown just now, of a stream that began with the first of these.
+    // A frame with the current time. The first one starts the stream.
     Bytes NextFrame(uint32_t counter) {
         timespec now{};
         clock_gettime(CLOCK_MONOTONIC, &now);
@@ -19,19 +19,19 @@ protected:
             static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
         return stream->Next(counter, us);
     }
-    // Opened with 1 frame a second, so that a loaded machine is no stall: that is 2.5 s without a frame.
+    // With 1 frame per second the limit is 2.5 s, so that a loaded machine does not look like a stall.
     static Bytes OpenSlowly(uint8_t id) {
         Bytes open = OpenBytes(id);
         open[20] = 1;
         return open;
     }
-    void GiveSlowCamera() {
-        GiveList(kOneCamera);
+    void AnswerSlowOpen() {
+        AnswerList(kOneCamera);
         host.Expect(OpenSlowly(0));
         EXPECT_TRUE(host.Send(StateBytes(2, 0)));
     }
 
-    // Ends it by a signal, and answers its last request.
+    // Ends the peer by a signal, and answers its last request.
     void Stop(int signal, uint8_t id) {
         peer->Signal(signal);
         host.Send(StateBytes(4, id));
@@ -41,14 +41,14 @@ protected:
 
     void BeginStream() { stream = std::make_unique<EncodedStream>(640, 480); }
 
-    // Sends frames until the peer has printed this.
+    // Sends frames until the peer has printed the text.
     void StreamUntilPrinted(uint8_t id, const std::string& text) {
         uint32_t counter = 0;
         EXPECT_TRUE(WaitUntil([&] {
             if (Printed().find(text) != std::string::npos) {
                 return true;
             }
-            // As fast as a camera: pictures are sent when the one before is due.
+            // The rate of a camera.
             EXPECT_TRUE(host.Send(FrameBytes(id, NextFrame(counter++))));
             poll(nullptr, 0, 20);
             return false;
@@ -58,9 +58,9 @@ protected:
     std::unique_ptr<EncodedStream> stream = std::make_unique<EncodedStream>(640, 480);
 };
 
-TEST_F(PeerStats, PrintsALineASecondWithLatencyAndDrops) {
+TEST_F(PeerStats, PrintsOneLinePerSecondWithLatencyAndDrops) {
     Start({"stats", "0", "--json", "--fps", "1"});
-    GiveSlowCamera();
+    AnswerSlowOpen();
     for (const uint32_t counter : {0U, 1U, 4U}) {
         host.Send(FrameBytes(0, NextFrame(counter)));
     }
@@ -83,11 +83,11 @@ TEST_F(PeerStats, PrintsALineASecondWithLatencyAndDrops) {
     EXPECT_GE(figures["seconds"], 1.0);
 }
 
-TEST_F(PeerStats, NamesAStalledCameraClosesItAndOpensItAgain) {
+TEST_F(PeerStats, ReportsAStalledCameraClosesItAndOpensItAgain) {
     Start({"stats", "0", "--fps", "1"});
-    GiveSlowCamera();
+    AnswerSlowOpen();
     host.Send(FrameBytes(0, NextFrame(0)));
-    // Nothing more comes: after half of the time it looks whether the camera is there.
+    // No more frames: after half of the limit the peer requests the list.
     host.Expect(kGetListBytes);
     host.Send(kOneCamera);
     host.Expect(CloseBytes(0));
@@ -105,7 +105,7 @@ TEST_F(PeerStats, NamesAStalledCameraClosesItAndOpensItAgain) {
 
 TEST_F(PeerStats, FindsACameraThatComesBackUnderAnotherId) {
     Start({"stats", "0", "--json", "--fps", "1"});
-    GiveSlowCamera();
+    AnswerSlowOpen();
     host.Send(FrameBytes(0, NextFrame(0)));
     host.Expect(kGetListBytes);
     host.Send(ListBytes({CameraBytes(0, "Desk", {{640, 480}})}));
@@ -123,18 +123,18 @@ TEST_F(PeerStats, FindsACameraThatComesBackUnderAnotherId) {
     Stop(SIGTERM, 1);
 }
 
-TEST_F(PeerStats, EndsWhenTheHostVanishes) {
+TEST_F(PeerStats, EndsWhenTheHostDisappears) {
     Start({"stats", "0"});
-    GiveOpenCamera();
+    AnswerOpen();
     host.Send(FrameBytes(0, NextFrame(0)));
     host.Close();
     ExpectEnd(1, "zu-camera-peer: the host closed the connection\n");
 }
 
-TEST_F(PeerStats, EndsAfterTheTimeItIsGiven) {
+TEST_F(PeerStats, EndsAfterTheGivenTime) {
     Start({"stats", "0", "--seconds", "0.2"});
-    GiveOpenCamera();
-    GiveClosed();
+    AnswerOpen();
+    AnswerClose();
     ExpectEnd(0, "");
     EXPECT_EQ(Printed(), "");
 }

@@ -1,4 +1,4 @@
-// A recording as programs see it that have nothing to do with this project.
+// A recording as read by programs that are not part of this project.
 //
 // Thread rule: one test thread.
 #pragma once
@@ -20,9 +20,9 @@
 
 namespace zumod::testing {
 
-// What a tool prints; it must end well and complain of nothing.
+// What a tool prints. It must succeed without a warning.
 inline std::string ToolOutput(const WorkDirectory& work, std::vector<std::string> words) {
-    // It is to see neither virtual cameras nor a sanitizer.
+    // Without the libraries that the test is started with.
     words.insert(words.begin(), {"/usr/bin/env", "-u", "LD_PRELOAD"});
     const std::string out = work / "tool.out";
     const UniqueFd file(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
@@ -38,7 +38,7 @@ inline std::string DecodedBytes(const WorkDirectory& work, const std::string& pa
                              "-enc_time_base", "-1", "-f", "rawvideo", "-pix_fmt", pixel_format, "-"});
 }
 
-// The stamps of its decoded pictures, which have this size.
+// The stamps in the decoded pictures of a file; the pictures have this size.
 inline std::vector<Stamp> StampsIn(const WorkDirectory& work, const std::string& path, unsigned width,
                                    unsigned height) {
     const std::string bytes = DecodedBytes(work, path, "gray");
@@ -60,7 +60,7 @@ struct VideoFile {
     size_t frames = 0;
     std::vector<double> times;  // of the frames; none in bare H.264
 
-    // Frames a second, by their times.
+    // Frames per second, from their times.
     double Rate() const {
         return times.size() < 2 ? 0 : static_cast<double>(times.size() - 1) / (times.back() - times.front());
     }
