@@ -1,5 +1,4 @@
-// Loads and unloads the module as a host without the SDK does: the descriptor, the host's table and the
-// numbers are declared here by hand.
+// Loads and unloads the module as a host without the SDK does.
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,6 +8,7 @@
 #include <cstdint>
 #include <thread>
 
+#include "tests/support/doubles/raw_host.h"
 #include "tests/support/watch/mappings.h"
 #include "tests/support/watch/module_calls.h"
 
@@ -20,45 +20,23 @@ using zumod::testing::InModule;
 using zumod::testing::LocksOfModule;
 using zumod::testing::ModuleCall;
 using zumod::testing::TimesMapped;
+namespace raw = zumod::testing::raw;
 
-struct Descriptor {
-    uint64_t version;
-    const char* name;
-    int (*attach_runtime)(void* host);
-    void (*detach_runtime)();
-    int (*create)(void* policy, void** out);
-    const char* build_stamp;
-};
-
-// The host's runtime object: a pointer to a table of four functions.
-struct Host {
-    struct Table {
-        int (*write_log)(Host*, uint32_t, const char*);
-        int32_t (*service2)(Host*, uint8_t, uint64_t, uint64_t, uint64_t, uint64_t);
-        int32_t (*service3)(Host*, uint8_t, uint64_t, uint64_t, uint64_t);
-        void* (*get_env_property)(Host*, const char*);
-    };
-    static const Table kTable;
-
-    const Table* table = &kTable;
-    std::atomic<int> lines{0};
-};
-
-const Host::Table Host::kTable = {
-    [](Host* self, uint32_t, const char*) {
-        ++self->lines;
-        return 0;
-    },
-    [](Host*, uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) -> int32_t { return 0; },
-    [](Host*, uint8_t, uint64_t, uint64_t, uint64_t) -> int32_t { return 0; },
-    [](Host*, const char*) -> void* { return nullptr; },
+// Counts log lines and allocates nothing: what a module takes is compared.
+struct Host : raw::Runtime {
+    Host() : raw::Runtime{raw::kRuntimeTable, {}, {}, {}} {
+        on_line = [this](uint32_t, const char*) { ++logged; };
+    }
+    std::atomic<int> logged{0};
 };
 
 class Library {
 public:
     explicit Library(const char* path) : m_path(path) {
-        const InModule inside;
-        m_handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+        {
+            const InModule inside;
+            m_handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+        }
         EXPECT_NE(m_handle, nullptr) << dlerror();
         EXPECT_EQ(TimesMapped(path), 1);
     }
@@ -76,7 +54,7 @@ public:
         EXPECT_NE(address, nullptr) << name;
         return reinterpret_cast<Function>(address);
     }
-    const Descriptor* Entry() { return Find<const Descriptor* (*)()>("zumod_get_entrypoint")(); }
+    const raw::Descriptor* Entry() { return raw::EntryOf(m_handle); }
     void Close() {
         EXPECT_EQ(dlclose(m_handle), 0);
         m_handle = nullptr;
@@ -105,7 +83,7 @@ protected:
 
 TEST_F(ModuleLoading, TheDescriptorIsRightInEveryField) {
     Library library(ZU_MODULE_FILE);
-    const Descriptor* descriptor = library.Entry();
+    const raw::Descriptor* descriptor = library.Entry();
     ASSERT_NE(descriptor, nullptr);
     EXPECT_EQ(descriptor->version, 0x0002000000000000U);
     EXPECT_STREQ(descriptor->name, "zu-client-camera");
@@ -121,7 +99,7 @@ TEST_F(ModuleLoading, TheDescriptorIsRightInEveryField) {
 
 TEST_F(ModuleLoading, AttachAcceptsAHostAndRefusesNull) {
     Library library(ZU_MODULE_FILE);
-    const Descriptor* descriptor = library.Entry();
+    const raw::Descriptor* descriptor = library.Entry();
     Host host;
     EXPECT_EQ(descriptor->attach_runtime(nullptr), 0);
     EXPECT_EQ(descriptor->attach_runtime(&host), 1);
@@ -132,7 +110,7 @@ TEST_F(ModuleLoading, AttachAcceptsAHostAndRefusesNull) {
 
 TEST_F(ModuleLoading, CreateRefusesARequestWithoutAPolicyOrASlot) {
     Library library(ZU_MODULE_FILE);
-    const Descriptor* descriptor = library.Entry();
+    const raw::Descriptor* descriptor = library.Entry();
     Host host;
     EXPECT_EQ(descriptor->attach_runtime(&host), 1);
     void* const untouched = &host;
@@ -176,7 +154,7 @@ TEST_F(ModuleLoading, TheObjectStaysMappedUntilItsLastClose) {
 TEST_F(ModuleLoading, LoadsRunsAndUnloadsAHundredTimes) {
     for (int round = 0; round < 100 && !HasFailure(); ++round) {
         Library library(ZU_MODULE_FILE);
-        const Descriptor* descriptor = library.Entry();
+        const raw::Descriptor* descriptor = library.Entry();
         EXPECT_EQ(descriptor->version, 0x0002000000000000U);
         Host host;
         {
@@ -207,7 +185,7 @@ TEST_F(ModuleLoading, AModuleWhoseThreadsLoggedUnloadsAHundredTimes) {
         Host host;
         EXPECT_EQ(probe(&host), 2) << "two classes are registered, afresh with each load";
         EXPECT_EQ(probe(&host), 2);
-        EXPECT_EQ(host.lines, 2 * 7);
+        EXPECT_EQ(host.logged, 2 * 7);
         library.Close();
         ExpectNothingLeft();
     }
@@ -220,8 +198,8 @@ TEST_F(ModuleLoading, TwoModulesAtOnceShareNothing) {
     Host probe_host;
     EXPECT_EQ(module.Entry()->attach_runtime(&module_host), 1);
     EXPECT_EQ(probe.Find<int64_t (*)(void*)>("load_probe")(&probe_host), 2);
-    EXPECT_EQ(probe_host.lines, 7);
-    EXPECT_EQ(module_host.lines, 0);
+    EXPECT_EQ(probe_host.logged, 7);
+    EXPECT_EQ(module_host.logged, 0);
     module.Entry()->detach_runtime();
 }
 
