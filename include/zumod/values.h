@@ -97,8 +97,8 @@ private:
 
 #pragma GCC diagnostic pop
 
-// The content of a value that may be null or of another kind: then nothing, 0 or false. A value from another
-// module must not be asked for a kind that it is not.
+// Read a value that may be null or of another kind: then they return nothing, 0 or false. They check the kind
+// themselves, because the getters of another module's value may not.
 inline std::optional<std::string> TextOf(IZUModData* value) {
     const char* text = value != nullptr && value->GetType() == kZUModDataText ? value->GetString() : nullptr;
     return text != nullptr ? std::optional<std::string>(text) : std::nullopt;
