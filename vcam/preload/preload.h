@@ -9,6 +9,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cstdint>
@@ -48,9 +49,7 @@ inline int TakeNumber(const char*& text) {
 
 // Each writes without a NUL and returns the end of what it wrote.
 inline char* PutText(char* out, const char* text) {
-    const size_t length = std::strlen(text);
-    std::memcpy(out, text, length);
-    return out + length;
+    return std::copy_n(text, std::strlen(text), out);
 }
 inline constexpr unsigned kMaxDigits = 10;
 inline char* PutNumber(char* out, unsigned number) {
