@@ -158,7 +158,7 @@ TEST(IncludeLines, TheWholeSdkHeaderNamesEveryOther) {
     }
 }
 
-TEST(IncludeLines, AreFoundHoweverTheyAreSpaced) {
+TEST(IncludeLines, AreFoundWithAnySpacing) {
     EXPECT_EQ(QuotedInclude("#include \"src/base/x.h\""), "src/base/x.h");
     EXPECT_EQ(QuotedInclude(" #  include\t\"src/base/x.h\"  // why"), "src/base/x.h");
     EXPECT_EQ(QuotedInclude("#include <vector>"), std::nullopt);

@@ -290,11 +290,11 @@ protected:
     }
 };
 
-TEST_P(FaultInjection, OneFailedCallEndsNothingButWhatItWasFor) {
+TEST_P(FaultInjection, OneFailedCallAffectsOnlyWhatItWasFor) {
     FailEach(1);
 }
 
-TEST_P(FaultInjection, NothingIsLeftWhenAllCallsFailFromOneOn) {
+TEST_P(FaultInjection, NothingIsLeftIfAllCallsFailFromOneOn) {
     FailEach(UINT64_MAX);
 }
 

@@ -21,7 +21,7 @@ using OneSession = DriverSession;
 TEST_F(OneSession, OpensACameraTakesThreePicturesAndClosesIt) {
     // One format instead of 83, each of which would be tried at 16 sizes: tracing is slow.
     const FormatFilter filter = FormatFilter::Only(V4L2_PIX_FMT_YUV420);
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     EXPECT_TRUE(FramesCome(0, 3));
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
 }
@@ -154,7 +154,7 @@ std::string CallWith(const std::vector<TracedCall>& calls, const std::string& te
     return found;
 }
 
-TEST(CallOrder, OfAStartAndAStopIsTheOneThatIsDocumented) {
+TEST(CallOrder, StartFrameAndStopMakeTheDocumentedCalls) {
     // A different format from the one requested below.
     OutputOf("v4l2-ctl -d /dev/video0 --set-fmt-video=width=1280,height=720,pixelformat=NV12");
     const std::string trace = "/dev/shm/trace";

@@ -65,7 +65,7 @@ TEST_F(CameraList, HoldsASizeOfTheWebcamForEachCandidateWithOneMatchingSide) {
     EXPECT_EQ(Adjusted(kWebcam, "800x600"), "640x480");
 }
 
-TEST_F(CameraList, HoldsEveryCandidateSizeWhereTheDriverTakesAnySize) {
+TEST_F(CameraList, HoldsEveryCandidateSizeIfTheDriverAcceptsAnySize) {
     const auto cameras = List();
     ASSERT_EQ(cameras.size(), size_t{kCameras});
     EXPECT_EQ(cameras[kHdmi].sizes,

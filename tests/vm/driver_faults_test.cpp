@@ -44,20 +44,20 @@ protected:
         SetControls(kWebcam, fault + "=1");
         const auto threads = CountThreads();
         const auto descriptors = CountDescriptors();
-        EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraFailed});
+        EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraFailed});
         EXPECT_EQ(Complaints(0), complaints);
         EXPECT_TRUE(ThreadsComeTo(threads));
         EXPECT_EQ(CountDescriptors(), descriptors);
         EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
 
-        EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+        EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
         EXPECT_TRUE(FramesCome(0, 3));
         EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
         EXPECT_EQ(Complaints(0), complaints) << "the second start complained as well";
     }
 };
 
-TEST_F(DriverFaults, AFailedRequestForBuffersFailsThatStartAlone) {
+TEST_F(DriverFaults, AFailedRequestForBuffersFailsOnlyThatStart) {
     ExpectOneFailedStart("inject_vidioc_reqbufs_error",
                          {"[LinuxV4L2CameraCapture] req buf fail, devid 0, err 22",
                           "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: 22"});
@@ -65,16 +65,16 @@ TEST_F(DriverFaults, AFailedRequestForBuffersFailsThatStartAlone) {
 
 // Required by the contract: if queueing fails, the start leaks its mappings. Mapped memory keeps the
 // device open, so the driver reports the camera as busy to every caller until the process ends.
-TEST_F(DriverFaults, AFailedQueueingOfABufferInAStartKeepsTheCameraTakenWhileTheBufferIsMapped) {
+TEST_F(DriverFaults, AStartThatFailsToQueueABufferKeepsTheCameraBusyWhileItIsMapped) {
     SetControls(kWebcam, "inject_vidioc_qbuf_error=1");
-    EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraFailed});
+    EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraFailed});
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
     const std::vector<std::string> first = {
         "[LinuxV4L2CameraCapture] qbuf fail, devid 0, err 22",
         "[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: 22"};
     EXPECT_EQ(Complaints(0), first);
 
-    EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraFailed});
+    EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraFailed});
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
     std::vector<std::string> both = first;
     both.emplace_back("[LinuxV4L2CameraCapture] req buf fail, devid 0, err 16");
@@ -82,20 +82,20 @@ TEST_F(DriverFaults, AFailedQueueingOfABufferInAStartKeepsTheCameraTakenWhileThe
     EXPECT_EQ(Complaints(0), both);
 
     EXPECT_EQ(UnmapAll(DeviceFile(kWebcam)), 1);
-    EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     EXPECT_TRUE(FramesCome(0, 3));
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
     EXPECT_EQ(Complaints(0), both);
 }
 
-TEST_F(DriverFaults, AFailedStartOfTheStreamFailsThatStartAlone) {
+TEST_F(DriverFaults, AFailedStartOfTheStreamFailsOnlyThatStart) {
     ExpectOneFailedStart("inject_vidioc_streamon_error",
                          {"[LinuxV4L2CameraCapture] alloc video buffer fail, devid 0, err: 22"});
 }
 
-TEST_F(DriverFaults, AFailureOfTheFirstStartOfTwoIsMadeGoodByTheSecond) {
-    // With a rate other than the default, the capture starts when the rate is set and fails there, and
-    // fails again in the open.
+TEST_F(DriverFaults, ASecondStartSucceedsAfterTheFirstFailed) {
+    // With a rate other than the default, the capture starts twice: when the format is set, where it fails
+    // here, and in the open.
     SetControls(kWebcam, "inject_vidioc_streamon_error=1");
     EXPECT_EQ(Open({0, 640, 480, 25}), uint32_t{kCameraOpen});
     EXPECT_EQ(
@@ -105,8 +105,8 @@ TEST_F(DriverFaults, AFailureOfTheFirstStartOfTwoIsMadeGoodByTheSecond) {
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
 }
 
-TEST_F(DriverFaults, AFailedQueueingWhileItRunsCostsOneBufferAndNoMore) {
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+TEST_F(DriverFaults, AFailedQueueingDuringCaptureLosesOneBuffer) {
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     SetControls(kWebcam, "inject_vidioc_qbuf_error=1");
     EXPECT_TRUE(FramesCome(0, 12));
@@ -115,8 +115,8 @@ TEST_F(DriverFaults, AFailedQueueingWhileItRunsCostsOneBufferAndNoMore) {
     EXPECT_EQ(Complaints(0), std::vector<std::string>{});
 }
 
-TEST_F(DriverFaults, ABufferMarkedAsDamagedIsFollowedByTheNext) {
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+TEST_F(DriverFaults, ADamagedBufferIsFollowedByTheNext) {
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     SetControls(kWebcam, "inject_v4l2_buf_flag_error=1");
     EXPECT_TRUE(FramesCome(0, 8));
@@ -124,8 +124,8 @@ TEST_F(DriverFaults, ABufferMarkedAsDamagedIsFollowedByTheNext) {
     EXPECT_EQ(Complaints(0), std::vector<std::string>{});
 }
 
-TEST_F(DriverFaults, ACameraThatDropsEveryBufferStallsTheStreamAndGoesOnAfterwards) {
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+TEST_F(DriverFaults, ACameraThatDropsEveryBufferStallsAndContinuesAfterwards) {
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     SetControls(kWebcam, "percentage_of_dropped_buffers=100");
     // Frames already on the way.
@@ -143,7 +143,7 @@ TEST_F(DriverFaults, ACameraThatDropsEveryBufferStallsTheStreamAndGoesOnAfterwar
 }
 
 TEST_F(DriverFaults, AStalledCameraCanBeClosed) {
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     SetControls(kWebcam, "percentage_of_dropped_buffers=100");
     while (FrameComes(0, seconds(1))) {
         NextFrame(0);
@@ -152,8 +152,8 @@ TEST_F(DriverFaults, AStalledCameraCanBeClosed) {
     SetControls(kWebcam, "percentage_of_dropped_buffers=0");
 }
 
-TEST_F(DriverFaults, AStreamThatBreaksDownEndsThePicturesUntilTheCameraIsClosedAndOpenedAgain) {
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+TEST_F(DriverFaults, ABrokenStreamEndsThePicturesUntilTheCameraIsReopened) {
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     SetControls(kWebcam, "inject_fatal_streaming_error=1");
     while (FrameComes(0, seconds(1))) {
@@ -164,7 +164,7 @@ TEST_F(DriverFaults, AStreamThatBreaksDownEndsThePicturesUntilTheCameraIsClosedA
     PrintCostOf(threads[0], milliseconds(2500), "broken stream");
     EXPECT_EQ(Complaints(0), std::vector<std::string>{});
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
-    EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     EXPECT_TRUE(FramesCome(0, 3));
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
 }

@@ -31,7 +31,7 @@ struct ListedCamera {
 class DriverSession : public raw::WholeSystem {
 protected:
     // A capture's default format: opening with it starts the camera exactly once.
-    static constexpr FormatRequest kAsItIs = {0, 640, 480, 15};
+    static constexpr FormatRequest kDefaultRequest = {0, 640, 480, 15};
 
     void SetUp() override;
     void TearDown() override;

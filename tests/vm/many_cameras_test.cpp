@@ -31,7 +31,7 @@ protected:
     }
 };
 
-TEST_F(ManyCameras, TwoDeliverSideBySideEachItsOwnSize) {
+TEST_F(ManyCameras, TwoDeliverAtOnceEachInItsSize) {
     ASSERT_EQ(Open({0, 640, 480, 15}), uint32_t{kCameraOpen});
     ASSERT_EQ(Open({2, 320, 180, 15}), uint32_t{kCameraOpen});
     PictureReader first;
@@ -45,7 +45,7 @@ TEST_F(ManyCameras, TwoDeliverSideBySideEachItsOwnSize) {
     EXPECT_EQ(Close(2), uint32_t{kCameraClosed});
 }
 
-TEST_F(ManyCameras, ThreeDeliverAndTheOthersGoOnAsEachIsClosed) {
+TEST_F(ManyCameras, ThreeDeliverAndClosingOneDoesNotStopTheOthers) {
     // The default size and rate, for which the first camera need not be started.
     std::vector<PictureReader> readers(3);
     for (const uint32_t id : {0U, 1U, 2U}) {
@@ -68,7 +68,7 @@ TEST_F(ManyCameras, ThreeDeliverAndTheOthersGoOnAsEachIsClosed) {
     }
 }
 
-TEST_F(ManyCameras, OneThatAnotherProgramStreamsFromCannotBeOpenedAndTheOthersCan) {
+TEST_F(ManyCameras, ABusyCameraCannotBeOpenedAndTheOthersCan) {
     // The shell ends with the program.
     OutputOf(
         "v4l2-ctl -d /dev/video2 --set-fmt-video=width=1280,height=720,pixelformat=NV12 --stream-mmap=4 "

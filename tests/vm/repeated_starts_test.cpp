@@ -47,7 +47,7 @@ long ResidentKilobytes() {
 class RepeatedStarts : public DriverSession, public ::testing::WithParamInterface<int> {
 protected:
     void OpenAndClose() {
-        ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+        ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
         ASSERT_TRUE(FramesCome(0, 1));
         ASSERT_EQ(Close(0), uint32_t{kCameraClosed});
         ASSERT_EQ(CountMappings("/dev/video"), 0);

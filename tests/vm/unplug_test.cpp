@@ -41,9 +41,9 @@ protected:
     }
 };
 
-TEST_F(Unplug, ADisconnectedCameraStopsIsClosedAndCanBeOpenedAgain) {
+TEST_F(Unplug, ADisconnectedCameraStopsAndCanBeReopened) {
     const auto descriptors = CountDescriptors();
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     SetControls(kWebcam, "disconnect=1");
     ExpectTheLastPicture("disconnected");
@@ -54,14 +54,14 @@ TEST_F(Unplug, ADisconnectedCameraStopsIsClosedAndCanBeOpenedAgain) {
 
     // After its last user has closed it, the driver shows the camera again.
     EXPECT_EQ(List().size(), 3U);
-    EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     EXPECT_TRUE(FramesCome(0, 3));
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
 }
 
-TEST_F(Unplug, ACameraWithoutItsDriverStopsIsClosedAndComesBackWithIt) {
+TEST_F(Unplug, ACameraWhoseDriverIsUnboundStopsAndReturnsWithTheDriver) {
     const auto descriptors = CountDescriptors();
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     UnbindDriver();
     ExpectTheLastPicture("unbound");
@@ -69,19 +69,19 @@ TEST_F(Unplug, ACameraWithoutItsDriverStopsIsClosedAndComesBackWithIt) {
     ExpectAPlainClose();
     EXPECT_EQ(CountDescriptors(), descriptors);
 
-    EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraFailed});
+    EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraFailed});
     EXPECT_EQ(Complaints(0).back(), "[LinuxV4L2CameraCapture] startCapture, camera not founded, devid 0");
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
 
     BindDriver();
     EXPECT_EQ(List().size(), 3U);
-    EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     EXPECT_TRUE(FramesCome(0, 3));
     EXPECT_EQ(Close(0), uint32_t{kCameraClosed});
 }
 
-TEST_F(Unplug, ASessionThatEndsWithoutClosingAMissingCameraGivesEverythingBack) {
-    ASSERT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+TEST_F(Unplug, ASessionThatEndsWithoutClosingAMissingCameraReleasesEverything) {
+    ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     UnbindDriver();
     while (FrameComes(0, seconds(1))) {
@@ -92,7 +92,7 @@ TEST_F(Unplug, ASessionThatEndsWithoutClosingAMissingCameraGivesEverythingBack) 
     EXPECT_EQ(CaptureThreads().size(), 0U);
     BindDriver();
     SetUp();
-    EXPECT_EQ(Open(kAsItIs), uint32_t{kCameraOpen});
+    EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     EXPECT_TRUE(FramesCome(0, 3));
 }
 
