@@ -12,6 +12,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "common/error.h"
 #include "common/unix_socket.h"
 #include "vcam/preload/addresses.h"
 
@@ -106,7 +107,7 @@ std::unique_ptr<CameraServer> CameraServer::Start(std::vector<CameraConfig> conf
     }
     std::unique_ptr<CameraServer> server(new CameraServer(name.empty() ? NewName() : std::move(name)));
     if (!server->MakeBoards() || !server->Listen()) {
-        error = std::string("cannot serve cameras: ") + std::strerror(errno);
+        error = "cannot serve cameras: " + ErrnoText(errno);
         return nullptr;
     }
     for (CameraConfig& config : configs) {
