@@ -38,6 +38,10 @@ void PlanarImage::WriteTo(const PictureLayout& layout, uint8_t* out) const {
         const uint8_t* blue = &u[size_t{row / 2} * chroma_width];
         const uint8_t* red = &v[size_t{row / 2} * chroma_width];
         uint8_t* line = out + size_t{row} * layout.bytesperline;
+        if (format.pixel == "Y") {
+            std::memcpy(line, luma, width);  // far faster than a pixel at a time
+            continue;
+        }
         for (unsigned x = 0; x < width; ++x) {
             PutPixel(format, line, x, {luma[x], blue[x / 2], red[x / 2]});
         }
