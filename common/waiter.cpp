@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdio>
 #include <system_error>
+#include <utility>
 
 namespace zumod {
 namespace {
@@ -38,25 +39,19 @@ std::string SecondsText(Clock::duration duration) {
     return text;
 }
 
-void Waiter::Registration::Reset() {
-    if (m_waiter != nullptr) {
-        std::erase_if(std::exchange(m_waiter, nullptr)->m_sources,
-                      [this](const Source& source) { return source.id == m_id; });
-    }
-}
-
 Waiter::Registration Waiter::Watch(int descriptor, short events, Callback on_ready) {
-    m_sources.push_back({++m_last_id, descriptor, events, std::move(on_ready)});
-    return {this, m_last_id};
+    auto source = std::make_shared<const Source>(Source{descriptor, events, std::move(on_ready)});
+    m_sources.push_back(source);
+    return source;
 }
 
 Expected<bool> Waiter::Wait(Clock::time_point deadline) {
+    std::erase_if(m_sources, [](const auto& source) { return source.expired(); });
     // poll() ignores a negative descriptor.
     std::vector<pollfd> polled = {{m_signals != nullptr ? m_signals->Descriptor() : -1, POLLIN, 0}};
-    std::vector<uint64_t> ids = {0};
-    for (const Source& source : m_sources) {
-        polled.push_back({source.descriptor, source.events, 0});
-        ids.push_back(source.id);
+    for (const auto& source : m_sources) {
+        const Registration registered = source.lock();
+        polled.push_back({registered->descriptor, registered->events, 0});
     }
     if (!PollUntil(polled, deadline)) {
         return false;
@@ -64,9 +59,11 @@ Expected<bool> Waiter::Wait(Clock::time_point deadline) {
     if (polled[0].revents != 0 && m_signals->Consume()) {
         return tl::make_unexpected(Interrupted());
     }
+    // By index: a callback may add sources. lock() skips one that a callback has removed, and keeps the one
+    // that runs alive if it removes itself.
     for (size_t i = 1; i < polled.size(); ++i) {
-        if (polled[i].revents != 0) {
-            Call(ids[i]);
+        if (const Registration source = m_sources[i - 1].lock(); source && polled[i].revents != 0) {
+            source->on_ready();
         }
     }
     return true;
@@ -80,16 +77,6 @@ Expected<bool> Waiter::WaitFor(int descriptor, short events, Clock::time_point d
         if (!result || !*result || ready) {
             return result;
         }
-    }
-}
-
-void Waiter::Call(uint64_t id) {
-    const auto source = std::find_if(m_sources.begin(), m_sources.end(),
-                                     [id](const Source& candidate) { return candidate.id == id; });
-    if (source != m_sources.end()) {
-        // A copy: the callback may remove its own registration.
-        const Callback on_ready = source->on_ready;
-        on_ready();
     }
 }
 

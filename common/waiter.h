@@ -21,10 +21,9 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "common/error.h"
@@ -47,32 +46,13 @@ class Waiter {
 public:
     using Callback = std::function<void()>;
 
-    // Keeps a descriptor registered as long as it lives. Must not outlive the waiter or the descriptor.
-    class Registration {
-    public:
-        Registration() = default;
-        Registration(Registration&& other) noexcept
-            : m_waiter(std::exchange(other.m_waiter, nullptr)), m_id(other.m_id) {}
-        Registration& operator=(Registration&& other) noexcept {
-            if (this != &other) {
-                Reset();
-                m_waiter = std::exchange(other.m_waiter, nullptr);
-                m_id = other.m_id;
-            }
-            return *this;
-        }
-        ~Registration() { Reset(); }
-
-        explicit operator bool() const { return m_waiter != nullptr; }
-        void Reset();
-
-    private:
-        friend class Waiter;
-        Registration(Waiter* waiter, uint64_t id) : m_waiter(waiter), m_id(id) {}
-
-        Waiter* m_waiter = nullptr;
-        uint64_t m_id = 0;
+    struct Source {
+        int descriptor;
+        short events;
+        Callback on_ready;
     };
+    // The descriptor is registered until this is reset or destroyed. Must not outlive the descriptor.
+    using Registration = std::shared_ptr<const Source>;
 
     // `signals` is borrowed; null for a waiter that no signal interrupts.
     explicit Waiter(const StopSignals* signals = nullptr) : m_signals(signals) {}
@@ -91,18 +71,8 @@ public:
     Expected<bool> WaitFor(int descriptor, short events, Clock::time_point deadline);
 
 private:
-    struct Source {
-        uint64_t id;
-        int descriptor;
-        short events;
-        Callback on_ready;
-    };
-
-    void Call(uint64_t id);
-
     const StopSignals* const m_signals;
-    uint64_t m_last_id = 0;
-    std::vector<Source> m_sources;
+    std::vector<std::weak_ptr<const Source>> m_sources;
 };
 
 }  // namespace zumod

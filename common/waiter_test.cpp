@@ -84,7 +84,7 @@ TEST(Waiter, ForgetsASourceWithItsRegistration) {
     auto registration = waiter.Watch(pipe.read_end.Get(), POLLIN, [] { ADD_FAILURE(); });
     Waiter::Registration moved = std::move(registration);
     EXPECT_TRUE(moved);
-    moved.Reset();
+    moved.reset();
     EXPECT_FALSE(moved);
     EXPECT_EQ(waiter.Wait(kNow), false);
 }
@@ -100,8 +100,8 @@ TEST(Waiter, LetsACallbackRemoveItselfAndOthers) {
     Waiter::Registration b;
     const auto remove_both = [&] {
         ++calls;
-        a.Reset();
-        b.Reset();
+        a.reset();
+        b.reset();
     };
     a = waiter.Watch(first.read_end.Get(), POLLIN, remove_both);
     b = waiter.Watch(second.read_end.Get(), POLLIN, remove_both);
@@ -117,7 +117,7 @@ TEST(Waiter, LetsACallbackAddASourceForTheNextRound) {
     int calls = 0;
     Waiter::Registration added;
     Waiter::Registration first = waiter.Watch(pipe.read_end.Get(), POLLIN, [&] {
-        first.Reset();
+        first.reset();
         added = waiter.Watch(pipe.read_end.Get(), POLLIN, [&] { ++calls; });
     });
     EXPECT_EQ(waiter.Wait(kNow), true);

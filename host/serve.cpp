@@ -44,7 +44,7 @@ public:
 
 private:
     void EndSession() {
-        m_session_is_done.Reset();
+        m_session_is_done.reset();
         m_session.reset();
         m_log.Write(kLogEvent, "[host] the peer has gone");
     }
@@ -84,7 +84,7 @@ private:
         }
         m_log.Write(kLogFailure, "[host] no peer can be taken: " + ErrnoText(error));
         // Most likely no descriptor is left. The peer stays in the socket's queue until the next attempt.
-        m_peer_waits.Reset();
+        m_peer_waits.reset();
         m_retry = Clock::now() + kPause;
     }
 

@@ -24,7 +24,7 @@ Expected<size_t> StandardOutput::WriteSome(std::span<const uint8_t> bytes) {
     if (written < bytes.size() && !m_registration) {
         m_registration = m_waiter.Watch(m_descriptor, POLLOUT, [this] {
             m_writable = true;
-            m_registration.Reset();
+            m_registration.reset();
         });
     }
     return written;
