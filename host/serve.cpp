@@ -1,17 +1,20 @@
 #include "host/serve.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 
+#include "common/unique_fd.h"
 #include "common/unix_socket.h"
-#include "host/session.h"
 #include "zumod/runtime.h"
 
 namespace zumod::host {
@@ -25,6 +28,52 @@ bool HasLeft(int socket) {
     char byte = 0;
     return recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
 }
+
+// One peer that is served. Its plugin is created for it and destroyed with the session: no camera, queued
+// frame or property of one peer reaches the next. Run, ExitInstance and the release of the plugin happen on
+// the session's thread, in this order; another thread can only end the stream.
+class Session {
+public:
+    Session(CameraModule& module, CRefPtr_T<PeerStream> stream)
+        : m_module(module),
+          m_stream(std::move(stream)),
+          m_done(eventfd(0, EFD_CLOEXEC)),
+          m_thread([this] { Serve(); }) {}
+    // Ends the stream and waits until every camera is closed.
+    ~Session() {
+        m_stream->End();
+        m_thread.join();
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Readable once everything that belongs to the session is closed.
+    int Done() const { return m_done.Get(); }
+
+    // Whether the peer has left, even if the session has not noticed it yet.
+    bool PeerHasLeft() const { return m_leaving.load() || m_stream->IsHungUp(); }
+
+private:
+    void Serve() {
+        if (const CRefPtr_T<IClientCameraPlugin> plugin = m_module.CreatePlugin()) {
+            plugin->SetChannelStream(m_stream.Get());
+            plugin->Run();
+            m_leaving.store(true);
+            // A peer that only stopped sending may block a frame that is being written, and ExitInstance
+            // waits for it.
+            m_stream->End();
+            plugin->ExitInstance();
+        }
+        eventfd_write(m_done.Get(), 1);
+    }
+
+    CameraModule& m_module;
+    const CRefPtr_T<PeerStream> m_stream;
+    const UniqueFd m_done;  // an eventfd
+    // Set by the session's thread when Run has returned; nothing else depends on it.
+    std::atomic<bool> m_leaving{false};
+    std::thread m_thread;
+};
 
 class PeerAcceptor {
 public:
