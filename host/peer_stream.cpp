@@ -37,8 +37,8 @@ Expected<UniqueFd> TakeStandard(int descriptor, const std::string& name) {
     return copy;
 }
 
-bool WouldBlock() {
-    return errno == EAGAIN || errno == EWOULDBLOCK;
+bool IsTemporary(int error) {
+    return error == EINTR || error == EAGAIN;
 }
 
 }  // namespace
@@ -68,21 +68,15 @@ Expected<CRefPtr_T<PeerStream>> PeerStream::FromStandardStreams() {
 }
 
 int PeerStream::Read(void* data, unsigned long size, unsigned long* done) {
-    while (!m_ended.load()) {
-        // A socket is tried first; only an empty one is waited for.
-        if (!m_in_is_socket && !WaitFor(In(), POLLIN)) {
-            return kFailed;
-        }
+    // A socket is tried first; only an empty one is waited for.
+    for (bool wait = !m_in_is_socket; !m_ended.load() && (!wait || WaitFor(In(), POLLIN)); wait = true) {
         const ssize_t count = m_in_is_socket ? recv(In(), data, size, MSG_DONTWAIT) : read(In(), data, size);
         if (count > 0) {
             *done = static_cast<unsigned long>(count);
             return 0;
         }
-        if (count == 0 || (errno != EINTR && !WouldBlock())) {
-            return kFailed;
-        }
-        if (m_in_is_socket && !WaitFor(In(), POLLIN)) {
-            return kFailed;
+        if (count == 0 || !IsTemporary(errno)) {
+            break;
         }
     }
     return kFailed;
@@ -99,33 +93,28 @@ int PeerStream::Write(const void* data, unsigned long size, unsigned long* done)
 }
 
 bool PeerStream::WriteAll(const char* bytes, unsigned long size) {
+    bool wait = !m_out_is_socket;
     while (size != 0) {
-        if (m_ended.load() || (!m_out_is_socket && !WaitFor(Out(), POLLOUT))) {
+        if (m_ended.load() || (wait && !WaitFor(Out(), POLLOUT))) {
             return false;
         }
         // A pipe that is ready takes PIPE_BUF bytes without blocking, with or without O_NONBLOCK.
         const ssize_t count = m_out_is_socket ? send(Out(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL)
                                               : write(Out(), bytes, std::min<unsigned long>(size, PIPE_BUF));
-        if (count >= 0) {
-            bytes += count;
-            size -= static_cast<unsigned long>(count);
-            continue;
-        }
-        if (errno != EINTR && !WouldBlock()) {
+        if (count < 0 && !IsTemporary(errno)) {
             return false;
         }
-        if (m_out_is_socket && !WaitFor(Out(), POLLOUT)) {
-            return false;
-        }
+        wait = !m_out_is_socket || count < 0;
+        const auto written = static_cast<unsigned long>(std::max<ssize_t>(count, 0));
+        bytes += written;
+        size -= written;
     }
     return true;
 }
 
 void PeerStream::End() {
     m_ended.store(true);
-    const uint64_t one = 1;
-    // Fails only if the counter is full: then it is readable already.
-    [[maybe_unused]] const ssize_t count = write(m_end.Get(), &one, sizeof one);
+    eventfd_write(m_end.Get(), 1);
 }
 
 bool PeerStream::IsHungUp() const {
