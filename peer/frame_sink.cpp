@@ -39,11 +39,11 @@ public:
 
     Expected<Result> Add(const Frame& frame) override {
         if (!m_begun) {
-            const auto begins = CanBeginWith(frame);
-            if (!begins) {
-                return tl::make_unexpected(begins.error());
+            const auto parsed = m_parser.Parse(frame.bytes);
+            if (!parsed) {
+                return tl::make_unexpected(parsed.error());
             }
-            if (!*begins) {
+            if (!parsed->CanBeFirst()) {
                 return Result::kSkipped;
             }
             m_begun = true;
@@ -63,17 +63,6 @@ public:
     std::string Name() const override { return "standard output"; }
 
 private:
-    Expected<bool> CanBeginWith(const Frame& frame) {
-        const auto packet = MakePacket(frame.bytes);
-        if (!packet) {
-            return tl::make_unexpected(packet.error());
-        }
-        if (!m_parser.Parse(**packet).key) {
-            return false;
-        }
-        return ParameterSets(**packet).map([](const std::vector<uint8_t>& sets) { return !sets.empty(); });
-    }
-
     StreamParser m_parser;
     StandardOutput& m_output;
     bool m_begun = false;

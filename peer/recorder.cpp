@@ -61,60 +61,53 @@ Recorder::~Recorder() {
 }
 
 Expected<bool> Recorder::Add(std::span<const uint8_t> frame, Clock::time_point arrival) {
-    const auto packet = MakePacket(frame);
-    if (!packet) {
-        return tl::make_unexpected(packet.error());
+    const auto parsed = m_parser.Parse(frame);
+    if (!parsed) {
+        return tl::make_unexpected(parsed.error());
     }
-    AVPacket& data = **packet;
-    const StreamParser::Picture picture = m_parser.Parse(data);
+    const PictureSize size = parsed->size;
     if (!m_begun) {
-        if (!picture.key || picture.size.width == 0) {
+        if (!parsed->CanBeFirst() || size.width == 0) {
             return false;
         }
-        if (const auto begun = Begin(data, picture.size, arrival); !begun || !*begun) {
-            return begun;
+        if (const auto begun = Begin(*parsed, arrival); !begun) {
+            return tl::make_unexpected(begun.error());
         }
-    } else if (picture.size.width != 0 && picture.size != m_size) {
-        return Fail("the size of the pictures changed from " + SizeText(m_size) + " to " +
-                    SizeText(picture.size) + ": the recording ends there");
+    } else if (size.width != 0 && size != m_size) {
+        return Fail("the size of the pictures changed from " + SizeText(m_size) + " to " + SizeText(size) +
+                    ": the recording ends there");
     }
+    AVPacket& packet = *parsed->packet;
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(arrival - m_first).count();
     // Time stamps must increase, also of frames that arrived at once.
     m_last_stamp = std::max(av_rescale_q(us, {1, 1000000}, m_stream->time_base), m_last_stamp + 1);
-    data.pts = data.dts = m_last_stamp;
-    data.duration = av_rescale_q(1, {1, m_fps}, m_stream->time_base);
-    data.stream_index = m_stream->index;
-    data.flags = picture.key ? AV_PKT_FLAG_KEY : 0;
-    return Check(av_write_frame(m_file, &data), "writing").map([] { return true; });
+    packet.pts = packet.dts = m_last_stamp;
+    packet.duration = av_rescale_q(1, {1, m_fps}, m_stream->time_base);
+    packet.stream_index = m_stream->index;
+    packet.flags = parsed->key ? AV_PKT_FLAG_KEY : 0;
+    return Check(av_write_frame(m_file, &packet), "writing").map([] { return true; });
 }
 
-Expected<bool> Recorder::Begin(const AVPacket& key_frame, PictureSize size, Clock::time_point arrival) {
-    const auto parameter_sets = ParameterSets(key_frame);
-    if (!parameter_sets) {
-        return tl::make_unexpected(parameter_sets.error());
-    }
-    if (parameter_sets->empty()) {
-        return false;
-    }
+Expected<void> Recorder::Begin(const ParsedFrame& first, Clock::time_point arrival) {
+    const std::vector<uint8_t>& sets = first.parameter_sets;
     AVCodecParameters& parameters = *m_stream->codecpar;
     parameters.codec_type = AVMEDIA_TYPE_VIDEO;
     parameters.codec_id = AV_CODEC_ID_H264;
-    parameters.width = static_cast<int>(size.width);
-    parameters.height = static_cast<int>(size.height);
-    parameters.extradata =
-        static_cast<uint8_t*>(av_mallocz(parameter_sets->size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    parameters.width = static_cast<int>(first.size.width);
+    parameters.height = static_cast<int>(first.size.height);
+    parameters.extradata = static_cast<uint8_t*>(av_mallocz(sets.size() + AV_INPUT_BUFFER_PADDING_SIZE));
     int result = AVERROR(ENOMEM);
     if (parameters.extradata != nullptr) {
-        std::memcpy(parameters.extradata, parameter_sets->data(), parameter_sets->size());
-        parameters.extradata_size = static_cast<int>(parameter_sets->size());
+        std::memcpy(parameters.extradata, sets.data(), sets.size());
+        parameters.extradata_size = static_cast<int>(sets.size());
         // Finer than any distance between frames, where the format allows a choice.
         m_stream->time_base = {1, 90000};
         result = avformat_write_header(m_file, nullptr);
     }
     m_begun = result >= 0;
-    m_size = size;
+    m_size = first.size;
     m_first = arrival;
-    return Check(result, "header").map([] { return true; });
+    return Check(result, "header");
 }
 
 Expected<void> Recorder::Finish() {

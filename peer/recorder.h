@@ -30,8 +30,8 @@ public:
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
-    // Returns false if the frame is skipped because a recording cannot start with it: it has to start with a
-    // key frame that contains the parameter sets. Time stamps are the arrival times, from the first frame on.
+    // Returns false if the frame is skipped because a recording cannot start with it. Time
+    // stamps are the arrival times, from the first frame on.
     Expected<bool> Add(std::span<const uint8_t> frame, Clock::time_point arrival);
 
     // Completes the file. Without a frame the file is of no use.
@@ -40,8 +40,7 @@ public:
 private:
     Recorder(StreamParser parser, AVFormatContext* file, int fps);
 
-    // Returns false if the key frame has no parameter sets.
-    Expected<bool> Begin(const AVPacket& key_frame, PictureSize size, Clock::time_point arrival);
+    Expected<void> Begin(const ParsedFrame& first, Clock::time_point arrival);
 
     StreamParser m_parser;
     AVFormatContext* const m_file;

@@ -29,17 +29,23 @@ Filter OpenFilter() {
     return av_bsf_init(owner.get()) < 0 ? nullptr : std::move(owner);
 }
 
-}  // namespace
-
-Expected<AvOwner<AVPacket>> MakePacket(std::span<const uint8_t> bytes) {
-    AvOwner<AVPacket> packet(av_packet_alloc());
-    if (packet == nullptr || bytes.size() > INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE ||
-        av_new_packet(packet.get(), static_cast<int>(bytes.size())) < 0) {
-        return Fail("no memory for a frame of " + std::to_string(bytes.size()) + " bytes");
+// Empty if the picture has none.
+Expected<std::vector<uint8_t>> ParameterSets(const AVPacket& packet) {
+    const Filter filter = OpenFilter();
+    if (filter == nullptr) {
+        return Fail("libavcodec cannot look for parameter sets");
     }
-    std::memcpy(packet->data, bytes.data(), bytes.size());
-    return packet;
+    const AvOwner<AVPacket> copy(av_packet_clone(&packet));
+    if (copy == nullptr || av_bsf_send_packet(filter.get(), copy.get()) < 0 ||
+        av_bsf_receive_packet(filter.get(), copy.get()) < 0) {
+        return std::vector<uint8_t>{};
+    }
+    size_t size = 0;
+    const uint8_t* data = av_packet_get_side_data(copy.get(), AV_PKT_DATA_NEW_EXTRADATA, &size);
+    return data != nullptr ? std::vector<uint8_t>(data, data + size) : std::vector<uint8_t>{};
 }
+
+}  // namespace
 
 Expected<StreamParser> StreamParser::Create() {
     StreamParser parser;
@@ -54,32 +60,30 @@ Expected<StreamParser> StreamParser::Create() {
     return parser;
 }
 
-StreamParser::Picture StreamParser::Parse(const AVPacket& packet) {
+Expected<ParsedFrame> StreamParser::Parse(std::span<const uint8_t> bytes) {
+    ParsedFrame frame;
+    frame.packet.reset(av_packet_alloc());
+    if (frame.packet == nullptr || bytes.size() > INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE ||
+        av_new_packet(frame.packet.get(), static_cast<int>(bytes.size())) < 0) {
+        return Fail("no memory for a frame of " + std::to_string(bytes.size()) + " bytes");
+    }
+    std::memcpy(frame.packet->data, bytes.data(), bytes.size());
     uint8_t* data = nullptr;
     int size = 0;
-    av_parser_parse2(m_parser.get(), m_context.get(), &data, &size, packet.data, packet.size, AV_NOPTS_VALUE,
-                     AV_NOPTS_VALUE, 0);
-    Picture picture;
-    picture.key = m_parser->key_frame == 1;
+    av_parser_parse2(m_parser.get(), m_context.get(), &data, &size, frame.packet->data, frame.packet->size,
+                     AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
     if (m_parser->width > 0 && m_parser->height > 0) {
-        picture.size = {static_cast<uint32_t>(m_parser->width), static_cast<uint32_t>(m_parser->height)};
+        frame.size = {static_cast<uint32_t>(m_parser->width), static_cast<uint32_t>(m_parser->height)};
     }
-    return picture;
-}
-
-Expected<std::vector<uint8_t>> ParameterSets(const AVPacket& packet) {
-    const Filter filter = OpenFilter();
-    if (filter == nullptr) {
-        return Fail("libavcodec cannot look for parameter sets");
+    frame.key = m_parser->key_frame == 1;
+    if (frame.key) {
+        auto parameter_sets = ParameterSets(*frame.packet);
+        if (!parameter_sets) {
+            return tl::make_unexpected(parameter_sets.error());
+        }
+        frame.parameter_sets = std::move(*parameter_sets);
     }
-    const AvOwner<AVPacket> copy(av_packet_clone(&packet));
-    if (copy == nullptr || av_bsf_send_packet(filter.get(), copy.get()) < 0 ||
-        av_bsf_receive_packet(filter.get(), copy.get()) < 0) {
-        return std::vector<uint8_t>{};
-    }
-    size_t size = 0;
-    const uint8_t* data = av_packet_get_side_data(copy.get(), AV_PKT_DATA_NEW_EXTRADATA, &size);
-    return data != nullptr ? std::vector<uint8_t>(data, data + size) : std::vector<uint8_t>{};
+    return frame;
 }
 
 }  // namespace zumod::peer

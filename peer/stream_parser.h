@@ -14,19 +14,21 @@
 
 namespace zumod::peer {
 
-// A packet with a copy of the bytes, padded because the libraries may read a little past the end.
-Expected<AvOwner<AVPacket>> MakePacket(std::span<const uint8_t> bytes);
+struct ParsedFrame {
+    AvOwner<AVPacket> packet;  // a copy, padded because the libraries may read a little past the end
+    bool key = false;
+    PictureSize size;                     // 0x0 if the stream has not stated it yet
+    std::vector<uint8_t> parameter_sets;  // of a key frame; empty if it has none
+
+    // A recording has to start with a key frame that contains the parameter sets.
+    bool CanBeFirst() const { return key && !parameter_sets.empty(); }
+};
 
 class StreamParser {
 public:
-    struct Picture {
-        bool key = false;
-        PictureSize size;  // 0x0 if the stream has not stated it yet
-    };
-
     static Expected<StreamParser> Create();
 
-    Picture Parse(const AVPacket& packet);
+    Expected<ParsedFrame> Parse(std::span<const uint8_t> bytes);
 
 private:
     struct Closer {
@@ -38,8 +40,5 @@ private:
     std::unique_ptr<AVCodecParserContext, Closer> m_parser;
     AvOwner<AVCodecContext> m_context;
 };
-
-// The parameter sets in a picture; empty if it has none.
-Expected<std::vector<uint8_t>> ParameterSets(const AVPacket& packet);
 
 }  // namespace zumod::peer
