@@ -13,20 +13,16 @@ namespace zumod::peer {
 namespace {
 
 Expected<void> Run(int count, const char* const* words) {
-    const auto options = ParseOptions(count, words);
-    if (!options) {
-        return tl::make_unexpected(options.error());
-    }
-    const StopSignals signals;
-    Waiter waiter(&signals);
-    StandardOutput output(waiter);
-    return options->command->run({*options, waiter, output});
-}
-
-// The only place that catches exceptions: libraries throw them, the memory may be exhausted.
-Expected<void> RunAndCatch(int count, const char* const* words) {
+    // The only place that catches exceptions: libraries throw them, the memory may be exhausted.
     try {
-        return Run(count, words);
+        const auto options = ParseOptions(count, words);
+        if (!options) {
+            return tl::make_unexpected(options.error());
+        }
+        const StopSignals signals;
+        Waiter waiter(&signals);
+        StandardOutput output(waiter);
+        return options->command->run({*options, waiter, output});
     } catch (const std::exception& exception) {
         return Fail(exception.what());
     }
@@ -39,6 +35,6 @@ int main(int argc, char** argv) {
     zumod::FillStandardDescriptors();
     // The libraries return their failures, which this program reports in its own words.
     av_log_set_level(AV_LOG_QUIET);
-    const auto result = zumod::peer::RunAndCatch(argc, argv);
+    const auto result = zumod::peer::Run(argc, argv);
     return result ? 0 : zumod::ReportError("zu-camera-peer", result.error());
 }

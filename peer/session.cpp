@@ -41,7 +41,7 @@ Expected<void> Session::Send(const std::vector<uint8_t>& bytes) {
 }
 
 Expected<std::optional<ReceivedMessage>> Session::Receive(Clock::time_point deadline) {
-    const auto registration = m_waiter.Watch(Descriptor(), POLLIN, [this] { OnReadable(); });
+    const auto registration = m_waiter.Watch(m_connection.Input(), POLLIN, [this] { OnReadable(); });
     while (m_messages.empty()) {
         if (!m_failure.empty()) {
             return tl::make_unexpected(EndOfMessages());
@@ -68,7 +68,7 @@ void Session::PutBack(std::vector<ReceivedMessage> messages) {
 
 void Session::OnReadable() {
     std::array<uint8_t, kReadSize> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): read into below
-    const ssize_t count = read(Descriptor(), buffer.data(), buffer.size());
+    const ssize_t count = read(m_connection.Input(), buffer.data(), buffer.size());
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }

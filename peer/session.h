@@ -28,8 +28,6 @@ struct ReceivedMessage {
 
 class Session {
 public:
-    static constexpr size_t kReadSize = 65536;
-
     // `limit`: how long an answer, or a write, may take. `waiter` is borrowed.
     Session(Connection connection, Waiter& waiter, Clock::duration limit)
         : m_connection(std::move(connection)), m_waiter(waiter), m_limit(limit) {}
@@ -47,11 +45,11 @@ public:
     // Puts messages back to the front of the queue, in this order.
     void PutBack(std::vector<ReceivedMessage> messages);
 
-    // What Receive() waits for, and what it calls then: reads once, without blocking.
-    int Descriptor() const { return m_connection.Input(); }
-    void OnReadable();
-
 private:
+    static constexpr size_t kReadSize = 65536;
+
+    // Reads once, without blocking.
+    void OnReadable();
     Error EndOfMessages();
 
     Connection m_connection;
