@@ -2,7 +2,6 @@
 
 #include <utf8.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 
@@ -48,11 +47,6 @@ std::string SafeText(std::string_view text) {
         }
     }
     return safe;
-}
-
-size_t CharacterCount(std::string_view text) {
-    return static_cast<size_t>(std::count_if(
-        text.begin(), text.end(), [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0U) != 0x80U; }));
 }
 
 }  // namespace zumod

@@ -3,7 +3,6 @@
 // Thread rule: pure functions; any thread.
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -13,8 +12,5 @@ namespace zumod {
 // Control characters, marks that change the writing direction, backslashes and bytes that are not UTF-8
 // become "\x1b" for a byte or "\u202e" for a character. The result can be turned back into the input.
 std::string SafeText(std::string_view text);
-
-// The number of characters in UTF-8 text, for columns.
-size_t CharacterCount(std::string_view text);
 
 }  // namespace zumod

@@ -41,10 +41,5 @@ TEST(SafeText, EscapesEveryByteThatIsNotUtf8) {
     EXPECT_EQ(SafeText("\xe2\x82z"), "\\xe2\\x82z");
 }
 
-TEST(SafeText, CountsCharactersInsteadOfBytes) {
-    EXPECT_EQ(CharacterCount(""), 0U);
-    EXPECT_EQ(CharacterCount("a\xc3\xbc\xe2\x82\xac"), 3U);
-}
-
 }  // namespace
 }  // namespace zumod

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "peer/camera_table.h"
+#include "peer/printed_text.h"
 
 namespace zumod::peer {
 namespace {
@@ -72,6 +72,37 @@ Expected<Session> CommandContext::Connect() const {
 
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera) {
     return options.size ? *options.size : DefaultSize(camera.sizes);
+}
+
+Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, VideoTargetFormat target,
+                                               PictureSize (*choose_size)(const PeerOptions&,
+                                                                          const CameraEntry&)) {
+    const PeerOptions& options = context.options;
+    auto decoder = PictureDecoder::Create(options.modules, target);
+    if (!decoder) {
+        return tl::make_unexpected(decoder.error());
+    }
+    auto session = context.Connect();
+    if (!session) {
+        return tl::make_unexpected(session.error());
+    }
+    auto listed = AskCameras(*session);
+    if (!listed) {
+        return tl::make_unexpected(listed.error());
+    }
+    auto camera = FindCamera(*listed, options.id);
+    if (!camera) {
+        return tl::make_unexpected(camera.error());
+    }
+    const PictureSize size = choose_size(options, *camera);
+    auto view = std::make_unique<CameraView>(CameraView{
+        std::move(*decoder), std::move(*session), std::move(*listed), std::move(*camera), size, {}});
+    auto opened = OpenedCamera::Open(view->session, view->camera, size, options.fps);
+    if (!opened) {
+        return tl::make_unexpected(opened.error());
+    }
+    view->opened.emplace(std::move(*opened));
+    return view;
 }
 
 }  // namespace zumod::peer

@@ -4,13 +4,17 @@
 // Thread rule: the main thread.
 #pragma once
 
+#include <memory>
+#include <optional>
 #include <span>
+#include <vector>
 
 #include "common/error.h"
 #include "common/waiter.h"
 #include "peer/camera_list.h"
 #include "peer/host_calls.h"
 #include "peer/options.h"
+#include "peer/picture_decoder.h"
 #include "peer/session.h"
 #include "peer/standard_output.h"
 
@@ -36,6 +40,21 @@ std::span<const Command> Commands();
 
 // The size of --size, otherwise the default for the camera.
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera);
+
+// The camera of the command line, open, and a decoder for its frames. It is closed with the object.
+struct CameraView {
+    PictureDecoder decoder;
+    Session session;
+    std::vector<CameraEntry> listed;
+    CameraEntry camera;
+    PictureSize size;  // requested
+    std::optional<OpenedCamera> opened;
+};
+
+// `choose_size` returns the size to request. The decoder comes first: if there is none, no camera is opened.
+Expected<std::unique_ptr<CameraView>> OpenView(
+    const CommandContext& context, VideoTargetFormat target,
+    PictureSize (*choose_size)(const PeerOptions&, const CameraEntry&) = RequestedSize);
 
 // In snapshot_command.cpp, record_command.cpp, stats_command.cpp and format_command.cpp.
 Expected<void> TakeSnapshot(const CommandContext& context);

@@ -3,8 +3,6 @@
 #include <string>
 
 #include "peer/commands.h"
-#include "peer/picture_decoder.h"
-#include "peer/requests.h"
 
 namespace zumod::peer {
 namespace {
@@ -15,16 +13,16 @@ namespace {
 constexpr int kMostFormerFrames = 10;
 
 // A size other than the new one, if the camera has one, so that the change is visible.
-PictureSize FormerSize(const CameraEntry& camera, PictureSize wanted) {
+PictureSize FormerSize(const PeerOptions& options, const CameraEntry& camera) {
     std::vector<PictureSize> others = camera.sizes;
-    std::erase(others, wanted);
+    std::erase(others, *options.size);
     return DefaultSize(others.empty() ? camera.sizes : others);
 }
 
 class FormatChange {
 public:
-    FormatChange(Session& session, PictureDecoder& decoder, const CameraEntry& camera)
-        : m_session(session), m_decoder(decoder), m_camera(camera) {}
+    explicit FormatChange(CameraView& view)
+        : m_session(view.session), m_decoder(view.decoder), m_camera(view.camera) {}
 
     // The size of the next decoded picture. `since` completes the error: "within 10.0 s" of what.
     Expected<PictureSize> NextSize(const std::string& since) {
@@ -97,24 +95,12 @@ private:
 
 Expected<void> ChangeFormat(const CommandContext& context) {
     const PeerOptions& options = context.options;
-    auto decoder = PictureDecoder::Create(options.modules, kVideoTargetI420);
-    if (!decoder) {
-        return tl::make_unexpected(decoder.error());
+    const auto view = OpenView(context, kVideoTargetI420, FormerSize);
+    if (!view) {
+        return tl::make_unexpected(view.error());
     }
-    auto session = context.Connect();
-    if (!session) {
-        return tl::make_unexpected(session.error());
-    }
-    const auto camera = AskCamera(*session, options.id);
-    if (!camera) {
-        return tl::make_unexpected(camera.error());
-    }
-    const auto opened =
-        OpenedCamera::Open(*session, *camera, FormerSize(*camera, *options.size), options.fps);
-    if (!opened) {
-        return tl::make_unexpected(opened.error());
-    }
-    FormatChange change(*session, *decoder, *camera);
+    const std::string label = CameraLabel((*view)->camera);
+    FormatChange change(**view);
     const auto before = change.NextSize("");
     if (!before) {
         return tl::make_unexpected(before.error());
@@ -123,14 +109,14 @@ Expected<void> ChangeFormat(const CommandContext& context) {
     if (!after) {
         return tl::make_unexpected(after.error());
     }
-    const auto printed = context.output.Write(CameraLabel(*camera) + ": " + SizeText(*before) + ", then " +
-                                              SizeText(*after) + "\n");
+    const auto printed =
+        context.output.Write(label + ": " + SizeText(*before) + ", then " + SizeText(*after) + "\n");
     if (!printed) {
         return printed;
     }
     if (*after != *options.size) {
-        return Fail(CameraLabel(*camera) + " sends " + SizeText(*after) + " where " +
-                    SizeText(*options.size) + " was asked for");
+        return Fail(label + " sends " + SizeText(*after) + " where " + SizeText(*options.size) +
+                    " was asked for");
     }
     return {};
 }

@@ -4,12 +4,29 @@
 #include <functional>
 
 #include "common/safe_text.h"
-#include "peer/requests.h"
+#include "zumod/camera_channel.h"
 
 namespace zumod::peer {
 namespace {
 
 constexpr auto kLastAnswerLimit = std::chrono::seconds(2);
+
+std::vector<uint8_t> Request(MessageType type) {
+    std::vector<uint8_t> message(sizeof(_MESSAGE_HEADER));
+    WriteHeader(message.data(), type, 0);
+    return message;
+}
+
+template <class Body>
+std::vector<uint8_t> Request(MessageType type, const Body& body) {
+    std::vector<uint8_t> message(sizeof(_MESSAGE_HEADER) + sizeof body);
+    WriteRecord(WriteHeader(message.data(), type, sizeof body), body);
+    return message;
+}
+
+FormatRequest Format(uint32_t id, PictureSize size, int fps) {
+    return {id, static_cast<int32_t>(size.width), static_cast<int32_t>(size.height), fps};
+}
 
 // Frames that arrive before the answer to the request that they belong to.
 class EarlyFrames {
@@ -76,8 +93,28 @@ Expected<Message> Ask(Session& session, const std::vector<uint8_t>& request, con
 
 }  // namespace
 
-std::string CameraLabel(uint32_t id, const std::string& name) {
-    return "camera " + std::to_string(id) + " (" + SafeText(name) + ")";
+std::vector<uint8_t> ListRequest() {
+    return Request(kGetCameraList);
+}
+
+std::vector<uint8_t> VersionRequest() {
+    return Request(kVersionRequest);
+}
+
+std::vector<uint8_t> OpenRequest(uint32_t id, PictureSize size, int fps) {
+    return Request(kOpenCamera, Format(id, size, fps));
+}
+
+std::vector<uint8_t> SetFormatRequest(uint32_t id, PictureSize size, int fps) {
+    return Request(kSetFormat, Format(id, size, fps));
+}
+
+std::vector<uint8_t> CloseRequest(uint32_t id) {
+    return Request(kCloseCamera, id);
+}
+
+std::string CameraLabel(const CameraEntry& camera) {
+    return "camera " + std::to_string(camera.id) + " (" + SafeText(camera.name) + ")";
 }
 
 bool Lists(const CameraEntry& camera, PictureSize size) {
@@ -92,11 +129,6 @@ Expected<uint32_t> AskVersion(Session& session) {
 Expected<std::vector<CameraEntry>> AskCameras(Session& session) {
     return Ask(session, ListRequest(), "camera list request", Is<CameraListMessage>)
         .map([](Message&& answer) { return std::move(std::get<CameraListMessage>(answer).cameras); });
-}
-
-Expected<CameraEntry> AskCamera(Session& session, uint32_t id) {
-    return AskCameras(session).and_then(
-        [id](const std::vector<CameraEntry>& cameras) { return FindCamera(cameras, id); });
 }
 
 Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id) {

@@ -17,11 +17,15 @@
 
 namespace zumod::peer {
 
+// The messages that a peer sends, as bytes.
+std::vector<uint8_t> ListRequest();
+std::vector<uint8_t> VersionRequest();
+std::vector<uint8_t> OpenRequest(uint32_t id, PictureSize size, int fps);
+std::vector<uint8_t> SetFormatRequest(uint32_t id, PictureSize size, int fps);
+std::vector<uint8_t> CloseRequest(uint32_t id);
+
 // "camera 0 (NAME)", safe for a terminal.
-std::string CameraLabel(uint32_t id, const std::string& name);
-inline std::string CameraLabel(const CameraEntry& camera) {
-    return CameraLabel(camera.id, camera.name);
-}
+std::string CameraLabel(const CameraEntry& camera);
 
 // Whether the camera is listed with this size.
 bool Lists(const CameraEntry& camera, PictureSize size);
@@ -31,8 +35,6 @@ Expected<std::vector<CameraEntry>> AskCameras(Session& session);
 
 // The camera of this id.
 Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id);
-// The same, in the list that the host sends now.
-Expected<CameraEntry> AskCamera(Session& session, uint32_t id);
 
 // Closes the camera and waits for the answer, whose state it returns.
 Expected<CameraState> CloseCamera(Session& session, uint32_t id);

@@ -1,6 +1,5 @@
 #include "peer/commands.h"
 #include "peer/output_file.h"
-#include "peer/picture_decoder.h"
 #include "peer/png_writer.h"
 
 namespace zumod::peer {
@@ -9,11 +8,12 @@ namespace {
 using Png = std::vector<uint8_t>;
 
 // The first picture that can be decoded.
-Expected<Png> FirstPicture(Session& session, const CameraEntry& camera, PictureDecoder& decoder) {
-    const auto deadline = Clock::now() + session.Limit();
+Expected<Png> FirstPicture(CameraView& view) {
+    const std::string label = CameraLabel(view.camera);
+    const auto deadline = Clock::now() + view.session.Limit();
     uint64_t frames = 0;
     do {
-        const auto frame = NextFrame(session, camera, deadline);
+        const auto frame = NextFrame(view.session, view.camera, deadline);
         if (!frame) {
             return tl::make_unexpected(frame.error());
         }
@@ -22,17 +22,17 @@ Expected<Png> FirstPicture(Session& session, const CameraEntry& camera, PictureD
         }
         ++frames;
         std::optional<Expected<Png>> png;
-        decoder.Decode((*frame)->bytes,
-                       [&](const VideoDecodedPicture& picture) { png = EncodePng(picture); });
+        view.decoder.Decode((*frame)->bytes,
+                            [&](const VideoDecodedPicture& picture) { png = EncodePng(picture); });
         if (png) {
             return *png;
         }
     } while (Clock::now() < deadline);
-    const std::string within = " within " + SecondsText(session.Limit());
+    const std::string within = " within " + SecondsText(view.session.Limit());
     if (frames == 0) {
-        return Fail(CameraLabel(camera) + " sent no frame" + within);
+        return Fail(label + " sent no frame" + within);
     }
-    return Fail("none of the " + std::to_string(frames) + " frames of " + CameraLabel(camera) + within +
+    return Fail("none of the " + std::to_string(frames) + " frames of " + label + within +
                 " could be decoded");
 }
 
@@ -45,23 +45,11 @@ Expected<void> TakeSnapshot(const CommandContext& context) {
     if (!file) {
         return tl::make_unexpected(file.error());
     }
-    auto decoder = PictureDecoder::Create(options.modules, kVideoTargetBgr32);
-    if (!decoder) {
-        return tl::make_unexpected(decoder.error());
+    const auto view = OpenView(context, kVideoTargetBgr32);
+    if (!view) {
+        return tl::make_unexpected(view.error());
     }
-    auto session = context.Connect();
-    if (!session) {
-        return tl::make_unexpected(session.error());
-    }
-    const auto camera = AskCamera(*session, options.id);
-    if (!camera) {
-        return tl::make_unexpected(camera.error());
-    }
-    const auto opened = OpenedCamera::Open(*session, *camera, RequestedSize(options, *camera), options.fps);
-    if (!opened) {
-        return tl::make_unexpected(opened.error());
-    }
-    const auto png = FirstPicture(*session, *camera, *decoder);
+    const auto png = FirstPicture(**view);
     if (!png) {
         return tl::make_unexpected(png.error());
     }

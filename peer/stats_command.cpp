@@ -1,41 +1,17 @@
-#include "peer/stats_command.h"
-
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <string>
 
 #include "common/picture_stamp.h"
 #include "peer/commands.h"
-#include "peer/json_text.h"
-#include "peer/picture_decoder.h"
-#include "peer/requests.h"
+#include "peer/printed_text.h"
 
 namespace zumod::peer {
 namespace {
 
 constexpr auto kLineInterval = std::chrono::seconds(1);
 constexpr char kClearLine[] = "\r\033[K";
-
-std::string Number(double value, int decimals) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.*f", decimals, value);
-    return text;
-}
-
-const char* EventName(CameraEvent event) {
-    switch (event) {
-        case CameraEvent::kStalled:
-            return "stalled";
-        case CameraEvent::kGone:
-            return "gone";
-        case CameraEvent::kClosed:
-            return "closed";
-        case CameraEvent::kBack:
-            return "back";
-    }
-    return "";
-}
 
 // With a low frame rate, the time between two frames is not a stall.
 CameraWatch::Limits LimitsFor(const PeerOptions& options) {
@@ -47,15 +23,10 @@ CameraWatch::Limits LimitsFor(const PeerOptions& options) {
 
 class Stats {
 public:
-    // `opened` is the camera, opened with this size.
-    Stats(const CommandContext& context, Session& session, PictureDecoder& decoder, OpenedCamera& opened,
-          PictureSize requested_size, const std::vector<CameraEntry>& cameras, const CameraEntry& camera)
+    Stats(const CommandContext& context, CameraView& view)
         : m_context(context),
-          m_session(session),
-          m_decoder(decoder),
-          m_opened(opened),
-          m_requested_size(requested_size),
-          m_watch(cameras, camera, LimitsFor(context.options), Clock::now()),
+          m_view(view),
+          m_watch(view.listed, view.camera, LimitsFor(context.options), Clock::now()),
           m_meter(Clock::now()) {}
 
     Expected<void> Run() {
@@ -65,7 +36,7 @@ public:
         auto next_line = begin + kLineInterval;
         // The line that is due at the end is printed, too.
         for (auto now = begin; now < end;) {
-            const auto received = m_session.Receive(std::min({m_watch.NextTime(), next_line, end}));
+            const auto received = m_view.session.Receive(std::min({m_watch.NextTime(), next_line, end}));
             if (!received) {
                 return tl::make_unexpected(received.error());
             }
@@ -114,7 +85,7 @@ private:
 
     void Measure(const FrameMessage& frame) {
         m_meter.AddFrame(frame.bytes.size());
-        const bool decoded = m_decoder.Decode(frame.bytes, [&](const VideoDecodedPicture& picture) {
+        const bool decoded = m_view.decoder.Decode(frame.bytes, [&](const VideoDecodedPicture& picture) {
             const auto now = Clock::now();
             m_size = {static_cast<uint32_t>(picture.width), static_cast<uint32_t>(picture.height)};
             if (const auto stamp = ReadStamp(picture.planes[0], static_cast<size_t>(picture.strides[0]),
@@ -140,14 +111,14 @@ private:
     Expected<void> Perform(const WatchAction& action) {
         switch (action.kind) {
             case WatchAction::kAskCameras:
-                return m_session.Send(ListRequest());
+                return m_view.session.Send(ListRequest());
             case WatchAction::kOpen:
-                m_opened.SetId(action.id);
+                m_view.opened->SetId(action.id);
                 m_meter.NewStream();
-                return m_session.Send(OpenRequest(action.id, m_requested_size, m_context.options.fps))
-                    .and_then([this] { return m_decoder.Restart(); });
+                return m_view.session.Send(OpenRequest(action.id, m_view.size, m_context.options.fps))
+                    .and_then([this] { return m_view.decoder.Restart(); });
             case WatchAction::kClose:
-                return m_session.Send(CloseRequest(action.id));
+                return m_view.session.Send(CloseRequest(action.id));
             case WatchAction::kAnnounce:
                 return Announce(action);
         }
@@ -180,10 +151,7 @@ private:
     }
 
     const CommandContext& m_context;
-    Session& m_session;
-    PictureDecoder& m_decoder;
-    OpenedCamera& m_opened;
-    const PictureSize m_requested_size;
+    CameraView& m_view;
     CameraWatch m_watch;
     StreamMeter m_meter;
     PictureSize m_size;
@@ -194,74 +162,12 @@ private:
 
 }  // namespace
 
-std::string FiguresText(const CameraEntry& camera, PictureSize size, const StreamFigures& figures) {
-    std::string text = CameraLabel(camera);
-    if (size.width != 0) {
-        text += " ";
-        text += SizeText(size);
-    }
-    text += ": " + Number(figures.FramesPerSecond(), 1) + " frames/s, " +
-            Number(figures.BitsPerSecond() / 1e6, 2) + " Mbit/s";
-    if (figures.median_latency_ms) {
-        text += ", latency " + Number(*figures.median_latency_ms, 1) + " ms (max " +
-                Number(*figures.greatest_latency_ms, 1) + " ms)";
-    }
-    if (figures.dropped) {
-        text += ", " + std::to_string(*figures.dropped) + " dropped";
-    }
-    if (figures.undecoded != 0) {
-        text += ", " + std::to_string(figures.undecoded) + " not decoded";
-    }
-    return text;
-}
-
-std::string FiguresJson(const CameraEntry& camera, PictureSize size, const StreamFigures& figures) {
-    Json latency = nullptr;
-    if (figures.median_latency_ms) {
-        latency = {{"median", *figures.median_latency_ms}, {"max", *figures.greatest_latency_ms}};
-    }
-    return JsonLine({{"camera", camera.id},
-                     {"name", camera.name},
-                     {"width", size.width},
-                     {"height", size.height},
-                     {"seconds", figures.seconds},
-                     {"frames", figures.frames},
-                     {"fps", figures.FramesPerSecond()},
-                     {"bit_rate", figures.BitsPerSecond()},
-                     {"latency_ms", latency},
-                     {"dropped", figures.dropped ? Json(*figures.dropped) : Json(nullptr)},
-                     {"undecoded", figures.undecoded}});
-}
-
-std::string EventJson(const CameraEntry& camera, CameraEvent event, const std::string& text) {
-    return JsonLine(
-        {{"camera", camera.id}, {"name", camera.name}, {"event", EventName(event)}, {"text", text}});
-}
-
 Expected<void> ShowStats(const CommandContext& context) {
-    const PeerOptions& options = context.options;
-    auto decoder = PictureDecoder::Create(options.modules, kVideoTargetI420);
-    if (!decoder) {
-        return tl::make_unexpected(decoder.error());
+    const auto view = OpenView(context, kVideoTargetI420);
+    if (!view) {
+        return tl::make_unexpected(view.error());
     }
-    auto session = context.Connect();
-    if (!session) {
-        return tl::make_unexpected(session.error());
-    }
-    const auto cameras = AskCameras(*session);
-    if (!cameras) {
-        return tl::make_unexpected(cameras.error());
-    }
-    const auto camera = FindCamera(*cameras, options.id);
-    if (!camera) {
-        return tl::make_unexpected(camera.error());
-    }
-    const PictureSize size = RequestedSize(options, *camera);
-    auto opened = OpenedCamera::Open(*session, *camera, size, options.fps);
-    if (!opened) {
-        return tl::make_unexpected(opened.error());
-    }
-    Stats stats(context, *session, *decoder, *opened, size, *cameras, *camera);
+    Stats stats(context, **view);
     const auto ran = stats.Run();
     const auto ended = stats.EndLine();
     // A signal is the usual end.

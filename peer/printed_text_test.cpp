@@ -1,4 +1,4 @@
-#include "peer/camera_table.h"
+#include "peer/printed_text.h"
 
 #include <gtest/gtest.h>
 
@@ -34,6 +34,29 @@ TEST(CameraJson, EscapesBytesThatAreNotUtf8AndControlCharacters) {
     EXPECT_EQ(CameraJson({{0, false, "a\x1b\"\xff", "\xc2\x9b", {}}}),
               "[{\"id\":0,\"name\":\"a\\u001b\\\"\\ufffd\",\"display_name\":\"\\u009b\",\"in_use\":false,"
               "\"sizes\":[]}]\n");
+}
+
+const CameraEntry kDesk{1, false, "De\x1bsk", "", {}};
+
+TEST(StatsText, NamesTheCameraAndTheKnownFigures) {
+    EXPECT_EQ(
+        FiguresText(kDesk, {640, 480}, {1.0, 30, 50000, 0, 12.34, 56.78, 2}),
+        "camera 1 (De\\x1bsk) 640x480: 30.0 frames/s, 0.40 Mbit/s, latency 12.3 ms (max 56.8 ms), 2 dropped");
+    EXPECT_EQ(FiguresText(kDesk, {}, {2.0, 3, 0, 3, {}, {}, {}}),
+              "camera 1 (De\\x1bsk): 1.5 frames/s, 0.00 Mbit/s, 3 not decoded");
+}
+
+TEST(StatsText, IsOneJsonObjectPerLine) {
+    EXPECT_EQ(
+        FiguresJson(kDesk, {640, 480}, {0.5, 10, 1000, 1, 1.5, 2.5, 4}),
+        "{\"camera\":1,\"name\":\"De\\u001bsk\",\"width\":640,\"height\":480,\"seconds\":0.5,\"frames\":10,"
+        "\"fps\":20.0,\"bit_rate\":16000.0,\"latency_ms\":{\"median\":1.5,\"max\":2.5},\"dropped\":4,"
+        "\"undecoded\":1}\n");
+    EXPECT_EQ(FiguresJson(kDesk, {}, {1.0, 0, 0, 0, {}, {}, {}}),
+              "{\"camera\":1,\"name\":\"De\\u001bsk\",\"width\":0,\"height\":0,\"seconds\":1.0,\"frames\":0,"
+              "\"fps\":0.0,\"bit_rate\":0.0,\"latency_ms\":null,\"dropped\":null,\"undecoded\":0}\n");
+    EXPECT_EQ(EventJson(kDesk, CameraEvent::kGone, "camera 1 is gone"),
+              "{\"camera\":1,\"name\":\"De\\u001bsk\",\"event\":\"gone\",\"text\":\"camera 1 is gone\"}\n");
 }
 
 }  // namespace

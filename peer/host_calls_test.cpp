@@ -1,4 +1,4 @@
-#include "peer/requests.h"
+#include "peer/host_calls.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,12 @@
-// The output of the command "stats", for its tests.
+// The text that the commands print, for people and as JSON.
+//
+// JSON is one line of ASCII; bytes that are not UTF-8 become U+FFFD.
 //
 // Thread rule: pure functions; any thread.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "peer/camera_list.h"
 #include "peer/camera_watch.h"
@@ -11,10 +14,12 @@
 
 namespace zumod::peer {
 
+// Ids, names and sizes in columns. The names come from the other machine and are made safe for a terminal.
+std::string CameraTable(const std::vector<CameraEntry>& cameras);
+std::string CameraJson(const std::vector<CameraEntry>& cameras);
+
 // Without a line end. `size` is 0x0 while no picture was decoded.
 std::string FiguresText(const CameraEntry& camera, PictureSize size, const StreamFigures& figures);
-
-// One object and the line end.
 std::string FiguresJson(const CameraEntry& camera, PictureSize size, const StreamFigures& figures);
 std::string EventJson(const CameraEntry& camera, CameraEvent event, const std::string& text);
 
