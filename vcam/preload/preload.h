@@ -85,9 +85,6 @@ int StatNode(int number);
 // Fills `numbers` with the node numbers of the cameras that are plugged in; returns their count.
 unsigned ListNodes(uint32_t (&numbers)[kMaxCameras]);
 
-// Opens the contents of a virtual camera's uevent file in /sys; -1 for any other path.
-int OpenEventFile(const char* path);
-
 // The next definition of an interposed function, or null if there is none.
 void* FindReal(const char* name);
 

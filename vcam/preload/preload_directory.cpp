@@ -50,13 +50,17 @@ Listing* FindListing(DIR* stream) {
     return nullptr;
 }
 
+void Restart(Listing& listing) {
+    listing.at_end = false;
+    listing.next = 0;
+    listing.count = ListNodes(listing.numbers);
+}
+
 void BeginListing(DIR* stream) {
     for (Listing& listing : listings) {
         DIR* none = nullptr;
         if (listing.stream.compare_exchange_strong(none, kBeingFilled, std::memory_order_acq_rel)) {
-            listing.at_end = false;
-            listing.next = 0;
-            listing.count = ListNodes(listing.numbers);
+            Restart(listing);
             open_listings.fetch_add(1, std::memory_order_acq_rel);
             listing.stream.store(stream, std::memory_order_release);
             return;
@@ -70,15 +74,16 @@ bool IsListed(const Listing& listing, const char* name) {
                        [number](uint32_t ours) { return static_cast<int>(ours) == number; });
 }
 
-// For readdir and readdir64: their entries are the same type.
-template <class Read>
-dirent* ReadEntry(DIR* stream, Read real) {
+static_assert(sizeof(dirent) == sizeof(dirent64), "one listing serves readdir and readdir64");
+
+template <class Entry>
+Entry* ReadEntry(DIR* stream, Entry* (*real)(DIR*)) {
     Listing* listing = FindListing(stream);
     if (listing == nullptr) {
         return real(stream);
     }
     while (!listing->at_end) {
-        dirent* entry = real(stream);
+        Entry* entry = real(stream);
         if (entry == nullptr) {
             listing->at_end = true;
         } else if (!IsListed(*listing, entry->d_name)) {
@@ -95,7 +100,7 @@ dirent* ReadEntry(DIR* stream, Read real) {
     entry.d_reclen = sizeof entry;
     entry.d_type = DT_CHR;
     *PutNumber(PutText(entry.d_name, "video"), number) = 0;
-    return &entry;
+    return reinterpret_cast<Entry*>(&entry);
 }
 
 void EndListing(DIR* stream) {
@@ -103,15 +108,6 @@ void EndListing(DIR* stream) {
         listing->stream.store(nullptr, std::memory_order_release);
         open_listings.fetch_sub(1, std::memory_order_acq_rel);
     }
-}
-
-static_assert(sizeof(dirent) == sizeof(dirent64), "one listing serves readdir and readdir64");
-
-dirent64* As64(dirent* entry) {
-    return reinterpret_cast<dirent64*>(entry);
-}
-dirent* From64(dirent64* entry) {
-    return reinterpret_cast<dirent*>(entry);
 }
 
 // The C library's scandir does not call the interposed readdir, so a scan of /dev is done here.
@@ -159,13 +155,6 @@ int Scan(const char* path, dirent*** list, int (*filter)(const dirent*),
     return static_cast<int>(count);
 }
 
-// Makes glob call the functions of this file.
-template <class Glob>
-void UseOurFunctions(Glob& result) {
-    result.gl_opendir = [](const char* path) -> void* { return opendir(path); };
-    result.gl_closedir = [](void* stream) { closedir(static_cast<DIR*>(stream)); };
-}
-
 bool ListsDev(const char* pattern) {
     return pattern != nullptr && std::strncmp(pattern, "/dev/", 5) == 0 && ServerName() != nullptr;
 }
@@ -188,16 +177,12 @@ ZU_VCAM_EXPORT dirent* readdir(DIR* stream) {
 }
 
 ZU_VCAM_EXPORT dirent64* readdir64(DIR* stream) {
-    const auto real_readdir = ZU_VCAM_REAL(readdir64);
-    return As64(
-        ReadEntry(stream, [real_readdir](DIR* directory) { return From64(real_readdir(directory)); }));
+    return ReadEntry(stream, ZU_VCAM_REAL(readdir64));
 }
 
 ZU_VCAM_EXPORT void rewinddir(DIR* stream) __THROW {
     if (Listing* listing = FindListing(stream)) {
-        listing->at_end = false;
-        listing->next = 0;
-        listing->count = ListNodes(listing->numbers);
+        Restart(*listing);
     }
     ZU_VCAM_REAL(rewinddir)(stream);
 }
@@ -223,27 +208,22 @@ ZU_VCAM_EXPORT int scandir64(const char* path, dirent64*** list, int (*filter)(c
                : ZU_VCAM_REAL(scandir64)(path, list, filter, compare);
 }
 
-ZU_VCAM_EXPORT int glob(const char* pattern, int flags, int (*error)(const char*, int),
-                        glob_t* result) __THROW {
-    if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
-        UseOurFunctions(*result);
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): glob's own stream
-        result->gl_readdir = [](void* stream) { return readdir(static_cast<DIR*>(stream)); };
-        result->gl_lstat = &lstat;
-        result->gl_stat = &stat;
-        flags |= GLOB_ALTDIRFUNC;
+// The C library's glob does not call the interposed functions either, but it can be told which to call.
+// NOLINTBEGIN(concurrency-mt-unsafe): glob's own stream
+#define ZU_VCAM_GLOB(bits)                                                                              \
+    ZU_VCAM_EXPORT int glob##bits(const char* pattern, int flags, int (*error)(const char*, int),       \
+                                  glob##bits##_t* result) __THROW {                                     \
+        if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {                                      \
+            result->gl_opendir = [](const char* path) -> void* { return opendir(path); };               \
+            result->gl_readdir = [](void* stream) { return readdir##bits(static_cast<DIR*>(stream)); }; \
+            result->gl_closedir = [](void* stream) { closedir(static_cast<DIR*>(stream)); };            \
+            result->gl_lstat = &lstat##bits;                                                            \
+            result->gl_stat = &stat##bits;                                                              \
+            flags |= GLOB_ALTDIRFUNC;                                                                   \
+        }                                                                                               \
+        return ZU_VCAM_REAL(glob##bits)(pattern, flags, error, result);                                 \
     }
-    return ZU_VCAM_REAL(glob)(pattern, flags, error, result);
-}
 
-ZU_VCAM_EXPORT int glob64(const char* pattern, int flags, int (*error)(const char*, int),
-                          glob64_t* result) __THROW {
-    if (ListsDev(pattern) && (flags & GLOB_ALTDIRFUNC) == 0) {
-        UseOurFunctions(*result);
-        result->gl_readdir = [](void* stream) { return readdir64(static_cast<DIR*>(stream)); };
-        result->gl_lstat = &lstat64;
-        result->gl_stat = &stat64;
-        flags |= GLOB_ALTDIRFUNC;
-    }
-    return ZU_VCAM_REAL(glob64)(pattern, flags, error, result);
-}
+ZU_VCAM_GLOB()
+ZU_VCAM_GLOB(64)
+// NOLINTEND(concurrency-mt-unsafe)

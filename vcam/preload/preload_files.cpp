@@ -1,4 +1,4 @@
-// Interposed functions on files: open, close, dup, fcntl, read, write and their variants.
+// Interposed functions on files: open, fopen, close, dup, fcntl, read, write and their variants.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -6,22 +6,13 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "vcam/preload/preload.h"
 #include "vcam/preload/raw_system.h"
 #include "vcam/preload/rpc_client.h"
-
-// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives these names
-// The fortified variants, which <fcntl.h> does not declare.
-extern "C" {
-int __open_2(const char* path, int flags);
-int __open64_2(const char* path, int flags);
-int __openat_2(int directory, const char* path, int flags);
-int __openat64_2(int directory, const char* path, int flags);
-ssize_t __read_chk(int fd, void* buffer, size_t size, size_t buffer_size);
-}
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace zumod::vcam {
 namespace {
@@ -33,7 +24,44 @@ int Fail(int error) {
     return -1;
 }
 
-// Opens a virtual camera. Returns the descriptor, -1 with errno set, or kNotOurs.
+// N of "/sys/dev/char/81:N/uevent" and "/sys/class/video4linux/videoN/uevent", or -1.
+int EventFileNumber(const char* path) {
+    if (path == nullptr || !SkipPrefix(path, "/sys/")) {
+        return -1;
+    }
+    if (SkipPrefix(path, "dev/char/")) {
+        if (TakeNumber(path) != static_cast<int>(kVideoMajor) || !SkipPrefix(path, ":")) {
+            return -1;
+        }
+    } else if (!SkipPrefix(path, "class/video4linux/video")) {
+        return -1;
+    }
+    const int number = TakeNumber(path);
+    return std::strcmp(path, "/uevent") == 0 ? number : -1;
+}
+
+// Opens the contents of a virtual camera's uevent file in /sys, which programs read to learn what kind of
+// device a node is; -1 for any other path. Does not use the C library's formatting, which may allocate.
+int OpenEventFile(const char* path) {
+    const int number = EventFileNumber(path);
+    if (number < 0 || StatNode(number) != 0) {
+        return -1;
+    }
+    const auto node = static_cast<unsigned>(number);
+    char text[80];
+    char* end = PutNumber(PutText(text, "MAJOR="), kVideoMajor);
+    end = PutNumber(PutText(end, "\nMINOR="), node);
+    end = PutText(PutNumber(PutText(end, "\nDEVNAME=video"), node), "\n");
+    const char name[] = "zu-vcam-uevent";
+    const long fd = RawCall(SYS_memfd_create, Word(name), 0);
+    if (fd >= 0) {
+        RawCall(SYS_write, fd, Word(text), end - text);
+        RawCall(SYS_lseek, fd, 0, SEEK_SET);
+    }
+    return static_cast<int>(fd);
+}
+
+// Opens a virtual camera or its uevent file. Returns the descriptor, -1 with errno set, or kNotOurs.
 int OpenNode(int directory, const char* path, int flags) {
     const int number = NodeNumber(directory, path);
     if (number < 0) {
@@ -119,6 +147,7 @@ using namespace zumod::vcam;
         return fd != kNotOurs ? fd : ZU_VCAM_REAL(name)(__VA_ARGS__); \
     }
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives these names
 // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the macro starts the list
 ZU_VCAM_OPEN(open, (const char* path, int flags, ...), AT_FDCWD, path, flags)
 ZU_VCAM_OPEN(open64, (const char* path, int flags, ...), AT_FDCWD, path, flags)
@@ -131,6 +160,15 @@ ZU_VCAM_OPEN_WITHOUT_MODE(__openat_2, (int directory, const char* path, int flag
                           path, flags)
 ZU_VCAM_OPEN_WITHOUT_MODE(__openat64_2, (int directory, const char* path, int flags), directory, directory,
                           path, flags)
+
+#define ZU_VCAM_FOPEN(name)                                                 \
+    ZU_VCAM_EXPORT FILE* name(const char* path, const char* mode) {         \
+        const int fd = OpenEventFile(path);                                 \
+        return fd >= 0 ? fdopen(fd, mode) : ZU_VCAM_REAL(name)(path, mode); \
+    }
+
+ZU_VCAM_FOPEN(fopen)
+ZU_VCAM_FOPEN(fopen64)
 
 ZU_VCAM_EXPORT int close(int fd) {
     MarkDescriptor(fd, false);
@@ -166,7 +204,7 @@ ZU_VCAM_FCNTL(fcntl)
 ZU_VCAM_FCNTL(fcntl64)
 // NOLINTEND(clang-analyzer-valist.Uninitialized)
 
-// The cameras only stream; like such a driver they refuse read and write.
+// The cameras only stream. Like such a driver they refuse read and write.
 ZU_VCAM_EXPORT ssize_t read(int fd, void* buffer, size_t size) {
     return IsOurs(fd) ? Fail(EINVAL) : ZU_VCAM_REAL(read)(fd, buffer, size);
 }
@@ -178,3 +216,4 @@ ZU_VCAM_EXPORT ssize_t __read_chk(int fd, void* buffer, size_t size, size_t buff
 ZU_VCAM_EXPORT ssize_t write(int fd, const void* buffer, size_t size) {
     return IsOurs(fd) ? Fail(EINVAL) : ZU_VCAM_REAL(write)(fd, buffer, size);
 }
+// NOLINTEND(bugprone-reserved-identifier)

@@ -15,22 +15,6 @@
 #include "vcam/preload/preload.h"
 #include "vcam/preload/raw_system.h"
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives these names
-// The fortified variants, and what programs built with a glibc before 2.33 call.
-extern "C" {
-char* __realpath_chk(const char* path, char* resolved, size_t size);
-ssize_t __readlink_chk(const char* path, char* buffer, size_t size, size_t buffer_size);
-int __xstat(int version, const char* path, struct stat* result);
-int __xstat64(int version, const char* path, struct stat64* result);
-int __lxstat(int version, const char* path, struct stat* result);
-int __lxstat64(int version, const char* path, struct stat64* result);
-int __fxstat(int version, int fd, struct stat* result);
-int __fxstat64(int version, int fd, struct stat64* result);
-int __fxstatat(int version, int directory, const char* path, struct stat* result, int flags);
-int __fxstatat64(int version, int directory, const char* path, struct stat64* result, int flags);
-}
-// NOLINTEND(bugprone-reserved-identifier)
-
 namespace zumod::vcam {
 namespace {
 
@@ -112,9 +96,9 @@ constexpr int kNotALink = EINVAL;
 constexpr int kNoAttribute = ENODATA;
 
 // For a call that fails on every device file.
-Answer Refuse(const char* path, int error) {
+Answer Refuse(int directory, const char* path, int error) {
     int number = -1;
-    const Answer answer = FindNode(AT_FDCWD, path, number);
+    const Answer answer = FindNode(directory, path, number);
     if (answer != Answer::kFilled) {
         return answer;
     }
@@ -125,12 +109,7 @@ Answer Refuse(const char* path, int error) {
 // access: anything but execution is allowed.
 Answer CheckAccess(int directory, const char* path, int mode) {
     int number = -1;
-    const Answer answer = FindNode(directory, path, number);
-    if (answer != Answer::kFilled || (mode & X_OK) == 0) {
-        return answer;
-    }
-    errno = EACCES;
-    return Answer::kFailed;
+    return (mode & X_OK) != 0 ? Refuse(directory, path, EACCES) : FindNode(directory, path, number);
 }
 
 int ResultOf(Answer answer) {
@@ -150,78 +129,61 @@ Answer StatAt(int directory, const char* path, Stat* result, int flags) {
 
 using namespace zumod::vcam;
 
-#define ZU_VCAM_ANSWER(answer, call) \
-    const Answer found = answer;     \
-    return found != Answer::kNotOurs ? ResultOf(found) : (call)
+// Defines a function that answers for a virtual camera, or calls the real function with the given arguments.
+#define ZU_VCAM_INSPECT(type, name, parameters, answer, ...)                  \
+    ZU_VCAM_EXPORT type name parameters __THROW {                             \
+        const Answer found = answer;                                          \
+        return found != Answer::kNotOurs ? static_cast<type>(ResultOf(found)) \
+                                         : ZU_VCAM_REAL(name)(__VA_ARGS__);   \
+    }
 
-ZU_VCAM_EXPORT int stat(const char* path, struct stat* result) __THROW {
-    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(stat)(path, result));
-}
+// The stat functions for struct stat or struct stat64. Programs built with a glibc before 2.33 call the
+// functions with an x in their name.
+#define ZU_VCAM_STAT_FAMILY(bits)                                                                          \
+    ZU_VCAM_INSPECT(int, stat##bits, (const char* path, struct stat##bits* result),                        \
+                    StatPath(AT_FDCWD, path, result), path, result)                                        \
+    ZU_VCAM_INSPECT(int, lstat##bits, (const char* path, struct stat##bits* result),                       \
+                    StatPath(AT_FDCWD, path, result), path, result)                                        \
+    ZU_VCAM_INSPECT(int, fstat##bits, (int fd, struct stat##bits* result), StatDescriptor(fd, result), fd, \
+                    result)                                                                                \
+    ZU_VCAM_INSPECT(int, fstatat##bits,                                                                    \
+                    (int directory, const char* path, struct stat##bits* result, int flags),               \
+                    StatAt(directory, path, result, flags), directory, path, result, flags)                \
+    ZU_VCAM_INSPECT(int, __xstat##bits, (int version, const char* path, struct stat##bits* result),        \
+                    StatPath(AT_FDCWD, path, result), version, path, result)                               \
+    ZU_VCAM_INSPECT(int, __lxstat##bits, (int version, const char* path, struct stat##bits* result),       \
+                    StatPath(AT_FDCWD, path, result), version, path, result)                               \
+    ZU_VCAM_INSPECT(int, __fxstat##bits, (int version, int fd, struct stat##bits* result),                 \
+                    StatDescriptor(fd, result), version, fd, result)                                       \
+    ZU_VCAM_INSPECT(int, __fxstatat##bits,                                                                 \
+                    (int version, int directory, const char* path, struct stat##bits* result, int flags),  \
+                    StatAt(directory, path, result, flags), version, directory, path, result, flags)
 
-ZU_VCAM_EXPORT int stat64(const char* path, struct stat64* result) __THROW {
-    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(stat64)(path, result));
-}
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives these names
+ZU_VCAM_STAT_FAMILY()
+ZU_VCAM_STAT_FAMILY(64)
 
-ZU_VCAM_EXPORT int lstat(const char* path, struct stat* result) __THROW {
-    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(lstat)(path, result));
-}
+ZU_VCAM_INSPECT(int, access, (const char* path, int mode), CheckAccess(AT_FDCWD, path, mode), path, mode)
+ZU_VCAM_INSPECT(int, faccessat, (int directory, const char* path, int mode, int flags),
+                CheckAccess(directory, path, mode), directory, path, mode, flags)
+ZU_VCAM_INSPECT(ssize_t, readlink, (const char* path, char* buffer, size_t size),
+                Refuse(AT_FDCWD, path, kNotALink), path, buffer, size)
+ZU_VCAM_INSPECT(ssize_t, __readlink_chk, (const char* path, char* buffer, size_t size, size_t buffer_size),
+                Refuse(AT_FDCWD, path, kNotALink), path, buffer, size, buffer_size)
+ZU_VCAM_INSPECT(ssize_t, getxattr, (const char* path, const char* name, void* value, size_t size),
+                Refuse(AT_FDCWD, path, kNoAttribute), path, name, value, size)
+ZU_VCAM_INSPECT(ssize_t, lgetxattr, (const char* path, const char* name, void* value, size_t size),
+                Refuse(AT_FDCWD, path, kNoAttribute), path, name, value, size)
 
-ZU_VCAM_EXPORT int lstat64(const char* path, struct stat64* result) __THROW {
-    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(lstat64)(path, result));
-}
+#define ZU_VCAM_RESOLVE(name, parameters, ...)                                          \
+    ZU_VCAM_EXPORT char* name parameters __THROW {                                      \
+        const Answer answer = ResolveNode(path, &resolved);                             \
+        return answer != Answer::kNotOurs ? resolved : ZU_VCAM_REAL(name)(__VA_ARGS__); \
+    }
 
-ZU_VCAM_EXPORT int fstat(int fd, struct stat* result) __THROW {
-    ZU_VCAM_ANSWER(StatDescriptor(fd, result), ZU_VCAM_REAL(fstat)(fd, result));
-}
-
-ZU_VCAM_EXPORT int fstat64(int fd, struct stat64* result) __THROW {
-    ZU_VCAM_ANSWER(StatDescriptor(fd, result), ZU_VCAM_REAL(fstat64)(fd, result));
-}
-
-ZU_VCAM_EXPORT int fstatat(int directory, const char* path, struct stat* result, int flags) __THROW {
-    ZU_VCAM_ANSWER(StatAt(directory, path, result, flags),
-                   ZU_VCAM_REAL(fstatat)(directory, path, result, flags));
-}
-
-ZU_VCAM_EXPORT int fstatat64(int directory, const char* path, struct stat64* result, int flags) __THROW {
-    ZU_VCAM_ANSWER(StatAt(directory, path, result, flags),
-                   ZU_VCAM_REAL(fstatat64)(directory, path, result, flags));
-}
-
-ZU_VCAM_EXPORT int __xstat(int version, const char* path, struct stat* result) {
-    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__xstat)(version, path, result));
-}
-
-ZU_VCAM_EXPORT int __xstat64(int version, const char* path, struct stat64* result) {
-    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__xstat64)(version, path, result));
-}
-
-ZU_VCAM_EXPORT int __lxstat(int version, const char* path, struct stat* result) {
-    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__lxstat)(version, path, result));
-}
-
-ZU_VCAM_EXPORT int __lxstat64(int version, const char* path, struct stat64* result) {
-    ZU_VCAM_ANSWER(StatPath(AT_FDCWD, path, result), ZU_VCAM_REAL(__lxstat64)(version, path, result));
-}
-
-ZU_VCAM_EXPORT int __fxstat(int version, int fd, struct stat* result) {
-    ZU_VCAM_ANSWER(StatDescriptor(fd, result), ZU_VCAM_REAL(__fxstat)(version, fd, result));
-}
-
-ZU_VCAM_EXPORT int __fxstat64(int version, int fd, struct stat64* result) {
-    ZU_VCAM_ANSWER(StatDescriptor(fd, result), ZU_VCAM_REAL(__fxstat64)(version, fd, result));
-}
-
-ZU_VCAM_EXPORT int __fxstatat(int version, int directory, const char* path, struct stat* result, int flags) {
-    ZU_VCAM_ANSWER(StatAt(directory, path, result, flags),
-                   ZU_VCAM_REAL(__fxstatat)(version, directory, path, result, flags));
-}
-
-ZU_VCAM_EXPORT int __fxstatat64(int version, int directory, const char* path, struct stat64* result,
-                                int flags) {
-    ZU_VCAM_ANSWER(StatAt(directory, path, result, flags),
-                   ZU_VCAM_REAL(__fxstatat64)(version, directory, path, result, flags));
-}
+ZU_VCAM_RESOLVE(realpath, (const char* path, char* resolved), path, resolved)
+ZU_VCAM_RESOLVE(__realpath_chk, (const char* path, char* resolved, size_t size), path, resolved, size)
+// NOLINTEND(bugprone-reserved-identifier)
 
 ZU_VCAM_EXPORT int statx(int directory, const char* path, int flags, unsigned mask,
                          struct statx* result) __THROW {
@@ -244,38 +206,4 @@ ZU_VCAM_EXPORT int statx(int directory, const char* path, int flags, unsigned ma
         result->stx_dev_minor = kDevice;
     }
     return ResultOf(answer);
-}
-
-ZU_VCAM_EXPORT int access(const char* path, int mode) __THROW {
-    ZU_VCAM_ANSWER(CheckAccess(AT_FDCWD, path, mode), ZU_VCAM_REAL(access)(path, mode));
-}
-
-ZU_VCAM_EXPORT int faccessat(int directory, const char* path, int mode, int flags) __THROW {
-    ZU_VCAM_ANSWER(CheckAccess(directory, path, mode), ZU_VCAM_REAL(faccessat)(directory, path, mode, flags));
-}
-
-ZU_VCAM_EXPORT ssize_t readlink(const char* path, char* buffer, size_t size) __THROW {
-    ZU_VCAM_ANSWER(Refuse(path, kNotALink), ZU_VCAM_REAL(readlink)(path, buffer, size));
-}
-
-ZU_VCAM_EXPORT ssize_t __readlink_chk(const char* path, char* buffer, size_t size, size_t buffer_size) {
-    ZU_VCAM_ANSWER(Refuse(path, kNotALink), ZU_VCAM_REAL(__readlink_chk)(path, buffer, size, buffer_size));
-}
-
-ZU_VCAM_EXPORT char* realpath(const char* path, char* resolved) __THROW {
-    const Answer answer = ResolveNode(path, &resolved);
-    return answer != Answer::kNotOurs ? resolved : ZU_VCAM_REAL(realpath)(path, resolved);
-}
-
-ZU_VCAM_EXPORT char* __realpath_chk(const char* path, char* resolved, size_t size) {
-    const Answer answer = ResolveNode(path, &resolved);
-    return answer != Answer::kNotOurs ? resolved : ZU_VCAM_REAL(__realpath_chk)(path, resolved, size);
-}
-
-ZU_VCAM_EXPORT ssize_t getxattr(const char* path, const char* name, void* value, size_t size) __THROW {
-    ZU_VCAM_ANSWER(Refuse(path, kNoAttribute), ZU_VCAM_REAL(getxattr)(path, name, value, size));
-}
-
-ZU_VCAM_EXPORT ssize_t lgetxattr(const char* path, const char* name, void* value, size_t size) __THROW {
-    ZU_VCAM_ANSWER(Refuse(path, kNoAttribute), ZU_VCAM_REAL(lgetxattr)(path, name, value, size));
 }
