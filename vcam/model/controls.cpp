@@ -3,20 +3,74 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 namespace zumod::vcam {
+
+struct Control {
+    uint32_t id;
+    v4l2_ctrl_type type;
+    const char* name;
+    int32_t minimum = 0;
+    int32_t maximum = 0;
+    int32_t step = 0;
+    int32_t initial = 0;
+    uint32_t flags = 0;
+    std::span<const char* const> menu = {};
+};
+
 namespace {
 
-template <size_t kSize>
-void CopyName(uint8_t (&to)[kSize], const char* from) {
-    std::memset(to, 0, kSize);
-    std::memcpy(to, from, std::min(std::strlen(from), kSize - 1));
+constexpr const char* kPowerLineFrequencies[] = {"Disabled", "50 Hz", "60 Hz"};
+
+// In order of their ids.
+constexpr Control kControls[] = {
+    {.id = V4L2_CID_USER_CLASS,
+     .type = V4L2_CTRL_TYPE_CTRL_CLASS,
+     .name = "User Controls",
+     .flags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY},
+    {V4L2_CID_BRIGHTNESS, V4L2_CTRL_TYPE_INTEGER, "Brightness", 0, 255, 1, 128, V4L2_CTRL_FLAG_SLIDER},
+    {V4L2_CID_CONTRAST, V4L2_CTRL_TYPE_INTEGER, "Contrast", 0, 255, 1, 128, V4L2_CTRL_FLAG_SLIDER},
+    {V4L2_CID_AUTO_WHITE_BALANCE, V4L2_CTRL_TYPE_BOOLEAN, "White Balance, Automatic", 0, 1, 1, 1},
+    {V4L2_CID_POWER_LINE_FREQUENCY, V4L2_CTRL_TYPE_MENU, "Power Line Frequency", 0, 2, 1, 1, 0,
+     kPowerLineFrequencies},
+};
+
+const Control* Find(uint32_t id) {
+    const auto* found = std::ranges::find(kControls, id, &Control::id);
+    return found == std::end(kControls) ? nullptr : found;
 }
 
-template <size_t kSize>
-void CopyName(char (&to)[kSize], const char* from) {
-    std::memset(to, 0, kSize);
-    std::memcpy(to, from, std::min(std::strlen(from), kSize - 1));
+// As Find, without the entry that is only a heading.
+const Control* FindWithValue(uint32_t id) {
+    return id == V4L2_CID_USER_CLASS ? nullptr : Find(id);
+}
+
+// The control that a query asks for: the one with this id, or the next one after it.
+const Control* FindAsked(uint32_t id) {
+    const uint32_t next = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
+    if ((id & next) == 0) {
+        return Find(id);
+    }
+    if ((id & V4L2_CTRL_FLAG_NEXT_CTRL) == 0) {
+        return nullptr;  // there are no compound controls
+    }
+    const auto* found = std::ranges::upper_bound(kControls, id & ~next, {}, &Control::id);
+    return found == std::end(kControls) ? nullptr : found;
+}
+
+// What both kinds of query tell.
+template <class Query>
+void FillIn(const Control& control, Query& query) {
+    query = {};
+    query.id = control.id;
+    query.type = control.type;
+    std::string_view(control.name).copy(reinterpret_cast<char*>(query.name), sizeof query.name - 1);
+    query.minimum = control.minimum;
+    query.maximum = control.maximum;
+    query.step = static_cast<decltype(query.step)>(control.step);
+    query.default_value = control.initial;
+    query.flags = control.flags;
 }
 
 // Adjusts a value as the kernel does before it calls a driver. Returns false for a value that the kernel
@@ -40,76 +94,18 @@ bool Adjust(const Control& control, int32_t& value) {
 
 }  // namespace
 
-Controls::Controls()
-    : m_controls{
-          {V4L2_CID_USER_CLASS,
-           V4L2_CTRL_TYPE_CTRL_CLASS,
-           "User Controls",
-           0,
-           0,
-           0,
-           0,
-           V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY,
-           {}},
-          {V4L2_CID_BRIGHTNESS,
-           V4L2_CTRL_TYPE_INTEGER,
-           "Brightness",
-           0,
-           255,
-           1,
-           128,
-           V4L2_CTRL_FLAG_SLIDER,
-           {}},
-          {V4L2_CID_CONTRAST, V4L2_CTRL_TYPE_INTEGER, "Contrast", 0, 255, 1, 128, V4L2_CTRL_FLAG_SLIDER, {}},
-          {V4L2_CID_AUTO_WHITE_BALANCE,
-           V4L2_CTRL_TYPE_BOOLEAN,
-           "White Balance, Automatic",
-           0,
-           1,
-           1,
-           1,
-           0,
-           {}},
-          {V4L2_CID_POWER_LINE_FREQUENCY,
-           V4L2_CTRL_TYPE_MENU,
-           "Power Line Frequency",
-           0,
-           2,
-           1,
-           1,
-           0,
-           {"Disabled", "50 Hz", "60 Hz"}},
-      } {
-    for (const Control& control : m_controls) {
+Controls::Controls() {
+    for (const Control& control : kControls) {
         m_values.push_back(control.initial);
     }
 }
 
-const Control* Controls::Find(uint32_t id) const {
-    const auto found = std::find_if(m_controls.begin(), m_controls.end(),
-                                    [id](const Control& control) { return control.id == id; });
-    return found == m_controls.end() ? nullptr : &*found;
-}
-
-const Control* Controls::FindAsked(uint32_t id) const {
-    const uint32_t next = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
-    if ((id & next) == 0) {
-        return Find(id);
-    }
-    if ((id & V4L2_CTRL_FLAG_NEXT_CTRL) == 0) {
-        return nullptr;  // there are no compound controls
-    }
-    const auto found = std::find_if(m_controls.begin(), m_controls.end(),
-                                    [&](const Control& control) { return control.id > (id & ~next); });
-    return found == m_controls.end() ? nullptr : &*found;
-}
-
 int32_t Controls::ValueOf(const Control& control) const {
-    return m_values[static_cast<size_t>(&control - m_controls.data())];
+    return m_values[static_cast<size_t>(&control - kControls)];
 }
 
 void Controls::SetValue(const Control& control, int32_t value) {
-    int32_t& stored = m_values[static_cast<size_t>(&control - m_controls.data())];
+    int32_t& stored = m_values[static_cast<size_t>(&control - kControls)];
     if (stored != value) {
         stored = value;
         m_changed.push_back(control.id);
@@ -121,15 +117,7 @@ int Controls::Query(v4l2_queryctrl& query) const {
     if (control == nullptr) {
         return EINVAL;
     }
-    query = {};
-    query.id = control->id;
-    query.type = control->type;
-    CopyName(query.name, control->name);
-    query.minimum = control->minimum;
-    query.maximum = control->maximum;
-    query.step = control->step;
-    query.default_value = control->initial;
-    query.flags = control->flags;
+    FillIn(*control, query);
     return 0;
 }
 
@@ -138,15 +126,7 @@ int Controls::QueryExtended(v4l2_query_ext_ctrl& query) const {
     if (control == nullptr) {
         return EINVAL;
     }
-    query = {};
-    query.id = control->id;
-    query.type = control->type;
-    CopyName(query.name, control->name);
-    query.minimum = control->minimum;
-    query.maximum = control->maximum;
-    query.step = static_cast<__u64>(control->step);
-    query.default_value = control->initial;
-    query.flags = control->flags;
+    FillIn(*control, query);
     query.elem_size = sizeof(int32_t);
     query.elems = 1;
     return 0;
@@ -157,17 +137,16 @@ int Controls::QueryMenu(v4l2_querymenu& menu) const {
     if (control == nullptr || menu.index >= control->menu.size()) {
         return EINVAL;
     }
-    // The structure is packed, so a reference to its name is not possible.
-    const char* name = control->menu[menu.index];
     std::memset(menu.name, 0, sizeof menu.name);
-    std::memcpy(menu.name, name, std::min(std::strlen(name), sizeof menu.name - 1));
+    std::string_view(control->menu[menu.index])
+        .copy(reinterpret_cast<char*>(menu.name), sizeof menu.name - 1);
     menu.reserved = 0;
     return 0;
 }
 
 int Controls::Get(v4l2_control& control) const {
-    const Control* found = Find(control.id);
-    if (found == nullptr || found->type == V4L2_CTRL_TYPE_CTRL_CLASS) {
+    const Control* found = FindWithValue(control.id);
+    if (found == nullptr) {
         return EINVAL;
     }
     control.value = ValueOf(*found);
@@ -175,8 +154,8 @@ int Controls::Get(v4l2_control& control) const {
 }
 
 int Controls::Set(v4l2_control& control) {
-    const Control* found = Find(control.id);
-    if (found == nullptr || found->type == V4L2_CTRL_TYPE_CTRL_CLASS) {
+    const Control* found = FindWithValue(control.id);
+    if (found == nullptr) {
         return EINVAL;
     }
     if (!Adjust(*found, control.value)) {

@@ -13,17 +13,7 @@
 
 namespace zumod::vcam {
 
-struct Control {
-    uint32_t id;
-    v4l2_ctrl_type type;
-    const char* name;
-    int32_t minimum;
-    int32_t maximum;
-    int32_t step;
-    int32_t initial;
-    uint32_t flags;
-    std::vector<const char*> menu;
-};
+struct Control;
 
 class Controls {
 public:
@@ -46,16 +36,12 @@ public:
     bool Describe(uint32_t id, v4l2_event& event) const;
 
 private:
-    const Control* Find(uint32_t id) const;
-    // The control that a query asks for: the one with this id, or the next one after it.
-    const Control* FindAsked(uint32_t id) const;
     int32_t ValueOf(const Control& control) const;
     void SetValue(const Control& control, int32_t value);
     int Check(uint32_t which, std::span<const v4l2_ext_control> controls, bool writes,
               uint32_t& failed) const;
 
-    std::vector<Control> m_controls;
-    std::vector<int32_t> m_values;
+    std::vector<int32_t> m_values;  // in the order of the table of controls
     std::vector<uint32_t> m_changed;
 };
 

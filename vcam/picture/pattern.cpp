@@ -46,19 +46,13 @@ Pattern::Pattern(const PictureLayout& layout, const std::string& label)
     : m_layout(layout),
       m_scene(layout.width, layout.height, label),
       m_still(layout.sizeimage),
-      m_pixel_bytes(FindPixelFormat(layout.fourcc)->PixelBytes()) {
+      m_pixel_bytes(FindPixelFormat(layout.fourcc)->PixelBytes()),
+      m_white(size_t{m_scene.Grid().block} * m_pixel_bytes) {
     const PixelFormat& format = *FindPixelFormat(layout.fourcc);
     m_scene.Background().WriteTo(layout, m_still.data());
-    const auto block_row = [&](uint8_t luma) {
-        std::vector<uint8_t> bytes;
-        for (unsigned x = 0; x < m_scene.Grid().block; ++x) {
-            TileRow row{};
-            PutPixel(format, row.data(), 0, {luma, 128, 128});
-            bytes.insert(bytes.end(), row.begin(), row.begin() + m_pixel_bytes);
-        }
-        return bytes;
-    };
-    m_white = block_row(kStampWhite);
+    for (unsigned x = 0; x < m_scene.Grid().block; ++x) {
+        PutPixel(format, &m_white[size_t{x} * m_pixel_bytes], 0, {kStampWhite, 128, 128});
+    }
     for (char letter = kFirstLetter; letter <= kLastLetter; ++letter) {
         const Glyph glyph = DrawGlyph(letter);
         Tile& tile = m_glyphs.emplace_back();
@@ -80,12 +74,12 @@ Pattern::Pattern(const PictureLayout& layout, const std::string& label)
 size_t Pattern::Paint(uint8_t* out, const Stamp& stamp) const {
     std::memcpy(out, m_still.data(), m_still.size());
     PaintStamp(out, stamp);
-    PaintLetters(out, stamp);
+    PaintText(out, stamp);
     PaintSquare(out, stamp);
     return m_still.size();
 }
 
-// The stamp and the letters are drawn where the still picture is grey, so only luma changes.
+// The stamp and the text are drawn where the still picture is grey, so only luma changes.
 void Pattern::PaintStamp(uint8_t* out, const Stamp& stamp) const {
     const StampGrid& grid = m_scene.Grid();
     if (grid.block == 0) {
@@ -104,12 +98,13 @@ void Pattern::PaintStamp(uint8_t* out, const Stamp& stamp) const {
     }
 }
 
-void Pattern::PaintLetters(uint8_t* out, const Stamp& stamp) const {
+void Pattern::PaintText(uint8_t* out, const Stamp& stamp) const {
     const size_t stride = m_layout.bytesperline;
     const size_t tile_bytes = size_t{kTile} * m_pixel_bytes;
-    for (const PlacedGlyph& placed : m_scene.Letters(stamp)) {
-        const Tile& tile = m_glyphs[static_cast<size_t>(placed.letter - kFirstLetter)];
-        uint8_t* corner = out + size_t{placed.row} * kTile * stride + placed.column * tile_bytes;
+    const PlacedText placed = m_scene.Text(stamp);
+    uint8_t* corner = out + size_t{placed.row} * kTile * stride;
+    for (const char* letter = placed.text; *letter != 0; ++letter, corner += tile_bytes) {
+        const Tile& tile = m_glyphs[static_cast<size_t>(*letter - kFirstLetter)];
         CopyRows(corner, stride, tile[0].data(), sizeof(TileRow), kTile, tile_bytes);
     }
 }

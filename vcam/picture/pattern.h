@@ -30,7 +30,7 @@ private:
     using Tile = std::array<TileRow, kTile>;
 
     void PaintStamp(uint8_t* out, const Stamp& stamp) const;
-    void PaintLetters(uint8_t* out, const Stamp& stamp) const;
+    void PaintText(uint8_t* out, const Stamp& stamp) const;
     void PaintSquare(uint8_t* out, const Stamp& stamp) const;
 
     PictureLayout m_layout;

@@ -1,6 +1,9 @@
 #include "vcam/picture/scene.h"
 
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <string_view>
 
 namespace zumod::vcam {
 namespace {
@@ -67,36 +70,20 @@ void Scene::PaintLabel(const std::string& label) {
     }
 }
 
-PlacedGlyphs Scene::Letters(const Stamp& stamp) const {
-    PlacedGlyphs letters;
+PlacedText Scene::Text(const Stamp& stamp) const {
+    PlacedText placed{m_letter_row};
     if (!m_has_letters) {
-        return letters;
+        return placed;
     }
-    // The counter in ten digits, a space, then seconds and milliseconds, written from right to left.
     constexpr unsigned kCounterDigits = 10;
-    char text[PlacedGlyphs::kMaxGlyphs];
-    char* const end = text + sizeof text;
-    char* next = end;
-    uint64_t time = stamp.time_us / 1000;
-    for (unsigned digits = 0; digits < 4 || time != 0; ++digits, time /= 10) {
-        if (digits == 3) {
-            *--next = '.';
-        }
-        *--next = static_cast<char>('0' + time % 10);
-    }
-    *--next = ' ';
-    uint32_t counter = stamp.counter;
-    for (unsigned digits = 0; digits < kCounterDigits; ++digits, counter /= 10) {
-        *--next = static_cast<char>('0' + counter % 10);
-    }
+    char text[sizeof placed.text];
+    const uint64_t ms = stamp.time_us / 1000;
+    std::snprintf(text, sizeof text, "%010" PRIu32 " %" PRIu64 ".%03" PRIu64, stamp.counter, ms / 1000,
+                  ms % 1000);
     // If there is not room for everything, keep the last digits of the counter.
-    next += m_columns < kCounterDigits ? kCounterDigits - m_columns : 0;
-    for (unsigned column = 0; next + column < end && column < m_columns; ++column) {
-        if (next[column] != ' ') {
-            letters.Add({column, m_letter_row, next[column]});
-        }
-    }
-    return letters;
+    const unsigned skipped = m_columns < kCounterDigits ? kCounterDigits - m_columns : 0;
+    std::string_view(text + skipped).substr(0, m_columns).copy(placed.text, sizeof placed.text - 1);
+    return placed;
 }
 
 PlacedSquare Scene::Square(const Stamp& stamp) const {

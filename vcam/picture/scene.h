@@ -4,7 +4,6 @@
 // Thread rule: immutable; any thread.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <string>
 
@@ -14,30 +13,16 @@
 
 namespace zumod::vcam {
 
-struct PlacedGlyph {
-    unsigned column;  // in tiles
-    unsigned row;
-    char letter;
+// A line of text. Written for each frame, so it allocates nothing.
+struct PlacedText {
+    unsigned row = 0;  // in tiles; the text begins at the left
+    char text[36] = {};
 };
 
 struct PlacedSquare {
     unsigned column;  // in tiles; size is 0 if the picture is too small for it
     unsigned row;
     unsigned size;
-};
-
-// A line of letters. Built for each frame, so it allocates nothing.
-class PlacedGlyphs {
-public:
-    static constexpr size_t kMaxGlyphs = 32;
-
-    void Add(PlacedGlyph glyph) { m_glyphs[m_count++] = glyph; }
-    const PlacedGlyph* begin() const { return m_glyphs.data(); }
-    const PlacedGlyph* end() const { return m_glyphs.data() + m_count; }
-
-private:
-    std::array<PlacedGlyph, kMaxGlyphs> m_glyphs;
-    size_t m_count = 0;
 };
 
 class Scene {
@@ -51,8 +36,8 @@ public:
     const PlanarImage& Background() const { return m_background; }
     const StampGrid& Grid() const { return m_grid; }
 
-    // The counter and the time as text.
-    PlacedGlyphs Letters(const Stamp& stamp) const;
+    // The counter, and the time in seconds, as far as they fit.
+    PlacedText Text(const Stamp& stamp) const;
     PlacedSquare Square(const Stamp& stamp) const;
 
 private:
