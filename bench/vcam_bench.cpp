@@ -90,11 +90,7 @@ class Cameras {
 public:
     Cameras(unsigned count, const std::string& options) : m_boards(new CameraBoard[count]()) {
         for (unsigned i = 0; i < count; ++i) {
-            CameraConfig config;
-            std::string error;
-            if (!ParseCamera(options, config, error)) {
-                throw std::invalid_argument(error);
-            }
+            CameraConfig config = ParseCamera(options).value();
             config.number = static_cast<int>(i);
             m_cameras.push_back(
                 std::make_unique<Camera>(i, config, "bench." + std::to_string(getpid()), m_boards[i]));

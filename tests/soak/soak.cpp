@@ -36,7 +36,6 @@
 namespace {
 
 using namespace zumod::testing;
-namespace faults = zumod::vcam::faults;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kCameras = 3;
@@ -373,45 +372,32 @@ private:
         return MessageBytes(type, Number32(id) + Number32(size[0]) + Number32(size[1]) + Number32(fps));
     }
 
+    static void Inject(zumod::vcam::Camera& camera, const std::string& fault) {
+        camera.Inject(zumod::vcam::ParseFault(fault).value());
+    }
+
     void InjectFault(zumod::vcam::Camera& camera) {
         ++m_figures.faults;
-        const uint32_t frame = m_random.Below(5);
-        switch (m_random.Below(12)) {
-            case 0:
-            case 1:
-                camera.Inject(faults::Unplug());
-                camera.Inject(faults::Replug(m_random.Below(1000)));
-                break;
-            case 2:
-                camera.Inject(faults::Short(frame, 3));
-                break;
-            case 3:
-                camera.Inject(faults::Zero(frame, 3));
-                break;
-            case 4:
-                camera.Inject(faults::ErrorFlag(frame, 3));
-                break;
-            case 5:
-                camera.Inject(faults::EintrStorm());
-                break;
-            case 6:
-                camera.Inject(faults::Stall(m_random.Below(1500)));
-                break;
-            case 7:
-                camera.Inject(faults::BadIndex(frame));
-                break;
-            case 8:
-                camera.Inject(faults::Errno(VIDIOC_DQBUF, EIO));
-                break;
-            case 9:
-                camera.Inject(faults::OpenBusy());
-                break;
-            case 10:
-                camera.Inject(faults::BuffersBusy());
-                break;
-            default:
-                camera.Inject(faults::FormatBusy());
-                break;
+        const std::string frame = std::to_string(m_random.Below(5));
+        const std::string faults[] = {
+            "short/" + frame + "/3",
+            "zero/" + frame + "/3",
+            "error-flag/" + frame + "/3",
+            "eintr-storm",
+            "stall/" + std::to_string(m_random.Below(1500)),
+            "bad-index/" + frame,
+            "errno/DQBUF/EIO",
+            "open-busy",
+            "buffers-busy",
+            "format-busy",
+        };
+        // Unplugging is as frequent as two of the others.
+        const uint32_t chosen = m_random.Below(uint32_t{std::size(faults)} + 2);
+        if (chosen < std::size(faults)) {
+            Inject(camera, faults[chosen]);
+        } else {
+            Inject(camera, "unplug");
+            Inject(camera, "replug/" + std::to_string(m_random.Below(1000)));
         }
     }
 
@@ -421,8 +407,8 @@ private:
         for (uint32_t i = 0; i < kCameras; ++i) {
             zumod::vcam::Camera& camera = m_cameras.At(i);
             camera.ClearFaults();
-            camera.Inject(faults::Unplug());
-            camera.Inject(faults::Replug());
+            Inject(camera, "unplug");
+            Inject(camera, "replug");
             WaitUntil([&camera] { return camera.Number() >= 0; });
             camera.ClearFaults();
         }

@@ -105,10 +105,11 @@ Expected<Options> ParseOptions(int count, const char* const* words) {
         return Fail(DescribeOptions(), 0);
     }
     for (const std::string& text : cameras) {
-        std::string error;
-        if (!ParseCamera(text, options.cameras.emplace_back(), error)) {
-            return FailUsage("--camera: " + error);
+        auto camera = ParseCamera(text);
+        if (!camera) {
+            return FailUsage("--camera: " + camera.error().text);
         }
+        options.cameras.push_back(std::move(*camera));
     }
     auto command = CommandOf(app);
     if (!command) {
@@ -202,12 +203,11 @@ Expected<int> RunCommand(Options options) {
         sigaddset(&handled, signal);
     }
     pthread_sigmask(SIG_BLOCK, &handled, &before);
-    std::string error;
-    const auto server = CameraServer::Start(std::move(options.cameras), error, options.server_name);
+    const auto server = CameraServer::Start(std::move(options.cameras), options.server_name);
     if (!server) {
-        return FailUsage(error);
+        return FailUsage(server.error().text);
     }
-    SetEnvironment(library, server->Name());
+    SetEnvironment(library, (*server)->Name());
     const pid_t child = fork();
     if (child < 0) {
         return Fail("cannot start a process: " + ErrnoText(errno));

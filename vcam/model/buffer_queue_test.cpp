@@ -52,7 +52,7 @@ TEST_F(BufferQueueTest, GrantsWhatIsConfiguredUnlessAFaultSaysOtherwise) {
     v4l2_requestbuffers request = BufferRequest(4);
     ASSERT_EQ(queue.Request(m_owner.File(), request, kLength), 0);
     EXPECT_EQ(request.count, 8U);
-    m_faults.Add(faults::Grant(100));
+    m_faults.Add(ParseFault("grant/100").value());
     request = BufferRequest(4);
     ASSERT_EQ(queue.Request(m_owner.File(), request, kLength), 0);
     EXPECT_EQ(request.count, kMaxBuffers);

@@ -17,7 +17,7 @@ int64_t TimeOf(const v4l2_buffer& buffer) {
 TEST(Fault, UnplugRaisesErrorAndHangUpAndFailsAllCalls) {
     TestRig rig;
     ASSERT_EQ(rig.Start(2), 0);
-    rig.Device().Inject(faults::Unplug());
+    rig.Inject("unplug");
     const short events = rig.Poll();
     EXPECT_NE(events & POLLERR, 0);
     EXPECT_NE(events & POLLHUP, 0);
@@ -56,7 +56,7 @@ TEST(Fault, UnplugWakesABlockedDequeue) {
         v4l2_buffer buffer;
         error = rig.Dequeue(buffer);
     });
-    rig.Device().Inject(faults::Unplug());
+    rig.Inject("unplug");
     waiting.join();
     EXPECT_EQ(error, ENODEV);
 }
@@ -64,8 +64,8 @@ TEST(Fault, UnplugWakesABlockedDequeue) {
 TEST(Fault, ReplugBringsTheCameraBackInItsInitialState) {
     TestRig rig;
     ASSERT_EQ(rig.Start(2), 0);
-    rig.Device().Inject(faults::Unplug());
-    rig.Device().Inject(faults::Replug());
+    rig.Inject("unplug");
+    rig.Inject("replug");
     EXPECT_EQ(rig.Device().Number(), 0);
     v4l2_buffer buffer;
     EXPECT_EQ(rig.Dequeue(buffer), ENODEV);
@@ -79,7 +79,7 @@ TEST(Fault, ReplugBringsTheCameraBackInItsInitialState) {
 TEST(Fault, ReplugWaitsForItsDelay) {
     TestRig rig("sizes=64x64,fault=replug/50");
     const auto start = std::chrono::steady_clock::now();
-    rig.Device().Inject(faults::Unplug());
+    rig.Inject("unplug");
     for (int tries = 0; rig.Device().Number() < 0 && tries < 20000; ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -89,15 +89,15 @@ TEST(Fault, ReplugWaitsForItsDelay) {
 
 TEST(Fault, ReplugAsBringsItBackUnderAnotherNumber) {
     TestRig rig;
-    rig.Device().Inject(faults::Unplug());
-    rig.Device().Inject(faults::ReplugAs(5));
+    rig.Inject("unplug");
+    rig.Inject("replug-as/5");
     EXPECT_EQ(rig.Device().Number(), 5);
     EXPECT_EQ(rig.Reopen(), 0);
 }
 
 TEST(Fault, ErrnoFailsTheNthCallOfTheRequest) {
     TestRig rig;
-    rig.Device().Inject(faults::Errno(VIDIOC_QUERYCAP, EIO, 2, 2));
+    rig.Inject("errno/QUERYCAP/EIO/2/2");
     v4l2_capability capability{};
     v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
     EXPECT_EQ(rig.Call(VIDIOC_QUERYCAP, capability), 0);
@@ -110,8 +110,8 @@ TEST(Fault, ErrnoFailsTheNthCallOfTheRequest) {
 TEST(Fault, ErrnoCountsQueueingAndDequeueingToo) {
     TestRig rig;
     ASSERT_EQ(rig.Start(4), 0);
-    rig.Device().Inject(faults::Errno(VIDIOC_DQBUF, EIO, 2));
-    rig.Device().Inject(faults::Errno(VIDIOC_QBUF, ENOMEM, 1));
+    rig.Inject("errno/DQBUF/EIO/2");
+    rig.Inject("errno/QBUF/ENOMEM/1");
     EXPECT_EQ(rig.Next().error, 0);
     EXPECT_EQ(rig.Next().error, EIO);
     EXPECT_EQ(rig.Next().error, 0);
@@ -120,10 +120,14 @@ TEST(Fault, ErrnoCountsQueueingAndDequeueingToo) {
 }
 
 TEST(Fault, ErrnoFailsEveryRequestOfACapture) {
-    for (const unsigned long request :
-         {VIDIOC_ENUM_FMT, VIDIOC_TRY_FMT, VIDIOC_G_PARM, VIDIOC_S_PARM, VIDIOC_QUERYBUF, VIDIOC_STREAMOFF}) {
+    const std::pair<unsigned long, const char*> requests[] = {
+        {VIDIOC_ENUM_FMT, "errno/ENUM_FMT/EIO"}, {VIDIOC_TRY_FMT, "errno/TRY_FMT/EIO"},
+        {VIDIOC_G_PARM, "errno/G_PARM/EIO"},     {VIDIOC_S_PARM, "errno/S_PARM/EIO"},
+        {VIDIOC_QUERYBUF, "errno/QUERYBUF/EIO"}, {VIDIOC_STREAMOFF, "errno/STREAMOFF/EIO"},
+    };
+    for (const auto& [request, fault] : requests) {
         TestRig rig;
-        rig.Device().Inject(faults::Errno(static_cast<uint32_t>(request), EIO));
+        rig.Inject(fault);
         char argument[256] = {};
         EXPECT_EQ(rig.File().Ioctl(request, argument), EIO);
     }
@@ -131,7 +135,7 @@ TEST(Fault, ErrnoFailsEveryRequestOfACapture) {
 
 TEST(Fault, OpenBusyFailsToOpen) {
     TestRig rig;
-    rig.Device().Inject(faults::OpenBusy(2));
+    rig.Inject("open-busy/2");
     EXPECT_EQ(rig.Reopen(), EBUSY);
     EXPECT_EQ(rig.Reopen(), EBUSY);
     EXPECT_EQ(rig.Reopen(), 0);
@@ -139,7 +143,7 @@ TEST(Fault, OpenBusyFailsToOpen) {
 
 TEST(Fault, FormatBusyFailsToSetTheFormat) {
     TestRig rig;
-    rig.Device().Inject(faults::FormatBusy());
+    rig.Inject("format-busy");
     v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
     EXPECT_EQ(rig.Call(VIDIOC_TRY_FMT, format), 0);
     EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), EBUSY);
@@ -148,14 +152,14 @@ TEST(Fault, FormatBusyFailsToSetTheFormat) {
 
 TEST(Fault, BuffersBusyFailsToGrantBuffers) {
     TestRig rig;
-    rig.Device().Inject(faults::BuffersBusy());
+    rig.Inject("buffers-busy");
     EXPECT_EQ(rig.Request(4), -EBUSY);
     EXPECT_EQ(rig.Request(4), 4);
 }
 
 TEST(Fault, StreamBusyFailsToStart) {
     TestRig rig;
-    rig.Device().Inject(faults::StreamBusy());
+    rig.Inject("stream-busy");
     EXPECT_EQ(rig.Start(2), EBUSY);
     EXPECT_EQ(rig.StreamOn(), 0);
 }
@@ -163,7 +167,7 @@ TEST(Fault, StreamBusyFailsToStart) {
 TEST(Fault, EintrStormInterruptsDequeueingAndLeavesTheFrame) {
     TestRig rig;
     ASSERT_EQ(rig.Start(2), 0);
-    rig.Device().Inject(faults::EintrStorm(50));
+    rig.Inject("eintr-storm/50");
     for (int i = 0; i < 50; ++i) {
         ASSERT_EQ(rig.Next().error, EINTR);
     }
@@ -175,7 +179,7 @@ TEST(Fault, EintrStormInterruptsDequeueingAndLeavesTheFrame) {
 TEST(Fault, EagainStormRefusesAFrameThatIsThere) {
     TestRig rig;
     ASSERT_EQ(rig.Start(2), 0);
-    rig.Device().Inject(faults::EagainStorm(50));
+    rig.Inject("eagain-storm/50");
     for (int i = 0; i < 50; ++i) {
         ASSERT_EQ(rig.Next().error, EAGAIN);
     }
@@ -351,7 +355,7 @@ TEST(Fault, FatalFailsUntilTheStreamIsStopped) {
 TEST(Fault, GrantGrantsNoneOneOrEightBuffers) {
     for (const int count : {0, 1, 8}) {
         TestRig rig;
-        rig.Device().Inject(faults::Grant(static_cast<uint64_t>(count)));
+        rig.Device().Inject(ParseFault("grant/" + std::to_string(count)).value());
         EXPECT_EQ(rig.Request(4), count);
     }
 }
@@ -367,7 +371,7 @@ TEST(Fault, GrantOfOneBufferStillStreams) {
 TEST(Fault, SlowOpenReportsHowLongOpeningTakes) {
     TestRig rig;
     EXPECT_EQ(rig.Device().OpenDelay(), 0U);
-    rig.Device().Inject(faults::SlowOpen(200));
+    rig.Inject("slow-open/200");
     EXPECT_EQ(rig.Device().OpenDelay(), 200U);
 }
 

@@ -2,10 +2,11 @@
 
 #include <linux/videodev2.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <iterator>
-#include <vector>
+#include <type_traits>
 
 #include "vcam/model/wire.h"
 #include "vcam/picture/pixel_format.h"
@@ -20,173 +21,148 @@ struct Key {
     const char* name;
     const char* value;
     const char* help;
-    bool (*read)(std::string_view value, CameraConfig& config, std::string& error);
+    Expected<void> (*read)(const Key& key, std::string_view value, CameraConfig& config);
+    const char* allowed = nullptr;  // the values, for an error
 };
 
-template <class Number>
-bool ReadNumber(std::string_view text, Number least, Number greatest, Number& number) {
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-    return result.ec == std::errc() && result.ptr == text.data() + text.size() && number >= least &&
-           number <= greatest;
-}
-
-// Calls `read` for each part, until one fails.
-template <class Read>
-bool ReadList(std::string_view list, Read read) {
-    for (;;) {
-        const size_t colon = list.find(':');
-        if (!read(list.substr(0, colon))) {
-            return false;
-        }
-        if (colon == std::string_view::npos) {
-            return true;
-        }
-        list.remove_prefix(colon + 1);
-    }
-}
-
 std::string Quote(std::string_view text) {
-    std::string quoted(1, '"');
-    quoted.append(text);
-    quoted.push_back('"');
-    return quoted;
+    return '"' + std::string(text) + '"';
 }
 
-bool ReadDevice(std::string_view value, CameraConfig& config, std::string& error) {
-    error = "device must be 0 to 255, not " + Quote(value);
-    return ReadNumber(value, 0, 255, config.number);
+Expected<void> FailValue(const Key& key, std::string_view value) {
+    return Fail(std::string(key.name) + " must be " + key.allowed + ", not " + Quote(value));
 }
 
-bool ReadCard(std::string_view value, CameraConfig& config, std::string& error) {
-    error = "card must have 1 to 31 characters";
-    config.card = value;
-    return !value.empty() && value.size() < sizeof(v4l2_capability::card);
+template <class Number>
+bool ParseNumber(std::string_view text, Number least, Number greatest, Number& number) {
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end && number >= least && number <= greatest;
 }
 
-bool ReadBus(std::string_view value, CameraConfig& config, std::string& error) {
-    error = "bus must have 1 to 31 characters";
-    config.bus = value;
-    return !value.empty() && value.size() < sizeof(v4l2_capability::bus_info);
+// The readers of values, each for a field of the configuration.
+
+template <auto kField, auto kGreatest>
+Expected<void> ReadNumber(const Key& key, std::string_view value, CameraConfig& config) {
+    std::remove_const_t<decltype(kGreatest)> number = 0;
+    if (!ParseNumber(value, {}, kGreatest, number)) {
+        return FailValue(key, value);
+    }
+    config.*kField = number;
+    return {};
 }
 
-bool ReadFormats(std::string_view value, CameraConfig& config, std::string& error) {
-    config.formats.clear();
-    return ReadList(value, [&](std::string_view part) {
-        const std::optional<uint32_t> fourcc = ParseFourcc(part);
-        if (!fourcc) {
-            error = "unknown format " + Quote(part) + "; there are " + FormatNames();
-            return false;
+template <auto kField>
+Expected<void> ReadText(const Key& key, std::string_view value, CameraConfig& config) {
+    static_assert(sizeof(v4l2_capability::card) == 32 && sizeof(v4l2_capability::bus_info) == 32);
+    if (value.empty() || value.size() > 31) {
+        return Fail(std::string(key.name) + " must have 1 to 31 characters");
+    }
+    config.*kField = value;
+    return {};
+}
+
+// The words are the field's values, in their order.
+template <auto kField, const auto& kWords>
+Expected<void> ReadChoice(const Key& key, std::string_view value, CameraConfig& config) {
+    const auto* word = std::ranges::find(kWords, value);
+    if (word == std::end(kWords)) {
+        return FailValue(key, value);
+    }
+    config.*kField = static_cast<std::remove_reference_t<decltype(config.*kField)>>(word - kWords);
+    return {};
+}
+
+template <auto kField, auto kReadItem>
+Expected<void> ReadList(const Key& /*key*/, std::string_view value, CameraConfig& config) {
+    auto& list = config.*kField;
+    list.clear();
+    for (;;) {
+        const size_t colon = value.find(':');
+        const auto item = kReadItem(value.substr(0, colon));
+        if (!item) {
+            return tl::make_unexpected(item.error());
         }
-        config.formats.push_back(*fourcc);
-        return true;
-    });
-}
-
-bool ReadSizes(std::string_view value, CameraConfig& config, std::string& error) {
-    config.sizes.clear();
-    return ReadList(value, [&](std::string_view part) {
-        const size_t cross = part.find('x');
-        Size size;
-        if (cross == std::string_view::npos ||
-            !ReadNumber(part.substr(0, cross), kLeastSide, kGreatestSide, size.width) ||
-            !ReadNumber(part.substr(cross + 1), kLeastSide, kGreatestSide, size.height) ||
-            size.width % 2 != 0 || size.height % 2 != 0) {
-            error = "a size is WIDTHxHEIGHT, both even and from 16 to 8192, not " + Quote(part);
-            return false;
+        list.push_back(*item);
+        if (colon == std::string_view::npos) {
+            return {};
         }
-        config.sizes.push_back(size);
-        return true;
-    });
+        value.remove_prefix(colon + 1);
+    }
 }
 
-bool ReadRates(std::string_view value, CameraConfig& config, std::string& error) {
-    config.rates.clear();
-    return ReadList(value, [&](std::string_view part) {
-        const size_t slash = part.find('/');
-        Rate rate;
-        if (!ReadNumber(part.substr(0, slash), 1U, 1000000U, rate.numerator) ||
-            (slash != std::string_view::npos &&
-             !ReadNumber(part.substr(slash + 1), 1U, 1000000U, rate.denominator)) ||
-            rate.numerator / rate.denominator > kGreatestRate) {
-            error = "a rate is N or N/D frames a second, at most 1000, not " + Quote(part);
-            return false;
-        }
-        config.rates.push_back(rate);
-        return true;
-    });
+Expected<uint32_t> ReadFormat(std::string_view text) {
+    const std::optional<uint32_t> fourcc = ParseFourcc(text);
+    return fourcc ? Expected<uint32_t>(*fourcc)
+                  : Fail("unknown format " + Quote(text) + "; there are " + FormatNames());
 }
 
-bool ReadSizePolicy(std::string_view value, CameraConfig& config, std::string& error) {
-    error = "adjust must be exact, width or nearest, not " + Quote(value);
-    config.size_policy = value == "exact"   ? SizePolicy::kExact
-                         : value == "width" ? SizePolicy::kWidth
-                                            : SizePolicy::kNearest;
-    return value == "exact" || value == "width" || value == "nearest";
+Expected<Size> ReadSize(std::string_view text) {
+    const size_t cross = text.find('x');
+    Size size;
+    if (cross == std::string_view::npos ||
+        !ParseNumber(text.substr(0, cross), kLeastSide, kGreatestSide, size.width) ||
+        !ParseNumber(text.substr(cross + 1), kLeastSide, kGreatestSide, size.height) || size.width % 2 != 0 ||
+        size.height % 2 != 0) {
+        return Fail("a size is WIDTHxHEIGHT, both even and from 16 to 8192, not " + Quote(text));
+    }
+    return size;
 }
 
-bool ReadRateSupport(std::string_view value, CameraConfig& config, std::string& error) {
-    error = "parm must be settable, fixed or none, not " + Quote(value);
-    config.rate_support = value == "settable" ? RateSupport::kSettable
-                          : value == "fixed"  ? RateSupport::kFixed
-                                              : RateSupport::kNone;
-    return value == "settable" || value == "fixed" || value == "none";
+Expected<Rate> ReadRate(std::string_view text) {
+    const size_t slash = text.find('/');
+    Rate rate;
+    if (!ParseNumber(text.substr(0, slash), 1U, 1000000U, rate.numerator) ||
+        (slash != std::string_view::npos &&
+         !ParseNumber(text.substr(slash + 1), 1U, 1000000U, rate.denominator)) ||
+        rate.numerator / rate.denominator > kGreatestRate) {
+        return Fail("a rate is N or N/D frames a second, at most 1000, not " + Quote(text));
+    }
+    return rate;
 }
 
-bool ReadPadding(std::string_view value, CameraConfig& config, std::string& error) {
-    error = "padding must be 0 to 4096 bytes, not " + Quote(value);
-    return ReadNumber(value, 0U, 4096U, config.padding);
-}
-
-bool ReadStride(std::string_view value, CameraConfig& config, std::string& error) {
-    error = "stride must be driver or asked, not " + Quote(value);
-    config.keeps_stride = value == "asked";
-    return value == "driver" || value == "asked";
-}
-
-bool ReadGrant(std::string_view value, CameraConfig& config, std::string& error) {
-    error = "buffers must be 0 to 32, not " + Quote(value);
-    uint32_t grant = 0;
-    const bool good = ReadNumber(value, 0U, kMaxBuffers, grant);
-    config.grant = grant;
-    return good;
-}
-
-bool ReadY4m(std::string_view value, CameraConfig& config, std::string& error) {
+Expected<void> ReadY4m(const Key& /*key*/, std::string_view value, CameraConfig& config) {
     config.y4m = value;
-    Y4mFile file;
-    if (!Y4mFile::ReadSize(config.y4m, file, error)) {
-        error = "y4m file " + Quote(value) + ": " + error;
-        return false;
+    if (const auto file = Y4mFile::ReadSize(config.y4m); !file) {
+        return Fail("y4m file " + Quote(value) + ": " + file.error().text);
     }
-    return true;
+    return {};
 }
 
-bool ReadFault(std::string_view value, CameraConfig& config, std::string& error) {
-    const std::optional<Fault> fault = ParseFault(value, error);
-    if (fault) {
-        config.faults.push_back(*fault);
-    }
-    return fault.has_value();
+Expected<void> ReadFault(const Key& /*key*/, std::string_view value, CameraConfig& config) {
+    return ParseFault(value).map([&config](const Fault& fault) { config.faults.push_back(fault); });
 }
 
+constexpr std::string_view kSizePolicies[] = {"exact", "width", "nearest"};
+constexpr std::string_view kRateSupports[] = {"settable", "fixed", "none"};
+constexpr std::string_view kStrides[] = {"driver", "asked"};
+
+// clang-format off
 constexpr Key kKeys[] = {
-    {"device", "N", "the camera is /dev/videoN (the next free number)", ReadDevice},
-    {"card", "NAME", "its name (Virtual Camera)", ReadCard},
-    {"bus", "TEXT", "its bus information (usb-zu-vcam-N)", ReadBus},
-    {"formats", "F:F...", "formats as listed below, in this order (NV12:YUYV)", ReadFormats},
-    {"sizes", "WxH:WxH...", "even sizes, the first is the one it starts with (640x480)", ReadSizes},
-    {"fps", "N:N/D...", "rates up to 1000, the first is the one it starts with (30)", ReadRates},
+    {"device", "N", "the camera is /dev/videoN (the next free number)",
+     ReadNumber<&CameraConfig::number, 255>, "0 to 255"},
+    {"card", "NAME", "its name (Virtual Camera)", ReadText<&CameraConfig::card>},
+    {"bus", "TEXT", "its bus information (usb-zu-vcam-N)", ReadText<&CameraConfig::bus>},
+    {"formats", "F:F...", "formats as listed below, in this order (NV12:YUYV)",
+     ReadList<&CameraConfig::formats, ReadFormat>},
+    {"sizes", "WxH:WxH...", "even sizes, the first is the one it starts with (640x480)",
+     ReadList<&CameraConfig::sizes, ReadSize>},
+    {"fps", "N:N/D...", "rates up to 1000, the first is the one it starts with (30)",
+     ReadList<&CameraConfig::rates, ReadRate>},
     {"adjust", "HABIT", "other sizes are taken (exact), judged by width alone (width), or by both (nearest)",
-     ReadSizePolicy},
+     ReadChoice<&CameraConfig::size_policy, kSizePolicies>, "exact, width or nearest"},
     {"parm", "HABIT", "the rate can be set (settable), only be read (fixed), or neither (none)",
-     ReadRateSupport},
-    {"padding", "BYTES", "added to each row of a picture (0)", ReadPadding},
+     ReadChoice<&CameraConfig::rate_support, kRateSupports>, "settable, fixed or none"},
+    {"padding", "BYTES", "added to each row of a picture (0)",
+     ReadNumber<&CameraConfig::padding, 4096U>, "0 to 4096 bytes"},
     {"stride", "HABIT", "a longer row that a program asks for is ignored (driver) or kept (asked)",
-     ReadStride},
-    {"buffers", "N", "REQBUFS grants N, whatever was asked (what was asked, 2 to 32)", ReadGrant},
+     ReadChoice<&CameraConfig::keeps_stride, kStrides>, "driver or asked"},
+    {"buffers", "N", "REQBUFS grants N, whatever was asked (what was asked, 2 to 32)",
+     ReadNumber<&CameraConfig::grant, kMaxBuffers>, "0 to 32"},
     {"y4m", "FILE", "shows this file (8 bit, 4:2:0) and has its size", ReadY4m},
     {"fault", "FAULT", "has this fault; may be given several times", ReadFault},
 };
+// clang-format on
 
 // Removes the next "key=value" from the list. A value in double quotes may hold commas.
 std::string_view TakePart(std::string_view& list) {
@@ -215,10 +191,8 @@ void CameraConfig::Complete() {
         formats = {V4L2_PIX_FMT_NV12, V4L2_PIX_FMT_YUYV};
     }
     if (!y4m.empty()) {
-        Y4mFile file;
-        std::string error;
-        if (Y4mFile::ReadSize(y4m, file, error)) {
-            sizes = {{file.width, file.height}};
+        if (const auto file = Y4mFile::ReadSize(y4m)) {
+            sizes = {{file->width, file->height}};
             size_policy = SizePolicy::kNearest;
         }
     }
@@ -230,33 +204,25 @@ void CameraConfig::Complete() {
     }
 }
 
-bool ParseCamera(std::string_view text, CameraConfig& config, std::string& error) {
+Expected<CameraConfig> ParseCamera(std::string_view text) {
+    CameraConfig config;
     while (!text.empty()) {
         const std::string_view part = TakePart(text);
         const size_t equals = part.find('=');
-        const std::string_view name = part.substr(0, equals);
         if (equals == std::string_view::npos) {
-            error = "expected KEY=VALUE, not " + Quote(part);
-            return false;
+            return Fail("expected KEY=VALUE, not " + Quote(part));
         }
-        const Key* key = nullptr;
-        for (const Key& candidate : kKeys) {
-            if (name == candidate.name) {
-                key = &candidate;
-            }
+        const std::string_view name = part.substr(0, equals);
+        const auto* key = std::ranges::find(kKeys, name, &Key::name);
+        if (key == std::end(kKeys)) {
+            return Fail("unknown key " + Quote(name));
         }
-        if (key == nullptr) {
-            error = "unknown key " + Quote(name);
-            return false;
-        }
-        std::string reason;
-        if (!key->read(Unquote(part.substr(equals + 1)), config, reason)) {
-            error = reason;
-            return false;
+        if (const auto read = key->read(*key, Unquote(part.substr(equals + 1)), config); !read) {
+            return tl::make_unexpected(read.error());
         }
     }
     config.Complete();
-    return true;
+    return config;
 }
 
 std::string DescribeOptions() {

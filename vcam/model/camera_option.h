@@ -6,12 +6,13 @@
 #include <string>
 #include <string_view>
 
+#include "common/error.h"
 #include "vcam/model/camera_config.h"
 
 namespace zumod::vcam {
 
-// On failure `error` holds the reason, in one line.
-bool ParseCamera(std::string_view text, CameraConfig& config, std::string& error);
+// An error is one line.
+Expected<CameraConfig> ParseCamera(std::string_view text);
 
 // All keys, formats and faults with their meaning: the output of --list-options.
 std::string DescribeOptions();

@@ -6,22 +6,13 @@
 namespace zumod::vcam {
 namespace {
 
-CameraConfig Parse(const std::string& text) {
-    CameraConfig config;
-    std::string error;
-    EXPECT_TRUE(ParseCamera(text, config, error)) << error;
-    return config;
-}
-
 std::string ErrorOf(const std::string& text) {
-    CameraConfig config;
-    std::string error;
-    EXPECT_FALSE(ParseCamera(text, config, error)) << text;
-    return error;
+    const auto config = ParseCamera(text);
+    return config ? "no error" : config.error().text;
 }
 
 TEST(CameraOption, FillsInDefaults) {
-    const CameraConfig config = Parse("");
+    const CameraConfig config = ParseCamera("").value();
     EXPECT_EQ(config.number, -1);
     EXPECT_EQ(config.card, "Virtual Camera");
     EXPECT_EQ(config.formats, (std::vector<uint32_t>{V4L2_PIX_FMT_NV12, V4L2_PIX_FMT_YUYV}));
@@ -31,10 +22,12 @@ TEST(CameraOption, FillsInDefaults) {
 }
 
 TEST(CameraOption, ReadsEveryKey) {
-    const CameraConfig config = Parse(
-        "device=5,card=Front Camera,bus=pci-1,formats=MJPG:BGR4,sizes=642x480:1280x720,"
-        "fps=30000/1001:15,adjust=width,parm=fixed,padding=64,stride=asked,buffers=8,"
-        "fault=unplug/30,fault=drop/3/2");
+    const CameraConfig config =
+        ParseCamera(
+            "device=5,card=Front Camera,bus=pci-1,formats=MJPG:BGR4,sizes=642x480:1280x720,"
+            "fps=30000/1001:15,adjust=width,parm=fixed,padding=64,stride=asked,buffers=8,"
+            "fault=unplug/30,fault=drop/3/2")
+            .value();
     EXPECT_EQ(config.number, 5);
     EXPECT_EQ(config.card, "Front Camera");
     EXPECT_EQ(config.bus, "pci-1");
@@ -46,11 +39,12 @@ TEST(CameraOption, ReadsEveryKey) {
     EXPECT_EQ(config.padding, 64U);
     EXPECT_TRUE(config.keeps_stride);
     EXPECT_EQ(config.grant, 8U);
-    EXPECT_EQ(config.faults, (std::vector<Fault>{faults::Unplug(30), faults::Drop(3, 2)}));
+    EXPECT_EQ(config.faults,
+              (std::vector<Fault>{ParseFault("unplug/30").value(), ParseFault("drop/3/2").value()}));
 }
 
 TEST(CameraOption, KeepsCommasInQuotes) {
-    const CameraConfig config = Parse("card=\"Left, upper\",fps=25");
+    const CameraConfig config = ParseCamera("card=\"Left, upper\",fps=25").value();
     EXPECT_EQ(config.card, "Left, upper");
     EXPECT_EQ(config.rates[0].numerator, 25U);
 }

@@ -4,15 +4,14 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
+#include <random>
+#include <set>
 #include <sstream>
 
-#include "common/error.h"
 #include "common/unix_socket.h"
 #include "vcam/preload/addresses.h"
 
@@ -23,37 +22,28 @@ constexpr size_t kBoardsSize = sizeof(CameraBoard) * kMaxCameras;
 constexpr size_t kMaxPayload = sizeof(v4l2_ext_controls) + kMaxExtControls * sizeof(v4l2_ext_control);
 
 std::string NewName() {
-    uint64_t number = 0;
-    if (getrandom(&number, sizeof number, 0) != sizeof number) {
-        number = static_cast<uint64_t>(getpid());
-    }
-    char text[kServerNameSize];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(number));
-    return text;
+    std::random_device random;
+    return std::to_string(random()) + "." + std::to_string(random());
 }
 
-// Assigns a number to each camera that has none. Returns false if two have the same.
-bool AssignNumbers(std::vector<CameraConfig>& configs, std::string& error) {
-    std::vector<int> taken;
+// Assigns a number to each camera that has none.
+Expected<void> AssignNumbers(std::vector<CameraConfig>& configs) {
+    std::set<int> taken;
     for (const CameraConfig& config : configs) {
-        if (config.number >= 0) {
-            if (std::find(taken.begin(), taken.end(), config.number) != taken.end()) {
-                error = "two cameras have device=" + std::to_string(config.number);
-                return false;
-            }
-            taken.push_back(config.number);
+        if (config.number >= 0 && !taken.insert(config.number).second) {
+            return Fail("two cameras have device=" + std::to_string(config.number));
         }
     }
     int next = 0;
     for (CameraConfig& config : configs) {
         if (config.number < 0) {
-            while (std::find(taken.begin(), taken.end(), next) != taken.end()) {
+            while (taken.count(next) != 0) {
                 ++next;
             }
             config.number = next++;
         }
     }
-    return true;
+    return {};
 }
 
 bool IsSameUser(int connection) {
@@ -92,23 +82,20 @@ std::string StatusText(const CameraStatus& status) {
 
 }  // namespace
 
-std::unique_ptr<CameraServer> CameraServer::Start(std::vector<CameraConfig> configs, std::string& error,
-                                                  std::string name) {
+Expected<std::unique_ptr<CameraServer>> CameraServer::Start(std::vector<CameraConfig> configs,
+                                                            std::string name) {
     if (configs.size() > kMaxCameras) {
-        error = "at most " + std::to_string(kMaxCameras) + " cameras are possible";
-        return nullptr;
+        return Fail("at most " + std::to_string(kMaxCameras) + " cameras are possible");
     }
     if (name.size() >= kServerNameSize) {
-        error = "a name has at most " + std::to_string(kServerNameSize - 1) + " characters";
-        return nullptr;
+        return Fail("a name has at most " + std::to_string(kServerNameSize - 1) + " characters");
     }
-    if (!AssignNumbers(configs, error)) {
-        return nullptr;
+    if (const auto assigned = AssignNumbers(configs); !assigned) {
+        return tl::make_unexpected(assigned.error());
     }
     std::unique_ptr<CameraServer> server(new CameraServer(name.empty() ? NewName() : std::move(name)));
     if (!server->MakeBoards() || !server->Listen()) {
-        error = "cannot serve cameras: " + ErrnoText(errno);
-        return nullptr;
+        return Fail("cannot serve cameras: " + ErrnoText(errno));
     }
     for (CameraConfig& config : configs) {
         const auto slot = static_cast<unsigned>(server->m_cameras.size());
@@ -185,7 +172,7 @@ void CameraServer::Loop() {
     }
 }
 
-bool CameraServer::ServeConnection(int connection) {
+void CameraServer::ServeConnection(int connection) {
     Request request{};
     std::vector<uint8_t> payload(kMaxPayload);
     iovec parts[2] = {{&request, sizeof request}, {payload.data(), payload.size()}};
@@ -195,14 +182,13 @@ bool CameraServer::ServeConnection(int connection) {
     const ssize_t received = recvmsg(connection, &message, MSG_DONTWAIT);
     if (received < static_cast<ssize_t>(sizeof request) || request.magic != kWireMagic ||
         request.version != kWireVersion || !IsSameUser(connection)) {
-        return false;
+        return;
     }
     payload.resize(static_cast<size_t>(received) - sizeof request);
     UniqueFd descriptor;
     Reply reply = Answer(request, payload, descriptor);
     reply.size = static_cast<uint32_t>(payload.size());
     SendReply(connection, reply, payload, descriptor.Get());
-    return true;
 }
 
 Reply CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor) {
@@ -230,10 +216,10 @@ Reply CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload
             reply.error = descriptor ? 0 : errno;
             return reply;
         case Operation::kControl: {
-            std::string answer;
-            const bool good = Control(std::string(payload.begin(), payload.end()), answer);
-            reply.error = good ? 0 : EINVAL;
-            payload.assign(answer.begin(), answer.end());
+            const auto answer = Control(std::string(payload.begin(), payload.end()));
+            const std::string& text = answer ? *answer : answer.error().text;
+            reply.error = answer ? 0 : EINVAL;
+            payload.assign(text.begin(), text.end());
             return reply;
         }
         default:
@@ -276,29 +262,26 @@ bool CameraServer::WasVirtual(int number) const {
     return std::find(m_numbers.begin(), m_numbers.end(), number) != m_numbers.end();
 }
 
-bool CameraServer::Control(const std::string& line, std::string& answer) {
+Expected<std::string> CameraServer::Control(const std::string& line) {
     std::istringstream words(line);
     size_t index = 0;
     std::string verb;
     if (!(words >> index >> verb) || index >= m_cameras.size()) {
-        answer =
-            "expected the number of a camera, counted from 0 in the order they were given, and a command";
-        return false;
+        return Fail(
+            "expected the number of a camera, counted from 0 in the order they were given, and a command");
     }
     Camera& camera = *m_cameras[index];
     if (verb == "status") {
-        answer = StatusText(camera.Status());
-        return true;
+        return StatusText(camera.Status());
     }
     if (verb == "clear") {
         camera.ClearFaults();
-        return true;
+        return {};
     }
-    const std::optional<Fault> fault = ParseFault(verb, answer);
-    if (fault) {
-        camera.Inject(*fault);
-    }
-    return fault.has_value();
+    return ParseFault(verb).map([&camera](const Fault& fault) {
+        camera.Inject(fault);
+        return std::string();
+    });
 }
 
 }  // namespace zumod::vcam

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/error.h"
 #include "common/unique_fd.h"
 #include "vcam/model/camera.h"
 
@@ -16,10 +17,9 @@ namespace zumod::vcam {
 
 class CameraServer {
 public:
-    // Returns null if it cannot start; `error` then holds the reason, in one line. An empty name: a random
-    // one.
-    static std::unique_ptr<CameraServer> Start(std::vector<CameraConfig> configs, std::string& error,
-                                               std::string name = {});
+    // An error is one line. An empty name: a random one.
+    static Expected<std::unique_ptr<CameraServer>> Start(std::vector<CameraConfig> configs,
+                                                         std::string name = {});
     CameraServer(const CameraServer&) = delete;
     CameraServer& operator=(const CameraServer&) = delete;
     ~CameraServer();
@@ -30,16 +30,15 @@ public:
     Camera& At(size_t index) { return *m_cameras.at(index); }
     size_t Count() const { return m_cameras.size(); }
 
-    // Carries out a line for one camera, such as "0 unplug" or "1 status". Returns false, with the reason in
-    // `answer`, if the line is malformed.
-    bool Control(const std::string& line, std::string& answer);
+    // Carries out a line for one camera, such as "0 unplug" or "1 status", and returns the camera's answer.
+    Expected<std::string> Control(const std::string& line);
 
 private:
     explicit CameraServer(std::string name) : m_name(std::move(name)) {}
     bool MakeBoards();
     bool Listen();
     void Loop();
-    bool ServeConnection(int connection);
+    void ServeConnection(int connection);
     Reply Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor);
     Reply Open(const Request& request, UniqueFd& descriptor);
     Camera* FindNumber(int number);

@@ -10,10 +10,7 @@ namespace {
 FaultSet Set(std::initializer_list<const char*> texts) {
     FaultSet set;
     for (const char* text : texts) {
-        std::string error;
-        const std::optional<Fault> fault = ParseFault(text, error);
-        EXPECT_TRUE(fault) << error;
-        set.Add(fault.value_or(Fault{}));
+        set.Add(ParseFault(text).value());
     }
     return set;
 }

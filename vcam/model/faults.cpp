@@ -5,14 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <stdexcept>
 #include <vector>
 
 namespace zumod::vcam {
 namespace {
 
 struct NamedNumber {
-    const char* name;
+    std::string_view name;
     uint64_t number;
 };
 
@@ -159,8 +158,7 @@ std::vector<std::string_view> Split(std::string_view text) {
 }
 
 bool ReadName(std::string_view text, std::span<const NamedNumber> names, uint64_t& number) {
-    const auto found = std::find_if(names.begin(), names.end(),
-                                    [text](const NamedNumber& entry) { return text == entry.name; });
+    const auto found = std::ranges::find(names, text, &NamedNumber::name);
     if (found == names.end()) {
         return false;
     }
@@ -205,14 +203,12 @@ std::string ArgumentsText(const FaultRow& row) {
     return text;
 }
 
-std::optional<Fault> ParseFault(std::string_view text, std::string& error) {
+Expected<Fault> ParseFault(std::string_view text) {
     const std::vector<std::string_view> parts = Split(text);
     const std::string name(parts[0]);
-    const auto* row = std::find_if(std::begin(kRows), std::end(kRows),
-                                   [&name](const FaultRow& candidate) { return candidate.name == name; });
+    const auto* row = std::ranges::find(kRows, name, &FaultRow::name);
     if (row == std::end(kRows)) {
-        error = "unknown fault \"" + name + "\"";
-        return std::nullopt;
+        return Fail("unknown fault \"" + name + "\"");
     }
     Fault fault = row->defaults;
     size_t next = 1;
@@ -223,32 +219,15 @@ std::optional<Fault> ParseFault(std::string_view text, std::string& error) {
         if (next < parts.size() && ReadArgument(argument, parts[next], fault)) {
             ++next;
         } else if (argument.field == &Fault::request || argument.field == &Fault::error) {
-            error = "fault errno needs a known request and a known error, as in errno/DQBUF/EIO";
-            return std::nullopt;
+            return Fail("fault errno needs a known request and a known error, as in errno/DQBUF/EIO");
         } else if (next < parts.size()) {
-            error = "fault " + name + ": \"" + std::string(parts[next]) + "\" is not a number";
-            return std::nullopt;
+            return Fail("fault " + name + ": \"" + std::string(parts[next]) + "\" is not a number");
         } else if (argument.required) {
-            error = "fault " + name + " needs " + ArgumentsText(*row);
-            return std::nullopt;
+            return Fail("fault " + name + " needs " + ArgumentsText(*row));
         }
     }
     if (next < parts.size()) {
-        error = "fault " + name + " takes no \"" + std::string(parts[next]) + "\"";
-        return std::nullopt;
-    }
-    return fault;
-}
-
-Fault MakeFault(FaultKind kind, std::initializer_list<uint64_t> arguments) {
-    const FaultRow& row = RowOf(kind);
-    Fault fault = row.defaults;
-    const FaultArgument* argument = row.arguments;
-    for (const uint64_t value : arguments) {
-        if (argument == std::end(row.arguments) || argument->name == nullptr) {
-            throw std::invalid_argument(std::string("fault ") + row.name + " takes fewer arguments");
-        }
-        fault.*(argument++)->field = value;
+        return Fail("fault " + name + " takes no \"" + std::string(parts[next]) + "\"");
     }
     return fault;
 }

@@ -4,13 +4,12 @@
 // Thread rule: values and pure functions; any thread.
 #pragma once
 
-#include <concepts>
 #include <cstdint>
-#include <initializer_list>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "common/error.h"
 
 namespace zumod::vcam {
 
@@ -93,72 +92,7 @@ const FaultRow& RowOf(FaultKind kind);
 // The arguments as shown to a user: "FIRST/COUNT".
 std::string ArgumentsText(const FaultRow& row);
 
-// "errno/DQBUF/EIO/3" to a fault. On failure `error` says in one line what is wrong.
-std::optional<Fault> ParseFault(std::string_view text, std::string& error);
-// The same with numbers for all arguments, in the row's order. Throws std::invalid_argument for too many.
-Fault MakeFault(FaultKind kind, std::initializer_list<uint64_t> arguments);
+// "errno/DQBUF/EIO/3" to a fault. An error is one line.
+Expected<Fault> ParseFault(std::string_view text);
 
-// Shorthands for tests. Arguments as on the command line; any may be left out from the right.
-namespace faults {
-
-constexpr uint64_t Number(std::integral auto number) {
-    return static_cast<uint64_t>(number);
-}
-
-inline Fault Unplug(std::integral auto... frame) {
-    return MakeFault(FaultKind::kUnplug, {Number(frame)...});
-}
-inline Fault Replug(std::integral auto... ms) {
-    return MakeFault(FaultKind::kReplug, {Number(ms)...});
-}
-inline Fault ReplugAs(std::integral auto... number_ms) {
-    return MakeFault(FaultKind::kReplugAs, {Number(number_ms)...});
-}
-inline Fault Errno(std::integral auto... request_error_first_count) {
-    return MakeFault(FaultKind::kErrno, {Number(request_error_first_count)...});
-}
-inline Fault OpenBusy(std::integral auto... count) {
-    return MakeFault(FaultKind::kOpenBusy, {Number(count)...});
-}
-inline Fault FormatBusy(std::integral auto... count) {
-    return MakeFault(FaultKind::kFormatBusy, {Number(count)...});
-}
-inline Fault BuffersBusy(std::integral auto... count) {
-    return MakeFault(FaultKind::kBuffersBusy, {Number(count)...});
-}
-inline Fault StreamBusy(std::integral auto... count) {
-    return MakeFault(FaultKind::kStreamBusy, {Number(count)...});
-}
-inline Fault EintrStorm(std::integral auto... count) {
-    return MakeFault(FaultKind::kEintrStorm, {Number(count)...});
-}
-inline Fault EagainStorm(std::integral auto... count) {
-    return MakeFault(FaultKind::kEagainStorm, {Number(count)...});
-}
-inline Fault Short(std::integral auto... first_count_percent) {
-    return MakeFault(FaultKind::kShort, {Number(first_count_percent)...});
-}
-inline Fault Zero(std::integral auto... first_count) {
-    return MakeFault(FaultKind::kZero, {Number(first_count)...});
-}
-inline Fault ErrorFlag(std::integral auto... first_count) {
-    return MakeFault(FaultKind::kErrorFlag, {Number(first_count)...});
-}
-inline Fault BadIndex(std::integral auto... first_count_index) {
-    return MakeFault(FaultKind::kBadIndex, {Number(first_count_index)...});
-}
-inline Fault Stall(std::integral auto... ms_frame) {
-    return MakeFault(FaultKind::kStall, {Number(ms_frame)...});
-}
-inline Fault Drop(std::integral auto... first_count) {
-    return MakeFault(FaultKind::kDrop, {Number(first_count)...});
-}
-inline Fault Grant(std::integral auto... buffers) {
-    return MakeFault(FaultKind::kGrant, {Number(buffers)...});
-}
-inline Fault SlowOpen(std::integral auto... ms) {
-    return MakeFault(FaultKind::kSlowOpen, {Number(ms)...});
-}
-
-}  // namespace faults
 }  // namespace zumod::vcam

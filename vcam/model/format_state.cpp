@@ -10,10 +10,10 @@
 namespace zumod::vcam {
 namespace {
 
+// Writes into a field that is all zero.
 template <size_t kSize>
-void PutText(uint8_t (&to)[kSize], const std::string& from) {
-    std::fill(std::begin(to), std::end(to), uint8_t{0});
-    std::copy_n(from.begin(), std::min(from.size(), kSize - 1), to);
+void PutText(uint8_t (&to)[kSize], std::string_view from) {
+    from.copy(reinterpret_cast<char*>(to), kSize - 1);
 }
 
 uint32_t EvenSide(uint32_t side) {
@@ -55,9 +55,8 @@ FormatState::FormatState(CameraConfig config, const FaultSet& faults)
       }()),
       m_faults(faults),
       m_rate(m_config.rates[0]) {
-    std::string error;
-    if (!m_config.y4m.empty() && !Y4mFile::Read(m_config.y4m, m_y4m, error)) {
-        m_y4m.frames.clear();
+    if (!m_config.y4m.empty()) {
+        m_y4m = Y4mFile::Read(m_config.y4m).value_or(Y4mFile{});
     }
     v4l2_pix_format first{};
     first.width = m_config.sizes[0].width;

@@ -139,7 +139,7 @@ TEST_F(FrameThreadTest, CountsFramesFromZeroInEachStream) {
 }
 
 TEST_F(FrameThreadTest, DropsAndEmptiesTheFramesThatAFaultSays) {
-    m_faults.Add(faults::Drop(0));
+    m_faults.Add(ParseFault("drop/0").value());
     m_faults.Add({.kind = FaultKind::kReadableEmpty, .first = 1});
     Start();
     EXPECT_EQ(Step(10), Next::kStep);
@@ -163,14 +163,14 @@ TEST_F(FrameThreadTest, FailsTheStreamBeforeItsFrame) {
 }
 
 TEST_F(FrameThreadTest, AsksToBeUnpluggedBeforeItsFrame) {
-    m_faults.Add(faults::Unplug(1));
+    m_faults.Add(ParseFault("unplug/1").value());
     Start();
     FrameAt(10);
     EXPECT_EQ(Step(20), Next::kUnplug);
 }
 
 TEST_F(FrameThreadTest, StallsAndGoesOnWithTheFrameThatIsDueThen) {
-    m_faults.Add(faults::Stall(100, 1));
+    m_faults.Add(ParseFault("stall/100/1").value());
     Start();
     FrameAt(10);
     EXPECT_EQ(Step(15), Next::kSleep);
@@ -184,7 +184,7 @@ TEST_F(FrameThreadTest, StallsAndGoesOnWithTheFrameThatIsDueThen) {
 }
 
 TEST_F(FrameThreadTest, ForgetsAStallWhenTheNextStreamBegins) {
-    m_faults.Add(faults::Stall(1000));
+    m_faults.Add(ParseFault("stall/1000").value());
     Start();
     ASSERT_EQ(Step(0), Next::kSleep);
     m_frames.BeginStream(kStart);

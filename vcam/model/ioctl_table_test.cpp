@@ -146,7 +146,7 @@ TEST_F(IoctlTable, KeepsSettingFromAFileOfLowerPriority) {
 }
 
 TEST_F(IoctlTable, LetsAFaultFailARequest) {
-    m_parts.faults.Add(faults::Errno(VIDIOC_QUERYCAP, EIO));
+    m_parts.faults.Add(ParseFault("errno/QUERYCAP/EIO").value());
     Payload payload(sizeof(v4l2_capability));
     EXPECT_EQ(Ask(VIDIOC_QUERYCAP, payload), EIO);
     EXPECT_EQ(Ask(VIDIOC_QUERYCAP, payload), 0);

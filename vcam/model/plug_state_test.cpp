@@ -21,7 +21,7 @@ TEST(PlugState, IsPresentUntilItIsUnplugged) {
 TEST(PlugState, ComesBackUnderItsNumberWhenTheTimeHasCome) {
     PlugState plug(3);
     plug.Unplug();
-    plug.Plan(faults::Replug(250), kStart);
+    plug.Plan(ParseFault("replug/250").value(), kStart);
     EXPECT_FALSE(plug.IsPresent(kStart + milliseconds(249)));
     EXPECT_TRUE(plug.IsPresent(kStart + milliseconds(250)));
     EXPECT_EQ(plug.Number(), 3);
@@ -30,7 +30,7 @@ TEST(PlugState, ComesBackUnderItsNumberWhenTheTimeHasCome) {
 TEST(PlugState, ComesBackUnderAnotherNumberAndKeepsTheOldOneUntilThen) {
     PlugState plug(3);
     plug.Unplug();
-    plug.Plan(faults::ReplugAs(7, 10), kStart);
+    plug.Plan(ParseFault("replug-as/7/10").value(), kStart);
     EXPECT_FALSE(plug.IsPresent(kStart));
     EXPECT_EQ(plug.Number(), 3);
     EXPECT_TRUE(plug.IsPresent(kStart + milliseconds(10)));
@@ -40,8 +40,8 @@ TEST(PlugState, ComesBackUnderAnotherNumberAndKeepsTheOldOneUntilThen) {
 TEST(PlugState, FollowsTheLatestPlan) {
     PlugState plug(3);
     plug.Unplug();
-    plug.Plan(faults::ReplugAs(7, 10), kStart);
-    plug.Plan(faults::ReplugAs(8, 20), kStart);
+    plug.Plan(ParseFault("replug-as/7/10").value(), kStart);
+    plug.Plan(ParseFault("replug-as/8/20").value(), kStart);
     EXPECT_FALSE(plug.IsPresent(kStart + milliseconds(10)));
     EXPECT_TRUE(plug.IsPresent(kStart + milliseconds(20)));
     EXPECT_EQ(plug.Number(), 8);
@@ -50,7 +50,7 @@ TEST(PlugState, FollowsTheLatestPlan) {
 TEST(PlugState, CarriesOutAPlanOnce) {
     PlugState plug(3);
     plug.Unplug();
-    plug.Plan(faults::Replug(), kStart);
+    plug.Plan(ParseFault("replug").value(), kStart);
     EXPECT_TRUE(plug.IsPresent(kStart));
     plug.Unplug();
     EXPECT_FALSE(plug.IsPresent(kStart + milliseconds(1)));

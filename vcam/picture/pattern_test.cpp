@@ -178,14 +178,17 @@ protected:
         }
     }
 
+    std::string Error() const {
+        const auto file = Y4mFile::Read(m_path);
+        return file ? "no error" : file.error().text;
+    }
+
     std::string m_path;
 };
 
 TEST_F(Y4m, ShowsItsFramesInALoop) {
     Write("YUV4MPEG2 W32 H16 F30:1 C420jpeg", 3);
-    Y4mFile file;
-    std::string error;
-    ASSERT_TRUE(Y4mFile::Read(m_path, file, error)) << error;
+    const Y4mFile file = Y4mFile::Read(m_path).value();
     const PictureLayout layout = LayOut(V4L2_PIX_FMT_NV12, kWidth, kHeight);
     const Y4mSource source(layout, file);
     for (uint32_t counter = 0; counter < 7; ++counter) {
@@ -196,9 +199,7 @@ TEST_F(Y4m, ShowsItsFramesInALoop) {
 
 TEST_F(Y4m, IsCompressedForMotionJpeg) {
     Write("YUV4MPEG2 W32 H16 F30:1", 1);
-    Y4mFile file;
-    std::string error;
-    ASSERT_TRUE(Y4mFile::Read(m_path, file, error)) << error;
+    const Y4mFile file = Y4mFile::Read(m_path).value();
     const PictureLayout layout = LayOut(V4L2_PIX_FMT_MJPEG, kWidth, kHeight);
     const auto luma = DecodeLuma(Paint(Y4mSource(layout, file), layout, {}), kWidth, kHeight);
     ASSERT_EQ(luma.size(), size_t{kWidth} * kHeight);
@@ -207,34 +208,22 @@ TEST_F(Y4m, IsCompressedForMotionJpeg) {
 
 TEST_F(Y4m, IsRefusedWhenItEndsWithinAFrame) {
     Write("YUV4MPEG2 W32 H16 F30:1", 2, 1);
-    Y4mFile file;
-    std::string error;
-    EXPECT_FALSE(Y4mFile::Read(m_path, file, error));
-    EXPECT_EQ(error, "ends within a frame");
+    EXPECT_EQ(Error(), "ends within a frame");
 }
 
 TEST_F(Y4m, IsRefusedInAnotherChromaFormat) {
     Write("YUV4MPEG2 W32 H16 F30:1 C444", 1);
-    Y4mFile file;
-    std::string error;
-    EXPECT_FALSE(Y4mFile::Read(m_path, file, error));
-    EXPECT_EQ(error, "only 8-bit 4:2:0 pictures are supported, this is 444");
+    EXPECT_EQ(Error(), "only 8-bit 4:2:0 pictures are supported, this is 444");
 }
 
 TEST_F(Y4m, IsRefusedWithoutASize) {
     Write("YUV4MPEG2 F30:1", 1);
-    Y4mFile file;
-    std::string error;
-    EXPECT_FALSE(Y4mFile::Read(m_path, file, error));
-    EXPECT_EQ(error, "no size, or one that is not even");
+    EXPECT_EQ(Error(), "no size, or one that is not even");
 }
 
 TEST_F(Y4m, IsRefusedIfItIsAnotherKindOfFile) {
     Write("RIFF", 0);
-    Y4mFile file;
-    std::string error;
-    EXPECT_FALSE(Y4mFile::Read(m_path, file, error));
-    EXPECT_EQ(error, "not a Y4M file");
+    EXPECT_EQ(Error(), "not a Y4M file");
 }
 
 }  // namespace

@@ -19,13 +19,16 @@ bool ReadNumber(const std::string& field, unsigned& number) {
     return result.ec == std::errc() && result.ptr == end;
 }
 
-bool ReadHeader(std::istream& in, Y4mFile& file, std::string& error) {
+Expected<Y4mFile> ReadHeader(std::istream& in) {
+    if (!in) {
+        return Fail("cannot be opened");
+    }
     std::string line;
     std::string field;
-    if (!std::getline(in, line) || line.rfind("YUV4MPEG2", 0) != 0) {
-        error = "not a Y4M file";
-        return false;
+    if (!std::getline(in, line) || !line.starts_with("YUV4MPEG2")) {
+        return Fail("not a Y4M file");
     }
+    Y4mFile file;
     std::istringstream fields(line);
     fields >> field;
     std::string chroma = "420";
@@ -40,14 +43,12 @@ bool ReadHeader(std::istream& in, Y4mFile& file, std::string& error) {
     }
     if (file.width == 0 || file.height == 0 || file.width > kMaxSide || file.height > kMaxSide ||
         file.width % 2 != 0 || file.height % 2 != 0) {
-        error = "no size, or one that is not even";
-        return false;
+        return Fail("no size, or one that is not even");
     }
-    if (chroma.rfind("420", 0) != 0 || chroma.find("p1") != std::string::npos) {
-        error = "only 8-bit 4:2:0 pictures are supported, this is " + chroma;
-        return false;
+    if (!chroma.starts_with("420") || chroma.find("p1") != std::string::npos) {
+        return Fail("only 8-bit 4:2:0 pictures are supported, this is " + chroma);
     }
-    return true;
+    return file;
 }
 
 bool ReadPlane(std::istream& in, std::vector<uint8_t>& plane) {
@@ -58,46 +59,34 @@ bool ReadPlane(std::istream& in, std::vector<uint8_t>& plane) {
 
 }  // namespace
 
-bool Y4mFile::ReadSize(const std::string& path, Y4mFile& file, std::string& error) {
+Expected<Y4mFile> Y4mFile::ReadSize(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        error = "cannot be opened";
-        return false;
-    }
-    return ReadHeader(in, file, error);
+    return ReadHeader(in);
 }
 
-bool Y4mFile::Read(const std::string& path, Y4mFile& file, std::string& error) {
+Expected<Y4mFile> Y4mFile::Read(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        error = "cannot be opened";
-        return false;
-    }
-    if (!ReadHeader(in, file, error)) {
-        return false;
+    auto file = ReadHeader(in);
+    if (!file) {
+        return file;
     }
     std::string line;
     while (std::getline(in, line)) {
-        if (line.rfind("FRAME", 0) != 0) {
-            error = "no frame where one should begin";
-            return false;
+        if (!line.starts_with("FRAME")) {
+            return Fail("no frame where one should begin");
         }
-        PlanarImage image(file.width, file.height);
+        PlanarImage& image = file->frames.emplace_back(file->width, file->height);
         if (!ReadPlane(in, image.y) || !ReadPlane(in, image.u) || !ReadPlane(in, image.v)) {
-            error = "ends within a frame";
-            return false;
+            return Fail("ends within a frame");
         }
-        file.frames.push_back(std::move(image));
-        if (file.frames.size() * file.width * file.height * 3 / 2 > kMaxBytes) {
-            error = "holds more than a gigabyte of pictures";
-            return false;
+        if (file->frames.size() * file->width * file->height * 3 / 2 > kMaxBytes) {
+            return Fail("holds more than a gigabyte of pictures");
         }
     }
-    if (file.frames.empty()) {
-        error = "holds no frame";
-        return false;
+    if (file->frames.empty()) {
+        return Fail("holds no frame");
     }
-    return true;
+    return file;
 }
 
 Y4mSource::Y4mSource(const PictureLayout& layout, const Y4mFile& file) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "common/error.h"
 #include "vcam/picture/frame_source.h"
 #include "vcam/picture/planar_image.h"
 
@@ -16,10 +17,10 @@ struct Y4mFile {
     unsigned height = 0;
     std::vector<PlanarImage> frames;
 
-    // On failure `error` holds the reason, in a few words.
-    static bool Read(const std::string& path, Y4mFile& file, std::string& error);
-    // Reads only the size, from the file's header.
-    static bool ReadSize(const std::string& path, Y4mFile& file, std::string& error);
+    // Each returns an error of a few words.
+    static Expected<Y4mFile> Read(const std::string& path);
+    // Reads the file's header only, so there are no frames.
+    static Expected<Y4mFile> ReadSize(const std::string& path);
 };
 
 class Y4mSource final : public FrameSource {

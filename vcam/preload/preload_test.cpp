@@ -246,7 +246,7 @@ TEST(Preload, ListsTheNodesInDev) {
     ASSERT_EQ(found.gl_pathc, 2U);
     EXPECT_STREQ(found.gl_pathv[1], "/dev/video12");
     globfree(&found);
-    cameras.At(0).Inject(faults::Unplug());
+    cameras.At(0).Inject(ParseFault("unplug").value());
     EXPECT_EQ(NodesByReaddir(), (std::set<std::string>{"video12"}));
 }
 
@@ -376,7 +376,7 @@ TEST(Preload, ServesManyThreadsAtOnce) {
 TEST(Preload, ShowsAnUnpluggedCameraAsADriverDoes) {
     PreloadedCameras cameras{"sizes=64x64"};
     const Stream stream;
-    cameras.At(0).Inject(faults::Unplug());
+    cameras.At(0).Inject(ParseFault("unplug").value());
     pollfd state{stream.Descriptor(), POLLIN, 0};
     ASSERT_EQ(poll(&state, 1, 20000), 1);
     EXPECT_EQ(state.revents & (POLLERR | POLLHUP), POLLERR | POLLHUP);
@@ -393,8 +393,8 @@ TEST(Preload, ShowsAnUnpluggedCameraAsADriverDoes) {
 
 TEST(Preload, FindsARepluggedCameraUnderItsNewNumber) {
     PreloadedCameras cameras{"card=Back"};
-    cameras.At(0).Inject(faults::Unplug());
-    cameras.At(0).Inject(faults::ReplugAs(3));
+    cameras.At(0).Inject(ParseFault("unplug").value());
+    cameras.At(0).Inject(ParseFault("replug-as/3").value());
     EXPECT_EQ(open("/dev/video0", O_RDWR), -1);
     const int fd = open("/dev/video3", O_RDWR);
     EXPECT_EQ(CardOf(fd), "Back");
@@ -445,29 +445,26 @@ TEST(Preload, ReportsNoDeviceAfterTheEndOfItsServer) {
 TEST(CameraServer, RefusesTwoCamerasWithOneNumber) {
     std::vector<CameraConfig> configs(2);
     configs[0].number = configs[1].number = 3;
-    std::string error;
-    EXPECT_EQ(CameraServer::Start(configs, error), nullptr);
-    EXPECT_EQ(error, "two cameras have device=3");
+    const auto server = CameraServer::Start(configs);
+    ASSERT_FALSE(server);
+    EXPECT_EQ(server.error().text, "two cameras have device=3");
 }
 
 TEST(CameraServer, NumbersACameraWithoutANumberByTheNextFreeOne) {
     std::vector<CameraConfig> configs(3);
     configs[1].number = 0;
-    std::string error;
-    const auto server = CameraServer::Start(configs, error);
-    ASSERT_NE(server, nullptr) << error;
+    const auto server = CameraServer::Start(configs).value();
     EXPECT_EQ(server->At(0).Number(), 1);
     EXPECT_EQ(server->At(1).Number(), 0);
     EXPECT_EQ(server->At(2).Number(), 2);
 }
 
 TEST(CameraServer, RefusesANameThatIsTaken) {
-    std::string error;
     const std::string name = "taken." + std::to_string(getpid());
-    const auto first = CameraServer::Start({CameraConfig()}, error, name);
-    ASSERT_NE(first, nullptr) << error;
-    EXPECT_EQ(CameraServer::Start({CameraConfig()}, error, name), nullptr);
-    EXPECT_EQ(error, "cannot serve cameras: Address already in use");
+    const auto first = CameraServer::Start({CameraConfig()}, name).value();
+    const auto second = CameraServer::Start({CameraConfig()}, name);
+    ASSERT_FALSE(second);
+    EXPECT_EQ(second.error().text, "cannot serve cameras: Address already in use");
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -22,16 +21,10 @@ public:
     // One string of options per camera, as in --camera.
     explicit PreloadedCameras(std::initializer_list<const char*> cameras) {
         std::vector<CameraConfig> configs;
-        std::string error;
         for (const char* options : cameras) {
-            if (!ParseCamera(options, configs.emplace_back(), error)) {
-                throw std::invalid_argument(error);
-            }
+            configs.push_back(ParseCamera(options).value());
         }
-        m_server = CameraServer::Start(std::move(configs), error);
-        if (!m_server) {
-            throw std::runtime_error(error);
-        }
+        m_server = CameraServer::Start(std::move(configs)).value();
         setenv(kServerVariable, m_server->Name().c_str(), 1);
     }
     PreloadedCameras(const PreloadedCameras&) = delete;

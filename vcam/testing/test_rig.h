@@ -22,11 +22,7 @@
 namespace zumod::vcam {
 
 inline CameraConfig Configure(const std::string& options) {
-    CameraConfig config;
-    std::string error;
-    if (!ParseCamera(options, config, error)) {
-        ADD_FAILURE() << error;
-    }
+    CameraConfig config = ParseCamera(options).value();
     if (config.number < 0) {
         config.number = 0;
     }
@@ -42,6 +38,7 @@ public:
     ~TestRig() { Unmap(); }
 
     Camera& Device() { return m_camera; }
+    void Inject(const char* fault) { m_camera.Inject(ParseFault(fault).value()); }
     ModelFile& File() { return *m_file; }
     CameraBoard& Board() { return m_board; }
 
