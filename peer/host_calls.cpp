@@ -1,7 +1,6 @@
 #include "peer/host_calls.h"
 
 #include <algorithm>
-#include <functional>
 
 #include "common/safe_text.h"
 #include "zumod/camera_channel.h"
@@ -28,50 +27,22 @@ FormatRequest Format(uint32_t id, PictureSize size, int fps) {
     return {id, static_cast<int32_t>(size.width), static_cast<int32_t>(size.height), fps};
 }
 
-// Frames that arrive before the answer to the request that they belong to.
-class EarlyFrames {
-public:
-    // Returns false if there are too many.
-    bool Add(ReceivedMessage frame) {
-        m_bytes += std::get<FrameMessage>(frame.message).bytes.size() + sizeof frame;
-        m_frames.push_back(std::move(frame));
-        return m_bytes <= kLargestFrame;
-    }
-    std::vector<ReceivedMessage> Release() { return std::move(m_frames); }
-
-private:
-    std::vector<ReceivedMessage> m_frames;
-    size_t m_bytes = 0;
-};
-
-using Predicate = std::function<bool(const Message&)>;
-
-template <class Kind>
-bool Is(const Message& message) {
-    return std::holds_alternative<Kind>(message);
-}
-
 const StateMessage* StateOf(const Message& message, uint32_t id) {
     const auto* state = std::get_if<StateMessage>(&message);
     return state != nullptr && state->id == id ? state : nullptr;
 }
 
-Predicate IsStateOf(uint32_t id) {
-    return [id](const Message& message) { return StateOf(message, id) != nullptr; };
-}
-
-CameraState StateIn(const Message& message) {
-    return std::get<StateMessage>(message).state;
-}
-
-// Sends a request and returns its answer, the first message for which `is_answer` is true. Other messages are
-// skipped, frames are kept in `early_frames` if it is given. `name` is the request's, for an error.
-Expected<Message> Ask(Session& session, const std::vector<uint8_t>& request, const std::string& name,
-                      const Predicate& is_answer, EarlyFrames* early_frames = nullptr) {
+// Sends a request and returns its answer: the first message of this kind for which `is_answer` is true. Other
+// messages are skipped, frames are kept in `early_frames` if it is given. `name` is the request's, for an
+// error.
+template <class Answer, class IsAnswer>
+Expected<Answer> Ask(Session& session, const std::vector<uint8_t>& request, const std::string& name,
+                     IsAnswer is_answer, std::vector<ReceivedMessage>* early_frames = nullptr) {
     if (const auto sent = session.Send(request); !sent) {
         return tl::make_unexpected(sent.error());
     }
     const auto deadline = Clock::now() + session.Limit();
+    size_t early_bytes = 0;
     for (;;) {
         auto received = session.Receive(deadline);
         if (!received) {
@@ -80,15 +51,28 @@ Expected<Message> Ask(Session& session, const std::vector<uint8_t>& request, con
         if (!*received) {
             return Fail("the host did not answer within " + SecondsText(session.Limit()) + ": " + name);
         }
-        ReceivedMessage& message = **received;
-        if (is_answer(message.message)) {
-            return std::move(message.message);
+        Message& message = (*received)->message;
+        if (auto* answer = std::get_if<Answer>(&message); answer != nullptr && is_answer(*answer)) {
+            return std::move(*answer);
         }
-        if (early_frames != nullptr && Is<FrameMessage>(message.message) &&
-            !early_frames->Add(std::move(message))) {
-            return Fail("the host sent frames without end and no answer");
+        const auto* frame = std::get_if<FrameMessage>(&message);
+        if (early_frames != nullptr && frame != nullptr) {
+            early_bytes += frame->bytes.size() + sizeof(ReceivedMessage);
+            if (early_bytes > kLargestFrame) {
+                return Fail("the host sent frames without end and no answer");
+            }
+            early_frames->push_back(std::move(**received));
         }
     }
+}
+
+template <class Answer>
+bool Any(const Answer&) {
+    return true;
+}
+
+auto IsStateOf(uint32_t id) {
+    return [id](const StateMessage& message) { return message.id == id; };
 }
 
 }  // namespace
@@ -122,13 +106,13 @@ bool Lists(const CameraEntry& camera, PictureSize size) {
 }
 
 Expected<uint32_t> AskVersion(Session& session) {
-    return Ask(session, VersionRequest(), "version request", Is<VersionMessage>)
-        .map([](const Message& answer) { return std::get<VersionMessage>(answer).version; });
+    return Ask<VersionMessage>(session, VersionRequest(), "version request", Any<VersionMessage>)
+        .map([](const VersionMessage& answer) { return answer.version; });
 }
 
 Expected<std::vector<CameraEntry>> AskCameras(Session& session) {
-    return Ask(session, ListRequest(), "camera list request", Is<CameraListMessage>)
-        .map([](Message&& answer) { return std::move(std::get<CameraListMessage>(answer).cameras); });
+    return Ask<CameraListMessage>(session, ListRequest(), "camera list request", Any<CameraListMessage>)
+        .map([](CameraListMessage&& answer) { return std::move(answer.cameras); });
 }
 
 Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id) {
@@ -146,23 +130,23 @@ Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32
 }
 
 Expected<CameraState> CloseCamera(Session& session, uint32_t id) {
-    return Ask(session, CloseRequest(id), "close camera " + std::to_string(id), IsStateOf(id)).map(StateIn);
+    return Ask<StateMessage>(session, CloseRequest(id), "close camera " + std::to_string(id), IsStateOf(id))
+        .map([](const StateMessage& answer) { return answer.state; });
 }
 
 Expected<OpenedCamera> OpenedCamera::Open(Session& session, const CameraEntry& camera, PictureSize size,
                                           int fps) {
-    EarlyFrames early_frames;
-    const auto state = Ask(session, OpenRequest(camera.id, size, fps), "open " + CameraLabel(camera),
-                           IsStateOf(camera.id), &early_frames)
-                           .map(StateIn);
-    if (!state) {
-        return tl::make_unexpected(state.error());
+    std::vector<ReceivedMessage> early_frames;
+    const auto answer = Ask<StateMessage>(session, OpenRequest(camera.id, size, fps),
+                                          "open " + CameraLabel(camera), IsStateOf(camera.id), &early_frames);
+    if (!answer) {
+        return tl::make_unexpected(answer.error());
     }
-    if (*state != kCameraOpen) {
+    if (answer->state != kCameraOpen) {
         return Fail(CameraLabel(camera) + " could not be opened" +
                     (Lists(camera, size) ? "" : " at " + SizeText(size) + ", which it does not list"));
     }
-    session.PutBack(early_frames.Release());
+    session.PutBack(std::move(early_frames));
     return OpenedCamera(&session, camera.id);
 }
 
