@@ -26,20 +26,16 @@ namespace {
 
 constexpr char kProgram[] = "zu-camera-host";
 
-std::string WithoutTrailingSlash(std::string directory) {
-    while (directory.size() > 1 && directory.back() == '/') {
-        directory.pop_back();
-    }
-    return directory;
-}
-
 // The directory where the loader looks for modules: the property's, that of --modules, or the one beside the
 // program.
 Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
     const auto property = options.properties.find(kEnvModulesDir);
     std::string directory = property != options.properties.end() ? property->second : "";
     if (directory.empty()) {
-        directory = options.modules.empty() ? FindModuleDirectory() : WithoutTrailingSlash(options.modules);
+        // The parent of "DIR/" is DIR: without a "/" at its end.
+        directory = options.modules.empty()
+                        ? FindModuleDirectory()
+                        : (std::filesystem::path(options.modules) / "").parent_path().string();
     }
     if (directory.empty()) {
         return Fail("there is no module directory beside the program; give one with --modules");

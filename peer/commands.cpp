@@ -16,15 +16,7 @@ Expected<void> ListCameras(const CommandContext& context) {
 }
 
 const char* StateName(CameraState state) {
-    switch (state) {
-        case kCameraFailed:
-            return "failed";
-        case kCameraOpen:
-            return "open";
-        case kCameraClosed:
-            return "closed";
-    }
-    return "";
+    return state == kCameraOpen ? "open" : state == kCameraClosed ? "closed" : "failed";
 }
 
 Expected<void> CloseOneCamera(const CommandContext& context) {
