@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <limits>
 
 #include "common/command_line.h"
@@ -49,8 +50,16 @@ std::string CheckSeconds(const std::string& text) {
                : "takes seconds above 0, not \"" + text + "\"";
 }
 
-Clock::duration Seconds(double seconds) {
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+void AddSeconds(CLI::App& app, const std::string& name, const std::string& help,
+                const std::function<void(Clock::duration)>& set) {
+    app.add_option_function<double>(
+           name,
+           [set](double seconds) {
+               set(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds)));
+           },
+           help)
+        ->type_name("SECONDS")
+        ->check(CLI::Validator(CheckSeconds, ""));
 }
 
 // Whether both can be recorded at the same time.
@@ -82,11 +91,6 @@ public:
     Expected<PeerOptions> Parse(int count, const char* const* words) {
         if (const auto parsed = ParseCommandLine(m_app, count, words); !parsed) {
             return tl::make_unexpected(parsed.error());
-        }
-        m_options.limit = Seconds(m_limit);
-        m_options.size = ParseSize(m_size);
-        if (m_seconds > 0) {
-            m_options.seconds = Seconds(m_seconds);
         }
         if (const auto added = AddTargets(); !added) {
             return tl::make_unexpected(added.error());
@@ -134,9 +138,8 @@ private:
                         "'ssh desk zu-camera-host --stdio'")
             ->type_name("COMMAND")
             ->check(NotEmpty("name"));
-        m_app.add_option("--timeout", m_limit, "How long to wait for anything (default 10)")
-            ->type_name("SECONDS")
-            ->check(CLI::Validator(CheckSeconds, ""));
+        AddSeconds(m_app, "--timeout", "How long to wait for anything (default 10)",
+                   [this](Clock::duration limit) { m_options.limit = limit; });
         AddModulesOption(m_app, m_options.modules, "zu-codec.so");
     }
 
@@ -157,10 +160,8 @@ private:
             AddFormat(app, has(kSizeRequired));
         }
         if (has(kSeconds)) {
-            app->add_option("--seconds", m_seconds,
-                            "Stop after this time (default: on SIGINT, SIGTERM or SIGHUP)")
-                ->type_name("SECONDS")
-                ->check(CLI::Validator(CheckSeconds, ""));
+            AddSeconds(*app, "--seconds", "Stop after this time (default: on SIGINT, SIGTERM or SIGHUP)",
+                       [this](Clock::duration seconds) { m_options.seconds = seconds; });
         }
         if (has(kJson)) {
             app->add_flag("--json", m_options.json, "Print JSON");
@@ -180,7 +181,9 @@ private:
     }
 
     void AddFormat(CLI::App* app, bool size_required) {
-        app->add_option("--size", m_size, "The size of the pictures")
+        app->add_option_function<std::string>(
+               "--size", [this](const std::string& text) { m_options.size = ParseSize(text); },
+               "The size of the pictures")
             ->type_name("WIDTHxHEIGHT")
             ->required(size_required)
             ->check(CLI::Validator(CheckSize, ""));
@@ -191,9 +194,6 @@ private:
 
     CLI::App m_app{kDescription, "zu-camera-peer"};
     PeerOptions m_options;
-    double m_limit = 10;
-    double m_seconds = 0;
-    std::string m_size;
     std::vector<std::string> m_further;
 };
 
