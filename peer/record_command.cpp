@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <string>
+#include <vector>
 
 #include "peer/commands.h"
 #include "peer/record_track.h"
@@ -45,23 +45,24 @@ class Recording {
 public:
     explicit Recording(const CommandContext& context) : m_context(context) {}
 
-    // Creates the sinks first: a file that cannot be written is reported before a camera is opened. The
-    // cameras are closed when it returns.
+    // Creates the files first: one that cannot be written is reported before a camera is opened. The cameras
+    // are closed when it returns.
     Expected<void> Run() {
-        for (const RecordTarget& target : m_context.options.targets) {
-            auto sink = MakeFrameSink(target.path, m_context.options, m_context.output);
+        const PeerOptions& options = m_context.options;
+        for (const RecordTarget& target : options.targets) {
+            auto sink = MakeFrameSink(target.path, options, m_context.output);
             if (!sink) {
                 return tl::make_unexpected(sink.error());
             }
-            m_sinks.push_back(std::move(*sink));
+            m_tracks.emplace_back(std::move(*sink), options.limit, options.seconds);
         }
         return m_context.Connect().and_then([this](Session&& session) { return RecordFrom(session); });
     }
 
     uint64_t Frames() const {
         uint64_t frames = 0;
-        for (const auto& track : m_tracks) {
-            frames += track->Frames();
+        for (const RecordTrack& track : m_tracks) {
+            frames += track.Frames();
         }
         return frames;
     }
@@ -69,11 +70,11 @@ public:
     // Finishes every track that has a frame, also after one of them fails. The error names all failures.
     Expected<void> Finish() {
         std::string failures;
-        for (const auto& track : m_tracks) {
-            if (track->Frames() == 0) {
+        for (RecordTrack& track : m_tracks) {
+            if (track.Frames() == 0) {
                 continue;
             }
-            if (const auto finished = track->Finish(); !finished) {
+            if (const auto finished = track.Finish(); !finished) {
                 failures += (failures.empty() ? "" : "; ") + finished.error().text;
             }
         }
@@ -86,10 +87,10 @@ public:
     // "the 5 frames before that are in FILE", and the same for further files.
     std::string RecordedText() const {
         std::string text;
-        for (const auto& track : m_tracks) {
-            if (track->Frames() > 0) {
-                text += (text.empty() ? "the " : ", the ") + std::to_string(track->Frames()) +
-                        " frames before that are in " + track->Name();
+        for (const RecordTrack& track : m_tracks) {
+            if (track.Frames() > 0) {
+                text += (text.empty() ? "the " : ", the ") + std::to_string(track.Frames()) +
+                        " frames before that are in " + track.Name();
             }
         }
         return text;
@@ -100,8 +101,8 @@ public:
         if (m_context.options.path == "-") {
             return;
         }
-        for (const auto& track : m_tracks) {
-            std::printf("%s\n", track->Summary().c_str());
+        for (const RecordTrack& track : m_tracks) {
+            std::printf("%s\n", track.Summary().c_str());
         }
     }
 
@@ -112,14 +113,12 @@ private:
             return tl::make_unexpected(listed.error());
         }
         const PeerOptions& options = m_context.options;
-        for (size_t i = 0; i < m_sinks.size(); ++i) {
-            auto camera = FindCamera(*listed, options.targets[i].id);
+        for (const RecordTarget& target : options.targets) {
+            auto camera = FindCamera(*listed, target.id);
             if (!camera) {
                 return tl::make_unexpected(camera.error());
             }
             m_cameras.push_back(std::move(*camera));
-            m_tracks.push_back(std::make_unique<RecordTrack>(m_cameras.back(), std::move(m_sinks[i]),
-                                                             session.Limit(), options.seconds));
         }
         std::vector<OpenedCamera> opened;
         for (const CameraEntry& camera : m_cameras) {
@@ -129,8 +128,8 @@ private:
             }
             opened.push_back(std::move(*open));
         }
-        for (const auto& track : m_tracks) {
-            track->Begin();
+        for (size_t i = 0; i < m_tracks.size(); ++i) {
+            m_tracks[i].Begin(m_cameras[i]);
         }
         return RecordUntilTheEnd(session);
     }
@@ -160,9 +159,10 @@ private:
 
     // While the sink answers "not now", nothing is received: the host is held back and no frame is lost.
     Expected<void> Deliver(const Frame& frame) {
-        RecordTrack& track = **std::find_if(m_tracks.begin(), m_tracks.end(), [&](const auto& candidate) {
-            return candidate->Camera().id == frame.id;
-        });
+        const auto camera =
+            std::find_if(m_cameras.begin(), m_cameras.end(),
+                         [&](const CameraEntry& candidate) { return candidate.id == frame.id; });
+        RecordTrack& track = m_tracks[static_cast<size_t>(camera - m_cameras.begin())];
         for (;;) {
             const auto result = track.OnFrame(frame);
             if (!result) {
@@ -180,13 +180,13 @@ private:
     // The earliest time among the tracks that are not over; nothing if all are.
     Expected<std::optional<Clock::time_point>> NextDue() const {
         std::optional<Clock::time_point> due;
-        for (const auto& track : m_tracks) {
-            const auto over = track->IsOver();
+        for (const RecordTrack& track : m_tracks) {
+            const auto over = track.IsOver();
             if (!over) {
                 return tl::make_unexpected(over.error());
             }
             if (!*over) {
-                due = due ? std::min(*due, track->Due()) : track->Due();
+                due = due ? std::min(*due, track.Due()) : track.Due();
             }
         }
         return due;
@@ -194,16 +194,15 @@ private:
 
     std::string ProgressText() const {
         std::string text;
-        for (const auto& track : m_tracks) {
-            text += (text.empty() ? "" : "; ") + track->Progress();
+        for (const RecordTrack& track : m_tracks) {
+            text += (text.empty() ? "" : "; ") + track.Progress();
         }
         return text;
     }
 
     const CommandContext& m_context;
-    std::vector<std::unique_ptr<FrameSink>> m_sinks;  // until they belong to a track
-    std::vector<CameraEntry> m_cameras;               // in the order of the targets, as are the tracks
-    std::vector<std::unique_ptr<RecordTrack>> m_tracks;
+    std::vector<RecordTrack> m_tracks;   // in the order of the targets
+    std::vector<CameraEntry> m_cameras;  // in the same order
     ProgressLine m_progress;
 };
 

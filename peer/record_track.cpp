@@ -26,8 +26,8 @@ Expected<FrameSink::Result> RecordTrack::OnFrame(const Frame& frame) {
 Expected<bool> RecordTrack::IsOver() const {
     const auto now = Clock::now();
     if (now < m_end && now >= m_frame_due) {
-        return Fail(CameraLabel(m_camera) + " sent " + (m_skipped ? "no key frame" : "no frame") +
-                    " within " + SecondsText(m_limit));
+        return Fail(m_label + " sent " + (m_skipped ? "no key frame" : "no frame") + " within " +
+                    SecondsText(m_limit));
     }
     return now >= m_end;
 }

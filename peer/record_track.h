@@ -20,16 +20,18 @@ namespace zumod::peer {
 class RecordTrack {
 public:
     // A frame is expected within every `limit`. The recording ends `seconds` after the first one.
-    RecordTrack(CameraEntry camera, std::unique_ptr<FrameSink> sink, Clock::duration limit,
+    RecordTrack(std::unique_ptr<FrameSink> sink, Clock::duration limit,
                 std::optional<Clock::duration> seconds)
-        : m_camera(std::move(camera)), m_sink(std::move(sink)), m_limit(limit), m_seconds(seconds) {}
+        : m_sink(std::move(sink)), m_limit(limit), m_seconds(seconds) {}
 
-    const CameraEntry& Camera() const { return m_camera; }
     uint64_t Frames() const { return m_frames; }
     std::string Name() const { return m_sink->Name(); }
 
     // The camera is open now.
-    void Begin() { m_frame_due = Clock::now() + m_limit; }
+    void Begin(const CameraEntry& camera) {
+        m_label = CameraLabel(camera);
+        m_frame_due = Clock::now() + m_limit;
+    }
     // When to call IsOver(): at the end, or when a frame is late.
     Clock::time_point Due() const { return std::min(m_frame_due, m_end); }
     // For each frame, and again for the same frame after kNotNow.
@@ -45,10 +47,10 @@ public:
     std::string Summary() const;
 
 private:
-    const CameraEntry m_camera;
-    const std::unique_ptr<FrameSink> m_sink;
-    const Clock::duration m_limit;
-    const std::optional<Clock::duration> m_seconds;
+    std::unique_ptr<FrameSink> m_sink;
+    Clock::duration m_limit;
+    std::optional<Clock::duration> m_seconds;
+    std::string m_label;  // the camera's
     Clock::time_point m_frame_due = Clock::time_point::max();
     Clock::time_point m_end = Clock::time_point::max();
     Clock::time_point m_first;
