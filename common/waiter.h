@@ -27,7 +27,7 @@
 #include <vector>
 
 #include "common/error.h"
-#include "common/stop_signals.h"
+#include "common/process_setup.h"
 
 namespace zumod {
 

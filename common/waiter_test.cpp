@@ -7,7 +7,7 @@
 
 #include <csignal>
 
-#include "common/stop_signals.h"
+#include "common/process_setup.h"
 #include "common/unique_fd.h"
 
 namespace zumod {

@@ -10,8 +10,7 @@
 
 #include "common/module_directory.h"
 #include "common/module_runtime.h"
-#include "common/standard_descriptors.h"
-#include "common/stop_signals.h"
+#include "common/process_setup.h"
 #include "common/waiter.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"

@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include "common/standard_descriptors.h"
+#include "common/process_setup.h"
 
 namespace zumod::host {
 namespace {

@@ -1,8 +1,7 @@
 // zu-camera-peer: uses the cameras that a host lends.
 #include <exception>
 
-#include "common/standard_descriptors.h"
-#include "common/stop_signals.h"
+#include "common/process_setup.h"
 #include "peer/commands.h"
 
 extern "C" {
