@@ -1,4 +1,5 @@
-# Flags, targets and tests of this project: the same rules for the whole tree and for vcam/ built by itself.
+# Flags, and functions that define layers, modules, programs and tests. Used by the whole tree and by vcam/, which
+# builds without the rest.
 include_guard(GLOBAL)
 
 set(ZU_ROOT ${CMAKE_CURRENT_LIST_DIR}/..)
@@ -27,15 +28,15 @@ include(CheckCXXCompilerFlag)
 check_pie_supported()
 find_package(Threads REQUIRED)
 
-# Programs in one directory and shared objects in another, in the build tree as in the install tree: a program
-# finds its modules by the same relative path wherever it is built.
+# The build tree has all programs in one directory and all shared objects in another, so that a program finds its
+# modules by one relative path.
 set(ZU_PROGRAM_DIR ${CMAKE_BINARY_DIR}/bin)
 set(ZU_MODULE_DIR ${CMAKE_BINARY_DIR}/modules)
 set(ZU_INSTALL_MODULE_DIR ${CMAKE_INSTALL_LIBDIR}/zu)
 
 # ---- Flags ----
 
-# Language, warnings and hardening. Use zu_flags; only an object that must do without a sanitizer takes this one.
+# Language, warnings and hardening. Use zu_flags instead, except for an object that must not have a sanitizer.
 add_library(zu_plain_flags INTERFACE)
 target_include_directories(zu_plain_flags INTERFACE ${ZU_ROOT} ${ZU_ROOT}/include)
 target_compile_options(
@@ -59,7 +60,7 @@ target_compile_options(
             $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>
             $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
 target_compile_definitions(zu_plain_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>)
-# What only some processors have.
+# Flags that compilers have only for some processors.
 foreach(flag -fcf-protection -fstack-clash-protection)
   string(MAKE_C_IDENTIFIER "ZU_HAS${flag}" known)
   check_cxx_compiler_flag(${flag} ${known})
@@ -89,7 +90,7 @@ elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT "${CMAKE_CXX_FLAGS} ${CMAKE
   target_compile_definitions(zu_plain_flags INTERFACE _FORTIFY_SOURCE=3)
 endif()
 
-# The flags every target of the project is built with.
+# The flags of every target.
 add_library(zu_flags INTERFACE)
 target_link_libraries(zu_flags INTERFACE zu_plain_flags)
 target_compile_options(zu_flags INTERFACE ${sanitize})
@@ -105,9 +106,9 @@ endif()
 # ---- Targets ----
 
 # zu_layer(NAME SOURCES files... [ON layers...] [LINK libraries...] [FLAGS target]): the object library
-# zu_NAME_objects, and zu_NAME, which brings those objects and the objects of the layers below into the target that
-# links it. Objects and not archives: a linker leaves nothing out of them. FLAGS: what it is compiled with
-# (default zu_flags).
+# zu_NAME_objects, and zu_NAME, which adds those objects and the objects of the layers below to the target that
+# links it. Not an archive, because a linker may leave objects of an archive out. FLAGS: the flags it is compiled
+# with (default zu_flags).
 function(zu_layer name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "FLAGS" "SOURCES;ON;LINK")
   if(NOT arg_FLAGS)
@@ -120,8 +121,8 @@ function(zu_layer name)
   target_link_libraries(zu_${name} INTERFACE ${arg_ON} ${arg_LINK})
 endfunction()
 
-# zu_module(NAME sources... LINK libraries...): a shared object that a host loads: in the module directory, without
-# a prefix, with one exported symbol and none left undefined.
+# zu_module(NAME sources... LINK libraries...): a shared object that a host loads. It is built in the module directory
+# without the prefix "lib", exports one symbol and may have no undefined ones.
 function(zu_module name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LINK")
   set(exports ${ZU_ROOT}/src/module/exports.map)
@@ -148,11 +149,11 @@ endfunction()
 if(BUILD_TESTING)
   find_package(GTest REQUIRED)
   include(GoogleTest)
-  # The headers that every test needs, compiled once: they take longer than most tests.
+  # Precompiles the headers that every test needs: they take longer to compile than most tests.
   add_executable(zu_test_headers EXCLUDE_FROM_ALL ${ZU_ROOT}/tests/support/test_headers.cpp)
   target_link_libraries(zu_test_headers PRIVATE zu_flags GTest::gmock)
-  # The code under test is built as it is shipped; the tests themselves need not be fast, but soon built: unoptimised
-  # ones take half the time under a sanitizer.
+  # The code under test is built as it is shipped. The tests have less optimisation, because build time matters more
+  # for them than speed: under a sanitizer -O0 halves it.
   set(ZU_TEST_OPTIMISATION $<$<NOT:$<CONFIG:Debug>>:-O1>)
   if(ZU_SANITIZE)
     set(ZU_TEST_OPTIMISATION -O0)
@@ -161,7 +162,7 @@ if(BUILD_TESTING)
   target_precompile_headers(zu_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h> <string> <vector>)
 endif()
 
-# What a program is started with so that its calls reach virtual cameras.
+# The value of LD_PRELOAD with which a program's camera calls reach virtual cameras.
 set(ZU_VCAM_PRELOAD ${ZU_MODULE_DIR}/libzu-vcam-preload.so)
 if(ZU_SANITIZE)
   # A sanitizer's run time must come before every other library.
@@ -173,8 +174,8 @@ if(ZU_SANITIZE)
 endif()
 
 # zu_test(NAME sources... [CAMERAS] [LINK libraries...] [TIMEOUT seconds] [DEFINE definitions...] [NEEDS targets...]):
-# one GoogleTest program, each of its tests a ctest. With CAMERAS its own calls reach virtual cameras: it makes a
-# PreloadedCameras and opens /dev/videoN. NEEDS: what must be built before it runs.
+# a GoogleTest program; each of its tests is a ctest. With CAMERAS its camera calls reach virtual cameras: it constructs
+# a PreloadedCameras and opens /dev/videoN. NEEDS: targets that must be built before it runs.
 function(zu_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "CAMERAS" "TIMEOUT" "LINK;DEFINE;NEEDS")
   if(NOT BUILD_TESTING)
@@ -194,7 +195,7 @@ function(zu_test name)
   target_compile_definitions(${name} PRIVATE ${arg_DEFINE})
   target_compile_options(${name} PRIVATE ${ZU_TEST_OPTIMISATION})
   target_precompile_headers(${name} REUSE_FROM zu_test_headers)
-  # GCC 12 sees writes past short strings that are not there; from a precompiled header it also says so.
+  # False warnings of GCC 12 about std::string. It suppresses them in system headers, but not in a precompiled one.
   target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-array-bounds -Wno-restrict
                                          -Wno-stringop-overflow>)
   if(arg_NEEDS)
@@ -203,8 +204,8 @@ function(zu_test name)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${arg_TIMEOUT} ${environment})
 endfunction()
 
-# zu_program_test(NAME COMMAND words... [TIMEOUT seconds] [ENVIRONMENT NAME=value]): a ctest that is not GoogleTest's.
-# Exit status 77 means that it was skipped.
+# zu_program_test(NAME COMMAND words... [TIMEOUT seconds] [ENVIRONMENT NAME=value]): a ctest that runs any program. Exit
+# status 77 means that the test was skipped.
 function(zu_program_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT;ENVIRONMENT" "COMMAND")
   if(NOT arg_TIMEOUT)

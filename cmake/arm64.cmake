@@ -1,5 +1,5 @@
-# Toolchain: Debian's compiler for 64-bit Arm, Debian's libraries for it, tests run by qemu's user emulation. The
-# packages: scripts/setup --arm64 --list.
+# Toolchain for 64-bit Arm: Debian's cross-compiler and libraries, and QEMU's user emulation to run tests.
+# scripts/setup --arm64 installs them.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

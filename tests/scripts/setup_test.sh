@@ -9,7 +9,7 @@ mkdir "$work/bin"
 bad=0
 
 fail() {
-    printf 'not so: %s\n' "$1"
+    printf 'failed: %s\n' "$1"
     bad=1
 }
 
@@ -27,7 +27,7 @@ run() {
     calls=$(cat "$work/calls")
 }
 
-# The package tool's answer stands in $work/packages, "ii  name" or "ii  name:arch" a line.
+# dpkg-query prints $work/packages, one "ii  name" or "ii  name:arch" per line.
 stand_in dpkg-query <<<"cat \"\$WORK/packages\""
 stand_in apt-get <<<"echo \"apt-get \$*\" >>\"\$WORK/calls\""
 stand_in dpkg <<<"[ \"\$1\" = --print-architecture ] && echo amd64 || echo \"dpkg \$*\" >>\"\$WORK/calls\""
@@ -40,7 +40,7 @@ run --list
 [ "$status" -eq 0 ] || fail '--list exits 0'
 [ -z "$calls" ] || fail '--list installs nothing'
 printf '%s\n' "$printed" >"$work/list"
-grep -qx 'cmake' "$work/list" || fail 'the list names the packages, one a line'
+grep -qx 'cmake' "$work/list" || fail 'the list names the packages, one per line'
 
 sed 's/^/ii  /' "$work/list" >"$work/packages"
 run
@@ -55,9 +55,9 @@ run
 sed 's/^/ii  /' "$work/list" | grep -vx 'ii  cmake' >"$work/packages"
 run
 [ "$status" -eq 0 ] || fail 'exits 0 after installing'
-grep -qE '^apt-get install .* cmake$' <<<"$calls" || fail "installs what is missing, and that alone: $calls"
+grep -qE '^apt-get install .* cmake$' <<<"$calls" || fail "installs only what is missing: $calls"
 grep -q '^apt-get update' <<<"$calls" || fail 'reads the package lists first'
-grep -q sudo <<<"$calls" && fail 'root asks no sudo'
+grep -q sudo <<<"$calls" && fail 'root does not use sudo'
 
 sed 's/^/ii  /; s/^ii  cmake$/rc  cmake/' "$work/list" >"$work/packages"
 run
@@ -65,11 +65,11 @@ grep -qE '^apt-get install .* cmake$' <<<"$calls" || fail 'a removed package cou
 
 as_user 1000
 run
-[ "$(grep -c '^sudo$' <<<"$calls")" -eq 2 ] || fail 'another user asks sudo for each call'
+[ "$(grep -c '^sudo$' <<<"$calls")" -eq 2 ] || fail 'another user uses sudo for each call'
 
 as_user 0
 sed 's/^/ii  /' "$work/list" >"$work/packages"
-grep -qx 'qemu-system-x86' "$work/list" && fail 'the virtual machine is not for everyone'
+grep -qx 'qemu-system-x86' "$work/list" && fail 'the virtual machine is not in the plain list'
 run --vm
 grep -qE '^apt-get install .* qemu-system-x86( |$)' <<<"$calls" || fail "--vm installs the virtual machine: $calls"
 run --vm --list
@@ -77,11 +77,11 @@ grep -qx 'qemu-system-x86' <<<"$printed" || fail '--vm --list names the virtual 
 grep -qx 'cmake' <<<"$printed" || fail '--vm --list names the rest as well'
 [ -z "$calls" ] || fail '--vm --list installs nothing'
 
-grep -q ':arm64$' "$work/list" && fail 'the foreign libraries are not for everyone'
+grep -q ':arm64$' "$work/list" && fail 'the foreign libraries are not in the plain list'
 { sed 's/^/ii  /' "$work/list"; echo 'ii  uuid-dev:amd64'; } >"$work/packages"
 run --arm64
 [ "$(head -n 1 <<<"$calls")" = 'dpkg --add-architecture arm64' ] || fail "--arm64 adds the architecture first: $calls"
-grep -qE '^apt-get install .* uuid-dev:arm64( |$)' <<<"$calls" || fail 'the native library is not the foreign one'
+grep -qE '^apt-get install .* uuid-dev:arm64( |$)' <<<"$calls" || fail 'an installed native library does not count as the foreign one'
 run --arm64 --list
 awk '{ print "ii  " $0 }' <<<"$printed" >"$work/packages"
 run --arm64
@@ -96,7 +96,7 @@ for wrong in --lst list -x; do
 done
 run --help
 [ "$status" -eq 0 ] || fail '--help exits 0'
-grep -q '^Usage: scripts/setup' <<<"$printed" || fail '--help tells the usage'
+grep -q '^Usage: scripts/setup' <<<"$printed" || fail '--help prints the usage'
 [ -z "$calls" ] || fail '--help installs nothing'
 
 for script in scripts/test scripts/bench scripts/demo scripts/vm scripts/coverage scripts/soak; do
@@ -104,5 +104,5 @@ for script in scripts/test scripts/bench scripts/demo scripts/vm scripts/coverag
     "${setup%scripts/setup}$script" --no-such-option >/dev/null 2>&1 || status=$?
     [ "$status" -eq 2 ] || fail "$script refuses a wrong option with 2, not $status"
 done
-[ "$bad" -eq 0 ] && echo 'all as it should be'
+[ "$bad" -eq 0 ] && echo 'passed'
 exit "$bad"
