@@ -268,9 +268,9 @@ double MinimumLatency(Minimum minimum) {
     return Median(latencies);
 }
 
-// From the painting of a picture to the last byte written, without the time spent in the encoder. "more_us"
-// is the plugin's additional latency against the bare loop, "hand_over_us" that of the bare loop with a
-// writing thread.
+// The latency from the painting of a picture to the last byte written, without the time spent in the encoder.
+// "more_us" is the plugin's additional latency against the bare loop, "hand_over_us" that of the bare loop
+// with a writing thread.
 void LatencyToTheLastByte(benchmark::State& state) {
     const vcam::PreloadedCameras cameras{kCamera};
     std::vector<double> hand_over;
@@ -298,7 +298,7 @@ long ResidentKilobytes() {
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// Of the whole process, including its virtual camera, after 1,000 frames and after 100,000.
+// The growth of the whole process, including its virtual camera, between frame 1,000 and frame 100,000.
 void ResidentMemory(benchmark::State& state) {
     constexpr VideoMode kFast{320, 180, 1000};
     const vcam::PreloadedCameras cameras{"formats=NV12,sizes=320x180,fps=1000"};
@@ -322,7 +322,7 @@ void ResidentMemory(benchmark::State& state) {
 }
 BENCHMARK(ResidentMemory)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
 
-// The number of 10,000 frames that did not arrive, from the counters in the pictures.
+// How many of 10,000 frames did not arrive, determined from the counters in the pictures.
 void FramesDropped(benchmark::State& state) {
     constexpr int kCameras = 4;
     constexpr uint64_t kFrames = 10'000;

@@ -1,6 +1,6 @@
 // The two sides that the capture benchmarks compare: the plugin with open cameras, and a bare loop on one
 // camera. Each writes a kilobyte per frame to a socket whose other end discards it. The virtual cameras are
-// in this process; they paint on threads of their own, which are not counted.
+// in this process; they paint on separate threads, which are not counted.
 //
 // Thread rule: [benchmark thread], except where a class says otherwise.
 #pragma once

@@ -75,7 +75,7 @@ void MeasureCameraList(benchmark::State& state, WritePath write_path) {
     DetachRuntime();
 }
 
-// The obvious loop.
+// The minimum: a loop that formats the paths with snprintf.
 void CameraListOfFour(benchmark::State& state) {
     MeasureCameraList(
         state, [](char(&path)[20], int index) { std::snprintf(path, sizeof(path), "/dev/video%d", index); });

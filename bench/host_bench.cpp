@@ -38,9 +38,9 @@ constexpr int kHeight = 720;
 constexpr int kRate = 30;
 constexpr int kKeyInterval = 60;
 constexpr int64_t kBitRate = 4'000'000;
-// Not measured, so that opening the camera is excluded.
+// Frames before the measurement begins, which excludes the cost of opening the camera.
 constexpr int kWarmUpFrames = 30;
-// Whole key intervals.
+// A multiple of the key interval, because key frames cost more than others.
 constexpr int kFrames = 120;
 const char* const kCamera = "card=Bench,formats=NV12,sizes=1280x720,fps=30";
 
@@ -171,8 +171,8 @@ void ProcessorTimePerFrame(benchmark::State& state) {
 }
 BENCHMARK(ProcessorTimePerFrame)->UseManualTime()->Iterations(6)->Unit(benchmark::kMicrosecond);
 
-// From the peer's request to its first frame, with a host that has just started, so that nothing of the codec
-// is mapped yet. The system's file cache stays warm.
+// The time from the peer's request to its first frame. The host has just started, so the codec is not loaded
+// yet; the system's file cache stays warm.
 void MeasureOpenToFirstFrameCold(benchmark::State& state) {
     const vcam::PreloadedCameras cameras{kCamera};
     std::vector<double> times;

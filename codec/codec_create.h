@@ -1,4 +1,6 @@
 // The create function of the codec module's descriptor.
+//
+// Thread rule: [any thread].
 #pragma once
 
 #include "zumod/create_policy.h"
@@ -6,9 +8,9 @@
 
 namespace zumod {
 
-// [any thread]. Creates the encoder or decoder that `policy` asks for by interface name, version and image
-// type. On success stores the requested interface pointer in `*out`, with one reference for the caller, and
-// returns 1. Otherwise logs one line, leaves `*out` unchanged and returns 0.
+// Creates the encoder or decoder that `policy` asks for by interface name, version and image type. On success
+// stores the requested interface pointer in `*out`, with one reference for the caller, and returns 1.
+// Otherwise logs one line, leaves `*out` unchanged and returns 0.
 int codec_create(IZUModCreatePolicy* policy, IZUModInterface** out);
 
 }  // namespace zumod

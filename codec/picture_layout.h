@@ -35,8 +35,7 @@ inline constexpr int32_t kMaxPictureSide = 16384;
 // Lays the picture out with the record's stride, unless the number of bytes contradicts it:
 //   - An exact fit for one larger stride is a picture with padded rows.
 //   - The record's stride is usually the row length rounded up to a multiple of 4. If the bytes are too few
-//   for that
-//     but an exact fit for rows without padding, the rows have no padding.
+//     for that stride but an exact fit for rows without padding, the rows have no padding.
 // Any further bytes are ignored. `layout` is written only on success.
 PictureError LayOutPicture(const VideoInputFormat& record, uint64_t byte_count, PictureLayout& layout);
 

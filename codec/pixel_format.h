@@ -13,7 +13,7 @@ extern "C" {
 
 namespace zumod {
 
-// The code of BGR with 32 bits a pixel, which has no name of four characters.
+// The code of BGR with 32 bits per pixel, which has no name of four characters.
 inline constexpr uint32_t kBgr32Code = 0;
 
 // How the bytes of a picture lie in memory. Everything that depends on the format is computed from these

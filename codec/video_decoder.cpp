@@ -94,7 +94,7 @@ bool CVideoDecoder::Decode(IReference* args) {
         ZuModLog(kLogFailure, "[zu-codec] the decoder does not open");
         return false;
     }
-    // IReference is the primary base: both tables are one.
+    // IReference is the primary base of IVDecArgs, so both interface pointers are the same address.
     auto& call = *static_cast<IVDecArgs*>(static_cast<void*>(args));
     if (const int error = Send(call); error < 0) {
         ZuModLog(kLogIgnored, "[zu-codec] decode fail: %s", AvErrorText(error).text);

@@ -26,7 +26,7 @@ public:
 
     // `format` points to a VideoOutputFormat.
     int SetOutputFormat(const void* format) override;
-    // `args` points to the vtable of IVDecArgs.
+    // `args` points to an IVDecArgs.
     bool Decode(IReference* args) override;
 
 private:

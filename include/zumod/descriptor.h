@@ -21,7 +21,7 @@ namespace zumod {
 // it has none, before it creates each object, and ignores the result.
 using AttachRuntimeFunction = int (*)(IZUModRuntime* host);
 
-// The module no longer calls the host's runtime; log lines go to standard output.
+// Detaches the host: the module no longer calls its runtime, and log lines go to standard output.
 using DetachRuntimeFunction = void (*)();
 
 // Creates the object that `policy` describes. On success stores it where `out` points, as a pointer to the

@@ -28,14 +28,15 @@ public:
     virtual bool SetProperty(const char* key, IZUModData* value) = 0;
 
     // Slot 6. `key` is NUL-terminated text. Returns the property's value, or null when there is none. The
-    // caller adds one reference while it reads and releases that one: a value made for the call ends with it.
+    // caller adds a reference before it reads the value and releases it afterwards; that release destroys a
+    // value that was created for this call.
     virtual IZUModData* GetProperty(const char* key) = 0;
 };
 
 static_assert(sizeof(IZUModInterface) == sizeof(void*), "IReference must be the primary base");
 
-// A create function's out slot is typed for any interface, but the pointer in it is that of the interface
-// that was asked for: `Interface` here. These two are the only way in and out of such a slot.
+// The out slot of a create function has the type of IZUModInterface, but the pointer in it is that of the
+// requested interface, `Interface` here. Write and read such a slot only with these two functions.
 
 // For a module: stores `object` as an `Interface` where `out` points, with one reference for the caller.
 template <class Interface, class Object>

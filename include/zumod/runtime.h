@@ -17,8 +17,8 @@ enum LogLevel : uint32_t {
     kLogTrace = 8,    // detailed tracing
 };
 
-// Text: the directory of the modules, without a trailing "/". With "_" and a module's name appended, the
-// directory of that module.
+// Text: the directory of the modules, without a trailing "/". The key with "_" and a module's name appended
+// names the directory of that module only.
 inline constexpr char kEnvModulesDir[] = "zu.env.modules.dir";
 
 // Binary table: slots 0 to 3, and no destructor slot. The object is not counted: the host keeps it alive from

@@ -1,4 +1,6 @@
 // All headers of the SDK.
+//
+// Thread rule: each header states its own.
 #pragma once
 
 #include "zumod/camera_channel.h"

@@ -1,6 +1,8 @@
-// The module's namespace-scope objects. Such objects of one translation unit are initialised in definition
-// order; across units the order is unspecified. They are defined here together, so that the linker's order of
-// files does not change the ids of the monitored classes.
+// The module's namespace-scope objects whose order of initialisation matters. Such objects of one translation
+// unit are initialised in definition order; across units the order is unspecified. They are defined here
+// together, so that the linker's order of files does not change the ids of the monitored classes.
+//
+// The only others are the locks of the singletons (see singleton.h), which depend on nothing.
 #include <new>
 
 #include "src/base/base_thread.h"

@@ -115,7 +115,7 @@ TEST_F(SupportedFormats, AnyAnswerOtherThanZeroEndsTheListOfFormats) {
     EXPECT_EQ(devices.CallCount(DeviceCall::kEnumFmt), 2);
 }
 
-TEST_F(SupportedFormats, APositiveAnswerToATryIsNoRefusal) {
+TEST_F(SupportedFormats, APositiveAnswerToATryIsNotARefusal) {
     // The structure stays as asked, so both dimensions match.
     devices.Answer(DeviceCall::kTryFmt, 1, 0, 3);
     EXPECT_EQ(FormatsOf({.formats = {{V4L2_PIX_FMT_NV12, {}}}}), (Formats{{176, 144, V4L2_PIX_FMT_NV12}}));

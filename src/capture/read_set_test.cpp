@@ -14,7 +14,7 @@
 namespace zumod {
 namespace {
 
-TEST(ReadSetTest, ADescriptorBelowFdSetsizeGivesTheSameBytesAsFdSet) {
+TEST(ReadSetTest, ASetOfADescriptorBelowFdSetsizeHasTheBytesOfAnFdSet) {
     for (const int descriptor : {0, 1, 63, 64, 65, 1023}) {
         ReadSet set(descriptor);
         set.Reset();

@@ -2,20 +2,20 @@
 // destruction of either side removes the connection.
 //
 // A signal owns its connections, in a list. A slot holder keeps the set of signals it is connected to. Each
-// side tells the other when it goes away, so neither ever holds a dangling pointer.
+// side tells the other when it is destroyed, so neither ever holds a dangling pointer.
 //
 // A slot may connect and disconnect any slot while the signal emits, itself included, and may emit the same
-// signal again. An iterator or a saved successor is not enough for that: the successor may be removed too, by
-// the slot that is running. Every emission therefore registers itself with the signal as a `walk`, which
+// signal again. An iterator or a saved successor is not enough for that, because the running slot may remove
+// the successor too. Every emission therefore registers itself with the signal as a `walk`, which
 // holds the position of the next connection to call:
 //
 // - step() advances the position before it returns the connection, so the running connection may be deleted;
-// - remove() first moves every walk that points to the removed connection on to the one behind it;
-// - append() links at the end of the list: an emission under way calls the new connection too, unless it has
-//   already reached the last one.
+// - remove() first advances every walk that points to the removed connection to the connection after it;
+// - append() links at the end of the list: an emission in progress calls the new connection too, unless it
+//   has already reached the last one.
 //
 // Nested emissions form a stack of walks linked through m_outer, which is as deep as slots emit recursively.
-// An emission costs no allocation; a removal costs one comparison for each emission under way. A slot must
+// An emission costs no allocation; a removal costs one comparison for each emission in progress. A slot must
 // not destroy the signal that is calling it.
 //
 // Thread rule: that of the lock policy. With single_threaded, connect, disconnect and emit must not run
@@ -218,7 +218,7 @@ public:
 protected:
     using connection_list = std::list<std::unique_ptr<connection>>;
 
-    // An emission under way: the position of the next connection to call. See the top of this file.
+    // An emission in progress: the position of the next connection to call. See the top of this file.
     class walk {
     public:
         explicit walk(_signal_base5& signal)
@@ -261,7 +261,7 @@ private:
     }
 
     connection_list m_connected_slots;
-    // The innermost emission under way, or null.
+    // The innermost emission in progress, or null.
     walk* m_walk = nullptr;
 };
 

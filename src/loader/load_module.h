@@ -1,6 +1,6 @@
-// Loads other modules. There is no table of loaded modules: the dynamic loader counts them.
+// The loader of other modules. It keeps no table of loaded modules: the dynamic loader counts them.
 //
-// Thread rule: [any thread]. No lock is held while a module is loaded, attached or asked.
+// Thread rule: [any thread]. No lock is held while a module is loaded, attached or called.
 #pragma once
 
 #include "zumod/create_policy.h"

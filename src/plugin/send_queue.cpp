@@ -115,7 +115,7 @@ CSendQueue::SemaphoreUse CSendQueue::BeginUse() {
 
 template <class Wait>
 std::optional<uint64_t> CSendQueue::WaitInUse(Wait wait) {
-    // Without the lock first: a Close under way holds the lock for more than 100 ms.
+    // Checked without the lock first, because a Close in progress holds the lock for more than 100 ms.
     if (!m_running.load(std::memory_order_relaxed)) {
         return std::nullopt;
     }

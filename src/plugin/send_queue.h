@@ -1,11 +1,11 @@
 // Queue of the messages that wait for the send thread: first in, first out, in effect without a limit.
 //
-// The contract gives the queue two counting semaphores. A producer takes m_free_slots before it appends a
-// message; the consumer takes m_items before it removes one. Threads wait on them without the lock. The
-// contract also has Close destroy both, and Reset create them again, while other threads may still use them,
-// which POSIX leaves undefined. Two counters make it safe:
+// The contract requires two counting semaphores. A producer takes a token from m_free_slots before it appends
+// a message; the consumer takes one from m_items before it removes a message. Threads wait on them without
+// the lock. The contract also requires that Close destroys both semaphores and Reset creates them again,
+// while other threads may still use them. POSIX leaves that undefined. Two counters make it safe:
 //
-// - m_uses counts the threads that are in a semaphore call, or about to be. A use (SemaphoreUse) begins
+// - m_uses counts the threads that are in a semaphore call, or about to make one. A use (SemaphoreUse) begins
 //   under m_lock while the queue runs, and ends without the lock. Close first clears m_running, so that no
 //   use can begin, then posts both semaphores to wake the waiters. It destroys them when m_uses is 0.
 // - m_generation counts the closes. A thread that has taken a token must lock the queue to change the list.
@@ -107,10 +107,9 @@ private:
     // Created and destroyed under m_lock, used within a SemaphoreUse.
     sem_t m_free_slots;
     sem_t m_items;
-    // Written under m_lock. Read without it only as a first check; nothing relies on it before it has been
-    // read again under the lock.
+    // Written under m_lock. A read without the lock is only a first check; it is repeated under the lock.
     std::atomic<bool> m_running{false};
-    // Required by the contract, which has Take check it. Nothing sets it to true.
+    // Required by the contract: Take checks it, although nothing sets it to true.
     std::atomic<bool> m_stopped{false};
     uint64_t m_generation ZU_GUARDED_BY(m_lock) = 0;
     // Incremented under m_lock, decremented without it.

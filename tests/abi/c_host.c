@@ -1,4 +1,5 @@
-/* A host in C: loads the module, reads its descriptor, attaches a runtime, detaches it, and sees it go. */
+/* A host in C: loads the module, reads its descriptor, attaches and detaches a runtime, and checks that the
+   module is unmapped after the last dlclose. */
 #include <dlfcn.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -96,7 +97,7 @@ static void load_use_unload(const char* path) {
     expect(module->attach_runtime(&host) == 1, "a host is attached");
     expect(module->create(NULL, NULL) == 0, "a request without anything is refused");
     expect(module->create(NULL, &out) == 0, "a request without a policy is refused");
-    expect(out == &host, "a refusal leaves the slot alone");
+    expect(out == &host, "a refusal leaves the slot unchanged");
     module->detach_runtime();
     expect(dlclose(library) == 0, "the module is closed");
     expect(is_mapped(path) == 0, "a closed module is not mapped");

@@ -22,7 +22,7 @@ using zumod::testing::ModuleCall;
 using zumod::testing::TimesMapped;
 namespace raw = zumod::testing::raw;
 
-// Counts log lines and allocates nothing: what a module takes is compared.
+// Counts log lines and allocates nothing, because the tests compare the memory that is in use.
 struct Host : raw::Runtime {
     Host() : raw::Runtime{raw::kRuntimeTable, {}, {}, {}} {
         on_line = [this](uint32_t, const char*) { ++logged; };
@@ -121,7 +121,7 @@ TEST_F(ModuleLoading, CreateRefusesARequestWithoutAPolicyOrASlot) {
     descriptor->detach_runtime();
 }
 
-TEST_F(ModuleLoading, ABlockAndALockThatAreLeftAreSeen) {
+TEST_F(ModuleLoading, ALeakedBlockAndALeakedLockAreDetected) {
     pthread_mutex_t lock;
     void* block = nullptr;
     {

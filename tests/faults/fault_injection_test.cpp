@@ -142,7 +142,7 @@ std::string Prefixed(const char* prefix, const std::string& complaint) {
 // each.
 std::string TwoSessions(const Failure& failure, Outcome& outcome) {
     const zumod::vcam::PreloadedCameras cameras{"card=Front,formats=NV12,sizes=160x120:128x96,fps=200"};
-    close(open("/dev/video0", O_RDONLY));  // the first call connects this process with its cameras, for good
+    close(open("/dev/video0", O_RDONLY));  // the first call connects this process to its cameras permanently
     const auto threads = CountThreads();
     const auto descriptors = CountDescriptors();
     const auto check_process = [&]() -> std::string {
@@ -234,7 +234,7 @@ private:
         m_running.erase(child);
         const Outcome& outcome = m_outcomes[index];
         const std::string which =
-            "call " + std::to_string(failure.first) + (failure.times == 1 ? " alone" : " and all after it");
+            "call " + std::to_string(failure.first) + (failure.times == 1 ? " only" : " and all after it");
         if (WIFSIGNALED(status)) {
             ADD_FAILURE() << which << ": ended by signal " << WTERMSIG(status)
                           << (WTERMSIG(status) == SIGALRM ? " (did not end)" : "");

@@ -28,7 +28,7 @@ public:
     explicit FaultSession(int wanted_frames = 3) : m_wanted_frames(wanted_frames) {}
 
     // Loads the module, serves the peer and unloads. Returns false if the module was not loaded or the plugin
-    // not created; either way everything is released.
+    // not created. In both cases everything is released.
     bool Go() {
         m_runtime.on_line = [this](uint32_t, const char* text) {
             const InHost outside;

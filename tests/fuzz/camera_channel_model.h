@@ -1,5 +1,7 @@
 // A model of the plugin: its answers to any bytes of a peer, written from the protocol's tables without
 // the plugin's code. The receive loop's fuzzer compares the two.
+//
+// Thread rule: one thread at a time.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,6 @@
-// A check in every build type. A fuzzer that finds it violated stops there and keeps the input.
+// An assertion that is active in every build type. If it fails, the fuzzer stops and keeps the input.
+//
+// Thread rule: [any thread].
 #pragma once
 
 #define FUZZ_CHECK(condition) \

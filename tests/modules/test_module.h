@@ -1,4 +1,6 @@
-// What the test modules have in common. Like a third party's module, they use only the SDK.
+// Common parts of the test modules. Like a third party's module, they use only the SDK.
+//
+// Thread rule: [any thread]; every field of the record is atomic.
 #pragma once
 
 #include <atomic>

@@ -1,7 +1,7 @@
-// Hours of use in minutes: the built module in this process, three virtual cameras and a peer that opens,
-// closes and changes them at random, reads slowly or not at all and disconnects at any point, while cameras
-// are unplugged, plugged in again and made to fail. Once per minute everything is closed, and the process
-// must hold what it held at the start.
+// The soak test: the built module in this process, three virtual cameras, and a peer that opens, closes and
+// changes them at random, reads slowly or not at all and disconnects at any point. Meanwhile cameras are
+// unplugged, plugged in again and made to fail. Once per minute everything is closed, and the process must
+// hold the same threads, descriptors, mappings and heap as at the start, except for what the contract leaks.
 //
 // The seed determines every decision, but not when it is carried out.
 #include <dlfcn.h>
@@ -476,7 +476,7 @@ private:
 void ReportStuck(int /*signal*/) {
     static constexpr char kText[] = "soak: FAILED: a session does not end\n";
     if (write(STDOUT_FILENO, kText, sizeof kText - 1) < 0) {
-        // there is nowhere else to report it
+        // There is nothing else to report it to.
     }
     abort();
 }
@@ -503,6 +503,6 @@ int main(int argc, char** argv) {
     Soak soak(seed);
     const int status = soak.Run(std::chrono::minutes(minutes), seed) ? 0 : 1;
     std::fflush(stdout);
-    // No destructors: what the cameras' library holds for this process is not under test.
+    // Ends without destructors: the state that the cameras' library keeps is not under test.
     _exit(status);
 }

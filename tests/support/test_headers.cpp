@@ -1,2 +1,2 @@
-// Nothing: the program that it belongs to exists for its precompiled headers.
+// Empty on purpose: the program zu_test_headers exists only for its precompiled header.
 int main() {}

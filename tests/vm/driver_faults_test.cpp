@@ -128,7 +128,7 @@ TEST_F(DriverFaults, ACameraThatDropsEveryBufferStallsAndContinuesAfterwards) {
     ASSERT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
     ASSERT_TRUE(FramesCome(0, 2));
     SetControls(kWebcam, "percentage_of_dropped_buffers=100");
-    // Frames already on the way.
+    // Frames that were already being encoded or sent.
     while (FrameComes(0, seconds(1))) {
         NextFrame(0);
     }

@@ -21,7 +21,7 @@ namespace {
 int EnoughPictures(int width) {
     return width < 320 ? 20 : 5;
 }
-// In decibels. Swapped colours or a sheared row give less than 15.
+// In decibels. A picture with swapped colours or sheared rows has less than 15.
 constexpr double kAlike = 30;
 
 struct Case {

@@ -1,4 +1,6 @@
 // The number of references on a buffer.
+//
+// Thread rule: [any thread].
 #pragma once
 
 #include <cstdint>

@@ -40,7 +40,7 @@ std::vector<Part> operator+(std::vector<Part> all, const std::vector<Part>& part
     return all;
 }
 
-// The lines before the first that contains `text`. A failure of the test, and all lines, if none does.
+// The lines before the first one that contains `text`. If none does, fails the test and returns all lines.
 inline LogLines UpTo(const LogLines& lines, const std::string& text) {
     LogLines head;
     for (const LogLine& line : lines) {

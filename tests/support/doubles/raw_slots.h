@@ -1,4 +1,6 @@
-// Calls an operation by its slot number in the object's table, as a module by a third party does.
+// A call of an operation by its slot number in the object's vtable, as a third party's module makes it.
+//
+// Thread rule: that of the operation.
 #pragma once
 
 #include <cstddef>

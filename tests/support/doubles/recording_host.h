@@ -33,8 +33,8 @@ inline void PrintTo(const LogLine& line, std::ostream* out) {
 
 using LogLines = std::vector<LogLine>;
 
-// The line `offset` places behind the only one that contains `text`. A failure of the test, and an empty
-// line, if none or several contain it, or if nothing is there.
+// The line `offset` lines after the only one that contains `text`. If there is no such line, or if several
+// lines contain the text, fails the test and returns an empty line.
 inline LogLine LineWith(const LogLines& lines, const std::string& text, size_t offset = 0) {
     const auto contains = [&](const LogLine& line) { return line.text.find(text) != std::string::npos; };
     const auto found = std::find_if(lines.begin(), lines.end(), contains);
@@ -46,7 +46,7 @@ inline LogLine LineWith(const LogLines& lines, const std::string& text, size_t o
     return lines[place];
 }
 
-// The line directly behind it.
+// The next line after it.
 inline LogLine LineAfter(const LogLines& lines, const std::string& text) {
     return LineWith(lines, text, 1);
 }

@@ -1,4 +1,6 @@
 // A channel stream over one end of a socket pair, as a host implements it.
+//
+// Thread rule: Read and Write are [any thread], also at the same time.
 #pragma once
 
 #include <sys/socket.h>

@@ -1,4 +1,6 @@
 // The paths of the test modules, and access to the record of one.
+//
+// Thread rule: the test's thread.
 #pragma once
 
 #include <dlfcn.h>

@@ -1,4 +1,6 @@
 // A temporary directory, removed by the destructor.
+//
+// Thread rule: the test's thread.
 #pragma once
 
 #include <cstdlib>

@@ -1,6 +1,6 @@
-// The heap, thread, semaphore and clock calls of a test program, which can be counted, listed, made to
-// fail and hooked. A program that links zu_call_watch has these calls of its own objects, but not those of
-// shared libraries, sent through here.
+// A watch on the heap, thread, semaphore and clock calls of a test program: counts and lists them, makes them
+// fail, and runs hooks before them. In a program that links zu_call_watch the linker redirects these calls to
+// the watch, except those that shared libraries make.
 //
 // Thread rule: one watch at a time; the calls it watches come from [any thread].
 #pragma once

@@ -1,4 +1,6 @@
 // The mappings of a file in this process.
+//
+// Thread rule: pure function; any thread.
 #pragma once
 
 #include <filesystem>

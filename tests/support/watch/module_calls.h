@@ -1,6 +1,6 @@
 // What a loaded module takes from the C library, recorded by the program that loads it: heap blocks, locks,
-// threads, mappings. Any one of these calls, or all from one on, can be made to fail. A program that links
-// zu_module_calls defines these functions itself, so that the dynamic linker finds them before the C
+// threads, mappings. The nth of these calls, or all from the nth on, can be made to fail. A program that
+// links zu_module_calls defines these functions itself, so that the dynamic linker finds them before the C
 // library's. The module's calls are told from all others by the thread that makes them: see InModule.
 //
 // Thread rule: FailFrom, StopFailing and the figures belong to the test's thread, while no session runs. The

@@ -1,4 +1,6 @@
-// The threads and descriptors of this process, for tests that none are left.
+// The threads and descriptors of this process, for tests that check that none is left over.
+//
+// Thread rule: [any thread].
 #pragma once
 
 #include <unistd.h>

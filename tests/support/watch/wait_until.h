@@ -1,4 +1,6 @@
 // A wait for a condition with a deadline. A test never sleeps to wait for another thread.
+//
+// Thread rule: [any thread]; the condition is evaluated on the calling thread.
 #pragma once
 
 #include <chrono>

@@ -99,7 +99,7 @@ public:
         }
     }
 
-    // The next bytes, of whatever message; a failure of the test if the other end has closed.
+    // The next bytes, of any message. Fails the test if the other end has closed.
     Bytes ReceiveBytes(size_t size) const {
         Bytes bytes(size);
         EXPECT_TRUE(ReceiveAll(bytes.data(), size)) << "the channel was closed";
