@@ -24,7 +24,7 @@ CameraModule::~CameraModule() {
 Expected<void> CameraModule::Load() {
     const std::string file = ZuModGetModulePath(kCameraModuleName, false);
     if (access(file.c_str(), F_OK) != 0) {
-        return Fail("the camera module is not there: " + file);
+        return Fail("the camera module is missing: " + file);
     }
     if (Create(&m_handle) == nullptr) {
         return Fail("the camera module does not load (the log says why): " + file);

@@ -101,7 +101,7 @@ UniqueFd Listener::Accept() const {
 
 Expected<void> EnsurePrivateDirectory(const std::string& directory) {
     if (mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-        return Fail(directory + ": the directory cannot be made: " + ErrnoText(errno));
+        return Fail(directory + ": the directory cannot be created: " + ErrnoText(errno));
     }
     struct stat status {};
     if (stat(directory.c_str(), &status) != 0) {
@@ -114,8 +114,9 @@ Expected<void> EnsurePrivateDirectory(const std::string& directory) {
         return Fail(directory + ": the directory belongs to another user");
     }
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return Fail(directory +
-                    ": others may write to the directory; choose one that is yours alone (chmod go-w)");
+        return Fail(
+            directory +
+            ": others may write to the directory; choose one that only you may write to (chmod go-w)");
     }
     return {};
 }

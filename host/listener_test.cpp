@@ -172,9 +172,10 @@ TEST_F(PrivateDirectory, IsRefusedIfOthersMayWriteToIt) {
     for (const mode_t mode : {0770U, 0707U, 01777U, 0720U, 0702U}) {
         ASSERT_EQ(chmod(directory.c_str(), mode), 0);
         EXPECT_FALSE(Ensure(directory)) << std::oct << mode;
-        EXPECT_EQ(error, directory +
-                             ": others may write to the directory; choose one that is yours alone (chmod "
-                             "go-w)");
+        EXPECT_EQ(error,
+                  directory +
+                      ": others may write to the directory; choose one that only you may write to (chmod "
+                      "go-w)");
     }
 }
 
@@ -196,7 +197,7 @@ TEST_F(PrivateDirectory, IsRefusedIfItIsAFile) {
 
 TEST_F(PrivateDirectory, ItsParentIsNotCreated) {
     EXPECT_FALSE(Ensure(work / "a/b"));
-    EXPECT_EQ(error, (work / "a/b") + ": the directory cannot be made: No such file or directory");
+    EXPECT_EQ(error, (work / "a/b") + ": the directory cannot be created: No such file or directory");
 }
 
 TEST(HostNotice, IsAMessageOfType128WithTheTextAsItsBody) {

@@ -41,7 +41,7 @@ Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
     }
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error)) {
-        return Fail("the module directory is not there: " + directory);
+        return Fail("the module directory is missing: " + directory);
     }
     return directory;
 }

@@ -95,7 +95,7 @@ private:
     void EndSession() {
         m_session_is_done.reset();
         m_session.reset();
-        m_log.Write(kLogEvent, "[host] the peer has gone");
+        m_log.Write(kLogEvent, "[host] the peer has left");
     }
 
     void AcceptPeer() {
@@ -109,7 +109,7 @@ private:
         }
         if (const uid_t user = PeerUser(peer.Get()); user != geteuid()) {
             m_log.Write(kLogIgnored, "[host] refused a peer of user " + std::to_string(user));
-            SendHostNotice(peer.Get(), "refused: this host serves its own user alone");
+            SendHostNotice(peer.Get(), "refused: this host serves only its own user");
             return;
         }
         // The previous peer may have left without the session noticing it yet: the next one need not try
@@ -118,11 +118,11 @@ private:
             EndSession();
         }
         if (m_session) {
-            m_log.Write(kLogIgnored, "[host] sent a second peer away");
+            m_log.Write(kLogIgnored, "[host] turned a second peer away");
             SendHostNotice(peer.Get(), "busy: another peer is being served");
             return;
         }
-        m_log.Write(kLogEvent, "[host] a peer has come");
+        m_log.Write(kLogEvent, "[host] a peer has connected");
         m_session.emplace(m_module, CRefPtr_T<PeerStream>(new PeerStream(std::move(peer))));
         m_session_is_done = m_waiter.Watch(m_session->Done(), POLLIN, [this] { EndSession(); });
     }
@@ -131,7 +131,7 @@ private:
         if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
             return;
         }
-        m_log.Write(kLogFailure, "[host] no peer can be taken: " + ErrnoText(error));
+        m_log.Write(kLogFailure, "[host] no peer can be accepted: " + ErrnoText(error));
         // Most likely no descriptor is left. The peer stays in the socket's queue until the next attempt.
         m_peer_waits.reset();
         m_retry = Clock::now() + kPause;

@@ -115,8 +115,7 @@ Expected<void> ChangeFormat(const CommandContext& context) {
         return printed;
     }
     if (*after != *options.size) {
-        return Fail(label + " sends " + SizeText(*after) + " where " + SizeText(*options.size) +
-                    " was asked for");
+        return Fail(label + " sends " + SizeText(*after) + ", not the requested " + SizeText(*options.size));
     }
     return {};
 }

@@ -70,7 +70,7 @@ Expected<void> CheckTwo(const RecordTarget& one, const RecordTarget& other) {
     const bool same = std::filesystem::path(one.path).lexically_normal() ==
                       std::filesystem::path(other.path).lexically_normal();
     if (same || one.path == "-" || other.path == "-") {
-        return FailUsage("FILE: each camera takes a file of its own");
+        return FailUsage("FILE: each camera needs a separate file");
     }
     return {};
 }
@@ -134,7 +134,7 @@ private:
             ->check(NotEmpty("name"));
         m_app
             .add_option("--exec", m_options.exec,
-                        "Run this by sh -c and speak with its standard input and output, as in "
+                        "Run this by sh -c and use its standard input and output, as in "
                         "'ssh desk zu-camera-host --stdio'")
             ->type_name("COMMAND")
             ->check(NotEmpty("name"));
@@ -187,7 +187,7 @@ private:
             ->type_name("WIDTHxHEIGHT")
             ->required(size_required)
             ->check(CLI::Validator(CheckSize, ""));
-        app->add_option("--fps", m_options.fps, "Frames a second to ask for (default 30)")
+        app->add_option("--fps", m_options.fps, "Frames per second to request (default 30)")
             ->type_name("NUMBER")
             ->check(CLI::Range(1, 1000));
     }

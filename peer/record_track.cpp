@@ -49,7 +49,7 @@ std::string RecordTrack::Summary() const {
                   static_cast<unsigned long long>(m_frames), m_frames == 1 ? "" : "s");
     std::string summary = Name() + text;
     if (length > 0) {
-        std::snprintf(text, sizeof text, ", %.1f frames a second, %.2f Mbit/s", count / length,
+        std::snprintf(text, sizeof text, ", %.1f frames per second, %.2f Mbit/s", count / length,
                       static_cast<double>(m_bytes) * 8 / length / 1e6);
         summary += text;
     }

@@ -43,7 +43,7 @@ public:
 
     // "FILE: 5.0 s, 150 frames, 1.2 MB"
     std::string Progress() const;
-    // "FILE: 5.0 s, 150 frames, 30.0 frames a second, 0.47 Mbit/s"
+    // "FILE: 5.0 s, 150 frames, 30.0 frames per second, 0.47 Mbit/s"
     std::string Summary() const;
 
 private:

@@ -66,7 +66,7 @@ TEST_F(HostSession, APeerIsAcceptedOnceTheHostHasADescriptorForIt) {
     const rlimit full{4, before.rlim_max};
     ASSERT_EQ(prlimit(host->Pid(), RLIMIT_NOFILE, &full, nullptr), 0);
     const PeerClient peer = Connect();
-    EXPECT_TRUE(host->Says("error   [host] no peer can be taken: Too many open files"));
+    EXPECT_TRUE(host->Says("error   [host] no peer can be accepted: Too many open files"));
     ASSERT_EQ(prlimit(host->Pid(), RLIMIT_NOFILE, &before, nullptr), 0);
     ExpectServed(peer);
 }
@@ -100,7 +100,7 @@ TEST_F(HostOfAFastCamera, IsNotBlockedByAPeerThatStopsSendingAndDoesNotRead) {
     ASSERT_TRUE(stuck.ReceiveType(7).has_value());
     WaitUntilFull(stuck);
     shutdown(stuck.Descriptor(), SHUT_WR);
-    EXPECT_TRUE(host->Says("[host] the peer has gone"));
+    EXPECT_TRUE(host->Says("[host] the peer has left"));
 }
 
 TEST_F(HostSession, PeersThatVanishAtAnyMomentLeaveTheHostReady) {
@@ -178,7 +178,7 @@ TEST_F(HostSession, AnotherUserIsRefusedEvenIfTheFileModesAllowAccess) {
     ASSERT_TRUE(notice.has_value());
     EXPECT_EQ(notice->type, 128);
     EXPECT_EQ(std::string(notice->body.begin(), notice->body.end()),
-              "refused: this host serves its own user alone");
+              "refused: this host serves only its own user");
     EXPECT_TRUE(closed);
     ExpectServed(Connect());
 }

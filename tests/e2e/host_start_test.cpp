@@ -38,11 +38,11 @@ TEST_F(HostStart, WrongOptionsEndItWithStatus2) {
 }
 
 TEST_F(HostStart, AMissingDirectoryOrModuleIsNamed) {
-    ExpectFailure(1, "the module directory is not there: /nonexistent/modules",
+    ExpectFailure(1, "the module directory is missing: /nonexistent/modules",
                   {"--listen", socket, "--modules", "/nonexistent/modules"});
-    ExpectFailure(1, "the camera module is not there: " + (work / "zu-client-camera.so"),
+    ExpectFailure(1, "the camera module is missing: " + (work / "zu-client-camera.so"),
                   {"--listen", socket, "--modules", work.Path()});
-    ExpectFailure(1, "the camera module is not there: " + (work / "zu-client-camera.so"),
+    ExpectFailure(1, "the camera module is missing: " + (work / "zu-client-camera.so"),
                   {"--stdio", "--env", "zu.env.modules.dir=" + work.Path()});
     EXPECT_FALSE(std::filesystem::exists(work / "private")) << "nothing was created";
 }
@@ -56,7 +56,9 @@ TEST_F(HostStart, AFileThatIsNotAModuleIsNamed) {
 TEST_F(HostStart, ADirectoryThatOthersMayWriteToIsRefused) {
     ASSERT_EQ(chmod(work.Path().c_str(), 0777), 0);
     ExpectFailure(
-        1, work.Path() + ": others may write to the directory; choose one that is yours alone (chmod go-w)",
+        1,
+        work.Path() +
+            ": others may write to the directory; choose one that only you may write to (chmod go-w)",
         {"--listen", work / "socket"});
 }
 

@@ -379,7 +379,7 @@ TEST_F(PeerPictures, ReportsThatTheSizeDidNotChange) {
     host.Send(kVersionReplyBytes);
     SendFrames(20);
     AnswerClose();
-    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sends 640x480 where 320x240 was asked for\n");
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sends 640x480, not the requested 320x240\n");
     EXPECT_EQ(Printed(), "camera 0 (Front): 640x480, then 640x480\n");
 }
 
