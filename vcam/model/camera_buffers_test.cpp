@@ -241,10 +241,7 @@ TEST(Camera, IsBusyForAnotherFileAsSoonAsItGrantedBuffers) {
     TestRig rig;
     ModelFile second(rig.Device());
     ASSERT_EQ(rig.Request(2), 2);
-    v4l2_requestbuffers request{};
-    request.count = 2;
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    request.memory = V4L2_MEMORY_MMAP;
+    v4l2_requestbuffers request = BufferRequest(2);
     EXPECT_EQ(second.Ioctl(VIDIOC_REQBUFS, &request), EBUSY);
     ASSERT_EQ(rig.Request(0), 0);
     EXPECT_EQ(second.Ioctl(VIDIOC_REQBUFS, &request), 0);
@@ -254,10 +251,7 @@ TEST(Camera, IsBusyForASecondStreamer) {
     TestRig rig;
     ModelFile second(rig.Device());
     ASSERT_EQ(rig.Start(2), 0);
-    v4l2_requestbuffers request{};
-    request.count = 2;
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    request.memory = V4L2_MEMORY_MMAP;
+    v4l2_requestbuffers request = BufferRequest(2);
     EXPECT_EQ(second.Ioctl(VIDIOC_REQBUFS, &request), EBUSY);
     uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     EXPECT_EQ(second.Ioctl(VIDIOC_STREAMON, &type), EBUSY);

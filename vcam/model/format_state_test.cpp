@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <string>
 
 #include "vcam/testing/requests.h"
 #include "vcam/testing/test_rig.h"
@@ -11,6 +12,19 @@ namespace zumod::vcam {
 namespace {
 
 const FaultSet kNoFaults{};
+
+// What TRY_FMT makes of a request.
+v4l2_pix_format Tried(const std::string& options, const v4l2_format& request) {
+    const FormatState state(Configure(options), kNoFaults);
+    v4l2_format format = request;
+    EXPECT_EQ(state.TryFormat(format), 0);
+    return format.fmt.pix;
+}
+
+Size TriedSize(const std::string& options, Size size) {
+    const v4l2_pix_format pix = Tried(options, Format(size.width, size.height, V4L2_PIX_FMT_NV12));
+    return {pix.width, pix.height};
+}
 
 TEST(FormatState, ReportsItsIdentityAndCapabilities) {
     FormatState state(Configure("card=Front Camera,device=3"), kNoFaults);
@@ -39,23 +53,13 @@ TEST(FormatState, ListsItsFormatsInTheGivenOrderAndThenEnds) {
 }
 
 TEST(FormatState, ChoosesTheNearestOfItsSizes) {
-    FormatState state(Configure("sizes=640x480:1280x720,adjust=nearest"), kNoFaults);
-    v4l2_format format = Format(800, 600, V4L2_PIX_FMT_NV12);
-    ASSERT_EQ(state.TryFormat(format), 0);
-    EXPECT_EQ(format.fmt.pix.width, 640U);
-    EXPECT_EQ(format.fmt.pix.height, 480U);
-    format = Format(1440, 1080, V4L2_PIX_FMT_NV12);
-    ASSERT_EQ(state.TryFormat(format), 0);
-    EXPECT_EQ(format.fmt.pix.width, 1280U);
-    EXPECT_EQ(format.fmt.pix.height, 720U);
+    const std::string options = "sizes=640x480:1280x720,adjust=nearest";
+    EXPECT_EQ(TriedSize(options, {800, 600}), (Size{640, 480}));
+    EXPECT_EQ(TriedSize(options, {1440, 1080}), (Size{1280, 720}));
 }
 
 TEST(FormatState, MayChooseASizeByItsWidthOnly) {
-    FormatState state(Configure("sizes=640x480:1280x720,adjust=width"), kNoFaults);
-    v4l2_format format = Format(1280, 96, V4L2_PIX_FMT_NV12);
-    ASSERT_EQ(state.TryFormat(format), 0);
-    EXPECT_EQ(format.fmt.pix.width, 1280U);
-    EXPECT_EQ(format.fmt.pix.height, 720U);
+    EXPECT_EQ(TriedSize("sizes=640x480:1280x720,adjust=width", {1280, 96}), (Size{1280, 720}));
 }
 
 TEST(FormatState, MayAcceptAnySize) {
@@ -73,10 +77,8 @@ TEST(FormatState, MayAcceptAnySize) {
 }
 
 TEST(FormatState, ReplacesAnUnknownFormatByItsFirst) {
-    FormatState state(Configure("formats=YUYV:NV12"), kNoFaults);
-    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_H264);
-    ASSERT_EQ(state.TryFormat(format), 0);
-    EXPECT_EQ(format.fmt.pix.pixelformat, V4L2_PIX_FMT_YUYV);
+    const v4l2_pix_format pix = Tried("formats=YUYV:NV12", Format(640, 480, V4L2_PIX_FMT_H264));
+    EXPECT_EQ(pix.pixelformat, V4L2_PIX_FMT_YUYV);
 }
 
 TEST(FormatState, TriesAFormatWithoutChangingTheCurrentOne) {
@@ -104,22 +106,15 @@ TEST(FormatState, RefusesAnotherBufferType) {
 }
 
 TEST(FormatState, PadsItsRows) {
-    FormatState state(Configure("padding=22,formats=NV12"), kNoFaults);
-    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
-    ASSERT_EQ(state.TryFormat(format), 0);
-    EXPECT_EQ(format.fmt.pix.bytesperline, 662U);
-    EXPECT_EQ(format.fmt.pix.sizeimage, 662U * 480 * 3 / 2);
+    const v4l2_pix_format pix = Tried("padding=22,formats=NV12", Format(640, 480, V4L2_PIX_FMT_NV12));
+    EXPECT_EQ(pix.bytesperline, 662U);
+    EXPECT_EQ(pix.sizeimage, 662U * 480 * 3 / 2);
 }
 
 TEST(FormatState, KeepsALongerRowOnlyIfConfigured) {
-    FormatState keeps(Configure("stride=asked"), kNoFaults);
-    v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12, 768);
-    ASSERT_EQ(keeps.TryFormat(format), 0);
-    EXPECT_EQ(format.fmt.pix.bytesperline, 768U);
-    FormatState ignores(Configure("sizes=64x64,fps=500"), kNoFaults);
-    format = Format(640, 480, V4L2_PIX_FMT_NV12, 768);
-    ASSERT_EQ(ignores.TryFormat(format), 0);
-    EXPECT_EQ(format.fmt.pix.bytesperline, 64U);
+    const v4l2_format longer = Format(640, 480, V4L2_PIX_FMT_NV12, 768);
+    EXPECT_EQ(Tried("stride=asked", longer).bytesperline, 768U);
+    EXPECT_EQ(Tried("sizes=64x64,fps=500", longer).bytesperline, 64U);
 }
 
 v4l2_streamparm Parm(uint32_t numerator, uint32_t denominator) {

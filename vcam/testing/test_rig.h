@@ -38,7 +38,7 @@ public:
     ~TestRig() { Unmap(); }
 
     Camera& Device() { return m_camera; }
-    void Inject(const char* fault) { m_camera.Inject(ParseFault(fault).value()); }
+    void Inject(const std::string& fault) { m_camera.Inject(ParseFault(fault).value()); }
     ModelFile& File() { return *m_file; }
     CameraBoard& Board() { return m_board; }
 
