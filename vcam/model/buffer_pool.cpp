@@ -9,7 +9,6 @@ std::shared_ptr<BufferPool> BufferPool::Create(uint32_t count, uint32_t length) 
     const auto page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
     std::shared_ptr<BufferPool> pool(new BufferPool);
     pool->m_count = count;
-    pool->m_length = length;
     pool->m_stride = (length + page - 1) / page * page;
     const size_t size = size_t{count} * pool->m_stride;
     pool->m_fd.Reset(memfd_create("zu-vcam-buffers", MFD_CLOEXEC | MFD_ALLOW_SEALING));

@@ -22,7 +22,6 @@ public:
     uint8_t* At(uint32_t index) const { return m_base + size_t{index} * m_stride; }
     uint32_t Stride() const { return m_stride; }
     uint32_t Count() const { return m_count; }
-    uint32_t Length() const { return m_length; }
     int Descriptor() const { return m_fd.Get(); }
 
     // Ends the camera's own mapping and returns whether a program still has one. At must not be used any
@@ -36,7 +35,6 @@ private:
     UniqueFd m_fd;
     uint8_t* m_base = nullptr;
     uint32_t m_count = 0;
-    uint32_t m_length = 0;
     uint32_t m_stride = 0;
 };
 

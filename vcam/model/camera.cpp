@@ -7,11 +7,8 @@
 #include "vcam/model/ioctl_table.h"
 
 namespace zumod::vcam {
-namespace {
 
-using Clock = std::chrono::steady_clock;
-
-}  // namespace
+using Clock = FrameThread::Clock;
 
 Camera::Camera(unsigned slot, CameraConfig config, std::string server_name, CameraBoard& board)
     : m_slot(slot), m_server_name(std::move(server_name)), m_board(board), m_parts(std::move(config), board) {

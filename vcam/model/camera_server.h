@@ -28,7 +28,6 @@ public:
     const std::string& Name() const { return m_name; }
     // In the order of the configurations.
     Camera& At(size_t index) { return *m_cameras.at(index); }
-    size_t Count() const { return m_cameras.size(); }
 
     // Carries out a line for one camera, such as "0 unplug" or "1 status", and returns the camera's answer.
     Expected<std::string> Control(const std::string& line);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
 
 namespace zumod::vcam {
 namespace {
@@ -9,34 +10,30 @@ namespace {
 constexpr char kFirstLetter = ' ';
 constexpr char kLastLetter = 'Z';
 
-template <unsigned kBytes>
-void CopyRows(uint8_t* out, size_t out_stride, const uint8_t* from, size_t from_stride, unsigned rows) {
-    for (unsigned y = 0; y < rows; ++y) {
-        std::memcpy(out + y * out_stride, from + y * from_stride, kBytes);
-    }
-}
-
 // A copy of a size known at compile time is a few instructions. The cases are the sizes of the present
 // formats.
 void CopyRows(uint8_t* out, size_t out_stride, const uint8_t* from, size_t from_stride, unsigned rows,
               size_t bytes) {
+    const auto copy = [&](auto size) {
+        for (unsigned y = 0; y < rows; ++y) {
+            std::memcpy(out + y * out_stride, from + y * from_stride, size);
+        }
+    };
     switch (bytes) {
         case 4:
-            return CopyRows<4>(out, out_stride, from, from_stride, rows);
+            return copy(std::integral_constant<size_t, 4>());
         case 8:
-            return CopyRows<8>(out, out_stride, from, from_stride, rows);
+            return copy(std::integral_constant<size_t, 8>());
         case 16:
-            return CopyRows<16>(out, out_stride, from, from_stride, rows);
+            return copy(std::integral_constant<size_t, 16>());
         case 32:
-            return CopyRows<32>(out, out_stride, from, from_stride, rows);
+            return copy(std::integral_constant<size_t, 32>());
         case 64:
-            return CopyRows<64>(out, out_stride, from, from_stride, rows);
+            return copy(std::integral_constant<size_t, 64>());
         case 128:
-            return CopyRows<128>(out, out_stride, from, from_stride, rows);
+            return copy(std::integral_constant<size_t, 128>());
         default:
-            for (unsigned y = 0; y < rows; ++y) {
-                std::memcpy(out + y * out_stride, from + y * from_stride, bytes);
-            }
+            return copy(bytes);
     }
 }
 

@@ -15,6 +15,15 @@ namespace zumod::vcam {
 using zumod::ReadStamp;
 
 // The stamp of an uncompressed picture, or nullopt if it has none or an unreadable one.
-std::optional<Stamp> ReadStamp(const uint8_t* picture, const PictureLayout& layout);
+inline std::optional<Stamp> ReadStamp(const uint8_t* picture, const PictureLayout& layout) {
+    const PixelFormat* format = FindPixelFormat(layout.fourcc);
+    if (format == nullptr || format->compressed) {
+        return std::nullopt;
+    }
+    // A format without luma has the blocks in its first colour too: they are black and white.
+    const size_t luma = format->pixel.find('Y');
+    return ReadStamp(picture + (luma == std::string_view::npos ? 0 : luma), layout.bytesperline, layout.width,
+                     layout.height, format->PixelBytes());
+}
 
 }  // namespace zumod::vcam
