@@ -95,20 +95,19 @@ std::optional<Stamp> ReadStamp(const uint8_t* luma, size_t stride, unsigned widt
     }
     // Compression blurs a block's edges: only its middle half is read.
     const unsigned margin = grid.block / 4;
+    const unsigned side = grid.block - 2 * margin;
     std::array<unsigned, kStampBits> level{};
     for (unsigned bit = 0; bit < kStampBits; ++bit) {
         const unsigned left = bit % grid.columns * grid.block;
         const unsigned top = bit / grid.columns * grid.block;
         unsigned sum = 0;
-        unsigned count = 0;
-        for (unsigned y = top + margin; y < top + grid.block - margin; ++y) {
+        for (unsigned y = top + margin; y < top + margin + side; ++y) {
             const uint8_t* row = luma + y * stride;
-            for (unsigned x = left + margin; x < left + grid.block - margin; ++x) {
+            for (unsigned x = left + margin; x < left + margin + side; ++x) {
                 sum += row[size_t{x} * step];
-                ++count;
             }
         }
-        level[bit] = sum / count;
+        level[bit] = sum / (side * side);
     }
     // The first two blocks are white and black.
     if (level[0] < level[1] + 32) {

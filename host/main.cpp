@@ -49,7 +49,7 @@ Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
 Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_streams, HostLog& log,
                      Waiter& waiter) {
     CameraModule module;
-    if (const auto loaded = module.Load(); !loaded) {
+    if (auto loaded = module.Load(); !loaded) {
         return loaded;
     }
     if (const auto loaded = LoadCodecLibrary(); !loaded) {

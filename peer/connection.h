@@ -25,7 +25,8 @@ public:
           m_output(std::move(other.m_output)),
           m_command(std::exchange(other.m_command, -1)) {}
     Connection& operator=(Connection&&) = delete;
-    ~Connection() { End(); }
+    // If memory is not to be had here, the program ends.
+    ~Connection() { End(); }  // NOLINT(bugprone-exception-escape)
 
     // Non-blocking. Both may be the same descriptor.
     int Input() const { return m_input.Get(); }

@@ -109,7 +109,7 @@ Expected<void> ChangeFormat(const CommandContext& context) {
     if (!after) {
         return tl::make_unexpected(after.error());
     }
-    const auto printed =
+    auto printed =
         context.output.Write(label + ": " + SizeText(*before) + ", then " + SizeText(*after) + "\n");
     if (!printed) {
         return printed;

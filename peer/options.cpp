@@ -119,7 +119,7 @@ private:
                 return FailUsage("FILE: " + mistake);
             }
             for (const RecordTarget& earlier : targets) {
-                if (const auto checked = CheckTwo(target, earlier); !checked) {
+                if (auto checked = CheckTwo(target, earlier); !checked) {
                     return checked;
                 }
             }

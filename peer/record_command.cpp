@@ -150,7 +150,7 @@ private:
             if (!*frame) {
                 continue;
             }
-            if (const auto delivered = Deliver(**frame); !delivered) {
+            if (auto delivered = Deliver(**frame); !delivered) {
                 return delivered;
             }
             m_progress.Show([this] { return ProgressText(); });
@@ -210,11 +210,11 @@ private:
 
 Expected<void> RecordCameras(const CommandContext& context) {
     Recording recording(context);
-    const auto recorded = recording.Run();
+    auto recorded = recording.Run();
     if (!recorded && (recording.Frames() == 0 || recorded.error() == OutputClosed())) {
         return recorded;
     }
-    const auto finished = recording.Finish();
+    auto finished = recording.Finish();
     if (!recorded && recorded.error() != Interrupted()) {
         const std::string rest = finished ? recording.RecordedText() : finished.error().text;
         return Fail(recorded.error().text + "; " + rest);

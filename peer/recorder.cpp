@@ -114,7 +114,7 @@ Expected<void> Recorder::Finish() {
     if (!m_begun) {
         return {};
     }
-    if (const auto ended = Check(av_write_trailer(m_file), "end"); !ended) {
+    if (auto ended = Check(av_write_trailer(m_file), "end"); !ended) {
         return ended;
     }
     return Check(avio_closep(&m_file->pb), "closing");

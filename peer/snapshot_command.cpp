@@ -53,7 +53,7 @@ Expected<void> TakeSnapshot(const CommandContext& context) {
     if (!png) {
         return tl::make_unexpected(png.error());
     }
-    if (const auto written = file->Write(*png); !written) {
+    if (auto written = file->Write(*png); !written) {
         return written;
     }
     return file->Commit();

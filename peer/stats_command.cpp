@@ -41,7 +41,7 @@ public:
                 return tl::make_unexpected(received.error());
             }
             if (*received) {
-                if (const auto done = OnMessage(**received); !done) {
+                if (auto done = OnMessage(**received); !done) {
                     return done;
                 }
             }
@@ -52,7 +52,7 @@ public:
                 return done;
             }
             if (now >= next_line) {
-                if (const auto printed = PrintFigures(now); !printed) {
+                if (auto printed = PrintFigures(now); !printed) {
                     return printed;
                 }
                 next_line = std::max(next_line + kLineInterval, now);
@@ -78,7 +78,7 @@ private:
         if (frame == nullptr || !m_watch.IsOurs(frame->id) || frame->bytes.empty()) {
             return {};
         }
-        const auto done = Perform(m_watch.OnFrame(received.at));
+        auto done = Perform(m_watch.OnFrame(received.at));
         Measure(*frame);
         return done;
     }
@@ -101,7 +101,7 @@ private:
 
     Expected<void> Perform(const CameraWatch::Actions& actions) {
         for (const WatchAction& action : actions) {
-            if (const auto done = Perform(action); !done) {
+            if (auto done = Perform(action); !done) {
                 return done;
             }
         }
