@@ -6,7 +6,7 @@ namespace zumod::peer {
 
 Expected<FrameSink::Result> RecordTrack::OnFrame(const Frame& frame) {
     using Result = FrameSink::Result;
-    const auto result = frame.at >= m_end ? Result::kSkipped : m_sink->Add(frame);
+    auto result = frame.at >= m_end ? Result::kSkipped : m_sink->Add(frame);
     m_skipped = result == Result::kSkipped;
     if (result != Result::kTaken) {
         return result;

@@ -46,7 +46,7 @@ public:
                 }
             }
             now = Clock::now();
-            const auto done =
+            auto done =
                 m_watch.OnTime(now).and_then([this](const auto& actions) { return Perform(actions); });
             if (!done) {
                 return done;
