@@ -10,12 +10,12 @@
 
 namespace zumod {
 
-// Header: the header record. Context: an argument for every handler beside the body. MaxKeys: the largest
+// Header: the header record. Context: an argument for every handler beside the body. kMaxKeys: the largest
 // number of consecutive headers in a message, each with a type byte. Length: the type of a body length.
 // Result: the type of a handler's result.
 //
 // Slots: destructor pair 0 and 1, GetDispatchTable 2, CallEntry 3, OnMessage 4.
-template <class Header, class Context, uint64_t MaxKeys, class Length, class Result>
+template <class Header, class Context, uint64_t kMaxKeys, class Length, class Result>
 class CMessageSeparation_T {
 public:
     using Handler = Result (CMessageSeparation_T::*)(const uint8_t* body, Length length, Context context);
@@ -23,7 +23,7 @@ public:
     // The first entry with a null handler ends the table.
     struct Entry {
         uint8_t keys[8];     // the type bytes, outermost header first
-        uint64_t key_count;  // number of keys used, 1 to MaxKeys
+        uint64_t key_count;  // number of keys used, 1 to kMaxKeys
         Handler handler;
     };
     static_assert(sizeof(Entry) == 32);
@@ -54,7 +54,7 @@ public:
         }
         for (uint64_t index = 0;; ++index) {
             const Entry& entry = EntryAt(first, entry_size, index);
-            if (entry.handler == nullptr || entry.key_count < 1 || entry.key_count > MaxKeys) {
+            if (entry.handler == nullptr || entry.key_count < 1 || entry.key_count > kMaxKeys) {
                 return Result{};
             }
             if (!Matches(entry, data, size)) {
