@@ -1,4 +1,4 @@
-// What a camera keeps for its device, one part per concern. No part has a lock or a thread of its own,
+// What a camera keeps for its device, one part per concern. No part has a separate lock or thread,
 // except that FrameThread runs the thread in which frames are painted and delivered.
 //
 // Thread rule: the camera's lock guards all parts.

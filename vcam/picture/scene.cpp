@@ -80,7 +80,7 @@ PlacedText Scene::Text(const Stamp& stamp) const {
     const uint64_t ms = stamp.time_us / 1000;
     std::snprintf(text, sizeof text, "%010" PRIu32 " %" PRIu64 ".%03" PRIu64, stamp.counter, ms / 1000,
                   ms % 1000);
-    // If there is not room for everything, keep the last digits of the counter.
+    // If not everything fits, keep the last digits of the counter.
     const unsigned skipped = m_columns < kCounterDigits ? kCounterDigits - m_columns : 0;
     std::string_view(text + skipped).substr(0, m_columns).copy(placed.text, sizeof placed.text - 1);
     return placed;
