@@ -778,7 +778,7 @@ TEST_F(CameraClientLinux, TheDestructorWaitsForTheFrameThatIsBeingEncoded) {
 
 // Opens, changes and closes in a loop while the camera delivers a thousand frames per second.
 TEST_F(CameraClientLinux, NeitherOpenAndCloseNorSetFormatEverHangs) {
-#if defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     constexpr int kCycles = 1000;
 #else
     constexpr int kCycles = 10000;

@@ -115,6 +115,10 @@ TEST_P(FortifiedHardening, ItCallsTheCheckedFunctionsOfTheCLibrary) {
     if (ZU_SANITIZED || !ZU_OPTIMISED) {
         GTEST_SKIP() << "the checked functions come with optimised builds without a sanitizer";
     }
+#if defined(__clang__)
+    // In C++, Clang has no checked form of a call with variable arguments, and a program may have no other call.
+    GTEST_SKIP() << "GCC only, which is what is shipped";
+#endif
     const auto is_checked = [](const std::string& name) {
         return name.size() > 4 && name.compare(name.size() - 4, 4, "_chk") == 0;
     };

@@ -335,14 +335,17 @@ TEST(Preload, DeliversFramesToAForkedProcess) {
 TEST(Preload, RecognisesADescriptorInheritedThroughExec) {
     const PreloadedCameras cameras{"card=Inherited"};
     const int fd = open("/dev/video0", O_RDWR);
-    ASSERT_EQ(dup2(fd, 9), 9);
-    const std::string self = "/proc/self/exe";
+    // A number that nothing else in this process uses, without close-on-exec.
+    const int inherited = fcntl(fd, F_DUPFD, 100);
+    ASSERT_GE(inherited, 100);
+    const std::string number = std::to_string(inherited);
     EXPECT_TRUE(InChild([&] {
-        setenv("ZU_VCAM_TEST_DESCRIPTOR", "9", 1);
-        execl(self.c_str(), "preload_test", "--gtest_filter=Preload.ChildRecognisesItsDescriptor", nullptr);
+        setenv("ZU_VCAM_TEST_DESCRIPTOR", number.c_str(), 1);
+        execl("/proc/self/exe", "preload_test", "--gtest_filter=Preload.ChildRecognisesItsDescriptor",
+              nullptr);
         return false;
     }));
-    close(9);
+    close(inherited);
     close(fd);
 }
 

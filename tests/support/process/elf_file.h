@@ -7,8 +7,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -28,7 +28,8 @@ public:
 
     explicit ElfFile(const std::string& path) {
         std::ifstream in(path, std::ios::binary);
-        m_bytes.assign(std::istreambuf_iterator<char>(in), {});
+        m_bytes.resize(std::filesystem::file_size(path));
+        in.read(m_bytes.data(), static_cast<std::streamsize>(m_bytes.size()));
         if (m_bytes.size() < sizeof(Elf64_Ehdr) || std::memcmp(m_bytes.data(), ELFMAG, SELFMAG) != 0) {
             throw std::runtime_error(path + " is not an ELF file");
         }
