@@ -38,17 +38,17 @@ CCameraClientLinux::~CCameraClientLinux() {
 }
 
 void CCameraClientLinux::SetListener(IClientCameraListenter* listener) {
-    const LockGuard guard(m_lock);
+    const OperationGuard guard(*this);
     m_listener = listener;
 }
 
 void CCameraClientLinux::SetCameraId(uint32_t id) {
-    const LockGuard guard(m_lock);
+    const OperationGuard guard(*this);
     m_camera_id = id;
 }
 
 void CCameraClientLinux::SetFormat(int32_t width, int32_t height, int32_t fps) {
-    const LockGuard guard(m_lock);
+    const OperationGuard guard(*this);
     if (width == m_requested_width && height == m_requested_height && fps == m_fps) {
         return;
     }
@@ -65,7 +65,7 @@ void CCameraClientLinux::SetFormat(int32_t width, int32_t height, int32_t fps) {
 void CCameraClientLinux::SetProperty(int32_t /*property*/, int32_t /*value*/, int32_t /*automatic*/) {}
 
 void CCameraClientLinux::SetCameraFlag(uint8_t flag) {
-    const LockGuard guard(m_lock);
+    const OperationGuard guard(*this);
     m_camera_flag.store(flag, std::memory_order_relaxed);
 }
 
@@ -74,7 +74,7 @@ uint8_t CCameraClientLinux::GetCameraFlag() {
 }
 
 bool CCameraClientLinux::Open() {
-    const LockGuard guard(m_lock);
+    const OperationGuard guard(*this);
     if (!m_started) {
         m_capture->setDevId(static_cast<int32_t>(m_camera_id));
         m_capture->setFormat(m_requested_width, m_requested_height, m_fps);
@@ -84,7 +84,7 @@ bool CCameraClientLinux::Open() {
 }
 
 int32_t CCameraClientLinux::Close(const uint32_t* /*ignored*/) {
-    const LockGuard guard(m_lock);
+    const OperationGuard guard(*this);
     m_capture->stopCapture();
     return 0;
 }
@@ -101,13 +101,22 @@ void CCameraClientLinux::OnCaptureFrame(const unsigned char* data, unsigned long
     }
 }
 
+CCameraClientLinux::OperationGuard::OperationGuard(CCameraClientLinux& client) : m_lock(client.m_lock) {
+    client.m_waiting_operations.fetch_add(1, std::memory_order_relaxed);
+    m_lock.Lock();
+    client.m_waiting_operations.fetch_sub(1, std::memory_order_relaxed);
+}
+
 bool CCameraClientLinux::LockForFrame() {
-    while (!m_lock.TryLockFor(kStopCheckInterval)) {
+    while (m_waiting_operations.load(std::memory_order_relaxed) == 0) {
+        if (m_lock.TryLockFor(kStopCheckInterval)) {
+            return true;
+        }
         if (m_capture->isStopping()) {
             return false;
         }
     }
-    return true;
+    return false;
 }
 
 void CCameraClientLinux::HandleFrame(const unsigned char* data, unsigned long length, int width, int height,

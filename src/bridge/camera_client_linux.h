@@ -10,12 +10,17 @@
 // between asks the capture whether it is being stopped. If it is, the frame is dropped and the thread can
 // end. A frame that already holds the lock is completed; the join waits for it.
 //
+// The mutex is not fair: the thread that unlocks it may lock it again before a waiting thread has woken up.
+// With an encoder slower than the camera, the work thread could so keep the lock from an operation for any
+// number of frames. Therefore an operation announces itself in m_waiting_operations until it has the lock,
+// and a frame that sees an announcement is dropped. At the next release only operations compete for the lock.
+//
 // The lock is recursive because a listener may call back into the camera from OnVideoPacket or IsBusy, on the
 // work thread.
 //
 // The destructor stops the capture first and disconnects the signal second: the signal's list of connections
-// is not protected against a concurrent emission. Required by the contract: the capture object is stopped but
-// never deleted, and m_started stays true after Close.
+// is not protected against a concurrent emission. It does not take m_lock, so it announces nothing. Required
+// by the contract: the capture object is stopped but never deleted, and m_started stays true after Close.
 //
 // Thread rule: IClientCamera's operations are [run thread]; OnCaptureFrame is [capture thread].
 #pragma once
@@ -62,7 +67,19 @@ public:
     void OnCaptureFrame(const unsigned char* data, unsigned long length, int width, int height, int fourcc);
 
 private:
-    // Returns false, without the lock, if the capture is being stopped.
+    // Holds m_lock for an operation. Announces the operation until it has the lock.
+    class ZU_SCOPED_CAPABILITY OperationGuard {
+    public:
+        explicit OperationGuard(CCameraClientLinux& client) ZU_ACQUIRE(client.m_lock);
+        ~OperationGuard() ZU_RELEASE() { m_lock.Unlock(); }
+        OperationGuard(const OperationGuard&) = delete;
+        OperationGuard& operator=(const OperationGuard&) = delete;
+
+    private:
+        CMutexLock& m_lock;
+    };
+
+    // Returns false, without the lock, if an operation waits for it or the capture is being stopped.
     bool LockForFrame() ZU_TRY_ACQUIRE(true, m_lock);
     void HandleFrame(const unsigned char* data, unsigned long length, int width, int height, int fourcc)
         ZU_REQUIRES(m_lock);
@@ -71,6 +88,9 @@ private:
         ZU_REQUIRES(m_lock);
 
     CMutexLock m_lock;
+    // Operations that wait for m_lock. Changed by their threads, read by the capture thread. Relaxed: a late
+    // read costs one more frame.
+    std::atomic<uint32_t> m_waiting_operations{0};
     // Borrowed: the plugin outlives its cameras.
     IClientCameraListenter* m_listener ZU_GUARDED_BY(m_lock) = nullptr;
     uint32_t m_camera_id ZU_GUARDED_BY(m_lock) = 0;

@@ -716,6 +716,70 @@ TEST_F(CameraClientLinuxLock, EveryPathOfAFrameReleasesTheLock) {
     EXPECT_EQ(client->GetCameraFlag(), 1);
 }
 
+// Frames follow each other without a pause, as from a camera that is faster than the encoder.
+class CameraClientLinuxFairness : public CameraClientLinux {
+protected:
+    // Calls `operation`, which logs a line with this text as soon as it has the lock, `times` times. Each
+    // time a frame holds the lock until the operation waits for it. No other frame may get the lock before
+    // it.
+    void ExpectTheLockAtTheNextRelease(int times, const char* text,
+                                       const std::function<void(int)>& operation) {
+        enum class Step { kFramesPass, kHoldOne, kHeld, kCalled };
+        const pid_t caller = gettid();
+        std::atomic<Step> step{Step::kFramesPass};
+        std::atomic<bool> ended{false};
+        int asked_at_release = 0;
+        listener.busy = true;
+        listener.during = [&] {
+            if (step != Step::kHoldOne) {
+                return;
+            }
+            step = Step::kHeld;
+            int asleep = 0;
+            EXPECT_TRUE(WaitUntil([&] {
+                asleep = step == Step::kCalled && IsAsleep(caller) ? asleep + 1 : 0;
+                return asleep == 3;
+            }));
+            asked_at_release = listener.asked;
+            step = Step::kFramesPass;
+        };
+        client->SetListener(&listener);
+        std::thread frames([&] {
+            while (!ended) {
+                Frame();
+            }
+        });
+        int late = 0;
+        for (int time = 0; time < times && !HasFailure(); ++time) {
+            step = Step::kHoldOne;
+            EXPECT_TRUE(WaitUntil([&] { return step == Step::kHeld; }));
+            host.hook_text = text;
+            host.hook = [&] { late += listener.asked - asked_at_release; };
+            step = Step::kCalled;
+            operation(time);
+            EXPECT_EQ(host.hook, nullptr);
+            host.TakeLines();
+        }
+        ended = true;
+        frames.join();
+        EXPECT_EQ(late, 0) << "frames that got the lock before a waiting operation";
+    }
+};
+
+TEST_F(CameraClientLinuxFairness, CloseGetsTheLockAtTheNextRelease) {
+    ExpectTheLockAtTheNextRelease(1000, "stopCapture, devid", [&](int) { client->Close(nullptr); });
+}
+
+TEST_F(CameraClientLinuxFairness, SetFormatGetsTheLockAtTheNextRelease) {
+    ExpectTheLockAtTheNextRelease(200, "setFormat, devid",
+                                  [&](int time) { client->SetFormat(640, 480, 16 + time % 2); });
+}
+
+TEST_F(CameraClientLinuxFairness, OpenGetsTheLockAtTheNextRelease) {
+    client->SetCameraId(2);  // not present, so that every Open tries to start the capture
+    ExpectTheLockAtTheNextRelease(200, "startCapture, devid", [&](int) { client->Open(); });
+}
+
 // ---- The lock order: a thread that stops the camera holds the client's lock and joins the work thread,
 // which may be waiting for that lock.
 
