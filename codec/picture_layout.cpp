@@ -1,5 +1,6 @@
 #include "codec/picture_layout.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace zumod {
@@ -33,14 +34,19 @@ struct Shape {
                (luma_row + luma_row % 2) * static_cast<uint64_t>(ChromaRows());
     }
 
+    // See kMaxKeptStride.
+    uint64_t MaxDeducedStride() const {
+        return static_cast<uint64_t>(std::max(RowBytes() + kMaxRowAlignment, kMaxKeptStride));
+    }
+
     // The larger stride that makes `byte_count` an exact fit, if a driver would choose it: a whole number of
-    // pixels, and an even number where chroma rows are half as long.
+    // pixels, an even number where chroma rows are half as long, and not more than drivers reach.
     std::optional<int32_t> LargerStride(int32_t stride, uint64_t byte_count) const {
         const auto rows = static_cast<uint64_t>(height) + static_cast<uint64_t>(ChromaRows());
         const uint64_t larger = byte_count / rows;
         const auto step = static_cast<uint64_t>(format->plane_count == 1 ? format->pixel_bytes : 2);
         if (byte_count > kMaxByteCount || byte_count % rows != 0 || larger % step != 0 ||
-            larger <= static_cast<uint64_t>(stride)) {
+            larger <= static_cast<uint64_t>(stride) || larger > MaxDeducedStride()) {
             return std::nullopt;
         }
         return static_cast<int32_t>(larger);

@@ -32,8 +32,17 @@ enum class PictureError { kNone, kFormat, kSize, kStride, kTooFewBytes };
 // The largest side that libx264 and the decoder accept.
 inline constexpr int32_t kMaxPictureSide = 16384;
 
+// The largest stride that is deduced from the number of bytes. Real drivers make rows longer than the picture
+// for two reasons:
+//   - The hardware writes whole bursts. That makes a row at most 512 bytes longer, mostly 64 or fewer.
+//   - The program may choose the stride, and a request that does not name one keeps that of the previous
+//     format, as with the kernel's vivid driver. That driver's longest row has 3840 pixels of 4 bytes.
+// A byte count that asks for more is a wrong count, and the rows are read as recorded.
+inline constexpr int32_t kMaxRowAlignment = 512;
+inline constexpr int32_t kMaxKeptStride = 3840 * 4;
+
 // Lays the picture out with the record's stride, unless the number of bytes contradicts it:
-//   - An exact fit for one larger stride is a picture with padded rows.
+//   - An exact fit for one larger stride that a driver can have chosen is a picture with padded rows.
 //   - The record's stride is usually the row length rounded up to a multiple of 4. If the bytes are too few
 //     for that stride but an exact fit for rows without padding, the rows have no padding.
 // Any further bytes are ignored. `layout` is written only on success.

@@ -100,6 +100,22 @@ TEST_F(PictureLayoutTest, AnExactFitForALargerStrideMeansPaddedRows) {
     ExpectPlane(0, 0, 1284, 1280, 180);
 }
 
+TEST_F(PictureLayoutTest, AStrideThatNoDriverReachesIsNotDeduced) {
+    // 15360 bytes: a row of 3840 pixels of 4 bytes, kept from the previous format.
+    ASSERT_EQ(LayOut({640, 480, 640, 8, kNv12}, 15360 * 720), PictureError::kNone);
+    ExpectPlane(0, 0, 15360, 640, 480);
+    ASSERT_EQ(LayOut({640, 480, 640, 8, kNv12}, 15362 * 720), PictureError::kNone);
+    ExpectPlane(0, 0, 640, 640, 480);
+    EXPECT_EQ(layout.byte_count, 460800U);
+    ASSERT_EQ(LayOut({640, 480, 1280, 16, kYuy2}, 40960 * 480), PictureError::kNone);
+    ExpectPlane(0, 0, 1280, 1280, 480);
+    // Rows that are longer than that themselves are aligned to at most 512 bytes.
+    ASSERT_EQ(LayOut({4096, 16, 16384, 32, kBgr}, 16896 * 16), PictureError::kNone);
+    ExpectPlane(0, 0, 16896, 16384, 16);
+    ASSERT_EQ(LayOut({4096, 16, 16384, 32, kBgr}, 16900 * 16), PictureError::kNone);
+    ExpectPlane(0, 0, 16384, 16384, 16);
+}
+
 TEST_F(PictureLayoutTest, ExtraBytesThatFitNoStrideAreIgnored) {
     ASSERT_EQ(LayOut({640, 480, 640, 8, kNv12}, 462848), PictureError::kNone);
     ExpectPlane(0, 0, 640, 640, 480);

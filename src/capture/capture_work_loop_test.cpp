@@ -117,12 +117,25 @@ TEST_F(CaptureWorkLoopTest, ADestroyedHolderGetsNoFrame) {
     ASSERT_TRUE(WaitForFrames(collector, 1));
 }
 
-TEST_F(CaptureWorkLoopTest, TheSizeIsTheDriversEvenIfItExceedsTheBuffer) {
+TEST_F(CaptureWorkLoopTest, TheSizeIsTheDriversButNeverExceedsTheMappedBuffer) {
     ASSERT_TRUE(capture.startCapture());
-    devices.PushFrame(0, {.bytes = {1, 2, 3}, .bytes_used = 1000000});
-    devices.PushFrame(0, {.bytes = {1, 2, 3}, .bytes_used = 0});
-    ASSERT_TRUE(WaitForFrames(collector, 2));
-    EXPECT_EQ(collector.Frames(), (std::vector{Received({1, 2, 3}, 1000000), Received({}, 0)}));
+    const uint32_t reported[] = {0, 3, 4095, 4096, 4097, 1000000, UINT32_MAX};
+    for (const uint32_t size : reported) {
+        devices.PushFrame(0, {.bytes = {1, 2, 3}, .bytes_used = size});
+    }
+    ASSERT_TRUE(WaitForFrames(collector, std::size(reported)));
+    std::vector<unsigned long> sizes;
+    for (const ReceivedFrame& frame : collector.Frames()) {
+        sizes.push_back(frame.size);
+    }
+    EXPECT_EQ(sizes, (std::vector<unsigned long>{0, 3, 4095, 4096, 4096, 4096, 4096}));
+    // The driver gets its own number back.
+    const Calls calls = WorkCalls();
+    EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
+                            [](const std::string& call) {
+                                return call.starts_with("QBUF") && call.find(" used=1000000 ") != call.npos;
+                            }),
+              1);
 }
 
 TEST_F(CaptureWorkLoopTest, ABufferThatWasNeverMappedIsQueuedAgainWithoutAFrame) {

@@ -4,6 +4,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <utility>
@@ -203,8 +204,12 @@ bool LinuxV4L2CameraCapture::DeliverFrame(Work& work) {
     }
     // A driver may return the index of a buffer that was never mapped: requeue it without emitting a frame.
     if (buffer.index < work.pool.size()) {
-        SignalCaptureFrame(static_cast<const unsigned char*>(work.pool[buffer.index].start), buffer.bytesused,
-                           work.width, work.height, static_cast<int>(work.pixel_format));
+        const MappedBuffer& mapped = work.pool[buffer.index];
+        // A driver may report more bytes than the buffer has. The encoder would read past the mapping and
+        // send other memory of the process to the peer.
+        const unsigned long length = std::min<unsigned long>(buffer.bytesused, mapped.length);
+        SignalCaptureFrame(static_cast<const unsigned char*>(mapped.start), length, work.width, work.height,
+                           static_cast<int>(work.pixel_format));
     }
     if (device::Ioctl(work.descriptor, VIDIOC_QBUF, &buffer) == -1) {
         ZuModLog(kLogIgnored, "[LinuxV4L2CameraCapture] qbuf fail, devid %d", work.dev_id);

@@ -41,7 +41,8 @@ namespace zumod {
 class LinuxV4L2CameraCapture {
 public:
     // Data, size, width, height, FourCC; emitted on the work thread. The data is the driver's buffer and is
-    // valid until the last slot returns. Width, height and FourCC are the capture's settings.
+    // valid until the last slot returns. The size is what the driver reports, but never more than the mapping
+    // holds. Width, height and FourCC are the capture's settings.
     using FrameSignal =
         sigslot::signal5<const unsigned char*, unsigned long, int, int, int, sigslot::single_threaded>;
     FrameSignal SignalCaptureFrame;

@@ -150,6 +150,27 @@ TEST_F(BothEndsKilled, AHostAtAPipeEndsWhenItsPeerIsKilled) {
     BeginRound();
 }
 
+// A driver that says that each frame has more bytes than its buffer.
+class BothEndsLongFrames : public BothEnds, public ::testing::WithParamInterface<int> {
+protected:
+    BothEndsLongFrames() : BothEnds({"card=Front,formats=NV12,sizes=640x480,fps=30"}) {}
+};
+
+TEST_P(BothEndsLongFrames, AreRecordedAsTheyAre) {
+    const auto host = Start();
+    cameras.At(0).Inject(vcam::ParseFault("long/0/0/" + std::to_string(GetParam())).value());
+    const std::string path = work / "front.h264";
+    PrintedBy(Peer({"record", "0", path, "--seconds", "1"}));
+    const auto stamps = StampsIn(work, path, 640, 480);
+    EXPECT_GE(stamps.size(), 5U);
+    EXPECT_FALSE(host->HasEnded()) << host->Errors();
+    ExpectCameraFree();
+}
+
+// A picture has 460800 bytes: an exact fit for rows of 640 bytes, then for 1280, then for 40960.
+INSTANTIATE_TEST_SUITE_P(ByOnePageOneOrManyPictures, BothEndsLongFrames,
+                         ::testing::Values(4096, 460800, 29030400));
+
 class BothEndsWatch : public BothEnds {
 protected:
     BothEndsWatch() : BothEnds({"card=Front,formats=NV12,sizes=640x480,fps=30"}) {}

@@ -66,8 +66,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         FUZZ_CHECK(encoded == !call.output.empty());
         FUZZ_CHECK(!encoded || BeginsWithStartCode(call.output));
         PictureLayout layout{};
-        if (LayOutPicture(record, byte_count, layout) != PictureError::kNone ||
-            (layout.format->is_rgb && !policy.source_rgb)) {
+        const bool fits = LayOutPicture(record, byte_count, layout) == PictureError::kNone;
+        FUZZ_CHECK(!fits || layout.byte_count <= byte_count);
+        if (!fits || (layout.format->is_rgb && !policy.source_rgb)) {
             FUZZ_CHECK(!encoded);
         }
     }

@@ -1,4 +1,5 @@
-// A codec module whose encoder has no state and allocates nothing: each picture becomes four bytes.
+// A codec module whose encoder has no state and allocates nothing: each picture becomes four bytes. It reads
+// the first and the last byte of each picture, as an encoder that believes the size would.
 #include <cstring>
 
 #include "tests/modules/test_module.h"
@@ -16,6 +17,11 @@ public:
     IZUModData* GetProperty(const char*) override { return nullptr; }
     int SetInputFormat(const VideoInputFormat*) override { return 1; }
     bool Encode(IVEncArgs* args) override {
+        const auto* bytes = static_cast<const volatile uint8_t*>(args->GetInputData());
+        if (const uint64_t size = args->GetInputSize(); size != 0) {
+            static_cast<void>(bytes[0]);
+            static_cast<void>(bytes[size - 1]);
+        }
         if (args->PrepareOutput(4) != 4) {
             return false;
         }

@@ -382,6 +382,8 @@ private:
         const std::string faults[] = {
             "short/" + frame + "/3",
             "zero/" + frame + "/3",
+            // Far past the end of the process's mappings.
+            "long/" + frame + "/3/4000000000",
             "error-flag/" + frame + "/3",
             "eintr-storm",
             "stall/" + std::to_string(m_random.Below(1500)),
