@@ -7,7 +7,11 @@
 namespace zumod {
 
 tl::unexpected<Error> Fail(std::string text, int status) {
-    return tl::unexpected<Error>(Error{std::move(text), status});
+    return Fail(Error{std::move(text), status});
+}
+
+tl::unexpected<Error> Fail(Error error) {
+    return tl::unexpected<Error>(std::move(error));
 }
 
 tl::unexpected<Error> FailUsage(const std::string& text) {

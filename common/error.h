@@ -26,6 +26,8 @@ template <class T>
 using Expected = tl::expected<T, Error>;
 
 tl::unexpected<Error> Fail(std::string text, int status = kExitFailure);
+// Passes on the error of another result.
+tl::unexpected<Error> Fail(Error error);
 
 // A mistake on the command line: "TEXT (see --help)" with kExitUsage.
 tl::unexpected<Error> FailUsage(const std::string& text);

@@ -57,7 +57,7 @@ Expected<bool> Waiter::Wait(Clock::time_point deadline) {
         return false;
     }
     if (polled[0].revents != 0 && m_signals->Consume()) {
-        return tl::make_unexpected(Interrupted());
+        return Fail(Interrupted());
     }
     // By index: a callback may add sources. lock() skips one that a callback has removed, and keeps the one
     // that runs alive if it removes itself.

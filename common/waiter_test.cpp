@@ -149,12 +149,12 @@ TEST(Waiter, ReportsASignalBeforeAnySourceAndConsumesIt) {
     int calls = 0;
     const auto registration = waiter.Watch(pipe.read_end.Get(), POLLIN, [&] { ++calls; });
     raise(SIGINT);
-    EXPECT_EQ(waiter.Wait(kNever), tl::make_unexpected(Interrupted()));
+    EXPECT_EQ(waiter.Wait(kNever), Fail(Interrupted()));
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(waiter.Wait(kNever), true);
     EXPECT_EQ(calls, 1);
     raise(SIGINT);
-    EXPECT_EQ(waiter.WaitFor(pipe.read_end.Get(), POLLIN, kNever), tl::make_unexpected(Interrupted()));
+    EXPECT_EQ(waiter.WaitFor(pipe.read_end.Get(), POLLIN, kNever), Fail(Interrupted()));
     pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
     std::signal(SIGPIPE, SIG_DFL);
 }

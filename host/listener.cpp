@@ -66,14 +66,14 @@ Expected<std::unique_ptr<Listener>> Listener::Open(const std::string& path) {
     }
     const std::string directory = DirectoryOf(path);
     if (const auto result = EnsurePrivateDirectory(directory); !result) {
-        return tl::make_unexpected(result.error());
+        return Fail(result.error());
     }
     const UniqueFd lock = LockDirectory(directory);
     if (!lock) {
         return Fail(directory + ": the directory cannot be locked: " + ErrnoText(errno));
     }
     if (const auto result = RemoveDeadSocket(path, *address); !result) {
-        return tl::make_unexpected(result.error());
+        return Fail(result.error());
     }
     UniqueFd socket = NewUnixSocket(SOCK_NONBLOCK);
     struct stat status {};

@@ -61,7 +61,7 @@ Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_
     }
     const auto listener = Listener::Open(options.listen);
     if (!listener) {
-        return tl::make_unexpected(listener.error());
+        return Fail(listener.error());
     }
     std::fprintf(stderr, "%s: listening on %s, cameras are listed on request\n", kProgram,
                  options.listen.c_str());
@@ -69,39 +69,35 @@ Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_
     return {};
 }
 
-Expected<void> Run(int count, const char* const* words) {
-    auto options = ParseOptions(count, words);
-    if (!options) {
-        return tl::make_unexpected(options.error());
-    }
+Expected<void> Run(HostOptions options) {
     const StopSignals signals;
     Waiter waiter(&signals);
     CRefPtr_T<PeerStream> standard_streams;
-    if (options->stdio) {
+    if (options.stdio) {
         auto taken = PeerStream::FromStandardStreams();
         if (!taken) {
-            return tl::make_unexpected(taken.error());
+            return Fail(taken.error());
         }
         standard_streams = std::move(*taken);
     }
     FillStandardDescriptors();
-    const auto directory = ChooseModuleDirectory(*options);
+    const auto directory = ChooseModuleDirectory(options);
     if (!directory) {
-        return tl::make_unexpected(directory.error());
+        return Fail(directory.error());
     }
-    options->properties[kEnvModulesDir] = *directory;
+    options.properties[kEnvModulesDir] = *directory;
     // Never destroyed: a loaded codec module keeps calling the runtime until the process exits.
-    static HostLog& log = *new HostLog(STDERR_FILENO, options->log_levels);
+    static HostLog& log = *new HostLog(STDERR_FILENO, options.log_levels);
     static ModuleRuntime& runtime = *new ModuleRuntime(
-        [](uint32_t level, const char* text) { log.Write(level, text); }, options->properties);
+        [](uint32_t level, const char* text) { log.Write(level, text); }, options.properties);
     AttachRuntime(&runtime);
-    return Serve(*options, std::move(standard_streams), log, waiter);
+    return Serve(options, std::move(standard_streams), log, waiter);
 }
 
 }  // namespace
 }  // namespace zumod::host
 
 int main(int argc, char** argv) {
-    const auto result = zumod::host::Run(argc, argv);
+    const auto result = zumod::host::ParseOptions(argc, argv).and_then(zumod::host::Run);
     return result ? 0 : zumod::ReportError(zumod::host::kProgram, result.error());
 }

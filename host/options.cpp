@@ -53,7 +53,7 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
         ->type_name("LEVEL")
         ->check(CLI::Validator(CheckLevel, ""));
     if (const auto result = ParseCommandLine(app, count, words); !result) {
-        return tl::make_unexpected(result.error());
+        return Fail(result.error());
     }
     if (!options.listen.empty() && options.stdio) {
         return FailUsage("--listen and --stdio exclude each other");

@@ -55,11 +55,11 @@ PeerStream::PeerStream(UniqueFd in, UniqueFd out)
 Expected<CRefPtr_T<PeerStream>> PeerStream::FromStandardStreams() {
     auto in = TakeStandard(STDIN_FILENO, "standard input");
     if (!in) {
-        return tl::make_unexpected(in.error());
+        return Fail(in.error());
     }
     auto out = TakeStandard(STDOUT_FILENO, "standard output");
     if (!out) {
-        return tl::make_unexpected(out.error());
+        return Fail(out.error());
     }
     close(STDIN_FILENO);
     FillStandardDescriptors();

@@ -72,26 +72,26 @@ Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, Vi
     const PeerOptions& options = context.options;
     auto decoder = PictureDecoder::Create(options.modules, target);
     if (!decoder) {
-        return tl::make_unexpected(decoder.error());
+        return Fail(decoder.error());
     }
     auto session = context.Connect();
     if (!session) {
-        return tl::make_unexpected(session.error());
+        return Fail(session.error());
     }
     auto listed = AskCameras(*session);
     if (!listed) {
-        return tl::make_unexpected(listed.error());
+        return Fail(listed.error());
     }
     auto camera = FindCamera(*listed, options.id);
     if (!camera) {
-        return tl::make_unexpected(camera.error());
+        return Fail(camera.error());
     }
     const PictureSize size = choose_size(options, *camera);
     auto view = std::make_unique<CameraView>(CameraView{
         std::move(*decoder), std::move(*session), std::move(*listed), std::move(*camera), size, {}});
     auto opened = OpenedCamera::Open(view->session, view->camera, size, options.fps);
     if (!opened) {
-        return tl::make_unexpected(opened.error());
+        return Fail(opened.error());
     }
     view->opened.emplace(std::move(*opened));
     return view;

@@ -108,7 +108,7 @@ Expected<Connection> Connection::ToCommand(const std::string& command) {
     auto to_command = Pipe::Open();
     auto from_command = Pipe::Open();
     if (!to_command || !from_command) {
-        return tl::make_unexpected((to_command ? from_command : to_command).error());
+        return Fail((to_command ? from_command : to_command).error());
     }
     const SpawnSettings settings(to_command->read_end.Get(), from_command->write_end.Get());
     std::string text = command;

@@ -30,7 +30,7 @@ public:
         for (;;) {
             const auto received = m_session.Receive(deadline);
             if (!received) {
-                return tl::make_unexpected(received.error());
+                return Fail(received.error());
             }
             if (!*received) {
                 return Fail("no picture of " + CameraLabel(m_camera) + " came within " +
@@ -38,7 +38,7 @@ public:
             }
             const auto size = OnMessage((*received)->message);
             if (!size) {
-                return tl::make_unexpected(size.error());
+                return Fail(size.error());
             }
             if (*size) {
                 return **size;
@@ -48,10 +48,11 @@ public:
 
     // The size of the pictures after the change.
     Expected<PictureSize> ChangeTo(PictureSize wanted, int fps, PictureSize before) {
-        auto sent = m_session.Send(SetFormatRequest(m_camera.id, wanted, fps));
-        sent = sent ? m_session.Send(VersionRequest()) : sent;
+        const auto sent = m_session.Send(SetFormatRequest(m_camera.id, wanted, fps)).and_then([this] {
+            return m_session.Send(VersionRequest());
+        });
         if (!sent) {
-            return tl::make_unexpected(sent.error());
+            return Fail(sent.error());
         }
         m_changed = false;
         int pictures_since = 0;
@@ -94,30 +95,27 @@ private:
 }  // namespace
 
 Expected<void> ChangeFormat(const CommandContext& context) {
-    const PeerOptions& options = context.options;
+    const PictureSize wanted = *context.options.size;
     const auto view = OpenView(context, kVideoTargetI420, FormerSize);
     if (!view) {
-        return tl::make_unexpected(view.error());
+        return Fail(view.error());
     }
     const std::string label = CameraLabel((*view)->camera);
     FormatChange change(**view);
     const auto before = change.NextSize("");
     if (!before) {
-        return tl::make_unexpected(before.error());
+        return Fail(before.error());
     }
-    const auto after = change.ChangeTo(*options.size, options.fps, *before);
+    const auto after = change.ChangeTo(wanted, context.options.fps, *before);
     if (!after) {
-        return tl::make_unexpected(after.error());
+        return Fail(after.error());
     }
     auto printed =
         context.output.Write(label + ": " + SizeText(*before) + ", then " + SizeText(*after) + "\n");
-    if (!printed) {
-        return printed;
+    if (printed && *after != wanted) {
+        return Fail(label + " sends " + SizeText(*after) + ", not the requested " + SizeText(wanted));
     }
-    if (*after != *options.size) {
-        return Fail(label + " sends " + SizeText(*after) + ", not the requested " + SizeText(*options.size));
-    }
-    return {};
+    return printed;
 }
 
 }  // namespace zumod::peer

@@ -41,23 +41,21 @@ public:
         if (!m_begun) {
             const auto parsed = m_parser.Parse(frame.bytes);
             if (!parsed) {
-                return tl::make_unexpected(parsed.error());
+                return Fail(parsed.error());
             }
             if (!parsed->CanBeFirst()) {
                 return Result::kSkipped;
             }
             m_begun = true;
         }
-        const auto written = m_output.WriteSome(std::span(frame.bytes).subspan(m_written));
-        if (!written) {
-            return tl::make_unexpected(written.error());
-        }
-        m_written += *written;
-        if (m_written < frame.bytes.size()) {
-            return Result::kNotNow;
-        }
-        m_written = 0;
-        return Result::kTaken;
+        return m_output.WriteSome(std::span(frame.bytes).subspan(m_written)).map([&](size_t written) {
+            m_written += written;
+            if (m_written < frame.bytes.size()) {
+                return Result::kNotNow;
+            }
+            m_written = 0;
+            return Result::kTaken;
+        });
     }
     Expected<void> Finish() override { return {}; }
     std::string Name() const override { return "standard output"; }
@@ -74,19 +72,17 @@ private:
 Expected<std::unique_ptr<FrameSink>> MakeFrameSink(const std::string& path, const PeerOptions& options,
                                                    StandardOutput& output) {
     if (path == "-") {
-        auto parser = StreamParser::Create();
-        if (!parser) {
-            return tl::make_unexpected(parser.error());
-        }
-        return std::make_unique<OutputSink>(std::move(*parser), output);
+        return StreamParser::Create().map([&](StreamParser&& parser) -> std::unique_ptr<FrameSink> {
+            return std::make_unique<OutputSink>(std::move(parser), output);
+        });
     }
     auto file = OutputFile::Create(path, options.overwrite);
     if (!file) {
-        return tl::make_unexpected(file.error());
+        return Fail(file.error());
     }
     auto recorder = Recorder::Create(file->TemporaryPath(), RecordingFormat(path), options.fps);
     if (!recorder) {
-        return tl::make_unexpected(recorder.error());
+        return Fail(recorder.error());
     }
     return std::make_unique<FileSink>(std::move(*file), std::move(*recorder), path);
 }

@@ -39,14 +39,14 @@ template <class Answer, class IsAnswer>
 Expected<Answer> Ask(Session& session, const std::vector<uint8_t>& request, const std::string& name,
                      IsAnswer is_answer, std::vector<ReceivedMessage>* early_frames = nullptr) {
     if (const auto sent = session.Send(request); !sent) {
-        return tl::make_unexpected(sent.error());
+        return Fail(sent.error());
     }
     const auto deadline = Clock::now() + session.Limit();
     size_t early_bytes = 0;
     for (;;) {
         auto received = session.Receive(deadline);
         if (!received) {
-            return tl::make_unexpected(received.error());
+            return Fail(received.error());
         }
         if (!*received) {
             return Fail("the host did not answer within " + SecondsText(session.Limit()) + ": " + name);
@@ -140,7 +140,7 @@ Expected<OpenedCamera> OpenedCamera::Open(Session& session, const CameraEntry& c
     const auto answer = Ask<StateMessage>(session, OpenRequest(camera.id, size, fps),
                                           "open " + CameraLabel(camera), IsStateOf(camera.id), &early_frames);
     if (!answer) {
-        return tl::make_unexpected(answer.error());
+        return Fail(answer.error());
     }
     if (answer->state != kCameraOpen) {
         return Fail(CameraLabel(camera) + " could not be opened" +
@@ -172,7 +172,7 @@ Expected<std::optional<Frame>> NextFrame(Session& session, std::span<const Camer
     for (;;) {
         auto received = session.Receive(deadline);
         if (!received) {
-            return tl::make_unexpected(received.error());
+            return Fail(received.error());
         }
         if (!*received) {
             return std::nullopt;

@@ -11,17 +11,17 @@ extern "C" {
 namespace zumod::peer {
 namespace {
 
+Expected<void> RunCommand(const PeerOptions& options) {
+    const StopSignals signals;
+    Waiter waiter(&signals);
+    StandardOutput output(waiter);
+    return options.command->run({options, waiter, output});
+}
+
 Expected<void> Run(int count, const char* const* words) {
     // The only place that catches exceptions: libraries throw them, the memory may be exhausted.
     try {
-        const auto options = ParseOptions(count, words);
-        if (!options) {
-            return tl::make_unexpected(options.error());
-        }
-        const StopSignals signals;
-        Waiter waiter(&signals);
-        StandardOutput output(waiter);
-        return options->command->run({*options, waiter, output});
+        return ParseOptions(count, words).and_then(RunCommand);
     } catch (const std::exception& exception) {
         return Fail(exception.what());
     }

@@ -85,7 +85,7 @@ Expected<void> MessageReader::Feed(std::span<const uint8_t> bytes, std::vector<M
             if (auto message = KindOf(m_header.type)->parse(m_body)) {
                 messages.push_back(std::move(*message));
             } else {
-                m_state = tl::make_unexpected(message.error());
+                m_state = Fail(message.error());
             }
         }
         m_header_bytes = 0;

@@ -89,20 +89,21 @@ public:
     }
 
     Expected<PeerOptions> Parse(int count, const char* const* words) {
-        if (const auto parsed = ParseCommandLine(m_app, count, words); !parsed) {
-            return tl::make_unexpected(parsed.error());
-        }
-        if (const auto added = AddTargets(); !added) {
-            return tl::make_unexpected(added.error());
-        }
+        return ParseCommandLine(m_app, count, words)
+            .and_then([this] { return AddTargets(); })
+            .and_then([this] { return CheckConnection(); })
+            .map([this] { return m_options; });
+    }
+
+private:
+    Expected<void> CheckConnection() const {
         if (m_options.socket.empty() == m_options.exec.empty()) {
             return FailUsage(m_options.socket.empty() ? "give --socket PATH or --exec COMMAND"
                                                       : "--socket and --exec exclude each other");
         }
-        return m_options;
+        return {};
     }
 
-private:
     Expected<void> AddTargets() {
         std::vector<RecordTarget>& targets = m_options.targets;
         targets = {{m_options.id, m_options.path}};

@@ -55,11 +55,11 @@ Expected<AvOwner<AVCodecContext>> OpenEncoder(int width, int height) {
 Expected<std::vector<uint8_t>> EncodePng(const VideoDecodedPicture& picture) {
     const auto frame = ToRgb(picture);
     if (!frame) {
-        return tl::make_unexpected(frame.error());
+        return Fail(frame.error());
     }
     const auto encoder = OpenEncoder(picture.width, picture.height);
     if (!encoder) {
-        return tl::make_unexpected(encoder.error());
+        return Fail(encoder.error());
     }
     const AvOwner<AVPacket> packet(av_packet_alloc());
     if (packet == nullptr) {

@@ -52,7 +52,7 @@ public:
         for (const RecordTarget& target : options.targets) {
             auto sink = MakeFrameSink(target.path, options, m_context.output);
             if (!sink) {
-                return tl::make_unexpected(sink.error());
+                return Fail(sink.error());
             }
             m_tracks.emplace_back(std::move(*sink), options.limit, options.seconds);
         }
@@ -110,13 +110,13 @@ private:
     Expected<void> RecordFrom(Session& session) {
         const auto listed = AskCameras(session);
         if (!listed) {
-            return tl::make_unexpected(listed.error());
+            return Fail(listed.error());
         }
         const PeerOptions& options = m_context.options;
         for (const RecordTarget& target : options.targets) {
             auto camera = FindCamera(*listed, target.id);
             if (!camera) {
-                return tl::make_unexpected(camera.error());
+                return Fail(camera.error());
             }
             m_cameras.push_back(std::move(*camera));
         }
@@ -124,7 +124,7 @@ private:
         for (const CameraEntry& camera : m_cameras) {
             auto open = OpenedCamera::Open(session, camera, RequestedSize(options, camera), options.fps);
             if (!open) {
-                return tl::make_unexpected(open.error());
+                return Fail(open.error());
             }
             opened.push_back(std::move(*open));
         }
@@ -138,14 +138,14 @@ private:
         for (;;) {
             const auto due = NextDue();
             if (!due) {
-                return tl::make_unexpected(due.error());
+                return Fail(due.error());
             }
             if (!*due) {
                 return {};
             }
             const auto frame = NextFrame(session, m_cameras, **due);
             if (!frame) {
-                return tl::make_unexpected(frame.error());
+                return Fail(frame.error());
             }
             if (!*frame) {
                 continue;
@@ -166,13 +166,13 @@ private:
         for (;;) {
             const auto result = track.OnFrame(frame);
             if (!result) {
-                return tl::make_unexpected(result.error());
+                return Fail(result.error());
             }
             if (*result != FrameSink::Result::kNotNow) {
                 return {};
             }
             if (const auto waited = m_context.waiter.Wait(Clock::time_point::max()); !waited) {
-                return tl::make_unexpected(waited.error());
+                return Fail(waited.error());
             }
         }
     }
@@ -183,7 +183,7 @@ private:
         for (const RecordTrack& track : m_tracks) {
             const auto over = track.IsOver();
             if (!over) {
-                return tl::make_unexpected(over.error());
+                return Fail(over.error());
             }
             if (!*over) {
                 due = due ? std::min(*due, track.Due()) : track.Due();

@@ -35,19 +35,19 @@ const char* RecordingFormat(const std::string& path) {
 Expected<std::unique_ptr<Recorder>> Recorder::Create(const std::string& path, const char* format, int fps) {
     auto parser = StreamParser::Create();
     if (!parser) {
-        return tl::make_unexpected(parser.error());
+        return Fail(parser.error());
     }
     AVFormatContext* file = nullptr;
     if (const auto made = Check(avformat_alloc_output_context2(&file, nullptr, format, nullptr), "format");
         !made) {
-        return tl::make_unexpected(made.error());
+        return Fail(made.error());
     }
     const int opened = avformat_new_stream(file, nullptr) == nullptr
                            ? AVERROR(ENOMEM)
                            : avio_open(&file->pb, ("file:" + path).c_str(), AVIO_FLAG_WRITE);
     if (const auto checked = Check(opened, "opening"); !checked) {
         avformat_free_context(file);
-        return tl::make_unexpected(checked.error());
+        return Fail(checked.error());
     }
     return std::unique_ptr<Recorder>(new Recorder(std::move(*parser), file, fps));
 }
@@ -63,7 +63,7 @@ Recorder::~Recorder() {
 Expected<bool> Recorder::Add(std::span<const uint8_t> frame, Clock::time_point arrival) {
     const auto parsed = m_parser.Parse(frame);
     if (!parsed) {
-        return tl::make_unexpected(parsed.error());
+        return Fail(parsed.error());
     }
     const PictureSize size = parsed->size;
     if (!m_begun) {
@@ -71,7 +71,7 @@ Expected<bool> Recorder::Add(std::span<const uint8_t> frame, Clock::time_point a
             return false;
         }
         if (const auto begun = Begin(*parsed, arrival); !begun) {
-            return tl::make_unexpected(begun.error());
+            return Fail(begun.error());
         }
     } else if (size.width != 0 && size != m_size) {
         return Fail("the size of the pictures changed from " + SizeText(m_size) + " to " + SizeText(size) +

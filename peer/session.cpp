@@ -31,7 +31,7 @@ Expected<void> Session::Send(const std::vector<uint8_t>& bytes) {
         }
         const auto ready = m_waiter.WaitFor(m_connection.Output(), POLLOUT, deadline);
         if (!ready) {
-            return tl::make_unexpected(ready.error());
+            return Fail(ready.error());
         }
         if (!*ready) {
             return Fail("the host took no request within " + SecondsText(m_limit));
@@ -44,13 +44,13 @@ Expected<std::optional<ReceivedMessage>> Session::Receive(Clock::time_point dead
     const auto registration = m_waiter.Watch(m_connection.Input(), POLLIN, [this] { OnReadable(); });
     while (m_messages.empty()) {
         if (!m_failure.empty()) {
-            return tl::make_unexpected(EndOfMessages());
+            return Fail(EndOfMessages());
         }
         if (Clock::now() >= deadline) {
             return std::nullopt;
         }
         if (const auto waited = m_waiter.Wait(deadline); !waited) {
-            return tl::make_unexpected(waited.error());
+            return Fail(waited.error());
         }
     }
     ReceivedMessage next = std::move(m_messages.front());

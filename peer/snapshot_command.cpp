@@ -15,7 +15,7 @@ Expected<Png> FirstPicture(CameraView& view) {
     do {
         const auto frame = NextFrame(view.session, view.camera, deadline);
         if (!frame) {
-            return tl::make_unexpected(frame.error());
+            return Fail(frame.error());
         }
         if (!*frame) {
             break;
@@ -43,20 +43,12 @@ Expected<void> TakeSnapshot(const CommandContext& context) {
     const PeerOptions& options = context.options;
     auto file = OutputFile::Create(options.path, options.overwrite);
     if (!file) {
-        return tl::make_unexpected(file.error());
+        return Fail(file.error());
     }
-    const auto view = OpenView(context, kVideoTargetBgr32);
-    if (!view) {
-        return tl::make_unexpected(view.error());
-    }
-    const auto png = FirstPicture(**view);
-    if (!png) {
-        return tl::make_unexpected(png.error());
-    }
-    if (auto written = file->Write(*png); !written) {
-        return written;
-    }
-    return file->Commit();
+    return OpenView(context, kVideoTargetBgr32)
+        .and_then([](const std::unique_ptr<CameraView>& view) { return FirstPicture(*view); })
+        .and_then([&](const Png& png) { return file->Write(png); })
+        .and_then([&] { return file->Commit(); });
 }
 
 }  // namespace zumod::peer

@@ -16,7 +16,7 @@ Expected<size_t> StandardOutput::WriteSome(std::span<const uint8_t> bytes) {
         if (count >= 0) {
             written = static_cast<size_t>(count);
         } else if (errno == EPIPE) {
-            return tl::make_unexpected(OutputClosed());
+            return Fail(OutputClosed());
         } else if (errno != EAGAIN && errno != EINTR) {
             return Fail("standard output: " + ErrnoText(errno));
         }
@@ -35,14 +35,14 @@ Expected<void> StandardOutput::Write(const std::string& text) {
     for (;;) {
         const auto written = WriteSome(rest);
         if (!written) {
-            return tl::make_unexpected(written.error());
+            return Fail(written.error());
         }
         rest = rest.subspan(*written);
         if (rest.empty()) {
             return {};
         }
         if (const auto waited = m_waiter.Wait(Clock::time_point::max()); !waited) {
-            return tl::make_unexpected(waited.error());
+            return Fail(waited.error());
         }
     }
 }

@@ -38,7 +38,7 @@ public:
         for (auto now = begin; now < end;) {
             const auto received = m_view.session.Receive(std::min({m_watch.NextTime(), next_line, end}));
             if (!received) {
-                return tl::make_unexpected(received.error());
+                return Fail(received.error());
             }
             if (*received) {
                 if (auto done = OnMessage(**received); !done) {
@@ -165,7 +165,7 @@ private:
 Expected<void> ShowStats(const CommandContext& context) {
     const auto view = OpenView(context, kVideoTargetI420);
     if (!view) {
-        return tl::make_unexpected(view.error());
+        return Fail(view.error());
     }
     Stats stats(context, **view);
     const auto ran = stats.Run();

@@ -79,7 +79,7 @@ Expected<ParsedFrame> StreamParser::Parse(std::span<const uint8_t> bytes) {
     if (frame.key) {
         auto parameter_sets = ParameterSets(*frame.packet);
         if (!parameter_sets) {
-            return tl::make_unexpected(parameter_sets.error());
+            return Fail(parameter_sets.error());
         }
         frame.parameter_sets = std::move(*parameter_sets);
     }

@@ -99,7 +99,7 @@ Expected<Options> ParseOptions(int count, const char* const* words) {
     app.add_flag("--list-options", list_options, "Prints every key of --camera and every fault");
     app.prefix_command();
     if (const auto result = Parse(app, count, words); !result) {
-        return tl::make_unexpected(result.error());
+        return Fail(result.error());
     }
     if (list_options) {
         return Fail(DescribeOptions(), 0);
@@ -113,7 +113,7 @@ Expected<Options> ParseOptions(int count, const char* const* words) {
     }
     auto command = CommandOf(app);
     if (!command) {
-        return tl::make_unexpected(command.error());
+        return Fail(command.error());
     }
     options.command = std::move(*command);
     if (options.cameras.empty()) {
@@ -131,7 +131,7 @@ Expected<int> RunControl(int count, const char* const* words) {
     AddNameOption(app, name, "The cameras' server (default: the one whose COMMAND this runs in)");
     app.add_option("line", line)->group("");  // described by the usage
     if (const auto result = Parse(app, count, words); !result) {
-        return tl::make_unexpected(result.error());
+        return Fail(result.error());
     }
     if (line.size() != 2) {
         return FailUsage("ctl takes the number of a camera and a command");

@@ -81,7 +81,7 @@ Expected<void> ReadList(const Key& /*key*/, std::string_view value, CameraConfig
         const size_t colon = value.find(':');
         const auto item = kReadItem(value.substr(0, colon));
         if (!item) {
-            return tl::make_unexpected(item.error());
+            return Fail(item.error());
         }
         list.push_back(*item);
         if (colon == std::string_view::npos) {
@@ -219,7 +219,7 @@ Expected<CameraConfig> ParseCamera(std::string_view text) {
             return Fail("unknown key " + Quote(name));
         }
         if (const auto read = key->read(*key, Unquote(part.substr(equals + 1)), config); !read) {
-            return tl::make_unexpected(read.error());
+            return Fail(read.error());
         }
     }
     config.Complete();

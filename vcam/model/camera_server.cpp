@@ -61,11 +61,11 @@ void SendReply(int connection, const Reply& reply, const std::vector<uint8_t>& p
     if (descriptor >= 0) {
         message.msg_control = control;
         message.msg_controllen = sizeof control;
-        cmsghdr* head = CMSG_FIRSTHDR(&message);
-        head->cmsg_level = SOL_SOCKET;
-        head->cmsg_type = SCM_RIGHTS;
-        head->cmsg_len = CMSG_LEN(sizeof descriptor);
-        std::memcpy(CMSG_DATA(head), &descriptor, sizeof descriptor);
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof descriptor);
+        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
     }
     sendmsg(connection, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
@@ -91,7 +91,7 @@ Expected<std::unique_ptr<CameraServer>> CameraServer::Start(std::vector<CameraCo
         return Fail("a name has at most " + std::to_string(kServerNameSize - 1) + " characters");
     }
     if (const auto assigned = AssignNumbers(configs); !assigned) {
-        return tl::make_unexpected(assigned.error());
+        return Fail(assigned.error());
     }
     std::unique_ptr<CameraServer> server(new CameraServer(name.empty() ? NewName() : std::move(name)));
     if (!server->MakeBoards() || !server->Listen()) {
