@@ -102,20 +102,6 @@ private:
     std::vector<Packet> m_packets;
 };
 
-// Calls `hook` once, within the first log line that contains `hook_text`.
-class HookedHost final : public RecordingHost {
-public:
-    int WriteLog(uint32_t level, const char* text) override {
-        const int result = RecordingHost::WriteLog(level, text);
-        if (hook && std::strstr(text, hook_text.c_str()) != nullptr) {
-            std::exchange(hook, nullptr)();
-        }
-        return result;
-    }
-    std::string hook_text;
-    std::function<void()> hook;
-};
-
 class CameraClientLinux : public ::testing::Test {
 protected:
     CameraClientLinux() {
@@ -185,7 +171,7 @@ protected:
         return steps;
     }
 
-    HookedHost host;
+    RecordingHost host;
     DeviceDouble devices;
     Listener listener;
     CodecProbe codec{"recording"};
@@ -526,8 +512,8 @@ TEST_F(CameraClientLinux, OpeningTheSecondCameraAtAnotherSizeStartsTheFirstForAM
 class CameraClientLinuxWithUnappliedFormat : public CameraClientLinux {
 protected:
     void SetUp() override {
-        host.hook_text = "[LinuxV4L2CameraCapture] setFormat, devid 0";
-        host.hook = [] { throw std::runtime_error("log"); };
+        host.OnLineWith("[LinuxV4L2CameraCapture] setFormat, devid 0",
+                        [] { throw std::runtime_error("log"); });
         EXPECT_THROW(client->SetFormat(1280, 720, 30), std::runtime_error);
         host.TakeLines();
     }
@@ -611,23 +597,25 @@ TEST_F(CameraClientLinux, TheDestructorStillDeliversFramesUntilTheThreadHasEnded
     ASSERT_TRUE(OpenCamera(0));
     devices.PushFrame(0, {.bytes = {1}});
     ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
-    host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid 0";
-    host.hook = [&] {
+    host.OnLineWith("[LinuxV4L2CameraCapture] stopCapture, devid 0", [&] {
         devices.PushFrame(0, {.bytes = {2}});
         EXPECT_TRUE(WaitUntil([&] { return listener.asked == 2; }));
-    };
+    });
     client = nullptr;
-    EXPECT_EQ(host.hook, nullptr);
+    EXPECT_EQ(listener.asked, 2);
 }
 
 TEST_F(CameraClientLinux, TheDestructorSwallowsAnExceptionOfTheLog) {
     ASSERT_TRUE(OpenCamera(0));
     devices.PushFrame(0, {.bytes = {1}});
     ASSERT_TRUE(WaitUntil([&] { return listener.Packets().size() == 1; }));
-    host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid 0";
-    host.hook = [] { throw std::runtime_error("log"); };
+    bool thrown = false;
+    host.OnLineWith("[LinuxV4L2CameraCapture] stopCapture, devid 0", [&] {
+        thrown = true;
+        throw std::runtime_error("log");
+    });
     client = nullptr;
-    EXPECT_EQ(host.hook, nullptr);
+    EXPECT_TRUE(thrown);
     EXPECT_EQ(devices.OpenDescriptors(), 0);
     EXPECT_EQ(codec.Record().objects, 0);
 }
@@ -753,11 +741,14 @@ protected:
         for (int time = 0; time < times && !HasFailure(); ++time) {
             step = Step::kHoldOne;
             EXPECT_TRUE(WaitUntil([&] { return step == Step::kHeld; }));
-            host.hook_text = text;
-            host.hook = [&] { late += listener.asked - asked_at_release; };
+            bool logged = false;
+            host.OnLineWith(text, [&] {
+                late += listener.asked - asked_at_release;
+                logged = true;
+            });
             step = Step::kCalled;
             operation(time);
-            EXPECT_EQ(host.hook, nullptr);
+            EXPECT_TRUE(logged);
             host.TakeLines();
         }
         ended = true;
@@ -800,8 +791,7 @@ protected:
     void StopWithAFrameInFlight(const std::function<void()>& stop) {
         bool waiting = false;
         int asked_before = -1;
-        host.hook_text = "[LinuxV4L2CameraCapture] stopCapture, devid";
-        host.hook = [&] {
+        host.OnLineWith("[LinuxV4L2CameraCapture] stopCapture, devid", [&] {
             int asleep = 0;
             waiting = WaitUntil([&] {
                 asleep = holds_a_frame && IsAsleep(listener.work_thread) ? asleep + 1 : 0;
@@ -809,7 +799,7 @@ protected:
             });
             devices.SetFramePeriod(0, std::chrono::milliseconds(0));
             asked_before = listener.asked;
-        };
+        });
         stop();
         EXPECT_TRUE(waiting);
         EXPECT_EQ(listener.asked, asked_before) << "the frame in flight must be dropped";
@@ -834,8 +824,7 @@ TEST_F(CameraClientLinux, TheDestructorWaitsForTheFrameThatIsBeingEncoded) {
     ASSERT_TRUE(OpenCamera(0));
     devices.PushFrame(0, {.bytes = {1}});
     ASSERT_TRUE(WaitUntil([&] { return listener.asked == 1; }));
-    host.hook_text = "begin stop work thread";
-    host.hook = [&] { stopping = true; };
+    host.OnLineWith("begin stop work thread", [&] { stopping = true; });
     client = nullptr;
     EXPECT_EQ(listener.Packets().size(), 1u);
 }

@@ -26,24 +26,14 @@ using testing::SetPropertyBytes;
 using testing::operator+;
 using Trace = std::vector<std::string>;
 
-// Records log lines in the same list as the calls on cameras.
-class TracingHost final : public testing::RecordingHost {
-public:
-    int WriteLog(uint32_t, const char* text) override {
-        CameraScript().calls.emplace_back(text);
-        threads[text] = watch.Count(CallWatch::pthread_create) - watch.Count(CallWatch::pthread_join);
-        return 0;
-    }
-
-    CallWatch watch;
-    // The number of running threads at the last line with this text.
-    std::map<std::string, int> threads;
-};
-
 class CallOrder : public ::testing::Test {
 protected:
     CallOrder() {
         CameraScript() = {};
+        host.OnLine([this](uint32_t, const char* text) {
+            CameraScript().calls.emplace_back(text);
+            threads[text] = watch.Count(CallWatch::pthread_create) - watch.Count(CallWatch::pthread_join);
+        });
         AttachRuntime(&host);
         plugin = CRefPtr_T<ClientCamera>(new ClientCamera);
     }
@@ -67,7 +57,11 @@ protected:
 
     static Trace TakeTrace() { return std::exchange(CameraScript().calls, {}); }
 
-    TracingHost host;
+    CallWatch watch;
+    // The number of running threads at the last log line with this text.
+    std::map<std::string, int> threads;
+    // Its lines are in the same list as the calls on cameras.
+    testing::RecordingHost host;
     CRefPtr_T<ClientCamera> plugin;
 };
 
@@ -134,21 +128,21 @@ TEST_F(CallOrder, TheOrderOfTheDestructor) {
 }
 
 TEST_F(CallOrder, TheQueueIsResetBeforeTheSendThreadStarts) {
-    int threads = -1;
-    host.watch.OnNext(CallWatch::sem_init, CallWatch::kItems,
-                      [&] { threads = host.watch.Count(CallWatch::pthread_create); });
+    int started = -1;
+    watch.OnNext(CallWatch::sem_init, CallWatch::kItems,
+                 [&] { started = watch.Count(CallWatch::pthread_create); });
     plugin->Run();
-    EXPECT_EQ(threads, 0);
+    EXPECT_EQ(started, 0);
 }
 
 TEST_F(CallOrder, TheSendThreadRunsFromRunToExitInstance) {
     plugin->Run();
-    EXPECT_EQ(host.threads.at("[cameraclient] create"), 0);
-    EXPECT_EQ(host.threads.at("[cameraclient] Run start"), 0);
-    EXPECT_EQ(host.threads.at("[cameraclient] Run return"), 1);
+    EXPECT_EQ(threads.at("[cameraclient] create"), 0);
+    EXPECT_EQ(threads.at("[cameraclient] Run start"), 0);
+    EXPECT_EQ(threads.at("[cameraclient] Run return"), 1);
     plugin->ExitInstance();
-    EXPECT_EQ(host.threads.at("[cameraclient] start to stop send thread"), 1);
-    EXPECT_EQ(host.threads.at("[cameraclient] ExitInstance finish"), 0);
+    EXPECT_EQ(threads.at("[cameraclient] start to stop send thread"), 1);
+    EXPECT_EQ(threads.at("[cameraclient] ExitInstance finish"), 0);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -83,6 +84,15 @@ public:
     void OnLine(LineFunction on_line) {
         const std::lock_guard guard(m_mutex);
         m_on_line = std::move(on_line);
+    }
+    // Calls the function once, within the next line that contains `text`.
+    void OnLineWith(const std::string& text, const std::function<void()>& function) {
+        OnLine([=, this](uint32_t, const char* line) {
+            if (std::string_view(line).find(text) != std::string_view::npos) {
+                OnLine(nullptr);
+                function();
+            }
+        });
     }
 
     // Whether this is the thread that constructed the host.
