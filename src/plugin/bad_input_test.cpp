@@ -31,6 +31,7 @@ using testing::OpenBytes;
 using testing::ScriptedStream;
 using testing::SetFormatBytes;
 using testing::SetPropertyBytes;
+using testing::StateBytes;
 using testing::ThreadsComeTo;
 using testing::WaitUntil;
 using testing::operator+;
@@ -154,8 +155,7 @@ TEST_F(BadInput, NoMemoryForAHeaderEndsTheRun) {
 TEST_F(BadInput, NoMemoryForAReplyLeavesItUnsent) {
     CallWatch heap;
     heap.Fail(CallWatch::malloc, 12, 2);
-    EXPECT_EQ(Serve(kVersionRequestBytes + CloseBytes(7))->Written(),
-              (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0}));
+    EXPECT_EQ(Serve(kVersionRequestBytes + CloseBytes(7))->Written(), StateBytes(4, 7));
     heap.Fail(CallWatch::malloc, 12, 2);
     EXPECT_EQ(Serve(kGetListBytes + kVersionRequestBytes)->Written(), kVersionReplyBytes);
     heap.Fail(CallWatch::malloc, 16, 2);

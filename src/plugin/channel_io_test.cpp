@@ -19,6 +19,7 @@ using testing::CloseBytes;
 using testing::kVersionReplyBytes;
 using testing::kVersionRequestBytes;
 using testing::LogLine;
+using testing::MessageBytes;
 using testing::ScriptedStream;
 using testing::StateBytes;
 using testing::operator+;
@@ -80,14 +81,13 @@ TEST_F(ReceiveLoop, ReadsAskForTheRestOfTheHeaderThenForTheRestOfTheBody) {
 
 TEST_F(ReceiveLoop, UnknownTypesAreReadToTheirEndAndDropped) {
     for (const uint8_t type : std::initializer_list<uint8_t>{0, 6, 12, 255}) {
-        EXPECT_EQ(Serve(Bytes{3, 0, 0, 0, type, 0, 0, 0, 1, 2, 3} + kVersionRequestBytes)->Written(),
-                  kVersionReplyBytes);
+        EXPECT_EQ(Serve(MessageBytes(type, {1, 2, 3}) + kVersionRequestBytes)->Written(), kVersionReplyBytes);
     }
 }
 
 TEST_F(ReceiveLoop, TypesThatOnlyThePluginSendsAreDropped) {
     for (const uint8_t type : std::initializer_list<uint8_t>{2, 5, 7, 11}) {
-        EXPECT_EQ(Serve(Bytes{4, 0, 0, 0, type, 0, 0, 0, 1, 2, 3, 4} + kVersionRequestBytes)->Written(),
+        EXPECT_EQ(Serve(MessageBytes(type, {1, 2, 3, 4}) + kVersionRequestBytes)->Written(),
                   kVersionReplyBytes);
     }
 }

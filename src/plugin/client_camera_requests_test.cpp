@@ -19,6 +19,7 @@ using testing::CloseBytes;
 using testing::kGetListBytes;
 using testing::kVersionRequestBytes;
 using testing::LogLine;
+using testing::MessageBytes;
 using testing::OpenBytes;
 using testing::ScriptedStream;
 using testing::SetFormatBytes;
@@ -158,7 +159,7 @@ TEST_F(RequestHandlers, OpenSetPropertyAndSetFormatOfAnotherLengthAreIgnored) {
         for (const uint8_t length : std::initializer_list<uint8_t>{0, 12, 15, 17}) {
             Bytes body = kSixteenBytesForId7;
             body.resize(length);
-            EXPECT_EQ(Answer(Bytes{length, 0, 0, 0, type, 0, 0, 0} + body), Bytes{});
+            EXPECT_EQ(Answer(MessageBytes(type, body)), Bytes{});
             EXPECT_EQ(RequestLines(), (std::vector<LogLine>{}));
         }
     }

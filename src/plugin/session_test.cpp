@@ -91,7 +91,7 @@ TEST(Session, EveryByteAndEveryLogLineFromCreationToTheLastRelease) {
     {
         Connection peer(*plugin);
         CameraScript().built_in = false;
-        peer.Send({16, 0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 0, 5, 0, 0, 0xD0, 2, 0, 0, 25, 0, 0, 0});
+        peer.Send(OpenBytes(1, 1280, 720, 25));
         EXPECT_EQ(peer.Receive(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0}));
     }
     EXPECT_EQ(plugin->ExitInstance(), 0);

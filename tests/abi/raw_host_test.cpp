@@ -46,14 +46,13 @@ TEST(RawHost, StartsServesAndStopsThroughSlotsOnly) {
             const LeavesSomethingBehind of_the_open_request;
             EXPECT_EQ(Call<int>(plugin, 6), 1);
         });
-        EXPECT_TRUE(peer.Send({0, 0, 0, 0, 0x0A, 0, 0, 0}));
-        EXPECT_EQ(peer.ReceiveBytes(12), (Bytes{4, 0, 0, 0, 0x0B, 0, 0, 0, 5, 0, 0, 0}));
-        EXPECT_TRUE(peer.Send({4, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0}));
-        EXPECT_EQ(peer.ReceiveBytes(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 4, 0, 0, 0, 9, 0, 0, 0}));
+        EXPECT_TRUE(peer.Send(kVersionRequestBytes));
+        EXPECT_EQ(peer.ReceiveBytes(12), kVersionReplyBytes);
+        EXPECT_TRUE(peer.Send(CloseBytes(9)));
+        EXPECT_EQ(peer.ReceiveBytes(16), StateBytes(4, 9));
         // No machine has a camera of this id.
-        EXPECT_TRUE(
-            peer.Send({16, 0, 0, 0, 3, 0, 0, 0, 0xFE, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0, 30, 0, 0, 0}));
-        EXPECT_EQ(peer.ReceiveBytes(16), (Bytes{8, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0, 0xFE, 0, 0, 0}));
+        EXPECT_TRUE(peer.Send(OpenBytes(254)));
+        EXPECT_EQ(peer.ReceiveBytes(16), StateBytes(1, 254));
         peer.Hang();
         run.join();
     }

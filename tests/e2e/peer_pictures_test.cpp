@@ -358,8 +358,7 @@ TEST_F(PeerPictures, ReportsTheSizeThatArrivesAfterAChange) {
     Start({"format", "0", "--size", "320x240"});
     AnswerOpen();
     SendFrames(2);
-    host.Expect(MessageBytes(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
-                kVersionRequestBytes);
+    host.Expect(SetFormatBytes(0, 320, 240, 30) + kVersionRequestBytes);
     // Sent before the change.
     SendFrames(2);
     host.Send(kVersionReplyBytes);
@@ -374,8 +373,7 @@ TEST_F(PeerPictures, ReportsThatTheSizeDidNotChange) {
     Start({"format", "0", "--size", "320x240"});
     AnswerOpen();
     SendFrames(1);
-    host.Expect(MessageBytes(9, {0, 0, 0, 0, 0x40, 1, 0, 0, 0xF0, 0, 0, 0, 30, 0, 0, 0}) +
-                kVersionRequestBytes);
+    host.Expect(SetFormatBytes(0, 320, 240, 30) + kVersionRequestBytes);
     host.Send(kVersionReplyBytes);
     SendFrames(20);
     AnswerClose();
