@@ -50,31 +50,30 @@ private:
 
 class SigslotTest : public ::testing::Test {
 protected:
-    void Emit(Signal& signal) { signal.emit(m_data, 42, 640, 480, 7); }
+    void Emit(Signal& emitter) { emitter.emit(m_data, 42, 640, 480, 7); }
 
     Journal journal;
+    Signal signal;
+    Holder a{"a", journal};
+    Holder b{"b", journal};
+    Holder c{"c", journal};
 
 private:
     unsigned char m_data[1] = {9};
 };
 
 TEST_F(SigslotTest, ASignalWithoutConnectionsCallsNothing) {
-    Signal signal;
     Emit(signal);
     EXPECT_EQ(journal, Journal{});
 }
 
 TEST_F(SigslotTest, ASlotReceivesTheFiveArguments) {
-    Signal signal;
-    Holder a("a", journal);
     signal.connect(&a, &Holder::OnFrame);
     Emit(signal);
     EXPECT_EQ(journal, Journal{"a 9 42 640x480 7"});
 }
 
 TEST_F(SigslotTest, TheCallOperatorEmits) {
-    Signal signal;
-    Holder a("a", journal);
     signal.connect(&a, &Holder::OnFrame);
     const unsigned char data[] = {1};
     signal(data, 2, 3, 4, 5);
@@ -82,9 +81,6 @@ TEST_F(SigslotTest, TheCallOperatorEmits) {
 }
 
 TEST_F(SigslotTest, SlotsAreCalledInTheOrderOfConnection) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
     signal.connect(&b, &Holder::OnFrame);
     signal.connect(&a, &Holder::OnFrame);
     signal.connect(&b, &Holder::OnFrameAgain);
@@ -95,13 +91,11 @@ TEST_F(SigslotTest, SlotsAreCalledInTheOrderOfConnection) {
 }
 
 TEST_F(SigslotTest, ADestroyedHolderIsNoLongerCalled) {
-    Signal signal;
-    Holder a("a", journal);
     {
-        Holder b("b", journal);
-        signal.connect(&b, &Holder::OnFrame);
+        Holder gone("gone", journal);
+        signal.connect(&gone, &Holder::OnFrame);
         signal.connect(&a, &Holder::OnFrameAgain);
-        signal.connect(&b, &Holder::OnFrameAgain);
+        signal.connect(&gone, &Holder::OnFrameAgain);
     }
     Emit(signal);
     EXPECT_EQ(journal, Journal{"a again"});
@@ -120,21 +114,16 @@ TEST_F(SigslotTest, ADestroyedSignalIsForgottenByItsHolders) {
         std::vector<sigslot::_signal_base_interface*> forgotten;
     };
     Spy spy;
-    Holder a("a", journal);
-    auto signal = std::make_unique<Signal>();
-    sigslot::_signal_base_interface* const address = signal.get();
-    signal->connect(&spy, &Spy::OnFrame);
-    signal->connect(&a, &Holder::OnFrame);
+    auto owned = std::make_unique<Signal>();
+    sigslot::_signal_base_interface* const address = owned.get();
+    owned->connect(&spy, &Spy::OnFrame);
+    owned->connect(&a, &Holder::OnFrame);
     EXPECT_EQ(spy.known, std::vector{address});
-    signal.reset();
+    owned.reset();
     EXPECT_EQ(spy.forgotten, std::vector{address});
 }
 
 TEST_F(SigslotTest, ASlotThatDisconnectsItselfDoesNotEndTheEmission) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
-    Holder c("c", journal);
     b.signal = &signal;
     b.act = [](Holder* self) { self->signal->disconnect(self); };
     signal.connect(&a, &Holder::OnFrameAgain);
@@ -146,9 +135,6 @@ TEST_F(SigslotTest, ASlotThatDisconnectsItselfDoesNotEndTheEmission) {
 }
 
 TEST_F(SigslotTest, ASlotMayDisconnectThroughItsHolder) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
     a.act = [](Holder* self) { self->disconnect_all(); };
     signal.connect(&a, &Holder::OnFrameAct);
     signal.connect(&b, &Holder::OnFrameAgain);
@@ -158,9 +144,6 @@ TEST_F(SigslotTest, ASlotMayDisconnectThroughItsHolder) {
 }
 
 TEST_F(SigslotTest, AHolderConnectedTwiceInARowMayDisconnectItself) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
     a.act = [](Holder* self) { self->disconnect_all(); };
     signal.connect(&a, &Holder::OnFrameAct);
     signal.connect(&a, &Holder::OnFrameAgain);
@@ -170,10 +153,6 @@ TEST_F(SigslotTest, AHolderConnectedTwiceInARowMayDisconnectItself) {
 }
 
 TEST_F(SigslotTest, ASlotMayDisconnectTheNextOne) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
-    Holder c("c", journal);
     a.signal = &signal;
     a.victim = &b;
     a.act = [](Holder* self) { self->signal->disconnect(self->victim); };
@@ -185,9 +164,6 @@ TEST_F(SigslotTest, ASlotMayDisconnectTheNextOne) {
 }
 
 TEST_F(SigslotTest, ASlotMayDisconnectAllSlots) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
     a.signal = &signal;
     a.act = [](Holder* self) { self->signal->disconnect_all(); };
     signal.connect(&a, &Holder::OnFrameAct);
@@ -198,9 +174,6 @@ TEST_F(SigslotTest, ASlotMayDisconnectAllSlots) {
 }
 
 TEST_F(SigslotTest, ASlotMayDisconnectItselfAndEmitAgain) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
     a.signal = &signal;
     a.act = [](Holder* self) {
         self->disconnect_all();
@@ -217,10 +190,7 @@ TEST_F(SigslotTest, ASlotMayDisconnectItselfAndEmitAgain) {
 TEST_F(SigslotTest, AConnectionMadeDuringAnEmissionIsCalledUnlessTheLastSlotMadeIt) {
     for (const bool last_slot_connects : {false, true}) {
         journal.clear();
-        Signal signal;
-        Holder a("a", journal);
-        Holder b("b", journal);
-        Holder c("c", journal);
+        signal.disconnect_all();
         a.signal = &signal;
         a.victim = &c;
         a.act = [](Holder* self) { self->signal->connect(self->victim, &Holder::OnFrameAgain); };
@@ -238,9 +208,6 @@ TEST_F(SigslotTest, AConnectionMadeDuringAnEmissionIsCalledUnlessTheLastSlotMade
 }
 
 TEST_F(SigslotTest, ASignalIsUsableAfterASlotHasThrown) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
     signal.connect(&a, &Holder::OnFrameThrow);
     signal.connect(&b, &Holder::OnFrameAgain);
     EXPECT_THROW(Emit(signal), std::runtime_error);
@@ -250,25 +217,21 @@ TEST_F(SigslotTest, ASignalIsUsableAfterASlotHasThrown) {
 }
 
 TEST_F(SigslotTest, ACopiedHolderIsConnectedBehindTheOthers) {
-    Signal signal;
-    auto a = std::make_unique<Holder>("a", journal);
-    Holder b("b", journal);
-    signal.connect(a.get(), &Holder::OnFrameAgain);
+    auto owned = std::make_unique<Holder>("a", journal);
+    signal.connect(owned.get(), &Holder::OnFrameAgain);
     signal.connect(&b, &Holder::OnFrameAgain);
-    Holder copy(*a);
+    Holder copy(*owned);
     copy.Rename("copy");
     Emit(signal);
     EXPECT_EQ(journal, (Journal{"a again", "b again", "copy again"}));
 
     journal.clear();
-    a.reset();
+    owned.reset();
     Emit(signal);
     EXPECT_EQ(journal, (Journal{"b again", "copy again"}));
 }
 
 TEST_F(SigslotTest, ADestroyedCopyOfAHolderIsNoLongerCalled) {
-    Signal signal;
-    Holder a("a", journal);
     signal.connect(&a, &Holder::OnFrameAgain);
     { const Holder copy(a); }
     Emit(signal);
@@ -276,17 +239,15 @@ TEST_F(SigslotTest, ADestroyedCopyOfAHolderIsNoLongerCalled) {
 }
 
 TEST_F(SigslotTest, ACopiedSignalCallsTheSameSlotsUntilTheirHoldersAreDestroyed) {
-    Holder b("b", journal);
-    Signal signal;
-    auto a = std::make_unique<Holder>("a", journal);
-    signal.connect(a.get(), &Holder::OnFrameAgain);
+    auto owned = std::make_unique<Holder>("a", journal);
+    signal.connect(owned.get(), &Holder::OnFrameAgain);
     signal.connect(&b, &Holder::OnFrameAgain);
     Signal copy(signal);
     Emit(copy);
     EXPECT_EQ(journal, (Journal{"a again", "b again"}));
 
     journal.clear();
-    a.reset();
+    owned.reset();
     Emit(copy);
     Emit(signal);
     EXPECT_EQ(journal, (Journal{"b again", "b again"}));
@@ -296,15 +257,15 @@ TEST_F(SigslotTest, ADestroyedHolderIsDisconnectedFromAllItsSignals) {
     Signal first;
     Signal second;
     {
-        Holder a("a", journal);
-        first.connect(&a, &Holder::OnFrameAgain);
-        second.connect(&a, &Holder::OnFrameAgain);
+        Holder gone("gone", journal);
+        first.connect(&gone, &Holder::OnFrameAgain);
+        second.connect(&gone, &Holder::OnFrameAgain);
         Emit(first);
         Emit(second);
     }
     Emit(first);
     Emit(second);
-    EXPECT_EQ(journal, (Journal{"a again", "a again"}));
+    EXPECT_EQ(journal, (Journal{"gone again", "gone again"}));
 }
 
 // Counts the locks that are held.
@@ -323,13 +284,13 @@ TEST_F(SigslotTest, SlotsRunUnderThePolicysLock) {
         CountingSignal* signal = nullptr;
         int seen = 0;
     };
-    CountingSignal signal;
+    CountingSignal counting;
     Slot slot;
-    slot.signal = &signal;
-    signal.connect(&slot, &Slot::OnFrame);
-    signal.emit(nullptr, 0, 0, 0, 0);
+    slot.signal = &counting;
+    counting.connect(&slot, &Slot::OnFrame);
+    counting.emit(nullptr, 0, 0, 0, 0);
     EXPECT_EQ(slot.seen, 1);
-    EXPECT_EQ(signal.locks, 0);
+    EXPECT_EQ(counting.locks, 0);
 }
 
 // The vtables, slot by slot.
@@ -350,9 +311,6 @@ TEST_F(SigslotTest, TheSlotsOfTheLockPolicy) {
 }
 
 TEST_F(SigslotTest, TheSlotsOfTheSignal) {
-    Signal signal;
-    Holder a("a", journal);
-    Holder b("b", journal);
     signal.connect(&a, &Holder::OnFrameAgain);
     const sigslot::_signal_base_interface* interface = &signal;
     CallSlot<void, const has_slots_interface*, has_slots_interface*>(interface, 1, &a, &b);
@@ -368,8 +326,6 @@ TEST_F(SigslotTest, TheSlotsOfTheSignal) {
 
 TEST_F(SigslotTest, TheSlotsOfTheConnection) {
     using Connection = sigslot::_connection5<Holder, Data, unsigned long, int, int, int, single_threaded>;
-    Holder a("a", journal);
-    Holder b("b", journal);
     const unsigned char data[] = {9};
     ConnectionBase* connection = new Connection(&a, &Holder::OnFrame);
     EXPECT_EQ(CallSlot<has_slots_interface*>(connection, 2), &a);
@@ -393,7 +349,6 @@ TEST_F(SigslotTest, TheBasesOfASignal) {
     static_assert(std::is_base_of_v<sigslot::_signal_base_interface, Base>);
     static_assert(std::is_base_of_v<single_threaded, Base>);
     // The interface is the primary base: it shares the signal's vtable.
-    const Signal signal;
     const sigslot::_signal_base_interface* interface = &signal;
     EXPECT_EQ(static_cast<const void*>(interface), static_cast<const void*>(&signal));
 }
