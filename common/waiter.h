@@ -1,4 +1,5 @@
-// The program's only call of poll(): waits for descriptors, a stop signal and a deadline at once.
+// One place to wait for descriptors, a stop signal and a deadline at once. The main threads of the host and
+// of the peer wait nowhere else.
 //
 // Every part of a program that has a descriptor to wait for (a connection, standard output, a listening
 // socket) registers it with a callback. Wait() calls the callbacks of all descriptors that are ready, no
