@@ -73,7 +73,7 @@ inline double ProcessorSeconds(const std::set<int>& threads) {
 }
 
 // A frame's message, as the plugin sends it.
-inline constexpr size_t kStampAt = sizeof(_MESSAGE_HEADER) + sizeof(VideoFrameHead);
+inline constexpr size_t kStampAt = sizeof(_MESSAGE_HEADER) + sizeof(VideoFrameHeader);
 inline constexpr size_t kMessageSize = kStampAt + kEncodedSize;
 
 // The peer's end: discards what arrives. With a callback it also parses the messages and reports each frame,
@@ -115,8 +115,8 @@ private:
             }
             if (header.type == kVideoFrame) {
                 const uint8_t* body = &bytes[at + sizeof header];
-                m_on_frame(ReadRecord<VideoFrameHead>(body).id,
-                           ReadRecord<StampedPacket>(body + sizeof(VideoFrameHead)));
+                m_on_frame(ReadRecord<VideoFrameHeader>(body).id,
+                           ReadRecord<StampedPacket>(body + sizeof(VideoFrameHeader)));
             }
             at += length;
         }

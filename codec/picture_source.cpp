@@ -76,7 +76,7 @@ AVFrame* PictureSource::Take(const PictureLayout& layout, const uint8_t* bytes, 
     return picture != nullptr ? Convert(*picture, format, fast, borrowed) : nullptr;
 }
 
-bool PictureSource::GiveBack() {
+bool PictureSource::Release() {
     if (m_borrowed != nullptr) {
         av_frame_unref(m_borrowed.get());
     }
@@ -86,7 +86,7 @@ bool PictureSource::GiveBack() {
 }
 
 AVFrame* PictureSource::Borrow(const PictureLayout& layout, const uint8_t* bytes) {
-    GiveBack();
+    Release();
     // The encoder copies a frame that has no buffer reference, so this frame's buffer refers to the caller's
     // bytes. The read-only flag keeps the libraries from writing to them.
     auto* first = const_cast<uint8_t*>(bytes);
@@ -154,9 +154,10 @@ AVFrame* PictureSource::Convert(const AVFrame& picture, AVPixelFormat format, bo
     if (!borrowed) {
         return scale(picture, 0, picture.height) ? converted : nullptr;
     }
-    const int head = picture.height - kTailRows;
-    const AVFrame* tail = CopyTail(picture, head);
-    return tail != nullptr && scale(picture, 0, head) && scale(*tail, head, kTailRows) ? converted : nullptr;
+    const int tail_begin = picture.height - kTailRows;
+    const AVFrame* tail = CopyTail(picture, tail_begin);
+    return tail != nullptr && scale(picture, 0, tail_begin) && scale(*tail, tail_begin, kTailRows) ? converted
+                                                                                                   : nullptr;
 }
 
 AVFrame* PictureSource::CopyTail(const AVFrame& picture, int first) {

@@ -19,12 +19,12 @@ constexpr int EvenSide(int side) {
 class PictureSource {
 public:
     // Returns the picture with even sides, in `format`. An added column or row repeats the last one. Returns
-    // null if memory runs out or the library fails. The frame is valid until GiveBack, which must be called
+    // null if memory runs out or the library fails. The frame is valid until Release, which must be called
     // before `bytes` are freed or changed.
     AVFrame* Take(const PictureLayout& layout, const uint8_t* bytes, AVPixelFormat format, bool fast);
 
     // Ends the use of the bytes. Returns false if another reference to them is still held.
-    bool GiveBack();
+    bool Release();
 
 private:
     AVFrame* Borrow(const PictureLayout& layout, const uint8_t* bytes);

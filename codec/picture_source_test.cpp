@@ -35,7 +35,7 @@ TEST_F(PictureSourceTest, APlanarPictureIsNotCopied) {
             EXPECT_EQ(frame->data[i], picture.bytes.data() + layout.planes[i].offset) << format << ' ' << i;
             EXPECT_EQ(frame->linesize[i], layout.planes[i].stride) << format << ' ' << i;
         }
-        EXPECT_TRUE(source.GiveBack());
+        EXPECT_TRUE(source.Release());
     }
 }
 
@@ -53,8 +53,8 @@ TEST_F(PictureSourceTest, AReferenceThatOutlivesTheCallIsNoticed) {
     AvOwner<AVFrame> keeper(av_frame_alloc());
     ASSERT_EQ(av_frame_ref(keeper.get(), Take(picture, AV_PIX_FMT_NV12)), 0);
     EXPECT_EQ(keeper->data[0], picture.bytes.data()) << "a reference, not a copy";
-    EXPECT_FALSE(source.GiveBack());
-    EXPECT_TRUE(source.GiveBack()) << "no bytes are in use any more";
+    EXPECT_FALSE(source.Release());
+    EXPECT_TRUE(source.Release()) << "no bytes are in use any more";
 }
 
 TEST_F(PictureSourceTest, TakingAPictureReleasesTheOneBefore) {
@@ -62,7 +62,7 @@ TEST_F(PictureSourceTest, TakingAPictureReleasesTheOneBefore) {
     const TestPicture second = Paint(kNv12, {64, 48, 8});
     Take(first, AV_PIX_FMT_NV12);
     EXPECT_EQ(Take(second, AV_PIX_FMT_NV12)->data[0], second.bytes.data());
-    EXPECT_TRUE(source.GiveBack());
+    EXPECT_TRUE(source.Release());
 }
 
 TEST_F(PictureSourceTest, AnOddPictureRepeatsItsLastColumnAndRow) {
@@ -109,9 +109,9 @@ TEST_F(PictureSourceTest, AConversionInPlaceEqualsAConversionOfACopy) {
         for (const bool fast : {false, true}) {
             const TestPicture picture = Paint(format, {320, 98});
             const PictureLayout layout = LayoutOf(picture);
-            std::vector<uint8_t> room(picture.bytes.size() + 32);
-            const auto past = reinterpret_cast<uintptr_t>(room.data()) % 16;
-            uint8_t* const aligned = room.data() + (16 - past) % 16;
+            std::vector<uint8_t> storage(picture.bytes.size() + 32);
+            const auto past = reinterpret_cast<uintptr_t>(storage.data()) % 16;
+            uint8_t* const aligned = storage.data() + (16 - past) % 16;
             std::copy(picture.bytes.begin(), picture.bytes.end(), aligned);
             const AVFrame* in_place = source.Take(layout, aligned, AV_PIX_FMT_YUV420P, fast);
             std::copy(picture.bytes.begin(), picture.bytes.end(), aligned + 1);

@@ -126,7 +126,7 @@ bool CVideoEncoder::OpenFor(const PictureLayout& layout) {
 int CVideoEncoder::EncodePicture(const PictureLayout& layout, const uint8_t* bytes) {
     AVFrame* picture = m_source.Take(layout, bytes, m_encoder.Shape().pixel_format, m_policy.fast_conversion);
     const int error = picture != nullptr ? m_encoder.Encode(*picture) : AVERROR(ENOMEM);
-    if (!m_source.GiveBack()) {
+    if (!m_source.Release()) {
         // The encoder still refers to the caller's bytes, which are not valid after this call.
         m_encoder.Close();
         return AVERROR_BUG;
@@ -137,9 +137,9 @@ int CVideoEncoder::EncodePicture(const PictureLayout& layout, const uint8_t* byt
 bool CVideoEncoder::HandOut(IVEncArgs& args) {
     const AVPacket& packet = m_encoder.Packet();
     const auto size = static_cast<uint32_t>(packet.size);
-    const bool room = args.PrepareOutput(size) >= size;
+    const bool fits = args.PrepareOutput(size) >= size;
     void* output = args.GetOutputData();
-    if (!room || output == nullptr) {
+    if (!fits || output == nullptr) {
         ZuModLog(kLogFailure, "[zu-codec] no output buffer of %u bytes", size);
         return false;
     }

@@ -267,7 +267,7 @@ TEST_F(VideoEncoderTest, TheFastConversionHasAnotherResult) {
 TEST_F(VideoEncoderTest, AnOutputBufferThatDoesNotGrowIsAFailure) {
     const TestPicture picture = Paint(kNv12, {64, 48});
     EncodeCall call(picture.bytes.data(), picture.bytes.size());
-    call.room = 5;
+    call.capacity = 5;
     EXPECT_FALSE(EncodeWith(*encoder, picture.record, call));
     EXPECT_EQ(host.Lines().back().level, 4U);
     EXPECT_THAT(host.Lines(), SizeIs(2));

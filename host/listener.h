@@ -49,7 +49,7 @@ Expected<void> EnsurePrivateDirectory(const std::string& directory);
 // end of a character if it is longer than kHostNoticeLimit.
 std::string HostNotice(const std::string& text);
 
-// Sends the notice on a new socket, whose buffer has room for it, without blocking.
+// Sends the notice on a new socket, whose buffer is empty. Does not block.
 void SendHostNotice(int socket, const std::string& text);
 
 }  // namespace zumod::host

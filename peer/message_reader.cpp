@@ -22,7 +22,7 @@ Expected<Message> ParseState(std::span<const uint8_t> body) {
 }
 
 Expected<Message> ParseFrame(std::span<const uint8_t> body) {
-    const auto header = ReadRecord<VideoFrameHead>(body.data());
+    const auto header = ReadRecord<VideoFrameHeader>(body.data());
     const auto frame = body.subspan(sizeof header);
     if (header.size != frame.size()) {
         return Fail("a video frame of " + std::to_string(header.size) + " bytes in a message with " +
@@ -48,12 +48,12 @@ struct MessageKind {
     Expected<Message> (*parse)(std::span<const uint8_t> body);
 };
 
-constexpr size_t kLongestFrame = sizeof(VideoFrameHead) + kLargestFrame;
+constexpr size_t kLongestFrame = sizeof(VideoFrameHeader) + kLargestFrame;
 
 constexpr std::array<MessageKind, 5> kKinds = {{
     {kCameraList, "camera list", sizeof(uint32_t), kLongestList, ParseList},
     {kCameraState, "camera state", sizeof(StateNotice), sizeof(StateNotice), ParseState},
-    {kVideoFrame, "video frame", sizeof(VideoFrameHead), kLongestFrame, ParseFrame},
+    {kVideoFrame, "video frame", sizeof(VideoFrameHeader), kLongestFrame, ParseFrame},
     {kVersionReply, "version", sizeof(uint32_t), sizeof(uint32_t), ParseVersion},
     {kHostNotice, "notice", 0, kHostNoticeLimit, ParseNotice},
 }};

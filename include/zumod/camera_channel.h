@@ -74,11 +74,11 @@ struct StateNotice {
 static_assert(sizeof(StateNotice) == 8);
 
 // Precedes the encoded bytes in the body of kVideoFrame.
-struct VideoFrameHead {
+struct VideoFrameHeader {
     uint32_t id;
     uint32_t size;  // encoded bytes that follow
 };
-static_assert(sizeof(VideoFrameHead) == 8);
+static_assert(sizeof(VideoFrameHeader) == 8);
 
 inline constexpr size_t kCameraNameSize = 516;
 

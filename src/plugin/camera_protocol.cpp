@@ -85,8 +85,9 @@ void WriteCameraList(uint8_t* message, const std::vector<CameraDeviceInfo>& came
 }
 
 void WriteVideoFrameHeader(uint8_t* message, uint32_t id, uint32_t encoded_size) {
-    message = WriteHeader(message, kVideoFrame, static_cast<uint32_t>(sizeof(VideoFrameHead)) + encoded_size);
-    WriteRecord(message, VideoFrameHead{id, encoded_size});
+    message =
+        WriteHeader(message, kVideoFrame, static_cast<uint32_t>(sizeof(VideoFrameHeader)) + encoded_size);
+    WriteRecord(message, VideoFrameHeader{id, encoded_size});
 }
 
 }  // namespace zumod

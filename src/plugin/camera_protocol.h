@@ -39,7 +39,7 @@ uint64_t CameraListSize(const std::vector<CameraDeviceInfo>& cameras);
 void WriteCameraList(uint8_t* message, const std::vector<CameraDeviceInfo>& cameras);
 
 // Only the part before the encoded bytes.
-inline constexpr uint64_t kVideoFrameHeaderSize = sizeof(_MESSAGE_HEADER) + sizeof(VideoFrameHead);
+inline constexpr uint64_t kVideoFrameHeaderSize = sizeof(_MESSAGE_HEADER) + sizeof(VideoFrameHeader);
 void WriteVideoFrameHeader(uint8_t* message, uint32_t id, uint32_t encoded_size);
 
 }  // namespace zumod

@@ -60,7 +60,7 @@ std::optional<PeerMessage> DriverSession::Receive(std::chrono::milliseconds limi
         throw std::runtime_error("the channel was closed");
     }
     if (message->type == kVideoFrame) {
-        const auto head = RecordAt<VideoFrameHead>(message->body, 0);
+        const auto head = RecordAt<VideoFrameHeader>(message->body, 0);
         m_frames[head.id].emplace_back(message->body.begin() + sizeof head, message->body.end());
     }
     return message;

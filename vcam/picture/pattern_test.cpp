@@ -166,9 +166,9 @@ protected:
                  ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".y4m") {}
     ~Y4m() override { std::remove(m_path.c_str()); }
 
-    void Write(const std::string& head, unsigned frames, size_t missing = 0) {
+    void Write(const std::string& header, unsigned frames, size_t missing = 0) {
         std::ofstream out(m_path, std::ios::binary);
-        out << head << "\n";
+        out << header << "\n";
         for (unsigned frame = 0; frame < frames; ++frame) {
             std::string body(kWidth * kHeight * 3 / 2, static_cast<char>(100 + frame));
             if (frame + 1 == frames) {

@@ -43,12 +43,13 @@ unsigned ServerAddress(const char* server_name, sockaddr_un& address) {
 bool ReadDescriptorAddress(const sockaddr_un& address, unsigned length, FileIdentity& identity) {
     sockaddr_un expected;
     const char* body = BeginAddress(expected, ':');
-    const auto head = static_cast<unsigned>(body - expected.sun_path);
-    if (address.sun_family != AF_UNIX || length != offsetof(sockaddr_un, sun_path) + head + sizeof identity ||
-        std::memcmp(address.sun_path, expected.sun_path, head) != 0) {
+    const auto prefix_size = static_cast<unsigned>(body - expected.sun_path);
+    if (address.sun_family != AF_UNIX ||
+        length != offsetof(sockaddr_un, sun_path) + prefix_size + sizeof identity ||
+        std::memcmp(address.sun_path, expected.sun_path, prefix_size) != 0) {
         return false;
     }
-    std::memcpy(&identity, address.sun_path + head, sizeof identity);
+    std::memcpy(&identity, address.sun_path + prefix_size, sizeof identity);
     return true;
 }
 

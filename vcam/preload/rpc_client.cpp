@@ -37,12 +37,12 @@ int Connect(const char* server_name) {
 }
 
 int TakeDescriptor(const msghdr& message) {
-    const cmsghdr* head = CMSG_FIRSTHDR(&message);
-    if (head == nullptr || head->cmsg_level != SOL_SOCKET || head->cmsg_type != SCM_RIGHTS) {
+    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
         return -1;
     }
     int fd = -1;
-    std::memcpy(&fd, CMSG_DATA(head), sizeof fd);
+    std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
     return fd;
 }
 

@@ -42,27 +42,27 @@ std::vector<Part> operator+(std::vector<Part> all, const std::vector<Part>& part
 
 // The lines before the first one that contains `text`. If none does, fails the test and returns all lines.
 inline LogLines UpTo(const LogLines& lines, const std::string& text) {
-    LogLines head;
+    LogLines earlier;
     for (const LogLine& line : lines) {
         if (line.text.find(text) != std::string::npos) {
-            return head;
+            return earlier;
         }
-        head.push_back(line);
+        earlier.push_back(line);
     }
     ADD_FAILURE() << "no line with " << text;
-    return head;
+    return earlier;
 }
 
 inline Calls UpTo(const Calls& calls, const std::string& call) {
-    Calls head;
+    Calls earlier;
     for (const std::string& each : calls) {
         if (each == call) {
-            return head;
+            return earlier;
         }
-        head.push_back(each);
+        earlier.push_back(each);
     }
     ADD_FAILURE() << "no call " << call;
-    return head;
+    return earlier;
 }
 
 struct ReceivedFrame {
@@ -198,8 +198,9 @@ protected:
     static Calls StartCallsThrough(const std::string& call) { return UpTo(StartCalls(), call) + Calls{call}; }
     static Calls StartCallsWith(const std::string& call, const Calls& instead) {
         const Calls all = StartCalls();
-        const Calls head = UpTo(all, call);
-        return head + instead + Calls(all.begin() + static_cast<std::ptrdiff_t>(head.size()) + 1, all.end());
+        const Calls earlier = UpTo(all, call);
+        return earlier + instead +
+               Calls(all.begin() + static_cast<std::ptrdiff_t>(earlier.size()) + 1, all.end());
     }
     static Calls UnmapCalls() {
         return {"munmap video0 buffer=0 length=4096", "munmap video0 buffer=1 length=4096",

@@ -32,15 +32,15 @@ public:
     void ResetArgs() override {}
     uint64_t PrepareOutput(uint32_t size) override {
         ++prepared;
-        output.resize(std::min<uint64_t>(size, room));
+        output.resize(std::min<uint64_t>(size, capacity));
         return output.size();
     }
     void* GetOutputData() override { return output.empty() ? nullptr : output.data(); }
     uint64_t GetOutputSize() override { return output.size(); }
 
     std::vector<uint8_t> output;
-    uint64_t room = UINT64_MAX;  // the size that the output can grow to
-    int prepared = 0;            // calls of PrepareOutput
+    uint64_t capacity = UINT64_MAX;  // the size that the output can grow to
+    int prepared = 0;                // calls of PrepareOutput
 
 private:
     const void* m_bytes = nullptr;

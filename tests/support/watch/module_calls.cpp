@@ -100,11 +100,11 @@ public:
         return m_heap;
     }
 
-    size_t List(ModuleBlock* blocks, size_t room) {
+    size_t List(ModuleBlock* blocks, size_t capacity) {
         const SpinGuard guard(m_lock);
         size_t found = 0;
         for (const ModuleBlock& slot : m_slots) {
-            if (slot.address != nullptr && found++ < room) {
+            if (slot.address != nullptr && found++ < capacity) {
                 blocks[found - 1] = slot;
             }
         }
@@ -454,8 +454,8 @@ size_t LocksOfModule() {
 int64_t MappingsOfModule() {
     return g_mappings;
 }
-size_t ListHeapOfModule(ModuleBlock* blocks, size_t room) {
-    return g_blocks.List(blocks, room);
+size_t ListHeapOfModule(ModuleBlock* blocks, size_t capacity) {
+    return g_blocks.List(blocks, capacity);
 }
 const void* LastBlockBeforeFailure() {
     return g_last_block_before;

@@ -44,8 +44,8 @@ struct ModuleHeap {
     bool operator==(const ModuleHeap&) const = default;
 };
 ModuleHeap HeapOfModule();
-// Fills in at most `room` of its blocks. Returns how many it has.
-size_t ListHeapOfModule(ModuleBlock* blocks, size_t room);
+// Fills in at most `capacity` of its blocks. Returns how many it has.
+size_t ListHeapOfModule(ModuleBlock* blocks, size_t capacity);
 // The number of its mutexes.
 size_t LocksOfModule();
 // The number of its mappings.
