@@ -13,11 +13,12 @@ set -euo pipefail
 usage() { sed -n '2,3s/^# //p' "$0" >&2; exit 2; }
 fail() { printf 'contract.sh: %s\n' "$1" >&2; exit 1; }
 
-# The part from the headers: print_headers INCLUDE_DIR [PRECOMPILED]
+# The part from the headers: print_headers INCLUDE_DIR [PRECOMPILED]. $inner names further headers.
+inner=()
 print_headers() {
-    local compile=(clang++-14 -std=c++20 -w -fno-color-diagnostics -I "$1")
+    local compile=(clang++-14 -std=c++20 -w -fno-color-diagnostics -I "$1" -I "$root")
     [ $# -eq 1 ] || compile+=(-include-pch "$2")
-    (cd "$1" && printf '#include "%s"\n' zumod/*.h) >"$work/all.cpp"
+    (cd "$1" && printf '#include "%s"\n' zumod/*.h "${inner[@]}") >"$work/all.cpp"
     "${compile[@]}" -fsyntax-only -Xclang -ast-dump -Xclang -ast-dump-filter=zumod "$work/all.cpp" >"$work/tree"
     { cat "$work/all.cpp"; generate_witness <"$work/tree"; } >"$work/witness.cpp"
     "${compile[@]}" -Xclang -fdump-vtable-layouts -o "$work/witness" "$work/witness.cpp" >"$work/tables"
@@ -213,6 +214,8 @@ case "${1:-}" in
 # reviewed line by line. A slot below 0 holds an offset to or of a virtual base; "IClientCameraPlugin+8" is the table of
 # the base that begins at byte 8.
 TEXT
+        # Interfaces inside the camera module whose tables the contract states.
+        inner=(src/base/buffer.h src/base/mem_alloctor.h src/bridge/camera_client.h)
         print_headers "$root/include"
         print_binary "$1/zu-client-camera.so"
         print_binary "$1/zu-codec.so"
