@@ -131,6 +131,11 @@ function(zu_module name)
   target_link_options(${name} PRIVATE -Wl,-z,defs -Wl,--version-script=${exports})
   set_target_properties(${name} PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTORY ${ZU_MODULE_DIR}
                                            LINK_DEPENDS ${exports})
+  if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT ZU_SANITIZE)
+    # The same for each build with the same compiler and SOURCE_DATE_EPOCH, anywhere.
+    add_custom_command(TARGET ${name} POST_BUILD COMMAND sha256sum $<TARGET_FILE_NAME:${name}>
+                       WORKING_DIRECTORY ${ZU_MODULE_DIR} VERBATIM)
+  endif()
   install(TARGETS ${name} LIBRARY DESTINATION ${ZU_INSTALL_MODULE_DIR})
 endfunction()
 
