@@ -1,6 +1,5 @@
 #include "src/plugin/send_queue.h"
 
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,10 +25,12 @@ bool RetryOnInterrupt(Operation operation) {
     return true;
 }
 
+// Not of the wall clock: while a thread waits for a time of that clock, setting it back makes the wait
+// longer.
 timespec TakeDeadline() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    timespec deadline{now.tv_sec, now.tv_usec * 1000 + kTakeWaitNanoseconds};
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_nsec += kTakeWaitNanoseconds;
     if (deadline.tv_nsec >= kNanosecondsPerSecond) {
         deadline.tv_sec += 1;
         deadline.tv_nsec -= kNanosecondsPerSecond;
@@ -76,7 +77,7 @@ CRefPtr_T<IBuffer> CSendQueue::Take() {
     }
     const std::optional<uint64_t> generation = WaitInUse([this] {
         const timespec deadline = TakeDeadline();
-        return RetryOnInterrupt([&] { return sem_timedwait(&m_items, &deadline); });
+        return RetryOnInterrupt([&] { return sem_clockwait(&m_items, CLOCK_MONOTONIC, &deadline); });
     });
     if (!generation) {
         return {};

@@ -48,8 +48,9 @@ public:
     // Appends a complete framed message, or drops it if the queue is closed.
     void Enqueue(CRefPtr_T<IBuffer> message);
 
-    // Waits up to 500 ms for a message and removes it from the queue. Returns null if there was none. On a
-    // closed queue Take returns at once, so a running consumer busy-loops. Required by the contract.
+    // Waits up to 500 ms for a message, also while the wall clock is set, and removes it from the queue.
+    // Returns null if there was none. A stop of the send thread takes as long as this wait. On a closed queue
+    // Take returns at once, so a running consumer busy-loops. Required by the contract.
     CRefPtr_T<IBuffer> Take();
 
     // True while more than 5 messages wait. Takes no lock: a stale answer shifts pacing by one frame.

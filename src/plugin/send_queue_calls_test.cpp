@@ -56,21 +56,37 @@ TEST_F(SendQueueCalls, EnqueueWaitsForASlotThenPostsAnItem) {
 TEST_F(SendQueueCalls, TakeWaitsForAnItemThenPostsASlot) {
     queue.Enqueue(message);
     watch.TakeSemaphoreCalls();
-    watch.SetClock(10, 0);
+    watch.SetClock(CLOCK_MONOTONIC, 10);
     EXPECT_EQ(queue.Take(), message);
-    EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{"sem_timedwait(items, 10.500000000)", "sem_post(free)"}));
+    EXPECT_EQ(watch.TakeSemaphoreCalls(),
+              (Calls{"sem_clockwait(items, monotonic 10.500000000)", "sem_post(free)"}));
 }
 
 TEST_F(SendQueueCalls, TheDeadlineIsHalfASecondAwayAndCarriesOneSecond) {
-    const auto deadline = [&](long microseconds) {
-        watch.SetClock(10, microseconds);
+    const auto deadline = [&](long nanoseconds) {
+        watch.SetClock(CLOCK_MONOTONIC, 10, nanoseconds);
         EXPECT_EQ(queue.Take(), nullptr);  // the deadline has long passed
         return watch.TakeSemaphoreCalls();
     };
-    EXPECT_EQ(deadline(1), (Calls{"sem_timedwait(items, 10.500001000)"}));
-    EXPECT_EQ(deadline(499'999), (Calls{"sem_timedwait(items, 10.999999000)"}));
-    EXPECT_EQ(deadline(500'000), (Calls{"sem_timedwait(items, 11.000000000)"}));
-    EXPECT_EQ(deadline(999'999), (Calls{"sem_timedwait(items, 11.499999000)"}));
+    EXPECT_EQ(deadline(1), (Calls{"sem_clockwait(items, monotonic 10.500000001)"}));
+    EXPECT_EQ(deadline(499'999'999), (Calls{"sem_clockwait(items, monotonic 10.999999999)"}));
+    EXPECT_EQ(deadline(500'000'000), (Calls{"sem_clockwait(items, monotonic 11.000000000)"}));
+    EXPECT_EQ(deadline(999'999'999), (Calls{"sem_clockwait(items, monotonic 11.499999999)"}));
+}
+
+// The clock shows a later time when the wait begins than while it lasts: it is set back during the wait.
+TEST_F(SendQueueCalls, AWaitEndsAlthoughTheWallClockIsSetBack) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    watch.SetClock(CLOCK_REALTIME, now.tv_sec + 3600);
+    std::atomic<bool> back{false};
+    std::thread taker([&] {
+        EXPECT_EQ(queue.Take(), nullptr);
+        back = true;
+    });
+    EXPECT_TRUE(WaitUntil([&] { return back.load(); }));
+    queue.Close();
+    taker.join();
 }
 
 TEST_F(SendQueueCalls, CloseWakesWaitingThreadsThenDestroys) {
@@ -100,15 +116,15 @@ TEST_F(SendQueueCalls, InterruptedCallsAreRepeated) {
     const std::vector<int> errors = {EINTR, EAGAIN, EINTR};
     watch.FailWith(CallWatch::sem_wait, CallWatch::kFreeSlots, errors);
     watch.FailWith(CallWatch::sem_post, CallWatch::kItems, errors);
-    watch.FailWith(CallWatch::sem_timedwait, CallWatch::kItems, errors);
+    watch.FailWith(CallWatch::sem_clockwait, CallWatch::kItems, errors);
     watch.FailWith(CallWatch::sem_post, CallWatch::kFreeSlots, errors);
-    watch.SetClock(10, 0);
+    watch.SetClock(CLOCK_MONOTONIC, 10);
     queue.Enqueue(message);
     EXPECT_EQ(watch.TakeSemaphoreCalls(),
               (Calls{"sem_wait(free)", "sem_wait(free)", "sem_wait(free)", "sem_wait(free)",
                      "sem_post(items)", "sem_post(items)", "sem_post(items)", "sem_post(items)"}));
     EXPECT_EQ(queue.Take(), message);
-    const std::string wait = "sem_timedwait(items, 10.500000000)";
+    const std::string wait = "sem_clockwait(items, monotonic 10.500000000)";
     EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{wait, wait, wait, wait, "sem_post(free)", "sem_post(free)",
                                                  "sem_post(free)", "sem_post(free)"}));
 }
@@ -146,10 +162,10 @@ TEST_F(SendQueueCalls, AFailedWaitForASlotDropsTheMessage) {
 TEST_F(SendQueueCalls, AFailedWaitForAnItemLeavesTheMessageQueued) {
     queue.Enqueue(message);
     watch.TakeSemaphoreCalls();
-    watch.SetClock(10, 0);
-    watch.FailWith(CallWatch::sem_timedwait, CallWatch::kItems, {EINVAL});
+    watch.SetClock(CLOCK_MONOTONIC, 10);
+    watch.FailWith(CallWatch::sem_clockwait, CallWatch::kItems, {EINVAL});
     EXPECT_EQ(queue.Take(), nullptr);
-    EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{"sem_timedwait(items, 10.500000000)"}));
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), (Calls{"sem_clockwait(items, monotonic 10.500000000)"}));
     EXPECT_EQ(queue.Take(), message);
 }
 
@@ -158,13 +174,13 @@ TEST_F(SendQueueCalls, AResetDuringTheWaitForASlotDropsTheMessage) {
     queue.Enqueue(message);
     resetter.join();
     EXPECT_EQ(OtherReferences(*message), 0);
-    watch.SetClock(10, 0);
+    watch.SetClock(CLOCK_MONOTONIC, 10);
     EXPECT_EQ(queue.Take(), nullptr);
 }
 
 TEST_F(SendQueueCalls, AResetDuringTheWaitForAnItemYieldsNoMessage) {
     queue.Enqueue(message);
-    watch.OnNext(CallWatch::sem_timedwait, CallWatch::kItems, [this] { ResetMeanwhile(); });
+    watch.OnNext(CallWatch::sem_clockwait, CallWatch::kItems, [this] { ResetMeanwhile(); });
     EXPECT_EQ(queue.Take(), nullptr);
     resetter.join();
     EXPECT_EQ(OtherReferences(*message), 0);
@@ -196,7 +212,7 @@ TEST_F(SendQueueCalls, AResetWaitsForThePostOfAnItem) {
     queue.Enqueue(message);
     resetter.join();
     EXPECT_EQ(OtherReferences(*message), 0);
-    watch.SetClock(10, 0);
+    watch.SetClock(CLOCK_MONOTONIC, 10);
     EXPECT_EQ(queue.Take(), nullptr);
 }
 

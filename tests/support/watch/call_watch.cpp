@@ -36,8 +36,9 @@ const char* const kNames[] = {
 struct Event {
     CallWatch::Call call;
     uintptr_t value;
-    long first = 0;   // sem_init: shared; sem_timedwait: seconds
-    long second = 0;  // sem_init: the initial count; sem_timedwait: nanoseconds
+    long first = 0;   // sem_init: shared; a timed wait: seconds
+    long second = 0;  // sem_init: the initial count; a timed wait: nanoseconds
+    clockid_t clock = CLOCK_REALTIME;
 
     bool Is(CallWatch::Call wanted_call, uintptr_t wanted_value) const {
         return call == wanted_call && (wanted_value == CallWatch::kAny || value == wanted_value);
@@ -65,7 +66,7 @@ struct State {
     std::map<const void*, uintptr_t> roles;
     std::function<void()> thread_start;
     void* (*thread_entry)(void*) = nullptr;
-    std::optional<timeval> clock;
+    std::map<clockid_t, timespec> clocks;
     void* first_malloc = nullptr;
 };
 
@@ -176,15 +177,30 @@ auto FirstRunHook(void* (*entry)(void*)) -> void* (*)(void*) {
     return state->thread_start ? &RunHookThenThread : entry;
 }
 
+// The time that a test has set, if it has.
+std::optional<timespec> TimeSet(clockid_t clock) {
+    if (!IsWatched()) {
+        return std::nullopt;
+    }
+    const Access state;
+    const auto found = state->clocks.find(clock);
+    return found != state->clocks.end() ? std::optional(found->second) : std::nullopt;
+}
+
 int TimeOfDay(timeval* now, void* zone) {
-    if (IsWatched()) {
-        const Access state;
-        if (state->clock) {
-            *now = *state->clock;
-            return 0;
-        }
+    if (const auto set = TimeSet(CLOCK_REALTIME)) {
+        *now = {set->tv_sec, set->tv_nsec / 1000};
+        return 0;
     }
     return __real_gettimeofday(now, zone);
+}
+
+int ClockTime(clockid_t clock, timespec* now) {
+    if (const auto set = TimeSet(clock)) {
+        *now = *set;
+        return 0;
+    }
+    return __real_clock_gettime(clock, now);
 }
 
 std::string TextOf(const Event& event) {
@@ -197,8 +213,9 @@ std::string TextOf(const Event& event) {
         return begin + name + ", " + std::to_string(event.first) + ", " + std::to_string(event.second) + ')';
     }
     char deadline[64] = "";
-    if (event.call == CallWatch::sem_timedwait) {
-        std::snprintf(deadline, sizeof deadline, ", %ld.%09ld", event.first, event.second);
+    if (event.call == CallWatch::sem_timedwait || event.call == CallWatch::sem_clockwait) {
+        std::snprintf(deadline, sizeof deadline, ", %s %ld.%09ld",
+                      event.clock == CLOCK_MONOTONIC ? "monotonic" : "wall", event.first, event.second);
     }
     return begin + name + deadline + ')';
 }
@@ -253,9 +270,9 @@ void CallWatch::OnThreadStart(std::function<void()> hook) {
     state->thread_start = std::move(hook);
 }
 
-void CallWatch::SetClock(long seconds, long microseconds) {
+void CallWatch::SetClock(clockid_t clock, long seconds, long nanoseconds) {
     const Access state;
-    state->clock = timeval{seconds, microseconds};
+    state->clocks[clock] = timespec{seconds, nanoseconds};
 }
 
 int CallWatch::Count(Call call, uintptr_t value) const {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
@@ -42,8 +43,8 @@ public:
     void OnNext(Call call, uintptr_t value, std::function<void()> hook);
     // Each new thread runs the hook first. One thread may be starting at a time.
     void OnThreadStart(std::function<void()> hook);
-    // What gettimeofday returns from now on.
-    void SetClock(long seconds, long microseconds);
+    // What this clock shows from now on; gettimeofday shows CLOCK_REALTIME. Waits do not notice it.
+    void SetClock(clockid_t clock, long seconds, long nanoseconds = 0);
 
     // The number of these calls, including failed ones.
     int Count(Call call, uintptr_t value = kAny) const;
@@ -55,7 +56,7 @@ public:
     // The first block that malloc returned.
     void* FirstMalloc() const;
     // The semaphore calls and pauses since the last Take, as text: "sem_post(items)", "sem_init(free, 0,
-    // 1073741823)", "sem_timedwait(items, 1.500000000)", "usleep(100000)".
+    // 1073741823)", "sem_clockwait(items, monotonic 1.500000000)", "usleep(100000)".
     std::vector<std::string> TakeSemaphoreCalls();
 };
 

@@ -370,19 +370,19 @@ int usleep(useconds_t microseconds) {
     return ZU_REAL(usleep)(IsInside() && microseconds > kLong ? 1000 : microseconds);
 }
 
-int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
+int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* deadline) {
     if (!IsInside()) {
-        return ZU_REAL(sem_timedwait)(semaphore, deadline);
+        return ZU_REAL(sem_clockwait)(semaphore, clock, deadline);
     }
     constexpr long kShort = 20'000'000;
     timespec soon{};
-    clock_gettime(CLOCK_REALTIME, &soon);
+    clock_gettime(clock, &soon);
     soon.tv_nsec += kShort;
     if (soon.tv_nsec >= 1'000'000'000) {
         soon.tv_sec += 1;
         soon.tv_nsec -= 1'000'000'000;
     }
-    return ZU_REAL(sem_timedwait)(semaphore, &soon);
+    return ZU_REAL(sem_clockwait)(semaphore, clock, &soon);
 }
 
 }  // extern "C"
