@@ -1,9 +1,10 @@
 #include "peer/camera_list.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <string_view>
+
+#include "common/parse_number.h"
 
 namespace zumod::peer {
 namespace {
@@ -13,12 +14,8 @@ constexpr PictureSize kLargestByDefault{1280, 720};
 constexpr PictureSize kSizeIfNoneIsListed{640, 480};
 
 std::optional<uint32_t> ParseSide(std::string_view text) {
-    uint32_t side = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), side);
-    if (error != std::errc() || end != text.data() + text.size() || side < 1 || side > kLongestSide) {
-        return std::nullopt;
-    }
-    return side;
+    const auto side = ParseNumber<uint32_t>(text);
+    return side && *side >= 1 && *side <= kLongestSide ? side : std::nullopt;
 }
 
 bool IsSmaller(PictureSize left, PictureSize right) {

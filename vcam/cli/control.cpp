@@ -24,11 +24,10 @@ Expected<std::string> SendControl(const std::string& line, std::string server_na
     if (line.size() > kLineSize) {
         return Fail("too long", kExitUsage);
     }
-    Request request = MakeRequest(Operation::kControl, FileIdentity{});
+    const Request request = MakeRequest(Operation::kControl);
     // The answer is received into the same memory. The line is padded with spaces.
     std::vector<char> text(kLineSize, ' ');
     std::copy(line.begin(), line.end(), text.begin());
-    request.size = static_cast<uint32_t>(text.size());
     const iovec part{text.data(), text.size()};
     Reply reply{};
     if (CallServer(server_name.c_str(), request, &part, 1, reply, nullptr) != 0) {

@@ -10,6 +10,15 @@ namespace zumod::vcam {
 
 using Clock = FrameThread::Clock;
 
+namespace {
+
+// Whether the fault changes the sequence numbers or the times of all frames of a stream.
+bool ChangesClock(FaultKind kind) {
+    return kind == FaultKind::kTooFast || kind == FaultKind::kSequenceWrap || kind == FaultKind::kTimeWrap;
+}
+
+}  // namespace
+
 Camera::Camera(unsigned slot, CameraConfig config, std::string server_name, CameraBoard& board)
     : m_slot(slot), m_server_name(std::move(server_name)), m_board(board), m_parts(std::move(config), board) {
     m_board.plug.store(1, std::memory_order_release);
@@ -61,18 +70,15 @@ int Camera::Open(uint32_t flags, UniqueFd& program_end, FileIdentity& identity) 
     return 0;
 }
 
-Reply Camera::Serve(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor) {
+int Camera::Serve(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor) {
     const MutexLock held(m_lock);
     Reap();
     const auto file = m_files.find(request.file);
     const bool is_open =
         file != m_files.end() && request.plug == m_board.plug.load(std::memory_order_relaxed);
-    Reply reply{};
-    reply.error = is_open ? ServeFile(file->second, request, payload, descriptor) : ENODEV;
+    const int error = is_open ? ServeFile(file->second, request, payload, descriptor) : ENODEV;
     m_parts.frames.Wake();
-    reply.value = request.value;
-    reply.size = static_cast<uint32_t>(payload.size());
-    return reply;
+    return error;
 }
 
 int Camera::ServeFile(const OpenFile& file, const Request& request, std::vector<uint8_t>& payload,
@@ -155,7 +161,7 @@ void Camera::Inject(const Fault& fault) {
         m_parts.plug.Plan(fault, now);
     } else {
         m_parts.faults.Add(fault);
-        if (RowOf(fault.kind).scope == FaultScope::kClock && m_parts.buffers.IsStreaming()) {
+        if (ChangesClock(fault.kind) && m_parts.buffers.IsStreaming()) {
             m_parts.frames.RestartClock(now);
         }
     }

@@ -38,8 +38,8 @@ public:
     int Open(uint32_t flags, UniqueFd& program_end, FileIdentity& identity);
     // How many milliseconds opening takes under the current faults.
     uint32_t OpenDelay();
-    // Serves a request of an open file. The reply's payload replaces the request's.
-    Reply Serve(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor);
+    // Serves a request of an open file. The reply's payload replaces the request's. Returns 0 or errno.
+    int Serve(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor);
 
     void Inject(const Fault& fault);
     void ClearFaults();

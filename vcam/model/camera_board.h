@@ -71,9 +71,7 @@ struct CameraBoard {
         return oldest;
     }
 
-    uint32_t OffsetOf(uint32_t index) const { return index * buffer_stride.load(std::memory_order_relaxed); }
-
-    // The fields of a v4l2_buffer that follow from its index and state.
+    // Fills in the description of a buffer in its current state, without a frame.
     void Describe(uint32_t index, v4l2_buffer& buffer) const {
         uint32_t flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
         if ((mapped.load(std::memory_order_relaxed) >> index & 1) != 0) {
@@ -89,19 +87,14 @@ struct CameraBoard {
             case BufferState::kDequeued:
                 break;
         }
+        buffer = {};
         buffer.index = index;
         buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buffer.bytesused = 0;
         buffer.flags = flags;
         buffer.field = V4L2_FIELD_NONE;
-        buffer.timestamp = {};
-        buffer.timecode = {};
-        buffer.sequence = 0;
         buffer.memory = V4L2_MEMORY_MMAP;
-        buffer.m.offset = OffsetOf(index);
+        buffer.m.offset = index * buffer_stride.load(std::memory_order_relaxed);
         buffer.length = length.load(std::memory_order_relaxed);
-        buffer.reserved2 = 0;
-        buffer.request_fd = 0;
     }
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<uint32_t>::is_always_lock_free);

@@ -3,11 +3,11 @@
 #include <linux/videodev2.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <iterator>
 #include <type_traits>
 
+#include "common/parse_number.h"
 #include "vcam/model/wire.h"
 #include "vcam/picture/pixel_format.h"
 #include "vcam/picture/y4m_source.h"
@@ -34,10 +34,10 @@ Expected<void> FailValue(const Key& key, std::string_view value) {
 }
 
 template <class Number>
-bool ParseNumber(std::string_view text, Number least, Number greatest, Number& number) {
-    const char* end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    return result.ec == std::errc() && result.ptr == end && number >= least && number <= greatest;
+bool ParseWithin(std::string_view text, Number least, Number greatest, Number& number) {
+    const auto parsed = ParseNumber<Number>(text);
+    number = parsed.value_or(number);
+    return parsed && *parsed >= least && *parsed <= greatest;
 }
 
 // The readers of values, each for a field of the configuration.
@@ -45,7 +45,7 @@ bool ParseNumber(std::string_view text, Number least, Number greatest, Number& n
 template <auto kField, auto kGreatest>
 Expected<void> ReadNumber(const Key& key, std::string_view value, CameraConfig& config) {
     std::remove_const_t<decltype(kGreatest)> number = 0;
-    if (!ParseNumber(value, {}, kGreatest, number)) {
+    if (!ParseWithin(value, {}, kGreatest, number)) {
         return FailValue(key, value);
     }
     config.*kField = number;
@@ -101,8 +101,8 @@ Expected<Size> ReadSize(std::string_view text) {
     const size_t cross = text.find('x');
     Size size;
     if (cross == std::string_view::npos ||
-        !ParseNumber(text.substr(0, cross), kLeastSide, kGreatestSide, size.width) ||
-        !ParseNumber(text.substr(cross + 1), kLeastSide, kGreatestSide, size.height) || size.width % 2 != 0 ||
+        !ParseWithin(text.substr(0, cross), kLeastSide, kGreatestSide, size.width) ||
+        !ParseWithin(text.substr(cross + 1), kLeastSide, kGreatestSide, size.height) || size.width % 2 != 0 ||
         size.height % 2 != 0) {
         return Fail("a size is WIDTHxHEIGHT, both even and from 16 to 8192, not " + Quote(text));
     }
@@ -112,11 +112,11 @@ Expected<Size> ReadSize(std::string_view text) {
 Expected<Rate> ReadRate(std::string_view text) {
     const size_t slash = text.find('/');
     Rate rate;
-    if (!ParseNumber(text.substr(0, slash), 1U, 1000000U, rate.numerator) ||
+    if (!ParseWithin(text.substr(0, slash), 1U, 1000000U, rate.numerator) ||
         (slash != std::string_view::npos &&
-         !ParseNumber(text.substr(slash + 1), 1U, 1000000U, rate.denominator)) ||
+         !ParseWithin(text.substr(slash + 1), 1U, 1000000U, rate.denominator)) ||
         rate.numerator / rate.denominator > kGreatestRate) {
-        return Fail("a rate is N or N/D frames a second, at most 1000, not " + Quote(text));
+        return Fail("a rate is N or N/D frames per second, at most 1000, not " + Quote(text));
     }
     return rate;
 }

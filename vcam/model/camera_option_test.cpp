@@ -57,8 +57,8 @@ TEST(CameraOption, ReportsAnErrorInOneLine) {
     EXPECT_EQ(ErrorOf("sizes=641x480"),
               "a size is WIDTHxHEIGHT, both even and from 16 to 8192, not \"641x480\"");
     EXPECT_EQ(ErrorOf("sizes=640"), "a size is WIDTHxHEIGHT, both even and from 16 to 8192, not \"640\"");
-    EXPECT_EQ(ErrorOf("fps=0"), "a rate is N or N/D frames a second, at most 1000, not \"0\"");
-    EXPECT_EQ(ErrorOf("fps=1001"), "a rate is N or N/D frames a second, at most 1000, not \"1001\"");
+    EXPECT_EQ(ErrorOf("fps=0"), "a rate is N or N/D frames per second, at most 1000, not \"0\"");
+    EXPECT_EQ(ErrorOf("fps=1001"), "a rate is N or N/D frames per second, at most 1000, not \"1001\"");
     EXPECT_EQ(ErrorOf("device=-1"), "device must be 0 to 255, not \"-1\"");
     EXPECT_EQ(ErrorOf("card="), "card must have 1 to 31 characters");
     EXPECT_EQ(ErrorOf("card=01234567890123456789012345678901"), "card must have 1 to 31 characters");

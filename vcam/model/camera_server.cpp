@@ -8,11 +8,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <random>
 #include <set>
 #include <sstream>
 
 #include "common/unix_socket.h"
+#include "common/waiter.h"
 #include "vcam/preload/addresses.h"
 
 namespace zumod::vcam {
@@ -109,10 +111,8 @@ Expected<std::unique_ptr<CameraServer>> CameraServer::Start(std::vector<CameraCo
 
 CameraServer::~CameraServer() {
     if (m_thread.joinable()) {
-        const uint64_t one = 1;
-        if (write(m_stop.Get(), &one, sizeof one) == sizeof one) {
-            m_thread.join();
-        }
+        eventfd_write(m_stop.Get(), 1);
+        m_thread.join();
     }
     m_cameras.clear();
     if (m_boards != nullptr) {
@@ -145,30 +145,27 @@ bool CameraServer::Listen() {
 }
 
 void CameraServer::Loop() {
-    std::vector<pollfd> waiting = {{m_stop.Get(), POLLIN, 0}, {m_listener.Get(), POLLIN, 0}};
-    for (;;) {
-        if (poll(waiting.data(), waiting.size(), -1) < 0) {
-            continue;
+    struct Connection {
+        UniqueFd socket;
+        Waiter::Registration request;
+    };
+    Waiter waiter;
+    std::map<int, Connection> connections;  // by descriptor; each ends with its one request
+    bool stopped = false;
+    const auto stop = waiter.Watch(m_stop.Get(), POLLIN, [&] { stopped = true; });
+    const auto listening = waiter.Watch(m_listener.Get(), POLLIN, [&] {
+        UniqueFd socket(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        const int descriptor = socket.Get();
+        if (socket) {
+            auto request = waiter.Watch(descriptor, POLLIN, [&, descriptor] {
+                ServeConnection(descriptor);
+                connections.erase(descriptor);
+            });
+            connections[descriptor] = {std::move(socket), std::move(request)};
         }
-        if (waiting[0].revents != 0) {
-            break;
-        }
-        for (size_t i = waiting.size(); i-- > 2;) {
-            if (waiting[i].revents != 0) {
-                ServeConnection(waiting[i].fd);
-                close(waiting[i].fd);
-                waiting.erase(waiting.begin() + static_cast<std::ptrdiff_t>(i));
-            }
-        }
-        if (waiting[1].revents != 0) {
-            const int connection = accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC);
-            if (connection >= 0) {
-                waiting.push_back({connection, POLLIN, 0});
-            }
-        }
-    }
-    for (size_t i = 2; i < waiting.size(); ++i) {
-        close(waiting[i].fd);
+    });
+    while (!stopped) {
+        waiter.Wait(Clock::time_point::max());
     }
 }
 
@@ -186,63 +183,55 @@ void CameraServer::ServeConnection(int connection) {
     }
     payload.resize(static_cast<size_t>(received) - sizeof request);
     UniqueFd descriptor;
-    Reply reply = Answer(request, payload, descriptor);
+    Reply reply{};
+    reply.error = Answer(request, payload, descriptor, reply.delay_ms);
     reply.size = static_cast<uint32_t>(payload.size());
     SendReply(connection, reply, payload, descriptor.Get());
 }
 
-Reply CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor) {
-    Reply reply{};
+int CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor,
+                         uint32_t& delay_ms) {
     switch (request.operation) {
         case Operation::kOpen:
-            return Open(request, descriptor);
+            return Open(request, descriptor, delay_ms);
         case Operation::kStat: {
             const int number = static_cast<int>(request.value);
-            reply.error = FindNumber(number) != nullptr ? 0 : WasVirtual(number) ? ENOENT : kNotVirtual;
-            return reply;
+            return FindNumber(number) != nullptr ? 0 : ErrorFor(number);
         }
         case Operation::kList:
             payload.clear();
             for (const auto& camera : m_cameras) {
-                const auto number = static_cast<uint32_t>(camera->Number());
-                const auto* bytes = reinterpret_cast<const uint8_t*>(&number);
-                if (camera->Number() >= 0) {
+                if (const int number = camera->Number(); number >= 0) {
+                    const auto* bytes = reinterpret_cast<const uint8_t*>(&number);
                     payload.insert(payload.end(), bytes, bytes + sizeof number);
                 }
             }
-            return reply;
+            return 0;
         case Operation::kBoards:
             descriptor.Reset(fcntl(m_boards_memory.Get(), F_DUPFD_CLOEXEC, 0));
-            reply.error = descriptor ? 0 : errno;
-            return reply;
+            return descriptor ? 0 : errno;
         case Operation::kControl: {
             const auto answer = Control(std::string(payload.begin(), payload.end()));
             const std::string& text = answer ? *answer : answer.error().text;
-            reply.error = answer ? 0 : EINVAL;
             payload.assign(text.begin(), text.end());
-            return reply;
+            return answer ? 0 : EINVAL;
         }
         default:
-            if (request.slot >= m_cameras.size()) {
-                reply.error = ENODEV;
-                return reply;
-            }
-            return m_cameras[request.slot]->Serve(request, payload, descriptor);
+            return request.slot < m_cameras.size()
+                       ? m_cameras[request.slot]->Serve(request, payload, descriptor)
+                       : ENODEV;
     }
 }
 
-Reply CameraServer::Open(const Request& request, UniqueFd& descriptor) {
-    Reply reply{};
+int CameraServer::Open(const Request& request, UniqueFd& descriptor, uint32_t& delay_ms) {
     const int number = static_cast<int>(request.value);
-    Camera* camera = FindNumber(number);
+    Camera* const camera = FindNumber(number);
     if (camera == nullptr) {
-        reply.error = WasVirtual(number) ? ENOENT : kNotVirtual;
-        return reply;
+        return ErrorFor(number);
     }
     FileIdentity identity{};
-    reply.delay_ms = camera->OpenDelay();
-    reply.error = camera->Open(request.flags, descriptor, identity);
-    return reply;
+    delay_ms = camera->OpenDelay();
+    return camera->Open(request.flags, descriptor, identity);
 }
 
 Camera* CameraServer::FindNumber(int number) {

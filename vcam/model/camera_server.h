@@ -4,6 +4,7 @@
 // Thread rule: any thread. One thread of the server answers all requests, one connection at a time.
 #pragma once
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <thread>
@@ -38,9 +39,13 @@ private:
     bool Listen();
     void Loop();
     void ServeConnection(int connection);
-    Reply Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor);
-    Reply Open(const Request& request, UniqueFd& descriptor);
+    // Returns Reply::error.
+    int Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor,
+               uint32_t& delay_ms);
+    int Open(const Request& request, UniqueFd& descriptor, uint32_t& delay_ms);
     Camera* FindNumber(int number);
+    // The error for a number that no camera has.
+    int ErrorFor(int number) const { return WasVirtual(number) ? ENOENT : kNotVirtual; }
     bool WasVirtual(int number) const;
 
     std::string m_name;

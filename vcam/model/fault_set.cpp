@@ -41,7 +41,7 @@ std::optional<Fault> FaultSet::Take(FaultKind kind) {
 
 bool FaultSet::CountsCallsOf(uint64_t request) const {
     return std::any_of(m_active.begin(), m_active.end(), [request](const Active& active) {
-        return RowOf(active.fault.kind).scope == FaultScope::kCall && active.fault.request == request;
+        return active.fault.FailsCalls() && active.fault.request == request;
     });
 }
 
@@ -51,8 +51,8 @@ int FaultSet::FailsCall(uint64_t request) {
     const Fault* decides = nullptr;
     for (Active& active : m_active) {
         const Fault& fault = active.fault;
-        if (RowOf(fault.kind).scope == FaultScope::kCall && fault.request == request &&
-            fault.Covers(++active.calls) && (decides == nullptr || fault.kind < decides->kind)) {
+        if (fault.FailsCalls() && fault.request == request && fault.Covers(++active.calls) &&
+            (decides == nullptr || fault.kind < decides->kind)) {
             decides = &fault;
         }
     }

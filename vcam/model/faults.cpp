@@ -4,8 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <vector>
+
+#include "common/parse_number.h"
 
 namespace zumod::vcam {
 namespace {
@@ -66,70 +67,69 @@ constexpr Fault Fails(FaultKind kind, uint64_t request, uint64_t error, uint64_t
 }
 
 using enum FaultKind;
-using enum FaultScope;
 
 // clang-format off
 constexpr FaultRow kRows[] = {
-    {kState, {.kind = kUnplug}, "unplug", {kBefore},
+    {{.kind = kUnplug}, "unplug", {kBefore},
      "is unplugged before frame FRAME of a stream (0 or none: at once)"},
-    {kState, {.kind = kReplug}, "replug", {kMs},
+    {{.kind = kReplug}, "replug", {kMs},
      "comes back under its number, MS milliseconds after it was unplugged"},
-    {kState, {.kind = kReplugAs}, "replug-as", {Needed("NUMBER", &Fault::value2), kMs},
+    {{.kind = kReplugAs}, "replug-as", {Needed("NUMBER", &Fault::value2), kMs},
      "comes back as /dev/videoNUMBER"},
-    {kCall, Fails(kErrno, 0, 0), "errno",
+    {Fails(kErrno, 0, 0), "errno",
      {Needed("REQUEST", &Fault::request), Needed("ERROR", &Fault::error), kFirst, kCount},
      "COUNT calls of REQUEST fail with ERROR, beginning with the FIRST: errno/DQBUF/EIO/3/1"},
-    {kCall, Fails(kOpenBusy, kOpenCall, EBUSY), "open-busy", {kCount},
+    {Fails(kOpenBusy, kOpenCall, EBUSY), "open-busy", {kCount},
      "open fails with EBUSY, COUNT times (0: always)"},
-    {kCall, Fails(kFormatBusy, VIDIOC_S_FMT, EBUSY), "format-busy", {kCount},
+    {Fails(kFormatBusy, VIDIOC_S_FMT, EBUSY), "format-busy", {kCount},
      "S_FMT fails with EBUSY"},
-    {kCall, Fails(kBuffersBusy, VIDIOC_REQBUFS, EBUSY), "buffers-busy", {kCount},
+    {Fails(kBuffersBusy, VIDIOC_REQBUFS, EBUSY), "buffers-busy", {kCount},
      "REQBUFS fails with EBUSY"},
-    {kCall, Fails(kStreamBusy, VIDIOC_STREAMON, EBUSY), "stream-busy", {kCount},
+    {Fails(kStreamBusy, VIDIOC_STREAMON, EBUSY), "stream-busy", {kCount},
      "STREAMON fails with EBUSY"},
-    {kCall, Fails(kEintrStorm, VIDIOC_DQBUF, EINTR, 100), "eintr-storm", {kCount},
+    {Fails(kEintrStorm, VIDIOC_DQBUF, EINTR, 100), "eintr-storm", {kCount},
      "DQBUF fails with EINTR (100 times unless COUNT says)"},
-    {kCall, Fails(kEagainStorm, VIDIOC_DQBUF, EAGAIN, 100), "eagain-storm", {kCount},
+    {Fails(kEagainStorm, VIDIOC_DQBUF, EAGAIN, 100), "eagain-storm", {kCount},
      "DQBUF fails with EAGAIN (100 times unless COUNT says)"},
-    {kFrame, {.kind = kReadableEmpty}, "readable-empty", {kFirst, kCount},
+    {{.kind = kReadableEmpty}, "readable-empty", {kFirst, kCount},
      "the descriptor is readable, and there is nothing to dequeue"},
-    {kFrame, {.kind = kShort, .value = 50}, "short", {kFirst, kCount, Value("PERCENT")},
+    {{.kind = kShort, .value = 50}, "short", {kFirst, kCount, Value("PERCENT")},
      "bytesused is PERCENT of the picture (50)"},
-    {kFrame, {.kind = kZero}, "zero", {kFirst, kCount},
+    {{.kind = kZero}, "zero", {kFirst, kCount},
      "bytesused is 0"},
-    {kFrame, {.kind = kLong, .value = 4096}, "long", {kFirst, kCount, Value("BYTES")},
+    {{.kind = kLong, .value = 4096}, "long", {kFirst, kCount, Value("BYTES")},
      "bytesused is BYTES (4096) more than the buffer's length"},
-    {kFrame, {.kind = kErrorFlag}, "error-flag", {kFirst, kCount},
+    {{.kind = kErrorFlag}, "error-flag", {kFirst, kCount},
      "the buffer is flagged as faulty"},
-    {kFrame, {.kind = kBadIndex, .value = 1000}, "bad-index", {kFirst, kCount, Value("INDEX")},
+    {{.kind = kBadIndex, .value = 1000}, "bad-index", {kFirst, kCount, Value("INDEX")},
      "the buffer's index is INDEX (1000)"},
-    {kState, {.kind = kStall}, "stall", {Needed("MS"), kBefore},
+    {{.kind = kStall}, "stall", {Needed("MS"), kBefore},
      "no frame for MS milliseconds, before frame FRAME"},
-    {kState, {.kind = kNoFrames}, "no-frames", {},
+    {{.kind = kNoFrames}, "no-frames", {},
      "streams, but delivers no frame"},
-    {kClock, {.kind = kTooFast, .value = 4}, "too-fast", {Value("FACTOR")},
+    {{.kind = kTooFast, .value = 4}, "too-fast", {Value("FACTOR")},
      "delivers frames FACTOR (4) times as fast as negotiated"},
-    {kFrame, {.kind = kDrop}, "drop", {kFirst, kCount},
+    {{.kind = kDrop}, "drop", {kFirst, kCount},
      "frames are lost; the sequence number shows it"},
-    {kFrame, {.kind = kDropEvery}, "drop-every", {Needed("N")},
+    {{.kind = kDropEvery}, "drop-every", {Needed("N")},
      "every Nth frame is lost"},
-    {kClock, {.kind = kSequenceWrap, .value = 10}, "sequence-wrap", {Value("FRAMES")},
+    {{.kind = kSequenceWrap, .value = 10}, "sequence-wrap", {Value("FRAMES")},
      "the sequence number wraps after FRAMES (10)"},
-    {kClock, {.kind = kTimeWrap, .value = 500}, "time-wrap", {kMs},
+    {{.kind = kTimeWrap, .value = 500}, "time-wrap", {kMs},
      "the time stamp's seconds wrap at 32 bits after MS (500)"},
-    {kFrame, {.kind = kTimeBack, .value = 1000}, "time-back", {kFirst, kCount, kMs},
+    {{.kind = kTimeBack, .value = 1000}, "time-back", {kFirst, kCount, kMs},
      "the time stamp is MS (1000) too early"},
-    {kFrame, {.kind = kRepeat, .first = 1}, "repeat", {kFirst, kCount},
+    {{.kind = kRepeat, .first = 1}, "repeat", {kFirst, kCount},
      "the sequence number of the previous frame is repeated"},
-    {kState, {.kind = kSizeChange}, "size-change", {Needed("WIDTH"), Needed("HEIGHT", &Fault::value2)},
+    {{.kind = kSizeChange}, "size-change", {Needed("WIDTH"), Needed("HEIGHT", &Fault::value2)},
      "S_FMT sets this size instead of the requested one"},
-    {kState, {.kind = kStrideChange, .value = 64}, "stride-change", {Value("BYTES")},
+    {{.kind = kStrideChange, .value = 64}, "stride-change", {Value("BYTES")},
      "S_FMT makes rows BYTES (64) longer than TRY_FMT said"},
-    {kState, {.kind = kFatal}, "fatal", {kBefore},
+    {{.kind = kFatal}, "fatal", {kBefore},
      "before frame FRAME streaming fails (EIO) until STREAMOFF"},
-    {kState, {.kind = kGrant}, "grant", {Needed("N")},
+    {{.kind = kGrant}, "grant", {Needed("N")},
      "REQBUFS grants N buffers instead of the number requested"},
-    {kState, {.kind = kSlowOpen}, "slow-open", {Needed("MS")},
+    {{.kind = kSlowOpen}, "slow-open", {Needed("MS")},
      "open takes MS milliseconds"},
 };
 // clang-format on
@@ -143,7 +143,7 @@ constexpr bool IsInOrder() {
     }
     return true;
 }
-static_assert(IsInOrder(), "RowOf finds a row by its place");
+static_assert(IsInOrder(), "RowOf uses the kind as an index");
 
 std::vector<std::string_view> Split(std::string_view text) {
     std::vector<std::string_view> parts;
@@ -166,12 +166,6 @@ bool ReadName(std::string_view text, std::span<const NamedNumber> names, uint64_
     return true;
 }
 
-bool ReadNumber(std::string_view text, uint64_t& number) {
-    const char* end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    return result.ec == std::errc() && result.ptr == end;
-}
-
 bool ReadArgument(const FaultArgument& argument, std::string_view text, Fault& fault) {
     uint64_t& number = fault.*argument.field;
     if (argument.field == &Fault::request) {
@@ -179,7 +173,12 @@ bool ReadArgument(const FaultArgument& argument, std::string_view text, Fault& f
         text.remove_prefix(text.starts_with(kPrefix) ? kPrefix.size() : 0);
         return ReadName(text, kRequests, number);
     }
-    return argument.field == &Fault::error ? ReadName(text, kErrors, number) : ReadNumber(text, number);
+    if (argument.field == &Fault::error) {
+        return ReadName(text, kErrors, number);
+    }
+    const auto parsed = ParseNumber<uint64_t>(text);
+    number = parsed.value_or(number);
+    return parsed.has_value();
 }
 
 }  // namespace

@@ -60,16 +60,11 @@ struct Fault {
 
     bool operator==(const Fault&) const = default;
 
+    // Whether it makes calls fail, counted from the moment it is injected. Any other fault applies to frames,
+    // counted within a stream, or to the camera.
+    bool FailsCalls() const { return error != 0; }
     // Whether it applies to this frame, or to this call, counted from 1.
     bool Covers(uint64_t index) const { return index >= first && (count == 0 || index - first < count); }
-};
-
-// What a fault applies to.
-enum class FaultScope {
-    kCall,   // calls of one kind, counted from the moment the fault is injected
-    kFrame,  // frames, counted within a stream
-    kClock,  // the sequence numbers and times of all frames
-    kState,  // the camera, until the fault is cleared or has happened
 };
 
 struct FaultArgument {
@@ -79,7 +74,6 @@ struct FaultArgument {
 };
 
 struct FaultRow {
-    FaultScope scope;
     Fault defaults;  // with the kind
     const char* name;
     FaultArgument arguments[4];

@@ -46,14 +46,14 @@ inline constexpr unsigned kMaxCameras = 64;
 inline constexpr unsigned kMaxBuffers = 32;
 inline constexpr unsigned kServerNameSize = 32;
 inline constexpr uint32_t kWireMagic = 0x5a56434d;
-inline constexpr uint32_t kWireVersion = 1;
+inline constexpr uint32_t kWireVersion = 2;
 // The largest array an extended-controls request may carry, as the kernel limits it.
 inline constexpr uint32_t kMaxExtControls = 1024;
 
 // Abstract socket addresses: of the server "<prefix>@<server name>", of a descriptor "<prefix>:" and a
 // FileIdentity.
 inline constexpr char kAddressPrefix[] = "zu-vcam";
-// Names the server for every program below it.
+// The environment variable that names the server for the command and every program it starts.
 inline constexpr char kServerVariable[] = "ZU_VCAM";
 
 // Identity of an open device file. It is the address of the program's socket.
@@ -68,15 +68,14 @@ struct FileIdentity {
 static_assert(sizeof(FileIdentity) == 52);
 
 enum class Operation : uint32_t {
-    kOpen,    // value: number, flags: of open(2) -> descriptor, delay_ms
-    kStat,    // value: number -> error: 0, ENOENT or kNotVirtual
-    kList,    // -> payload: the numbers of the cameras that are plugged in, uint32_t each
-    kBoards,  // -> descriptor: the memory of all boards
-    kIoctl,   // command, payload -> payload
-    kCheck,   // command -> error: of a fault that applies to this call
-    kMap,     // value: offset, argument: length, flags: 1 to write -> value: offset, descriptor: the buffers'
-              // memory
-    kRearm,   // flags: kRearmStopped, kRearmEvent
+    kOpen,     // value: number, flags: of open(2) -> descriptor, delay_ms
+    kStat,     // value: number -> error: 0, ENOENT or kNotVirtual
+    kList,     // -> payload: the numbers of the cameras that are plugged in, uint32_t each
+    kBoards,   // -> descriptor: the memory of all boards
+    kIoctl,    // command, payload -> payload
+    kCheck,    // command -> error: of a fault that applies to this call
+    kMap,      // value: offset, argument: length, flags: 1 to write -> descriptor: the buffers' memory
+    kRearm,    // flags: kRearmStopped, kRearmEvent
     kControl,  // payload: a line of text -> payload: the answer
 };
 
@@ -91,18 +90,15 @@ struct Request {
     uint32_t file;
     uint32_t plug;
     uint32_t flags;
-    uint32_t size;  // of the payload that follows
     uint64_t command;
     uint64_t value;
     uint64_t argument;
 };
 
 struct Reply {
-    int32_t error;  // errno, 0 for success
-    uint32_t size;  // of the payload that follows
-    uint64_t value;
+    int32_t error;      // errno, 0 for success
+    uint32_t size;      // of the payload that follows
     uint32_t delay_ms;  // the program waits this long before its call returns
-    uint32_t reserved;
 };
 
 // Error of kOpen and kStat: the number was never a virtual camera's.

@@ -10,7 +10,6 @@ namespace {
 
 constexpr Colour kBars[] = {{180, 128, 128}, {162, 44, 142}, {131, 156, 44}, {112, 72, 58},
                             {84, 184, 198},  {65, 100, 212}, {35, 212, 114}, {16, 128, 128}};
-constexpr uint8_t kLetterLuma = kStampWhite;
 
 }  // namespace
 
@@ -20,13 +19,11 @@ Scene::Scene(unsigned width, unsigned height, const std::string& label)
       m_columns(width / kTile),
       m_rows(height / kTile) {
     unsigned row = (m_grid.rows * m_grid.block + kTile - 1) / kTile;
-    m_has_label = row + 3 <= m_rows;
-    if (m_has_label) {
+    if (row + 3 <= m_rows) {
         m_label_row = row++;
     }
-    m_has_letters = row < m_rows;
-    if (m_has_letters) {
-        m_letter_row = row++;
+    if (row < m_rows) {
+        m_text_row = row++;
     }
     m_first_free_row = std::min(row, m_rows);
     PaintBars();
@@ -53,17 +50,17 @@ void Scene::PaintBars() {
 }
 
 void Scene::PaintLabel(const std::string& label) {
-    if (!m_has_label) {
+    if (!m_label_row) {
         return;
     }
+    const unsigned top = *m_label_row * kTile;
     for (unsigned i = 0; i < label.size() && i < m_columns; ++i) {
         const Glyph glyph = DrawGlyph(label[i]);
         for (unsigned y = 0; y < kTile; ++y) {
             for (unsigned x = 0; x < kTile; ++x) {
                 if (glyph[y][x]) {
-                    m_background
-                        .y[size_t{m_label_row * kTile + y} * m_background.width + size_t{i} * kTile + x] =
-                        kLetterLuma;
+                    m_background.y[size_t{top + y} * m_background.width + size_t{i} * kTile + x] =
+                        kStampWhite;
                 }
             }
         }
@@ -71,10 +68,10 @@ void Scene::PaintLabel(const std::string& label) {
 }
 
 PlacedText Scene::Text(const Stamp& stamp) const {
-    PlacedText placed{m_letter_row};
-    if (!m_has_letters) {
-        return placed;
+    if (!m_text_row) {
+        return {};
     }
+    PlacedText placed{*m_text_row};
     constexpr unsigned kCounterDigits = 10;
     char text[sizeof placed.text];
     const uint64_t ms = stamp.time_us / 1000;

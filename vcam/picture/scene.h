@@ -4,7 +4,7 @@
 // Thread rule: immutable; any thread.
 #pragma once
 
-#include <cstddef>
+#include <optional>
 #include <string>
 
 #include "common/picture_stamp.h"
@@ -49,11 +49,10 @@ private:
     unsigned m_columns;
     unsigned m_rows;
     // Rows of tiles from the top: the stamp, the label, the text, then the bars over which the square moves.
-    unsigned m_label_row = 0;
-    unsigned m_letter_row = 0;
+    // A small picture has no label or no text.
+    std::optional<unsigned> m_label_row;
+    std::optional<unsigned> m_text_row;
     unsigned m_first_free_row = 0;
-    bool m_has_label = false;
-    bool m_has_letters = false;
 };
 
 }  // namespace zumod::vcam

@@ -1,10 +1,10 @@
 #include "vcam/picture/y4m_source.h"
 
-#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "common/parse_number.h"
 #include "vcam/picture/jpeg_pattern.h"
 
 namespace zumod::vcam {
@@ -12,12 +12,6 @@ namespace {
 
 constexpr unsigned kMaxSide = 16384;
 constexpr size_t kMaxBytes = size_t{1} << 30;
-
-bool ReadNumber(const std::string& field, unsigned& number) {
-    const char* end = field.data() + field.size();
-    const auto result = std::from_chars(field.data() + 1, end, number);
-    return result.ec == std::errc() && result.ptr == end;
-}
 
 Expected<Y4mFile> ReadHeader(std::istream& in) {
     if (!in) {
@@ -33,12 +27,13 @@ Expected<Y4mFile> ReadHeader(std::istream& in) {
     fields >> field;
     std::string chroma = "420";
     while (fields >> field) {
-        if ((field[0] == 'W' && !ReadNumber(field, file.width)) ||
-            (field[0] == 'H' && !ReadNumber(field, file.height))) {
-            break;
-        }
-        if (field[0] == 'C') {
-            chroma = field.substr(1);
+        const std::string value = field.substr(1);
+        if (field[0] == 'W') {
+            file.width = ParseNumber<unsigned>(value).value_or(0);
+        } else if (field[0] == 'H') {
+            file.height = ParseNumber<unsigned>(value).value_or(0);
+        } else if (field[0] == 'C') {
+            chroma = value;
         }
     }
     if (file.width == 0 || file.height == 0 || file.width > kMaxSide || file.height > kMaxSide ||

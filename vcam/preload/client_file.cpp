@@ -39,34 +39,43 @@ long Receive(int fd, Record& record, int flags) {
     return RawCall(SYS_recvfrom, fd, Word(&record), sizeof record, flags);
 }
 
-int Dequeue(int fd, const FileIdentity& identity, CameraBoard& board, const Channel& channel,
-            v4l2_buffer& buffer) {
+// Why a QBUF or DQBUF fails before it is tried: the camera is gone, or a fault counts this call and makes it
+// fail. `slow` is the call's bit in the board. 0 otherwise.
+int CheckFirst(const FileIdentity& identity, const CameraBoard& board, const Channel& channel, uint32_t slow,
+               unsigned long command) {
     if (IsGone(identity, board)) {
         return ENODEV;
     }
-    if ((board.slow.load(std::memory_order_acquire) & CameraBoard::kSlowDequeue) != 0) {
-        if (const int error = Check(identity, channel, VIDIOC_DQBUF); error != 0) {
-            return error;
-        }
+    return (board.slow.load(std::memory_order_acquire) & slow) != 0 ? Check(identity, channel, command) : 0;
+}
+
+// Why DQBUF fails in this state of the stream; 0 if it may wait for a frame.
+int DequeueError(const FileIdentity& identity, const CameraBoard& board, uint32_t stream,
+                 const v4l2_buffer& asked) {
+    const uint32_t owner = board.owner.load(std::memory_order_acquire);
+    if (IsGone(identity, board)) {
+        return ENODEV;
     }
-    const uint32_t type = buffer.type;
-    const uint32_t memory = buffer.memory;
+    if (owner != 0 && owner != identity.file) {
+        return EBUSY;
+    }
+    if (asked.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || asked.memory != V4L2_MEMORY_MMAP || owner == 0 ||
+        (stream & CameraBoard::kStreaming) == 0) {
+        return EINVAL;
+    }
+    return (stream & CameraBoard::kFailed) != 0 ? EIO : 0;
+}
+
+int Dequeue(int fd, const FileIdentity& identity, CameraBoard& board, const Channel& channel,
+            v4l2_buffer& buffer) {
+    if (const int error = CheckFirst(identity, board, channel, CameraBoard::kSlowDequeue, VIDIOC_DQBUF);
+        error != 0) {
+        return error;
+    }
     bool took_mark = false;
     for (;;) {
-        const uint32_t owner = board.owner.load(std::memory_order_acquire);
         const uint32_t stream = board.stream.load(std::memory_order_acquire);
-        int error = 0;
-        if (IsGone(identity, board)) {
-            error = ENODEV;
-        } else if (owner != 0 && owner != identity.file) {
-            error = EBUSY;
-        } else if (type != V4L2_BUF_TYPE_VIDEO_CAPTURE || memory != V4L2_MEMORY_MMAP || owner == 0 ||
-                   (stream & CameraBoard::kStreaming) == 0) {
-            error = EINVAL;
-        } else if ((stream & CameraBoard::kFailed) != 0) {
-            error = EIO;
-        }
-        if (error != 0) {
+        if (const int error = DequeueError(identity, board, stream, buffer); error != 0) {
             if (took_mark && error != ENODEV) {
                 Rearm(identity, channel, kRearmStopped);
             }
@@ -104,13 +113,9 @@ int Dequeue(int fd, const FileIdentity& identity, CameraBoard& board, const Chan
 }
 
 int Queue(const FileIdentity& identity, CameraBoard& board, const Channel& channel, v4l2_buffer& buffer) {
-    if (IsGone(identity, board)) {
-        return ENODEV;
-    }
-    if ((board.slow.load(std::memory_order_acquire) & CameraBoard::kSlowQueue) != 0) {
-        if (const int error = Check(identity, channel, VIDIOC_QBUF); error != 0) {
-            return error;
-        }
+    if (const int error = CheckFirst(identity, board, channel, CameraBoard::kSlowQueue, VIDIOC_QBUF);
+        error != 0) {
+        return error;
     }
     const uint32_t owner = board.owner.load(std::memory_order_acquire);
     if (owner != 0 && owner != identity.file) {
@@ -150,7 +155,6 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
             part_count = 2;
         }
     }
-    request.size = static_cast<uint32_t>(parts[0].iov_len + parts[1].iov_len);
     Reply reply{};
     // The reply overwrites the arrays in place; the pointer to the second is returned unchanged.
     const int failure = channel.call(channel.context, request, parts, part_count, reply, nullptr);

@@ -20,7 +20,8 @@ struct Channel {
                 int* fd);
 };
 
-Request MakeRequest(Operation operation, const FileIdentity& identity);
+// The identity is that of the open file, if the request concerns one.
+Request MakeRequest(Operation operation, const FileIdentity& identity = {});
 
 // ioctl on a device file. Returns 0 or errno.
 int ClientIoctl(int fd, const FileIdentity& identity, CameraBoard& board, const Channel& channel,

@@ -72,8 +72,7 @@ int OpenNode(int directory, const char* path, int flags) {
     if (server == nullptr) {
         return kNotOurs;
     }
-    const FileIdentity nobody{};
-    Request request = MakeRequest(Operation::kOpen, nobody);
+    Request request = MakeRequest(Operation::kOpen);
     request.value = static_cast<uint64_t>(number);
     request.flags = static_cast<uint32_t>(flags);
     Reply reply{};
@@ -147,7 +146,7 @@ using namespace zumod::vcam;
         return fd != kNotOurs ? fd : ZU_VCAM_REAL(name)(__VA_ARGS__); \
     }
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives these names
+// NOLINTBEGIN(bugprone-reserved-identifier): names of the C library
 // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the macro starts the list
 ZU_VCAM_OPEN(open, (const char* path, int flags, ...), AT_FDCWD, path, flags)
 ZU_VCAM_OPEN(open64, (const char* path, int flags, ...), AT_FDCWD, path, flags)

@@ -155,8 +155,7 @@ int StatNode(int number) {
     if (server == nullptr) {
         return kNotVirtual;
     }
-    const FileIdentity nobody{};
-    Request request = MakeRequest(Operation::kStat, nobody);
+    Request request = MakeRequest(Operation::kStat);
     request.value = static_cast<uint64_t>(number);
     Reply reply{};
     return CallServer(server, request, nullptr, 0, reply, nullptr) != 0 ? kNotVirtual : reply.error;
@@ -167,11 +166,9 @@ unsigned ListNodes(uint32_t (&numbers)[kMaxCameras]) {
     if (server == nullptr) {
         return 0;
     }
-    const FileIdentity nobody{};
-    Request request = MakeRequest(Operation::kList, nobody);
+    const Request request = MakeRequest(Operation::kList);
     // The reply is received into the same memory.
     std::memset(numbers, 0, sizeof numbers);
-    request.size = sizeof numbers;
     const iovec part{numbers, sizeof numbers};
     Reply reply{};
     if (CallServer(server, request, &part, 1, reply, nullptr) != 0) {

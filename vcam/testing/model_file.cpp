@@ -20,7 +20,7 @@ int ModelFile::Call(void* context, const Request& request, const iovec* parts, i
         payload.insert(payload.end(), bytes, bytes + parts[i].iov_len);
     }
     UniqueFd descriptor;
-    reply = camera.Serve(request, payload, descriptor);
+    reply.error = camera.Serve(request, payload, descriptor);
     size_t copied = 0;
     for (int i = 0; i < part_count; ++i) {
         const size_t size = std::min(parts[i].iov_len, payload.size() - copied);
@@ -53,7 +53,7 @@ void* ModelFile::Map(size_t length, int protection, uint64_t offset) {
         return MAP_FAILED;
     }
     const UniqueFd owned(memory);
-    return mmap(nullptr, length, protection, MAP_SHARED, memory, static_cast<off_t>(reply.value));
+    return mmap(nullptr, length, protection, MAP_SHARED, memory, static_cast<off_t>(offset));
 }
 
 }  // namespace zumod::vcam
