@@ -106,8 +106,7 @@ TEST(Camera, DoesNotStreamWithoutBuffers) {
 }
 
 TEST(Camera, DeliversFramesInOrderWithExactTimes) {
-    TestRig rig("sizes=64x64,fps=250");
-    ASSERT_EQ(rig.Start(8), 0);
+    StreamingRig rig(8, "sizes=64x64,fps=250");
     int64_t first = 0;
     for (uint32_t i = 0; i < 8; ++i) {
         const TestRig::Frame frame = rig.Next();
@@ -117,29 +116,26 @@ TEST(Camera, DeliversFramesInOrderWithExactTimes) {
         EXPECT_EQ(frame.buffer.bytesused, 64U * 64 * 3 / 2);
         EXPECT_EQ(frame.buffer.flags, uint32_t{V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_MAPPED});
         EXPECT_EQ(frame.buffer.field, uint32_t{V4L2_FIELD_NONE});
-        const int64_t time = frame.buffer.timestamp.tv_sec * 1000000L + frame.buffer.timestamp.tv_usec;
+        const int64_t time = TimeOf(frame.buffer);
         first = i == 0 ? time : first;
         EXPECT_NEAR(static_cast<double>(time - first), 4000.0 * i, 1.0);
     }
 }
 
 TEST(Camera, StampsTheSequenceAndTheTimeIntoThePicture) {
-    TestRig rig("sizes=128x96,fps=250");
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4, "sizes=128x96,fps=250");
     for (int i = 0; i < 4; ++i) {
         const TestRig::Frame frame = rig.Next();
         ASSERT_EQ(frame.error, 0);
         const auto stamp = ReadStamp(rig.Memory(frame.buffer.index), LayOut(V4L2_PIX_FMT_NV12, 128, 96));
         ASSERT_TRUE(stamp);
         EXPECT_EQ(stamp->counter, frame.buffer.sequence);
-        EXPECT_EQ(stamp->time_us, static_cast<uint64_t>(frame.buffer.timestamp.tv_sec) * 1000000U +
-                                      static_cast<uint64_t>(frame.buffer.timestamp.tv_usec));
+        EXPECT_EQ(stamp->time_us, static_cast<uint64_t>(TimeOf(frame.buffer)));
     }
 }
 
 TEST(Camera, DropsFramesWhileNoBufferIsQueued) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     ASSERT_EQ(rig.Next().error, 0);
     ASSERT_EQ(rig.Next().error, 0);
     for (int tries = 0; rig.Device().Status().dropped < 3 && tries < 20000; ++tries) {
@@ -152,8 +148,7 @@ TEST(Camera, DropsFramesWhileNoBufferIsQueued) {
 }
 
 TEST(Camera, HasNothingToDequeueBeforeAFrameIsDue) {
-    TestRig rig("sizes=64x64,fps=1");
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2, "sizes=64x64,fps=1");
     EXPECT_EQ(rig.Poll(0), 0);
     v4l2_buffer buffer;
     EXPECT_EQ(rig.Dequeue(buffer), EAGAIN);
@@ -184,8 +179,7 @@ TEST(Camera, WakesABlockedDequeueWhenTheStreamStops) {
 }
 
 TEST(Camera, ReturnsEveryBufferWhenTheStreamStops) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     ASSERT_NE(rig.Poll(), 0);
     ASSERT_EQ(rig.StreamOff(), 0);
     v4l2_buffer buffer;
@@ -195,8 +189,7 @@ TEST(Camera, ReturnsEveryBufferWhenTheStreamStops) {
 }
 
 TEST(Camera, CountsFramesFromZeroInEachStreamAndDiscardsOldOnes) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4);
     ASSERT_NE(rig.Poll(), 0);
     ASSERT_EQ(rig.StreamOff(), 0);
     ASSERT_EQ(rig.Queue(2), 0);
@@ -213,8 +206,7 @@ TEST(Camera, DoesNotLetAPollWaitOnAStoppedStream) {
 }
 
 TEST(Camera, IsSeenBySelectAndEpollByItself) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4);
     const int fd = rig.File().Descriptor();
     fd_set readable;
     FD_ZERO(&readable);
@@ -231,8 +223,7 @@ TEST(Camera, IsSeenBySelectAndEpollByItself) {
 }
 
 TEST(Camera, IsNeverWritable) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     pollfd state{rig.File().Descriptor(), POLLOUT, 0};
     EXPECT_EQ(poll(&state, 1, 0), 0);
 }
@@ -265,8 +256,7 @@ TEST(Camera, IsBusyForASecondStreamer) {
 }
 
 TEST(Camera, DoesNotChangeFormatOrRateWhileItIsInUse) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
     EXPECT_EQ(rig.Call(VIDIOC_S_FMT, format), EBUSY);
     v4l2_streamparm parm = Parm(1, 30);
@@ -275,8 +265,7 @@ TEST(Camera, DoesNotChangeFormatOrRateWhileItIsInUse) {
 }
 
 TEST(Camera, IsFreeAtOnceWhenItsUserClosedAndUnmapped) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     rig.Unmap();
     ASSERT_EQ(rig.Reopen(), 0);
     EXPECT_EQ(rig.Start(2), 0);
@@ -284,8 +273,7 @@ TEST(Camera, IsFreeAtOnceWhenItsUserClosedAndUnmapped) {
 
 // The kernel keeps a device file until its memory is unmapped too.
 TEST(Camera, StaysBusyWhileItsMemoryIsMapped) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     ASSERT_EQ(rig.Reopen(), 0);
     EXPECT_EQ(rig.Request(2), -EBUSY);
     rig.Unmap();
@@ -305,8 +293,7 @@ TEST(Camera, IsKeptOpenByACopyOfTheDescriptor) {
 }
 
 TEST(Camera, StopsPaintingForAProgramThatEnded) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     rig.CloseFile();
     for (int tries = 0; rig.Device().Status().streaming && tries < 20000; ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -315,8 +302,7 @@ TEST(Camera, StopsPaintingForAProgramThatEnded) {
 }
 
 TEST(Camera, KeepsARateOfAThousandFrames) {
-    TestRig rig("sizes=160x120,fps=1000");
-    ASSERT_EQ(rig.Start(32), 0);
+    StreamingRig rig(32, "sizes=160x120,fps=1000");
     TestRig::Frame first = rig.NextAndQueue();
     ASSERT_EQ(first.error, 0);
     TestRig::Frame last;
@@ -324,8 +310,7 @@ TEST(Camera, KeepsARateOfAThousandFrames) {
         last = rig.NextAndQueue();
         ASSERT_EQ(last.error, 0);
     }
-    const int64_t microseconds = (last.buffer.timestamp.tv_sec - first.buffer.timestamp.tv_sec) * 1000000L +
-                                 last.buffer.timestamp.tv_usec - first.buffer.timestamp.tv_usec;
+    const int64_t microseconds = TimeOf(last.buffer) - TimeOf(first.buffer);
     EXPECT_NEAR(static_cast<double>(microseconds),
                 1000.0 * static_cast<double>(last.buffer.sequence - first.buffer.sequence), 2.0);
 }
@@ -345,7 +330,7 @@ TEST(Camera, KeepsItsRateWithFifteenOthersRunning) {
             const TestRig::Frame frame = rig->Next();
             ASSERT_EQ(frame.error, 0);
             EXPECT_EQ(frame.buffer.sequence, i);
-            const int64_t time = frame.buffer.timestamp.tv_sec * 1000000L + frame.buffer.timestamp.tv_usec;
+            const int64_t time = TimeOf(frame.buffer);
             first = i == 0 ? time : first;
             EXPECT_NEAR(static_cast<double>(time - first), 1e6 / kRate * i, 2.0);
         }

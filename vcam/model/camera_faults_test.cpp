@@ -13,15 +13,10 @@
 namespace zumod::vcam {
 namespace {
 
-int64_t TimeOf(const v4l2_buffer& buffer) {
-    return buffer.timestamp.tv_sec * 1000000L + buffer.timestamp.tv_usec;
-}
-
 // One field of the first `count` buffers of a camera with this fault.
 template <class Field>
 std::vector<Field> FirstBuffers(const std::string& fault, size_t count, Field v4l2_buffer::*field) {
-    TestRig rig("sizes=64x64,fps=500,fault=" + fault);
-    EXPECT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4, "sizes=64x64,fps=500,fault=" + fault);
     std::vector<Field> values;
     while (values.size() < count) {
         values.push_back(rig.Next().buffer.*field);
@@ -32,8 +27,7 @@ std::vector<Field> FirstBuffers(const std::string& fault, size_t count, Field v4
 using Values = std::vector<uint32_t>;
 
 TEST(Fault, UnplugRaisesErrorAndHangUpAndFailsAllCalls) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     rig.Inject("unplug");
     const short events = rig.Poll();
     EXPECT_NE(events & POLLERR, 0);
@@ -49,8 +43,7 @@ TEST(Fault, UnplugRaisesErrorAndHangUpAndFailsAllCalls) {
 }
 
 TEST(Fault, UnplugComesBeforeTheFrameItNames) {
-    TestRig rig("sizes=64x64,fps=500,fault=unplug/3");
-    ASSERT_EQ(rig.Start(8), 0);
+    StreamingRig rig(8, "sizes=64x64,fps=500,fault=unplug/3");
     for (uint32_t i = 0; i < 3; ++i) {
         // Unplugging discards frames that were not dequeued yet.
         const TestRig::Frame frame = rig.Next();
@@ -79,8 +72,7 @@ TEST(Fault, UnplugWakesABlockedDequeue) {
 }
 
 TEST(Fault, ReplugBringsTheCameraBackInItsInitialState) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     rig.Inject("unplug");
     rig.Inject("replug");
     EXPECT_EQ(rig.Device().Number(), 0);
@@ -125,8 +117,7 @@ TEST(Fault, ErrnoFailsTheNthCallOfTheRequest) {
 }
 
 TEST(Fault, ErrnoCountsQueueingAndDequeueingToo) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4);
     rig.Inject("errno/DQBUF/EIO/2");
     rig.Inject("errno/QBUF/ENOMEM/1");
     EXPECT_EQ(rig.Next().error, 0);
@@ -182,8 +173,7 @@ TEST(Fault, StreamBusyFailsToStart) {
 }
 
 TEST(Fault, EintrStormInterruptsDequeueingAndLeavesTheFrame) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     rig.Inject("eintr-storm/50");
     for (int i = 0; i < 50; ++i) {
         ASSERT_EQ(rig.Next().error, EINTR);
@@ -194,8 +184,7 @@ TEST(Fault, EintrStormInterruptsDequeueingAndLeavesTheFrame) {
 }
 
 TEST(Fault, EagainStormRefusesAFrameThatIsThere) {
-    TestRig rig;
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2);
     rig.Inject("eagain-storm/50");
     for (int i = 0; i < 50; ++i) {
         ASSERT_EQ(rig.Next().error, EAGAIN);
@@ -204,8 +193,7 @@ TEST(Fault, EagainStormRefusesAFrameThatIsThere) {
 }
 
 TEST(Fault, ReadableEmptyIsReadableWithNothingToDequeue) {
-    TestRig rig("sizes=64x64,fps=500,fault=readable-empty/1/2");
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4, "sizes=64x64,fps=500,fault=readable-empty/1/2");
     EXPECT_EQ(rig.Next().buffer.sequence, 0U);
     EXPECT_EQ(rig.Next().error, EAGAIN);
     EXPECT_EQ(rig.Next().error, EAGAIN);
@@ -221,30 +209,26 @@ TEST(Fault, ZeroReportsNoBytes) {
 }
 
 TEST(Fault, LongClaimsMoreThanTheBufferHolds) {
-    TestRig rig("sizes=64x64,fps=500,fault=long");
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2, "sizes=64x64,fps=500,fault=long");
     const TestRig::Frame frame = rig.Next();
     EXPECT_EQ(frame.buffer.bytesused, frame.buffer.length + 4096);
 }
 
 TEST(Fault, ErrorFlagMarksTheBuffer) {
-    TestRig rig("sizes=64x64,fps=500,fault=error-flag/1");
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2, "sizes=64x64,fps=500,fault=error-flag/1");
     EXPECT_EQ(rig.Next().buffer.flags & V4L2_BUF_FLAG_ERROR, 0U);
     EXPECT_NE(rig.Next().buffer.flags & V4L2_BUF_FLAG_ERROR, 0U);
 }
 
 TEST(Fault, BadIndexNamesABufferThatIsNotThere) {
-    TestRig rig("sizes=64x64,fps=500,fault=bad-index");
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2, "sizes=64x64,fps=500,fault=bad-index");
     EXPECT_EQ(rig.Next().buffer.index, 1000U);
     EXPECT_EQ(rig.Queue(1000), EINVAL);
     EXPECT_EQ(rig.Next().buffer.index, 1U);
 }
 
 TEST(Fault, StallHoldsTheFramesBack) {
-    TestRig rig("sizes=64x64,fps=500,fault=stall/300/2");
-    ASSERT_EQ(rig.Start(8), 0);
+    StreamingRig rig(8, "sizes=64x64,fps=500,fault=stall/300/2");
     const TestRig::Frame before[2] = {rig.Next(), rig.Next()};
     EXPECT_EQ(before[1].buffer.sequence, 1U);
     const TestRig::Frame after = rig.Next();
@@ -254,24 +238,21 @@ TEST(Fault, StallHoldsTheFramesBack) {
 }
 
 TEST(Fault, NoFramesStreamsWithoutAFrame) {
-    TestRig rig("sizes=64x64,fps=1000,fault=no-frames");
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2, "sizes=64x64,fps=1000,fault=no-frames");
     EXPECT_EQ(rig.Poll(100), 0);
     rig.Device().ClearFaults();
     EXPECT_EQ(rig.Next().error, 0);
 }
 
 TEST(Fault, TooFastDeliversFramesAboveTheNegotiatedRate) {
-    TestRig rig("sizes=64x64,fps=100,fault=too-fast/5");
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4, "sizes=64x64,fps=100,fault=too-fast/5");
     const TestRig::Frame first = rig.Next();
     const TestRig::Frame second = rig.Next();
     EXPECT_NEAR(static_cast<double>(TimeOf(second.buffer) - TimeOf(first.buffer)), 2000.0, 1.0);
 }
 
 TEST(Fault, DropLosesFramesAndTheSequenceShowsIt) {
-    TestRig rig("sizes=64x64,fps=500,fault=drop/1/2");
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4, "sizes=64x64,fps=500,fault=drop/1/2");
     EXPECT_EQ(rig.Next().buffer.sequence, 0U);
     const TestRig::Frame frame = rig.Next();
     EXPECT_EQ(frame.buffer.sequence, 3U);
@@ -288,15 +269,13 @@ TEST(Fault, SequenceWrapPassesTheLargestNumber) {
 }
 
 TEST(Fault, TimeWrapPassesTheLargestSecond) {
-    TestRig rig("sizes=64x64,fps=500,fault=time-wrap/3");
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4, "sizes=64x64,fps=500,fault=time-wrap/3");
     EXPECT_EQ(rig.Next().buffer.timestamp.tv_sec, 0xffffffffL);
     EXPECT_EQ(rig.Next().buffer.timestamp.tv_sec, 0L);
 }
 
 TEST(Fault, TimeBackReportsAnEarlierTime) {
-    TestRig rig("sizes=64x64,fps=500,fault=time-back/1/1/500");
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4, "sizes=64x64,fps=500,fault=time-back/1/1/500");
     const int64_t first = TimeOf(rig.Next().buffer);
     EXPECT_NEAR(static_cast<double>(TimeOf(rig.Next().buffer) - first), -498000.0, 1.0);
     EXPECT_NEAR(static_cast<double>(TimeOf(rig.Next().buffer) - first), 4000.0, 1.0);
@@ -330,8 +309,7 @@ TEST(Fault, StrideChangeMakesRowsLongerThanWasNegotiated) {
 }
 
 TEST(Fault, FatalFailsUntilTheStreamIsStopped) {
-    TestRig rig("sizes=64x64,fps=500,fault=fatal/1");
-    ASSERT_EQ(rig.Start(2), 0);
+    StreamingRig rig(2, "sizes=64x64,fps=500,fault=fatal/1");
     v4l2_buffer buffer;
     TestRig::Frame frame = rig.Next();
     while (frame.error == 0) {
@@ -357,8 +335,7 @@ TEST(Fault, GrantGrantsNoneOneOrEightBuffers) {
 }
 
 TEST(Fault, GrantOfOneBufferStillStreams) {
-    TestRig rig("sizes=64x64,fps=500,fault=grant/1");
-    ASSERT_EQ(rig.Start(4), 0);
+    StreamingRig rig(4, "sizes=64x64,fps=500,fault=grant/1");
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(rig.NextAndQueue().error, 0);
     }

@@ -35,4 +35,9 @@ inline v4l2_format Format(uint32_t width, uint32_t height, uint32_t fourcc, uint
     return format;
 }
 
+// The time stamp in microseconds.
+inline int64_t TimeOf(const v4l2_buffer& buffer) {
+    return buffer.timestamp.tv_sec * 1000000L + buffer.timestamp.tv_usec;
+}
+
 }  // namespace zumod::vcam

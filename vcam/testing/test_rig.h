@@ -29,9 +29,11 @@ inline CameraConfig Configure(const std::string& options) {
     return config;
 }
 
+inline constexpr char kFastCamera[] = "sizes=64x64,fps=500";
+
 class TestRig {
 public:
-    explicit TestRig(const std::string& options = "sizes=64x64,fps=500")
+    explicit TestRig(const std::string& options = kFastCamera)
         : m_camera(0, Configure(options), NewName(), m_board) {
         Reopen();
     }
@@ -151,6 +153,14 @@ private:
     Camera m_camera;
     std::unique_ptr<ModelFile> m_file;
     std::vector<std::pair<uint8_t*, size_t>> m_mapped;
+};
+
+// A rig that streams with this many buffers.
+class StreamingRig : public TestRig {
+public:
+    explicit StreamingRig(uint32_t count, const std::string& options = kFastCamera) : TestRig(options) {
+        EXPECT_EQ(Start(count), 0);
+    }
 };
 
 }  // namespace zumod::vcam
