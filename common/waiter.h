@@ -1,5 +1,5 @@
-// One place to wait for descriptors, a stop signal and a deadline at once. The main threads of the host and
-// of the peer wait nowhere else.
+// One place to wait for descriptors, a stop signal and a deadline at once. The main threads of host and peer
+// and the thread of the virtual cameras' server wait only here.
 //
 // Every part of a program that has a descriptor to wait for (a connection, standard output, a listening
 // socket) registers it with a callback. Wait() calls the callbacks of all descriptors that are ready, no

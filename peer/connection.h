@@ -25,7 +25,7 @@ public:
           m_output(std::move(other.m_output)),
           m_command(std::exchange(other.m_command, -1)) {}
     Connection& operator=(Connection&&) = delete;
-    // If memory is not to be had here, the program ends.
+    // Without memory to report how the command ended, the program terminates.
     ~Connection() { End(); }  // NOLINT(bugprone-exception-escape)
 
     // Non-blocking. Both may be the same descriptor.

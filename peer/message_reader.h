@@ -1,4 +1,5 @@
-// Splits the bytes that a host sends into messages and checks each of them. Nothing in them is trusted.
+// A reader of the bytes that a host sends: splits them into messages and checks each of them. Nothing in them
+// is trusted.
 //
 // Thread rule: one thread at a time. No input or output, no clock.
 #pragma once

@@ -1,4 +1,4 @@
-// Writes a camera's encoded frames into a file, unchanged.
+// A file that a camera's encoded frames are written to, unchanged.
 //
 // Thread rule: one thread at a time.
 #pragma once
@@ -30,8 +30,8 @@ public:
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
-    // Returns false if the frame is skipped because a recording cannot start with it. Time
-    // stamps are the arrival times, from the first frame on.
+    // Returns false if the frame is skipped because a recording cannot start with it. Time stamps are the
+    // arrival times, from the first frame on.
     Expected<bool> Add(std::span<const uint8_t> frame, Clock::time_point arrival);
 
     // Completes the file. Without a frame the file is of no use.

@@ -1,4 +1,4 @@
-// Counts what arrives of a stream, and measures its latency by the stamps in the pictures.
+// A meter of one stream: counts what arrives, and measures the latency by the stamps in the pictures.
 //
 // Thread rule: one thread at a time. The caller passes the time.
 #pragma once

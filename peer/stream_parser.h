@@ -1,4 +1,4 @@
-// What an encoded picture tells without being decoded.
+// A parser of encoded pictures: size, key frame and parameter sets, without decoding.
 //
 // Thread rule: one thread at a time.
 #pragma once

@@ -1,4 +1,5 @@
-// Control of running cameras, from any program below their server or with the server's name.
+// Control of running cameras, from the command that uses them or from any program that knows their server's
+// name.
 //
 // Thread rule: any thread.
 #pragma once

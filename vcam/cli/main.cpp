@@ -81,7 +81,7 @@ Expected<Options> ParseOptions(int count, const char* const* words) {
     app.formatter(std::make_shared<HelpFormatter>());
     app.footer(
         "Formats: " + FormatNames() +
-        "\n\nctl gives camera CAMERA a fault while it runs (0 is the first --camera).\n"
+        "\n\nctl injects a fault into camera CAMERA while it runs (0 is the first --camera).\n"
         "Exit status: COMMAND's; 128 and the number of the signal that ended it; 127 if there is no such\n"
         "command, 126 if it cannot be run; 2 wrong options, 1 another failure.");
     AddHelpAndVersion(app);
@@ -123,7 +123,8 @@ Expected<Options> ParseOptions(int count, const char* const* words) {
 }
 
 Expected<int> RunControl(int count, const char* const* words) {
-    CLI::App app("Gives a running camera a fault, removes its faults or prints its state.", "zu-vcam ctl");
+    CLI::App app("Injects a fault into a running camera, removes its faults or prints its state.",
+                 "zu-vcam ctl");
     app.formatter(std::make_shared<HelpFormatter>());
     app.set_help_flag("--help", "Print this text and exit");
     std::string name;

@@ -41,13 +41,14 @@ public:
     void Disown();
     bool HasOwnerClosed() const { return m_pool != nullptr && m_owner == nullptr; }
     // If the owner closed its file: ends the camera's own mapping, and frees the buffers if there is no
-    // other. Nobody may be painting.
+    // other. The frame thread must not be painting.
     void FreeIfUnmapped();
 
-    // The camera's side of a frame: the pool and the buffer that has been queued longest, or null and -1 ...
+    // The memory of the buffers, or null.
     std::shared_ptr<BufferPool> Pool() const { return m_pool; }
+    // The buffer that has been queued longest, or -1.
     int Oldest() const { return m_board.Oldest(); }
-    // ... and its completion. Returns false if the program did not leave it queued.
+    // Marks a queued buffer as filled and describes it. Returns false if the program did not leave it queued.
     bool Complete(uint32_t index, v4l2_buffer& buffer);
     // Sends the owner a frame, or makes its descriptor readable without one.
     void SendFrame(Record& record) const { Send(record, RecordKind::kFrame); }

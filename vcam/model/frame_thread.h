@@ -60,7 +60,7 @@ public:
     void RestartClock(Time now);
     Next Step(Mutex& lock, Time now) ZU_REQUIRES(lock);
     Time WakeTime() const { return m_wake_time; }
-    // After this nobody writes into the buffers until the lock is released.
+    // After this the thread does not write into the buffers until the lock is released.
     void WaitUntilPainted(Mutex& lock) ZU_REQUIRES(lock);
 
     uint64_t Delivered() const { return m_delivered; }

@@ -1,4 +1,4 @@
-// The interface of what draws a camera's pictures. A source is made for one layout.
+// The interface of a source of a camera's pictures. A source draws in one layout.
 //
 // Thread rule: immutable after construction; any thread.
 #pragma once

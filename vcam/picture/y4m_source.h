@@ -19,7 +19,7 @@ struct Y4mFile {
 
     // Each returns an error of a few words.
     static Expected<Y4mFile> Read(const std::string& path);
-    // Reads the file's header only, so there are no frames.
+    // Reads only the file's header: `frames` stays empty.
     static Expected<Y4mFile> ReadSize(const std::string& path);
 };
 

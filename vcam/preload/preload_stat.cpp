@@ -159,7 +159,7 @@ using namespace zumod::vcam;
                     (int version, int directory, const char* path, struct stat##bits* result, int flags),  \
                     StatAt(directory, path, result, flags), version, directory, path, result, flags)
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives these names
+// NOLINTBEGIN(bugprone-reserved-identifier): names of the C library
 ZU_VCAM_STAT_FAMILY()
 ZU_VCAM_STAT_FAMILY(64)
 
