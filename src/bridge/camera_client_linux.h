@@ -14,6 +14,7 @@
 // With an encoder slower than the camera, the work thread could so keep the lock from an operation for any
 // number of frames. Therefore an operation announces itself in m_waiting_operations until it has the lock,
 // and a frame that sees an announcement is dropped. At the next release only operations compete for the lock.
+// verify/close.pml and verify/set_format.pml check that Close and SetFormat then end.
 //
 // The lock is recursive because a listener may call back into the camera from OnVideoPacket or IsBusy, on the
 // work thread.
