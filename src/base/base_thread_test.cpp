@@ -172,41 +172,63 @@ TEST(BaseThread, StopClearsTheHandleAndTheStartedFlagAndLeavesTheOthers) {
 }
 
 TEST(BaseThread, AStartResetsTheStopRequestAndTheFinishedFlag) {
-    Gate gate;
-    WorkThread thread([&] { return gate.Wait(); });
+    std::atomic<bool> held{false};
+    WorkThread thread([&] { return WaitUntil([&] { return !held; }); });
     thread.Start();
-    gate.Open();
     thread.Stop();
-    Gate second_gate;
-    WorkThread other([&] {
-        second_gate.Wait();
-        return false;
-    });
-    other.Start();
-    const Fields fields = FieldsOf(other);
-    EXPECT_EQ(fields.started, 1);
-    EXPECT_EQ(fields.stop_request, 0);
-    EXPECT_EQ(fields.finished, 0);
-    second_gate.Open();
-    other.Stop();
-    EXPECT_EQ(FieldsOf(other).finished, 1);
+    EXPECT_EQ(FieldsOf(thread).stop_request, 1);
+    EXPECT_EQ(FieldsOf(thread).finished, 1);
+    held = true;
+    const int passes = thread.Passes();
+    thread.Start();
+    EXPECT_EQ(FieldsOf(thread).started, 1);
+    EXPECT_EQ(FieldsOf(thread).stop_request, 0);
+    EXPECT_EQ(FieldsOf(thread).finished, 0);
+    EXPECT_TRUE(WaitUntil([&] { return thread.Passes() > passes; }));
+    held = false;
+    thread.Stop();
+    EXPECT_EQ(FieldsOf(thread).finished, 1);
 }
 
-TEST(BaseThread, StoresTheKernelIdsOfItsStarterAndOfItself) {
-    std::atomic<pid_t> seen{0};
-    WorkThread thread([&] {
-        seen = gettid();
-        return false;
-    });
-    thread.Start();
+TEST(BaseThread, ANormalStartAfterADetachedOneClearsTheDetachedFlagAndIsJoined) {
+    const CallWatch watch;
+    WorkThread thread([&] { return thread.Passes() != 3; });
+    thread.StartEx(true);
+    EXPECT_TRUE(WaitUntil([&] { return thread.HasExited(); }));
     thread.Stop();
-    // After a stop before the first pass the work has recorded no id, but the thread has written its own.
-    EXPECT_EQ(FieldsOf(thread).starter_id, gettid());
-    EXPECT_NE(FieldsOf(thread).own_id, 0);
-    EXPECT_NE(FieldsOf(thread).own_id, gettid());
-    if (seen != 0) {
-        EXPECT_EQ(FieldsOf(thread).own_id, seen);
-    }
+    EXPECT_EQ(FieldsOf(thread).detached, 1);
+    thread.Start();
+    EXPECT_EQ(FieldsOf(thread).detached, 0);
+    thread.Join();
+    EXPECT_EQ(thread.Passes(), 3) << "one pass detached, and two more";
+    thread.Stop();
+    EXPECT_EQ(watch.Count(CallWatch::pthread_detach), 1);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
+}
+
+TEST(BaseThread, StoresTheKernelIdsOfItsStarterAndOfItselfAtEachStart) {
+    class Passing : public CBaseThread {
+    public:
+        pid_t seen = 0;
+
+    private:
+        bool Run() override {
+            seen = gettid();
+            return false;
+        }
+    };
+    Passing thread;
+    const auto run = [&thread] {
+        const pid_t starter = gettid();
+        thread.Start();
+        thread.Join();
+        thread.Stop();
+        EXPECT_EQ(FieldsOf(thread).starter_id, starter);
+        EXPECT_EQ(FieldsOf(thread).own_id, thread.seen);
+        EXPECT_NE(thread.seen, starter);
+    };
+    run();
+    std::thread(run).join();
 }
 
 TEST(BaseThread, AStopRequestBeforeTheFirstPassPreventsIt) {
@@ -376,6 +398,76 @@ TEST(BaseThread, CallsItsHooksOnTheThreadAroundTheLoopAndIsFinishedBeforeTheLast
     thread.Stop();
 }
 
+TEST(BaseThread, ADetachedThreadIsDetachedBeforeItsStartHookWhichPrecedesItsPass) {
+    class Hooked : public CBaseThread {
+    public:
+        explicit Hooked(const CallWatch& watch) : m_watch(watch) {}
+        Calls calls;
+        std::atomic<bool> exited{false};
+
+    private:
+        void OnThreadStart() override {
+            calls.push_back("start, detached " + std::to_string(m_watch.Count(CallWatch::pthread_detach)));
+        }
+        bool Run() override {
+            calls.emplace_back("run");
+            return true;
+        }
+        void OnThreadExit() override { exited = true; }
+
+        const CallWatch& m_watch;
+    };
+    const CallWatch watch;
+    Hooked thread(watch);
+    thread.StartEx(true);
+    EXPECT_TRUE(WaitUntil([&] { return thread.exited.load(); }));
+    EXPECT_EQ(thread.calls, (Calls{"start, detached 1", "run"}));
+}
+
+// The attributes of the calling thread.
+struct ThreadAttributes {
+    int detach_state = -1;
+    int policy = -1;
+    int inherits = -1;
+    int scope = -1;
+    size_t stack = 0;
+    size_t guard = 0;
+
+    bool operator==(const ThreadAttributes&) const = default;
+
+    void Read() {
+        pthread_attr_t attributes;
+        ASSERT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+        pthread_attr_getdetachstate(&attributes, &detach_state);
+        pthread_attr_getschedpolicy(&attributes, &policy);
+        pthread_attr_getinheritsched(&attributes, &inherits);
+        pthread_attr_getscope(&attributes, &scope);
+        pthread_attr_getstacksize(&attributes, &stack);
+        pthread_attr_getguardsize(&attributes, &guard);
+        pthread_attr_destroy(&attributes);
+    }
+};
+
+TEST(BaseThread, IsCreatedWithTheDefaultAttributes) {
+    ThreadAttributes expected;
+    pthread_t plain;
+    const auto read = [](void* out) -> void* {
+        static_cast<ThreadAttributes*>(out)->Read();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&plain, nullptr, read, &expected), 0);
+    pthread_join(plain, nullptr);
+    ThreadAttributes attributes;
+    WorkThread thread([&] {
+        attributes.Read();
+        return false;
+    });
+    thread.Start();
+    thread.Join();
+    EXPECT_EQ(attributes.detach_state, PTHREAD_CREATE_JOINABLE);
+    EXPECT_TRUE(attributes == expected);
+}
+
 TEST(BaseThread, SleepsOnlyWhileStarted) {
     using Clock = std::chrono::steady_clock;
     WorkThread thread([] { return true; });
@@ -460,6 +552,23 @@ TEST(BaseThread, ItsDestructorNeitherStopsNorJoins) {
     EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
     delete thread;
     EXPECT_EQ(watch.Count(CallWatch::pthread_join), 1);
+}
+
+TEST(BaseThread, ItsDestructorRequestsNoStop) {
+    class Bare : public CBaseThread {
+        bool Run() override { return false; }
+    };
+    alignas(Bare) unsigned char storage[sizeof(Bare)];
+    auto* thread = new (storage) Bare;
+    thread->Start();
+    thread->Join();
+    EXPECT_EQ(FieldsOf(*thread).started, 1);
+    thread->~Bare();
+    // Where the fields were: a stop would have cleared the one and set the other.
+    constexpr size_t kStarted = 16;
+    constexpr size_t kStopRequest = 17;
+    EXPECT_EQ(storage[kStarted], 1);
+    EXPECT_EQ(storage[kStopRequest], 0);
 }
 
 TEST(BaseThread, ImplementsEverySlotOfItsTable) {

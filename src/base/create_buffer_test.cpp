@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "src/base/mem_alloctor_ex.h"
 #include "src/base/mem_buffer.h"
@@ -73,6 +74,47 @@ public:
 
     uint64_t asked = 0;
 };
+
+// A buffer with a used size of 7 that keeps the sizes it is told.
+class ToldBuffer final : public CCounted_T<IBuffer> {
+public:
+    void* GetData() override { return m_block; }
+    uint64_t GetSize() override { return 7; }
+    uint64_t SetSize(uint64_t size) override {
+        told.push_back(size);
+        return 7;
+    }
+    uint64_t GetCapacity() override { return sizeof m_block; }
+    uint64_t GetAllocSize() override { return sizeof m_block; }
+    void* GetAllocData() override { return m_block; }
+    CRefPtr_T<IMemAlloctor> GetAllocator() override { return {}; }
+    void* Resize(uint64_t) override { return nullptr; }
+    void* Attach(void*, uint64_t) override { return nullptr; }
+
+    std::vector<uint64_t> told;
+
+private:
+    char m_block[64] = {};
+};
+
+// Returns that buffer for every request.
+class OneBufferAlloctor final : public CCounted_T<IMemAlloctor> {
+public:
+    CRefPtr_T<IBuffer> Alloc(uint64_t) override { return buffer; }
+    bool Free(IBuffer*) override { return true; }
+    uint64_t GetMaxSize() override { return 64; }
+    void* ReAlloc(IBuffer*, uint64_t) override { return nullptr; }
+    CRefPtr_T<IBuffer> AllocBuffer(uint64_t) override { return {}; }
+
+    const CRefPtr_T<ToldBuffer> buffer{new ToldBuffer};
+};
+
+TEST(CreateBuffer, TellsTheBufferTheLengthEvenIfItIsZero) {
+    const CRefPtr_T<OneBufferAlloctor> alloctor(new OneBufferAlloctor);
+    EXPECT_EQ(CreateBuffer(alloctor.Get(), "bytes", 5), alloctor->buffer);
+    EXPECT_EQ(CreateBuffer(alloctor.Get(), nullptr, 0), alloctor->buffer);
+    EXPECT_EQ(alloctor->buffer->told, (std::vector<uint64_t>{5, 0}));
+}
 
 TEST(CreateBuffer, CopiesTheFullLengthEvenIfTheCapacityIsSmaller) {
     const CRefPtr_T<ShortAlloctor> alloctor(new ShortAlloctor);

@@ -66,6 +66,16 @@ TEST(MutexLock, ATimedWaitAcquiresAFreeLockAndGivesUpOnAHeldOne) {
     }();
 }
 
+TEST(MutexLock, IgnoresTheResultOfTheSystemsLock) {
+    CMutexLock lock;
+    CallWatch watch;
+    const uintptr_t mutex = reinterpret_cast<uintptr_t>(&lock) + 8;
+    watch.Fail(CallWatch::pthread_mutex_lock, mutex);
+    EXPECT_TRUE((CallSlot<bool>(&lock, 0)));
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock, mutex), 1);
+    EXPECT_TRUE(IsFree(lock));
+}
+
 TEST(MutexLock, IgnoresTheResultOfTheSystemsUnlock) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the thread sanitizer reports the misuse that this test provokes";

@@ -10,6 +10,7 @@
 
 #include "src/base/base_thread.h"
 #include "tests/support/doubles/raw_slots.h"
+#include "tests/support/watch/single_step.h"
 
 namespace zumod {
 namespace {
@@ -123,6 +124,25 @@ TEST(ObjectMonitor, CountsOnAnyThread) {
     EXPECT_EQ(monitor.GetNewCount(), 20000);
     EXPECT_EQ(monitor.GetDeleteCount(), 20000);
 }
+
+#if ZU_CAN_SINGLE_STEP
+TEST(ObjectMonitor, CountsAndRegistersWithOneLockedInstruction) {
+    using testing::ChangesOf;
+    using testing::NumberChanges;
+    struct Stepped {};
+    static ADD_TO_MONITORING_LIST<Stepped> monitor("Stepped");
+    const NumberChanges one_locked{1, 0};
+    EXPECT_EQ(ChangesOf([] { return monitor.GetNewCount(); }, &ADD_TO_MONITORING_LIST<Stepped>::CountNew),
+              one_locked);
+    EXPECT_EQ(
+        ChangesOf([] { return monitor.GetDeleteCount(); }, &ADD_TO_MONITORING_LIST<Stepped>::CountDelete),
+        one_locked);
+    const auto registry = std::make_unique<ObjectRegistry>();
+    EXPECT_EQ(ChangesOf([&] { return registry->count.load(); },
+                        [&] { RegisterObjectMonitor(*registry, &monitor, "Again"); }),
+              one_locked);
+}
+#endif
 
 TEST(ObjectMonitor, CountsEveryThreadObjectThatIsConstructedOrDestroyed) {
     struct Idle : CBaseThread {

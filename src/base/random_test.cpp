@@ -10,8 +10,12 @@
 #include <ctime>
 #include <set>
 
+#include "tests/support/watch/call_watch.h"
+
 namespace zumod {
 namespace {
+
+using testing::CallWatch;
 
 // Tests with random results repeat so often that a false failure is less likely than 1 in 10^9.
 
@@ -27,10 +31,10 @@ bool IsUpper(char c) {
     return c >= 'A' && c <= 'Z';
 }
 
-// Whether `first` is the first result of rand() after a seed that is one of these seconds.
-bool IsSeededByTime(int first, std::time_t from, std::time_t to) {
+// Whether `first` is the first result of rand() after a seed that is one of these seconds plus `noise`.
+bool IsSeededByTime(int first, std::time_t from, std::time_t to, unsigned noise = 0) {
     for (std::time_t second = from; second <= to; ++second) {
-        std::srand(static_cast<unsigned>(second));
+        std::srand(static_cast<unsigned>(second) + noise);
         if (std::rand() == first) {
             return true;
         }
@@ -47,6 +51,19 @@ TEST(SeedRandom, ReseedsTheGeneratorOfTheProcess) {
     }
     // With the time only there would be one or two of them.
     EXPECT_GE(firsts.size(), 3U);
+}
+
+TEST(SeedRandom, AddsFourBytesOfTheDeviceToTheTime) {
+    // Each byte counts, and the addition carries: another width or another operation has another sum.
+    constexpr unsigned kNoise = 0xC1B2A3F4;
+    CallWatch watch;
+    watch.SetRandom(kNoise);
+    const std::time_t from = std::time(nullptr);
+    SeedRandom();
+    const std::time_t to = std::time(nullptr);
+    EXPECT_TRUE(IsSeededByTime(std::rand(), from, to, kNoise));
+    EXPECT_EQ(watch.Count(CallWatch::read), 1);
+    EXPECT_EQ(watch.Count(CallWatch::read, 4), 1);
 }
 
 TEST(SeedRandom, LeavesNoDescriptorOpen) {
@@ -100,6 +117,17 @@ TEST(RandomInt, CoversTheWholeWidthOfItsType) {
     }
     EXPECT_TRUE(negative);
     EXPECT_TRUE(positive);
+}
+
+TEST(RandomInt, IsTheFirstNumberOfAMersenneTwisterSeededFromTheDefaultDeviceAtEachCall) {
+    CallWatch watch;
+    // The published first number of MT19937 with the seed 5489 is 3499211612. The range is as wide as its
+    // numbers, so that the draw only moves it.
+    watch.SetRandom(5489);
+    EXPECT_EQ(RandomInt(INT_MIN, INT_MAX), 3499211612 - 2147483648);
+    EXPECT_EQ(RandomInt(INT_MIN, INT_MAX), 3499211612 - 2147483648) << "not the second number";
+    EXPECT_EQ(watch.Count(CallWatch::kOpenRandomDevice, 1), 2);
+    EXPECT_EQ(watch.Count(CallWatch::kReadRandomDevice), 2);
 }
 
 TEST(RandomInt, DoesNotTouchTheGeneratorOfTheProcess) {

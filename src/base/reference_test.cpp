@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/doubles/raw_slots.h"
+#include "tests/support/watch/single_step.h"
 #include "zumod/mod_interface.h"
 #include "zumod/ref_ptr.h"
 
@@ -107,6 +108,31 @@ TEST(Reference, ItsDestructorPairIsInSlotsZeroAndOne) {
     CallSlot<>(new Counted(destroyed), 1);  // the deleting destructor frees it
     EXPECT_EQ(destroyed, 2);
 }
+
+#if ZU_CAN_SINGLE_STEP
+TEST(Reference, ChangesEachOfItsCountsWithOneLockedInstruction) {
+    using testing::ChangesOf;
+    using testing::NumberChanges;
+    // Its memory outlives it, so that the counts can be read after the destruction.
+    struct Kept : CReference {
+        static void operator delete(void*) {}
+    };
+    alignas(Kept) static unsigned char storage[sizeof(Kept)];
+    auto* object = new (storage) Kept;
+    const auto references = [] { return WordAt(storage, 8); };
+    const auto lives = [] { return WordAt(storage, 16); };
+    const NumberChanges one_locked{1, 0};
+    const NumberChanges none{0, 0};
+    EXPECT_EQ(ChangesOf(references, [&] { object->AddRef(); }), one_locked);
+    object->AddRef();
+    EXPECT_EQ(ChangesOf(references, [&] { object->Release(); }), one_locked);
+    EXPECT_EQ(ChangesOf(lives, [&] { object->AddRef(); }), none);
+    EXPECT_EQ(ChangesOf(lives, [&] { object->Release(); }), none);
+    EXPECT_EQ(ChangesOf(lives, [&] { object->Release(); }), one_locked) << "the last reference";
+    EXPECT_EQ(references(), 0);
+    EXPECT_EQ(lives(), 0);
+}
+#endif
 
 TEST(Reference, UsedBySeveralThreadsIsDestroyedOnceByTheLastRelease) {
     int destroyed = 0;

@@ -10,8 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/watch/call_watch.h"
+
 namespace zumod {
 namespace {
+
+using testing::CallWatch;
 
 TEST(Singleton, IsConstructedOnFirstUseAndOnlyOnce) {
     static int made = 0;
@@ -53,6 +57,22 @@ TEST(Singleton, FirstUsedByEightThreadsAtOnceIsConstructedOnceBeforeAnySeesIt) {
     EXPECT_EQ(made, 1);
     EXPECT_EQ(seen, std::vector<Contended*>(8, Contended::GetInstance()));
     EXPECT_EQ(values, std::vector<int>(8, 42));
+}
+
+TEST(Singleton, HoldsItsLockWhileItIsConstructedAndNeverAgain) {
+    static const CallWatch* current = nullptr;
+    static int locked = 0;
+    struct Watched : CSingleton_T<Watched> {
+        Watched() { locked = current->LockedMutexes(); }
+    };
+    const CallWatch watch;
+    current = &watch;
+    Watched* const first = Watched::GetInstance();
+    EXPECT_EQ(locked, 1);
+    EXPECT_EQ(watch.LockedMutexes(), 0);
+    const int locks = watch.Count(CallWatch::pthread_mutex_lock);
+    EXPECT_EQ(Watched::GetInstance(), first);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock), locks) << "read without the lock";
 }
 
 TEST(Singleton, IsOneObjectPerType) {

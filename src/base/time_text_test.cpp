@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "tests/support/process/scoped_environment.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
@@ -268,6 +269,15 @@ TEST(FormatHttpDate, WritesTheGivenSecondsAsUtc) {
         FormatHttpDate(out, c.seconds);
         EXPECT_EQ(out, c.expected);
     }
+}
+
+TEST(FormatHttpDate, IsWrittenIntoABufferOf128Bytes) {
+    const ScopedLocale locale("C");
+    const testing::CallWatch watch;
+    std::string out;
+    FormatHttpDate(out, "0");
+    EXPECT_EQ(watch.Count(testing::CallWatch::strftime), 1);
+    EXPECT_EQ(watch.LastValue(testing::CallWatch::strftime), 128U);
 }
 
 TEST(FormatHttpDate, UsesThePresentTimeForAnEmptyText) {

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <set>
 
+#include "tests/support/watch/call_watch.h"
+
 namespace zumod {
 namespace {
 
@@ -52,6 +54,12 @@ TEST(NewUuidString, HasTheFormAndTheVersionBitsOfAUuid) {
         // The last four bytes of the record are never written and are 0.
         EXPECT_EQ(fifth & 0xFFFFFFFF, 0U);
     }
+}
+
+TEST(NewUuidString, LetsTheLibraryChooseTheKindOfUuid) {
+    const testing::CallWatch watch;
+    NewUuidString();
+    EXPECT_EQ(watch.Count(testing::CallWatch::uuid_generate), 1);
 }
 
 TEST(NewUuidString, DiffersEachTime) {

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -14,11 +17,13 @@
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/captured_stdout.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
 
 using testing::CallSlot;
+using testing::CallWatch;
 using testing::CapturedStdout;
 using testing::RecordingHost;
 
@@ -91,6 +96,18 @@ TEST_F(Runtime, ForwardsEachOperationToTheSameSlotAndReturnsItsResult) {
                                                     "3: 239 5 6 9833440827789222417", "get key"}));
 }
 
+TEST_F(Runtime, PassesOnOnlyTheLowByteOfAFlag) {
+    RawHost host;
+    AttachRuntime(host.AsRuntime());
+    const IZUModRuntime* own = runtime;
+    // The caller's register has other bits set.
+    EXPECT_EQ(
+        (CallSlot<int32_t>(own, 1, uint32_t{0x01020312}, uint64_t{1}, uint64_t{2}, uint64_t{3}, uint64_t{4})),
+        -22);
+    EXPECT_EQ((CallSlot<int32_t>(own, 2, uint32_t{0xFFFFFF00}, uint64_t{5}, uint64_t{6}, uint64_t{7})), -33);
+    EXPECT_EQ(host.calls, (std::vector<std::string>{"2: 18 1 2 3 4", "3: 0 5 6 7"}));
+}
+
 TEST_F(Runtime, HasFourSlotsAndNoDestructor) {
     RawHost host;
     AttachRuntime(host.AsRuntime());
@@ -129,6 +146,68 @@ TEST_F(Runtime, IsTheSameObjectForEveryThread) {
     CZUModRuntime* seen = nullptr;
     std::thread([&] { seen = CZUModRuntime::GetInstance(); }).join();
     EXPECT_EQ(seen, runtime);
+}
+
+// Whether another thread could lock the runtime now. Its lock is the first field; the mutex is that of the
+// lock.
+bool RuntimeIsLocked() {
+    int result = 0;
+    std::thread([&result] {
+        auto* mutex =
+            reinterpret_cast<pthread_mutex_t*>(reinterpret_cast<char*>(CZUModRuntime::GetInstance()) + 16);
+        result = pthread_mutex_trylock(mutex);
+        if (result == 0) {
+            pthread_mutex_unlock(mutex);
+        }
+    }).join();
+    EXPECT_TRUE(result == 0 || result == EBUSY);
+    return result == EBUSY;
+}
+
+// Records for each of its calls whether the runtime is locked meanwhile.
+class LockCheckingHost : public IZUModRuntime {
+public:
+    virtual ~LockCheckingHost() = default;
+    int WriteLog(uint32_t, const char*) override { return Note("1"); }
+    int32_t Service2(uint8_t, uint64_t, uint64_t, uint64_t, uint64_t) override { return Note("2"); }
+    int32_t Service3(uint8_t, uint64_t, uint64_t, uint64_t) override { return Note("3"); }
+    IZUModData* GetEnvProperty(const char*) override {
+        Note("4");
+        return nullptr;
+    }
+
+    std::vector<std::string> calls;
+
+private:
+    int Note(const std::string& slot) {
+        calls.push_back(slot + (RuntimeIsLocked() ? " locked" : " free"));
+        return 0;
+    }
+};
+
+TEST_F(Runtime, NobodyCanDetachTheSinkWhileItIsCalled) {
+    LockCheckingHost host;
+    AttachRuntime(&host);
+    EXPECT_FALSE(RuntimeIsLocked());
+    runtime->WriteLog(1, "text");
+    runtime->Service2(0, 0, 0, 0, 0);
+    runtime->Service3(0, 0, 0, 0);
+    runtime->GetEnvProperty("key");
+    EXPECT_EQ(host.calls, (std::vector<std::string>{"1 locked", "2 locked", "3 locked", "4 locked"}));
+    EXPECT_FALSE(RuntimeIsLocked());
+}
+
+TEST_F(Runtime, TheSinkIsChangedAndReadUnderTheLock) {
+    LockCheckingHost host;
+    const CallWatch watch;
+    const uintptr_t mutex = reinterpret_cast<uintptr_t>(runtime) + 16;
+    AttachRuntime(&host);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock, mutex), 1);
+    runtime->GetSink();
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock, mutex), 2);
+    DetachRuntime();
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock, mutex), 3);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_unlock, mutex), 3);
 }
 
 class ThrowingHost : public IZUModRuntime {

@@ -1,5 +1,6 @@
 #include "tests/support/watch/call_watch.h"
 
+#include <dlfcn.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/time.h>
@@ -9,11 +10,13 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <mutex>
 #include <new>
 #include <optional>
+#include <string>
 #include <utility>
 
 // The linker sends each call of f to __wrap_f, and __real_f to f.
@@ -67,6 +70,7 @@ struct State {
     std::function<void()> thread_start;
     void* (*thread_entry)(void*) = nullptr;
     std::map<clockid_t, timespec> clocks;
+    std::optional<uint32_t> random;
     void* first_malloc = nullptr;
 };
 
@@ -83,14 +87,19 @@ State& TheState() {
 
 class Access {
 public:
-    Access() : m_outer(std::exchange(t_in_watch, true)), m_guard(g_mutex) {}
-    ~Access() { t_in_watch = m_outer; }
+    Access() : m_guard(g_mutex) {}
     Access(const Access&) = delete;
     Access& operator=(const Access&) = delete;
     State* operator->() const { return &TheState(); }
 
 private:
-    const bool m_outer;
+    struct InWatch {
+        ~InWatch() { t_in_watch = outer; }
+        const bool outer = std::exchange(t_in_watch, true);
+    };
+
+    // Outlives the guard: locking and unlocking g_mutex are calls of the watch's own.
+    const InWatch m_in_watch;
     const std::lock_guard<std::mutex> m_guard;
 };
 
@@ -203,6 +212,28 @@ int ClockTime(clockid_t clock, timespec* now) {
     return __real_clock_gettime(clock, now);
 }
 
+std::optional<uint32_t> FixedRandom() {
+    if (!IsWatched()) {
+        return std::nullopt;
+    }
+    const Access state;
+    return state->random;
+}
+
+ssize_t ReadOrDraw(int descriptor, void* bytes, size_t size) {
+    if (const std::optional<uint32_t> number = FixedRandom()) {
+        size = std::min(size, sizeof *number);
+        std::memcpy(bytes, &*number, size);
+        return static_cast<ssize_t>(size);
+    }
+    return __real_read(descriptor, bytes, size);
+}
+
+unsigned Draw(void* device) {
+    const std::optional<uint32_t> number = FixedRandom();
+    return number ? *number : __real__ZNSt13random_device9_M_getvalEv(device);
+}
+
 std::string TextOf(const Event& event) {
     const std::string begin = std::string(kNames[event.call]) + '(';
     if (event.call == CallWatch::usleep) {
@@ -273,6 +304,11 @@ void CallWatch::OnThreadStart(std::function<void()> hook) {
 void CallWatch::SetClock(clockid_t clock, long seconds, long nanoseconds) {
     const Access state;
     state->clocks[clock] = timespec{seconds, nanoseconds};
+}
+
+void CallWatch::SetRandom(uint32_t number) {
+    const Access state;
+    state->random = number;
 }
 
 int CallWatch::Count(Call call, uintptr_t value) const {

@@ -1,6 +1,6 @@
-// A watch on the heap, thread, semaphore and clock calls of a test program: counts and lists them, makes them
-// fail, and runs hooks before them. In a program that links zu_call_watch the linker redirects these calls to
-// the watch, except those that shared libraries make.
+// A watch on the heap, random, library, thread, mutex, semaphore and clock calls of a test program: counts
+// and lists them, makes them fail, and runs hooks before them. In a program that links zu_call_watch the
+// linker redirects these calls to the watch, except those that shared libraries make.
 //
 // Thread rule: one watch at a time; the calls it watches come from [any thread].
 #pragma once
@@ -15,16 +15,22 @@ namespace zumod::testing {
 
 class CallWatch {
 public:
-    // Named after the C functions; _Znwm is the global operator new.
+    // Named after the C functions. _Znwm is the global operator new; the names of std::random_device's two
+    // functions have constants below.
     enum Call : int {
 #define ZU_CALL(result, name, parameters, value, call, failure, ...) name,
 #include "tests/support/watch/watched_calls.def"
 #undef ZU_CALL
     };
 
-    // The value of a call is the size of the block it requests, the block it frees, the argument of the
-    // new thread, the thread, the mutex, the length of the pause, or the role of the semaphore: one
-    // initialised with 0 counts items, one initialised with more counts free slots.
+    static constexpr Call kOpenRandomDevice =
+        _ZNSt13random_device7_M_initERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE;
+    static constexpr Call kReadRandomDevice = _ZNSt13random_device9_M_getvalEv;
+
+    // The value of a call is the size of the block, text or read it requests, the block it frees, the flags
+    // of dlopen, the library, the argument of the new thread, the thread, the mutex, the length of the pause,
+    // whether the token of the random device is "default", or the role of the semaphore: one initialised with
+    // 0 counts items, one initialised with more counts free slots.
     static constexpr uintptr_t kAny = UINTPTR_MAX;
     static constexpr uintptr_t kItems = 0;
     static constexpr uintptr_t kFreeSlots = 1;
@@ -45,11 +51,17 @@ public:
     void OnThreadStart(std::function<void()> hook);
     // What this clock shows from now on; gettimeofday shows CLOCK_REALTIME. Waits do not notice it.
     void SetClock(clockid_t clock, long seconds, long nanoseconds = 0);
+    // The bytes that each read returns from now on, and the number that a random device returns.
+    void SetRandom(uint32_t number);
 
     // The number of these calls, including failed ones.
     int Count(Call call, uintptr_t value = kAny) const;
     // The value of the last of these calls; 0 if there was none.
     uintptr_t LastValue(Call call) const;
+    // How many mutexes the threads of the program have locked, and not unlocked, since the watch began.
+    int LockedMutexes() const {
+        return Count(pthread_mutex_lock) - Count(pthread_mutex_unlock);
+    }
     int FreesOf(const void* block) const {
         return Count(free, reinterpret_cast<uintptr_t>(block));
     }
