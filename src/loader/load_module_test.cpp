@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,6 +21,8 @@
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/captured_stdout.h"
 #include "tests/support/process/test_modules.h"
+#include "tests/support/process/work_directory.h"
+#include "tests/support/watch/call_watch.h"
 #include "tests/support/watch/mappings.h"
 #include "zumod/policies.h"
 #include "zumod/values.h"
@@ -27,6 +30,7 @@
 namespace zumod {
 namespace {
 
+using testing::CallWatch;
 using testing::CodecProbe;
 using testing::CodecRecord;
 using testing::CountedData;
@@ -164,6 +168,44 @@ TEST_F(LoadModuleTest, ADirectoryThatIsANumberIsIgnored) {
     EXPECT_EQ(host.Lines(), (Lines{kNoDirectory, kNoFile, kLoadFails}));
 }
 
+// While it exists, root is an ordinary user: one who cannot read a file of mode 0.
+class OrdinaryUser {
+public:
+    OrdinaryUser() {
+        if (m_was_root) {
+            EXPECT_EQ(setresuid(kNobody, kNobody, 0), 0);
+        }
+    }
+    ~OrdinaryUser() {
+        if (m_was_root) {
+            EXPECT_EQ(setresuid(0, 0, 0), 0);
+            prctl(PR_SET_DUMPABLE, 1);
+        }
+    }
+    OrdinaryUser(const OrdinaryUser&) = delete;
+    OrdinaryUser& operator=(const OrdinaryUser&) = delete;
+
+private:
+    static constexpr uid_t kNobody = 65534;
+    const bool m_was_root = geteuid() == 0;
+};
+
+TEST_F(LoadModuleTest, AFileThatMayNotBeReadExistsAndIsRefusedByTheDynamicLoader) {
+    const testing::WorkDirectory directory;
+    std::filesystem::copy_file(TestModulePath("refusing"), directory / "zu-codec.so");
+    std::filesystem::permissions(directory / "zu-codec.so", std::filesystem::perms::none);
+    std::filesystem::permissions(directory.Path(), static_cast<std::filesystem::perms>(0755));
+    UseDirectory(directory.Path());
+    {
+        const OrdinaryUser user;
+        EXPECT_EQ(Load(EncoderPolicy()), nullptr);
+    }
+    const Lines lines = host.Lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].text.rfind("[zumod] dlopen file fail with ", 0), 0U) << lines[0].text;
+    EXPECT_EQ(lines[1], kLoadFails);
+}
+
 TEST_F(LoadModuleTest, AFileThatIsNotASharedObjectIsReportedAndPrinted) {
     const std::string path = TestModulePath("text");
     const LoaderVerdict verdict(path);
@@ -198,6 +240,73 @@ TEST_F(LoadModuleTest, AnObjectWithoutAnEntryPointIsClosed) {
 
 TEST_F(LoadModuleTest, AModuleWithoutADescriptorIsClosed) {
     ExpectFailure("null_entry_point", {kLoadFails}, "");
+}
+
+TEST_F(LoadModuleTest, AModuleIsClosedBeforeItsFailureIsLogged) {
+    const struct {
+        const char* kind;
+        LogLine line;
+    } cases[] = {{"without_entry_point", kLoadFails},
+                 {"null_entry_point", kLoadFails},
+                 {"without_detach", kCreateFails}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.kind);
+        const CallWatch watch;
+        int closed = -1;
+        host.OnLine([&](uint32_t, const char* text) {
+            if (text == c.line.text) {
+                closed = watch.Count(CallWatch::dlclose);
+            }
+        });
+        UseModule(c.kind);
+        EXPECT_EQ(Load(EncoderPolicy()), nullptr);
+        host.OnLine(nullptr);
+        EXPECT_EQ(closed, 1);
+    }
+}
+
+TEST_F(LoadModuleTest, AModuleThatSucceedsWithoutAnObjectIsNoFailureAndStaysLoaded) {
+    UseModule("succeeding_without_object");
+    EXPECT_EQ(Load(EncoderPolicy()), nullptr);
+    EXPECT_EQ(host.Lines(), Lines{});
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(TimesMapped(TestModulePath("succeeding_without_object")), 1);
+    ASSERT_NE(handle, &untouched);
+    ZuModUnloadModule(handle);
+    EXPECT_EQ(TimesMapped(TestModulePath("succeeding_without_object")), 0);
+}
+
+TEST_F(LoadModuleTest, AFileIsOpenedOnceLazilyAndItsSymbolsStayItsOwn) {
+    const CallWatch watch;
+    UseModule("closable");
+    auto object = Load(EncoderPolicy());
+    EXPECT_EQ(watch.Count(CallWatch::dlopen), 1);
+    EXPECT_EQ(watch.LastValue(CallWatch::dlopen), 1U) << "RTLD_LAZY and no other flag";
+    object = nullptr;
+    ZuModUnloadModule(handle);
+}
+
+TEST_F(LoadModuleTest, NoMutexIsLockedWhileAModuleIsOpenedAttachedAndCreates) {
+    CallWatch watch;
+    std::vector<std::string> seen;
+    const auto note = [&](const std::string& step) {
+        seen.push_back(step + " " + std::to_string(watch.LockedMutexes()));
+    };
+    watch.OnNext(CallWatch::dlopen, CallWatch::kAny, [&] { note("open"); });
+    // The module logs to its host directly, not through this module's lock.
+    host.OnLine([&](uint32_t, const char* text) {
+        for (const char* step : {"[codec] attach", "[codec] create IVEncoder"}) {
+            if (std::string(text) == step) {
+                note(step);
+            }
+        }
+    });
+    UseModule("closable");
+    auto object = Load(EncoderPolicy());
+    host.OnLine(nullptr);
+    EXPECT_EQ(seen, (std::vector<std::string>{"open 0", "[codec] attach 0", "[codec] create IVEncoder 0"}));
+    object = nullptr;
+    ZuModUnloadModule(handle);
 }
 
 TEST_F(LoadModuleTest, AModuleThatRefusesIsDetachedAndClosed) {

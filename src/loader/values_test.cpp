@@ -41,6 +41,32 @@ TEST(ModData, ANewValueIsAnIntegerWithoutBytes) {
     EXPECT_EQ(value->GetObject(), nullptr);
 }
 
+uint64_t WordAt(const void* object, size_t offset) {
+    uint64_t word = 0;
+    std::memcpy(&word, static_cast<const char*>(object) + offset, sizeof word);
+    return word;
+}
+
+TEST(ModData, StoresItsTagThenItsBytesThenItsObjectAfterItsBases) {
+    // Its table pointer, then CReference's table pointer and two counts.
+    constexpr size_t kTag = 32;
+    constexpr size_t kBytes = 40;  // begin, end, capacity
+    constexpr size_t kObject = 64;
+    const CZUModData block(5, "abc", 3);
+    EXPECT_EQ(WordAt(&block, kTag) & 0xFFFFFFFF, 5U);
+    const auto* first = reinterpret_cast<const char*>(WordAt(&block, kBytes));
+    EXPECT_EQ(std::string(first, 3), "abc");
+    EXPECT_EQ(WordAt(&block, kBytes + 8), reinterpret_cast<uint64_t>(first + 3));
+    EXPECT_GE(WordAt(&block, kBytes + 16), reinterpret_cast<uint64_t>(first + 3));
+    EXPECT_EQ(WordAt(&block, kObject), 0U);
+    ReferenceLedger ledger;
+    auto* held = new CountedObject(ledger);
+    const CZUModData object(held);
+    EXPECT_EQ(WordAt(&object, kTag) & 0xFFFFFFFF, 7U);
+    EXPECT_EQ(WordAt(&object, kBytes), 0U);
+    EXPECT_EQ(WordAt(&object, kObject), reinterpret_cast<uint64_t>(held));
+}
+
 TEST(ModData, ANewValueHasACountOfZero) {
     auto* value = new CZUModData;
     EXPECT_EQ(value->AddRef(), 1U);
