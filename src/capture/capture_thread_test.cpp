@@ -2,6 +2,7 @@
 // check of the stop request.
 #include <unistd.h>
 
+#include "src/base/object_monitor.h"
 #include "tests/support/doubles/capture_fixture.h"
 #include "tests/support/watch/call_watch.h"
 #include "tests/support/watch/process_state.h"
@@ -23,6 +24,48 @@ TEST_F(CaptureThreadTest, AStartCreatesOneThreadNamedV4l2Cap) {
     // The argument of the new thread is its CBaseThread.
     const auto* thread = reinterpret_cast<const CBaseThread*>(watch.LastValue(CallWatch::pthread_create));
     EXPECT_EQ(thread->GetName(), "v4l2-cap");
+}
+
+TEST_F(CaptureThreadTest, AChangeIsLoggedUnderTheCapturesLockWhichIsReleasedBeforeTheReset) {
+    devices.Unplug(0);
+    LinuxV4L2CameraCapture capture;
+    Calls seen;
+    host.OnLine([&](uint32_t, const char* text) {
+        const std::string line(text);
+        for (const char* step : {"setFormat", "setDevId", "resetCapture"}) {
+            if (line.find(step) != std::string::npos) {
+                seen.push_back(step + std::string(" ") + std::to_string(watch.LockedMutexes()));
+            }
+        }
+    });
+    // One of the locked mutexes is that of the log.
+    capture.setFormat(1280, 720, 30);
+    capture.setDevId(1);
+    host.OnLine(nullptr);
+    EXPECT_EQ(seen, (Calls{"setFormat 2", "resetCapture 1", "setDevId 2", "resetCapture 1"}));
+}
+
+TEST_F(CaptureThreadTest, AStopDestroysTheThreadBeforeItLogsTheFinish) {
+    // The module's second class in the registry is CBaseThread.
+    ICObjectMonitor* const threads = g_ObjectRegistry.entries[1].monitor;
+    ASSERT_STREQ(g_ObjectRegistry.entries[1].name, "CBaseThread");
+    LinuxV4L2CameraCapture capture;
+    ASSERT_TRUE(capture.startCapture());
+    const int64_t before = threads->GetDeleteCount();
+    int64_t destroyed_at_begin = -1;
+    int64_t destroyed_at_finish = -1;
+    host.OnLine([&](uint32_t, const char* text) {
+        const std::string line(text);
+        if (line.find("begin stop work thread") != std::string::npos) {
+            destroyed_at_begin = threads->GetDeleteCount() - before;
+        } else if (line.find("finish stop work thread") != std::string::npos) {
+            destroyed_at_finish = threads->GetDeleteCount() - before;
+        }
+    });
+    capture.stopCapture();
+    host.OnLine(nullptr);
+    EXPECT_EQ(destroyed_at_begin, 0);
+    EXPECT_EQ(destroyed_at_finish, 1);
 }
 
 TEST_F(CaptureThreadTest, AStartSucceedsEvenIfTheSystemRefusesTheThread) {

@@ -33,6 +33,8 @@ protected:
         host.OnLine([this](uint32_t, const char* text) {
             CameraScript().calls.emplace_back(text);
             threads[text] = watch.Count(CallWatch::pthread_create) - watch.Count(CallWatch::pthread_join);
+            semaphores_made[text] = watch.Count(CallWatch::sem_init);
+            semaphores_destroyed[text] = watch.Count(CallWatch::sem_destroy);
         });
         AttachRuntime(&host);
         plugin = CRefPtr_T<ClientCamera>(new ClientCamera);
@@ -60,10 +62,67 @@ protected:
     CallWatch watch;
     // The number of running threads at the last log line with this text.
     std::map<std::string, int> threads;
+    // The number of semaphores made and destroyed until then.
+    std::map<std::string, int> semaphores_made;
+    std::map<std::string, int> semaphores_destroyed;
     // Its lines are in the same list as the calls on cameras.
     testing::RecordingHost host;
     CRefPtr_T<ClientCamera> plugin;
 };
+
+TEST_F(CallOrder, TheQueueIsOpenBeforeTheCreationIsLogged) {
+    EXPECT_EQ(semaphores_made["[cameraclient] create"], 2);
+}
+
+TEST_F(CallOrder, RunIsLoggedBeforeTheQueueIsReset) {
+    plugin->Run();
+    EXPECT_EQ(semaphores_destroyed["[cameraclient] Run start"], 0);
+    EXPECT_EQ(semaphores_destroyed["[cameraclient] Run return"], 2);
+    EXPECT_EQ(semaphores_made["[cameraclient] Run return"], 4);
+}
+
+TEST_F(CallOrder, TheSendThreadHasItsName) {
+    plugin->Run();
+    // The argument of the new thread is its CBaseThread.
+    const auto* thread = reinterpret_cast<const CBaseThread*>(watch.LastValue(CallWatch::pthread_create));
+    ASSERT_NE(thread, nullptr);
+    EXPECT_EQ(thread->GetName(), "cameraclient-send");
+}
+
+// Records its destruction in the same list as the log lines.
+class TracedStream final : public CCounted_T<IChannelStream> {
+public:
+    ~TracedStream() override { CameraScript().calls.emplace_back("stream released"); }
+    int Read(void*, unsigned long, unsigned long*) override { return -1; }
+    int Write(const void*, unsigned long, unsigned long*) override { return -1; }
+};
+
+TEST_F(CallOrder, TheDestructorEndsTheThreadThenTheQueueThenReleasesTheStream) {
+    plugin->SetChannelStream(new TracedStream);
+    plugin->Run();
+    TakeTrace();
+    const auto trace = [](const char* text) { return [text] { CameraScript().calls.emplace_back(text); }; };
+    watch.OnNext(CallWatch::pthread_join, CallWatch::kAny, trace("thread joined"));
+    watch.OnNext(CallWatch::sem_destroy, CallWatch::kFreeSlots, trace("free slots destroyed"));
+    watch.OnNext(CallWatch::sem_destroy, CallWatch::kItems, trace("items destroyed"));
+    plugin = nullptr;
+    EXPECT_EQ(TakeTrace(),
+              (Trace{"[cameraclient] destroy", "[cameraclient] finish to clear devs", "thread joined",
+                     "free slots destroyed", "items destroyed", "stream released"}));
+}
+
+TEST_F(CallOrder, WithoutMemoryForItsAnswerAHandlerReturnsTrue) {
+    const struct {
+        Bytes request;
+        size_t answer_size;
+    } cases[] = {{kVersionRequestBytes, 12}, {kGetListBytes, 12}, {CloseBytes(7), 16}, {OpenBytes(7), 16}};
+    for (const auto& c : cases) {
+        const int tries = watch.Count(CallWatch::malloc, c.answer_size);
+        watch.Fail(CallWatch::malloc, c.answer_size, 2);
+        EXPECT_TRUE(plugin->OnMessage(c.request.data(), c.request.size(), nullptr)) << int{c.request[4]};
+        EXPECT_EQ(watch.Count(CallWatch::malloc, c.answer_size), tries + 2) << "both failed";
+    }
+}
 
 TEST_F(CallOrder, AVersionRequestIsLoggedThenAnswered) {
     EXPECT_EQ(Serve(kVersionRequestBytes), (Trace{"[cameraclient] version req", "answer"}));

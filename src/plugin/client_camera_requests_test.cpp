@@ -238,6 +238,7 @@ TEST_F(RequestHandlers, AHandlerReturnsFalseOnlyForAnIgnoredRequest) {
         return plugin->OnMessage(message.data(), message.size(), nullptr);
     };
     EXPECT_TRUE(result(kVersionRequestBytes));
+    EXPECT_TRUE(result(kGetListBytes));
     EXPECT_TRUE(result(OpenBytes(7)));
     EXPECT_TRUE(result(OpenBytes(7)));
     EXPECT_TRUE(result(SetPropertyBytes(7)));

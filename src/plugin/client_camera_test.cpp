@@ -4,8 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "src/module/log.h"
 #include "tests/support/doubles/client_camera_double.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/scripted_stream.h"
@@ -18,6 +23,8 @@ namespace {
 using testing::Bytes;
 using testing::CameraScript;
 using testing::FrameBytes;
+using testing::kVersionReplyBytes;
+using testing::kVersionRequestBytes;
 using testing::LogLine;
 using testing::OpenBytes;
 using testing::ScriptedStream;
@@ -146,11 +153,54 @@ TEST_F(ClientCameraTest, SetChannelStreamReleasesThePreviousStream) {
 }
 
 TEST_F(ClientCameraTest, SetChannelStreamWithTheSameStreamKeepsIt) {
-    const auto stream = Connect();
-    plugin->SetChannelStream(stream.Get());
+    auto stream = Connect();
+    ScriptedStream* const same = stream.Get();
+    stream = nullptr;  // the plugin's is now the only reference
+    plugin->SetChannelStream(same);
+    ASSERT_EQ(ScriptedStream::Alive(), 1);
+    stream = CRefPtr_T<ScriptedStream>(same);
     plugin->Run();
     plugin->OnVideoPacket(7, "\x01", 1);
     EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 17; }));
+}
+
+// Records each change of its reference count in a list that several streams share.
+class TracedStream final : public CCounted_T<IChannelStream> {
+public:
+    TracedStream(std::string name, std::vector<std::string>& trace)
+        : m_name(std::move(name)), m_trace(trace) {}
+    uint64_t AddRef() override {
+        m_trace.push_back(m_name + " taken");
+        return CCounted_T::AddRef();
+    }
+    int64_t Release() override {
+        m_trace.push_back(m_name + " released");
+        return CCounted_T::Release();
+    }
+    int Read(void*, unsigned long, unsigned long*) override { return -1; }
+    int Write(const void*, unsigned long, unsigned long*) override { return -1; }
+
+private:
+    const std::string m_name;
+    std::vector<std::string>& m_trace;
+};
+
+TEST_F(ClientCameraTest, SetChannelStreamTakesTheNewStreamBeforeItReleasesTheOldOne) {
+    std::vector<std::string> trace;
+    plugin->SetChannelStream(new TracedStream("first", trace));
+    plugin->SetChannelStream(new TracedStream("second", trace));
+    plugin->SetChannelStream(nullptr);
+    EXPECT_EQ(trace,
+              (std::vector<std::string>{"first taken", "second taken", "first released", "second released"}));
+}
+
+TEST_F(ClientCameraTest, CameraIdsAreOrderedAsUnsignedNumbers) {
+    Connect(OpenBytes(0x80000000) + OpenBytes(0x7FFFFFFF));
+    plugin->Run();
+    CameraScript().calls.clear();
+    plugin->ExitInstance();
+    EXPECT_EQ(CameraScript().calls,
+              (std::vector<std::string>{"1 Close()", "0 Close()", "1 destroyed", "0 destroyed"}));
 }
 
 TEST_F(ClientCameraTest, ExitInstanceClosesCamerasInIdOrderThenReleasesThem) {
@@ -166,6 +216,28 @@ TEST_F(ClientCameraTest, ExitInstanceClosesCamerasInIdOrderThenReleasesThem) {
                                                   {8, "[cameraclient] finish to clear devs"},
                                                   {8, "[cameraclient] start to stop send thread"},
                                                   {8, "[cameraclient] ExitInstance finish"}}));
+}
+
+TEST_F(ClientCameraTest, AnExceptionOfTheSinkLeavesExitInstanceAtAnyLineAndTheNextOneFinishes) {
+    for (const char* line :
+         {"[cameraclient] ExitInstance", "[cameraclient] start to clear devs",
+          "[cameraclient] finish to clear devs", "[cameraclient] start to stop send thread",
+          "[cameraclient] ExitInstance finish"}) {
+        SCOPED_TRACE(line);
+        Connect(OpenBytes(7));
+        plugin->Run();
+        EXPECT_EQ(CameraScript().alive, 1);
+        host.OnLine([line](uint32_t, const char* text) {
+            if (std::string(text) == line) {
+                throw std::runtime_error(line);
+            }
+        });
+        EXPECT_THROW(plugin->ExitInstance(), std::runtime_error);
+        host.OnLine(nullptr);
+        std::thread([] { ZuModLog(kLogTrace, "not locked"); }).join();
+        EXPECT_EQ(plugin->ExitInstance(), 0);
+        EXPECT_EQ(CameraScript().alive, 0);
+    }
 }
 
 TEST_F(ClientCameraTest, ExitInstanceBeforeAnyRunIsHarmlessAndMayBeRepeated) {
@@ -247,30 +319,81 @@ TEST_F(ClientCameraTest, AStreamThatIsReplacedDuringAWriteOutlivesTheWrite) {
     EXPECT_TRUE(WaitUntil([&] { return next->Written().size() == 17; }));
 }
 
-TEST_F(ClientCameraTest, FramesFromManyCamerasAndRepliesArriveWhole) {
-    const auto stream = Connect();
+TEST_F(ClientCameraTest, AReplyIsWrittenWhileTheSendThreadIsStillWritingAFrame) {
+    const auto stream = Connect(kVersionRequestBytes);
+    std::atomic<bool> writing_frame{false};
+    std::atomic<bool> writing_reply{false};
+    stream->on_read = [&] {
+        if (!writing_frame) {
+            plugin->OnVideoPacket(7, "\x01", 1);
+            EXPECT_TRUE(WaitUntil([&] { return writing_frame.load(); }));
+        }
+    };
+    stream->on_write = [&] {
+        if (host.IsOwnThread()) {
+            writing_reply = true;
+        } else {
+            writing_frame = true;
+            EXPECT_TRUE(WaitUntil([&] { return writing_reply.load(); }));
+        }
+    };
     plugin->Run();
-    std::vector<std::thread> cameras;
-    for (uint8_t id = 0; id < 4; ++id) {
-        cameras.emplace_back([&, id] {
-            for (uint8_t i = 0; i < 100; ++i) {
-                plugin->OnVideoPacket(id, &i, 1);
-            }
-        });
+    EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 12 + 17; }));
+}
+
+// Four cameras deliver frames while this thread answers requests. Each request is read only after more frames
+// have been written, so that the replies are spread among them.
+TEST_F(ClientCameraTest, FramesFromManyCamerasAndRepliesArriveWhole) {
+    constexpr uint64_t kReplies = 20;
+    constexpr uint64_t kFramesPerReply = 10;
+    Bytes requests;
+    for (uint64_t i = 0; i < kReplies; ++i) {
+        requests = requests + kVersionRequestBytes;
     }
+    const auto stream = Connect(requests);
+    std::vector<std::thread> cameras;
+    uint64_t reads = 0;
+    stream->on_read = [&] {
+        for (uint8_t id = 0; reads == 0 && id < 4; ++id) {
+            cameras.emplace_back([&, id] {
+                for (uint8_t i = 0; i < 100; ++i) {
+                    plugin->OnVideoPacket(id, &i, 1);
+                }
+            });
+        }
+        // Each reply is one write, and so is each frame.
+        const uint64_t replies = reads++;
+        EXPECT_TRUE(
+            WaitUntil([&] { return stream->WriteCalls() >= replies + (replies + 1) * kFramesPerReply; }));
+    };
+    plugin->Run();
     for (std::thread& camera : cameras) {
         camera.join();
     }
-    ASSERT_TRUE(WaitUntil([&] { return stream->Written().size() == size_t{4} * 100 * 17; }));
+    constexpr size_t kFrameSize = 17;
+    constexpr size_t kReplySize = 12;
+    constexpr size_t kExpected = size_t{4} * 100 * kFrameSize + kReplies * kReplySize;
+    ASSERT_TRUE(WaitUntil([&] { return stream->Written().size() == kExpected; }));
     const Bytes written = stream->Written();
     std::vector<uint8_t> next(4, 0);
-    for (size_t at = 0; at < written.size(); at += 17) {
-        const uint8_t id = written[at + 8];
-        ASSERT_LT(id, 4);
-        EXPECT_EQ((Bytes{written.begin() + static_cast<std::ptrdiff_t>(at),
-                         written.begin() + static_cast<std::ptrdiff_t>(at + 17)}),
-                  FrameBytes(id, {next[id]++}));
+    uint64_t replies = 0;
+    for (size_t at = 0; at < written.size();) {
+        const bool is_reply = written[at + 4] == 0x0B;
+        const size_t size = is_reply ? kReplySize : kFrameSize;
+        const Bytes message(written.begin() + static_cast<std::ptrdiff_t>(at),
+                            written.begin() + static_cast<std::ptrdiff_t>(at + size));
+        if (is_reply) {
+            ASSERT_EQ(message, kVersionReplyBytes);
+            ++replies;
+        } else {
+            const uint8_t id = message[8];
+            ASSERT_LT(id, 4);
+            ASSERT_EQ(message, FrameBytes(id, {next[id]++}));
+        }
+        at += size;
     }
+    EXPECT_EQ(replies, kReplies);
+    EXPECT_EQ(next, std::vector<uint8_t>(4, 100));
 }
 
 }  // namespace

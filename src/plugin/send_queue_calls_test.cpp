@@ -119,6 +119,9 @@ TEST_F(SendQueueCalls, InterruptedCallsAreRepeated) {
     watch.FailWith(CallWatch::sem_clockwait, CallWatch::kItems, errors);
     watch.FailWith(CallWatch::sem_post, CallWatch::kFreeSlots, errors);
     watch.SetClock(CLOCK_MONOTONIC, 10);
+    // Time passes during the wait: only a deadline that is kept stays the same.
+    watch.OnNext(CallWatch::sem_clockwait, CallWatch::kItems,
+                 [this] { watch.SetClock(CLOCK_MONOTONIC, 20); });
     queue.Enqueue(message);
     EXPECT_EQ(watch.TakeSemaphoreCalls(),
               (Calls{"sem_wait(free)", "sem_wait(free)", "sem_wait(free)", "sem_wait(free)",
@@ -202,6 +205,12 @@ TEST_F(SendQueueCalls, ACloseInProgressBlocksNoOtherThread) {
     queue.Close();
     user.join();
     EXPECT_EQ(OtherReferences(*message), 0);
+}
+
+TEST_F(SendQueueCalls, IsBusyTakesNoLock) {
+    const int locks = watch.Count(CallWatch::pthread_mutex_lock);
+    EXPECT_FALSE(queue.IsBusy());
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock), locks);
 }
 
 TEST_F(SendQueueCalls, AResetWaitsForThePostOfAnItem) {

@@ -32,7 +32,8 @@ public:
     uint64_t write_chunk = kUnlimited;
     // Writes fail after this many bytes in total.
     uint64_t fail_write_after = kUnlimited;
-    // Called before each write, on its thread.
+    // Called before each read and each write, on its thread.
+    std::function<void()> on_read;
     std::function<void()> on_write;
 
     uint64_t AddRef() override {
@@ -42,6 +43,9 @@ public:
 
     // The end of the input is a failed read.
     int Read(void* data, unsigned long size, unsigned long* done) override {
+        if (on_read) {
+            on_read();
+        }
         const uint64_t left = m_input.size() - m_read;
         if (left == 0) {
             return -1;
