@@ -20,6 +20,7 @@
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/test_modules.h"
+#include "tests/support/watch/call_watch.h"
 #include "tests/support/watch/process_state.h"
 #include "tests/support/watch/wait_until.h"
 #include "zumod/values.h"
@@ -28,6 +29,7 @@ namespace zumod {
 namespace {
 
 using testing::CallSlot;
+using testing::CallWatch;
 using testing::CodecProbe;
 using testing::DeviceCall;
 using testing::DeviceDouble;
@@ -680,6 +682,34 @@ TEST_F(CameraClientLinuxLock, AllOperationsExceptTwoWaitForTheFrameInProgress) {
     for (const Operation& operation : operations) {
         ExpectToWaitForAFrame(listener.during, operation);
     }
+}
+
+// A stop that begins during the wait is noticed when it ends.
+TEST_F(CameraClientLinuxLock, AFrameWaitsForTheLockForAtMostTenMillisecondsAtATime) {
+    CallWatch watch;
+    std::atomic<bool> in_frame{false};
+    std::atomic<bool> may_leave{false};
+    listener.during = [&] {
+        in_frame = true;
+        EXPECT_TRUE(WaitUntil([&] { return may_leave.load(); }));
+    };
+    client->SetListener(&listener);
+    std::thread frame([&] { Frame(); });
+    EXPECT_TRUE(WaitUntil([&] { return in_frame.load(); }));
+    const auto waits = [&] {
+        return watch.Count(CallWatch::pthread_mutex_clocklock) +
+               watch.Count(CallWatch::pthread_mutex_timedlock);
+    };
+    const int before = waits();
+    std::thread second([&] { Frame(); });
+    EXPECT_TRUE(WaitUntil([&] { return waits() > before + 1; })) << "it waits again and again";
+    may_leave = true;
+    frame.join();
+    second.join();
+    // Only one of the two functions is used.
+    const uintptr_t longest = std::max(watch.LastValue(CallWatch::pthread_mutex_clocklock),
+                                       watch.LastValue(CallWatch::pthread_mutex_timedlock));
+    EXPECT_LE(longest, 10'000'000U);
 }
 
 TEST_F(CameraClientLinuxLock, AFrameIsInProgressUntilItsPacketIsDelivered) {

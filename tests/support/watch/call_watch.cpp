@@ -196,6 +196,14 @@ std::optional<timespec> TimeSet(clockid_t clock) {
     return found != state->clocks.end() ? std::optional(found->second) : std::nullopt;
 }
 
+// In nanoseconds; 0 if the deadline has passed.
+uintptr_t TimeUntil(clockid_t clock, const timespec* deadline) {
+    timespec now{};
+    __real_clock_gettime(clock, &now);
+    const long left = (deadline->tv_sec - now.tv_sec) * 1'000'000'000 + deadline->tv_nsec - now.tv_nsec;
+    return static_cast<uintptr_t>(std::max(left, 0L));
+}
+
 int TimeOfDay(timeval* now, void* zone) {
     if (const auto set = TimeSet(CLOCK_REALTIME)) {
         *now = {set->tv_sec, set->tv_nsec / 1000};

@@ -28,9 +28,10 @@ public:
     static constexpr Call kReadRandomDevice = _ZNSt13random_device9_M_getvalEv;
 
     // The value of a call is the size of the block, text or read it requests, the block it frees, the flags
-    // of dlopen, the library, the argument of the new thread, the thread, the mutex, the length of the pause,
-    // whether the token of the random device is "default", or the role of the semaphore: one initialised with
-    // 0 counts items, one initialised with more counts free slots.
+    // of dlopen, the library, the argument of the new thread, the thread, the mutex, the nanoseconds for
+    // which a timed lock may wait, the length of the pause, whether the token of the random device is
+    // "default", or the role of the semaphore: one initialised with 0 counts items, one initialised with more
+    // counts free slots.
     static constexpr uintptr_t kAny = UINTPTR_MAX;
     static constexpr uintptr_t kItems = 0;
     static constexpr uintptr_t kFreeSlots = 1;
@@ -58,7 +59,8 @@ public:
     int Count(Call call, uintptr_t value = kAny) const;
     // The value of the last of these calls; 0 if there was none.
     uintptr_t LastValue(Call call) const;
-    // How many mutexes the threads of the program have locked, and not unlocked, since the watch began.
+    // How many mutexes the threads of the program have locked without a deadline, and not unlocked, since the
+    // watch began.
     int LockedMutexes() const {
         return Count(pthread_mutex_lock) - Count(pthread_mutex_unlock);
     }
