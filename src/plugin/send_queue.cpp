@@ -9,7 +9,10 @@
 namespace zumod {
 namespace {
 
-constexpr unsigned int kFreeSlots = 0x3FFFFFFF;  // in effect without a limit
+// In effect without a limit. Close relies on that: its one post of m_free_slots could not wake two producers
+// that wait for a slot (verify/send_queue.pml).
+constexpr unsigned int kFreeSlots = 0x3FFFFFFF;
+static_assert(kFreeSlots >= 1U << 20);
 constexpr long kTakeWaitNanoseconds = 500'000'000;
 constexpr long kNanosecondsPerSecond = 1'000'000'000;
 constexpr useconds_t kCloseWaitMicroseconds = 100'000;
