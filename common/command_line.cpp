@@ -11,7 +11,8 @@ void AddHelpAndVersion(CLI::App& app) {
 }
 
 void AddModulesOption(CLI::App& app, std::string& directory, const std::string& files) {
-    app.add_option("--modules", directory, "The directory of " + files + " (default: beside the program)")
+    app.add_option("--modules", directory,
+                   "The directory of " + files + " (default: the one that belongs to the program)")
         ->type_name("DIR")
         ->check(NotEmpty("path"));
 }

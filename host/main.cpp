@@ -37,7 +37,7 @@ Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
                         : (std::filesystem::path(options.modules) / "").parent_path().string();
     }
     if (directory.empty()) {
-        return Fail("there is no module directory beside the program; give one with --modules");
+        return Fail("no module directory belongs to the program; give one with --modules");
     }
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error)) {

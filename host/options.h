@@ -14,7 +14,7 @@ namespace zumod::host {
 struct HostOptions {
     std::string listen;  // the socket's path; empty with --stdio
     bool stdio = false;
-    std::string modules;                            // empty: the directory beside the program
+    std::string modules;                            // empty: the directory that belongs to the program
     std::map<std::string, std::string> properties;  // by key
     uint32_t log_levels = 0;                        // LogLevel bits that are shown
 };

@@ -26,7 +26,7 @@ constexpr size_t kCountWrapsAt = 256;
 
 template <size_t kSize>
 bool AllZero(const uint8_t (&bytes)[kSize]) {
-    return std::all_of(std::begin(bytes), std::end(bytes), [](uint8_t byte) { return byte == 0; });
+    return std::ranges::all_of(bytes, [](uint8_t byte) { return byte == 0; });
 }
 
 bool LooksLikeRecord(const CameraRecord& record) {
@@ -130,7 +130,7 @@ PictureSize DefaultSize(const std::vector<PictureSize>& listed) {
     if (largest_that_fits) {
         return *largest_that_fits;
     }
-    const auto smallest = std::min_element(listed.begin(), listed.end(), IsSmaller);
+    const auto smallest = std::ranges::min_element(listed, IsSmaller);
     return smallest != listed.end() ? *smallest : kSizeIfNoneIsListed;
 }
 

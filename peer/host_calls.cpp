@@ -102,7 +102,7 @@ std::string CameraLabel(const CameraEntry& camera) {
 }
 
 bool Lists(const CameraEntry& camera, PictureSize size) {
-    return std::find(camera.sizes.begin(), camera.sizes.end(), size) != camera.sizes.end();
+    return std::ranges::find(camera.sizes, size) != camera.sizes.end();
 }
 
 Expected<uint32_t> AskVersion(Session& session) {
@@ -116,8 +116,7 @@ Expected<std::vector<CameraEntry>> AskCameras(Session& session) {
 }
 
 Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id) {
-    const auto found = std::find_if(cameras.begin(), cameras.end(),
-                                    [id](const CameraEntry& camera) { return camera.id == id; });
+    const auto found = std::ranges::find(cameras, id, &CameraEntry::id);
     if (found != cameras.end()) {
         return *found;
     }

@@ -60,9 +60,8 @@ constexpr std::array<MessageKind, 5> kKinds = {{
 
 // Null for a type that a peer does not know.
 const MessageKind* KindOf(uint8_t type) {
-    const auto found = std::find_if(kKinds.begin(), kKinds.end(),
-                                    [type](const MessageKind& kind) { return kind.type == type; });
-    return found != kKinds.end() ? &*found : nullptr;
+    const auto* found = std::ranges::find(kKinds, static_cast<MessageType>(type), &MessageKind::type);
+    return found != kKinds.end() ? found : nullptr;
 }
 
 }  // namespace

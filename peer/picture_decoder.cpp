@@ -92,7 +92,7 @@ Expected<PictureDecoder> PictureDecoder::Create(std::string module_directory, Vi
         module_directory = FindModuleDirectory();
     }
     if (module_directory.empty()) {
-        return Fail("there is no module directory beside the program; give one with --modules");
+        return Fail("no module directory belongs to the program; give one with --modules");
     }
     UseModulesIn(module_directory);
     PictureDecoder decoder(std::move(module_directory), target);

@@ -159,9 +159,7 @@ private:
 
     // While the sink answers "not now", nothing is received: the host is held back and no frame is lost.
     Expected<void> Deliver(const Frame& frame) {
-        const auto camera =
-            std::find_if(m_cameras.begin(), m_cameras.end(),
-                         [&](const CameraEntry& candidate) { return candidate.id == frame.id; });
+        const auto camera = std::ranges::find(m_cameras, frame.id, &CameraEntry::id);
         RecordTrack& track = m_tracks[static_cast<size_t>(camera - m_cameras.begin())];
         for (;;) {
             const auto result = track.OnFrame(frame);

@@ -248,7 +248,7 @@ Camera* CameraServer::FindNumber(int number) {
 }
 
 bool CameraServer::WasVirtual(int number) const {
-    return std::find(m_numbers.begin(), m_numbers.end(), number) != m_numbers.end();
+    return std::ranges::find(m_numbers, number) != m_numbers.end();
 }
 
 Expected<std::string> CameraServer::Control(const std::string& line) {

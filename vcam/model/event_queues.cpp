@@ -37,7 +37,7 @@ int EventQueues::Subscribe(const OpenFile& file, v4l2_event_subscription& subscr
     const auto is_same = [&](const Subscription& other) {
         return other.type == subscription.type && other.id == subscription.id;
     };
-    if (std::any_of(queue.subscriptions.begin(), queue.subscriptions.end(), is_same)) {
+    if (std::ranges::any_of(queue.subscriptions, is_same)) {
         return 0;
     }
     queue.subscriptions.push_back({subscription.type, subscription.id, subscription.flags});
@@ -92,7 +92,7 @@ void EventQueues::Push(Queue& queue, v4l2_event event) {
     event.sequence = queue.next_sequence++;
     clock_gettime(CLOCK_MONOTONIC, &event.timestamp);
     // Only the latest event of a control is kept. It reports all changes since the program last dequeued one.
-    const auto older = std::find_if(queue.events.begin(), queue.events.end(), [&](const v4l2_event& other) {
+    const auto older = std::ranges::find_if(queue.events, [&](const v4l2_event& other) {
         return other.type == event.type && other.id == event.id;
     });
     if (older != queue.events.end()) {

@@ -17,16 +17,15 @@ int64_t TimeOf(const v4l2_buffer& buffer) {
 }  // namespace
 
 const Fault* FaultSet::Find(FaultKind kind) const {
-    const auto found = std::find_if(m_active.begin(), m_active.end(),
-                                    [kind](const Active& active) { return active.fault.kind == kind; });
+    const auto found =
+        std::ranges::find_if(m_active, [kind](const Active& active) { return active.fault.kind == kind; });
     return found == m_active.end() ? nullptr : &found->fault;
 }
 
 template <class Condition>
 std::optional<Fault> FaultSet::TakeIf(FaultKind kind, Condition condition) {
-    const auto found = std::find_if(m_active.begin(), m_active.end(), [&](const Active& active) {
-        return active.fault.kind == kind && condition(active.fault);
-    });
+    const auto found = std::ranges::find_if(
+        m_active, [&](const Active& active) { return active.fault.kind == kind && condition(active.fault); });
     if (found == m_active.end()) {
         return std::nullopt;
     }
@@ -40,7 +39,7 @@ std::optional<Fault> FaultSet::Take(FaultKind kind) {
 }
 
 bool FaultSet::CountsCallsOf(uint64_t request) const {
-    return std::any_of(m_active.begin(), m_active.end(), [request](const Active& active) {
+    return std::ranges::any_of(m_active, [request](const Active& active) {
         return active.fault.FailsCalls() && active.fault.request == request;
     });
 }
@@ -60,7 +59,7 @@ int FaultSet::FailsCall(uint64_t request) {
 }
 
 const Fault* FaultSet::FindFor(FaultKind kind, uint64_t frame) const {
-    const auto found = std::find_if(m_active.begin(), m_active.end(), [&](const Active& active) {
+    const auto found = std::ranges::find_if(m_active, [&](const Active& active) {
         return active.fault.kind == kind && active.fault.Covers(frame);
     });
     return found == m_active.end() ? nullptr : &found->fault;

@@ -66,7 +66,7 @@ FormatState::FormatState(CameraConfig config, const FaultSet& faults)
 }
 
 bool FormatState::Offers(uint32_t fourcc) const {
-    return std::find(m_config.formats.begin(), m_config.formats.end(), fourcc) != m_config.formats.end();
+    return std::ranges::find(m_config.formats, fourcc) != m_config.formats.end();
 }
 
 int FormatState::QueryCapability(v4l2_capability& capability, int number) const {
@@ -106,8 +106,7 @@ Size FormatState::AdjustSize(Size asked) const {
         return m_config.size_policy == SizePolicy::kWidth ? in_width
                                                           : in_width + Distance(size.height, asked.height);
     };
-    return *std::min_element(m_config.sizes.begin(), m_config.sizes.end(),
-                             [&](Size a, Size b) { return distance(a) < distance(b); });
+    return *std::ranges::min_element(m_config.sizes, {}, distance);
 }
 
 PictureLayout FormatState::AdjustLayout(const v4l2_pix_format& asked) const {
@@ -249,10 +248,9 @@ int FormatState::SetParm(v4l2_streamparm& parm, bool is_streaming) {
                 return std::abs(double{1} * rate.denominator / rate.numerator -
                                 double{1} * asked.numerator / asked.denominator);
             };
-            chosen = *std::min_element(m_config.rates.begin(), m_config.rates.end(),
-                                       [&](Rate a, Rate b) { return distance(a) < distance(b); });
+            chosen = *std::ranges::min_element(m_config.rates, {}, distance);
         }
-        if (!(chosen == m_rate)) {
+        if (chosen != m_rate) {
             m_rate = chosen;
             m_source.reset();  // the picture shows the rate
             UseLayout(m_layout);

@@ -125,9 +125,7 @@ constexpr Entry kTable[] = {
 }  // namespace
 
 int ServeIoctl(CameraParts& parts, const OpenFile& file, const Request& request, Payload& payload) {
-    const auto* entry = std::find_if(std::begin(kTable), std::end(kTable), [&](const Entry& candidate) {
-        return candidate.command == request.command;
-    });
+    const auto* entry = std::ranges::find(kTable, request.command, &Entry::command);
     if (entry == std::end(kTable)) {
         return ENOTTY;
     }

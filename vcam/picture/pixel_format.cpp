@@ -25,8 +25,7 @@ std::span<const PixelFormat> PixelFormats() {
 }
 
 const PixelFormat* FindPixelFormat(uint32_t fourcc) {
-    const auto* found = std::find_if(std::begin(kFormats), std::end(kFormats),
-                                     [fourcc](const PixelFormat& format) { return format.fourcc == fourcc; });
+    const auto* found = std::ranges::find(kFormats, fourcc, &PixelFormat::fourcc);
     return found == std::end(kFormats) ? nullptr : found;
 }
 

@@ -9,9 +9,9 @@
 namespace zumod::vcam {
 namespace {
 
-int Ask(const Channel& channel, const Request& request) {
+int Ask(const Channel& channel, const Request& request, const iovec* parts = nullptr, int part_count = 0) {
     Reply reply{};
-    const int failure = channel.call(channel.context, request, nullptr, 0, reply, nullptr);
+    const int failure = channel.call(channel.context, request, parts, part_count, reply, nullptr);
     return failure != 0 ? failure : reply.error;
 }
 
@@ -155,10 +155,8 @@ int Carry(const FileIdentity& identity, const Channel& channel, unsigned long co
             part_count = 2;
         }
     }
-    Reply reply{};
     // The reply overwrites the arrays in place; the pointer to the second is returned unchanged.
-    const int failure = channel.call(channel.context, request, parts, part_count, reply, nullptr);
-    return failure != 0 ? failure : reply.error;
+    return Ask(channel, request, parts, part_count);
 }
 
 // Discards the records of earlier streams, so that the descriptor is readable only for the new one.
