@@ -276,7 +276,7 @@ TEST_F(LoadModuleTest, AModuleThatSucceedsWithoutAnObjectIsNoFailureAndStaysLoad
     EXPECT_EQ(TimesMapped(TestModulePath("succeeding_without_object")), 0);
 }
 
-TEST_F(LoadModuleTest, AFileIsOpenedOnceLazilyAndItsSymbolsStayItsOwn) {
+TEST_F(LoadModuleTest, AFileIsOpenedOnceWithLazyBindingAndLocalSymbols) {
     const CallWatch watch;
     UseModule("closable");
     auto object = Load(EncoderPolicy());

@@ -185,7 +185,7 @@ private:
     }
 };
 
-TEST_F(Runtime, NobodyCanDetachTheSinkWhileItIsCalled) {
+TEST_F(Runtime, CallsTheSinkUnderTheLock) {
     LockCheckingHost host;
     AttachRuntime(&host);
     EXPECT_FALSE(RuntimeIsLocked());
@@ -197,7 +197,7 @@ TEST_F(Runtime, NobodyCanDetachTheSinkWhileItIsCalled) {
     EXPECT_FALSE(RuntimeIsLocked());
 }
 
-TEST_F(Runtime, TheSinkIsChangedAndReadUnderTheLock) {
+TEST_F(Runtime, ChangesAndReadsTheSinkUnderTheLock) {
     LockCheckingHost host;
     const CallWatch watch;
     const uintptr_t mutex = reinterpret_cast<uintptr_t>(runtime) + 16;
