@@ -1,7 +1,6 @@
 #include "codec/codec_create.h"
 
 #include <dlfcn.h>
-#include <strings.h>
 
 #include <string>
 
@@ -58,8 +57,8 @@ int codec_create(IZUModCreatePolicy* policy, IZUModInterface** out) {
         return 0;
     }
     const std::string name = PolicyText(*policy, kPolicyInterfaceName);
-    const bool encoder = strcasecmp(name.c_str(), kVideoEncoderName) == 0;
-    const bool decoder = strcasecmp(name.c_str(), kVideoDecoderName) == 0;
+    const bool encoder = IsSameInterfaceName(name, kVideoEncoderName);
+    const bool decoder = IsSameInterfaceName(name, kVideoDecoderName);
     if (!encoder && !decoder) {
         ZuModLog(kLogFailure, "[zu-codec] create refused, unknown interface %s", name.c_str());
         return 0;

@@ -5,6 +5,7 @@
 
 #include "tests/support/doubles/codec_calls.h"
 #include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/turkish_strcasecmp.h"
 
 namespace zumod::testing {
 namespace {
@@ -40,6 +41,20 @@ TEST_F(CodecCreateTest, CreatesAnEncoderWithOneReferenceForTheCaller) {
     EXPECT_EQ(object->AddRef(), 2U);
     EXPECT_EQ(object->Release(), 1);
     EXPECT_THAT(host.Lines(), IsEmpty());
+}
+
+TEST_F(CodecCreateTest, TheCaseOfANameIsIgnoredInATurkishLocaleToo) {
+    ASSERT_NE(strcasecmp("ivencoder", "IVEncoder"), 0);
+    for (const char* name : {"ivencoder", "IVENCODER", "ivdecoder"}) {
+        encoder->SetText("zu.module.interface.name", name);
+        const auto object = Create(encoder.Get());
+        ASSERT_NE(object, nullptr) << name;
+        void* same = nullptr;
+        EXPECT_TRUE(object->QueryInterface(name, &same)) << name;
+        if (same != nullptr) {
+            object->Release();
+        }
+    }
 }
 
 TEST_F(CodecCreateTest, CreatesADecoderWithOneReferenceForTheCaller) {

@@ -1,7 +1,5 @@
 #include "codec/video_decoder.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstring>
 #include <iterator>
@@ -42,7 +40,7 @@ CVideoDecoder::CVideoDecoder(VideoTargetFormat target, uint8_t* screen_buffer)
 }
 
 bool CVideoDecoder::QueryInterface(const char* name, void** out) {
-    if (name == nullptr || out == nullptr || strcasecmp(name, kVideoDecoderName) != 0) {
+    if (name == nullptr || out == nullptr || !IsSameInterfaceName(name, kVideoDecoderName)) {
         return false;
     }
     *out = CRefPtr_T<IVDecoder>(this).Detach();

@@ -1,7 +1,5 @@
 #include "codec/video_encoder.h"
 
-#include <strings.h>
-
 #include <cstring>
 
 #include "src/module/log.h"
@@ -10,7 +8,7 @@
 namespace zumod {
 
 bool CVideoEncoder::QueryInterface(const char* name, void** out) {
-    if (name == nullptr || out == nullptr || strcasecmp(name, kVideoEncoderName) != 0) {
+    if (name == nullptr || out == nullptr || !IsSameInterfaceName(name, kVideoEncoderName)) {
         return false;
     }
     *out = CRefPtr_T<IVEncoder>(this).Detach();

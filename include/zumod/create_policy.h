@@ -12,7 +12,7 @@
 
 namespace zumod {
 
-// Text: the name of the wanted interface, compared without regard to letter case.
+// Text: the name of the wanted interface, compared without regard to the case of ASCII letters.
 inline constexpr char kPolicyInterfaceName[] = "zu.module.interface.name";
 // Integer: the wanted interface version; its top 16 bits are the major version.
 inline constexpr char kPolicyVersion[] = "zu.module.version";

@@ -3,7 +3,9 @@
 // Thread rule: AddRef and Release are [any thread]; all else is [one thread at a time].
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <string_view>
 
 #include "zumod/mod_data.h"
 #include "zumod/ref_ptr.h"
@@ -34,6 +36,14 @@ public:
 };
 
 static_assert(sizeof(IZUModInterface) == sizeof(void*), "IReference must be the primary base");
+
+// Whether two interface names are the same, without regard to the case of ASCII letters. strcasecmp() would
+// ask the process's locale: in a Turkish one "i" is not the small letter of "I".
+inline bool IsSameInterfaceName(std::string_view one, std::string_view other) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [lower](char a, char b) { return lower(a) == lower(b); });
+}
 
 // The out slot of a create function has the type of IZUModInterface, but the pointer in it is that of the
 // requested interface, `Interface` here. Write and read such a slot only with these two functions.

@@ -1,10 +1,9 @@
 #include "src/bridge/venc_args.h"
 
-#include <strings.h>
-
 #include <new>
 
 #include "src/base/create_buffer.h"
+#include "zumod/mod_interface.h"
 
 namespace zumod {
 
@@ -22,7 +21,7 @@ uint64_t CVEncArgs::PrepareOutput(uint32_t size) {
 }
 
 bool CVEncArgs::QueryInterface(const char* name, void** out) {
-    if (name == nullptr || out == nullptr || strcasecmp(name, kEncArgsName) != 0) {
+    if (name == nullptr || out == nullptr || !IsSameInterfaceName(name, kEncArgsName)) {
         return false;
     }
     AddRef();

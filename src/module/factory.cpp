@@ -1,7 +1,5 @@
 #include "src/module/factory.h"
 
-#include <strings.h>
-
 #include <new>
 #include <string>
 
@@ -32,7 +30,7 @@ int Create(IZUModCreatePolicy* props, IZUModInterface** out) {
         ZuModLog(kLogFailure, "[camera_client] camera_client_create invalid property!");
         return 0;
     }
-    if (strcasecmp(name.c_str(), kClientCameraPluginName) != 0) {
+    if (!IsSameInterfaceName(name, kClientCameraPluginName)) {
         ZuModLog(kLogTrace, "[camera_client] camera_client_create invalid interface %s", name.c_str());
         return 0;
     }

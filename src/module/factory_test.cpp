@@ -11,6 +11,7 @@
 #include "tests/support/doubles/counted_object.h"
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/doubles/recording_host.h"
+#include "tests/support/doubles/turkish_strcasecmp.h"
 #include "zumod/client_camera_plugin.h"
 #include "zumod/policies.h"
 
@@ -151,6 +152,25 @@ TEST_F(CameraClientCreate, RefusesAnotherMajorVersion) {
         (LogLine{4,
                  "[camera_client] camera_client_create version 18446462598732840960 not compactible with "
                  "562949953421312"}));
+}
+
+TEST_F(CameraClientCreate, TheCaseOfTheNameIsIgnoredInATurkishLocaleToo) {
+    ASSERT_NE(strcasecmp("iclientcameraplugin", "IClientCameraPlugin"), 0);
+    const auto policy = Policy("iclientcameraplugin", 0x0002000000000000);
+    IZUModInterface* out = nullptr;
+    ASSERT_EQ(camera_client_create(policy.Get(), &out), 1);
+    CallSlot<int64_t>(out, 3);
+}
+
+TEST_F(CameraClientCreate, ANameThatDiffersInMoreThanTheCaseOfALetterIsRefused) {
+    for (const char* name : {"IClientCameraPlugi", "IClientCameraPluginn",
+                             "\xC9"
+                             "ClientCameraPlugin",
+                             "IClientCameraPlug\x0En",
+                             "\x09"
+                             "ClientCameraPlugin"}) {
+        EXPECT_EQ(RefusalOf(Policy(name, 0x0002000000000000)).size(), 2U) << name;
+    }
 }
 
 TEST_F(CameraClientCreate, ANameThatIsNotTextCountsAsMissing) {
