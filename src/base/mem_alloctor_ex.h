@@ -41,7 +41,9 @@ public:
         if (buffer == nullptr) {
             return nullptr;
         }
-        void* block = std::realloc(buffer->GetAllocData(), size);
+        void* const old = buffer->GetAllocData();
+        // realloc() of no block to no bytes would allocate one.
+        void* const block = old != nullptr || size != 0 ? std::realloc(old, size) : nullptr;
         if (block == nullptr && size != 0) {
             return nullptr;
         }

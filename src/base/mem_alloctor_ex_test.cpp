@@ -207,6 +207,15 @@ TEST(MemAlloctorEx, AFailedReAllocChangesNeitherTheBufferNorTheAccountedBytes) {
     EXPECT_EQ(watch.FreesOf(block), 0);
 }
 
+TEST(MemAlloctorEx, ReAllocToZeroWithoutABlockReturnsNull) {
+    const CRefPtr_T<Alloctor> alloctor(new Alloctor);
+    const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(0);
+    EXPECT_EQ(alloctor->ReAlloc(buffer.Get(), 0), nullptr);
+    EXPECT_EQ(buffer->GetAllocData(), nullptr);
+    EXPECT_EQ(buffer->GetCapacity(), 0U);
+    EXPECT_EQ(alloctor->GetAccountedBytes(), 0U);
+}
+
 TEST(MemAlloctorEx, ReAllocToZeroFreesTheBlockAttachesNullAndReturnsNull) {
     const CRefPtr_T<Alloctor> alloctor(new Alloctor);
     const CRefPtr_T<IBuffer> buffer = alloctor->Alloc(100);
