@@ -75,8 +75,12 @@ TEST_F(CodecModuleTest, EveryFieldOfTheDescriptorIsRight) {
                 ::testing::MatchesRegex("[A-Z][a-z]{2} [ 1-3][0-9] 20[0-9]{2} [0-2][0-9](:[0-5][0-9]){2}"));
 }
 
-TEST_F(CodecModuleTest, AttachRefusesANullHost) {
+TEST_F(CodecModuleTest, AttachingANullHostIsRefusedAndDetachesTheHostBefore) {
     EXPECT_EQ(module.Descriptor().attach_runtime(nullptr), 0);
+    const CapturedStdout captured;
+    module.Descriptor().create(nullptr, nullptr);
+    EXPECT_EQ(captured.Text(), "[zu-codec] create refused, invalid parameter\n");
+    EXPECT_TRUE(host.Lines().empty());
 }
 
 TEST_F(CodecModuleTest, LogsToTheHostAndToStandardOutputWithoutOne) {

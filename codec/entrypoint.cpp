@@ -9,8 +9,17 @@ namespace {
 // kCodecInterfaceVersion, which changes separately.
 constexpr uint64_t kModuleVersion = 0x0001000000000000;
 
+// A loader without a host attaches null. The host that was attached before has then detached from the loader
+// and may be gone.
+int AttachOrDetachRuntime(zumod::IZUModRuntime* host) {
+    if (host == nullptr) {
+        zumod::DetachRuntime();
+    }
+    return zumod::AttachRuntime(host);
+}
+
 constexpr zumod::ZUModDescriptor kDescriptor = {
-    kModuleVersion,        "zu-codec",           &zumod::AttachRuntime,
+    kModuleVersion,        "zu-codec",           &AttachOrDetachRuntime,
     &zumod::DetachRuntime, &zumod::codec_create, __DATE__ " " __TIME__,
 };
 

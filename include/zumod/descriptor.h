@@ -18,7 +18,9 @@ namespace zumod {
 
 // Sets the host's runtime, which the module borrows until the matching detach; attaching again replaces it.
 // Returns 1, or 0 for a null host. A module that loads another one attaches it to its own host, or to null if
-// it has none, before it creates each object, and ignores the result.
+// it has none, before it creates each object, and ignores the result. The camera module keeps its host when
+// it is attached to null; a module that another one loads should detach instead, as zu-codec does, because
+// its earlier host may be gone.
 using AttachRuntimeFunction = int (*)(IZUModRuntime* host);
 
 // Detaches the host: the module no longer calls its runtime, and log lines go to standard output.
