@@ -90,9 +90,15 @@ public:
     has_slots() = default;
     has_slots(const has_slots& other) : has_slots_interface(other), mt_policy(other) {
         lock_block<mt_policy> guard(*this);
-        for (_signal_base_interface* sender : other.m_senders) {
-            sender->slot_duplicate(&other, this);
-            m_senders.insert(sender);
+        try {
+            for (_signal_base_interface* sender : other.m_senders) {
+                m_senders.insert(sender);
+                sender->slot_duplicate(&other, this);
+            }
+        } catch (...) {
+            // No destructor runs: without this the signals would call an object that never existed.
+            has_slots::disconnect_all();
+            throw;
         }
     }
     has_slots& operator=(const has_slots&) = delete;

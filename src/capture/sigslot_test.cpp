@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -229,6 +230,27 @@ TEST_F(SigslotTest, ACopiedHolderIsConnectedBehindTheOthers) {
     owned.reset();
     Emit(signal);
     EXPECT_EQ(journal, (Journal{"b again", "copy again"}));
+}
+
+// A signal that has no memory for the connections of a copy.
+class FullSignal final : public sigslot::_signal_base_interface {
+public:
+    void slot_disconnect(has_slots_interface*) override {}
+    void slot_duplicate(const has_slots_interface*, has_slots_interface*) override { throw std::bad_alloc(); }
+};
+
+TEST_F(SigslotTest, ACopyOfAHolderThatFailsIsConnectedToNothing) {
+    // A holder connects to its signals in the order of their addresses.
+    struct {
+        Signal first;
+        FullSignal full;
+    } signals;
+    signals.first.connect(&a, &Holder::OnFrameAgain);
+    a.signal_connect(&signals.full);
+    EXPECT_THROW(Holder copy(a), std::bad_alloc);
+    Emit(signals.first);
+    EXPECT_EQ(journal, Journal{"a again"});
+    a.disconnect_all();
 }
 
 TEST_F(SigslotTest, ADestroyedCopyOfAHolderIsNoLongerCalled) {
