@@ -3,7 +3,9 @@
 //     created -> SetChannelStream -> Run (returns when the stream fails) -> ... Run again on a new stream ...
 //     -> ExitInstance -> Release
 //
-// Thread rule: at each operation; the run thread is the host's thread that calls Run.
+// Thread rule: at each operation; the run thread is the host's thread that calls Run. The threads of the
+// module (the send thread, which calls Write, and the capture threads, which log) must call none of them, and
+// must not drop the last reference: both would wait for the calling thread's own end.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +37,8 @@ public:
 class IPluginRaw : public IAutoConfigRaw {
 public:
     // Slot 5 [run thread, not during Run]. Adds a reference to `stream` (null allowed) and releases the
-    // previous stream. Returns 0.
+    // previous stream. If the send thread is in a Write of the previous stream, that thread releases it when
+    // the Write has returned. Returns 0.
     virtual int SetChannelStream(IChannelStream* stream) = 0;
 
     // Slot 6 [run thread, not during ExitInstance]. Serves the peer on the calling thread until a read on the
@@ -43,8 +46,9 @@ public:
     // cameras stay open. May be called again. Returns 1.
     virtual int Run() = 0;
 
-    // Slot 7 [any thread, not during Run]. Closes every camera and ends the plugin's threads; waits for a
-    // Write in progress, however long the stream takes. Returns 0.
+    // Slot 7 [any thread except the module's own, not during Run]. Closes every camera and ends the plugin's
+    // threads, within about 500 ms; waits for a Write in progress, however long the stream takes. On the send
+    // thread it logs one line and does nothing else. Returns 0.
     virtual int ExitInstance() = 0;
 
     // Slots 8 and 9, reserved. Return 0.

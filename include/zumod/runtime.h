@@ -27,6 +27,8 @@ inline constexpr char kEnvModulesDir[] = "zu.env.modules.dir";
 // The module holds a recursive lock during every call, so an operation may log again from inside, but must
 // not wait for another thread that logs. An exception propagates to the caller of the module, after the lock
 // is released. An operation must not throw on the module's own threads: nothing catches the exception there.
+// An operation that runs on one of these threads (the capture threads log, the send thread logs) must not
+// call the plugin's ExitInstance or drop the last reference to the plugin.
 class IZUModRuntime {
 public:
     // Slot 0. Receives one log line. `level` is one LogLevel bit; `text` is NUL-terminated, at most 4095

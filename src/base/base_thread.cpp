@@ -88,6 +88,10 @@ void CBaseThread::SetName(const char* text) {
     }
 }
 
+bool CBaseThread::IsCurrent() const {
+    return IsRunning() && m_own_id.load(std::memory_order_relaxed) == gettid();
+}
+
 void* CBaseThread::Entry(void* self) {
     static_cast<CBaseThread*>(self)->Loop();
     return nullptr;

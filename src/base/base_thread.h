@@ -2,7 +2,7 @@
 // requested.
 //
 // Thread rule: one owner thread at a time calls Start, Stop, Join and SetName; IsRunning and Sleep are
-// [owner, the thread itself].
+// [owner, the thread itself]; IsCurrent is [any thread].
 #pragma once
 
 #include <pthread.h>
@@ -62,6 +62,9 @@ public:
     // For the owner's use only: the operating system's thread name is not set. A null pointer is ignored.
     void SetName(const char* text);
     const std::string& GetName() const { return m_name; }
+    // Whether the calling thread is this one. (The thread itself has written the id that it is compared
+    // with.)
+    bool IsCurrent() const;
 
 private:
     static void* Entry(void* self);
@@ -81,8 +84,8 @@ private:
     std::atomic<bool> m_detached{false};
     // Written by the owner before the thread is created.
     pid_t m_starter_id = 0;
-    // Written by the thread, for a debugger; relaxed: a detached thread may still be starting when the next
-    // one writes.
+    // Written by the thread, for IsCurrent and a debugger; relaxed: a detached thread may still be starting
+    // when the next one writes.
     std::atomic<pid_t> m_own_id{0};
     std::string m_name;
 };

@@ -1,6 +1,7 @@
 // Malformed input, stream failures and lack of memory: nothing leaks and the plugin can serve another stream.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <random>
 
@@ -240,6 +241,74 @@ TEST_F(BadInput, AStreamThatThrowsEndsTheRunWithItsException) {
     plugin->SetChannelStream(new ThrowingStream);
     EXPECT_THROW(plugin->Run(), std::runtime_error);
     ExpectServesAgain();
+}
+
+// A camera throws what the host's log sink throws.
+TEST_F(BadInput, ACameraThatThrowsWhileItIsOpenedIsNotOpen) {
+    for (const char* call : {"SetFormat(640, 480, 30)", "Open()"}) {
+        CameraScript().throws_in = call;
+        EXPECT_THROW(Serve(OpenBytes(7)), std::runtime_error) << call;
+        EXPECT_EQ(CameraScript().alive, 0) << call;
+    }
+    CameraScript().throws_in.clear();
+    EXPECT_EQ(Serve(OpenBytes(7))->Written(), StateBytes(2, 7));
+    EXPECT_EQ(CameraScript().alive, 1);
+}
+
+TEST_F(BadInput, ACameraThatThrowsWhileItIsClosedIsNotOpen) {
+    Serve(OpenBytes(7));
+    CameraScript().throws_in = "Close(7)";
+    EXPECT_THROW(Serve(CloseBytes(7)), std::runtime_error);
+    EXPECT_EQ(CameraScript().alive, 0);
+    CameraScript().open_result = false;
+    EXPECT_THROW(Serve(OpenBytes(7)), std::runtime_error);
+    EXPECT_EQ(CameraScript().alive, 0);
+}
+
+TEST_F(BadInput, ACameraThatThrowsInExitInstanceIsNotOpen) {
+    Serve(OpenBytes(7));
+    Serve(OpenBytes(8));
+    CameraScript().throws_in = "Close()";
+    EXPECT_THROW(plugin->ExitInstance(), std::runtime_error);
+    EXPECT_EQ(CameraScript().alive, 0);
+    CameraScript().throws_in.clear();
+    EXPECT_EQ(plugin->ExitInstance(), 0);
+}
+
+TEST_F(BadInput, ACameraOrASinkThatThrowsInTheLastReleaseEndsNothing) {
+    Serve(OpenBytes(7));
+    CameraScript().throws_in = "Close()";
+    plugin = nullptr;
+    EXPECT_EQ(CameraScript().alive, 0);
+    for (const char* line : {"[cameraclient] destroy", "[cameraclient] finish to clear devs"}) {
+        CameraScript() = {};
+        plugin = CRefPtr_T<ClientCamera>(new ClientCamera);
+        Serve(OpenBytes(7));
+        host.OnLineWith(line, [] { throw std::runtime_error("sink"); });
+        plugin = nullptr;
+        EXPECT_EQ(CameraScript().alive, 0) << line;
+    }
+}
+
+// The send thread logs that there is no stream, and the host calls the plugin from inside.
+TEST_F(BadInput, ExitInstanceOnTheSendThreadIsOneLine) {
+    int result = -1;
+    std::vector<LogLine> during;
+    std::atomic<bool> back{false};
+    plugin->Run();
+    host.OnLineWith("Send2StreamRaw fail", [&] {
+        host.TakeLines();
+        result = plugin->ExitInstance();
+        during = host.TakeLines();
+        back = true;
+    });
+    plugin->OnVideoPacket(7, "\x42", 1);
+    ASSERT_TRUE(WaitUntil([&] { return back.load(); }));
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(during,
+              (std::vector<LogLine>{{4, "[cameraclient] ExitInstance ignored, called on the send thread"}}));
+    EXPECT_EQ(plugin->ExitInstance(), 0);
+    plugin = nullptr;
 }
 
 TEST_F(BadInput, ASinkThatThrowsEndsTheRunWithItsException) {

@@ -18,8 +18,13 @@ ClientCamera::ClientCamera() {
 }
 
 ClientCamera::~ClientCamera() {
-    ZuModLog(kLogEvent, "[cameraclient] destroy");
-    CloseAllCameras();
+    try {
+        ZuModLog(kLogEvent, "[cameraclient] destroy");
+        CloseAllCameras();
+    } catch (...) {
+        // A destructor must not throw. Destroying a camera stops its capture too.
+        m_devs.clear();
+    }
     m_send_thread->Stop();
     m_send_thread.reset();
     m_queue.Close();
@@ -47,6 +52,11 @@ int ClientCamera::Run() {
 }
 
 int ClientCamera::ExitInstance() {
+    if (m_send_thread->IsCurrent()) {
+        // The thread would wait for its own end.
+        ZuModLog(kLogFailure, "[cameraclient] ExitInstance ignored, called on the send thread");
+        return 0;
+    }
     ZuModLog(kLogEvent, "[cameraclient] ExitInstance");
     ZuModLog(kLogTrace, "[cameraclient] start to clear devs");
     CloseAllCameras();
@@ -141,9 +151,16 @@ bool ClientCamera::OnProtoOpenCamera(const uint8_t* body, unsigned long length, 
     if (camera == nullptr) {
         return SendCameraState(kCameraFailed, request->id);
     }
-    if (!OpenCamera(*camera, *request)) {
-        camera->Close(&request->id);
+    bool is_open = false;
+    try {
+        is_open = OpenCamera(*camera, *request);
+    } catch (...) {
+        // The host's log sink has thrown. The camera must not count as open in the next Run.
         m_devs.erase(request->id);
+        throw;
+    }
+    if (!is_open) {
+        CloseCamera(request->id);
         return SendCameraState(kCameraFailed, request->id);
     }
     return SendCameraState(kCameraOpen, request->id);
@@ -173,10 +190,7 @@ bool ClientCamera::OpenCamera(IClientCamera& camera, const FormatRequest& reques
 bool ClientCamera::OnProtoCloseCamera(const uint8_t* body, unsigned long length, IBuffer* /*context*/) {
     const uint32_t id = ReadCloseRequest(body, length);
     ZuModLog(kLogEvent, "[cameraclient] OnProtoCloseCamera id %d", static_cast<int>(id));
-    if (const auto found = m_devs.find(id); found != m_devs.end()) {
-        found->second->Close(&id);
-        m_devs.erase(found);
-    }
+    CloseCamera(id);
     return SendCameraState(kCameraClosed, id);
 }
 
@@ -206,10 +220,22 @@ bool ClientCamera::OnProtoSetFormat(const uint8_t* body, unsigned long length, I
     return true;
 }
 
+void ClientCamera::CloseCamera(uint32_t id) {
+    // Taken out first: the reference is released also if the host's log sink throws from inside Close.
+    if (const auto taken = m_devs.extract(id); !taken.empty()) {
+        taken.mapped()->Close(&id);
+    }
+}
+
 void ClientCamera::CloseAllCameras() {
-    for (const auto& [id, camera] : m_devs) {
-        const CRefPtr_T<IClientCamera> held = camera;
-        held->Close();
+    try {
+        for (const auto& [id, camera] : m_devs) {
+            const CRefPtr_T<IClientCamera> held = camera;
+            held->Close();
+        }
+    } catch (...) {
+        m_devs.clear();
+        throw;
     }
     // Required by the contract: released in id order. clear() would release in tree order.
     while (!m_devs.empty()) {

@@ -71,6 +71,9 @@ private:
     // Adds a new camera to the map. Returns null if none can be created.
     IClientCamera* AddCamera(uint32_t id);
     bool OpenCamera(IClientCamera& camera, const FormatRequest& request);
+    // Closes and forgets the camera, if it is open.
+    void CloseCamera(uint32_t id);
+    // Forgets every camera even if the host's log sink throws while one is closed.
     void CloseAllCameras();
 
     // Returns a buffer of exactly `size` bytes, all in use, or null if memory runs out.

@@ -1,5 +1,7 @@
 #include "tests/support/doubles/client_camera_double.h"
 
+#include <stdexcept>
+
 namespace zumod {
 namespace testing {
 namespace {
@@ -45,6 +47,9 @@ public:
 private:
     void Record(const std::string& call) {
         CameraScript().calls.push_back(std::to_string(m_number) + " " + call);
+        if (call == CameraScript().throws_in) {
+            throw std::runtime_error(call);
+        }
     }
 
     const int m_number;

@@ -16,6 +16,7 @@ struct ClientCameraScript {
     bool built_in = true;                   // false: CreateClientCamera returns null
     std::vector<CameraDeviceInfo> cameras;  // what ListCameras returns
     bool open_result = true;
+    std::string throws_in;  // the call that throws std::runtime_error after it was recorded, as "Open()"
     // Every call in order: "ListCameras()", and those on each camera with its number in front, "0 Open()".
     std::vector<std::string> calls;
     std::vector<IClientCameraListenter*> listeners;
