@@ -6,7 +6,8 @@
 //
 // Assumptions
 // - Each step of the host ends: a write or a read returns, and a write may fail at any time. A host whose Write blocks
-//   without end makes ExitInstance wait without end.
+//   without end makes ExitInstance wait without end. No object of the host throws, and the host makes its calls on its
+//   own threads: the module only contains the harm of the contrary.
 // - A wait for a message may time out at any time. The limit of IsBusy is 1 message instead of 5.
 // - Any start of a camera or of the send thread may fail.
 // - The locks of the channel slot and of the queue are held for one step. Sequential consistency.
@@ -20,13 +21,14 @@
 //   some time.
 //
 // Mirrors
-// src/plugin/client_camera.cpp ClientCamera::~ClientCamera 83755c83ac34
+// src/plugin/client_camera.cpp ClientCamera::~ClientCamera d9a9b5440ce1
 // src/plugin/client_camera.cpp ClientCamera::SetChannelStream d04b38378219
 // src/plugin/client_camera.cpp ClientCamera::Run 57210b6c06b1
-// src/plugin/client_camera.cpp ClientCamera::ExitInstance f1e44bc5d90b
-// src/plugin/client_camera.cpp ClientCamera::OnProtoOpenCamera 6ecb798d94a7
-// src/plugin/client_camera.cpp ClientCamera::OnProtoCloseCamera 06ab1f26c50b
-// src/plugin/client_camera.cpp ClientCamera::CloseAllCameras 9e6299dada1d
+// src/plugin/client_camera.cpp ClientCamera::ExitInstance eefc89e9a3b6
+// src/plugin/client_camera.cpp ClientCamera::OnProtoOpenCamera 4b876101d601
+// src/plugin/client_camera.cpp ClientCamera::OnProtoCloseCamera 067f7a2cc874
+// src/plugin/client_camera.cpp ClientCamera::CloseCamera 5125f12da8e8
+// src/plugin/client_camera.cpp ClientCamera::CloseAllCameras e374f0fc3062
 // src/plugin/client_camera.cpp ClientCamera::OnVideoPacket 8dbd5b793699
 // src/plugin/client_camera.cpp ClientCamera::SendPass 19b050f3cf78
 // src/plugin/client_camera.cpp ClientCamera::Send2StreamRaw f8492af9b0f7
