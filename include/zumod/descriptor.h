@@ -28,7 +28,9 @@ using DetachRuntimeFunction = void (*)();
 
 // Creates the object that `policy` describes. On success stores it where `out` points, as a pointer to the
 // requested interface (see StoreInterface), with one reference for the caller, and returns 1. Otherwise
-// leaves `out` unchanged and returns 0. `policy` is borrowed and may be null. A module that was loaded by
+// leaves `out` unchanged and returns 0. In the camera module std::bad_alloc counts as a refusal too, even if
+// a host object has thrown it; likewise it ends the plugin's Run like a failed read. Every other exception of
+// a host object goes on to the host. `policy` is borrowed and may be null. A module that was loaded by
 // another one and refuses is detached and closed at once.
 using CreateFunction = int (*)(IZUModCreatePolicy* policy, IZUModInterface** out);
 

@@ -49,7 +49,7 @@ int camera_client_create(IZUModCreatePolicy* props, IZUModInterface** out) {
     try {
         return Create(props, out);
     } catch (const std::bad_alloc&) {
-        return 0;  // a refusal like any other; an exception of a host object goes on to the host
+        return 0;  // A refusal, also if a host object has thrown it. Its other exceptions go on to the host.
     }
 }
 
