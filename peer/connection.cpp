@@ -18,10 +18,8 @@
 namespace zumod::peer {
 namespace {
 
-using std::chrono::seconds;
-
 // How long a command may take to exit by itself, and then after SIGTERM.
-constexpr auto kExitGracePeriod = seconds(2);
+constexpr auto kExitGracePeriod = std::chrono::seconds(2);
 
 void SetNonBlocking(int descriptor) {
     fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);

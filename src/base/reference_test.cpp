@@ -27,7 +27,7 @@ private:
     int& m_destroyed;
 };
 
-int64_t WordAt(const void* object, size_t offset) {
+int64_t SignedWordAt(const void* object, size_t offset) {
     int64_t word = 0;
     std::memcpy(&word, static_cast<const char*>(object) + offset, sizeof word);
     return word;
@@ -80,12 +80,12 @@ TEST(Reference, AReferenceAddedAndDroppedDuringTheDestructionDoesNotDestroyTwice
 TEST(Reference, StoresTheReferenceCountAndTheLifeCountAfterItsTablePointer) {
     int destroyed = 0;
     auto* object = new Counted(destroyed);
-    EXPECT_EQ(WordAt(object, 8), 0);
-    EXPECT_EQ(WordAt(object, 16), 1);
+    EXPECT_EQ(SignedWordAt(object, 8), 0);
+    EXPECT_EQ(SignedWordAt(object, 16), 1);
     object->AddRef();
     object->AddRef();
-    EXPECT_EQ(WordAt(object, 8), 2);
-    EXPECT_EQ(WordAt(object, 16), 1);
+    EXPECT_EQ(SignedWordAt(object, 8), 2);
+    EXPECT_EQ(SignedWordAt(object, 16), 1);
     object->Release();
     object->Release();
 }
@@ -237,14 +237,14 @@ TEST(RefPtr, IsOnePointerWide) {
     int destroyed = 0;
     const CRefPtr_T<Counted> owner(new Counted(destroyed));
     static_assert(sizeof owner == sizeof(void*));
-    EXPECT_EQ(WordAt(&owner, 0), reinterpret_cast<intptr_t>(owner.Get()));
+    EXPECT_EQ(SignedWordAt(&owner, 0), reinterpret_cast<intptr_t>(owner.Get()));
 }
 
 TEST(RefPtr, AddsTheFirstReferenceToANewObjectAndReleasesItWhenDestroyed) {
     int destroyed = 0;
     {
         const CRefPtr_T<Counted> owner(new Counted(destroyed));
-        EXPECT_EQ(WordAt(owner.Get(), 8), 1);
+        EXPECT_EQ(SignedWordAt(owner.Get(), 8), 1);
     }
     EXPECT_EQ(destroyed, 1);
 }
@@ -254,7 +254,7 @@ TEST(RefPtr, AddsNoReferenceWhenItAdopts) {
     auto* object = new Counted(destroyed);
     object->AddRef();
     const auto owner = CRefPtr_T<Counted>::Adopt(object);
-    EXPECT_EQ(WordAt(object, 8), 1);
+    EXPECT_EQ(SignedWordAt(object, 8), 1);
 }
 
 TEST(RefPtr, AddsAReferenceWithEachCopyAndNoneWithAMove) {
@@ -262,12 +262,12 @@ TEST(RefPtr, AddsAReferenceWithEachCopyAndNoneWithAMove) {
     CRefPtr_T<Counted> first(new Counted(destroyed));
     const void* object = first.Get();
     CRefPtr_T<Counted> second = first;
-    EXPECT_EQ(WordAt(object, 8), 2);
+    EXPECT_EQ(SignedWordAt(object, 8), 2);
     const CRefPtr_T<IReference> third = first;
-    EXPECT_EQ(WordAt(object, 8), 3);
+    EXPECT_EQ(SignedWordAt(object, 8), 3);
     const CRefPtr_T<Counted> moved = std::move(second);
     const CRefPtr_T<IReference> moved_up = std::move(first);
-    EXPECT_EQ(WordAt(object, 8), 3);
+    EXPECT_EQ(SignedWordAt(object, 8), 3);
     EXPECT_EQ(moved_up.Get(), moved.Get());
 }
 
@@ -278,9 +278,9 @@ TEST(RefPtr, ReleasesTheOldObjectWhenAssignedAnother) {
     const CRefPtr_T<Counted> other(new Counted(second_destroyed));
     owner = other;
     EXPECT_EQ(first_destroyed, 1);
-    EXPECT_EQ(WordAt(other.Get(), 8), 2);
+    EXPECT_EQ(SignedWordAt(other.Get(), 8), 2);
     owner = nullptr;
-    EXPECT_EQ(WordAt(other.Get(), 8), 1);
+    EXPECT_EQ(SignedWordAt(other.Get(), 8), 1);
     EXPECT_EQ(second_destroyed, 0);
 }
 
@@ -291,7 +291,7 @@ TEST(RefPtr, SurvivesSelfAssignment) {
     owner = same;
     owner = std::move(same);
     EXPECT_EQ(destroyed, 0);
-    EXPECT_EQ(WordAt(owner.Get(), 8), 1);
+    EXPECT_EQ(SignedWordAt(owner.Get(), 8), 1);
 }
 
 TEST(RefPtr, DetachPassesItsReferenceToTheCaller) {

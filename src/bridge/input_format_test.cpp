@@ -9,7 +9,7 @@
 namespace zumod {
 namespace {
 
-uint32_t Code(const char* text) {
+uint32_t FourCC(const char* text) {
     uint32_t code = 0;
     std::memcpy(&code, text, sizeof code);
     return code;
@@ -24,19 +24,19 @@ struct Row {
 TEST(InputFormat, EveryFormatHasItsNameAndItsBits) {
     for (const Row& row : {Row{"NV21", "NV21", 8}, Row{"YU12", "I420", 8}, Row{"NV12", "NV12", 8},
                            Row{"YV12", "YV12", 8}, Row{"BGR4", nullptr, 32}, Row{"YUYV", "YUY2", 16}}) {
-        const auto format = InputFormatOf(640, 480, Code(row.fourcc));
+        const auto format = InputFormatOf(640, 480, FourCC(row.fourcc));
         ASSERT_TRUE(format) << row.fourcc;
         EXPECT_EQ(format->width, 640);
         EXPECT_EQ(format->height, 480);
         EXPECT_EQ(format->bits_per_pixel, row.bits_per_pixel) << row.fourcc;
         EXPECT_EQ(format->stride, 640 * row.bits_per_pixel / 8) << row.fourcc;
-        EXPECT_EQ(format->format, row.name != nullptr ? Code(row.name) : 0u) << row.fourcc;
+        EXPECT_EQ(format->format, row.name != nullptr ? FourCC(row.name) : 0u) << row.fourcc;
     }
 }
 
 TEST(InputFormat, OtherFormatsAreRefused) {
     for (const char* fourcc : {"MJPG", "H264", "nv12", "RGB3", "BGR3", "\0\0\0\0"}) {
-        EXPECT_FALSE(InputFormatOf(640, 480, Code(fourcc))) << fourcc;
+        EXPECT_FALSE(InputFormatOf(640, 480, FourCC(fourcc))) << fourcc;
     }
 }
 

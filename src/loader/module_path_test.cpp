@@ -22,7 +22,7 @@ using testing::ThrowingData;
 using Lines = std::vector<LogLine>;
 using Keys = std::vector<std::string>;
 
-const LogLine kNoDirectory{2, "[zumod] get module dir fail"};
+const LogLine kNoModuleDirectory{2, "[zumod] get module dir fail"};
 
 class ModulePathTest : public testing::LoggingTest {
 protected:
@@ -50,7 +50,7 @@ TEST_F(ModulePathTest, ASlashIsAppendedToADirectoryThatEndsWithOne) {
 
 TEST_F(ModulePathTest, WithoutADirectoryThePathIsTheBareFileName) {
     EXPECT_EQ(ZuModGetModulePath("zu-codec", false), "zu-codec.so");
-    EXPECT_EQ(host.Lines(), Lines{kNoDirectory});
+    EXPECT_EQ(host.Lines(), Lines{kNoModuleDirectory});
 }
 
 TEST_F(ModulePathTest, WithoutAHostThePathIsTheBareFileName) {
@@ -63,7 +63,7 @@ TEST_F(ModulePathTest, WithoutAHostThePathIsTheBareFileName) {
 TEST_F(ModulePathTest, AnEmptyDirectoryIsIgnored) {
     SetText("zu.env.modules.dir", "");
     EXPECT_EQ(ZuModGetModulePath("zu-codec", false), "zu-codec.so");
-    EXPECT_EQ(host.Lines(), Lines{kNoDirectory});
+    EXPECT_EQ(host.Lines(), Lines{kNoModuleDirectory});
 }
 
 TEST_F(ModulePathTest, TheDirectoryOfOneModuleReplacesTheGeneralOne) {
@@ -82,14 +82,14 @@ TEST_F(ModulePathTest, TheDirectoryOfOneModuleIsNotLookedUpUnlessWanted) {
 TEST_F(ModulePathTest, AMissingDirectoryOfOneModuleDoesNotFallBackToTheGeneralOne) {
     SetText("zu.env.modules.dir", "/opt/m");
     EXPECT_EQ(ZuModGetModulePath("zu-codec", true), "zu-codec.so");
-    EXPECT_EQ(host.Lines(), Lines{kNoDirectory});
+    EXPECT_EQ(host.Lines(), Lines{kNoModuleDirectory});
 }
 
 TEST_F(ModulePathTest, ADirectoryOfOneModuleOfAnotherKindDoesNotFallBackEither) {
     SetText("zu.env.modules.dir", "/opt/m");
     host.SetProperty("zu.env.modules.dir_zu-codec", CZUModData::FromInt64(1));
     EXPECT_EQ(ZuModGetModulePath("zu-codec", true), "zu-codec.so");
-    EXPECT_EQ(host.Lines(), Lines{kNoDirectory});
+    EXPECT_EQ(host.Lines(), Lines{kNoModuleDirectory});
 }
 
 TEST_F(ModulePathTest, ADirectoryThatIsNotTextCountsAsMissing) {
@@ -98,7 +98,7 @@ TEST_F(ModulePathTest, ADirectoryThatIsNotTextCountsAsMissing) {
         host.SetProperty("zu.env.modules.dir", CRefPtr_T<IZUModData>(new CountedData(
                                                    ledger, tag, CountedData::TextBytes("/opt/m"))));
         EXPECT_EQ(ZuModGetModulePath("zu-codec", false), "zu-codec.so");
-        EXPECT_EQ(host.TakeLines(), Lines{kNoDirectory});
+        EXPECT_EQ(host.TakeLines(), Lines{kNoModuleDirectory});
         host.SetProperty("zu.env.modules.dir", nullptr);
         EXPECT_TRUE(ledger.Balanced());
     }
@@ -107,7 +107,7 @@ TEST_F(ModulePathTest, ADirectoryThatIsNotTextCountsAsMissing) {
 TEST_F(ModulePathTest, ATextWithoutBytesCountsAsMissing) {
     host.SetProperty("zu.env.modules.dir", CRefPtr_T<IZUModData>(new CountedData(ledger, 4, {})));
     EXPECT_EQ(ZuModGetModulePath("zu-codec", false), "zu-codec.so");
-    EXPECT_EQ(host.Lines(), Lines{kNoDirectory});
+    EXPECT_EQ(host.Lines(), Lines{kNoModuleDirectory});
 }
 
 TEST_F(ModulePathTest, ALongDirectoryIsKeptWhole) {

@@ -15,53 +15,53 @@ using testing::LogLine;
 using testing::RecordingHost;
 using Lines = std::vector<LogLine>;
 
-class AttachRuntime : public ::testing::Test {
+class AttachRuntimeTest : public ::testing::Test {
 protected:
-    ~AttachRuntime() override { DetachRuntime(); }
+    ~AttachRuntimeTest() override { DetachRuntime(); }
 };
 
-TEST_F(AttachRuntime, SendsTheLinesToTheHost) {
+TEST_F(AttachRuntimeTest, SendsTheLinesToTheHost) {
     RecordingHost host;
-    EXPECT_EQ(zumod::AttachRuntime(&host), 1);
+    EXPECT_EQ(AttachRuntime(&host), 1);
     const CapturedStdout captured;
     ZuModLog(kLogEvent, "to the host");
     EXPECT_EQ(host.Lines(), (Lines{{1, "to the host"}}));
     EXPECT_EQ(captured.Text(), "");
 }
 
-TEST_F(AttachRuntime, RefusesANullHostAndKeepsTheSink) {
-    EXPECT_EQ(zumod::AttachRuntime(nullptr), 0);
+TEST_F(AttachRuntimeTest, RefusesANullHostAndKeepsTheSink) {
+    EXPECT_EQ(AttachRuntime(nullptr), 0);
     EXPECT_EQ(CZUModRuntime::GetInstance()->GetSink(), nullptr);
     RecordingHost host;
-    zumod::AttachRuntime(&host);
-    EXPECT_EQ(zumod::AttachRuntime(nullptr), 0);
+    AttachRuntime(&host);
+    EXPECT_EQ(AttachRuntime(nullptr), 0);
     ZuModLog(kLogTrace, "still here");
     EXPECT_EQ(host.Lines(), (Lines{{8, "still here"}}));
 }
 
-TEST_F(AttachRuntime, AcceptsTheModulesOwnRuntimeAndKeepsTheSink) {
-    EXPECT_EQ(zumod::AttachRuntime(CZUModRuntime::GetInstance()), 1);
+TEST_F(AttachRuntimeTest, AcceptsTheModulesOwnRuntimeAndKeepsTheSink) {
+    EXPECT_EQ(AttachRuntime(CZUModRuntime::GetInstance()), 1);
     EXPECT_EQ(CZUModRuntime::GetInstance()->GetSink(), nullptr);
     RecordingHost host;
-    zumod::AttachRuntime(&host);
-    EXPECT_EQ(zumod::AttachRuntime(CZUModRuntime::GetInstance()), 1);
+    AttachRuntime(&host);
+    EXPECT_EQ(AttachRuntime(CZUModRuntime::GetInstance()), 1);
     ZuModLog(kLogTrace, "no loop");
     EXPECT_EQ(host.Lines(), (Lines{{8, "no loop"}}));
 }
 
-TEST_F(AttachRuntime, ASecondHostReplacesTheFirst) {
+TEST_F(AttachRuntimeTest, ASecondHostReplacesTheFirst) {
     RecordingHost first;
     RecordingHost second;
-    EXPECT_EQ(zumod::AttachRuntime(&first), 1);
-    EXPECT_EQ(zumod::AttachRuntime(&second), 1);
+    EXPECT_EQ(AttachRuntime(&first), 1);
+    EXPECT_EQ(AttachRuntime(&second), 1);
     ZuModLog(kLogEvent, "for the second");
     EXPECT_EQ(first.Lines(), Lines{});
     EXPECT_EQ(second.Lines(), (Lines{{1, "for the second"}}));
 }
 
-TEST_F(AttachRuntime, AfterTheDetachLinesGoToStandardOutputAndServicesReturnNothing) {
+TEST_F(AttachRuntimeTest, AfterTheDetachLinesGoToStandardOutputAndServicesReturnNothing) {
     RecordingHost host;
-    zumod::AttachRuntime(&host);
+    AttachRuntime(&host);
     ZuModLog(kLogEvent, "attached");
     DetachRuntime();
     const CapturedStdout captured;
@@ -75,11 +75,11 @@ TEST_F(AttachRuntime, AfterTheDetachLinesGoToStandardOutputAndServicesReturnNoth
     EXPECT_EQ(host.AskedKeys(), std::vector<std::string>{});
 }
 
-TEST_F(AttachRuntime, ADetachWithoutAnAttachAndASecondDetachDoNothing) {
+TEST_F(AttachRuntimeTest, ADetachWithoutAnAttachAndASecondDetachDoNothing) {
     DetachRuntime();
     DetachRuntime();
     RecordingHost host;
-    EXPECT_EQ(zumod::AttachRuntime(&host), 1);
+    EXPECT_EQ(AttachRuntime(&host), 1);
     ZuModLog(kLogEvent, "as ever");
     EXPECT_EQ(host.Lines(), (Lines{{1, "as ever"}}));
 }

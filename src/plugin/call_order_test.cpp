@@ -90,15 +90,15 @@ TEST_F(CallOrder, TheSendThreadHasItsName) {
 }
 
 // Records its destruction in the same list as the log lines.
-class TracedStream final : public CCounted_T<IChannelStream> {
+class EndTracedStream final : public CCounted_T<IChannelStream> {
 public:
-    ~TracedStream() override { CameraScript().calls.emplace_back("stream released"); }
+    ~EndTracedStream() override { CameraScript().calls.emplace_back("stream released"); }
     int Read(void*, unsigned long, unsigned long*) override { return -1; }
     int Write(const void*, unsigned long, unsigned long*) override { return -1; }
 };
 
 TEST_F(CallOrder, TheDestructorEndsTheThreadThenTheQueueThenReleasesTheStream) {
-    plugin->SetChannelStream(new TracedStream);
+    plugin->SetChannelStream(new EndTracedStream);
     plugin->Run();
     TakeTrace();
     const auto trace = [](const char* text) { return [text] { CameraScript().calls.emplace_back(text); }; };

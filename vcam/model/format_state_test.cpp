@@ -117,7 +117,7 @@ TEST(FormatState, KeepsALongerRowOnlyIfConfigured) {
     EXPECT_EQ(Tried("sizes=64x64,fps=500", longer).bytesperline, 64U);
 }
 
-v4l2_streamparm Parm(uint32_t numerator, uint32_t denominator) {
+v4l2_streamparm FrameTime(uint32_t numerator, uint32_t denominator) {
     v4l2_streamparm parm{};
     parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     parm.parm.capture.timeperframe = {numerator, denominator};
@@ -126,7 +126,7 @@ v4l2_streamparm Parm(uint32_t numerator, uint32_t denominator) {
 
 TEST(FormatState, SetsTheNearestOfItsRates) {
     FormatState state(Configure("fps=30:15:5"), kNoFaults);
-    v4l2_streamparm parm = Parm(1, 14);
+    v4l2_streamparm parm = FrameTime(1, 14);
     ASSERT_EQ(state.SetParm(parm, false), 0);
     EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 15U);
     EXPECT_EQ(parm.parm.capture.capability, uint32_t{V4L2_CAP_TIMEPERFRAME});
@@ -137,26 +137,26 @@ TEST(FormatState, SetsTheNearestOfItsRates) {
 
 TEST(FormatState, ReturnsToItsFirstRateForAnEmptyRequest) {
     FormatState state(Configure("fps=30:15"), kNoFaults);
-    v4l2_streamparm parm = Parm(1, 15);
+    v4l2_streamparm parm = FrameTime(1, 15);
     ASSERT_EQ(state.SetParm(parm, false), 0);
-    parm = Parm(0, 0);
+    parm = FrameTime(0, 0);
     ASSERT_EQ(state.SetParm(parm, false), 0);
     EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 30U);
 }
 
 TEST(FormatState, MayReportThatItsRateIsFixed) {
     FormatState state(Configure("fps=30:15,parm=fixed"), kNoFaults);
-    v4l2_streamparm parm = Parm(1, 15);
+    v4l2_streamparm parm = FrameTime(1, 15);
     ASSERT_EQ(state.GetParm(parm), 0);
     EXPECT_EQ(parm.parm.capture.capability, 0U);
-    parm = Parm(1, 15);
+    parm = FrameTime(1, 15);
     ASSERT_EQ(state.SetParm(parm, false), 0);
     EXPECT_EQ(parm.parm.capture.timeperframe.denominator, 30U);
 }
 
 TEST(FormatState, MayHaveNeitherGetNorSetRate) {
     FormatState state(Configure("parm=none"), kNoFaults);
-    v4l2_streamparm parm = Parm(1, 15);
+    v4l2_streamparm parm = FrameTime(1, 15);
     EXPECT_EQ(state.GetParm(parm), ENOTTY);
     EXPECT_EQ(state.SetParm(parm, false), ENOTTY);
 }
@@ -199,7 +199,7 @@ TEST(FormatState, ChangesNeitherFormatNorRateWhileItIsInUse) {
     v4l2_format format = Format(128, 96, V4L2_PIX_FMT_NV12);
     EXPECT_EQ(state.SetFormat(format, true), EBUSY);
     EXPECT_EQ(state.Layout().width, 64U);
-    v4l2_streamparm parm = Parm(1, 15);
+    v4l2_streamparm parm = FrameTime(1, 15);
     EXPECT_EQ(state.SetParm(parm, true), EBUSY);
     EXPECT_EQ(state.CurrentRate().numerator, 30U);
 }
@@ -209,7 +209,7 @@ TEST(FormatState, ReportsAWrongTypeRatherThanThatItIsInUse) {
     v4l2_format format = Format(640, 480, V4L2_PIX_FMT_NV12);
     format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     EXPECT_EQ(state.SetFormat(format, true), EINVAL);
-    v4l2_streamparm parm = Parm(1, 30);
+    v4l2_streamparm parm = FrameTime(1, 30);
     parm.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     EXPECT_EQ(state.SetParm(parm, true), EINVAL);
 }
@@ -244,7 +244,7 @@ TEST(FormatState, MakesAnotherSourceOnlyForAnotherFormatOrRate) {
     v4l2_format format = Format(64, 64, V4L2_PIX_FMT_NV12);
     ASSERT_EQ(state.SetFormat(format, false), 0);
     EXPECT_EQ(state.Source(), first);
-    v4l2_streamparm parm = Parm(1, 15);
+    v4l2_streamparm parm = FrameTime(1, 15);
     ASSERT_EQ(state.SetParm(parm, false), 0);
     const auto second = state.Source();
     EXPECT_NE(second, first);

@@ -14,7 +14,7 @@ namespace {
 using std::chrono::milliseconds;
 using Next = FrameThread::Next;
 
-const FrameThread::Time kStart{std::chrono::seconds(100)};
+const FrameThread::Time kStreamStart{std::chrono::seconds(100)};
 
 // 100 frames per second: frame n is due (n + 1) * 10 ms after the start.
 class FrameThreadTest : public ::testing::Test {
@@ -27,12 +27,12 @@ protected:
         }
         uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         ASSERT_EQ(m_buffers.StreamOn(m_file.File(), type), 0);
-        m_frames.BeginStream(kStart);
+        m_frames.BeginStream(kStreamStart);
     }
 
     Next Step(int ms_after_start) {
         const MutexLock held(m_lock);
-        return m_frames.Step(m_lock, kStart + milliseconds(ms_after_start));
+        return m_frames.Step(m_lock, kStreamStart + milliseconds(ms_after_start));
     }
 
     // What the camera says of the frame that it delivers at this time.
@@ -63,7 +63,7 @@ TEST_F(FrameThreadTest, WaitsWhileNothingStreams) {
 TEST_F(FrameThreadTest, PaintsAheadAndSleepsUntilTheFrameIsDue) {
     Start();
     EXPECT_EQ(Step(1), Next::kSleep);
-    EXPECT_EQ(m_frames.WakeTime(), kStart + milliseconds(10));
+    EXPECT_EQ(m_frames.WakeTime(), kStreamStart + milliseconds(10));
     EXPECT_EQ(m_file.Receive(), std::nullopt);
     const auto stamp = ReadStamp(m_buffers.Pool()->At(0), m_formats.Layout());
     ASSERT_TRUE(stamp);
@@ -104,15 +104,15 @@ TEST_F(FrameThreadTest, CatchesUpAfterALateWakeUpButNotAfterASuspend) {
     EXPECT_EQ(Step(200000), Next::kStep);
     EXPECT_EQ(m_frames.Dropped(), 20000U - 2);
     EXPECT_EQ(Step(200000), Next::kSleep);
-    EXPECT_EQ(m_frames.WakeTime(), kStart + milliseconds(200010));
+    EXPECT_EQ(m_frames.WakeTime(), kStreamStart + milliseconds(200010));
 }
 
 TEST_F(FrameThreadTest, RepaintsAheadForAnotherTime) {
     Start();
     ASSERT_EQ(Step(0), Next::kSleep);
-    m_frames.RestartClock(kStart + milliseconds(5));
+    m_frames.RestartClock(kStreamStart + milliseconds(5));
     ASSERT_EQ(Step(6), Next::kSleep);
-    EXPECT_EQ(m_frames.WakeTime(), kStart + milliseconds(15));
+    EXPECT_EQ(m_frames.WakeTime(), kStreamStart + milliseconds(15));
     EXPECT_EQ(ReadStamp(m_buffers.Pool()->At(0), m_formats.Layout())->time_us, 100015000U);
 }
 
@@ -131,7 +131,7 @@ TEST_F(FrameThreadTest, CountsFramesFromZeroInEachStream) {
     ASSERT_TRUE(m_board.Move(3, BufferState::kDequeued, BufferState::kQueued));
     uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     ASSERT_EQ(m_buffers.StreamOn(m_file.File(), type), 0);
-    m_frames.BeginStream(kStart + milliseconds(500));
+    m_frames.BeginStream(kStreamStart + milliseconds(500));
     const v4l2_buffer buffer = FrameAt(510);
     EXPECT_EQ(buffer.sequence, 0U);
     EXPECT_EQ(buffer.index, 3U);
@@ -174,9 +174,9 @@ TEST_F(FrameThreadTest, StallsAndGoesOnWithTheFrameThatIsDueThen) {
     Start();
     FrameAt(10);
     EXPECT_EQ(Step(15), Next::kSleep);
-    EXPECT_EQ(m_frames.WakeTime(), kStart + milliseconds(115));
+    EXPECT_EQ(m_frames.WakeTime(), kStreamStart + milliseconds(115));
     EXPECT_EQ(Step(60), Next::kSleep);
-    EXPECT_EQ(m_frames.WakeTime(), kStart + milliseconds(115));
+    EXPECT_EQ(m_frames.WakeTime(), kStreamStart + milliseconds(115));
     EXPECT_EQ(Step(115), Next::kStep);
     EXPECT_EQ(Step(115), Next::kSleep);
     EXPECT_EQ(FrameAt(120).sequence, 11U);
@@ -187,9 +187,9 @@ TEST_F(FrameThreadTest, ForgetsAStallWhenTheNextStreamBegins) {
     m_faults.Add(ParseFault("stall/1000").value());
     Start();
     ASSERT_EQ(Step(0), Next::kSleep);
-    m_frames.BeginStream(kStart);
+    m_frames.BeginStream(kStreamStart);
     ASSERT_EQ(Step(0), Next::kSleep);
-    EXPECT_EQ(m_frames.WakeTime(), kStart + milliseconds(10));
+    EXPECT_EQ(m_frames.WakeTime(), kStreamStart + milliseconds(10));
 }
 
 TEST_F(FrameThreadTest, DeliversNothingWhileAFaultForbidsIt) {
@@ -204,9 +204,9 @@ TEST_F(FrameThreadTest, CountsOnFromTheCurrentFrameAtAnotherRate) {
     Start();
     FrameAt(10);
     m_faults.Add({.kind = FaultKind::kTooFast, .value = 5});
-    m_frames.RestartClock(kStart + milliseconds(10));
+    m_frames.RestartClock(kStreamStart + milliseconds(10));
     EXPECT_EQ(Step(10), Next::kSleep);
-    EXPECT_EQ(m_frames.WakeTime(), kStart + milliseconds(12));
+    EXPECT_EQ(m_frames.WakeTime(), kStreamStart + milliseconds(12));
     EXPECT_EQ(FrameAt(12).sequence, 1U);
 }
 

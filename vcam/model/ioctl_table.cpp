@@ -43,13 +43,13 @@ int Ask(Parts& parts, const OpenFile& file, Payload& payload) {
     return Call(parts.*kPart, kFunction, file, payload);
 }
 template <auto kFunction>
-constexpr Handler kFormats = &Ask<&Parts::formats, kFunction>;
+constexpr Handler kFormatCall = &Ask<&Parts::formats, kFunction>;
 template <auto kFunction>
-constexpr Handler kBuffers = &Ask<&Parts::buffers, kFunction>;
+constexpr Handler kBufferCall = &Ask<&Parts::buffers, kFunction>;
 template <auto kFunction>
-constexpr Handler kControls = &Ask<&Parts::controls, kFunction>;
+constexpr Handler kControlCall = &Ask<&Parts::controls, kFunction>;
 template <auto kFunction>
-constexpr Handler kEvents = &Ask<&Parts::events, kFunction>;
+constexpr Handler kEventCall = &Ask<&Parts::events, kFunction>;
 
 // The controls of an extended request follow it in the payload. Its pointer to them is the program's and is
 // not used.
@@ -92,34 +92,34 @@ int StreamOn(Parts& parts, const OpenFile& file, Payload& payload) {
 
 constexpr Entry kTable[] = {
     {VIDIOC_QUERYCAP, &QueryCapability},
-    {VIDIOC_ENUM_FMT, kFormats<&FormatState::EnumFormat>},
-    {VIDIOC_G_FMT, kFormats<&FormatState::GetFormat>},
-    {VIDIOC_TRY_FMT, kFormats<&FormatState::TryFormat>},
+    {VIDIOC_ENUM_FMT, kFormatCall<&FormatState::EnumFormat>},
+    {VIDIOC_G_FMT, kFormatCall<&FormatState::GetFormat>},
+    {VIDIOC_TRY_FMT, kFormatCall<&FormatState::TryFormat>},
     {VIDIOC_S_FMT, &SetFormat, true},
-    {VIDIOC_ENUM_FRAMESIZES, kFormats<&FormatState::EnumSizes>},
-    {VIDIOC_ENUM_FRAMEINTERVALS, kFormats<&FormatState::EnumIntervals>},
-    {VIDIOC_G_PARM, kFormats<&FormatState::GetParm>},
+    {VIDIOC_ENUM_FRAMESIZES, kFormatCall<&FormatState::EnumSizes>},
+    {VIDIOC_ENUM_FRAMEINTERVALS, kFormatCall<&FormatState::EnumIntervals>},
+    {VIDIOC_G_PARM, kFormatCall<&FormatState::GetParm>},
     {VIDIOC_S_PARM, &SetParm, true},
-    {VIDIOC_ENUMINPUT, kFormats<&FormatState::EnumInput>},
-    {VIDIOC_G_INPUT, kFormats<&FormatState::GetInput>},
-    {VIDIOC_S_INPUT, kFormats<&FormatState::SetInput>, true},
+    {VIDIOC_ENUMINPUT, kFormatCall<&FormatState::EnumInput>},
+    {VIDIOC_G_INPUT, kFormatCall<&FormatState::GetInput>},
+    {VIDIOC_S_INPUT, kFormatCall<&FormatState::SetInput>, true},
     {VIDIOC_REQBUFS, &RequestBuffers, true},
-    {VIDIOC_QUERYBUF, kBuffers<&BufferQueue::Query>},
+    {VIDIOC_QUERYBUF, kBufferCall<&BufferQueue::Query>},
     {VIDIOC_STREAMON, &StreamOn, true},
-    {VIDIOC_STREAMOFF, kBuffers<&BufferQueue::StreamOff>, true},
-    {VIDIOC_QUERYCTRL, kControls<&Controls::Query>},
-    {VIDIOC_QUERY_EXT_CTRL, kControls<&Controls::QueryExtended>},
-    {VIDIOC_QUERYMENU, kControls<&Controls::QueryMenu>},
-    {VIDIOC_G_CTRL, kControls<&Controls::Get>},
-    {VIDIOC_S_CTRL, kControls<&Controls::Set>, true},
+    {VIDIOC_STREAMOFF, kBufferCall<&BufferQueue::StreamOff>, true},
+    {VIDIOC_QUERYCTRL, kControlCall<&Controls::Query>},
+    {VIDIOC_QUERY_EXT_CTRL, kControlCall<&Controls::QueryExtended>},
+    {VIDIOC_QUERYMENU, kControlCall<&Controls::QueryMenu>},
+    {VIDIOC_G_CTRL, kControlCall<&Controls::Get>},
+    {VIDIOC_S_CTRL, kControlCall<&Controls::Set>, true},
     {VIDIOC_G_EXT_CTRLS, &AskExtended<&Controls::GetExtended>, false, true},
     {VIDIOC_S_EXT_CTRLS, &AskExtended<&Controls::SetExtended>, true, true},
     {VIDIOC_TRY_EXT_CTRLS, &AskExtended<&Controls::TryExtended>, false, true},
-    {VIDIOC_G_PRIORITY, kEvents<&EventQueues::GetPriority>},
-    {VIDIOC_S_PRIORITY, kEvents<&EventQueues::SetPriority>, true},
-    {VIDIOC_SUBSCRIBE_EVENT, kEvents<&EventQueues::Subscribe>},
-    {VIDIOC_UNSUBSCRIBE_EVENT, kEvents<&EventQueues::Unsubscribe>},
-    {VIDIOC_DQEVENT, kEvents<&EventQueues::Dequeue>},
+    {VIDIOC_G_PRIORITY, kEventCall<&EventQueues::GetPriority>},
+    {VIDIOC_S_PRIORITY, kEventCall<&EventQueues::SetPriority>, true},
+    {VIDIOC_SUBSCRIBE_EVENT, kEventCall<&EventQueues::Subscribe>},
+    {VIDIOC_UNSUBSCRIBE_EVENT, kEventCall<&EventQueues::Unsubscribe>},
+    {VIDIOC_DQEVENT, kEventCall<&EventQueues::Dequeue>},
 };
 
 }  // namespace
