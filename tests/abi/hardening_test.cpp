@@ -116,7 +116,8 @@ TEST_P(FortifiedHardening, ItCallsTheCheckedFunctionsOfTheCLibrary) {
         GTEST_SKIP() << "the checked functions come with optimised builds without a sanitizer";
     }
 #if defined(__clang__)
-    // In C++, Clang has no checked form of a call with variable arguments, and a program may have no other call.
+    // In C++, Clang has no checked form of a call with variable arguments, and a program may have no other
+    // call.
     GTEST_SKIP() << "GCC only, which is what is shipped";
 #endif
     const auto is_checked = [](const std::string& name) {
