@@ -119,8 +119,8 @@ TEST(Reference, ChangesEachOfItsCountsWithOneLockedInstruction) {
     };
     alignas(Kept) static unsigned char storage[sizeof(Kept)];
     auto* object = new (storage) Kept;
-    const auto references = [] { return WordAt(storage, 8); };
-    const auto lives = [] { return WordAt(storage, 16); };
+    const auto references = [] { return SignedWordAt(storage, 8); };
+    const auto lives = [] { return SignedWordAt(storage, 16); };
     const NumberChanges one_locked{1, 0};
     const NumberChanges none{0, 0};
     EXPECT_EQ(ChangesOf(references, [&] { object->AddRef(); }), one_locked);
