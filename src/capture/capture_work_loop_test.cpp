@@ -97,7 +97,7 @@ TEST_F(CaptureWorkLoopTest, TwoSlotsBothGetEveryFrameInOrder) {
 TEST_F(CaptureWorkLoopTest, ASlotThatDisconnectsDuringAFrameGetsNoMoreFrames) {
     FrameCollector second;
     capture.SignalCaptureFrame.connect(&second, &FrameCollector::OnFrame);
-    collector.during = [this] { capture.SignalCaptureFrame.disconnect(&collector); };
+    collector.during = [this] { collector.disconnect_all(); };
     ASSERT_TRUE(capture.startCapture());
     devices.PushFrame(0, {{1}});
     devices.PushFrame(0, {{2}});

@@ -65,8 +65,8 @@ public:
 
 protected:
     _signal_base_interface() = default;
-    _signal_base_interface(const _signal_base_interface&) = default;
-    _signal_base_interface& operator=(const _signal_base_interface&) = default;
+    _signal_base_interface(const _signal_base_interface&) = delete;
+    _signal_base_interface& operator=(const _signal_base_interface&) = delete;
     ~_signal_base_interface() = default;
 };
 
@@ -135,7 +135,7 @@ public:
     virtual has_slots_interface* getdest() const = 0;
     virtual void emit(arg1 a1, arg2 a2, arg3 a3, arg4 a4, arg5 a5) = 0;
     // Both return a new connection that the caller owns: clone() to the same destination, duplicate() to
-    // another one of the same type.
+    // another one of the same type. Required by the contract: clone() has a slot, although nothing calls it.
     virtual _connection_base5* clone() = 0;
     virtual _connection_base5* duplicate(has_slots_interface* new_destination) = 0;
 
@@ -175,15 +175,6 @@ class _signal_base5 : public _signal_base<mt_policy> {
 public:
     using connection = _connection_base5<arg1, arg2, arg3, arg4, arg5, mt_policy>;
 
-    _signal_base5() = default;
-    // A copy calls the same slots.
-    _signal_base5(const _signal_base5& other) : _signal_base<mt_policy>(other) {
-        lock_block<mt_policy> guard(*this);
-        for (const auto& each : other.m_connected_slots) {
-            append(std::unique_ptr<connection>(each->clone()));
-        }
-    }
-    _signal_base5& operator=(const _signal_base5&) = delete;
     ~_signal_base5() override { _signal_base5::disconnect_all(); }
 
     void disconnect_all() {
@@ -192,12 +183,6 @@ public:
             m_connected_slots.front()->getdest()->signal_disconnect(this);
             remove(m_connected_slots.begin());
         }
-    }
-
-    // Removes every connection to the holder, on both sides.
-    void disconnect(has_slots_interface* slot) {
-        slot->signal_disconnect(this);
-        _signal_base5::slot_disconnect(slot);
     }
 
     void slot_disconnect(has_slots_interface* slot) override {
@@ -285,14 +270,13 @@ public:
     }
 
     // Calls every slot in connection order.
-    void emit(arg1 a1, arg2 a2, arg3 a3, arg4 a4, arg5 a5) {
+    void operator()(arg1 a1, arg2 a2, arg3 a3, arg4 a4, arg5 a5) {
         lock_block<mt_policy> guard(*this);
         typename base::walk emission(*this);
         while (auto* next = emission.step()) {
             next->emit(a1, a2, a3, a4, a5);
         }
     }
-    void operator()(arg1 a1, arg2 a2, arg3 a3, arg4 a4, arg5 a5) { emit(a1, a2, a3, a4, a5); }
 };
 
 }  // namespace sigslot

@@ -22,6 +22,8 @@ using Signal = sigslot::signal5<Data, unsigned long, int, int, int, single_threa
 using ConnectionBase = sigslot::_connection_base5<Data, unsigned long, int, int, int, single_threaded>;
 using Journal = std::vector<std::string>;
 
+static_assert(!std::is_copy_constructible_v<Signal> && !std::is_copy_assignable_v<Signal>);
+
 class Holder : public has_slots<single_threaded> {
 public:
     Holder(std::string name, Journal& journal) : m_name(std::move(name)), m_journal(&journal) {}
@@ -51,7 +53,7 @@ private:
 
 class SigslotTest : public ::testing::Test {
 protected:
-    void Emit(Signal& emitter) { emitter.emit(m_data, 42, 640, 480, 7); }
+    void Emit(Signal& emitter) { emitter(m_data, 42, 640, 480, 7); }
 
     Journal journal;
     Signal signal;
@@ -72,13 +74,6 @@ TEST_F(SigslotTest, ASlotReceivesTheFiveArguments) {
     signal.connect(&a, &Holder::OnFrame);
     Emit(signal);
     EXPECT_EQ(journal, Journal{"a 9 42 640x480 7"});
-}
-
-TEST_F(SigslotTest, TheCallOperatorEmits) {
-    signal.connect(&a, &Holder::OnFrame);
-    const unsigned char data[] = {1};
-    signal(data, 2, 3, 4, 5);
-    EXPECT_EQ(journal, Journal{"a 1 2 3x4 5"});
 }
 
 TEST_F(SigslotTest, SlotsAreCalledInTheOrderOfConnection) {
@@ -125,23 +120,13 @@ TEST_F(SigslotTest, ADestroyedSignalIsForgottenByItsHolders) {
 }
 
 TEST_F(SigslotTest, ASlotThatDisconnectsItselfDoesNotEndTheEmission) {
-    b.signal = &signal;
-    b.act = [](Holder* self) { self->signal->disconnect(self); };
+    b.act = [](Holder* self) { self->disconnect_all(); };
     signal.connect(&a, &Holder::OnFrameAgain);
     signal.connect(&b, &Holder::OnFrameAct);
     signal.connect(&c, &Holder::OnFrameAgain);
     Emit(signal);
     Emit(signal);
     EXPECT_EQ(journal, (Journal{"a again", "b acts", "c again", "a again", "c again"}));
-}
-
-TEST_F(SigslotTest, ASlotMayDisconnectThroughItsHolder) {
-    a.act = [](Holder* self) { self->disconnect_all(); };
-    signal.connect(&a, &Holder::OnFrameAct);
-    signal.connect(&b, &Holder::OnFrameAgain);
-    Emit(signal);
-    Emit(signal);
-    EXPECT_EQ(journal, (Journal{"a acts", "b again", "b again"}));
 }
 
 TEST_F(SigslotTest, AHolderConnectedTwiceInARowMayDisconnectItself) {
@@ -154,9 +139,8 @@ TEST_F(SigslotTest, AHolderConnectedTwiceInARowMayDisconnectItself) {
 }
 
 TEST_F(SigslotTest, ASlotMayDisconnectTheNextOne) {
-    a.signal = &signal;
     a.victim = &b;
-    a.act = [](Holder* self) { self->signal->disconnect(self->victim); };
+    a.act = [](Holder* self) { self->victim->disconnect_all(); };
     signal.connect(&a, &Holder::OnFrameAct);
     signal.connect(&b, &Holder::OnFrameAgain);
     signal.connect(&c, &Holder::OnFrameAgain);
@@ -179,7 +163,7 @@ TEST_F(SigslotTest, ASlotMayDisconnectItselfAndEmitAgain) {
     a.act = [](Holder* self) {
         self->disconnect_all();
         const unsigned char data[] = {1};
-        self->signal->emit(data, 0, 0, 0, 0);
+        (*self->signal)(data, 0, 0, 0, 0);
     };
     b.act = [](Holder* self) { self->disconnect_all(); };
     signal.connect(&a, &Holder::OnFrameAct);
@@ -212,7 +196,7 @@ TEST_F(SigslotTest, ASignalIsUsableAfterASlotHasThrown) {
     signal.connect(&a, &Holder::OnFrameThrow);
     signal.connect(&b, &Holder::OnFrameAgain);
     EXPECT_THROW(Emit(signal), std::runtime_error);
-    signal.disconnect(&a);
+    a.disconnect_all();
     Emit(signal);
     EXPECT_EQ(journal, Journal{"b again"});
 }
@@ -260,21 +244,6 @@ TEST_F(SigslotTest, ADestroyedCopyOfAHolderIsNoLongerCalled) {
     EXPECT_EQ(journal, Journal{"a again"});
 }
 
-TEST_F(SigslotTest, ACopiedSignalCallsTheSameSlotsUntilTheirHoldersAreDestroyed) {
-    auto owned = std::make_unique<Holder>("a", journal);
-    signal.connect(owned.get(), &Holder::OnFrameAgain);
-    signal.connect(&b, &Holder::OnFrameAgain);
-    Signal copy(signal);
-    Emit(copy);
-    EXPECT_EQ(journal, (Journal{"a again", "b again"}));
-
-    journal.clear();
-    owned.reset();
-    Emit(copy);
-    Emit(signal);
-    EXPECT_EQ(journal, (Journal{"b again", "b again"}));
-}
-
 TEST_F(SigslotTest, ADestroyedHolderIsDisconnectedFromAllItsSignals) {
     Signal first;
     Signal second;
@@ -310,7 +279,7 @@ TEST_F(SigslotTest, SlotsRunUnderThePolicysLock) {
     Slot slot;
     slot.signal = &counting;
     counting.connect(&slot, &Slot::OnFrame);
-    counting.emit(nullptr, 0, 0, 0, 0);
+    counting(nullptr, 0, 0, 0, 0);
     EXPECT_EQ(slot.seen, 1);
     EXPECT_EQ(counting.locks, 0);
 }
