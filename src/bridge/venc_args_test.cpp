@@ -13,6 +13,7 @@
 #include "src/base/create_buffer.h"
 #include "src/base/mem_buffer.h"
 #include "tests/support/doubles/raw_slots.h"
+#include "tests/support/doubles/turkish_strcasecmp.h"
 
 namespace zumod {
 namespace {
@@ -208,6 +209,14 @@ TEST_F(VEncArgsTest, QueryInterfaceAcceptsTheNameInAnyLetterCase) {
         EXPECT_EQ(out, static_cast<IVEncArgs*>(args.Get()));
         EXPECT_EQ(args->Release(), 1);
     }
+}
+
+TEST_F(VEncArgsTest, QueryInterfaceIgnoresTheLetterCaseInATurkishLocaleToo) {
+    ASSERT_NE(strcasecmp("ivencargs", "IVEncArgs"), 0);
+    void* out = nullptr;
+    ASSERT_TRUE(args->QueryInterface("ivencargs", &out));
+    EXPECT_EQ(out, static_cast<IVEncArgs*>(args.Get()));
+    EXPECT_EQ(args->Release(), 1);
 }
 
 TEST_F(VEncArgsTest, AnotherNameIsRefusedAndTheOutPointerUnchanged) {
