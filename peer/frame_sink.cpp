@@ -72,9 +72,11 @@ private:
 Expected<std::unique_ptr<FrameSink>> MakeFrameSink(const std::string& path, const PeerOptions& options,
                                                    StandardOutput& output) {
     if (path == "-") {
-        return StreamParser::Create().map([&](StreamParser&& parser) -> std::unique_ptr<FrameSink> {
-            return std::make_unique<OutputSink>(std::move(parser), output);
-        });
+        auto parser = StreamParser::Create();
+        if (!parser) {
+            return Fail(parser.error());
+        }
+        return std::make_unique<OutputSink>(std::move(*parser), output);
     }
     auto file = OutputFile::Create(path, options.overwrite);
     if (!file) {
