@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -43,44 +44,66 @@ bool DeviceIoctl(int fd, unsigned long command, void* argument, int& result) {
     return true;
 }
 
-// Finds the memory behind a virtual camera's descriptor; false for any other descriptor. *memory is -1, with
-// errno set, if the camera refuses.
-bool FindMemory(const MapArguments& arguments, int* memory) {
-    FileIdentity identity;
-    if (arguments.fd < 0 || (arguments.flags & MAP_ANONYMOUS) != 0 || !Identify(arguments.fd, identity)) {
-        return false;
-    }
-    *memory = -1;
+// Whether the descriptor is a socket, as every descriptor of a virtual camera is.
+bool IsSocket(int fd) {
+    struct stat status;
+    return RawCall(SYS_fstat, fd, Word(&status)) == 0 && S_ISSOCK(status.st_mode);
+}
+
+// The memory that a virtual camera's descriptor stands for; -1, with errno set, if the camera refuses.
+int MemoryOf(const FileIdentity& identity, const MapArguments& arguments) {
     if ((arguments.flags & MAP_SHARED) == 0 || (arguments.protection & PROT_READ) == 0) {
         errno = EINVAL;
-        return true;
+        return -1;
     }
     Request request = MakeRequest(Operation::kMap, identity);
     request.value = static_cast<uint64_t>(arguments.offset);
     request.argument = arguments.length;
     request.flags = (arguments.protection & PROT_WRITE) != 0 ? 1 : 0;
     Reply reply{};
-    const int failure = CallServer(identity.server, request, nullptr, 0, reply, memory);
+    int memory = -1;
+    const int failure = CallServer(identity.server, request, nullptr, 0, reply, &memory);
     if (failure != 0 || reply.error != 0) {
         errno = failure != 0 ? failure : reply.error;
-    } else if (*memory < 0) {
+    } else if (memory < 0) {
         errno = EMFILE;
     }
-    return true;
+    return memory;
 }
 
+// Every program maps files and memory, also where a seccomp filter ends it for a call it does not need, such
+// as getsockname. So the kernel is asked first. A virtual camera's descriptor is a socket, and the kernel
+// refuses to map any socket with ENODEV: only then Identify() looks closer.
+//
+// The refused attempt changes nothing, except with MAP_FIXED: the kernel removes what was mapped at the
+// address before it asks the file. A camera would then leave a hole where it refuses a mapping, and another
+// thread could map something into the hole before the second attempt. There a socket is recognised by fstat,
+// which every filter allows, and the kernel is not asked.
 template <class Map>
 void* MapFile(const MapArguments& arguments, Map real) {
-    int memory = -1;
-    if (!FindMemory(arguments, &memory)) {
-        return real(arguments.address, arguments.length, arguments.protection, arguments.flags, arguments.fd,
+    const auto map = [&](int fd) {
+        return real(arguments.address, arguments.length, arguments.protection, arguments.flags, fd,
                     arguments.offset);
+    };
+    const int kept = errno;
+    const bool replaces = (arguments.flags & (MAP_FIXED | MAP_ANONYMOUS)) == MAP_FIXED;
+    if (!replaces || !IsSocket(arguments.fd)) {
+        void* mapped = map(arguments.fd);
+        if (mapped != MAP_FAILED || errno != ENODEV) {
+            return mapped;
+        }
     }
+    FileIdentity identity;
+    if (!Identify(arguments.fd, identity)) {
+        errno = ENODEV;
+        return MAP_FAILED;
+    }
+    const int memory = MemoryOf(identity, arguments);
     if (memory < 0) {
         return MAP_FAILED;
     }
-    void* mapped = real(arguments.address, arguments.length, arguments.protection, arguments.flags, memory,
-                        arguments.offset);
+    errno = kept;
+    void* mapped = map(memory);
     RawClose(memory);
     return mapped;
 }

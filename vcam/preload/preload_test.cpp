@@ -3,10 +3,14 @@
 #include <fcntl.h>
 #include <glob.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <linux/videodev2.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
@@ -283,6 +287,67 @@ TEST(Preload, MapsOnlySharedReadableMemory) {
     EXPECT_NE(memory, MAP_FAILED);
     munmap(memory, 4096);
     close(fd);
+}
+
+// Ends this process at its next call of getsockname, as the sandbox of a browser does.
+bool ForbidGetsockname() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getsockname, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter{std::size(program), program};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST(Preload, MapsFilesInASandboxThatForbidsOtherCalls) {
+    if (!InChild([] { return ForbidGetsockname(); })) {
+        GTEST_SKIP() << "the kernel takes no system call filter here";
+    }
+    const PreloadedCameras cameras{""};
+    const int file = memfd_create("other", 0);
+    ASSERT_EQ(ftruncate(file, 4096), 0);
+    EXPECT_TRUE(InChild([&] {
+        if (!ForbidGetsockname()) {
+            return false;
+        }
+        void* const anonymous =
+            mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        return anonymous != MAP_FAILED &&
+               mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0) != MAP_FAILED &&
+               mmap64(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0) != MAP_FAILED &&
+               mmap(anonymous, 4096, PROT_READ, MAP_SHARED | MAP_FIXED, file, 0) == anonymous &&
+               syscall(SYS_mmap, nullptr, 4096, PROT_READ, MAP_SHARED, file, 0) != -1;
+    }));
+    close(file);
+}
+
+TEST(Preload, KeepsWhatIsMappedWhereACameraRefusesAMapping) {
+    const PreloadedCameras cameras{""};
+    const int fd = open("/dev/video0", O_RDWR);
+    ASSERT_EQ(Request(fd, 2), 0);
+    auto* const before =
+        static_cast<char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(before, MAP_FAILED);
+    EXPECT_TRUE(InChild([&] {
+        *before = 'k';
+        const void* refused = mmap(before, 4096, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 12345 * 4096);
+        const int error = errno;
+        return refused == MAP_FAILED && error == EINVAL && *before == 'k';
+    }));
+    EXPECT_EQ(mmap(before, 4096, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 0), before);
+    munmap(before, 4096);
+    close(fd);
+}
+
+TEST(Preload, RefusesToMapAnotherSocketAsTheKernelDoes) {
+    const int other = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(other, 0);
+    EXPECT_EQ(mmap(nullptr, 4096, PROT_READ, MAP_SHARED, other, 0), MAP_FAILED);
+    EXPECT_EQ(errno, ENODEV);
+    close(other);
 }
 
 TEST(Preload, TreatsEveryCopyOfADescriptorAsTheSameFile) {
