@@ -8,22 +8,31 @@
 namespace zumod {
 
 // Opens /dev/null for each standard descriptor that the program was started without, so that no other file
-// gets its number. Reading from such an input and writing to such an output still fail.
-void FillStandardDescriptors();
+// gets its number. Reading from such an input and writing to such an output still fail. Returns the first of
+// them that was closed, or -1.
+int FillStandardDescriptors();
 
 // SIGINT, SIGTERM and SIGHUP as a descriptor to poll.
 class StopSignals {
 public:
-    // Blocks the three signals, and ignores SIGPIPE.
-    StopSignals();
+    // What a second SIGINT or SIGTERM does, after the first one was consumed: either it is consumed too, or
+    // it ends the process at once. A second SIGHUP never ends the process: a terminal that is closed sends
+    // one, and its shell another.
+    enum class Second { IsConsumed, EndsProcess };
 
-    // Readable while a signal is pending.
+    // Blocks the three signals, and ignores SIGPIPE. If there is no descriptor left, the signals stay as they
+    // are and end the process.
+    explicit StopSignals(Second second = Second::IsConsumed);
+
+    // Readable while a signal is pending. Negative, if there was no descriptor left.
     int Descriptor() const { return m_descriptor.Get(); }
 
-    // Whether a signal is pending. Consumes it, so that a second signal can interrupt the clean-up.
+    // [main thread]. Whether a signal is pending. Consumes it, so that a second signal can interrupt the
+    // clean-up.
     bool Consume() const;
 
 private:
+    const Second m_second;
     UniqueFd m_descriptor;
 };
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -14,7 +15,9 @@ namespace {
 [[noreturn]] void CloseAndFill() {
     close(STDIN_FILENO);
     close(STDOUT_FILENO);
-    FillStandardDescriptors();
+    if (FillStandardDescriptors() != STDIN_FILENO) {
+        _exit(4);
+    }
     char byte = 0;
     if (fcntl(STDIN_FILENO, F_GETFD) < 0 || fcntl(STDOUT_FILENO, F_GETFD) < 0) {
         _exit(1);
@@ -34,7 +37,7 @@ TEST(StandardDescriptors, ClosedOnesAreFilledAndStillFail) {
 
 TEST(StandardDescriptors, OpenOnesStay) {
     const int flags = fcntl(STDERR_FILENO, F_GETFL);
-    FillStandardDescriptors();
+    EXPECT_EQ(FillStandardDescriptors(), -1);
     EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL), flags);
 }
 
@@ -64,6 +67,49 @@ TEST_F(StopSignalsTest, EachSignalMakesTheDescriptorReadableUntilItIsConsumed) {
         EXPECT_TRUE(signals.Consume()) << signal;
         EXPECT_FALSE(IsReadable(signals)) << signal;
     }
+}
+
+// In a child process: consumes the first signal, then raises the second. Exits with 0 if it survives.
+[[noreturn]] void SignalTwice(int first, int second, StopSignals::Second mode) {
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+    const StopSignals signals(mode);
+    raise(first);
+    if (!signals.Consume()) {
+        _exit(1);
+    }
+    raise(second);
+    _exit(signals.Consume() ? 0 : 2);
+}
+
+TEST_F(StopSignalsTest, TheSecondOneEndsTheProcessIfItIsTo) {
+    constexpr auto kEnds = StopSignals::Second::EndsProcess;
+    EXPECT_EXIT(SignalTwice(SIGTERM, SIGTERM, kEnds), ::testing::KilledBySignal(SIGTERM), "");
+    EXPECT_EXIT(SignalTwice(SIGHUP, SIGINT, kEnds), ::testing::KilledBySignal(SIGINT), "");
+    EXPECT_EXIT(SignalTwice(SIGTERM, SIGTERM, StopSignals::Second::IsConsumed), ::testing::ExitedWithCode(0),
+                "");
+}
+
+TEST_F(StopSignalsTest, AClosedTerminalMaySendTwoHangups) {
+    EXPECT_EXIT(SignalTwice(SIGHUP, SIGHUP, StopSignals::Second::EndsProcess), ::testing::ExitedWithCode(0),
+                "");
+}
+
+// In a child process: a signal when no descriptor was left for it.
+[[noreturn]] void SignalWithoutDescriptor() {
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_NOFILE, &none);
+    signal(SIGTERM, SIG_DFL);
+    const StopSignals signals;
+    if (signals.Descriptor() >= 0) {
+        _exit(1);
+    }
+    raise(SIGTERM);
+    _exit(2);
+}
+
+TEST_F(StopSignalsTest, StayDeadlyWithoutADescriptor) {
+    EXPECT_EXIT(SignalWithoutDescriptor(), ::testing::KilledBySignal(SIGTERM), "");
 }
 
 TEST_F(StopSignalsTest, ABrokenPipeDoesNotEndTheProgram) {
