@@ -100,7 +100,7 @@ AvOwner<AVCodecContext> OpenHardwareEncoder(const EncoderShape& shape, const Enc
             return context;
         }
     }
-    ZuModLog(kLogIgnored, "[zu-codec] no hardware encoder opens, the software encoder is used");
+    ZuModLog(kLogEvent, "[zu-codec] no hardware encoder opens, the software encoder is used");
     return nullptr;
 }
 

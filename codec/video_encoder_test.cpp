@@ -281,7 +281,7 @@ TEST_F(VideoEncoderTest, IfNoHardwareOpensOneLineIsLoggedAndTheSoftwareEncodes) 
     EXPECT_THAT(host.Lines(), IsEmpty()) << "not before the first picture";
     EXPECT_EQ(UnitKinds(Encode(Paint(kNv12, {320, 240}))).at(0), 7);
     EXPECT_THAT(host.TakeLines(),
-                ElementsAre(LogLine{2, "[zu-codec] no hardware encoder opens, the software encoder is used"},
+                ElementsAre(LogLine{1, "[zu-codec] no hardware encoder opens, the software encoder is used"},
                             OpenedLine("320x240", "345600")));
     Encode(Paint(kNv12, {640, 480}));
     EXPECT_THAT(host.Lines(), ElementsAre(OpenedLine("640x480", "1382400"))) << "not tried again";
