@@ -1,22 +1,30 @@
 #include "host/host_log.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <iterator>
+#include <new>
+#include <system_error>
+#include <thread>
+#include <utility>
 
+#include "common/mutex.h"
 #include "common/safe_text.h"
-#include "src/base/time_text.h"
+#include "common/unique_fd.h"
 #include "zumod/runtime.h"
 
 namespace zumod::host {
 namespace {
 
-constexpr int kPatienceMilliseconds = 200;
+constexpr size_t kBufferSize = size_t{64} << 10;
 
 struct LevelStyle {
     uint32_t level;
@@ -30,7 +38,35 @@ constexpr LevelStyle kStyles[] = {
     {kLogEvent, "info", ""},
     {kLogTrace, "trace", "\033[2m"},
 };
+// How lines begin that say nothing is wrong. A second device file without pictures belongs to most cameras.
+constexpr std::string_view kNormalEvents[] = {
+    "[CameraEnumerator] invalid device, ",
+    "[LinuxV4L2CameraCapture] current size ",
+};
 constexpr char kPlain[] = "\033[0m";
+
+timeval Now() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return now;
+}
+
+// Waits for the reader. Returns false if the bytes cannot be written any more.
+bool WriteAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = write(descriptor, bytes.data(), bytes.size());
+        if (count >= 0) {
+            bytes.remove_prefix(static_cast<size_t>(count));
+        } else if (errno == EAGAIN) {
+            // Another program has made the shared description non-blocking.
+            pollfd watched{descriptor, POLLOUT, 0};
+            poll(&watched, 1, -1);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -45,7 +81,13 @@ std::optional<uint32_t> LevelsUpTo(const std::string& name) {
     return std::nullopt;
 }
 
-std::string FormatLogLine(const timeval& time, uint32_t level, const std::string& text, bool colour) {
+uint32_t ShownLevel(uint32_t level, std::string_view text) {
+    const bool normal = std::any_of(std::begin(kNormalEvents), std::end(kNormalEvents),
+                                    [text](std::string_view start) { return text.starts_with(start); });
+    return level == kLogIgnored && normal ? kLogEvent : level;
+}
+
+std::string FormatLogLine(const timeval& time, uint32_t level, std::string_view text, bool colour) {
     std::string name = std::to_string(level);
     std::string start;
     for (const LevelStyle& style : kStyles) {
@@ -54,13 +96,13 @@ std::string FormatLogLine(const timeval& time, uint32_t level, const std::string
             start = colour ? style.colour : "";
         }
     }
-    std::string line;
-    FormatLocalDateTime(line, time.tv_sec);
+    std::tm local{};
+    localtime_r(&time.tv_sec, &local);
+    char date[32] = "";
+    (void)std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local);
     char rest[32];
     std::snprintf(rest, sizeof rest, ".%03d %-7s ", static_cast<int>(time.tv_usec / 1000), name.c_str());
-    line += rest;
-    line += SafeText(text);
-    return start + line + (start.empty() ? "" : kPlain) + '\n';
+    return start + date + rest + SafeText(text) + (start.empty() ? "" : kPlain) + '\n';
 }
 
 bool WantsColour(int descriptor) {
@@ -69,41 +111,140 @@ bool WantsColour(int descriptor) {
     return (unwanted == nullptr || *unwanted == 0) && isatty(descriptor) == 1;
 }
 
-HostLog::HostLog(int descriptor, uint32_t levels)
-    : m_descriptor(descriptor), m_levels(levels), m_colour(WantsColour(descriptor)) {}
+// The lines that wait, and the thread that writes them.
+class HostLog::Buffer {
+public:
+    explicit Buffer(int descriptor, bool colour)
+        : m_descriptor(fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)), m_colour(colour) {
+        m_waiting.reserve(kBufferSize);
+    }
 
-void HostLog::Write(uint32_t level, const std::string& text) {
+    // An empty line stands for one that could not be made.
+    void Append(std::string_view line) noexcept {
+        const MutexLock lock(m_mutex);
+        // Lines after a dropped one wait until the loss has been said: its place is between them.
+        if (m_dropped != 0 || line.empty() || line.size() > kBufferSize - m_waiting.size()) {
+            ++m_dropped;
+        } else {
+            m_waiting.append(line);  // within its capacity
+        }
+        m_changed.notify_all();
+    }
+
+    void End() noexcept {
+        const MutexLock lock(m_mutex);
+        m_ended = true;
+        m_changed.notify_all();
+    }
+
+    bool WaitUntilWritten(std::chrono::milliseconds limit) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        const MutexLock lock(m_mutex);
+        while (!IsEmpty() || m_is_writing) {
+            if (m_changed.wait_until(m_mutex, deadline) == std::cv_status::timeout) {
+                return IsEmpty() && !m_is_writing;
+            }
+        }
+        return true;
+    }
+
+    // [the log's thread]. Returns after End, once everything is written.
+    void WriteUntilEnd() {
+        std::string bytes;
+        bytes.reserve(kBufferSize);
+        while (const auto dropped = Take(bytes)) {
+            WriteAll(m_descriptor.Get(), bytes);
+            if (*dropped != 0) {
+                WriteLoss(*dropped);
+            }
+        }
+    }
+
+private:
+    bool IsEmpty() const ZU_REQUIRES(m_mutex) { return m_waiting.empty() && m_dropped == 0; }
+
+    // Waits for lines and moves them to `bytes`. Returns how many were dropped after them; nothing at the
+    // end.
+    std::optional<uint64_t> Take(std::string& bytes) {
+        bytes.clear();
+        const MutexLock lock(m_mutex);
+        m_is_writing = false;
+        m_changed.notify_all();
+        while (IsEmpty() && !m_ended) {
+            m_changed.wait(m_mutex);
+        }
+        if (IsEmpty()) {
+            return std::nullopt;
+        }
+        m_is_writing = true;
+        m_waiting.swap(bytes);
+        return std::exchange(m_dropped, 0);
+    }
+
+    void WriteLoss(uint64_t lines) {
+        try {
+            WriteAll(m_descriptor.Get(),
+                     FormatLogLine(Now(), kLogIgnored, std::to_string(lines) + " lines were lost", m_colour));
+        } catch (const std::bad_alloc&) {
+            const MutexLock lock(m_mutex);
+            m_dropped += lines;
+        }
+    }
+
+    const UniqueFd m_descriptor;
+    const bool m_colour;
+    Mutex m_mutex;
+    std::condition_variable_any m_changed;
+    std::string m_waiting ZU_GUARDED_BY(m_mutex);   // whole lines; never grows
+    uint64_t m_dropped ZU_GUARDED_BY(m_mutex) = 0;  // after the lines in m_waiting
+    bool m_is_writing ZU_GUARDED_BY(m_mutex) = false;
+    bool m_ended ZU_GUARDED_BY(m_mutex) = false;
+};
+
+HostLog::HostLog(int descriptor, uint32_t levels)
+    : m_levels(levels),
+      m_colour(WantsColour(descriptor)),
+      m_buffer(std::make_shared<Buffer>(descriptor, m_colour)) {}
+
+HostLog::~HostLog() {
+    m_buffer->End();
+}
+
+Expected<void> HostLog::Start() {
+    try {
+        std::thread([buffer = m_buffer] { buffer->WriteUntilEnd(); }).detach();
+    } catch (const std::system_error& error) {
+        return Fail("the log has no thread: " + ErrnoText(error.code().value()));
+    }
+    m_has_thread = true;
+    return {};
+}
+
+void HostLog::Write(uint32_t level, std::string_view text) noexcept {
     if ((level & m_levels) == 0) {
         return;
     }
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    const MutexLock lock(m_mutex);
-    if (m_dropped != 0 &&
-        Put(FormatLogLine(now, kLogIgnored, std::to_string(m_dropped) + " lines were lost", m_colour))) {
-        m_dropped = 0;
-    }
-    if (m_dropped != 0 || !Put(FormatLogLine(now, level, text, m_colour))) {
-        ++m_dropped;
+    try {
+        m_buffer->Append(FormatLogLine(Now(), level, text, m_colour));
+    } catch (const std::bad_alloc&) {
+        m_buffer->Append({});
     }
 }
 
-bool HostLog::Put(const std::string& line) {
-    // Any thread may log, so this waits in its own poll(). A pipe that is ready takes PIPE_BUF bytes without
-    // blocking.
-    for (size_t done = 0; done < line.size();) {
-        pollfd watched{m_descriptor, POLLOUT, 0};
-        if (poll(&watched, 1, m_dropped != 0 ? 0 : kPatienceMilliseconds) != 1) {
-            return false;
-        }
-        const ssize_t count =
-            write(m_descriptor, line.data() + done, std::min<size_t>(line.size() - done, PIPE_BUF));
-        if (count < 0 && errno != EINTR) {
-            return false;
-        }
-        done += static_cast<size_t>(std::max<ssize_t>(count, 0));
+void HostLog::Print(std::string_view text) noexcept {
+    try {
+        m_buffer->Append(SafeText(text) + '\n');
+    } catch (const std::bad_alloc&) {
+        m_buffer->Append({});
     }
-    return true;
+}
+
+bool HostLog::Flush(std::chrono::milliseconds limit) {
+    if (!m_has_thread && !Start()) {
+        m_buffer->End();
+        m_buffer->WriteUntilEnd();
+    }
+    return m_buffer->WaitUntilWritten(limit);
 }
 
 }  // namespace zumod::host

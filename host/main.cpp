@@ -2,8 +2,11 @@
 // streams to peers, and closes everything when a signal arrives.
 #include <unistd.h>
 
-#include <cstdio>
+#include <cerrno>
+#include <chrono>
+#include <exception>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -24,6 +27,9 @@ namespace zumod::host {
 namespace {
 
 constexpr char kProgram[] = "zu-camera-host";
+
+// How long the end of the program waits for the reader of the log.
+constexpr auto kPatienceWithLog = std::chrono::seconds(2);
 
 // The directory where the loader looks for modules: the property's, that of --modules, or the one beside the
 // program.
@@ -46,6 +52,14 @@ Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
     return directory;
 }
 
+// `closed`: the first standard descriptor that the program was started without, or -1.
+Expected<CRefPtr_T<PeerStream>> TakeStandardStreams(int closed) {
+    if (closed == STDIN_FILENO || closed == STDOUT_FILENO) {
+        return Fail(closed == STDIN_FILENO ? "standard input is closed" : "standard output is closed");
+    }
+    return PeerStream::FromStandardStreams();
+}
+
 Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_streams, HostLog& log,
                      Waiter& waiter) {
     CameraModule module;
@@ -55,49 +69,79 @@ Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_
     if (const auto loaded = LoadCodecLibrary(); !loaded) {
         log.Write(kLogIgnored, "[host] no video can be sent, because " + loaded.error().text);
     }
+    std::unique_ptr<Listener> listener;
+    if (!options.stdio) {
+        auto opened = Listener::Open(options.listen);
+        if (!opened) {
+            return Fail(opened.error());
+        }
+        listener = std::move(*opened);
+    }
+    // The first thread: what restricts the threads of this process comes before.
+    if (auto started = log.Start(); !started) {
+        return started;
+    }
     if (options.stdio) {
         ServeOnePeer(std::move(standard_streams), module, waiter);
-        return {};
+    } else {
+        log.Print(std::string(kProgram) + ": listening on " + options.listen +
+                  ", cameras are listed on request");
+        ServePeers(*listener, module, log, waiter);
     }
-    const auto listener = Listener::Open(options.listen);
-    if (!listener) {
-        return Fail(listener.error());
-    }
-    std::fprintf(stderr, "%s: listening on %s, cameras are listed on request\n", kProgram,
-                 options.listen.c_str());
-    ServePeers(**listener, module, log, waiter);
     return {};
 }
 
-Expected<void> Run(HostOptions options) {
-    const StopSignals signals;
+Expected<void> Run(HostOptions options, int closed, HostLog& log) {
+    const StopSignals signals(StopSignals::Second::EndsProcess);
+    if (signals.Descriptor() < 0) {
+        return Fail("signals cannot be received: " + ErrnoText(errno));
+    }
     Waiter waiter(&signals);
     CRefPtr_T<PeerStream> standard_streams;
     if (options.stdio) {
-        auto taken = PeerStream::FromStandardStreams();
+        auto taken = TakeStandardStreams(closed);
         if (!taken) {
             return Fail(taken.error());
         }
         standard_streams = std::move(*taken);
     }
-    FillStandardDescriptors();
     const auto directory = ChooseModuleDirectory(options);
     if (!directory) {
         return Fail(directory.error());
     }
     options.properties[kEnvModulesDir] = *directory;
     // Never destroyed: a loaded codec module keeps calling the runtime until the process exits.
-    static HostLog& log = *new HostLog(STDERR_FILENO, options.log_levels);
     static ModuleRuntime& runtime = *new ModuleRuntime(
-        [](uint32_t level, const char* text) { log.Write(level, text); }, options.properties);
+        [&log](uint32_t level, const char* text) { log.Write(ShownLevel(level, text), text); },
+        options.properties);
     AttachRuntime(&runtime);
     return Serve(options, std::move(standard_streams), log, waiter);
+}
+
+int RunProgram(int count, const char* const* words) {
+    const int closed = FillStandardDescriptors();
+    const auto options = ParseOptions(count, words);
+    if (!options) {
+        return ReportError(kProgram, options.error());
+    }
+    // Never destroyed: the runtime writes to it.
+    static HostLog& log = *new HostLog(STDERR_FILENO, options->log_levels);
+    const auto result = Run(*options, closed, log);
+    if (!result) {
+        log.Print(std::string(kProgram) + ": " + result.error().text);
+    }
+    log.Flush(kPatienceWithLog);
+    return result ? 0 : result.error().status;
 }
 
 }  // namespace
 }  // namespace zumod::host
 
 int main(int argc, char** argv) {
-    const auto result = zumod::host::ParseOptions(argc, argv).and_then(zumod::host::Run);
-    return result ? 0 : zumod::ReportError(zumod::host::kProgram, result.error());
+    // The only place that catches exceptions of this thread: the memory may be exhausted.
+    try {
+        return zumod::host::RunProgram(argc, argv);
+    } catch (const std::exception& exception) {
+        return zumod::ReportError(zumod::host::kProgram, {exception.what()});
+    }
 }

@@ -29,7 +29,7 @@ std::string CheckLevel(const std::string& text) {
 Expected<HostOptions> ParseOptions(int count, const char* const* words) {
     HostOptions options;
     std::vector<std::string> properties;
-    std::string level = "info";
+    std::string level;
     CLI::App app(kDescription, "zu-camera-host");
     app.footer(kFooter);
     AddHelpAndVersion(app);
@@ -47,9 +47,10 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->check(CLI::Validator(CheckProperty, ""));
-    app.add_option("--log-level", level,
-                   "The lines to show: error (level bit 4), warning (and bit 2), info (and bit 1; the "
-                   "default) or trace (and bit 8)")
+    app.add_option(
+           "--log-level", level,
+           "The lines to show: error (level bit 4), warning (and bit 2; the default of --stdio), info "
+           "(and bit 1; the default of --listen) or trace (and bit 8)")
         ->type_name("LEVEL")
         ->check(CLI::Validator(CheckLevel, ""));
     if (const auto result = ParseCommandLine(app, count, words); !result) {
@@ -65,7 +66,8 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
         const size_t equals = property.find('=');
         options.properties[property.substr(0, equals)] = property.substr(equals + 1);
     }
-    options.log_levels = *LevelsUpTo(level);
+    // With --stdio the log appears on the terminal of the peer's user.
+    options.log_levels = *LevelsUpTo(!level.empty() ? level : options.stdio ? "warning" : "info");
     return options;
 }
 

@@ -53,6 +53,10 @@ TEST(HostOptions, EachLevelIncludesTheMoreSevereOnes) {
     EXPECT_EQ(Options({"--stdio", "--log-level", "trace"}).log_levels, 15U);
 }
 
+TEST(HostOptions, AHostBehindAPipeShowsNoEvents) {
+    EXPECT_EQ(Options({"--stdio"}).log_levels, 6U);
+}
+
 TEST(HostOptions, AMistakeIsOneLineAndStatus2) {
     EXPECT_EQ(Mistake({}), "give --listen PATH or --stdio (see --help)");
     EXPECT_EQ(Mistake({"--stdio", "--listen", "x"}), "--listen and --stdio exclude each other (see --help)");

@@ -74,10 +74,9 @@ protected:
     // libraries: a shell does not work with a sanitizer's.
     PeerRun PeerWithHost(std::vector<std::string> words, const std::string& name = "peer") const {
         const char* preload = std::getenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe): nobody sets it
-        words.insert(words.begin(),
-                     {"/usr/bin/env", "-u", "LD_PRELOAD", ZU_PEER_FILE, "--exec",
-                      "exec env LD_PRELOAD=" + std::string(preload == nullptr ? "" : preload) +
-                          " " ZU_HOST_FILE " --stdio --log-level error 2>" + (work / "errors")});
+        words.insert(words.begin(), {"/usr/bin/env", "-u", "LD_PRELOAD", ZU_PEER_FILE, "--exec",
+                                     "exec env LD_PRELOAD=" + std::string(preload == nullptr ? "" : preload) +
+                                         " " ZU_HOST_FILE " --stdio 2>>" + (work / "errors")});
         return {work, name, std::move(words)};
     }
 

@@ -80,7 +80,7 @@ TEST_F(HostEnd, ASignalEndsAHostWhosePipeIsStuck) {
     int from_host[2];
     ASSERT_EQ(pipe2(to_host, O_CLOEXEC), 0);
     ASSERT_EQ(pipe2(from_host, O_CLOEXEC), 0);
-    const auto host = StartWith({"--stdio"}, to_host[0], from_host[1]);
+    const auto host = StartWith({"--stdio", "--log-level", "info"}, to_host[0], from_host[1]);
     close(to_host[0]);
     close(from_host[1]);
     const PeerClient peer{UniqueFd(from_host[0]), UniqueFd(to_host[1])};
@@ -92,6 +92,24 @@ TEST_F(HostEnd, ASignalEndsAHostWhosePipeIsStuck) {
     host->Signal(SIGTERM);
     EXPECT_EQ(host->Wait(), 0);
     ExpectOrderlySession(*host);
+}
+
+TEST_F(HostEnd, ASignalEndsAHostWhoseTerminalNobodyReads) {
+    const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    char screen[64];
+    ASSERT_TRUE(terminal && grantpt(terminal.Get()) == 0 && unlockpt(terminal.Get()) == 0);
+    ASSERT_EQ(ptsname_r(terminal.Get(), screen, sizeof screen), 0);
+    const UniqueFd program(open(screen, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    while (write(program.Get(), "another program\n", 16) > 0) {
+    }
+    ChildProcess host({ZU_HOST_FILE, "--listen", socket}, screen);
+    const PeerClient peer = Connect();
+    ExpectPictures(peer);
+    host.Signal(SIGTERM);
+    const bool ended = WaitUntil([&] { return host.HasEnded(); });
+    ASSERT_TRUE(ended);
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_FALSE(std::filesystem::exists(socket));
 }
 
 TEST_F(HostEnd, AHostThatIsKilledAtAnyMomentDoesNotPreventTheNext) {

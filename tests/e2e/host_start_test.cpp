@@ -1,4 +1,5 @@
 // How the reference host starts, and what it prints if it cannot.
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include "tests/e2e/host_process.h"
@@ -81,6 +82,41 @@ TEST_F(HostStart, ATerminalIsNotAChannel) {
     EXPECT_EQ(host->Wait(), 1);
     EXPECT_EQ(host->Errors(),
               "zu-camera-host: standard input is a terminal; --stdio needs a program at the other end\n");
+}
+
+// Without the preloaded libraries: a shell does not work with a sanitizer's.
+std::vector<std::string> InShell(const std::string& command) {
+    return {"/usr/bin/env", "-u", "LD_PRELOAD", "/bin/sh", "-c", command};
+}
+
+TEST_F(HostStart, AChannelNeedsStandardInputAndOutput) {
+    const struct {
+        const char* redirection;
+        const char* line;
+    } cases[] = {{"<&-", "standard input is closed"},
+                 {">&-", "standard output is closed"},
+                 {"<&- >&-", "standard input is closed"}};
+    for (const auto& test : cases) {
+        ChildProcess host(InShell(std::string("exec " ZU_HOST_FILE " --stdio ") + test.redirection),
+                          work / "errors");
+        EXPECT_EQ(host.Wait(), 1) << test.redirection;
+        EXPECT_EQ(host.Errors(), std::string("zu-camera-host: ") + test.line + "\n");
+    }
+}
+
+TEST_F(HostStart, WithoutStandardErrorAPeerIsServedUntilASignal) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const char* const preload = std::getenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+    const std::string with_cameras = "exec env LD_PRELOAD=" + std::string(preload == nullptr ? "" : preload);
+    ChildProcess host(InShell(with_cameras + " " ZU_HOST_FILE " --stdio 2>&-"), work / "errors", ends[0],
+                      ends[0]);
+    close(ends[0]);
+    const PeerClient peer{UniqueFd(ends[1])};
+    ExpectPictures(peer);
+    host.Signal(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_TRUE(peer.IsClosed());
 }
 
 }  // namespace
