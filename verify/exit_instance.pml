@@ -23,7 +23,7 @@
 // Mirrors
 // src/plugin/client_camera.cpp ClientCamera::~ClientCamera d9a9b5440ce1
 // src/plugin/client_camera.cpp ClientCamera::SetChannelStream d04b38378219
-// src/plugin/client_camera.cpp ClientCamera::Run 57210b6c06b1
+// src/plugin/client_camera.cpp ClientCamera::Run 91f34ebf63f0
 // src/plugin/client_camera.cpp ClientCamera::ExitInstance eefc89e9a3b6
 // src/plugin/client_camera.cpp ClientCamera::OnProtoOpenCamera 4b876101d601
 // src/plugin/client_camera.cpp ClientCamera::OnProtoCloseCamera 067f7a2cc874

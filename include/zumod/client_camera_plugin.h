@@ -42,8 +42,9 @@ public:
     virtual int SetChannelStream(IChannelStream* stream) = 0;
 
     // Slot 6 [run thread, not during ExitInstance]. Serves the peer on the calling thread until a read on the
-    // stream fails; returns at once if no stream is set. After the return the send thread keeps running and
-    // cameras stay open. May be called again. Returns 1.
+    // stream fails, or there is no memory for a request or the camera list; returns at once if no stream is
+    // set. After the return the send thread keeps running and cameras stay open. May be called again. Returns
+    // 1. What a host object throws goes on to the caller, std::bad_alloc included.
     virtual int Run() = 0;
 
     // Slot 7 [any thread except the module's own, not during Run]. Closes every camera and ends the plugin's

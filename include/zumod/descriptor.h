@@ -28,10 +28,9 @@ using DetachRuntimeFunction = void (*)();
 
 // Creates the object that `policy` describes. On success stores it where `out` points, as a pointer to the
 // requested interface (see StoreInterface), with one reference for the caller, and returns 1. Otherwise
-// leaves `out` unchanged and returns 0. In the camera module std::bad_alloc counts as a refusal too, even if
-// a host object has thrown it; likewise it ends the plugin's Run like a failed read. Every other exception of
-// a host object goes on to the host. `policy` is borrowed and may be null. A module that was loaded by
-// another one and refuses is detached and closed at once.
+// leaves `out` unchanged and returns 0. The camera module also refuses if it runs out of memory itself. What
+// a host object throws goes on to the host, std::bad_alloc included. `policy` is borrowed and may be null. A
+// module that was loaded by another one and refuses is detached and closed at once.
 using CreateFunction = int (*)(IZUModCreatePolicy* policy, IZUModInterface** out);
 
 // One static record per module. The host reads it field by field, so order and widths are binding.

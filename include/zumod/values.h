@@ -99,8 +99,12 @@ private:
 
 // Read a value that may be null or of another kind: then they return nothing, 0 or false. They check the kind
 // themselves, because the getters of another module's value may not.
+// The characters that CharactersOf returns are borrowed from the value.
+inline const char* CharactersOf(IZUModData* value) {
+    return value != nullptr && value->GetType() == kZUModDataText ? value->GetString() : nullptr;
+}
 inline std::optional<std::string> TextOf(IZUModData* value) {
-    const char* text = value != nullptr && value->GetType() == kZUModDataText ? value->GetString() : nullptr;
+    const char* text = CharactersOf(value);
     return text != nullptr ? std::optional<std::string>(text) : std::nullopt;
 }
 inline int64_t IntegerOf(IZUModData* value) {

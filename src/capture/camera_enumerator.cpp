@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "src/base/own_memory.h"
 #include "src/capture/device_calls.h"
 #include "src/capture/pixel_formats.h"
 #include "src/module/log.h"
@@ -69,27 +70,9 @@ void CollectSizes(const std::vector<SupportedFormat>& formats, std::vector<Camer
     }
 }
 
-void ProbeDevice(int index, std::vector<CameraDeviceInfo>& cameras) {
-    char path[kPathSize] = "/dev/video";
-    std::to_chars(path + kPathStartLength, path + kPathSize - 1, index);
-    const OpenDevice device(path);
-    if (!device.IsOpen()) {
-        return;
-    }
-
-    std::vector<SupportedFormat> formats;
-    enumSupportedFormats(device.Descriptor(), formats);
-    if (formats.empty()) {
-        ZuModLog(kLogIgnored, "[CameraEnumerator] invalid device, dev index %d, device %s", index, path);
-        return;
-    }
-
-    v4l2_capability capability{};
-    if (device::Ioctl(device.Descriptor(), VIDIOC_QUERYCAP, &capability) < 0) {
-        ZuModLog(kLogIgnored, "[CameraEnumerator] dev index %d, query cap fail, %s", index, path);
-        return;
-    }
-
+// Appends the camera's record. Returns the text of its log line.
+std::string AddCamera(const v4l2_capability& capability, const std::vector<SupportedFormat>& formats,
+                      const char* path, std::vector<CameraDeviceInfo>& cameras) {
     CameraDeviceInfo info;
     info.id = static_cast<uint32_t>(cameras.size());
     info.name = TextOf(capability.card);
@@ -108,6 +91,31 @@ void ProbeDevice(int index, std::vector<CameraDeviceInfo>& cameras) {
     text += " res: ";
     CollectSizes(formats, info.resolutions, text);
     cameras.push_back(std::move(info));
+    return text;
+}
+
+void ProbeDevice(int index, std::vector<CameraDeviceInfo>& cameras) {
+    char path[kPathSize] = "/dev/video";
+    std::to_chars(path + kPathStartLength, path + kPathSize - 1, index);
+    const OpenDevice device(path);
+    if (!device.IsOpen()) {
+        return;
+    }
+
+    std::vector<SupportedFormat> formats;
+    Allocate([&] { enumSupportedFormats(device.Descriptor(), formats); });
+    if (formats.empty()) {
+        ZuModLog(kLogIgnored, "[CameraEnumerator] invalid device, dev index %d, device %s", index, path);
+        return;
+    }
+
+    v4l2_capability capability{};
+    if (device::Ioctl(device.Descriptor(), VIDIOC_QUERYCAP, &capability) < 0) {
+        ZuModLog(kLogIgnored, "[CameraEnumerator] dev index %d, query cap fail, %s", index, path);
+        return;
+    }
+
+    const std::string text = Allocate([&] { return AddCamera(capability, formats, path, cameras); });
     ZuModLog(kLogEvent, "[CameraEnumerator] %s", text.c_str());
 }
 

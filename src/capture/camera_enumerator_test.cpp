@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "src/base/own_memory.h"
 #include "tests/support/doubles/device_double.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/watch/call_watch.h"
@@ -290,14 +291,14 @@ TEST_F(CameraEnumeratorTest, SeveralThreadsMayScanConcurrently) {
     EXPECT_EQ(sizes, (std::array<size_t, 4>{4, 4, 4, 4}));
 }
 
-TEST_F(CameraEnumeratorTest, AScanOutOfMemoryThrowsBadAllocAndLeavesNoDeviceOpen) {
+TEST_F(CameraEnumeratorTest, AScanOutOfMemoryThrowsOutOfMemoryAndLeavesNoDeviceOpen) {
     devices.SetCamera(0, Vga("First"));
     devices.SetCamera(1, Vga("Second"));
     for (const size_t size : {2 * sizeof(CameraDeviceInfo), sizeof(CameraDeviceInfo)}) {
         // The vector of cameras grows from a capacity of one to two.
         testing::CallWatch watch;
         watch.Fail(testing::CallWatch::_Znwm, size, 1);
-        EXPECT_THROW(List(), std::bad_alloc) << size;
+        EXPECT_THROW(List(), OutOfMemory) << size;
         EXPECT_EQ(devices.OpenDescriptors(), 0);
     }
     EXPECT_EQ(List().size(), 2U);
@@ -305,8 +306,10 @@ TEST_F(CameraEnumeratorTest, AScanOutOfMemoryThrowsBadAllocAndLeavesNoDeviceOpen
 
 TEST_F(CameraEnumeratorTest, AThrowingSinkLeavesNoDeviceOpen) {
     devices.SetCamera(0, Vga("Good"));
-    host.OnLine([](uint32_t, const char*) { throw std::runtime_error("sink"); });
-    EXPECT_THROW(List(), std::runtime_error);
+    // Not OutOfMemory, which is the module's own.
+    struct SinkFailure : std::bad_alloc {};
+    host.OnLine([](uint32_t, const char*) { throw SinkFailure(); });
+    EXPECT_THROW(List(), SinkFailure);
     host.OnLine(nullptr);
     EXPECT_EQ(devices.OpenDescriptors(), 0);
 }

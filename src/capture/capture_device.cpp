@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "src/base/own_memory.h"
 #include "src/capture/camera_enumerator.h"
 #include "src/capture/device_calls.h"
 #include "src/capture/linux_v4l2_camera_capture.h"
@@ -58,7 +59,7 @@ bool LinuxV4L2CameraCapture::ChooseFormat(const DevicePath& path) {
     ZuModLog(kLogTrace, "[LinuxV4L2CameraCapture] startCapture, devid %d file %s, enum capabilities",
              m_dev_id, path.data());
     std::vector<SupportedFormat> entries;
-    enumSupportedFormats(m_descriptor, entries);
+    Allocate([&]() ZU_REQUIRES(m_lock) { enumSupportedFormats(m_descriptor, entries); });
     const int error = errno;
     if (entries.empty()) {
         ZuModLog(kLogFailure, "[LinuxV4L2CameraCapture] query device capabilities fail, devid %d, err: %d",
@@ -201,7 +202,7 @@ bool LinuxV4L2CameraCapture::allocBufferPool() {
 
     // Required by the contract: forgets the mappings of a failed start without unmapping them.
     m_pool.clear();
-    m_pool.reserve(kPoolSize);
+    Allocate([this]() ZU_REQUIRES(m_lock) { m_pool.reserve(kPoolSize); });
     const uint32_t count = std::min(request.count, kPoolSize);
     for (uint32_t index = 0; index < count; ++index) {
         if (!AddBuffer(index)) {

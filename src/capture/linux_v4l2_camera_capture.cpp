@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
 #include <utility>
 
+#include "src/base/own_memory.h"
 #include "src/capture/device_calls.h"
 #include "src/capture/pixel_formats.h"
 #include "src/module/log.h"
@@ -32,7 +32,7 @@ bool LinuxV4L2CameraCapture::startCapture() {
         if (Start()) {
             return true;
         }
-    } catch (const std::bad_alloc&) {
+    } catch (const OutOfMemory&) {
         Abandon();
         return false;
     } catch (...) {
@@ -112,10 +112,13 @@ bool LinuxV4L2CameraCapture::Start() {
 void LinuxV4L2CameraCapture::StartWorkThread() {
     ZuModLog(kLogTrace, "[LinuxV4L2CameraCapture] startCapture, devid %d, create work thread", m_dev_id);
     m_stop_request.store(false, std::memory_order_relaxed);
-    m_thread = std::make_unique<CV4L2Thread>();
-    m_thread->SetName("v4l2-cap");
-    m_thread->SetWork([this, work = Work{m_descriptor, m_width, m_height, m_pixel_format, m_dev_id, m_pool,
-                                         ReadSet(m_descriptor)}]() mutable { return workLoop(work); });
+    m_thread = Allocate([this]() ZU_REQUIRES(m_lock) {
+        auto thread = std::make_unique<CV4L2Thread>();
+        thread->SetName("v4l2-cap");
+        thread->SetWork([this, work = Work{m_descriptor, m_width, m_height, m_pixel_format, m_dev_id, m_pool,
+                                           ReadSet(m_descriptor)}]() mutable { return workLoop(work); });
+        return thread;
+    });
     m_thread->Start();
 }
 

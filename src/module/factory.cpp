@@ -3,6 +3,7 @@
 #include <new>
 #include <string>
 
+#include "src/base/own_memory.h"
 #include "src/module/log.h"
 #include "src/plugin/client_camera.h"
 #include "zumod/client_camera_plugin.h"
@@ -16,13 +17,20 @@ uint64_t MajorVersion(uint64_t version) {
     return version >> 48;
 }
 
+// A missing name reads as an empty text.
+std::string RequestedName(IZUModCreatePolicy& policy) {
+    const CRefPtr_T<IZUModData> value(policy.GetPolicy(kPolicyInterfaceName));
+    const char* name = CharactersOf(value.Get());
+    return Allocate([name] { return std::string(name != nullptr ? name : ""); });
+}
+
 int Create(IZUModCreatePolicy* props, IZUModInterface** out) {
     if (props == nullptr || out == nullptr) {
         ZuModLog(kLogTrace, "[camera_client] camera_client_create invalid param");
         return 0;
     }
     const CRefPtr_T<IZUModCreatePolicy> held(props);
-    const std::string name = PolicyText(*props, kPolicyInterfaceName);
+    const std::string name = RequestedName(*props);
     const uint64_t version = PolicyInteger(*props, kPolicyVersion);
     ZuModLog(kLogTrace, "[camera_client] camera_client_create interface %s  version %lu", name.c_str(),
              version);
@@ -39,7 +47,12 @@ int Create(IZUModCreatePolicy* props, IZUModInterface** out) {
                  version, kClientCameraPluginVersion);
         return 0;
     }
-    StoreInterface<IClientCameraPlugin>(new ClientCamera, out);
+    // Not in Allocate: the constructor logs.
+    auto* const created = new (std::nothrow) ClientCamera;
+    if (created == nullptr) {
+        return 0;
+    }
+    StoreInterface<IClientCameraPlugin>(created, out);
     return 1;
 }
 
@@ -48,8 +61,8 @@ int Create(IZUModCreatePolicy* props, IZUModInterface** out) {
 int camera_client_create(IZUModCreatePolicy* props, IZUModInterface** out) {
     try {
         return Create(props, out);
-    } catch (const std::bad_alloc&) {
-        return 0;  // A refusal, also if a host object has thrown it. Its other exceptions go on to the host.
+    } catch (const OutOfMemory&) {
+        return 0;
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -263,6 +264,74 @@ TEST_F(CameraClientCreate, AValueThatThrowsIsReleased) {
         EXPECT_THROW(camera_client_create(policy.Get(), &out), std::runtime_error);
     }
     EXPECT_TRUE(ledger.Balanced());
+}
+
+// Lack of memory of the host, which the module tells from its own.
+struct HostFailure : std::bad_alloc {};
+
+// A valid policy, except that one operation of it or of its values throws.
+class FailingPolicy final : public testing::Counted<IZUModCreatePolicy> {
+public:
+    FailingPolicy(ReferenceLedger& ledger, std::string failing) : Counted(ledger), m_failing(failing) {}
+
+    IZUModData* GetPolicy(const char* key) override {
+        if (m_failing == key) {
+            throw HostFailure();
+        }
+        const bool is_name = std::string("zu.module.interface.name") == key;
+        return is_name ? new Value(*this, kZUModDataText, Value::TextBytes("IClientCameraPlugin"))
+                       : new Value(*this, kZUModDataInt64, Value::Int64Bytes(0x0002000000000000));
+    }
+
+private:
+    class Value final : public testing::CountedData {
+    public:
+        Value(FailingPolicy& policy, uint32_t tag, std::vector<uint8_t> bytes)
+            : CountedData(policy.Ledger(), tag, std::move(bytes)), m_failing(policy.m_failing) {}
+
+        uint32_t GetType() override { return Unless("GetType", CountedData::GetType()); }
+        const char* GetString() override { return Unless("GetString", CountedData::GetString()); }
+        int64_t GetInt64() override { return Unless("GetInt64", CountedData::GetInt64()); }
+
+    private:
+        template <class Result>
+        Result Unless(const char* operation, Result result) const {
+            if (m_failing == operation) {
+                throw HostFailure();
+            }
+            return result;
+        }
+
+        const std::string m_failing;
+    };
+
+    const std::string m_failing;
+};
+
+TEST_F(CameraClientCreate, TheBadAllocOfAPolicyAndOfAValueGoesOnToTheHost) {
+    for (const char* failing :
+         {"zu.module.interface.name", "zu.module.version", "GetType", "GetString", "GetInt64"}) {
+        {
+            const CRefPtr_T<FailingPolicy> policy(new FailingPolicy(ledger, failing));
+            IZUModInterface* out = nullptr;
+            EXPECT_THROW(camera_client_create(policy.Get(), &out), HostFailure) << failing;
+            EXPECT_EQ(out, nullptr);
+        }
+        EXPECT_TRUE(ledger.Balanced()) << failing;
+    }
+}
+
+TEST_F(CameraClientCreate, TheBadAllocOfTheSinkGoesOnToTheHost) {
+    for (const char* line : {"camera_client_create interface", "[cameraclient] create"}) {
+        {
+            const auto policy = Policy("IClientCameraPlugin", 0x0002000000000000);
+            host.OnLineWith(line, [] { throw HostFailure(); });
+            IZUModInterface* out = nullptr;
+            EXPECT_THROW(camera_client_create(policy.Get(), &out), HostFailure) << line;
+            EXPECT_EQ(out, nullptr);
+        }
+        EXPECT_TRUE(ledger.Balanced()) << line;
+    }
 }
 
 TEST_F(CameraClientCreate, AnInterfaceNameOfAnyLengthIsRefusedInOneTruncatedLine) {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <new>
 #include <random>
 
 #include "src/base/mem_buffer.h"
@@ -221,6 +222,9 @@ TEST_F(BadInput, RandomMessagesInReadsOfRandomSize) {
     ExpectServesAgain();
 }
 
+// Lack of memory of the host, which the plugin tells from its own.
+struct HostFailure : std::bad_alloc {};
+
 // Throws in the second read. The exception propagates to the host.
 class ThrowingStream final : public CCounted_T<IChannelStream> {
 public:
@@ -229,7 +233,7 @@ public:
             *done = 3;
             return 0;
         }
-        throw std::runtime_error("read");
+        throw HostFailure();
     }
     int Write(const void*, unsigned long, unsigned long*) override { return -1; }
 
@@ -239,7 +243,17 @@ private:
 
 TEST_F(BadInput, AStreamThatThrowsEndsTheRunWithItsException) {
     plugin->SetChannelStream(new ThrowingStream);
-    EXPECT_THROW(plugin->Run(), std::runtime_error);
+    EXPECT_THROW(plugin->Run(), HostFailure);
+    ExpectServesAgain();
+}
+
+TEST_F(BadInput, AStreamThatThrowsInAWriteEndsTheRunWithItsException) {
+    for (const Bytes& request : {kVersionRequestBytes, kGetListBytes, OpenBytes(7), CloseBytes(7)}) {
+        CRefPtr_T<ScriptedStream> stream(new ScriptedStream(request));
+        stream->on_write = [] { throw HostFailure(); };
+        plugin->SetChannelStream(stream.Get());
+        EXPECT_THROW(plugin->Run(), HostFailure) << int{request[4]};
+    }
     ExpectServesAgain();
 }
 
@@ -312,13 +326,11 @@ TEST_F(BadInput, ExitInstanceOnTheSendThreadIsOneLine) {
 }
 
 TEST_F(BadInput, ASinkThatThrowsEndsTheRunWithItsException) {
-    host.OnLine([](uint32_t level, const char* text) {
-        if (level == kLogTrace) {
-            throw std::runtime_error(text);
-        }
-    });
-    EXPECT_THROW(Serve(kVersionRequestBytes), std::runtime_error);
-    host.OnLine(nullptr);
+    host.OnLineWith("version req", [] { throw HostFailure(); });
+    EXPECT_THROW(Serve(kVersionRequestBytes), HostFailure);
+    CameraScript().built_in = false;
+    host.OnLineWith("cureent platform not impl", [] { throw HostFailure(); });
+    EXPECT_THROW(Serve(OpenBytes(7)), HostFailure);
     ExpectServesAgain();
 }
 

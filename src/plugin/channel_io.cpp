@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "src/base/buffer.h"
+#include "src/base/own_memory.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod {
@@ -22,9 +23,10 @@ bool Fill(IChannelStream& stream, IBuffer& buffer) {
     return true;
 }
 
-// Reads straight into the buffer that the handler gets. Returns null if a read fails or memory runs out.
+// Reads straight into the buffer that the handler gets. Returns null if a read fails or there is no
+// memory for the bytes. Throws OutOfMemory if there is none for the buffer object.
 CRefPtr_T<IBuffer> ReadMessage(IChannelStream& stream, IMemAlloctor& alloctor) {
-    CRefPtr_T<IBuffer> message = alloctor.Alloc(sizeof(_MESSAGE_HEADER));
+    CRefPtr_T<IBuffer> message = Allocate([&alloctor] { return alloctor.Alloc(sizeof(_MESSAGE_HEADER)); });
     if (message == nullptr || !Fill(stream, *message)) {
         return {};
     }

@@ -12,7 +12,8 @@
 namespace zumod {
 
 // Passes each message to `handlers`, with the buffer that holds the whole message as context. Returns when a
-// read fails or memory for a message runs out. A message that no handler accepts is dropped.
+// read fails or memory for a message's bytes runs out. Throws OutOfMemory if there is none for its buffer
+// object, and what the stream and the handlers throw. A message that no handler accepts is dropped.
 void ServePeer(IChannelStream& stream, IMemAlloctor& alloctor, CameraMessageSeparation& handlers);
 
 // Repeats the stream's Write until all bytes are written. Returns false at the first write that fails.

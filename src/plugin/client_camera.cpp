@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "src/base/mem_alloctor_ex.h"
+#include "src/base/own_memory.h"
 #include "src/module/log.h"
 #include "src/plugin/channel_io.h"
 
@@ -12,9 +13,12 @@ namespace zumod {
 
 ClientCamera::ClientCamera() {
     ZuModLog(kLogEvent, "[cameraclient] create");
-    m_alloctor = CRefPtr_T<IMemAlloctor>(new CMemAlloctorEx<CMemBuffer>);
-    m_send_thread = std::make_unique<CClientCameraThread>([this] { return SendPass(); });
-    m_send_thread->SetName("cameraclient-send");
+    m_alloctor = Allocate([] { return CRefPtr_T<IMemAlloctor>(new CMemAlloctorEx<CMemBuffer>); });
+    m_send_thread = Allocate([this] {
+        auto thread = std::make_unique<CClientCameraThread>([this] { return SendPass(); });
+        thread->SetName("cameraclient-send");
+        return thread;
+    });
 }
 
 ClientCamera::~ClientCamera() {
@@ -42,9 +46,8 @@ int ClientCamera::Run() {
     if (const CRefPtr_T<IChannelStream> stream = m_stream.Get(); stream != nullptr) {
         try {
             ServePeer(*stream, *m_alloctor, *this);
-        } catch (const std::bad_alloc&) {
-            // Out of memory ends the loop like a failed read, so the peer sees the stream end instead of
-            // missing answers.
+        } catch (const OutOfMemory&) {
+            // Ends the loop like a failed read, so the peer sees the stream end instead of missing answers.
         }
     }
     ZuModLog(kLogEvent, "[cameraclient] Run return");
@@ -169,15 +172,15 @@ bool ClientCamera::OnProtoOpenCamera(const uint8_t* body, unsigned long length, 
 IClientCamera* ClientCamera::AddCamera(uint32_t id) {
     try {
         CRefPtr_T<IClientCamera> created = CreateClientCamera();
-        if (created == nullptr) {
-            ZuModLog(kLogIgnored, "[cameraclient] OnProtoOpenCamera cureent platform not impl");
-            return nullptr;
+        if (created != nullptr) {
+            // The map holds the only reference: a camera that fails to open is destroyed before the answer.
+            return (m_devs[id] = std::move(created)).Get();
         }
-        // The map holds the only reference: a camera that fails to open is destroyed before the answer.
-        return (m_devs[id] = std::move(created)).Get();
     } catch (const std::bad_alloc&) {
-        return nullptr;
+        return nullptr;  // The module's own: no host object was called.
     }
+    ZuModLog(kLogIgnored, "[cameraclient] OnProtoOpenCamera cureent platform not impl");
+    return nullptr;
 }
 
 bool ClientCamera::OpenCamera(IClientCamera& camera, const FormatRequest& request) {

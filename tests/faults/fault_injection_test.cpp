@@ -49,6 +49,7 @@ struct Failure {
 // The result of a child process, in memory shared with its parent.
 struct Outcome {
     bool failed;
+    bool refused;  // create returned 0
     std::array<uint64_t, kModuleCallKinds> calls;
     int requests_read;
     char complaint[512];
@@ -158,6 +159,7 @@ std::string TwoSessions(const Failure& failure, Outcome& outcome) {
     FaultSession damaged;
     damaged.Go();
     outcome.failed = HasFailed();
+    outcome.refused = damaged.created != 1;
     outcome.requests_read = damaged.requests_read;
     for (size_t kind = 0; kind < kModuleCallKinds; ++kind) {
         outcome.calls[kind] = CallsOf(static_cast<ModuleCall>(kind));
@@ -278,8 +280,14 @@ protected:
         }
         children.WaitForAll();
         size_t met = 0;
+        size_t refusals = 0;
         for (size_t i = 0; i < tried; ++i) {
             met += children.At(i).failed ? 1U : 0U;
+            refusals += children.At(i).refused ? 1U : 0U;
+        }
+        if (test.kind == ModuleCall::kHostAllocation && times == 1 && step == 1) {
+            // The requested name, the plugin, its allocator, its send thread and the name of that.
+            EXPECT_EQ(refusals, 5U);
         }
         RecordProperty("calls", std::to_string(calls));
         RecordProperty("met", std::to_string(met));
