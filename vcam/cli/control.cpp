@@ -1,6 +1,7 @@
 #include "vcam/cli/control.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <vector>
 
@@ -30,7 +31,11 @@ Expected<std::string> SendControl(const std::string& line, std::string server_na
     std::copy(line.begin(), line.end(), text.begin());
     const iovec part{text.data(), text.size()};
     Reply reply{};
-    if (CallServer(server_name.c_str(), request, &part, 1, reply, nullptr) != 0) {
+    const int failure = CallServer(server_name.c_str(), request, &part, 1, reply, nullptr);
+    if (failure == EACCES) {
+        return Fail("the server of the virtual cameras belongs to another user", kExitUsage);
+    }
+    if (failure != 0) {
         return Fail("the server of the virtual cameras does not answer", kExitUsage);
     }
     std::string answer(text.data(), reply.size);

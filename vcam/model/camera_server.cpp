@@ -21,6 +21,8 @@ namespace zumod::vcam {
 namespace {
 
 constexpr size_t kBoardsSize = sizeof(CameraBoard) * kMaxCameras;
+// That wait for their request.
+constexpr size_t kMaxConnections = 256;
 constexpr size_t kMaxPayload = sizeof(v4l2_ext_controls) + kMaxExtControls * sizeof(v4l2_ext_control);
 
 std::string NewName() {
@@ -150,19 +152,28 @@ void CameraServer::Loop() {
         Waiter::Registration request;
     };
     Waiter waiter;
-    std::map<int, Connection> connections;  // by descriptor; each ends with its one request
+    std::map<uint64_t, Connection>
+        connections;  // in the order of their arrival; each ends with its one request
+    uint64_t next_connection = 0;
     bool stopped = false;
     const auto stop = waiter.Watch(m_stop.Get(), POLLIN, [&] { stopped = true; });
     const auto listening = waiter.Watch(m_listener.Get(), POLLIN, [&] {
         UniqueFd socket(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        const int descriptor = socket.Get();
-        if (socket) {
-            auto request = waiter.Watch(descriptor, POLLIN, [&, descriptor] {
-                ServeConnection(descriptor);
-                connections.erase(descriptor);
-            });
-            connections[descriptor] = {std::move(socket), std::move(request)};
+        // A program sends its request at once, so the oldest connection without one is the least likely to be
+        // a program's. A failed accept is for want of descriptors.
+        if (!connections.empty() && (!socket || connections.size() >= kMaxConnections)) {
+            connections.erase(connections.begin());
         }
+        if (!socket || !IsSameUser(socket.Get())) {
+            return;
+        }
+        const uint64_t number = next_connection++;
+        const int descriptor = socket.Get();
+        auto request = waiter.Watch(descriptor, POLLIN, [&, number, descriptor] {
+            ServeConnection(descriptor);
+            connections.erase(number);
+        });
+        connections[number] = {std::move(socket), std::move(request)};
     });
     while (!stopped) {
         waiter.Wait(Clock::time_point::max());
@@ -178,7 +189,7 @@ void CameraServer::ServeConnection(int connection) {
     message.msg_iovlen = 2;
     const ssize_t received = recvmsg(connection, &message, MSG_DONTWAIT);
     if (received < static_cast<ssize_t>(sizeof request) || request.magic != kWireMagic ||
-        request.version != kWireVersion || !IsSameUser(connection)) {
+        request.version != kWireVersion) {
         return;
     }
     payload.resize(static_cast<size_t>(received) - sizeof request);

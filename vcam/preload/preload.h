@@ -59,6 +59,8 @@ inline char* PutNumber(char* out, unsigned number) {
 // The server's name from the environment, or null.
 const char* ServerName();
 
+// Whether a directory's descriptor, or AT_FDCWD, is /dev.
+bool IsDevDirectory(int directory);
 // N of "videoN", or -1.
 int ReadNodeName(const char* name);
 // N of "/dev/videoN", also as "videoN" relative to /dev; -1 for anything else.

@@ -1,4 +1,4 @@
-// Interposed ioctl and mmap, and syscall(), with which some libraries make these calls.
+// Interposed ioctl and mmap, and syscall(), with which some libraries make these and other calls.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -159,6 +159,9 @@ ZU_VCAM_EXPORT long syscall(long number, ...) __THROW {
             return Word(mmap(reinterpret_cast<void*>(words[0]), static_cast<size_t>(words[1]),
                              static_cast<int>(words[2]), static_cast<int>(words[3]),
                              static_cast<int>(words[4]), words[5]));
+        case SYS_statx:
+            return statx(first, reinterpret_cast<const char*>(words[1]), static_cast<int>(words[2]),
+                         static_cast<unsigned>(words[3]), reinterpret_cast<struct statx*>(words[4]));
         case SYS_read:
             return read(first, reinterpret_cast<void*>(words[1]), static_cast<size_t>(words[2]));
         default: {

@@ -172,6 +172,14 @@ ZU_VCAM_EXPORT DIR* opendir(const char* path) {
     return stream;
 }
 
+ZU_VCAM_EXPORT DIR* fdopendir(int directory) {
+    DIR* stream = ZU_VCAM_REAL(fdopendir)(directory);
+    if (stream != nullptr && ServerName() != nullptr && IsDevDirectory(directory)) {
+        BeginListing(stream);
+    }
+    return stream;
+}
+
 ZU_VCAM_EXPORT dirent* readdir(DIR* stream) {
     return ReadEntry(stream, ZU_VCAM_REAL(readdir));
 }

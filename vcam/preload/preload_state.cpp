@@ -17,18 +17,6 @@ namespace {
 
 constexpr char kDirectory[] = "/dev";
 
-bool IsDevDirectory(int directory) {
-    char link[40] = "/proc/self/cwd";
-    if (directory != AT_FDCWD) {
-        char* next = link + sizeof "/proc/self/" - 1;
-        *PutNumber(PutText(next, "fd/"), static_cast<unsigned>(directory)) = 0;
-    }
-    char target[sizeof kDirectory];
-    const long length = RawCall(SYS_readlinkat, AT_FDCWD, Word(link), Word(target), sizeof target);
-    return length == static_cast<long>(sizeof kDirectory - 1) &&
-           std::memcmp(target, kDirectory, static_cast<size_t>(length)) == 0;
-}
-
 constexpr unsigned kMarkedDescriptors = 1U << 16;
 constinit std::atomic<uint64_t> marks[kMarkedDescriptors / 64] = {};
 
@@ -65,6 +53,18 @@ CameraBoard* MapBoards(const FileIdentity& identity) {
 
 const char* ServerName() {
     return std::getenv(kServerVariable);  // NOLINT(concurrency-mt-unsafe): set before the program started
+}
+
+bool IsDevDirectory(int directory) {
+    char link[40] = "/proc/self/cwd";
+    if (directory != AT_FDCWD) {
+        char* next = link + sizeof "/proc/self/" - 1;
+        *PutNumber(PutText(next, "fd/"), static_cast<unsigned>(directory)) = 0;
+    }
+    char target[sizeof kDirectory];
+    const long length = RawCall(SYS_readlinkat, AT_FDCWD, Word(link), Word(target), sizeof target);
+    return length == static_cast<long>(sizeof kDirectory - 1) &&
+           std::memcmp(target, kDirectory, static_cast<size_t>(length)) == 0;
 }
 
 int ReadNodeName(const char* name) {

@@ -19,6 +19,7 @@
 
 #include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -27,6 +28,7 @@
 #include "vcam/cli/control.h"
 #include "vcam/picture/pattern.h"
 #include "vcam/picture/pattern_reader.h"
+#include "vcam/preload/addresses.h"
 #include "vcam/testing/preloaded_cameras.h"
 #include "vcam/testing/requests.h"
 
@@ -185,6 +187,9 @@ TEST(Preload, MakesNodesLookLikeCharacterDevices) {
     struct statx extended {};
     ASSERT_EQ(statx(AT_FDCWD, "/dev/video7", 0, STATX_BASIC_STATS, &extended), 0);
     EXPECT_EQ(extended.stx_rdev_minor, 7U);
+    struct statx by_number {};
+    ASSERT_EQ(syscall(SYS_statx, AT_FDCWD, "/dev/video7", 0, STATX_BASIC_STATS, &by_number), 0);
+    EXPECT_EQ(by_number.stx_rdev_minor, 7U);
     const int fd = open("/dev/video7", O_RDWR);
     ASSERT_EQ(fstat(fd, &status), 0);
     EXPECT_TRUE(S_ISCHR(status.st_mode));
@@ -219,9 +224,9 @@ TEST(Preload, RefusesToReadAndWrite) {
     close(copy);
 }
 
-std::set<std::string> NodesByReaddir() {
+// Reads the stream and closes it.
+std::set<std::string> NodesByReaddir(DIR* directory) {
     std::set<std::string> names;
-    DIR* directory = opendir("/dev");
     while (const dirent* entry = readdir(directory)) {
         if (std::strncmp(entry->d_name, "video", 5) == 0) {
             EXPECT_TRUE(names.insert(entry->d_name).second);
@@ -234,7 +239,10 @@ std::set<std::string> NodesByReaddir() {
 
 TEST(Preload, ListsTheNodesInDev) {
     PreloadedCameras cameras{"", "device=12"};
-    EXPECT_EQ(NodesByReaddir(), (std::set<std::string>{"video0", "video12"}));
+    EXPECT_EQ(NodesByReaddir(opendir("/dev")), (std::set<std::string>{"video0", "video12"}));
+    EXPECT_EQ(NodesByReaddir(fdopendir(open("/dev", O_RDONLY | O_DIRECTORY))),
+              (std::set<std::string>{"video0", "video12"}));
+    EXPECT_EQ(NodesByReaddir(fdopendir(open("/sys", O_RDONLY | O_DIRECTORY))), std::set<std::string>());
     dirent** entries = nullptr;
     const int count = scandir(
         "/dev", &entries,
@@ -251,7 +259,7 @@ TEST(Preload, ListsTheNodesInDev) {
     EXPECT_STREQ(found.gl_pathv[1], "/dev/video12");
     globfree(&found);
     cameras.At(0).Inject(ParseFault("unplug").value());
-    EXPECT_EQ(NodesByReaddir(), (std::set<std::string>{"video12"}));
+    EXPECT_EQ(NodesByReaddir(opendir("/dev")), (std::set<std::string>{"video12"}));
 }
 
 TEST(Preload, StreamsPicturesOfTheModel) {
@@ -507,6 +515,86 @@ TEST(Preload, ReportsNoDeviceAfterTheEndOfItsServer) {
     EXPECT_EQ(Call(fd, VIDIOC_QUERYCAP, &capability), ENODEV);
     v4l2_buffer buffer = Buffer();
     EXPECT_EQ(Call(fd, VIDIOC_DQBUF, &buffer), ENODEV);
+    close(fd);
+}
+
+constexpr uid_t kOtherUser = 65534;
+
+// Runs `work` in a child process of another user. Only root can do that.
+template <class Work>
+bool AsOtherUser(Work work) {
+    return InChild([&] { return setuid(kOtherUser) == 0 && work(); });
+}
+
+TEST(CameraServer, RefusesAProgramOfAnotherUser) {
+    if (!AsOtherUser([] { return true; })) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    const PreloadedCameras cameras{""};
+    EXPECT_TRUE(InChild([] { return open("/dev/video0", O_RDWR) >= 0; }));
+    EXPECT_TRUE(AsOtherUser([] { return open("/dev/video0", O_RDWR) == -1 && errno == ENOENT; }));
+}
+
+TEST(CameraServer, IsNotBelievedIfItBelongsToAnotherUser) {
+    if (!AsOtherUser([] { return true; })) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    // The impostor owns the name; a request that reached it would be answered with success.
+    const std::string name = "impostor." + std::to_string(getpid());
+    int listening[2];
+    ASSERT_EQ(pipe(listening), 0);
+    const pid_t impostor = fork();
+    if (impostor == 0) {
+        sockaddr_un address{};
+        const unsigned length = ServerAddress(name.c_str(), address);
+        const int listener = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        if (setuid(kOtherUser) != 0 ||
+            bind(listener, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+            listen(listener, 5) != 0 || write(listening[1], "l", 1) != 1) {
+            _exit(1);
+        }
+        for (;;) {
+            const int connection = accept(listener, nullptr, nullptr);
+            char request[8192];
+            const Reply reply{};
+            if (recv(connection, request, sizeof request, 0) > 0) {
+                send(connection, &reply, sizeof reply, MSG_NOSIGNAL);
+            }
+            close(connection);
+        }
+    }
+    char byte = 0;
+    ASSERT_EQ(read(listening[0], &byte, 1), 1);
+    EXPECT_EQ(SendControl("0 status", name),
+              Fail("the server of the virtual cameras belongs to another user", kExitUsage));
+    setenv(kServerVariable, name.c_str(), 1);
+    EXPECT_EQ(access("/dev/video0", F_OK), -1);
+    EXPECT_EQ(errno, ENOENT);
+    unsetenv(kServerVariable);
+    kill(impostor, SIGKILL);
+    waitpid(impostor, nullptr, 0);
+    close(listening[0]);
+    close(listening[1]);
+}
+
+TEST(CameraServer, ClosesTheOldestOfTooManyConnectionsWithoutARequest) {
+    const PreloadedCameras cameras{""};
+    sockaddr_un address{};
+    const unsigned length = ServerAddress(std::getenv(kServerVariable), address);
+    std::vector<UniqueFd> idle;
+    for (int i = 0; i < 257; ++i) {
+        idle.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(connect(idle.back().Get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+    }
+    const auto is_closed = [&](size_t index, int timeout_ms) {
+        pollfd state{idle[index].Get(), POLLIN, 0};
+        return poll(&state, 1, timeout_ms) == 1;
+    };
+    EXPECT_TRUE(is_closed(0, 20000));
+    EXPECT_FALSE(is_closed(1, 0));
+    EXPECT_FALSE(is_closed(256, 0));
+    const int fd = open("/dev/video0", O_RDWR);
+    EXPECT_EQ(CardOf(fd), "Virtual Camera");
     close(fd);
 }
 

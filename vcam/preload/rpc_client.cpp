@@ -20,6 +20,17 @@ long RetryOnInterrupt(Call call) {
     return result;
 }
 
+// Anybody can listen at an abstract address that is free. So only a server of the same user, or of the
+// administrator, is believed.
+bool IsServerTrusted(long socket) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (RawCall(SYS_getsockopt, socket, SOL_SOCKET, SO_PEERCRED, Word(&peer), Word(&size)) != 0) {
+        return false;
+    }
+    return peer.uid == 0 || static_cast<long>(peer.uid) == RawCall(SYS_geteuid);
+}
+
 int Connect(const char* server_name) {
     const long socket = RawCall(SYS_socket, AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (socket < 0) {
@@ -29,9 +40,9 @@ int Connect(const char* server_name) {
     const unsigned length = ServerAddress(server_name, address);
     const long result = RetryOnInterrupt(
         [&] { return RawCall(SYS_connect, socket, Word(&address), static_cast<long>(length)); });
-    if (result < 0) {
+    if (result < 0 || !IsServerTrusted(socket)) {
         RawClose(static_cast<int>(socket));
-        return -ENODEV;
+        return result < 0 ? -ENODEV : -EACCES;
     }
     return static_cast<int>(socket);
 }

@@ -14,7 +14,8 @@ namespace zumod::vcam {
 inline constexpr int kMaxRequestParts = 2;
 
 // Sends the request with its parts and receives the reply into the same parts. Returns 0, or an errno if the
-// server cannot be reached. *fd becomes the descriptor in the reply, or -1.
+// server cannot be reached: EACCES if another user has its name. *fd becomes the descriptor in the reply, or
+// -1.
 int CallServer(const char* server_name, const Request& request, const iovec* parts, int part_count,
                Reply& reply, int* fd, bool close_on_exec = true);
 
