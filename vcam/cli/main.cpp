@@ -15,6 +15,7 @@
 #include "common/error.h"
 #include "common/module_directory.h"
 #include "vcam/cli/control.h"
+#include "vcam/cli/program_check.h"
 #include "vcam/model/camera_option.h"
 #include "vcam/model/camera_server.h"
 #include "vcam/picture/pixel_format.h"
@@ -126,7 +127,7 @@ Expected<int> RunControl(int count, const char* const* words) {
     CLI::App app("Injects a fault into a running camera, removes its faults or prints its state.",
                  "zu-vcam ctl");
     app.formatter(std::make_shared<HelpFormatter>());
-    app.set_help_flag("--help", "Print this text and exit");
+    AddHelpAndVersion(app);
     std::string name;
     std::vector<std::string> line;
     AddNameOption(app, name, "The cameras' server (default: the one whose COMMAND this runs in)");
@@ -207,6 +208,11 @@ Expected<int> RunCommand(Options options) {
     const auto server = CameraServer::Start(std::move(options.cameras), options.server_name);
     if (!server) {
         return FailUsage(server.error().text);
+    }
+    const ProgramUser starter{geteuid(), getegid()};
+    if (const std::string why = WhyWithoutCameras(FindProgram(options.command.front()), starter);
+        !why.empty()) {
+        std::fprintf(stderr, "%s: warning: %s, so it does not see the cameras\n", kProgram, why.c_str());
     }
     SetEnvironment(library, (*server)->Name());
     const pid_t child = fork();

@@ -30,6 +30,15 @@ struct Rate {
     bool operator==(const Rate&) const = default;
 };
 
+// A size of a format, with the rates that the camera has in it.
+struct Mode {
+    uint32_t fourcc = 0;
+    Size size;
+    std::vector<Rate> rates;  // the first is the default
+
+    bool operator==(const Mode&) const = default;
+};
+
 // What the driver does with a size that it does not list.
 enum class SizePolicy {
     kExact,    // accepts any even size unchanged
@@ -48,9 +57,11 @@ struct CameraConfig {
     int number = -1;  // of /dev/videoN; -1: the next free one
     std::string card = "Virtual Camera";
     std::string bus;  // empty: derived from the number
+    // Every format in every size at every rate, unless `modes` was given.
     std::vector<uint32_t> formats;
     std::vector<Size> sizes;
-    std::vector<Rate> rates;  // the first is the default
+    std::vector<Rate> rates;
+    std::vector<Mode> modes;  // the first is the one it starts with
     SizePolicy size_policy = SizePolicy::kNearest;
     RateSupport rate_support = RateSupport::kSettable;
     uint32_t padding = 0;           // bytes added to each row
@@ -59,7 +70,8 @@ struct CameraConfig {
     std::string y4m;                // shows this file instead of the test pattern
     std::vector<Fault> faults;      // active from the start
 
-    // Fills in the defaults: NV12 and YUYV, 640x480, 30 frames per second.
+    // Fills in the defaults, which are NV12 and YUYV, 640x480, 30 frames per second, and then the modes. A
+    // Y4M file's size replaces the sizes; its rate is the default.
     void Complete();
 };
 

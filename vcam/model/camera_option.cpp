@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <iterator>
 #include <type_traits>
+#include <utility>
 
 #include "common/parse_number.h"
 #include "vcam/model/wire.h"
@@ -54,8 +55,10 @@ Expected<void> ReadNumber(const Key& key, std::string_view value, CameraConfig& 
 
 template <auto kField>
 Expected<void> ReadText(const Key& key, std::string_view value, CameraConfig& config) {
-    static_assert(sizeof(v4l2_capability::card) == 32 && sizeof(v4l2_capability::bus_info) == 32);
-    if (value.empty() || value.size() > 31) {
+    constexpr int kMostCharacters = 31;
+    // In UTF-8 every byte but the first of a character is 10xxxxxx.
+    const auto characters = std::ranges::count_if(value, [](char byte) { return (byte & 0xc0) != 0x80; });
+    if (characters < 1 || characters > kMostCharacters) {
         return Fail(std::string(key.name) + " must have 1 to 31 characters");
     }
     config.*kField = value;
@@ -109,16 +112,40 @@ Expected<Size> ReadSize(std::string_view text) {
     return size;
 }
 
+bool IsRate(Rate rate) {
+    const auto is_part = [](uint32_t part) { return part >= 1 && part <= 1000000; };
+    return is_part(rate.numerator) && is_part(rate.denominator) &&
+           rate.numerator / rate.denominator <= kGreatestRate;
+}
+
 Expected<Rate> ReadRate(std::string_view text) {
     const size_t slash = text.find('/');
     Rate rate;
-    if (!ParseWithin(text.substr(0, slash), 1U, 1000000U, rate.numerator) ||
-        (slash != std::string_view::npos &&
-         !ParseWithin(text.substr(slash + 1), 1U, 1000000U, rate.denominator)) ||
-        rate.numerator / rate.denominator > kGreatestRate) {
+    const auto read = [](std::string_view number) { return ParseNumber<uint32_t>(number).value_or(0); };
+    rate.numerator = read(text.substr(0, slash));
+    rate.denominator = slash == std::string_view::npos ? 1 : read(text.substr(slash + 1));
+    if (!IsRate(rate)) {
         return Fail("a rate is N or N/D frames per second, at most 1000, not " + Quote(text));
     }
     return rate;
+}
+
+// FORMAT/WIDTHxHEIGHT/RATE:RATE...
+Expected<void> ReadMode(const Key& key, std::string_view value, CameraConfig& config) {
+    const size_t size_at = value.find('/');
+    const size_t rates_at = size_at == std::string_view::npos ? size_at : value.find('/', size_at + 1);
+    if (rates_at == std::string_view::npos) {
+        return Fail("a mode is FORMAT/WIDTHxHEIGHT/RATE:RATE..., not " + Quote(value));
+    }
+    const auto fourcc = ReadFormat(value.substr(0, size_at));
+    const auto size = ReadSize(value.substr(size_at + 1, rates_at - size_at - 1));
+    CameraConfig list;
+    const auto rates = ReadList<&CameraConfig::rates, ReadRate>(key, value.substr(rates_at + 1), list);
+    if (!fourcc || !size || !rates) {
+        return Fail(!fourcc ? fourcc.error() : !size ? size.error() : rates.error());
+    }
+    config.modes.push_back({*fourcc, *size, std::move(list.rates)});
+    return {};
 }
 
 Expected<void> ReadY4m(const Key& /*key*/, std::string_view value, CameraConfig& config) {
@@ -149,6 +176,8 @@ constexpr Key kKeys[] = {
      ReadList<&CameraConfig::sizes, ReadSize>},
     {"fps", "N:N/D...", "rates up to 1000, the first is the one it starts with (30)",
      ReadList<&CameraConfig::rates, ReadRate>},
+    {"mode", "F/WxH/N:N/D...",
+     "a format in one size at its rates, instead of formats, sizes and fps; may be given several times", ReadMode},
     {"adjust", "POLICY",
      "other sizes are kept (exact), or become the listed one nearest in width (width) or in both (nearest)",
      ReadChoice<&CameraConfig::size_policy, kSizePolicies>, "exact, width or nearest"},
@@ -160,7 +189,8 @@ constexpr Key kKeys[] = {
      ReadChoice<&CameraConfig::keeps_stride, kStrides>, "driver or asked"},
     {"buffers", "N", "REQBUFS grants N instead of the number requested (that number, 2 to 32)",
      ReadNumber<&CameraConfig::grant, kMaxBuffers>, "0 to 32"},
-    {"y4m", "FILE", "shows the pictures of this file (8 bit, 4:2:0) in their size", ReadY4m},
+    {"y4m", "FILE", "shows the pictures of this file (8 bit, 4:2:0) in their size, and at its rate unless fps is given",
+     ReadY4m},
     {"fault", "FAULT", "a fault from the start; may be given several times", ReadFault},
 };
 // clang-format on
@@ -195,6 +225,10 @@ void CameraConfig::Complete() {
         if (const auto file = Y4mFile::ReadSize(y4m)) {
             sizes = {{file->width, file->height}};
             size_policy = SizePolicy::kNearest;
+            const Rate rate{file->rate_numerator, file->rate_denominator};
+            if (rates.empty() && IsRate(rate)) {
+                rates = {rate};
+            }
         }
     }
     if (sizes.empty()) {
@@ -202,6 +236,13 @@ void CameraConfig::Complete() {
     }
     if (rates.empty()) {
         rates = {{30, 1}};
+    }
+    if (modes.empty()) {
+        for (const uint32_t fourcc : formats) {
+            for (const Size size : sizes) {
+                modes.push_back({fourcc, size, rates});
+            }
+        }
     }
 }
 
@@ -222,6 +263,10 @@ Expected<CameraConfig> ParseCamera(std::string_view text) {
             return Fail(read.error());
         }
     }
+    const bool has_lists = !config.formats.empty() || !config.sizes.empty() || !config.rates.empty();
+    if (!config.modes.empty() && (has_lists || !config.y4m.empty())) {
+        return Fail("mode and one of formats, sizes, fps and y4m exclude each other");
+    }
     config.Complete();
     return config;
 }
@@ -230,7 +275,7 @@ std::string DescribeOptions() {
     std::string text = "Keys of --camera, as KEY=VALUE,KEY=VALUE...:\n";
     char line[160];
     for (const Key& key : kKeys) {
-        std::snprintf(line, sizeof line, "  %-8s %-11s %s\n", key.name, key.value, key.help);
+        std::snprintf(line, sizeof line, "  %-8s %-14s %s\n", key.name, key.value, key.help);
         text += line;
     }
     text += "\nFormats:\n";

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
 
 namespace zumod::vcam {
 namespace {
@@ -43,6 +47,64 @@ TEST(CameraOption, ReadsEveryKey) {
               (std::vector<Fault>{ParseFault("unplug/30").value(), ParseFault("drop/3/2").value()}));
 }
 
+TEST(CameraOption, ReadsModes) {
+    const CameraConfig config =
+        ParseCamera("mode=MJPG/1280x720/30:15,mode=YUYV/1280x720/10,mode=YUYV/640x480/30000/1001:15").value();
+    EXPECT_EQ(config.modes, (std::vector<Mode>{{V4L2_PIX_FMT_MJPEG, {1280, 720}, {{30, 1}, {15, 1}}},
+                                               {V4L2_PIX_FMT_YUYV, {1280, 720}, {{10, 1}}},
+                                               {V4L2_PIX_FMT_YUYV, {640, 480}, {{30000, 1001}, {15, 1}}}}));
+}
+
+TEST(CameraOption, MakesAModeOfEveryFormatAndSizeWithAllRates) {
+    const CameraConfig config = ParseCamera("formats=NV12:YUYV,sizes=640x480:320x240,fps=30:15").value();
+    const std::vector<Rate> rates{{30, 1}, {15, 1}};
+    EXPECT_EQ(config.modes, (std::vector<Mode>{{V4L2_PIX_FMT_NV12, {640, 480}, rates},
+                                               {V4L2_PIX_FMT_NV12, {320, 240}, rates},
+                                               {V4L2_PIX_FMT_YUYV, {640, 480}, rates},
+                                               {V4L2_PIX_FMT_YUYV, {320, 240}, rates}}));
+}
+
+TEST(CameraOption, CountsTheCharactersOfANameNotItsBytes) {
+    std::string name;
+    for (int i = 0; i < 31; ++i) {
+        name += "\u00e4";
+    }
+    EXPECT_EQ(ParseCamera("card=" + name).value().card, name);
+    EXPECT_EQ(ErrorOf("card=" + name + "\u00e4"), "card must have 1 to 31 characters");
+}
+
+// The name of a file with one picture of 16x16 and this in its header, which goes away with it.
+class FilmFile {
+public:
+    explicit FilmFile(const std::string& header) {
+        std::ofstream(m_path, std::ios::binary) << "YUV4MPEG2 W16 H16" << header << "\nFRAME\n"
+                                                << std::string(384, 'A');
+    }
+    ~FilmFile() { std::remove(m_path.c_str()); }
+    CameraConfig Configure(const std::string& options = "") const {
+        return ParseCamera("y4m=" + m_path + options).value();
+    }
+
+private:
+    std::string m_path = ::testing::TempDir() + "m_zu_vcam_film" + std::to_string(getpid()) + ".y4m";
+};
+
+TEST(CameraOption, TakesSizeAndRateOfAFile) {
+    const CameraConfig config = FilmFile(" F24000:1001").Configure();
+    EXPECT_EQ(config.sizes, (std::vector<Size>{{16, 16}}));
+    EXPECT_EQ(config.rates, (std::vector<Rate>{{24000, 1001}}));
+}
+
+TEST(CameraOption, PrefersTheGivenRateToThatOfAFile) {
+    EXPECT_EQ(FilmFile(" F25:1").Configure(",fps=10").rates, (std::vector<Rate>{{10, 1}}));
+}
+
+TEST(CameraOption, IgnoresARateOfAFileThatIsNotOne) {
+    for (const char* header : {"", " F0:0", " F30", " F5000:1", " F:", " Fa:b", " F99999999999:1"}) {
+        EXPECT_EQ(FilmFile(header).Configure().rates, (std::vector<Rate>{{30, 1}})) << header;
+    }
+}
+
 TEST(CameraOption, KeepsCommasInQuotes) {
     const CameraConfig config = ParseCamera("card=\"Left, upper\",fps=25").value();
     EXPECT_EQ(config.card, "Left, upper");
@@ -66,6 +128,18 @@ TEST(CameraOption, ReportsAnErrorInOneLine) {
     EXPECT_EQ(ErrorOf("parm=maybe"), "parm must be settable, fixed or none, not \"maybe\"");
     EXPECT_EQ(ErrorOf("padding=5000"), "padding must be 0 to 4096 bytes, not \"5000\"");
     EXPECT_EQ(ErrorOf("stride=wide"), "stride must be driver or asked, not \"wide\"");
+    EXPECT_EQ(ErrorOf("mode=YUYV/640x480"),
+              "a mode is FORMAT/WIDTHxHEIGHT/RATE:RATE..., not \"YUYV/640x480\"");
+    EXPECT_EQ(ErrorOf("mode=XYZ/640x480/30"),
+              "unknown format \"XYZ\"; there are NV12 NV21 YU12 YV12 YUYV BGR4 MJPG");
+    EXPECT_EQ(ErrorOf("mode=YUYV/641x480/30"),
+              "a size is WIDTHxHEIGHT, both even and from 16 to 8192, not \"641x480\"");
+    EXPECT_EQ(ErrorOf("mode=YUYV/640x480/0"),
+              "a rate is N or N/D frames per second, at most 1000, not \"0\"");
+    for (const char* other : {"formats=NV12", "sizes=640x480", "fps=30"}) {
+        EXPECT_EQ(ErrorOf(std::string("mode=YUYV/640x480/30,") + other),
+                  "mode and one of formats, sizes, fps and y4m exclude each other");
+    }
     EXPECT_EQ(ErrorOf("buffers=33"), "buffers must be 0 to 32, not \"33\"");
     EXPECT_EQ(ErrorOf("y4m=/nonexistent"), "y4m file \"/nonexistent\": cannot be opened");
     EXPECT_EQ(ErrorOf("fault=fire"), "unknown fault \"fire\"");
@@ -77,7 +151,7 @@ TEST(CameraOption, DescribesEveryFault) {
         EXPECT_NE(text.find(std::string("  ") + fault.name + " "), std::string::npos) << fault.name;
     }
     for (const char* key : {"device", "card", "formats", "sizes", "fps", "adjust", "parm", "padding",
-                            "stride", "buffers", "y4m", "fault", "bus"}) {
+                            "stride", "buffers", "y4m", "fault", "bus", "mode"}) {
         EXPECT_NE(text.find(std::string("  ") + key + " "), std::string::npos) << key;
     }
 }

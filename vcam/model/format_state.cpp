@@ -10,10 +10,14 @@
 namespace zumod::vcam {
 namespace {
 
-// Writes into a field that is all zero.
+// Writes into a field that is all zero. Text in UTF-8 that is too long ends with a whole character.
 template <size_t kSize>
 void PutText(uint8_t (&to)[kSize], std::string_view from) {
-    from.copy(reinterpret_cast<char*>(to), kSize - 1);
+    size_t length = std::min(from.size(), kSize - 1);
+    while (length > 0 && length < from.size() && (from[length] & 0xc0) == 0x80) {
+        --length;
+    }
+    from.copy(reinterpret_cast<char*>(to), length);
 }
 
 uint32_t EvenSide(uint32_t side) {
@@ -31,6 +35,16 @@ v4l2_fract Interval(Rate rate) {
 std::string RateText(Rate rate) {
     return rate.denominator == 1 ? std::to_string(rate.numerator)
                                  : std::to_string(rate.numerator) + "/" + std::to_string(rate.denominator);
+}
+
+std::vector<uint32_t> FormatsOf(const std::vector<Mode>& modes) {
+    std::vector<uint32_t> formats;
+    for (const Mode& mode : modes) {
+        if (std::ranges::find(formats, mode.fourcc) == formats.end()) {
+            formats.push_back(mode.fourcc);
+        }
+    }
+    return formats;
 }
 
 void Describe(const PictureLayout& layout, v4l2_pix_format& pix) {
@@ -53,20 +67,38 @@ FormatState::FormatState(CameraConfig config, const FaultSet& faults)
           config.Complete();
           return std::move(config);
       }()),
+      m_formats(FormatsOf(m_config.modes)),
       m_faults(faults),
-      m_rate(m_config.rates[0]) {
+      m_rate(m_config.modes[0].rates[0]) {
     if (!m_config.y4m.empty()) {
         m_y4m = Y4mFile::Read(m_config.y4m).value_or(Y4mFile{});
     }
     v4l2_pix_format first{};
-    first.width = m_config.sizes[0].width;
-    first.height = m_config.sizes[0].height;
-    first.pixelformat = m_config.formats[0];
+    first.width = m_config.modes[0].size.width;
+    first.height = m_config.modes[0].size.height;
+    first.pixelformat = m_config.modes[0].fourcc;
     UseLayout(AdjustLayout(first));
 }
 
 bool FormatState::Offers(uint32_t fourcc) const {
-    return std::ranges::find(m_config.formats, fourcc) != m_config.formats.end();
+    return std::ranges::find(m_formats, fourcc) != m_formats.end();
+}
+
+std::vector<Size> FormatState::SizesOf(uint32_t fourcc) const {
+    std::vector<Size> sizes;
+    for (const Mode& mode : m_config.modes) {
+        if (mode.fourcc == fourcc) {
+            sizes.push_back(mode.size);
+        }
+    }
+    return sizes;
+}
+
+const std::vector<Rate>& FormatState::RatesOf(uint32_t fourcc, Size size) const {
+    const auto& modes = m_config.modes;
+    const auto exact = std::ranges::find_if(
+        modes, [&](const Mode& mode) { return mode.fourcc == fourcc && mode.size == size; });
+    return exact != modes.end() ? exact->rates : std::ranges::find(modes, fourcc, &Mode::fourcc)->rates;
 }
 
 int FormatState::QueryCapability(v4l2_capability& capability, int number) const {
@@ -82,12 +114,12 @@ int FormatState::QueryCapability(v4l2_capability& capability, int number) const 
 }
 
 int FormatState::EnumFormat(v4l2_fmtdesc& format) const {
-    if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || format.index >= m_config.formats.size() ||
+    if (format.type != V4L2_BUF_TYPE_VIDEO_CAPTURE || format.index >= m_formats.size() ||
         format.mbus_code != 0) {
         return EINVAL;
     }
     const uint32_t index = format.index;
-    const PixelFormat& pixel_format = *FindPixelFormat(m_config.formats[index]);
+    const PixelFormat& pixel_format = *FindPixelFormat(m_formats[index]);
     format = {};
     format.index = index;
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -97,7 +129,7 @@ int FormatState::EnumFormat(v4l2_fmtdesc& format) const {
     return 0;
 }
 
-Size FormatState::AdjustSize(Size asked) const {
+Size FormatState::AdjustSize(uint32_t fourcc, Size asked) const {
     if (m_config.size_policy == SizePolicy::kExact) {
         return {EvenSide(asked.width), EvenSide(asked.height)};
     }
@@ -106,12 +138,12 @@ Size FormatState::AdjustSize(Size asked) const {
         return m_config.size_policy == SizePolicy::kWidth ? in_width
                                                           : in_width + Distance(size.height, asked.height);
     };
-    return *std::ranges::min_element(m_config.sizes, {}, distance);
+    return std::ranges::min(SizesOf(fourcc), {}, distance);
 }
 
 PictureLayout FormatState::AdjustLayout(const v4l2_pix_format& asked) const {
-    const uint32_t fourcc = Offers(asked.pixelformat) ? asked.pixelformat : m_config.formats[0];
-    const Size size = AdjustSize({asked.width, asked.height});
+    const uint32_t fourcc = Offers(asked.pixelformat) ? asked.pixelformat : m_formats[0];
+    const Size size = AdjustSize(fourcc, {asked.width, asked.height});
     const uint32_t least = LayOut(fourcc, size.width, size.height).bytesperline;
     uint32_t bytesperline = least + m_config.padding;
     if (m_config.keeps_stride) {
@@ -125,6 +157,10 @@ void FormatState::UseLayout(const PictureLayout& layout) {
         return;
     }
     m_layout = layout;
+    const std::vector<Rate>& rates = RatesOf(layout.fourcc, {layout.width, layout.height});
+    if (std::ranges::find(rates, m_rate) == rates.end()) {
+        m_rate = rates[0];
+    }
     if (!m_y4m.frames.empty() && m_y4m.width == layout.width && m_y4m.height == layout.height) {
         m_source = std::make_shared<Y4mSource>(layout, m_y4m);
         return;
@@ -180,7 +216,8 @@ int FormatState::EnumSizes(v4l2_frmsizeenum& sizes) const {
     const uint32_t index = sizes.index;
     const uint32_t fourcc = sizes.pixel_format;
     const bool any = m_config.size_policy == SizePolicy::kExact;
-    if (!Offers(fourcc) || index >= (any ? 1 : m_config.sizes.size())) {
+    const std::vector<Size> listed = SizesOf(fourcc);
+    if (index >= (any && !listed.empty() ? 1 : listed.size())) {
         return EINVAL;
     }
     sizes = {};
@@ -191,7 +228,7 @@ int FormatState::EnumSizes(v4l2_frmsizeenum& sizes) const {
         sizes.stepwise = {kLeastSide, kGreatestSide, 2, kLeastSide, kGreatestSide, 2};
     } else {
         sizes.type = V4L2_FRMSIZE_TYPE_DISCRETE;
-        sizes.discrete = {m_config.sizes[index].width, m_config.sizes[index].height};
+        sizes.discrete = {listed[index].width, listed[index].height};
     }
     return 0;
 }
@@ -202,7 +239,8 @@ int FormatState::EnumIntervals(v4l2_frmivalenum& intervals) const {
         return ENOTTY;
     }
     const Size size{asked.width, asked.height};
-    if (!Offers(asked.pixel_format) || AdjustSize(size) != size || asked.index >= m_config.rates.size()) {
+    if (!Offers(asked.pixel_format) || AdjustSize(asked.pixel_format, size) != size ||
+        asked.index >= RatesOf(asked.pixel_format, size).size()) {
         return EINVAL;
     }
     intervals = {};
@@ -211,7 +249,7 @@ int FormatState::EnumIntervals(v4l2_frmivalenum& intervals) const {
     intervals.width = asked.width;
     intervals.height = asked.height;
     intervals.type = V4L2_FRMIVAL_TYPE_DISCRETE;
-    intervals.discrete = Interval(m_config.rates[asked.index]);
+    intervals.discrete = Interval(RatesOf(asked.pixel_format, size)[asked.index]);
     return 0;
 }
 
@@ -242,13 +280,14 @@ int FormatState::SetParm(v4l2_streamparm& parm, bool is_streaming) {
     }
     if (m_config.rate_support == RateSupport::kSettable) {
         const v4l2_fract asked = parm.parm.capture.timeperframe;
-        Rate chosen = m_config.rates[0];
+        const std::vector<Rate>& rates = RatesOf(m_layout.fourcc, {m_layout.width, m_layout.height});
+        Rate chosen = rates[0];
         if (asked.numerator != 0 && asked.denominator != 0) {
             const auto distance = [&](Rate rate) {
                 return std::abs(double{1} * rate.denominator / rate.numerator -
                                 double{1} * asked.numerator / asked.denominator);
             };
-            chosen = *std::ranges::min_element(m_config.rates, {}, distance);
+            chosen = *std::ranges::min_element(rates, {}, distance);
         }
         if (chosen != m_rate) {
             m_rate = chosen;

@@ -7,6 +7,7 @@
 #include <linux/videodev2.h>
 
 #include <memory>
+#include <vector>
 
 #include "vcam/model/camera_config.h"
 #include "vcam/model/fault_set.h"
@@ -41,11 +42,16 @@ public:
 
 private:
     bool Offers(uint32_t fourcc) const;
-    Size AdjustSize(Size asked) const;
+    // What follows is for a format that is offered.
+    std::vector<Size> SizesOf(uint32_t fourcc) const;
+    Size AdjustSize(uint32_t fourcc, Size asked) const;
+    // A size that is not listed has the rates of the format's first.
+    const std::vector<Rate>& RatesOf(uint32_t fourcc, Size size) const;
     PictureLayout AdjustLayout(const v4l2_pix_format& asked) const;
     void UseLayout(const PictureLayout& layout);
 
     const CameraConfig m_config;
+    const std::vector<uint32_t> m_formats;  // each once, in the order of the modes
     const FaultSet& m_faults;
     Y4mFile m_y4m;
     PictureLayout m_layout;

@@ -52,6 +52,85 @@ TEST(FormatState, ListsItsFormatsInTheGivenOrderAndThenEnds) {
     EXPECT_EQ(state.EnumFormat(format), EINVAL);
 }
 
+// As many USB cameras: compressed pictures are fast, raw ones slow, and raw ones are not there in every size.
+constexpr char kPerFormat[] =
+    "mode=MJPG/1280x720/30:15,mode=YUYV/1280x720/10,mode=YUYV/640x480/30:15,mode=MJPG/1920x1080/30";
+
+// All sizes of a format, as ENUM_FRAMESIZES lists them.
+std::vector<Size> ListedSizes(const FormatState& state, uint32_t fourcc) {
+    std::vector<Size> listed;
+    v4l2_frmsizeenum sizes{};
+    sizes.pixel_format = fourcc;
+    for (; state.EnumSizes(sizes) == 0; ++sizes.index) {
+        listed.push_back({sizes.discrete.width, sizes.discrete.height});
+    }
+    return listed;
+}
+
+// Frames per second of a format and size, as ENUM_FRAMEINTERVALS lists them.
+std::vector<uint32_t> ListedRates(const FormatState& state, uint32_t fourcc, Size size) {
+    std::vector<uint32_t> listed;
+    v4l2_frmivalenum intervals{};
+    intervals.pixel_format = fourcc;
+    intervals.width = size.width;
+    intervals.height = size.height;
+    for (; state.EnumIntervals(intervals) == 0; ++intervals.index) {
+        EXPECT_EQ(intervals.discrete.numerator, 1U);
+        listed.push_back(intervals.discrete.denominator);
+    }
+    return listed;
+}
+
+TEST(FormatState, MayHaveSizesAndRatesPerFormat) {
+    const FormatState state(Configure(kPerFormat), kNoFaults);
+    EXPECT_EQ(ListedSizes(state, V4L2_PIX_FMT_MJPEG), (std::vector<Size>{{1280, 720}, {1920, 1080}}));
+    EXPECT_EQ(ListedSizes(state, V4L2_PIX_FMT_YUYV), (std::vector<Size>{{1280, 720}, {640, 480}}));
+    EXPECT_EQ(ListedSizes(state, V4L2_PIX_FMT_NV12), std::vector<Size>());
+    EXPECT_EQ(ListedRates(state, V4L2_PIX_FMT_MJPEG, {1280, 720}), (std::vector<uint32_t>{30, 15}));
+    EXPECT_EQ(ListedRates(state, V4L2_PIX_FMT_YUYV, {1280, 720}), (std::vector<uint32_t>{10}));
+    EXPECT_EQ(ListedRates(state, V4L2_PIX_FMT_YUYV, {640, 480}), (std::vector<uint32_t>{30, 15}));
+    EXPECT_EQ(ListedRates(state, V4L2_PIX_FMT_MJPEG, {640, 480}), std::vector<uint32_t>());
+    v4l2_fmtdesc format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.index = 1;
+    EXPECT_EQ(state.EnumFormat(format), 0);
+    EXPECT_EQ(format.pixelformat, V4L2_PIX_FMT_YUYV);
+    format.index = 2;
+    EXPECT_EQ(state.EnumFormat(format), EINVAL) << "each format once";
+}
+
+TEST(FormatState, ChoosesASizeThatTheFormatHas) {
+    const v4l2_pix_format pix = Tried(kPerFormat, Format(1920, 1080, V4L2_PIX_FMT_YUYV));
+    EXPECT_EQ((Size{pix.width, pix.height}), (Size{1280, 720}));
+}
+
+TEST(FormatState, KeepsTheRateIfTheNewFormatHasItAndTakesItsFirstOtherwise) {
+    FormatState state(Configure(kPerFormat), kNoFaults);
+    EXPECT_EQ(state.CurrentRate(), (Rate{30, 1}));
+    v4l2_format format = Format(1280, 720, V4L2_PIX_FMT_YUYV);
+    ASSERT_EQ(state.SetFormat(format, false), 0);
+    EXPECT_EQ(state.CurrentRate(), (Rate{10, 1}));
+    format = Format(640, 480, V4L2_PIX_FMT_YUYV);
+    ASSERT_EQ(state.SetFormat(format, false), 0);
+    EXPECT_EQ(state.CurrentRate(), (Rate{30, 1}));
+    v4l2_streamparm parm{};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    parm.parm.capture.timeperframe = {1, 12};
+    ASSERT_EQ(state.SetParm(parm, false), 0);
+    EXPECT_EQ(state.CurrentRate(), (Rate{15, 1})) << "the nearest of this format and size";
+    format = Format(1280, 720, V4L2_PIX_FMT_MJPEG);
+    ASSERT_EQ(state.SetFormat(format, false), 0);
+    EXPECT_EQ(state.CurrentRate(), (Rate{15, 1})) << "this one has it as well";
+}
+
+TEST(FormatState, CutsANameThatIsTooLongBehindAWholeCharacter) {
+    // 30 letters and a character of 2 bytes: 32 bytes do not fit beside the final 0.
+    FormatState state(Configure("card=abcdefghijklmnopqrstuvwxyz0123\u00e4"), kNoFaults);
+    v4l2_capability capability{};
+    ASSERT_EQ(state.QueryCapability(capability, 0), 0);
+    EXPECT_STREQ(reinterpret_cast<const char*>(capability.card), "abcdefghijklmnopqrstuvwxyz0123");
+}
+
 TEST(FormatState, ChoosesTheNearestOfItsSizes) {
     const std::string options = "sizes=640x480:1280x720,adjust=nearest";
     EXPECT_EQ(TriedSize(options, {800, 600}), (Size{640, 480}));

@@ -1,5 +1,6 @@
 #include "vcam/picture/y4m_source.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -32,6 +33,11 @@ Expected<Y4mFile> ReadHeader(std::istream& in) {
             file.width = ParseNumber<unsigned>(value).value_or(0);
         } else if (field[0] == 'H') {
             file.height = ParseNumber<unsigned>(value).value_or(0);
+        } else if (field[0] == 'F') {
+            const size_t colon = std::min(value.find(':'), value.size());
+            file.rate_numerator = ParseNumber<unsigned>(value.substr(0, colon)).value_or(0);
+            file.rate_denominator =
+                colon < value.size() ? ParseNumber<unsigned>(value.substr(colon + 1)).value_or(0) : 0;
         } else if (field[0] == 'C') {
             chroma = value;
         }

@@ -15,6 +15,9 @@ namespace zumod::vcam {
 struct Y4mFile {
     unsigned width = 0;
     unsigned height = 0;
+    // Frames per second, as a fraction; 0/0 if the file does not say.
+    unsigned rate_numerator = 0;
+    unsigned rate_denominator = 0;
     std::vector<PlanarImage> frames;
 
     // Each returns an error of a few words.
