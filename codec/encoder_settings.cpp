@@ -1,11 +1,10 @@
 #include "codec/encoder_settings.h"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <optional>
-#include <string_view>
+#include <string>
 
+#include "codec/setting_keys.h"
 #include "src/module/log.h"
 #include "src/module/runtime.h"
 #include "zumod/ref_ptr.h"
@@ -14,59 +13,30 @@
 namespace zumod {
 namespace {
 
-constexpr int64_t kLowestBitRate = 10'000;
-constexpr int64_t kHighestBitRate = 1'000'000'000;
-constexpr int64_t kLongestKeyInterval = 100'000;
 constexpr int64_t kTwoSeconds = int64_t{2} * kAssumedRate;
 constexpr char kDefaultPreset[] = "ultrafast";
-constexpr std::array<std::string_view, 10> kPresets = {"ultrafast", "superfast", "veryfast", "faster",
-                                                       "fast",      "medium",    "slow",     "slower",
-                                                       "veryslow",  "placebo"};
+constexpr int64_t kDefaultBufferMs = 1000;
+constexpr int64_t kDefaultThreads = 1;
 
-// The host's value for a key. `text` is empty for a value of another kind.
-struct Property {
-    bool present = false;
-    std::optional<std::string> text;
-};
-
-Property ReadProperty(const char* key) {
+// The host's value for a key if it is right. Logs one line if it is wrong.
+std::optional<std::string> RightProperty(const SettingKey& key) {
     // Borrowed from the host: this reference is held only while the value is read.
-    const CRefPtr_T<IZUModData> value(CZUModRuntime::GetInstance()->GetEnvProperty(key));
-    return {value != nullptr, TextOf(value.Get())};
+    const CRefPtr_T<IZUModData> value(CZUModRuntime::GetInstance()->GetEnvProperty(key.name));
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    std::optional<std::string> text = TextOf(value.Get());
+    if (text && IsSettingValue(key, *text)) {
+        return text;
+    }
+    ZuModLog(kLogIgnored, "[zu-codec] %s is wrong, the default is used: %s", key.name,
+             text ? text->c_str() : "no text");
+    return std::nullopt;
 }
 
-void LogWrong(const char* key, const Property& property) {
-    ZuModLog(kLogIgnored, "[zu-codec] %s is wrong, the default is used: %s", key,
-             property.text ? property.text->c_str() : "no text");
-}
-
-int64_t NumberProperty(const char* key, int64_t lowest, int64_t highest, int64_t fallback) {
-    const Property property = ReadProperty(key);
-    if (!property.present) {
-        return fallback;
-    }
-    int64_t number = 0;
-    if (property.text) {
-        const char* end = property.text->data() + property.text->size();
-        const auto [stop, error] = std::from_chars(property.text->data(), end, number);
-        if (error == std::errc() && stop == end && number >= lowest && number <= highest) {
-            return number;
-        }
-    }
-    LogWrong(key, property);
-    return fallback;
-}
-
-std::string PresetProperty() {
-    Property property = ReadProperty(kEnvPreset);
-    if (!property.present) {
-        return kDefaultPreset;
-    }
-    if (property.text && std::find(kPresets.begin(), kPresets.end(), *property.text) != kPresets.end()) {
-        return *property.text;
-    }
-    LogWrong(kEnvPreset, property);
-    return kDefaultPreset;
+int64_t NumberProperty(const SettingKey& key, int64_t fallback) {
+    const std::optional<std::string> text = RightProperty(key);
+    return text ? SettingNumber(key, *text).value_or(fallback) : fallback;
 }
 
 }  // namespace
@@ -74,16 +44,16 @@ std::string PresetProperty() {
 int64_t DefaultBitRate(int width, int height) {
     constexpr int64_t kLowestDefault = 100'000;
     const int64_t rate = int64_t{width} * height * kAssumedRate * 15 / 100;
-    return std::clamp(rate, kLowestDefault, kHighestBitRate);
+    return std::clamp(rate, kLowestDefault, kBitRateKey.highest);
 }
 
 EncoderSettings ReadEncoderSettings(int width, int height) {
     EncoderSettings settings;
-    settings.bit_rate =
-        NumberProperty(kEnvBitRate, kLowestBitRate, kHighestBitRate, DefaultBitRate(width, height));
-    settings.preset = PresetProperty();
-    settings.key_interval =
-        static_cast<int>(NumberProperty(kEnvKeyInterval, 1, kLongestKeyInterval, kTwoSeconds));
+    settings.bit_rate = NumberProperty(kBitRateKey, DefaultBitRate(width, height));
+    settings.preset = RightProperty(kPresetKey).value_or(kDefaultPreset);
+    settings.key_interval = static_cast<int>(NumberProperty(kKeyIntervalKey, kTwoSeconds));
+    settings.buffer_ms = static_cast<int>(NumberProperty(kBufferKey, kDefaultBufferMs));
+    settings.threads = static_cast<int>(NumberProperty(kThreadsKey, kDefaultThreads));
     return settings;
 }
 

@@ -9,11 +9,6 @@
 
 namespace zumod {
 
-// Environment properties of the host, all text, read whenever an encoder is opened.
-inline constexpr char kEnvBitRate[] = "zu.codec.bitrate";     // bits per second
-inline constexpr char kEnvPreset[] = "zu.codec.preset";       // one of the software encoder's presets
-inline constexpr char kEnvKeyInterval[] = "zu.codec.keyint";  // pictures from one key frame to the next
-
 // Pictures per second. The input format record has no frame rate, so the encoder assumes this one.
 inline constexpr int kAssumedRate = 30;
 
@@ -29,12 +24,15 @@ struct EncoderSettings {
     int64_t bit_rate;  // bits per second
     int key_interval;  // pictures
     std::string preset;
+    int buffer_ms;  // the bit rate holds within any time of this length
+    int threads;    // that encode slices of one picture at the same time
 };
 
 // 0.15 bits per pixel, which the fast presets need for a picture without visible blocks.
 int64_t DefaultBitRate(int width, int height);
 
-// A property that is not text, or out of range, is logged in one line and the default is used.
+// The host's values of kSettingKeys. A property that is not text, or out of range, is logged in one line and
+// the default is used.
 EncoderSettings ReadEncoderSettings(int width, int height);
 
 }  // namespace zumod

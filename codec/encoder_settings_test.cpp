@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "codec/setting_keys.h"
 #include "tests/support/doubles/counted_object.h"
 #include "tests/support/doubles/recording_host.h"
 
@@ -28,7 +29,10 @@ TEST_F(EncoderSettingsTest, DependOnTheSizeIfTheHostHasNoProperties) {
     EXPECT_EQ(settings.key_interval, 60) << "two seconds";
     EXPECT_EQ(settings.preset, "ultrafast");
     EXPECT_THAT(host.Lines(), IsEmpty());
-    EXPECT_THAT(host.AskedKeys(), ElementsAre("zu.codec.bitrate", "zu.codec.preset", "zu.codec.keyint"));
+    EXPECT_EQ(settings.buffer_ms, 1000);
+    EXPECT_EQ(settings.threads, 1);
+    EXPECT_THAT(host.AskedKeys(), ElementsAre("zu.codec.bitrate", "zu.codec.preset", "zu.codec.keyint",
+                                              "zu.codec.buffer", "zu.codec.threads"));
 }
 
 TEST_F(EncoderSettingsTest, TheBitRateGrowsWithThePictureBetweenTwoBounds) {
@@ -41,10 +45,14 @@ TEST_F(EncoderSettingsTest, ComeFromTheHostIfItHasThem) {
     SetText("zu.codec.bitrate", "500000");
     SetText("zu.codec.preset", "veryfast");
     SetText("zu.codec.keyint", "15");
+    SetText("zu.codec.buffer", "250");
+    SetText("zu.codec.threads", "2");
     const EncoderSettings settings = ReadEncoderSettings(640, 480);
     EXPECT_EQ(settings.bit_rate, 500000);
     EXPECT_EQ(settings.preset, "veryfast");
     EXPECT_EQ(settings.key_interval, 15);
+    EXPECT_EQ(settings.buffer_ms, 250);
+    EXPECT_EQ(settings.threads, 2);
     EXPECT_THAT(host.Lines(), IsEmpty());
 }
 
@@ -66,6 +74,28 @@ TEST_F(EncoderSettingsTest, AWrongKeyIntervalIsLoggedAndTheDefaultUsed) {
         EXPECT_EQ(ReadEncoderSettings(640, 480).key_interval, 60) << wrong;
         EXPECT_EQ(host.TakeLines().size(), 1U) << wrong;
     }
+}
+
+TEST_F(EncoderSettingsTest, AWrongBufferOrNumberOfThreadsIsLoggedAndTheDefaultUsed) {
+    for (const char* wrong : {"19", "10001", "1 s"}) {
+        SetText("zu.codec.buffer", wrong);
+        EXPECT_EQ(ReadEncoderSettings(640, 480).buffer_ms, 1000) << wrong;
+        EXPECT_EQ(host.TakeLines().size(), 1U) << wrong;
+    }
+    SetText("zu.codec.buffer", "100");
+    for (const char* wrong : {"0", "17", "all"}) {
+        SetText("zu.codec.threads", wrong);
+        EXPECT_EQ(ReadEncoderSettings(640, 480).threads, 1) << wrong;
+        EXPECT_EQ(host.TakeLines().size(), 1U) << wrong;
+    }
+}
+
+TEST(SettingKeys, KnowTheValuesThatTheEncoderUses) {
+    EXPECT_TRUE(IsSettingValue(kPresetKey, "placebo"));
+    EXPECT_FALSE(IsSettingValue(kPresetKey, "warp"));
+    EXPECT_TRUE(IsSettingValue(kBitRateKey, "10000"));
+    EXPECT_FALSE(IsSettingValue(kBitRateKey, "9999"));
+    EXPECT_FALSE(IsSettingValue(kThreadsKey, ""));
 }
 
 TEST_F(EncoderSettingsTest, AWrongPresetIsLoggedAndTheDefaultUsed) {

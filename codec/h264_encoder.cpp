@@ -1,6 +1,9 @@
 #include "codec/h264_encoder.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cinttypes>
+#include <climits>
 
 #include "codec/vaapi_frames.h"
 #include "src/module/log.h"
@@ -11,6 +14,10 @@ extern "C" {
 
 namespace zumod {
 namespace {
+
+int BufferBits(const EncoderSettings& settings) {
+    return static_cast<int>(std::min<int64_t>(settings.bit_rate * settings.buffer_ms / 1000, INT_MAX));
+}
 
 // Allocates the encoder and sets everything that is the same for all of them.
 AvOwner<AVCodecContext> NewContext(const char* encoder, const EncoderShape& shape,
@@ -31,12 +38,14 @@ AvOwner<AVCodecContext> NewContext(const char* encoder, const EncoderShape& shap
     context->framerate = {kAssumedRate, 1};
     context->gop_size = settings.key_interval;
     context->max_b_frames = 0;
-    context->thread_count = 1;
+    // Not one picture per thread, which would delay each picture.
+    context->thread_type = FF_THREAD_SLICE;
+    context->thread_count = settings.threads;
     context->bit_rate = settings.bit_rate;
     if (!policy.file_record) {
-        // The rate holds within every second, so that a channel of this rate never falls behind.
+        // The rate holds within the buffer's time, so that a channel of this rate never falls behind more.
         context->rc_max_rate = settings.bit_rate;
-        context->rc_buffer_size = static_cast<int>(settings.bit_rate);
+        context->rc_buffer_size = BufferBits(settings);
     }
     if (policy.no_stream_header) {
         context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
@@ -60,12 +69,22 @@ AvOwner<AVCodecContext> OpenVaapi(const EncoderShape& shape, const EncoderSettin
     return avcodec_open2(context.get(), context->codec, nullptr) == 0 ? std::move(context) : nullptr;
 }
 
+// The library's look for a device opens every /dev/video*, cameras included, so a look that finds none is the
+// last of the process. Any encode thread reads and writes this; two that open their first encoder at the same
+// time may both look.
+std::atomic<bool> v4l2_missing{false};
+
 AvOwner<AVCodecContext> OpenV4l2(const EncoderShape& shape, const EncoderSettings& settings,
                                  const EncoderPolicy& policy) {
+    if (v4l2_missing.load(std::memory_order_relaxed)) {
+        return nullptr;
+    }
     AvOwner<AVCodecContext> context = NewContext("h264_v4l2m2m", shape, settings, policy);
-    return context != nullptr && avcodec_open2(context.get(), context->codec, nullptr) == 0
-               ? std::move(context)
-               : nullptr;
+    if (context != nullptr && avcodec_open2(context.get(), context->codec, nullptr) == 0) {
+        return context;
+    }
+    v4l2_missing.store(true, std::memory_order_relaxed);
+    return nullptr;
 }
 
 // Null after one log line.

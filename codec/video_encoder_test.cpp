@@ -152,6 +152,39 @@ TEST_F(VideoEncoderTest, NoiseDoesNotBurstTheBitRate) {
     EXPECT_LT(total, 2U * 600000 / 8) << "one second of data, and one of reserve";
 }
 
+TEST_F(VideoEncoderTest, ASmallerBufferMakesTheLargestPictureSmaller) {
+    // Of pictures that suddenly become noise.
+    const auto largest = [&](const char* buffer_ms) {
+        SetText("zu.codec.bitrate", "600000");
+        SetText("zu.codec.buffer", buffer_ms);
+        CreateEncoder({});
+        std::mt19937 random(7);
+        size_t size = 0;
+        for (int i = 0; i < 20; ++i) {
+            TestPicture picture = Paint(kI420, {320, 240});
+            if (i >= 10) {
+                std::generate(picture.bytes.begin(), picture.bytes.end(),
+                              [&] { return static_cast<uint8_t>(96 + random() % 64); });
+            }
+            size = std::max(size, Encode(picture).size());
+        }
+        return size;
+    };
+    EXPECT_LT(2 * largest("50"), largest("1000"));
+}
+
+TEST_F(VideoEncoderTest, EachThreadEncodesASliceOfThePicture) {
+    const auto slices = [&](const char* threads) {
+        SetText("zu.codec.threads", threads);
+        CreateEncoder({});
+        const auto kinds = UnitKinds(Encode(Paint(kI420, {640, 480})));
+        return std::count(kinds.begin(), kinds.end(), 5);
+    };
+    EXPECT_EQ(slices("1"), 1);
+    EXPECT_EQ(slices("2"), 2);
+    EXPECT_EQ(slices("4"), 4);
+}
+
 TEST_F(VideoEncoderTest, ThePresetOfTheHostIsUsed) {
     // The fastest preset has no arithmetic coding; the parameter set says whether it is used.
     const auto parameter_set = [&] {

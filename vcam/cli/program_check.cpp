@@ -93,7 +93,7 @@ std::string FindProgram(const std::string& name) {
     const char* path = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): no thread sets it
     std::istringstream directories(path == nullptr ? "/bin:/usr/bin" : path);
     for (std::string directory; std::getline(directories, directory, ':');) {
-        const std::string file = (directory.empty() ? "." : directory) + "/" + name;
+        std::string file = (directory.empty() ? "." : directory) + "/" + name;
         if (IsRunnable(file)) {
             return file;
         }

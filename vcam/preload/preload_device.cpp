@@ -46,7 +46,7 @@ bool DeviceIoctl(int fd, unsigned long command, void* argument, int& result) {
 
 // Whether the descriptor is a socket, as every descriptor of a virtual camera is.
 bool IsSocket(int fd) {
-    struct stat status;
+    struct stat status {};
     return RawCall(SYS_fstat, fd, Word(&status)) == 0 && S_ISSOCK(status.st_mode);
 }
 
