@@ -28,6 +28,23 @@ VideoInputFormat RecordOf(const VideoOutputFormat& output) {
     return {output.width, output.height, output.stride, bits, output.format};
 }
 
+// Called before libavcodec allocates anything for a new picture size. AVCodecContext::max_pixels would only
+// limit the visible part, which a stream may crop from a much larger picture.
+AVPixelFormat ChooseFormat(AVCodecContext* context, const AVPixelFormat* offered) {
+    const int64_t limit = *static_cast<const int64_t*>(context->opaque);
+    if (int64_t{context->coded_width} * context->coded_height > limit) {
+        ZuModLog(kLogFailure, "[zu-codec] a picture of %dx%d has more than %lld pixels", context->coded_width,
+                 context->coded_height, static_cast<long long>(limit));
+        return AV_PIX_FMT_NONE;
+    }
+    return avcodec_default_get_format(context, offered);
+}
+
+// Whether libavcodec had to guess a part of the picture.
+bool IsDamaged(const AVFrame& frame) {
+    return frame.decode_error_flags != 0 || (frame.flags & AV_FRAME_FLAG_CORRUPT) != 0;
+}
+
 bool IsFullRange(const AVFrame& frame) {
     return frame.color_range == AVCOL_RANGE_JPEG || frame.format == AV_PIX_FMT_YUVJ420P;
 }
@@ -48,11 +65,24 @@ bool CVideoDecoder::QueryInterface(const char* name, void** out) {
 }
 
 bool CVideoDecoder::SetProperty(const char* key, IZUModData* value) {
-    if (key == nullptr || value == nullptr || std::strcmp(key, kPropertyHardware) != 0 ||
-        value->GetType() != kZUModDataBool) {
+    if (key == nullptr || value == nullptr) {
         return false;
     }
-    m_hardware_value = CZUModData::FromBool(value->GetBool());
+    if (std::strcmp(key, kPropertyHardware) == 0 && value->GetType() == kZUModDataBool) {
+        m_hardware_value = CZUModData::FromBool(value->GetBool());
+        return true;
+    }
+    if (std::strcmp(key, kPropertyMaxPixels) == 0 && value->GetType() == kZUModDataInt64) {
+        return SetMaxPixels(value->GetInt64());
+    }
+    return false;
+}
+
+bool CVideoDecoder::SetMaxPixels(int64_t pixels) {
+    if (pixels < 1 || pixels > kMostPixels) {
+        return false;
+    }
+    m_max_pixels = pixels;
     return true;
 }
 
@@ -96,6 +126,7 @@ bool CVideoDecoder::Decode(IReference* args) {
     auto& call = *static_cast<IVDecArgs*>(static_cast<void*>(args));
     if (const int error = Send(call); error < 0) {
         ZuModLog(kLogIgnored, "[zu-codec] decode fail: %s", AvErrorText(error).text);
+        WaitForKeyFrame();
         return false;
     }
     return HandOutFinished(call) > 0;
@@ -115,7 +146,8 @@ bool CVideoDecoder::EnsureOpen() {
     Silence(*context);
     context->thread_count = 1;
     context->flags |= AV_CODEC_FLAG_LOW_DELAY;
-    context->max_pixels = int64_t{kMaxPictureSide} * kMaxPictureSide;
+    context->opaque = &m_max_pixels;
+    context->get_format = ChooseFormat;
     if (avcodec_open2(context.get(), codec, nullptr) < 0) {
         return false;
     }
@@ -147,6 +179,10 @@ int CVideoDecoder::HandOutFinished(IVDecArgs& args) {
     int pictures = 0;
     int error = 0;
     while ((error = avcodec_receive_frame(m_context.get(), m_frame.get())) == 0) {
+        if (IsDamaged(*m_frame)) {
+            error = AVERROR_INVALIDDATA;
+            break;
+        }
         pictures += HandOut(args) ? 1 : 0;
         av_frame_unref(m_frame.get());
     }
@@ -154,8 +190,15 @@ int CVideoDecoder::HandOutFinished(IVDecArgs& args) {
         avcodec_flush_buffers(m_context.get());
     } else if (error != AVERROR(EAGAIN)) {
         ZuModLog(kLogIgnored, "[zu-codec] decode fail: %s", AvErrorText(error).text);
+        WaitForKeyFrame();
     }
     return pictures;
+}
+
+// The following pictures refer to the damaged one: none of them is whole before the next key frame.
+void CVideoDecoder::WaitForKeyFrame() {
+    av_frame_unref(m_frame.get());
+    avcodec_flush_buffers(m_context.get());
 }
 
 bool CVideoDecoder::HandOut(IVDecArgs& args) {

@@ -20,7 +20,7 @@ public:
 
     // Accepts "IVDecoder" in any letter case.
     bool QueryInterface(const char* name, void** out) override;
-    // Accepts kPropertyHardware, which has no effect on this decoder.
+    // Accepts kPropertyMaxPixels, and kPropertyHardware, which has no effect on this decoder.
     bool SetProperty(const char* key, IZUModData* value) override;
     IZUModData* GetProperty(const char* key) override;
 
@@ -30,15 +30,20 @@ public:
     bool Decode(IReference* args) override;
 
 private:
+    static constexpr int64_t kMostPixels = int64_t{kMaxPictureSide} * kMaxPictureSide;
+
+    bool SetMaxPixels(int64_t pixels);
     bool EnsureOpen();
     int Send(IVDecArgs& args);
     // Returns how many finished pictures were handed to the caller.
     int HandOutFinished(IVDecArgs& args);
+    void WaitForKeyFrame();
     bool HandOut(IVDecArgs& args);
     bool Convert(const VideoOutputFormat& output, VideoDecodedPicture& picture);
     bool CopyToScreen(const VideoOutputFormat& output, VideoDecodedPicture& picture);
 
     VideoOutputFormat m_output{};
+    int64_t m_max_pixels = kMostPixels;
     uint8_t* const m_screen_buffer;
     AvOwner<AVCodecContext> m_context;
     AvOwner<AVPacket> m_packet;

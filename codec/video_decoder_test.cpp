@@ -11,6 +11,8 @@
 #include "tests/support/doubles/codec_calls.h"
 #include "tests/support/doubles/picture_pattern.h"
 #include "tests/support/doubles/recording_host.h"
+#include "tests/support/wire/hostile_frames.h"
+#include "zumod/values.h"
 
 namespace zumod::testing {
 namespace {
@@ -196,6 +198,51 @@ TEST_F(VideoDecoderTest, DamagedBytesAreLoggedAndTheNextKeyFrameIsDecoded) {
     EXPECT_GE(PsnrAfterDecoding(Stream(pattern), pattern), 36.0);
 }
 
+TEST_F(VideoDecoderTest, APictureOfWhichAPartIsMissingIsNotPassedOn) {
+    EXPECT_EQ(Decode(kUsualPicture + kFirstMacroblocks), 0);
+    EXPECT_THAT(host.TakeLines(), ElementsAre(kInvalidData));
+}
+
+TEST_F(VideoDecoderTest, AfterADamagedPictureTheNextOneIsAKeyFrame) {
+    EXPECT_EQ(Decode(Stream(pattern)), 1);
+    auto cut = Stream({320, 240, 8});
+    cut.resize(cut.size() / 2);
+    EXPECT_EQ(Decode(cut), 0);
+    EXPECT_EQ(Decode(Stream({320, 240, 16})), 0) << "refers to the damaged picture";
+    encoder = CRefPtr_T<CVideoEncoder>(new CVideoEncoder({}));
+    EXPECT_EQ(Decode(Stream(pattern)), 1);
+}
+
+TEST_F(VideoDecoderTest, APictureWithMorePixelsThanTheLimitIsRefused) {
+    const auto limit = CZUModData::FromInt64(int64_t{640} * 480);
+    ASSERT_TRUE(decoder->SetProperty("zu.codec.property.max.pixels", limit.Get()));
+    for (const auto& picture : {kHugePicture, kHugePictureCropped}) {
+        EXPECT_EQ(Decode(picture + kFirstMacroblocks), 0);
+        const auto lines = host.TakeLines();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines[0], (LogLine{4, "[zu-codec] a picture of 16000x16000 has more than 307200 pixels"}));
+    }
+    EXPECT_GE(PsnrAfterDecoding(Stream(pattern), pattern), 36.0);
+    // Also in the middle of a stream.
+    EXPECT_EQ(Decode(kHugePicture + kFirstMacroblocks), 0);
+}
+
+TEST_F(VideoDecoderTest, TheLimitOfPixelsMayChangeAndMustBeInRange) {
+    EXPECT_EQ(Decode(Stream(pattern)), 1);
+    for (const int64_t wrong : {int64_t{0}, int64_t{-1}, int64_t{268435457}, INT64_MAX}) {
+        EXPECT_FALSE(
+            decoder->SetProperty("zu.codec.property.max.pixels", CZUModData::FromInt64(wrong).Get()));
+    }
+    EXPECT_FALSE(decoder->SetProperty("zu.codec.property.max.pixels", CZUModData::FromBool(true).Get()));
+    EXPECT_TRUE(decoder->SetProperty("zu.codec.property.max.pixels", CZUModData::FromInt64(76799).Get()));
+    encoder = CRefPtr_T<CVideoEncoder>(new CVideoEncoder({}));
+    const Pattern larger{352, 288};
+    EXPECT_EQ(Decode(Stream(larger)), 0);
+    EXPECT_TRUE(decoder->SetProperty("zu.codec.property.max.pixels", CZUModData::FromInt64(101376).Get()));
+    encoder = CRefPtr_T<CVideoEncoder>(new CVideoEncoder({}));
+    EXPECT_EQ(Decode(Stream(larger)), 1);
+}
+
 TEST_F(VideoDecoderTest, WithoutArgumentsOrBytesThereIsNoPicture) {
     EXPECT_FALSE(decoder->Decode(nullptr));
     EXPECT_THAT(host.TakeLines(), ElementsAre(LogLine{2, "[zu-codec] decode without arguments"}));
@@ -237,6 +284,11 @@ TEST_F(VideoDecoderTest, ADamagedStreamDoesNoHarm) {
     int decoded = 0;
     for (int round = 0; round < 200; ++round) {
         for (auto damaged : stream) {
+            // Without a whole key frame nothing is decoded.
+            if (round % 2 == 0 && damaged == stream[0]) {
+                decoded += Decode(damaged);
+                continue;
+            }
             for (int i = 0; i < 3; ++i) {
                 damaged.at(random() % damaged.size()) = static_cast<uint8_t>(random());
             }

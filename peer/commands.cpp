@@ -1,5 +1,6 @@
 #include "peer/commands.h"
 
+#include <algorithm>
 #include <string>
 
 #include "peer/printed_text.h"
@@ -55,11 +56,20 @@ std::span<const Command> Commands() {
 }
 
 Expected<Session> CommandContext::Connect() const {
-    auto connection = options.exec.empty() ? Connection::ToSocket(options.socket, options.limit)
+    auto connection = options.exec.empty() ? Connection::ToSocket(options.socket, waiter, options.limit)
                                            : Connection::ToCommand(options.exec);
     return std::move(connection).map([this](Connection&& made) {
         return Session(std::move(made), waiter, options.limit);
     });
+}
+
+uint64_t MostPixels(const PeerOptions& options, PictureSize requested) {
+    constexpr uint64_t kAlways = uint64_t{1920} * 1088;
+    constexpr uint64_t kWithoutSize = uint64_t{3840} * 2176;
+    const auto four_times = [](PictureSize size) { return 4 * uint64_t{size.width} * size.height; };
+    // A default size comes from the host's list.
+    const uint64_t pixels = std::min(four_times(requested), kWithoutSize);
+    return std::max({pixels, options.size ? four_times(*options.size) : 0, kAlways});
 }
 
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera) {
@@ -70,7 +80,7 @@ Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, Vi
                                                PictureSize (*choose_size)(const PeerOptions&,
                                                                           const CameraEntry&)) {
     const PeerOptions& options = context.options;
-    auto decoder = PictureDecoder::Create(options.modules, target);
+    auto decoder = PictureDecoder::Create(options.modules, target, context.waiter, options.limit);
     if (!decoder) {
         return Fail(decoder.error());
     }
@@ -87,6 +97,9 @@ Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, Vi
         return Fail(camera.error());
     }
     const PictureSize size = choose_size(options, *camera);
+    if (auto limited = decoder->LimitPixels(MostPixels(options, size)); !limited) {
+        return Fail(limited.error());
+    }
     auto view = std::make_unique<CameraView>(CameraView{
         std::move(*decoder), std::move(*session), std::move(*listed), std::move(*camera), size, {}});
     auto opened = OpenedCamera::Open(view->session, view->camera, size, options.fps);

@@ -41,6 +41,10 @@ std::span<const Command> Commands();
 // The size of --size, otherwise the default for the camera.
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera);
 
+// The most pixels of a picture that are decoded. A host may choose another size than the requested one, up to
+// four times its pixels, and always up to 1920x1088; without --size at most 3840x2176.
+uint64_t MostPixels(const PeerOptions& options, PictureSize requested);
+
 // The camera of the command line, open, and a decoder for its frames. It is closed with the object.
 struct CameraView {
     PictureDecoder decoder;

@@ -5,10 +5,10 @@
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 
@@ -20,14 +20,10 @@ namespace {
 
 // How long a command may take to exit by itself, and then after SIGTERM.
 constexpr auto kExitGracePeriod = std::chrono::seconds(2);
+constexpr auto kConnectInterval = std::chrono::milliseconds(50);
 
 void SetNonBlocking(int descriptor) {
     fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
-}
-
-timeval TimeValue(Clock::duration duration) {
-    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
-    return {us / 1000000, us % 1000000};
 }
 
 struct Pipe {
@@ -83,22 +79,25 @@ std::string FailureText(int status) {
 
 }  // namespace
 
-Expected<Connection> Connection::ToSocket(const std::string& path, Clock::duration limit) {
+Expected<Connection> Connection::ToSocket(const std::string& path, Waiter& waiter, Clock::duration limit) {
     const std::string shown = SafeText(path);
     const auto address = UnixAddress::FromPath(path);
     if (!address) {
         return Fail("the path of the socket is too long: " + shown);
     }
-    UniqueFd socket = NewUnixSocket();
-    // connect() waits, too, if many processes wait for the host.
-    const timeval time = TimeValue(limit);
-    setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
-    if (address->Connect(socket) != 0) {
-        const std::string reason =
-            errno == EAGAIN ? "not accepted within " + SecondsText(limit) : ErrnoText(errno);
-        return Fail("no connection to " + shown + ": " + reason);
+    UniqueFd socket = NewUnixSocket(SOCK_NONBLOCK);
+    const auto deadline = Clock::now() + limit;
+    while (address->Connect(socket) != 0) {
+        const int error = errno;
+        // Too many processes wait for the host. No descriptor reports that one of them got its turn.
+        if (error != EAGAIN || Clock::now() >= deadline) {
+            return Fail("no connection to " + shown + ": " +
+                        (error == EAGAIN ? "not accepted within " + SecondsText(limit) : ErrnoText(error)));
+        }
+        if (const auto waited = waiter.Wait(std::min(deadline, Clock::now() + kConnectInterval)); !waited) {
+            return Fail(waited.error());
+        }
     }
-    SetNonBlocking(socket.Get());
     return Connection(std::move(socket), UniqueFd(), -1);
 }
 

@@ -16,7 +16,8 @@ namespace zumod::peer {
 
 class Connection {
 public:
-    static Expected<Connection> ToSocket(const std::string& path, Clock::duration limit);
+    // `waiter` is used only in the call.
+    static Expected<Connection> ToSocket(const std::string& path, Waiter& waiter, Clock::duration limit);
     // Run by "sh -c". Its standard error is this program's.
     static Expected<Connection> ToCommand(const std::string& command);
 

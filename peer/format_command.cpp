@@ -32,7 +32,7 @@ public:
             if (!received) {
                 return Fail(received.error());
             }
-            if (!*received) {
+            if (!*received || Clock::now() >= deadline) {
                 return Fail("no picture of " + CameraLabel(m_camera) + " came within " +
                             SecondsText(m_session.Limit()) + since);
             }
@@ -78,9 +78,12 @@ private:
             m_changed = true;
         } else if (const auto* frame = std::get_if<FrameMessage>(&message)) {
             if (frame->id == m_camera.id && !frame->bytes.empty()) {
-                m_decoder.Decode(frame->bytes, [&](const VideoDecodedPicture& picture) {
+                const auto decoded = m_decoder.Decode(frame->bytes, [&](const VideoDecodedPicture& picture) {
                     size = {static_cast<uint32_t>(picture.width), static_cast<uint32_t>(picture.height)};
                 });
+                if (!decoded) {
+                    return Fail(decoded.error());
+                }
             }
         }
         return size;

@@ -1,4 +1,7 @@
 // zu-camera-peer: uses the cameras that a host lends.
+#include <unistd.h>
+
+#include <cstdio>
 #include <exception>
 
 #include "common/process_setup.h"
@@ -35,5 +38,10 @@ int main(int argc, char** argv) {
     // The libraries return their failures, which this program reports in its own words.
     av_log_set_level(AV_LOG_QUIET);
     const auto result = zumod::peer::Run(argc, argv);
-    return result ? 0 : zumod::ReportError("zu-camera-peer", result.error());
+    const int status = result ? 0 : zumod::ReportError("zu-camera-peer", result.error());
+    if (zumod::peer::PictureDecoder::LeftAThread()) {
+        std::fflush(nullptr);
+        _exit(status);
+    }
+    return status;
 }

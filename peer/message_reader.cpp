@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string_view>
 #include <utility>
+
+#include "common/safe_text.h"
 
 namespace zumod::peer {
 namespace {
@@ -65,6 +68,22 @@ const MessageKind* KindOf(uint8_t type) {
 }
 
 }  // namespace
+
+std::string Greeting(std::span<const uint8_t> first) {
+    constexpr size_t kLongestGreeting = 60;
+    const auto header = first.first(std::min(first.size(), sizeof(_MESSAGE_HEADER)));
+    if (header.empty() || std::ranges::find(header, 0) != header.end()) {
+        return {};
+    }
+    std::string_view text(reinterpret_cast<const char*>(first.data()), first.size());
+    text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
+    text = text.substr(0, text.find_first_of("\r\n"));
+    const bool cut = text.size() > kLongestGreeting;
+    std::string quoted = "'";
+    quoted += SafeText(text.substr(0, kLongestGreeting));
+    quoted += cut ? "\u2026'" : "'";
+    return quoted;
+}
 
 Expected<void> MessageReader::Feed(std::span<const uint8_t> bytes, std::vector<Message>& messages) {
     while (m_state && !bytes.empty()) {

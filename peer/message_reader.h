@@ -43,6 +43,11 @@ using Message = std::variant<CameraListMessage, StateMessage, FrameMessage, Vers
 
 inline constexpr size_t kLargestFrame = size_t{64} << 20;
 
+// The first line of text in `first`, the first bytes from the other end, safe for a terminal and in quotes.
+// Empty if they are the beginning of a message: the bytes 5 to 7 of one are zero. The greeting of a login is
+// not a message, for example.
+std::string Greeting(std::span<const uint8_t> first);
+
 class MessageReader {
 public:
     // Accepts bytes in pieces of any size, and appends the messages that they complete. Messages of types

@@ -56,6 +56,25 @@ TEST(MessageReader, ReadsAConversationSplitAtAnyByte) {
     }
 }
 
+std::string GreetingIn(const std::string& text) {
+    return Greeting(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+}
+
+TEST(Greeting, IsTheFirstLineOfText) {
+    EXPECT_EQ(GreetingIn("\r\n  Welcome to desk\r\nToday: rain\n"), "'Welcome to desk'");
+    EXPECT_EQ(GreetingIn("no"), "'no'");
+    EXPECT_EQ(GreetingIn("\x1b[2Jred alert"), "'\\x1b[2Jred alert'");
+    EXPECT_EQ(GreetingIn(std::string(61, 'x')), "'" + std::string(60, 'x') + "\u2026'");
+    EXPECT_EQ(GreetingIn("\n\n"), "''");
+}
+
+TEST(Greeting, IsNotInTheBeginningOfAMessage) {
+    for (size_t size = 0; size <= kConversation.size(); ++size) {
+        EXPECT_EQ(Greeting(std::span(kConversation).first(size)), "") << size;
+    }
+    EXPECT_EQ(Greeting(Bytes{255, 255, 255, 255, 2, 0, 0, 0}), "");
+}
+
 TEST(MessageReader, ReadsAConversationByteByByte) {
     MessageReader reader;
     std::vector<Message> messages;

@@ -156,6 +156,15 @@ TEST(PeerOptions, SayWhatIsWrong) {
               "--size: takes WIDTHxHEIGHT, not \"big\" (see --help)");
 }
 
+TEST(MostPixels, AllowAHostASizeOfItsChoice) {
+    PeerOptions options;
+    EXPECT_EQ(MostPixels(options, {640, 480}), 1920U * 1088);
+    EXPECT_EQ(MostPixels(options, {1280, 720}), 4U * 1280 * 720);
+    EXPECT_EQ(MostPixels(options, {16384, 16384}), 3840U * 2176);
+    options.size = PictureSize{16384, 16384};
+    EXPECT_EQ(MostPixels(options, {640, 480}), 4U * 16384 * 16384);
+}
+
 TEST(PeerOptions, ExplainThemselves) {
     const std::string help = Help({"--help"});
     for (const char* word : {"--socket", "--exec", "--timeout", "Exit status"}) {

@@ -56,43 +56,56 @@ TEST(PngWriter, FailsIfAPictureCannotBeWritten) {
     EXPECT_FALSE(EncodePng(picture));
 }
 
-TEST(PictureDecoder, DecodesACamerasFrame) {
+class PictureDecoderTest : public ::testing::Test {
+protected:
+    Expected<PictureDecoder> Create(const char* directory, VideoTargetFormat target) {
+        return PictureDecoder::Create(directory, target, m_waiter, std::chrono::seconds(60));
+    }
+
+private:
+    Waiter m_waiter;
+};
+
+TEST_F(PictureDecoderTest, DecodesACamerasFrame) {
     testing::EncodedStream stream(320, 240);
-    PictureDecoder decoder = PictureDecoder::Create(ZU_MODULE_DIR, kVideoTargetBgr32).value();
+    PictureDecoder decoder = Create(ZU_MODULE_DIR, kVideoTargetBgr32).value();
     int pictures = 0;
-    EXPECT_TRUE(decoder.Decode(stream.Next(0, 0), [&](const VideoDecodedPicture& picture) {
-        ++pictures;
-        EXPECT_EQ(picture.width, 320);
-        EXPECT_EQ(picture.height, 240);
-        EXPECT_FALSE(EncodePng(picture).value().empty());
-    }));
+    EXPECT_TRUE(decoder
+                    .Decode(stream.Next(0, 0),
+                            [&](const VideoDecodedPicture& picture) {
+                                ++pictures;
+                                EXPECT_EQ(picture.width, 320);
+                                EXPECT_EQ(picture.height, 240);
+                                EXPECT_FALSE(EncodePng(picture).value().empty());
+                            })
+                    .value());
     EXPECT_EQ(pictures, 1);
 }
 
-TEST(PictureDecoder, WaitsForAKeyFrameAlsoAfterARestart) {
+TEST_F(PictureDecoderTest, WaitsForAKeyFrameAlsoAfterARestart) {
     testing::EncodedStream stream(320, 240);
     const Bytes key = stream.Next(0, 0);
     const Bytes second = stream.Next(1, 0);
     const auto nothing = [](const VideoDecodedPicture&) {};
-    PictureDecoder decoder = PictureDecoder::Create(ZU_MODULE_DIR, kVideoTargetI420).value();
-    EXPECT_FALSE(decoder.Decode(second, nothing));
-    EXPECT_FALSE(decoder.Decode(Bytes(500, 0x55), nothing));
-    EXPECT_TRUE(decoder.Decode(key, nothing));
-    EXPECT_TRUE(decoder.Decode(second, nothing));
+    PictureDecoder decoder = Create(ZU_MODULE_DIR, kVideoTargetI420).value();
+    EXPECT_FALSE(decoder.Decode(second, nothing).value());
+    EXPECT_FALSE(decoder.Decode(Bytes(500, 0x55), nothing).value());
+    EXPECT_TRUE(decoder.Decode(key, nothing).value());
+    EXPECT_TRUE(decoder.Decode(second, nothing).value());
     EXPECT_TRUE(decoder.Restart());
-    EXPECT_FALSE(decoder.Decode(second, nothing));
+    EXPECT_FALSE(decoder.Decode(second, nothing).value());
 }
 
-TEST(PictureDecoder, PassesAnExceptionOfTheCallbackOnAndStaysUsable) {
+TEST_F(PictureDecoderTest, PassesAnExceptionOfTheCallbackOnAndStaysUsable) {
     testing::EncodedStream stream(320, 240);
-    PictureDecoder decoder = PictureDecoder::Create(ZU_MODULE_DIR, kVideoTargetI420).value();
+    PictureDecoder decoder = Create(ZU_MODULE_DIR, kVideoTargetI420).value();
     const auto failing = [](const VideoDecodedPicture&) { throw std::bad_alloc(); };
     EXPECT_THROW(decoder.Decode(stream.Next(0, 0), failing), std::bad_alloc);
-    EXPECT_TRUE(decoder.Decode(stream.Next(1, 0), [](const VideoDecodedPicture&) {}));
+    EXPECT_TRUE(decoder.Decode(stream.Next(1, 0), [](const VideoDecodedPicture&) {}).value());
 }
 
-TEST(PictureDecoder, SaysWhereItLookedForTheModule) {
-    const auto decoder = PictureDecoder::Create("/nonexistent", kVideoTargetI420);
+TEST_F(PictureDecoderTest, SaysWhereItLookedForTheModule) {
+    const auto decoder = Create("/nonexistent", kVideoTargetI420);
     ASSERT_FALSE(decoder);
     EXPECT_EQ(decoder.error().text,
               "no decoder from zu-codec.so in /nonexistent (see --modules): "

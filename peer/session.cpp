@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <iterator>
@@ -41,6 +42,12 @@ Expected<void> Session::Send(const std::vector<uint8_t>& bytes) {
 }
 
 Expected<std::optional<ReceivedMessage>> Session::Receive(Clock::time_point deadline) {
+    if (!m_messages.empty()) {
+        // A caller that is slow on every message must notice a signal before the last one.
+        if (const auto looked = m_waiter.Wait(Clock::time_point()); !looked) {
+            return Fail(looked.error());
+        }
+    }
     const auto registration = m_waiter.Watch(m_connection.Input(), POLLIN, [this] { OnReadable(); });
     while (m_messages.empty()) {
         if (!m_failure.empty()) {
@@ -76,16 +83,26 @@ void Session::OnReadable() {
         m_closed = true;
         m_failure = "the host closed the connection";
         m_failure += m_reader.InMessage() ? " in the middle of a message" : "";
+        ReplaceFailureByGreeting();
         return;
     }
+    const auto kept = std::min(static_cast<size_t>(count), kGreetingSize - m_first_bytes.size());
+    m_first_bytes.insert(m_first_bytes.end(), buffer.begin(), buffer.begin() + kept);
     const auto now = Clock::now();
     std::vector<Message> messages;
     const auto fed = m_reader.Feed(std::span(buffer).first(static_cast<size_t>(count)), messages);
     if (!fed) {
         m_failure = "the host sent " + fed.error().text;
+        ReplaceFailureByGreeting();
     }
     for (Message& message : messages) {
         m_messages.push_back({std::move(message), now});
+    }
+}
+
+void Session::ReplaceFailureByGreeting() {
+    if (const std::string greeting = Greeting(m_first_bytes); !greeting.empty()) {
+        m_failure = "what answered is not a camera host: " + greeting;
     }
 }
 

@@ -47,15 +47,19 @@ public:
 
 private:
     static constexpr size_t kReadSize = 65536;
+    static constexpr size_t kGreetingSize = 512;
 
     // Reads once, without blocking.
     void OnReadable();
+    // If what came first is not a message, that is the failure.
+    void ReplaceFailureByGreeting();
     Error EndOfMessages();
 
     Connection m_connection;
     Waiter& m_waiter;
     const Clock::duration m_limit;
     MessageReader m_reader;
+    std::vector<uint8_t> m_first_bytes;  // at most kGreetingSize
     std::deque<ReceivedMessage> m_messages;
     bool m_closed = false;  // by the host
     std::string m_failure;  // reported when no message is left; empty while more may arrive

@@ -22,8 +22,11 @@ Expected<Png> FirstPicture(CameraView& view) {
         }
         ++frames;
         std::optional<Expected<Png>> png;
-        view.decoder.Decode((*frame)->bytes,
-                            [&](const VideoDecodedPicture& picture) { png = EncodePng(picture); });
+        const auto decoded = view.decoder.Decode(
+            (*frame)->bytes, [&](const VideoDecodedPicture& picture) { png = EncodePng(picture); });
+        if (!decoded) {
+            return Fail(decoded.error());
+        }
         if (png) {
             return *png;
         }

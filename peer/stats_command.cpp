@@ -78,14 +78,12 @@ private:
         if (frame == nullptr || !m_watch.IsOurs(frame->id) || frame->bytes.empty()) {
             return {};
         }
-        auto done = Perform(m_watch.OnFrame(received.at));
-        Measure(*frame);
-        return done;
+        return Perform(m_watch.OnFrame(received.at)).and_then([&] { return Measure(*frame); });
     }
 
-    void Measure(const FrameMessage& frame) {
+    Expected<void> Measure(const FrameMessage& frame) {
         m_meter.AddFrame(frame.bytes.size());
-        const bool decoded = m_view.decoder.Decode(frame.bytes, [&](const VideoDecodedPicture& picture) {
+        const auto decoded = m_view.decoder.Decode(frame.bytes, [&](const VideoDecodedPicture& picture) {
             const auto now = Clock::now();
             m_size = {static_cast<uint32_t>(picture.width), static_cast<uint32_t>(picture.height)};
             if (const auto stamp = ReadStamp(picture.planes[0], static_cast<size_t>(picture.strides[0]),
@@ -94,9 +92,11 @@ private:
                                  now);
             }
         });
-        if (!decoded) {
-            m_meter.AddUndecoded();
-        }
+        return decoded.map([this](bool any) {
+            if (!any) {
+                m_meter.AddUndecoded();
+            }
+        });
     }
 
     Expected<void> Perform(const CameraWatch::Actions& actions) {

@@ -19,6 +19,11 @@ enum VideoTargetFormat : int64_t {
     kVideoTargetBgr32 = 2,  // one plane: blue, green, red and an unused byte
 };
 
+// Integer property of a decoder, 1 to 268435456: the most pixels of a picture, counted in whole macroblocks
+// of 16x16 and without cropping. A larger picture is refused before memory is allocated for it, with one log
+// line of level kLogFailure. Without the property the limit is 268435456.
+inline constexpr char kPropertyMaxPixels[] = "zu.codec.property.max.pixels";
+
 // The argument of IVDecoder's slot 10, SetOutputFormat, borrowed for the call. SetOutputFormat returns 1 if
 // decoded pictures will have this format, or 0 if it refuses and changes nothing. Without the call pictures
 // have the stream's size and the format of the policy.
@@ -63,7 +68,8 @@ static_assert(sizeof(VideoDecodedPicture) == 56);
 // 20, Decode. The decoder keeps no reference beyond the call.
 //
 // Decode returns true if it passed at least one picture to OnPicture. It returns false if there was none: the
-// bytes are damaged (one log line), or the decoder needs more.
+// bytes are damaged (one log line), or the decoder needs more. A picture of which a part is missing is not
+// passed on, and neither are those after it up to the next key frame.
 class IVDecArgs : public virtual IReference {
 public:
     // Slots 2, 3: see reference.h.
