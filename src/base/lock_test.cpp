@@ -35,6 +35,27 @@ TEST(MutexLock, IsATablePointerAndAMutex) {
     EXPECT_EQ(sizeof(CMutexLock), 8 + sizeof(pthread_mutex_t));
 }
 
+// Leaves bytes of 0xFF where KindOfANewLock and the constructor it calls have their variables.
+[[gnu::noinline]] void FillStack() {
+    volatile unsigned char bytes[4096];
+    for (volatile unsigned char& byte : bytes) {
+        byte = 0xFF;
+    }
+}
+
+[[gnu::noinline]] int KindOfANewLock() {
+    volatile int space[256];
+    space[0] = 0;
+    const CMutexLock lock;
+    const char* const mutex = reinterpret_cast<const char*>(&lock) + 8;
+    return reinterpret_cast<const pthread_mutex_t*>(mutex)->__data.__kind + space[0];
+}
+
+TEST(MutexLock, IsRecursiveForAnyContentOfTheStack) {
+    FillStack();
+    EXPECT_EQ(KindOfANewLock(), PTHREAD_MUTEX_RECURSIVE);
+}
+
 TEST(MutexLock, LockedTwiceByOneThreadIsFreeAfterTheSecondUnlock) {
     CMutexLock lock;
     [&]() ZU_NO_THREAD_SAFETY_ANALYSIS {
