@@ -37,6 +37,17 @@ TEST_F(CaptureTest, AStartAndAStopMakeTheseCallsInThisOrder) {
     EXPECT_EQ(devices.Calls(), StartCalls() + Calls{"select video0 timeout=1.000000"} + StopCalls());
 }
 
+TEST_F(CaptureTest, ADeviceMayBeOpenedAsDescriptor0) {
+    devices.SetCamera(0, Nv12Camera());
+    devices.SetFirstDescriptor(0);
+    devices.After(DeviceCall::kClose, [this] { devices.SetFirstDescriptor(0); });
+    LinuxV4L2CameraCapture capture;
+    ASSERT_TRUE(capture.startCapture());
+    ASSERT_TRUE(WaitForSelect());
+    capture.stopCapture();
+    EXPECT_EQ(devices.Calls(), StartCalls() + kWait + StopCalls());
+}
+
 TEST_F(CaptureTest, AStartAndAStopLogTheseLines) {
     devices.SetCamera(0, Nv12Camera());
     LinuxV4L2CameraCapture capture;
