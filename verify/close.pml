@@ -10,7 +10,7 @@
 //
 // Mirrors
 // src/bridge/camera_client_linux.cpp CCameraClientLinux::OperationGuard::OperationGuard 7913d60a45b7
-// src/bridge/camera_client_linux.cpp CCameraClientLinux::OnCaptureFrame 93f9813e5098
+// src/bridge/camera_client_linux.cpp CCameraClientLinux::OnCaptureFrame 85c985f1e60f
 // src/bridge/camera_client_linux.cpp CCameraClientLinux::LockForFrame 467f8780c656
 // src/bridge/camera_client_linux.cpp CCameraClientLinux::Open 56ef6409415d
 // src/bridge/camera_client_linux.cpp CCameraClientLinux::Close d0361059a802

@@ -22,7 +22,7 @@
 //
 // Mirrors
 // src/plugin/send_queue.h SemaphoreUse 8fb44c7025a7
-// src/plugin/send_queue.cpp CSendQueue::Enqueue 652f903648f2
+// src/plugin/send_queue.cpp CSendQueue::Enqueue 66a67f1d2b71
 // src/plugin/send_queue.cpp CSendQueue::Take 03b7d6fd69d9
 // src/plugin/send_queue.cpp CSendQueue::Close 16b2d028b9cc
 // src/plugin/send_queue.cpp CSendQueue::Reset 9f43a2dde2b9

@@ -12,7 +12,7 @@
 //
 // Mirrors
 // src/bridge/camera_client_linux.cpp CCameraClientLinux::OperationGuard::OperationGuard 7913d60a45b7
-// src/bridge/camera_client_linux.cpp CCameraClientLinux::OnCaptureFrame 93f9813e5098
+// src/bridge/camera_client_linux.cpp CCameraClientLinux::OnCaptureFrame 85c985f1e60f
 // src/bridge/camera_client_linux.cpp CCameraClientLinux::LockForFrame 467f8780c656
 // src/bridge/camera_client_linux.cpp CCameraClientLinux::HandleFrame f7bf93588a5e
 // src/bridge/camera_client_linux.cpp CCameraClientLinux::AdoptRequestedSize 8297eaa51ac8

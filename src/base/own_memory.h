@@ -9,6 +9,7 @@
 #pragma once
 
 #include <new>
+#include <string>
 
 #include "src/base/lock.h"
 
@@ -25,6 +26,11 @@ auto Allocate(Step step) ZU_NO_THREAD_SAFETY_ANALYSIS {
     } catch (const std::bad_alloc&) {
         throw OutOfMemory();
     }
+}
+
+// Copies a text of a host object. A null text becomes an empty one. Throws OutOfMemory.
+inline std::string CopyText(const char* text) {
+    return Allocate([text] { return std::string(text != nullptr ? text : ""); });
 }
 
 }  // namespace zumod

@@ -1,9 +1,9 @@
 #include "src/bridge/camera_client_linux.h"
 
 #include <chrono>
-#include <new>
 #include <optional>
 
+#include "src/base/own_memory.h"
 #include "src/bridge/input_format.h"
 #include "src/bridge/venc_args.h"
 #include "src/capture/pixel_formats.h"
@@ -94,8 +94,8 @@ void CCameraClientLinux::OnCaptureFrame(const unsigned char* data, unsigned long
     if (LockForFrame()) {
         try {
             HandleFrame(data, length, width, height, fourcc);
-        } catch (const std::bad_alloc&) {
-            // Out of memory: the frame is dropped. This thread has no caller that could handle it.
+        } catch (const OutOfMemory&) {
+            // The frame is dropped. What the codec or a host object throws ends the process.
         }
         m_lock.Unlock();
     }
@@ -157,7 +157,7 @@ void CCameraClientLinux::AdoptRequestedSize() {
 void CCameraClientLinux::Encode(const VideoInputFormat& format, const unsigned char* data,
                                 unsigned long length) {
     m_encoder->SetInputFormat(&format);
-    const CRefPtr_T<CVEncArgs> args(new CVEncArgs(data, length));
+    const auto args = Allocate([data, length] { return CRefPtr_T<CVEncArgs>(new CVEncArgs(data, length)); });
     if (m_encoder->Encode(args.Get())) {
         m_listener->OnVideoPacket(m_camera_id, args->GetOutputData(), args->GetOutputSize());
     } else {

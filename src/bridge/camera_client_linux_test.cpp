@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -16,6 +18,7 @@
 #include <vector>
 
 #include "src/base/create_buffer.h"
+#include "src/bridge/venc_args.h"
 #include "tests/support/doubles/device_double.h"
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/doubles/recording_host.h"
@@ -389,6 +392,28 @@ TEST_F(CameraClientLinux, AnEncoderThatPreparedNoOutputYieldsAnEmptyFrame) {
     codec.Record().prepares_output = false;
     Frame();
     EXPECT_EQ(listener.Packets(), (std::vector<Packet>{{0, ""}}));
+}
+
+TEST_F(CameraClientLinux, AFrameWithoutMemoryIsDropped) {
+    client->SetListener(&listener);
+    for (const size_t size : {sizeof(CZUModData), sizeof(CVEncArgs)}) {
+        CallWatch watch;
+        watch.Fail(CallWatch::_Znwm, size);
+        Frame();
+        EXPECT_TRUE(listener.Packets().empty()) << size;
+    }
+    Frame();
+    EXPECT_EQ(listener.Packets(), (std::vector<Packet>{{0, "code"}}));
+}
+
+// The capture thread has no caller for it, and a frame that is dropped in silence would hide the fault.
+TEST_F(CameraClientLinux, WhatTheSinkThrowsDuringAFrameIsNotCaught) {
+    client->SetListener(&listener);
+    const auto frame_with_a_failing_sink = [&] {
+        host.OnLineWith("detect encode size change", [] { throw std::bad_alloc(); });
+        std::thread([&] { Frame(); }).join();
+    };
+    EXPECT_EXIT(frame_with_a_failing_sink(), ::testing::KilledBySignal(SIGABRT), "bad_alloc");
 }
 
 TEST_F(CameraClientLinux, WithoutACodecModuleAFrameIsDroppedAndTheNextOneTriesAgain) {

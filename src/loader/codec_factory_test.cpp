@@ -3,16 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "src/base/own_memory.h"
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/process/captured_stdout.h"
 #include "tests/support/process/test_modules.h"
+#include "tests/support/watch/call_watch.h"
 #include "tests/support/watch/mappings.h"
 #include "zumod/policies.h"
 #include "zumod/values.h"
@@ -21,6 +24,7 @@ namespace zumod {
 namespace {
 
 using testing::CallSlot;
+using testing::CallWatch;
 using testing::CodecProbe;
 using testing::CodecRecord;
 using testing::LogLine;
@@ -104,6 +108,32 @@ TEST_F(CodecFactoryTest, TheEncodersPolicyHasExactlySevenKeys) {
                         "zu.codec.policy.enc.file.record", "zu.codec.policy.enc.no.stream.header",
                         "zu.codec.policy.enc.rapid.sub", "zu.codec.policy.enc.source.rgb",
                         "zu.codec.policy.imagetype", "zu.module.interface.name", "zu.module.version"}));
+}
+
+// The codec passes it on, and the caller can tell it from the codec's own lack of memory.
+TEST_F(CodecFactoryTest, APolicyWithoutMemoryForACopyThrowsOutOfMemory) {
+    record.keep_policy = true;
+    const auto encoder = CreateVideoEncoder(9, false, false, false, true);
+    IZUModCreatePolicy* const policy = record.last_policy;
+    {
+        CallWatch watch;
+        watch.Fail(CallWatch::_Znwm, sizeof(CZUModData));
+        EXPECT_THROW(policy->GetPolicy("zu.module.version"), OutOfMemory);
+    }
+    const CRefPtr_T<IZUModData> version(policy->GetPolicy("zu.module.version"));
+    EXPECT_EQ(IntegerOf(version.Get()), 281474976710658);
+}
+
+TEST_F(CodecFactoryTest, WithoutMemoryForAPolicyThereIsNoObject) {
+    const auto create_encoder = [] { CreateVideoEncoder(9, false, false, false, true); };
+    const auto create_decoder = [] { CreateVideoDecoder(9, 0, 0); };
+    for (const std::function<void()>& create :
+         {std::function<void()>(create_encoder), std::function<void()>(create_decoder)}) {
+        CallWatch watch;
+        watch.Fail(CallWatch::_Znwm, sizeof(CZUModData));
+        EXPECT_THROW(create(), OutOfMemory);
+    }
+    EXPECT_EQ(host.Lines(), Lines{});
 }
 
 TEST_F(CodecFactoryTest, TheFactoryKeepsNoReferenceToThePolicyOrItsValues) {

@@ -1,5 +1,6 @@
 #include "src/loader/module_path.h"
 
+#include "src/base/own_memory.h"
 #include "src/module/log.h"
 #include "src/module/runtime.h"
 #include "zumod/ref_ptr.h"
@@ -11,7 +12,7 @@ namespace {
 // The text of one of the host's properties; a property of another kind counts as missing.
 std::string EnvText(const char* key) {
     const CRefPtr_T<IZUModData> value(CZUModRuntime::GetInstance()->GetEnvProperty(key));
-    return TextOf(value.Get()).value_or(std::string());
+    return CopyText(CharactersOf(value.Get()));
 }
 
 }  // namespace
@@ -20,16 +21,12 @@ std::string ZuModGetModulePath(const char* name, bool usePerModuleDir) {
     std::string path = EnvText(kEnvModulesDir);
     if (usePerModuleDir) {
         // Required by the contract: no fallback to the general directory.
-        path = EnvText((std::string(kEnvModulesDir) + "_" + name).c_str());
+        path = EnvText(Allocate([name] { return std::string(kEnvModulesDir) + "_" + name; }).c_str());
     }
     if (path.empty()) {
         ZuModLog(kLogIgnored, "[zumod] get module dir fail");
-    } else {
-        path += '/';
     }
-    path += name;
-    path += ".so";
-    return path;
+    return Allocate([&path, name] { return path + (path.empty() ? "" : "/") + name + ".so"; });
 }
 
 }  // namespace zumod

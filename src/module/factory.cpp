@@ -20,8 +20,7 @@ uint64_t MajorVersion(uint64_t version) {
 // A missing name reads as an empty text.
 std::string RequestedName(IZUModCreatePolicy& policy) {
     const CRefPtr_T<IZUModData> value(policy.GetPolicy(kPolicyInterfaceName));
-    const char* name = CharactersOf(value.Get());
-    return Allocate([name] { return std::string(name != nullptr ? name : ""); });
+    return CopyText(CharactersOf(value.Get()));
 }
 
 int Create(IZUModCreatePolicy* props, IZUModInterface** out) {

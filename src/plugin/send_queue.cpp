@@ -6,6 +6,8 @@
 #include <ctime>
 #include <utility>
 
+#include "src/base/own_memory.h"
+
 namespace zumod {
 namespace {
 
@@ -55,7 +57,7 @@ CSendQueue::~CSendQueue() {
 void CSendQueue::Enqueue(CRefPtr_T<IBuffer> message) {
     // Everything that may throw comes before a slot is taken.
     std::list<CRefPtr_T<IBuffer>> link;
-    link.push_back(std::move(message));
+    Allocate([&] { link.push_back(std::move(message)); });
     const std::optional<uint64_t> generation =
         WaitInUse([this] { return RetryOnInterrupt([this] { return sem_wait(&m_free_slots); }); });
     if (!generation) {
