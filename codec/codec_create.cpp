@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <new>
 #include <string>
 
 #include "codec/video_decoder.h"
@@ -49,9 +50,7 @@ int CreateDecoder(IZUModCreatePolicy& policy, IZUModInterface** out) {
     return 1;
 }
 
-}  // namespace
-
-int codec_create(IZUModCreatePolicy* policy, IZUModInterface** out) {
+int Create(IZUModCreatePolicy* policy, IZUModInterface** out) {
     if (policy == nullptr || out == nullptr) {
         ZuModLog(kLogFailure, "[zu-codec] create refused, invalid parameter");
         return 0;
@@ -77,6 +76,16 @@ int codec_create(IZUModCreatePolicy* policy, IZUModInterface** out) {
     }
     KeepLibavcodecLoaded();
     return encoder ? CreateEncoder(*policy, out) : CreateDecoder(*policy, out);
+}
+
+}  // namespace
+
+int codec_create(IZUModCreatePolicy* policy, IZUModInterface** out) {
+    try {
+        return Create(policy, out);
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
 }
 
 }  // namespace zumod

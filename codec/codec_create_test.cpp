@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <new>
+
 #include "tests/support/doubles/codec_calls.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/turkish_strcasecmp.h"
@@ -133,6 +135,16 @@ TEST_F(CodecCreateTest, RefusesACallWithoutAPolicyOrASlot) {
     EXPECT_EQ(codec_create(encoder.Get(), nullptr), 0);
     const LogLine line{4, "[zu-codec] create refused, invalid parameter"};
     EXPECT_THAT(host.Lines(), ElementsAre(line, line));
+}
+
+TEST_F(CodecCreateTest, RefusesACallThatRunsOutOfMemory) {
+    class PolicyWithoutMemory final : public Counted<IZUModCreatePolicy> {
+    public:
+        using Counted::Counted;
+        IZUModData* GetPolicy(const char*) override { throw std::bad_alloc(); }
+    };
+    const CRefPtr_T<PolicyWithoutMemory> policy(new PolicyWithoutMemory(ledger));
+    EXPECT_EQ(Create(policy.Get()), nullptr);
 }
 
 TEST_F(CodecCreateTest, AnObjectHasOnlyTheInterfaceOfItsName) {

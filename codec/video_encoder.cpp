@@ -1,6 +1,7 @@
 #include "codec/video_encoder.h"
 
 #include <cstring>
+#include <new>
 
 #include "src/module/log.h"
 #include "zumod/values.h"
@@ -20,8 +21,12 @@ bool CVideoEncoder::SetProperty(const char* key, IZUModData* value) {
         value->GetType() != kZUModDataBool) {
         return false;
     }
-    m_hardware_allowed = value->GetBool();
-    m_hardware_value = CZUModData::FromBool(m_hardware_allowed);
+    try {
+        m_hardware_value = CZUModData::FromBool(value->GetBool());
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    m_hardware_allowed = m_hardware_value->GetBool();
     return true;
 }
 
@@ -44,15 +49,23 @@ int CVideoEncoder::SetInputFormat(const VideoInputFormat* format) {
 }
 
 bool CVideoEncoder::Encode(IVEncArgs* args) {
-    PictureLayout layout{};
     if (args == nullptr) {
         ZuModLog(kLogIgnored, "[zu-codec] encode without arguments");
         return false;
     }
-    if (!LayOutInput(*args, layout) || !EnsureOpen(layout)) {
+    try {
+        return EncodeArgs(*args);
+    } catch (const std::bad_alloc&) {
         return false;
     }
-    const auto* bytes = static_cast<const uint8_t*>(args->GetInputData());
+}
+
+bool CVideoEncoder::EncodeArgs(IVEncArgs& args) {
+    PictureLayout layout{};
+    if (!LayOutInput(args, layout) || !EnsureOpen(layout)) {
+        return false;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(args.GetInputData());
     int error = EncodePicture(layout, bytes);
     if (error < 0 && error != AVERROR(EAGAIN) && m_encoder.IsHardware()) {
         ZuModLog(kLogIgnored, "[zu-codec] the hardware encoder fails, the software encoder is used: %s",
@@ -69,7 +82,7 @@ bool CVideoEncoder::Encode(IVEncArgs* args) {
         }
         return false;
     }
-    return HandOut(*args);
+    return HandOut(args);
 }
 
 bool CVideoEncoder::LayOutInput(IVEncArgs& args, PictureLayout& layout) {

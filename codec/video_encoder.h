@@ -26,10 +26,12 @@ public:
 
     // Stores the record; Encode checks it against the picture. Returns 1, or 0 if `format` is null.
     int SetInputFormat(const VideoInputFormat* format) override;
-    // Logs one line on failure, except that a hardware encoder with no bytes yet returns false silently.
+    // Logs one line on failure. Returns false silently if a hardware encoder has no bytes yet, or memory runs
+    // out.
     bool Encode(IVEncArgs* args) override;
 
 private:
+    bool EncodeArgs(IVEncArgs& args);
     // Computes the layout of the call's picture; false if the record and the bytes do not describe one.
     bool LayOutInput(IVEncArgs& args, PictureLayout& layout);
     bool EnsureOpen(const PictureLayout& layout);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -20,6 +21,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::SizeIs;
 
 const std::vector<uint32_t> kAllFormats = {kNv12, kNv21, kI420, kYv12, kYuy2, 0};
@@ -318,6 +320,13 @@ TEST_F(VideoEncoderTest, IfNoHardwareOpensOneLineIsLoggedAndTheSoftwareEncodes) 
                             OpenedLine("320x240", "345600")));
     Encode(Paint(kNv12, {640, 480}));
     EXPECT_THAT(host.Lines(), ElementsAre(OpenedLine("640x480", "1382400"))) << "not tried again";
+}
+
+TEST_F(VideoEncoderTest, IfMemoryRunsOutThePictureFailsAndTheNextIsEncoded) {
+    const TestPicture picture = Paint(kI420, {64, 48, 0});
+    host.OnLineWith("[zu-codec] encode 64x48", [] { throw std::bad_alloc(); });
+    EXPECT_THAT(Encode(picture), IsEmpty());
+    EXPECT_THAT(Encode(picture), Not(IsEmpty()));
 }
 
 TEST_F(VideoEncoderTest, NothingIsPrinted) {
