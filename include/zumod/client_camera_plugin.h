@@ -49,7 +49,8 @@ public:
 
     // Slot 7 [any thread except the module's own, not during Run]. Closes every camera and ends the plugin's
     // threads, within about 500 ms; waits for a Write in progress, however long the stream takes. On the send
-    // thread it logs one line and does nothing else. Returns 0.
+    // thread it logs one line and does nothing else. Returns 0. What a host object throws goes on to the
+    // caller, after all cameras and threads have ended.
     virtual int ExitInstance() = 0;
 
     // Slots 8 and 9, reserved. Return 0.

@@ -279,12 +279,14 @@ TEST_F(BadInput, ACameraThatThrowsWhileItIsClosedIsNotOpen) {
     EXPECT_EQ(CameraScript().alive, 0);
 }
 
-TEST_F(BadInput, ACameraThatThrowsInExitInstanceIsNotOpen) {
+TEST_F(BadInput, ACameraThatThrowsInExitInstanceIsNotOpenAndTheSendThreadEnds) {
+    const auto threads = testing::CountThreads();
     Serve(OpenBytes(7));
     Serve(OpenBytes(8));
     CameraScript().throws_in = "Close()";
     EXPECT_THROW(plugin->ExitInstance(), std::runtime_error);
     EXPECT_EQ(CameraScript().alive, 0);
+    EXPECT_TRUE(testing::ThreadsComeTo(threads));
     CameraScript().throws_in.clear();
     EXPECT_EQ(plugin->ExitInstance(), 0);
 }

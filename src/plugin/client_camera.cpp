@@ -60,10 +60,17 @@ int ClientCamera::ExitInstance() {
         ZuModLog(kLogFailure, "[cameraclient] ExitInstance ignored, called on the send thread");
         return 0;
     }
-    ZuModLog(kLogEvent, "[cameraclient] ExitInstance");
-    ZuModLog(kLogTrace, "[cameraclient] start to clear devs");
-    CloseAllCameras();
-    ZuModLog(kLogTrace, "[cameraclient] start to stop send thread");
+    try {
+        ZuModLog(kLogEvent, "[cameraclient] ExitInstance");
+        ZuModLog(kLogTrace, "[cameraclient] start to clear devs");
+        CloseAllCameras();
+        ZuModLog(kLogTrace, "[cameraclient] start to stop send thread");
+    } catch (...) {
+        // The host's log sink has thrown. Destroying a camera stops its capture too.
+        m_devs.clear();
+        m_send_thread->Stop();
+        throw;
+    }
     m_send_thread->Stop();
     ZuModLog(kLogTrace, "[cameraclient] ExitInstance finish");
     return 0;
@@ -231,14 +238,9 @@ void ClientCamera::CloseCamera(uint32_t id) {
 }
 
 void ClientCamera::CloseAllCameras() {
-    try {
-        for (const auto& [id, camera] : m_devs) {
-            const CRefPtr_T<IClientCamera> held = camera;
-            held->Close();
-        }
-    } catch (...) {
-        m_devs.clear();
-        throw;
+    for (const auto& [id, camera] : m_devs) {
+        const CRefPtr_T<IClientCamera> held = camera;
+        held->Close();
     }
     // Required by the contract: released in id order. clear() would release in tree order.
     while (!m_devs.empty()) {

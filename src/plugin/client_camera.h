@@ -73,7 +73,7 @@ private:
     bool OpenCamera(IClientCamera& camera, const FormatRequest& request);
     // Closes and forgets the camera, if it is open.
     void CloseCamera(uint32_t id);
-    // Forgets every camera even if the host's log sink throws while one is closed.
+    // Closes, then forgets every camera. If the host's log sink throws, the caller clears m_devs.
     void CloseAllCameras();
 
     // Returns a buffer of exactly `size` bytes, all in use, or null if memory runs out.

@@ -14,6 +14,7 @@
 #include "tests/support/doubles/client_camera_double.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/watch/process_state.h"
 #include "tests/support/watch/wait_until.h"
 #include "tests/support/wire/camera_messages.h"
 
@@ -22,12 +23,14 @@ namespace {
 
 using testing::Bytes;
 using testing::CameraScript;
+using testing::CountThreads;
 using testing::FrameBytes;
 using testing::kVersionReplyBytes;
 using testing::kVersionRequestBytes;
 using testing::LogLine;
 using testing::OpenBytes;
 using testing::ScriptedStream;
+using testing::ThreadsComeTo;
 using testing::WaitUntil;
 using testing::operator+;
 
@@ -218,12 +221,13 @@ TEST_F(ClientCameraTest, ExitInstanceClosesCamerasInIdOrderThenReleasesThem) {
                                                   {8, "[cameraclient] ExitInstance finish"}}));
 }
 
-TEST_F(ClientCameraTest, AnExceptionOfTheSinkLeavesExitInstanceAtAnyLineAndTheNextOneFinishes) {
+TEST_F(ClientCameraTest, AnExceptionOfTheSinkLeavesExitInstanceAfterCamerasAndSendThreadHaveEnded) {
     for (const char* line :
          {"[cameraclient] ExitInstance", "[cameraclient] start to clear devs",
           "[cameraclient] finish to clear devs", "[cameraclient] start to stop send thread",
           "[cameraclient] ExitInstance finish"}) {
         SCOPED_TRACE(line);
+        const auto threads = CountThreads();
         Connect(OpenBytes(7));
         plugin->Run();
         EXPECT_EQ(CameraScript().alive, 1);
@@ -234,9 +238,10 @@ TEST_F(ClientCameraTest, AnExceptionOfTheSinkLeavesExitInstanceAtAnyLineAndTheNe
         });
         EXPECT_THROW(plugin->ExitInstance(), std::runtime_error);
         host.OnLine(nullptr);
+        EXPECT_EQ(CameraScript().alive, 0);
+        EXPECT_TRUE(ThreadsComeTo(threads));
         std::thread([] { ZuModLog(kLogTrace, "not locked"); }).join();
         EXPECT_EQ(plugin->ExitInstance(), 0);
-        EXPECT_EQ(CameraScript().alive, 0);
     }
 }
 
