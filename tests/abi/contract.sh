@@ -212,9 +212,11 @@ case "${1:-}" in
         cat <<'TEXT'
 # The binary contract: what hosts and codecs that were built elsewhere depend on. Written by tests/abi/contract.sh and
 # reviewed line by line. A slot below 0 holds an offset to or of a virtual base; "IClientCameraPlugin+8" is the table of
-# the base that begins at byte 8.
+# the base that begins at byte 8. GLIBCXX_3.4.30 is the run-time checks of _GLIBCXX_ASSERTIONS, which are worth needing
+# the libstdc++ of GCC 12; without them it would be 3.4.29.
 TEXT
-        # Interfaces inside the camera module whose tables the contract states.
+        # Interfaces inside the camera module whose tables the contract states. ILockItem and ICObjectMonitor are not
+        # among them: no pointer to one leaves the module. lock_test.cpp and object_monitor_test.cpp call their slots.
         inner=(src/base/buffer.h src/base/mem_alloctor.h src/bridge/camera_client.h)
         print_headers "$root/include"
         print_binary "$1/zu-client-camera.so"
