@@ -72,7 +72,8 @@ const MessageKind* KindOf(uint8_t type) {
 std::string Greeting(std::span<const uint8_t> first) {
     constexpr size_t kLongestGreeting = 60;
     const auto header = first.first(std::min(first.size(), sizeof(_MESSAGE_HEADER)));
-    if (header.empty() || std::ranges::find(header, 0) != header.end()) {
+    const auto is_text = [](uint8_t byte) { return byte >= '\t' && (byte < 0x0E || byte > 0x1A); };
+    if (header.empty() || !std::ranges::all_of(header, is_text)) {
         return {};
     }
     std::string_view text(reinterpret_cast<const char*>(first.data()), first.size());
