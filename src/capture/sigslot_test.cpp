@@ -259,17 +259,21 @@ TEST_F(SigslotTest, ADestroyedHolderIsDisconnectedFromAllItsSignals) {
     EXPECT_EQ(journal, (Journal{"gone again", "gone again"}));
 }
 
-// Counts the locks that are held.
+// Counts the locks that are held, and how often one was taken.
 class CountingPolicy {
 public:
     virtual ~CountingPolicy() = default;
-    virtual void lock() { ++locks; }
+    virtual void lock() {
+        ++locks;
+        ++taken;
+    }
     virtual void unlock() { --locks; }
     int locks = 0;
+    int taken = 0;
 };
+using CountingSignal = sigslot::signal5<Data, unsigned long, int, int, int, CountingPolicy>;
 
 TEST_F(SigslotTest, SlotsRunUnderThePolicysLock) {
-    using CountingSignal = sigslot::signal5<Data, unsigned long, int, int, int, CountingPolicy>;
     struct Slot : has_slots<CountingPolicy> {
         void OnFrame(Data, unsigned long, int, int, int) { seen = signal->locks; }
         CountingSignal* signal = nullptr;
@@ -282,6 +286,27 @@ TEST_F(SigslotTest, SlotsRunUnderThePolicysLock) {
     counting(nullptr, 0, 0, 0, 0);
     EXPECT_EQ(slot.seen, 1);
     EXPECT_EQ(counting.locks, 0);
+}
+
+TEST_F(SigslotTest, EachSideTakesItsLockOnceForAChangeOfItsConnections) {
+    struct Slot : has_slots<CountingPolicy> {
+        void OnFrame(Data, unsigned long, int, int, int) {}
+    };
+    CountingSignal counting;
+    Slot slot;
+    counting.connect(&slot, &Slot::OnFrame);
+    EXPECT_EQ(counting.taken, 1);
+    EXPECT_EQ(slot.taken, 1);
+    Slot copy(slot);  // copies the count too
+    EXPECT_EQ(counting.taken, 2);
+    EXPECT_EQ(copy.taken, 2);
+    copy.disconnect_all();
+    EXPECT_EQ(counting.taken, 3);
+    EXPECT_EQ(copy.taken, 3);
+    counting.disconnect_all();
+    EXPECT_EQ(counting.taken, 4);
+    EXPECT_EQ(slot.taken, 2);
+    EXPECT_EQ(counting.locks + slot.locks + copy.locks, 0);
 }
 
 // The vtables, slot by slot.
