@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <climits>
 
+#include "codec/setting_keys.h"
 #include "codec/vaapi_frames.h"
 #include "src/module/log.h"
 
@@ -162,9 +163,20 @@ bool H264Encoder::Accept(AvOwner<AVCodecContext> context, const EncoderShape& sh
         return false;
     }
     m_context = std::move(context);
+    m_bit_rate = m_context->rc_max_rate;
+    m_buffer_bits = m_context->rc_buffer_size;
     m_shape = shape;
     m_is_hardware = is_hardware;
     return true;
+}
+
+void H264Encoder::HalveBitRate(int halvings) {
+    if (m_is_hardware || m_bit_rate == 0) {
+        return;
+    }
+    // libx264 compares these with its own before every picture.
+    m_context->bit_rate = m_context->rc_max_rate = std::max(m_bit_rate >> halvings, kBitRateKey.lowest);
+    m_context->rc_buffer_size = static_cast<int>(m_buffer_bits * m_context->bit_rate / m_bit_rate);
 }
 
 int H264Encoder::Encode(AVFrame& picture) {

@@ -27,6 +27,9 @@ public:
     bool OpenHardware(const EncoderShape& shape, const EncoderSettings& settings,
                       const EncoderPolicy& policy);
     void Close();
+    // Halves the bit rate this often, from the next picture on; 0 restores it. Hardware, and an encoder of
+    // constant quality, keep their rate.
+    void HalveBitRate(int halvings);
 
     bool IsOpen() const { return m_context != nullptr; }
     bool IsHardware() const { return m_is_hardware; }
@@ -51,6 +54,9 @@ private:
     EncoderShape m_shape{};
     bool m_is_hardware = false;
     int64_t m_picture_number = 0;
+    // As it was opened.
+    int64_t m_bit_rate = 0;
+    int m_buffer_bits = 0;
 };
 
 }  // namespace zumod

@@ -66,6 +66,7 @@ bool CVideoEncoder::EncodeArgs(IVEncArgs& args) {
         return false;
     }
     const auto* bytes = static_cast<const uint8_t*>(args.GetInputData());
+    FollowLine();
     int error = EncodePicture(layout, bytes);
     if (error < 0 && error != AVERROR(EAGAIN) && m_encoder.IsHardware()) {
         ZuModLog(kLogIgnored, "[zu-codec] the hardware encoder fails, the software encoder is used: %s",
@@ -131,6 +132,16 @@ bool CVideoEncoder::OpenFor(const PictureLayout& layout) {
                                                                  m_encoder.StreamHeaderSize()))
                           : nullptr;
     return open;
+}
+
+LineFollower::Duration CVideoEncoder::SystemNow() {
+    return std::chrono::duration_cast<LineFollower::Duration>(
+        std::chrono::steady_clock::now().time_since_epoch());
+}
+
+void CVideoEncoder::FollowLine() {
+    m_follower.OnPicture(m_now());
+    m_encoder.HalveBitRate(m_follower.Halvings());
 }
 
 // 0 when the encoder's packet holds the picture, otherwise an error number.

@@ -6,6 +6,7 @@
 
 #include "codec/encoder_settings.h"
 #include "codec/h264_encoder.h"
+#include "codec/line_follower.h"
 #include "codec/picture_layout.h"
 #include "codec/picture_source.h"
 #include "zumod/codec.h"
@@ -15,7 +16,11 @@ namespace zumod {
 
 class CVideoEncoder final : public CCounted_T<IVEncoder> {
 public:
-    explicit CVideoEncoder(const EncoderPolicy& policy) : m_policy(policy) {}
+    // A clock that only rises.
+    using Now = LineFollower::Duration (*)();
+
+    explicit CVideoEncoder(const EncoderPolicy& policy, Now now = &SystemNow)
+        : m_policy(policy), m_now(now) {}
 
     // Accepts "IVEncoder" in any letter case.
     bool QueryInterface(const char* name, void** out) override;
@@ -32,6 +37,9 @@ public:
 
 private:
     bool EncodeArgs(IVEncArgs& args);
+    static LineFollower::Duration SystemNow();
+    // Reports this call to m_follower and encodes with as many bits as it says.
+    void FollowLine();
     // Computes the layout of the call's picture; false if the record and the bytes do not describe one.
     bool LayOutInput(IVEncArgs& args, PictureLayout& layout);
     bool EnsureOpen(const PictureLayout& layout);
@@ -40,6 +48,8 @@ private:
     bool HandOut(IVEncArgs& args);
 
     const EncoderPolicy m_policy;
+    const Now m_now;
+    LineFollower m_follower;
     VideoInputFormat m_record{};
     bool m_hardware_allowed = false;
     bool m_hardware_failed = false;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <new>
 #include <random>
@@ -35,8 +36,13 @@ class VideoEncoderTest : public LoggingTest {
 protected:
     VideoEncoderTest() { CreateEncoder({.source_rgb = true}); }
 
+    // The encoder's clock: each picture comes this much after the one before.
+    static constexpr std::chrono::microseconds kCameraInterval{33'333};
+    static inline std::chrono::microseconds now{0};
+    static inline std::chrono::microseconds interval = kCameraInterval;
+
     void CreateEncoder(const EncoderPolicy& policy) {
-        encoder = CRefPtr_T<CVideoEncoder>(new CVideoEncoder(policy));
+        encoder = CRefPtr_T<CVideoEncoder>(new CVideoEncoder(policy, [] { return now += interval; }));
     }
     std::vector<uint8_t> Encode(const TestPicture& picture) {
         return Encoded(*encoder, picture.record, picture.bytes);
@@ -173,6 +179,33 @@ TEST_F(VideoEncoderTest, ASmallerBufferMakesTheLargestPictureSmaller) {
         return size;
     };
     EXPECT_LT(2 * largest("50"), largest("1000"));
+}
+
+TEST_F(VideoEncoderTest, GapsBetweenCallsHalveTheBitsForAWhile) {
+    SetText("zu.codec.bitrate", "600000");
+    CreateEncoder({});
+    std::mt19937 random(7);
+    TestPicture picture = Paint(kI420, {320, 240});
+    const auto bytes_of = [&](int count) {
+        size_t bytes = 0;
+        for (int i = 0; i < count; ++i) {
+            std::generate(picture.bytes.begin(), picture.bytes.end(),
+                          [&] { return static_cast<uint8_t>(112 + random() % 32); });
+            bytes += Encode(picture).size();
+        }
+        return bytes;
+    };
+    bytes_of(48);
+    const size_t before = bytes_of(24);
+    interval = 2 * kCameraInterval;
+    bytes_of(8);
+    interval = kCameraInterval;
+    bytes_of(16);
+    const size_t slow = bytes_of(24);
+    bytes_of(120);
+    const size_t after = bytes_of(24);
+    EXPECT_LT(slow, before * 7 / 10);
+    EXPECT_GT(after, before * 9 / 10);
 }
 
 TEST_F(VideoEncoderTest, EachThreadEncodesASliceOfThePicture) {
