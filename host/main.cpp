@@ -53,14 +53,14 @@ Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
 }
 
 // `closed`: the first standard descriptor that the program was started without, or -1.
-Expected<CRefPtr_T<PeerStream>> TakeStandardStreams(int closed) {
+Expected<std::unique_ptr<PeerStream>> TakeStandardStreams(int closed) {
     if (closed == STDIN_FILENO || closed == STDOUT_FILENO) {
         return Fail(closed == STDIN_FILENO ? "standard input is closed" : "standard output is closed");
     }
     return PeerStream::FromStandardStreams();
 }
 
-Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_streams, HostLog& log,
+Expected<void> Serve(const HostOptions& options, std::unique_ptr<PeerStream> standard_streams, HostLog& log,
                      Waiter& waiter) {
     CameraModule module;
     if (auto loaded = module.Load(); !loaded) {
@@ -82,12 +82,10 @@ Expected<void> Serve(const HostOptions& options, CRefPtr_T<PeerStream> standard_
         return started;
     }
     if (options.stdio) {
-        ServeOnePeer(std::move(standard_streams), module, waiter);
-    } else {
-        log.Print(std::string(kProgram) + ": listening on " + options.listen +
-                  ", cameras are listed on request");
-        ServePeers(*listener, module, log, waiter);
+        return ServeOnePeer(std::move(standard_streams), module, log, waiter);
     }
+    log.Print(std::string(kProgram) + ": listening on " + options.listen + ", cameras are listed on request");
+    ServePeers(*listener, options.peers, module, log, waiter);
     return {};
 }
 
@@ -97,7 +95,7 @@ Expected<void> Run(HostOptions options, int closed, HostLog& log) {
         return Fail("signals cannot be received: " + ErrnoText(errno));
     }
     Waiter waiter(&signals);
-    CRefPtr_T<PeerStream> standard_streams;
+    std::unique_ptr<PeerStream> standard_streams;
     if (options.stdio) {
         auto taken = TakeStandardStreams(closed);
         if (!taken) {

@@ -3,14 +3,16 @@
 #include <vector>
 
 #include "common/command_line.h"
+#include "common/parse_number.h"
 #include "host/host_log.h"
 
 namespace zumod::host {
 namespace {
 
+constexpr size_t kMostPeers = 256;
 constexpr char kDescription[] =
-    "Lends this machine's cameras to a peer: loads the camera module and serves peers one\n"
-    "after another, or the one at standard input and output.";
+    "Lends this machine's cameras to peers: loads the camera module and serves the peers at a\n"
+    "socket, or the one at standard input and output.";
 constexpr char kFooter[] =
     "SIGINT, SIGTERM and SIGHUP close every camera and end the program with status 0.\n"
     "Exit status: 0 done, 1 a failure, 2 wrong options.";
@@ -24,6 +26,13 @@ std::string CheckLevel(const std::string& text) {
     return LevelsUpTo(text) ? "" : "takes error, warning, info or trace, not \"" + text + "\"";
 }
 
+std::string CheckPeers(const std::string& text) {
+    const auto number = ParseNumber<size_t>(text);
+    return number && *number >= 1 && *number <= kMostPeers
+               ? ""
+               : "takes a number from 1 to " + std::to_string(kMostPeers) + ", not \"" + text + "\"";
+}
+
 }  // namespace
 
 Expected<HostOptions> ParseOptions(int count, const char* const* words) {
@@ -34,10 +43,13 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
     app.footer(kFooter);
     AddHelpAndVersion(app);
     app.add_option("--listen", options.listen,
-                   "Serve peers one after another at this Unix socket. Its directory is created, for this "
-                   "user only, if it does not exist")
+                   "Serve peers at this Unix socket. Its directory is created, for this user only, if it "
+                   "does not exist")
         ->type_name("PATH")
         ->check(NotEmpty("path"));
+    app.add_option("--peers", options.peers, "How many peers are served at once, at most; without it 16")
+        ->type_name("N")
+        ->check(CLI::Validator(CheckPeers, ""));
     app.add_flag("--stdio", options.stdio,
                  "Serve the one peer at standard input and output, and end with it");
     AddModulesOption(app, options.modules, "zu-client-camera.so and zu-codec.so");

@@ -35,6 +35,16 @@ TEST(HostOptions, AListeningHostShowsInfoAndAboveAndFindsItsModulesByItself) {
     EXPECT_EQ(options.modules, "");
     EXPECT_TRUE(options.properties.empty());
     EXPECT_EQ(options.log_levels, 7U);
+    EXPECT_EQ(options.peers, 16U);
+}
+
+TEST(HostOptions, TheNumberOfPeersIsFrom1To256) {
+    EXPECT_EQ(Options({"--listen", "x", "--peers", "1"}).peers, 1U);
+    EXPECT_EQ(Options({"--listen", "x", "--peers", "256"}).peers, 256U);
+    for (const char* wrong : {"0", "257", "-1", "many", "1.5", ""}) {
+        EXPECT_EQ(Mistake({"--listen", "x", "--peers", wrong}),
+                  "--peers: takes a number from 1 to 256, not \"" + std::string(wrong) + "\" (see --help)");
+    }
 }
 
 TEST(HostOptions, EveryPropertyIsKeptAndTheLastValueOfAKeyWins) {
@@ -78,8 +88,8 @@ TEST(HostOptions, HelpNamesEveryOptionAndTheBitsOfTheLevels) {
     const auto help = Parse({"--help"});
     ASSERT_FALSE(help);
     EXPECT_EQ(help.error().status, 0);
-    for (const char* part : {"--listen", "--stdio", "--modules", "--env", "--log-level", "--version",
-                             "level bit 4", "bit 2", "bit 1", "bit 8"}) {
+    for (const char* part : {"--listen", "--peers", "--stdio", "--modules", "--env", "--log-level",
+                             "--version", "level bit 4", "bit 2", "bit 1", "bit 8"}) {
         EXPECT_NE(help.error().text.find(part), std::string::npos) << part;
     }
 }

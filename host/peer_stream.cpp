@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,8 +16,6 @@
 
 namespace zumod::host {
 namespace {
-
-constexpr int kFailed = -1;
 
 bool IsSocket(int descriptor) {
     struct stat status {};
@@ -37,6 +34,12 @@ Expected<UniqueFd> TakeStandard(int descriptor, const std::string& name) {
     return copy;
 }
 
+// Also if the other end has closed: then reading and writing return at once.
+bool IsReady(int descriptor, short events) {
+    pollfd watched{descriptor, events, 0};
+    return poll(&watched, 1, 0) == 1;
+}
+
 bool IsTemporary(int error) {
     return error == EINTR || error == EAGAIN;
 }
@@ -49,10 +52,9 @@ PeerStream::PeerStream(UniqueFd in, UniqueFd out)
     : m_in(std::move(in)),
       m_out(std::move(out)),
       m_in_is_socket(IsSocket(In())),
-      m_out_is_socket(IsSocket(Out())),
-      m_end(eventfd(0, EFD_CLOEXEC)) {}
+      m_out_is_socket(IsSocket(Out())) {}
 
-Expected<CRefPtr_T<PeerStream>> PeerStream::FromStandardStreams() {
+Expected<std::unique_ptr<PeerStream>> PeerStream::FromStandardStreams() {
     auto in = TakeStandard(STDIN_FILENO, "standard input");
     if (!in) {
         return Fail(in.error());
@@ -64,72 +66,46 @@ Expected<CRefPtr_T<PeerStream>> PeerStream::FromStandardStreams() {
     close(STDIN_FILENO);
     FillStandardDescriptors();
     dup2(STDERR_FILENO, STDOUT_FILENO);
-    return CRefPtr_T<PeerStream>(new PeerStream(std::move(*in), std::move(*out)));
+    return std::make_unique<PeerStream>(std::move(*in), std::move(*out));
 }
 
-int PeerStream::Read(void* data, unsigned long size, unsigned long* done) {
-    // A socket is tried first; only an empty one is waited for.
-    for (bool wait = !m_in_is_socket; !m_ended.load() && (!wait || WaitFor(In(), POLLIN)); wait = true) {
-        const ssize_t count = m_in_is_socket ? recv(In(), data, size, MSG_DONTWAIT) : read(In(), data, size);
-        if (count > 0) {
-            *done = static_cast<unsigned long>(count);
-            return 0;
-        }
-        if (count == 0 || !IsTemporary(errno)) {
+std::optional<size_t> PeerStream::Receive(std::span<uint8_t> bytes) const {
+    if (!m_in_is_socket && !IsReady(In(), POLLIN)) {
+        return 0;
+    }
+    const ssize_t count = m_in_is_socket ? recv(In(), bytes.data(), bytes.size(), MSG_DONTWAIT)
+                                         : read(In(), bytes.data(), bytes.size());
+    if (count > 0) {
+        return static_cast<size_t>(count);
+    }
+    return count < 0 && IsTemporary(errno) ? std::optional<size_t>(0) : std::nullopt;
+}
+
+std::optional<size_t> PeerStream::Send(std::span<const uint8_t> bytes) const {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        const auto rest = bytes.subspan(sent);
+        if (!m_out_is_socket && !IsReady(Out(), POLLOUT)) {
             break;
         }
-    }
-    return kFailed;
-}
-
-int PeerStream::Write(const void* data, unsigned long size, unsigned long* done) {
-    const MutexLock lock(m_write_mutex);
-    if (!WriteAll(static_cast<const char*>(data), size)) {
-        End();
-        return kFailed;
-    }
-    *done = size;
-    return 0;
-}
-
-bool PeerStream::WriteAll(const char* bytes, unsigned long size) {
-    bool wait = !m_out_is_socket;
-    while (size != 0) {
-        if (m_ended.load() || (wait && !WaitFor(Out(), POLLOUT))) {
-            return false;
-        }
         // A pipe that is ready takes PIPE_BUF bytes without blocking, with or without O_NONBLOCK.
-        const ssize_t count = m_out_is_socket ? send(Out(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL)
-                                              : write(Out(), bytes, std::min<unsigned long>(size, PIPE_BUF));
-        if (count < 0 && !IsTemporary(errno)) {
-            return false;
+        const ssize_t count = m_out_is_socket
+                                  ? send(Out(), rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
+                                  : write(Out(), rest.data(), std::min<size_t>(rest.size(), PIPE_BUF));
+        if (count < 0) {
+            if (!IsTemporary(errno)) {
+                return std::nullopt;
+            }
+            break;
         }
-        wait = !m_out_is_socket || count < 0;
-        const auto written = static_cast<unsigned long>(std::max<ssize_t>(count, 0));
-        bytes += written;
-        size -= written;
+        sent += static_cast<size_t>(count);
     }
-    return true;
-}
-
-void PeerStream::End() {
-    m_ended.store(true);
-    eventfd_write(m_end.Get(), 1);
+    return sent;
 }
 
 bool PeerStream::IsHungUp() const {
     pollfd watched{In(), 0, 0};
     return poll(&watched, 1, 0) == 1 && (watched.revents & (POLLHUP | POLLERR)) != 0;
-}
-
-bool PeerStream::WaitFor(int descriptor, short events) const {
-    pollfd watched[] = {{descriptor, events, 0}, {m_end.Get(), POLLIN, 0}};
-    while (poll(watched, 2, -1) < 0) {
-        if (errno != EINTR) {
-            return false;
-        }
-    }
-    return watched[1].revents == 0;
 }
 
 }  // namespace zumod::host

@@ -5,16 +5,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
-#include <optional>
+#include <map>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "common/unique_fd.h"
 #include "common/unix_socket.h"
+#include "host/plugin_stream.h"
 #include "zumod/runtime.h"
 
 namespace zumod::host {
@@ -22,6 +25,7 @@ namespace {
 
 constexpr Clock::time_point kNever = Clock::time_point::max();
 constexpr auto kPause = std::chrono::milliseconds(100);
+constexpr char kNothingLeft[] = "the host has no thread or descriptor left for a peer";
 
 // A probe (connect, then close) is already gone.
 bool HasLeft(int socket) {
@@ -29,38 +33,52 @@ bool HasLeft(int socket) {
     return recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
 }
 
-// One peer that is served. Its plugin is created for it and destroyed with the session: no camera, queued
-// frame or property of one peer reaches the next. Run, ExitInstance and the release of the plugin happen on
-// the session's thread, in this order; another thread can only end the stream.
+std::string PeerText(PeerId id) {
+    return "[host] peer " + std::to_string(id);
+}
+
+// One plugin and its thread, from the first peer to the last: no camera, queued frame or property of earlier
+// peers reaches later ones. Run, ExitInstance and the release of the plugin happen on the session's thread,
+// in this order; another thread can only end the stream.
 class Session {
 public:
-    Session(CameraModule& module, CRefPtr_T<PeerStream> stream)
-        : m_module(module),
-          m_stream(std::move(stream)),
-          m_done(eventfd(0, EFD_CLOEXEC)),
-          m_thread([this] { Serve(); }) {}
+    // Null if the system has no descriptor or no thread for it.
+    static std::unique_ptr<Session> Start(CameraModule& module) {
+        auto session = std::unique_ptr<Session>(new Session(module));  // the constructor is private
+        if (!session->m_done || !session->m_stream->IsValid()) {
+            return nullptr;
+        }
+        try {
+            session->m_thread = std::thread([started = session.get()] { started->Serve(); });
+        } catch (const std::system_error&) {
+            return nullptr;
+        }
+        return session;
+    }
     // Ends the stream and waits until every camera is closed.
     ~Session() {
         m_stream->End();
-        m_thread.join();
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
     }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
+    PluginStream& Stream() const { return *m_stream; }
+
     // Readable once everything that belongs to the session is closed.
     int Done() const { return m_done.Get(); }
 
-    // Whether the peer has left, even if the session has not noticed it yet.
-    bool PeerHasLeft() const { return m_leaving.load() || m_stream->IsHungUp(); }
-
 private:
+    explicit Session(CameraModule& module)
+        : m_module(module), m_stream(new PluginStream), m_done(eventfd(0, EFD_CLOEXEC)) {}
+
     void Serve() {
         if (const CRefPtr_T<IClientCameraPlugin> plugin = m_module.CreatePlugin()) {
             plugin->SetChannelStream(m_stream.Get());
             plugin->Run();
-            m_leaving.store(true);
-            // A peer that only stopped sending may block a frame that is being written, and ExitInstance
-            // waits for it.
+            // A frame that waits for room would block ExitInstance.
             m_stream->End();
             plugin->ExitInstance();
         }
@@ -68,17 +86,184 @@ private:
     }
 
     CameraModule& m_module;
-    const CRefPtr_T<PeerStream> m_stream;
+    const CRefPtr_T<PluginStream> m_stream;
     const UniqueFd m_done;  // an eventfd
-    // Set by the session's thread when Run has returned; nothing else depends on it.
-    std::atomic<bool> m_leaving{false};
     std::thread m_thread;
+};
+
+// The connections of all peers, and the session that they share.
+class PeerServer {
+public:
+    PeerServer(CameraModule& module, HostLog& log, Waiter& waiter)
+        : m_module(module), m_log(log), m_waiter(waiter) {}
+    PeerServer(const PeerServer&) = delete;
+    PeerServer& operator=(const PeerServer&) = delete;
+    ~PeerServer() { EndSession(); }
+
+    size_t Count() const { return m_peers.size(); }
+
+    // Returns whether there is a session for a further peer.
+    bool EnsureSession() {
+        if (m_session_has_ended) {
+            Serve();
+        }
+        if (m_session == nullptr) {
+            m_session = Session::Start(m_module);
+            if (m_session == nullptr) {
+                return false;
+            }
+            m_plugin_ended =
+                m_waiter.Watch(m_session->Done(), POLLIN, [this] { m_session_has_ended = true; });
+            m_plugin_wakes = m_waiter.Watch(m_session->Stream().Wake(), POLLIN,
+                                            [this] { m_session->Stream().ClearWake(); });
+        }
+        return true;
+    }
+
+    // After EnsureSession has returned true.
+    void Add(std::unique_ptr<PeerStream> stream) {
+        const PeerId id = ++m_last_id;
+        m_session->Stream().Call([id](Broker& broker) { broker.AddPeer(id); });
+        m_peers[id].stream = std::move(stream);
+        m_log.Write(kLogEvent, PeerText(id) + " has connected");
+    }
+
+    // Moves all bytes that can be moved now, and closes what is done.
+    void Serve() {
+        if (m_session == nullptr) {
+            return;
+        }
+        for (auto next = m_peers.begin(); next != m_peers.end();) {
+            auto& [id, peer] = *next++;
+            if (m_session_has_ended || !SendOutput(id, peer) || IsDone(id)) {
+                Remove(id);
+            } else {
+                WaitForPeer(id, peer);
+            }
+        }
+        for (const Broker::LogLine& line :
+             m_session->Stream().Call([](Broker& broker) { return broker.TakeLog(); })) {
+            m_log.Write(line.level, line.text);
+        }
+        if (m_peers.empty()) {
+            EndSession();
+        }
+    }
+
+    // Removes the peers that have closed their connection without their end being noticed yet.
+    void RemoveHungUp() {
+        for (auto next = m_peers.begin(); next != m_peers.end();) {
+            const auto& [id, peer] = *next++;
+            if (peer.stream->IsHungUp()) {
+                Remove(id);
+            }
+        }
+    }
+
+    // When Serve must be called if nothing happens.
+    Clock::time_point NextTime() const {
+        return m_session == nullptr
+                   ? kNever
+                   : m_session->Stream().Query([](const Broker& broker) { return broker.NextTime(); });
+    }
+
+private:
+    struct Peer {
+        std::unique_ptr<PeerStream> stream;
+        bool can_send = true;
+        Waiter::Registration input;
+        Waiter::Registration output;
+    };
+
+    bool IsDone(PeerId id) const {
+        return m_session->Stream().Query(
+            [id](const Broker& broker) { return broker.IsDone(id, Clock::now()); });
+    }
+
+    // False if the connection is broken.
+    bool SendOutput(PeerId id, Peer& peer) const {
+        PluginStream& stream = m_session->Stream();
+        peer.can_send = true;
+        while (peer.can_send) {
+            const auto output = stream.Query([id](const Broker& broker) { return broker.NextOutput(id); });
+            if (output.rest.empty()) {
+                return true;
+            }
+            const auto sent = peer.stream->Send(output.rest);
+            if (!sent) {
+                return false;
+            }
+            peer.can_send = *sent == output.rest.size();
+            stream.Call([&](Broker& broker) { broker.OnSent(id, *sent); });
+        }
+        return true;
+    }
+
+    void ReceiveInput(PeerId id, const PeerStream& peer) {
+        PluginStream& stream = m_session->Stream();
+        const size_t room = stream.Query([id](const Broker& broker) { return broker.InputRoom(id); });
+        if (room == 0) {
+            return;
+        }
+        const std::span<uint8_t> bytes(m_input.data(), std::min(room, m_input.size()));
+        const auto count = peer.Receive(bytes);
+        stream.Call([&](Broker& broker) {
+            if (count) {
+                broker.OnInput(id, bytes.first(*count));
+            } else {
+                broker.OnInputEnd(id);
+            }
+        });
+    }
+
+    // Registers the connection for what can be done with it, and only for that.
+    void WaitForPeer(PeerId id, Peer& peer) {
+        const bool wants_input =
+            m_session->Stream().Query([id](const Broker& broker) { return broker.InputRoom(id); }) != 0;
+        if (!wants_input) {
+            peer.input.reset();
+        } else if (peer.input == nullptr) {
+            peer.input = m_waiter.Watch(peer.stream->In(), POLLIN,
+                                        [this, id, &stream = *peer.stream] { ReceiveInput(id, stream); });
+        }
+        if (peer.can_send) {
+            peer.output.reset();
+        } else if (peer.output == nullptr) {
+            // Wait() returns then, and Serve sends.
+            peer.output = m_waiter.Watch(peer.stream->Out(), POLLOUT, [] {});
+        }
+    }
+
+    void Remove(PeerId id) {
+        m_session->Stream().Call([id](Broker& broker) { broker.RemovePeer(id); });
+        m_peers.erase(id);
+        m_log.Write(kLogEvent, PeerText(id) + " has left");
+    }
+
+    void EndSession() {
+        m_plugin_ended.reset();
+        m_plugin_wakes.reset();
+        m_session.reset();
+        m_session_has_ended = false;
+        m_peers.clear();
+    }
+
+    CameraModule& m_module;
+    HostLog& m_log;
+    Waiter& m_waiter;
+    std::unique_ptr<Session> m_session;
+    bool m_session_has_ended = false;
+    Waiter::Registration m_plugin_ended;
+    Waiter::Registration m_plugin_wakes;
+    std::map<PeerId, Peer> m_peers;
+    PeerId m_last_id = 0;
+    std::array<uint8_t, 64 * 1024> m_input{};
 };
 
 class PeerAcceptor {
 public:
-    PeerAcceptor(const Listener& listener, CameraModule& module, HostLog& log, Waiter& waiter)
-        : m_listener(listener), m_module(module), m_log(log), m_waiter(waiter) {}
+    PeerAcceptor(const Listener& listener, size_t limit, CameraModule& module, HostLog& log, Waiter& waiter)
+        : m_listener(listener), m_limit(limit), m_log(log), m_waiter(waiter), m_server(module, log, waiter) {}
     PeerAcceptor(const PeerAcceptor&) = delete;
     PeerAcceptor& operator=(const PeerAcceptor&) = delete;
 
@@ -88,16 +273,11 @@ public:
                 m_peer_waits = m_waiter.Watch(m_listener.Descriptor(), POLLIN, [this] { AcceptPeer(); });
                 m_retry = kNever;
             }
-        } while (m_waiter.Wait(m_retry).has_value());  // until a signal
+            m_server.Serve();
+        } while (m_waiter.Wait(std::min(m_retry, m_server.NextTime())).has_value());  // until a signal
     }
 
 private:
-    void EndSession() {
-        m_session_is_done.reset();
-        m_session.reset();
-        m_log.Write(kLogEvent, "[host] the peer has left");
-    }
-
     void AcceptPeer() {
         UniqueFd peer = m_listener.Accept();
         if (!peer) {
@@ -112,19 +292,22 @@ private:
             SendHostNotice(peer.Get(), "refused: this host serves only its own user");
             return;
         }
-        // The previous peer may have left without the session noticing it yet: the next one need not try
-        // twice.
-        if (m_session && m_session->PeerHasLeft()) {
-            EndSession();
+        if (m_server.Count() == m_limit) {
+            m_server.RemoveHungUp();
         }
-        if (m_session) {
-            m_log.Write(kLogIgnored, "[host] turned a second peer away");
-            SendHostNotice(peer.Get(), "busy: another peer is being served");
+        if (m_server.Count() == m_limit) {
+            m_log.Write(kLogIgnored, "[host] turned a peer away: " + std::to_string(m_limit) + " are served");
+            SendHostNotice(peer.Get(), m_limit == 1
+                                           ? "busy: another peer is being served"
+                                           : "busy: " + std::to_string(m_limit) + " peers are being served");
             return;
         }
-        m_log.Write(kLogEvent, "[host] a peer has connected");
-        m_session.emplace(m_module, CRefPtr_T<PeerStream>(new PeerStream(std::move(peer))));
-        m_session_is_done = m_waiter.Watch(m_session->Done(), POLLIN, [this] { EndSession(); });
+        if (!m_server.EnsureSession()) {
+            m_log.Write(kLogFailure, "[host] refused a peer: " + std::string(kNothingLeft));
+            SendHostNotice(peer.Get(), "refused: " + std::string(kNothingLeft));
+            return;
+        }
+        m_server.Add(std::make_unique<PeerStream>(std::move(peer)));
     }
 
     void OnAcceptFailure(int error) {
@@ -138,24 +321,31 @@ private:
     }
 
     const Listener& m_listener;
-    CameraModule& m_module;
+    const size_t m_limit;
     HostLog& m_log;
     Waiter& m_waiter;
-    std::optional<Session> m_session;
-    Waiter::Registration m_session_is_done;
+    PeerServer m_server;
     Waiter::Registration m_peer_waits;
     Clock::time_point m_retry{};  // when to accept peers again, while m_peer_waits is not registered
 };
 
 }  // namespace
 
-void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, Waiter& waiter) {
-    PeerAcceptor(listener, module, log, waiter).Run();
+void ServePeers(const Listener& listener, size_t limit, CameraModule& module, HostLog& log, Waiter& waiter) {
+    PeerAcceptor(listener, limit, module, log, waiter).Run();
 }
 
-void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, Waiter& waiter) {
-    const Session session(module, std::move(stream));
-    waiter.WaitFor(session.Done(), POLLIN, kNever);
+Expected<void> ServeOnePeer(std::unique_ptr<PeerStream> stream, CameraModule& module, HostLog& log,
+                            Waiter& waiter) {
+    PeerServer server(module, log, waiter);
+    if (!server.EnsureSession()) {
+        return Fail(kNothingLeft);
+    }
+    server.Add(std::move(stream));
+    do {
+        server.Serve();
+    } while (server.Count() != 0 && waiter.Wait(server.NextTime()).has_value());
+    return {};
 }
 
 }  // namespace zumod::host

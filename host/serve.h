@@ -1,22 +1,27 @@
-// The host's main loop: waits for peers, for the end of a session and for stop signals.
+// The host's main loop: accepts peers, moves bytes between their connections and the broker, and reacts to
+// stop signals.
 //
-// Thread rule: main thread. A session runs on a separate thread, so the main thread can always turn a second
-// peer away and react to signals.
+// Thread rule: main thread. The plugin runs on a separate thread, so the main thread never waits for a
+// camera while a peer is connected.
 #pragma once
 
+#include <cstddef>
+#include <memory>
+
+#include "common/error.h"
 #include "common/waiter.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"
 #include "host/listener.h"
 #include "host/peer_stream.h"
-#include "zumod/ref_ptr.h"
 
 namespace zumod::host {
 
-// Serves one peer after another until a stop signal.
-void ServePeers(const Listener& listener, CameraModule& module, HostLog& log, Waiter& waiter);
+// Serves up to `limit` peers at once until a stop signal.
+void ServePeers(const Listener& listener, size_t limit, CameraModule& module, HostLog& log, Waiter& waiter);
 
 // Serves this peer until it leaves or a stop signal.
-void ServeOnePeer(CRefPtr_T<PeerStream> stream, CameraModule& module, Waiter& waiter);
+Expected<void> ServeOnePeer(std::unique_ptr<PeerStream> stream, CameraModule& module, HostLog& log,
+                            Waiter& waiter);
 
 }  // namespace zumod::host

@@ -99,8 +99,8 @@ TEST_F(BothEndsTalk, RefusesACameraThatHasOnlyCompressedPictures) {
     ExpectCameraFree(1);
 }
 
-TEST_F(BothEndsTalk, RefusesASecondPeerWithoutDisturbingTheFirst) {
-    const auto host = Start();
+TEST_F(BothEndsTalk, RefusesAPeerTooManyWithoutDisturbingTheFirst) {
+    const auto host = Start({"--peers", "1"});
     const std::string path = work / "first.mkv";
     PeerRun first = Peer({"record", "0", path});
     const auto delivered = [this] { return cameras.At(0).Status().delivered; };

@@ -1,0 +1,446 @@
+#include "host/broker.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "host/key_frame.h"
+#include "host/listener.h"
+#include "zumod/runtime.h"
+
+namespace zumod::host {
+namespace {
+
+constexpr size_t kHeaderSize = sizeof(_MESSAGE_HEADER);
+constexpr size_t kFrameHeaderSize = kHeaderSize + sizeof(VideoFrameHeader);
+
+std::shared_ptr<const Bytes> CopyOf(std::span<const uint8_t> bytes) {
+    return std::make_shared<const Bytes>(bytes.begin(), bytes.end());
+}
+
+// The body of an open or set-format request, unless its length is wrong.
+std::optional<FormatRequest> FormatOf(std::span<const uint8_t> body) {
+    if (body.size() != sizeof(FormatRequest)) {
+        return std::nullopt;
+    }
+    return ReadRecord<FormatRequest>(body.data());
+}
+
+// As the plugin reads it: missing bytes count as 0, further bytes are ignored.
+uint32_t ClosedCamera(std::span<const uint8_t> body) {
+    uint32_t id = 0;
+    std::memcpy(&id, body.data(), std::min(body.size(), sizeof id));
+    return id;
+}
+
+bool IsSameFormat(const FormatRequest& left, const FormatRequest& right) {
+    return left.width == right.width && left.height == right.height && left.fps == right.fps;
+}
+
+std::string FormatText(const FormatRequest& format) {
+    return std::to_string(format.width) + "x" + std::to_string(format.height) + ", " +
+           std::to_string(format.fps) + " frames per second";
+}
+
+}  // namespace
+
+// ---- Peers
+
+void Broker::AddPeer(PeerId id) {
+    m_peers.try_emplace(id);
+}
+
+void Broker::RemovePeer(PeerId id) {
+    const auto found = m_peers.find(id);
+    if (found == m_peers.end()) {
+        return;
+    }
+    if (found->second.lost_frames != 0) {
+        m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " was slow and lost " +
+                                          std::to_string(found->second.lost_frames) + " frames"});
+    }
+    m_peers.erase(found);
+}
+
+void Broker::EndPeer(PeerId id, const std::string& notice, Clock::time_point now) {
+    Peer& peer = m_peers.at(id);
+    if (peer.ended) {
+        return;
+    }
+    m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " is disconnected: " + notice});
+    peer.ended = true;
+    peer.close_at = now + kLastNoticeTime;
+    peer.watches.clear();
+    // Frames would only delay the notice, but one of which a part was sent must stay whole.
+    const auto first = peer.output.begin() + (peer.sent != 0 ? 1 : 0);
+    const auto end = std::remove_if(first, peer.output.end(), [&peer](const Queued& queued) {
+        if (queued.is_frame) {
+            --peer.queued_frames;
+            peer.queued_frame_bytes -= queued.message->size();
+        }
+        return queued.is_frame;
+    });
+    peer.output.erase(end, peer.output.end());
+    const std::string text = HostNotice(notice);
+    Send(peer, std::make_shared<const Bytes>(text.begin(), text.end()), false);
+}
+
+size_t Broker::InputRoom(PeerId id) const {
+    const Peer& peer = m_peers.at(id);
+    constexpr size_t kLargestRequest = kHeaderSize + kRequestLimit;
+    return peer.ended || peer.input_ended ? 0 : kLargestRequest - (peer.input.size() - peer.served);
+}
+
+void Broker::OnInput(PeerId id, std::span<const uint8_t> bytes) {
+    Peer& peer = m_peers.at(id);
+    peer.input.erase(peer.input.begin(), peer.input.begin() + static_cast<std::ptrdiff_t>(peer.served));
+    peer.served = 0;
+    peer.input.insert(peer.input.end(), bytes.begin(), bytes.end());
+}
+
+void Broker::OnInputEnd(PeerId id) {
+    m_peers.at(id).input_ended = true;
+}
+
+Broker::Output Broker::NextOutput(PeerId id) const {
+    const Peer& peer = m_peers.at(id);
+    if (peer.output.empty()) {
+        return {};
+    }
+    const Message& message = peer.output.front().message;
+    return {message, std::span(*message).subspan(peer.sent)};
+}
+
+void Broker::OnSent(PeerId id, size_t count) {
+    Peer& peer = m_peers.at(id);
+    peer.sent += count;
+    const Queued& front = peer.output.front();
+    const size_t size = front.message->size();
+    if (peer.sent < size) {
+        return;
+    }
+    if (front.is_frame) {
+        --peer.queued_frames;
+        peer.queued_frame_bytes -= size;
+    } else {
+        peer.queued_answer_bytes -= size;
+    }
+    peer.output.pop_front();
+    peer.sent = 0;
+}
+
+bool Broker::IsDone(PeerId id, Clock::time_point now) const {
+    const Peer& peer = m_peers.at(id);
+    if (peer.ended) {
+        return peer.output.empty() || now >= peer.close_at;
+    }
+    return peer.input_ended && !HasRequest(peer) && m_current.peer != id && peer.queued_answer_bytes == 0;
+}
+
+Clock::time_point Broker::NextTime() const {
+    Clock::time_point next = Clock::time_point::max();
+    for (const auto& [id, peer] : m_peers) {
+        next = std::min(next, peer.close_at);
+    }
+    return next;
+}
+
+// ---- Requests
+
+std::optional<Bytes> Broker::NextRequest(Clock::time_point now) {
+    if (m_current.peer != 0) {
+        m_changed = true;
+    }
+    m_current = {};
+    auto next = m_peers.upper_bound(m_last_served);
+    for (size_t i = 0; i < m_peers.size(); ++i) {
+        if (auto close = CloseUnwatchedCamera()) {
+            return close;
+        }
+        if (next == m_peers.end()) {
+            next = m_peers.begin();
+        }
+        auto& [id, peer] = *next++;
+        if (auto request = Serve(id, peer, now)) {
+            m_last_served = id;
+            return request;
+        }
+    }
+    return CloseUnwatchedCamera();
+}
+
+// The next request of this peer that is for the plugin.
+std::optional<Bytes> Broker::Serve(PeerId id, Peer& peer, Clock::time_point now) {
+    while (!peer.ended && peer.queued_answer_bytes < kAnswerLimit && HasRequest(peer)) {
+        const uint32_t length = FrontHeader(peer)->length;
+        if (length > kRequestLimit) {
+            EndPeer(id,
+                    "a request has " + std::to_string(length) + " bytes; the limit is " +
+                        std::to_string(kRequestLimit),
+                    now);
+            break;
+        }
+        const auto request = Unserved(peer).first(kHeaderSize + length);
+        peer.served += request.size();
+        m_changed = true;
+        if (Decide(id, peer, request)) {
+            m_current.peer = id;
+            m_current.type = ReadHeader(request.data()).type;
+            return Bytes(request.begin(), request.end());
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<_MESSAGE_HEADER> Broker::FrontHeader(const Peer& peer) {
+    const auto unserved = Unserved(peer);
+    if (unserved.size() < kHeaderSize) {
+        return std::nullopt;
+    }
+    return ReadHeader(unserved.data());
+}
+
+std::span<const uint8_t> Broker::Unserved(const Peer& peer) {
+    return std::span(peer.input).subspan(peer.served);
+}
+
+// Whether Serve can do something: a message is complete, or it is too long.
+bool Broker::HasRequest(const Peer& peer) {
+    const auto header = FrontHeader(peer);
+    return header &&
+           (header->length > kRequestLimit || Unserved(peer).size() >= kHeaderSize + header->length);
+}
+
+bool Broker::Decide(PeerId id, Peer& peer, std::span<const uint8_t> request) {
+    const std::span<const uint8_t> body = request.subspan(kHeaderSize);
+    switch (ReadHeader(request.data()).type) {
+        case kVersionRequest:
+        case kGetCameraList:
+            return true;
+        case kOpenCamera: {
+            const auto format = FormatOf(body);
+            return format && DecideOpen(id, peer, *format);
+        }
+        case kSetFormat: {
+            const auto format = FormatOf(body);
+            return format && DecideFormat(id, peer, *format);
+        }
+        case kCloseCamera:
+            return DecideClose(peer, ClosedCamera(body));
+        case kSetProperty:
+            return body.size() == sizeof(PropertyRequest) &&
+                   !IsWatchedByOthers(ReadRecord<PropertyRequest>(body.data()).id, peer);
+        default:
+            return false;
+    }
+}
+
+bool Broker::DecideOpen(PeerId id, Peer& peer, const FormatRequest& request) {
+    const auto found = m_cameras.find(request.id);
+    if (found == m_cameras.end()) {
+        m_cameras[request.id].format = request;
+        peer.watches.try_emplace(request.id);
+        m_current.camera = request.id;
+        return true;
+    }
+    if (peer.watches.contains(request.id)) {
+        // As the plugin does, whatever the format is.
+        SendState(peer, kCameraOpen, request.id);
+    } else if (IsSameFormat(request, found->second.format)) {
+        SendState(peer, kCameraOpen, request.id);
+        Join(peer, request.id, found->second);
+    } else {
+        Refuse(id, peer, request);
+    }
+    return false;
+}
+
+bool Broker::DecideClose(Peer& peer, uint32_t camera) {
+    peer.watches.erase(camera);
+    if (IsWatched(camera)) {
+        SendState(peer, kCameraClosed, camera);
+        return false;
+    }
+    m_cameras.erase(camera);
+    return true;
+}
+
+bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
+    const auto found = m_cameras.find(request.id);
+    if (!peer.watches.contains(request.id) || found == m_cameras.end()) {
+        // Without an effect. Only logged, if it is not about the camera of another peer.
+        return found == m_cameras.end();
+    }
+    Camera& camera = found->second;
+    if (!IsWatchedByOthers(request.id, peer)) {
+        camera = {};
+        camera.format = request;
+        peer.watches[request.id] = {};
+        return true;
+    }
+    if (!IsSameFormat(request, camera.format)) {
+        Refuse(id, peer, request);
+    }
+    return false;
+}
+
+// The request to close a camera that nobody watches any more.
+std::optional<Bytes> Broker::CloseUnwatchedCamera() {
+    for (const auto& [id, camera] : m_cameras) {
+        if (!IsWatched(id)) {
+            Bytes request(kHeaderSize + sizeof id);
+            WriteRecord(WriteHeader(request.data(), kCloseCamera, sizeof id), id);
+            m_cameras.erase(id);
+            return request;
+        }
+    }
+    return std::nullopt;
+}
+
+bool Broker::IsWatched(uint32_t camera) const {
+    return std::ranges::any_of(m_peers,
+                               [camera](const auto& entry) { return entry.second.watches.contains(camera); });
+}
+
+bool Broker::IsWatchedByOthers(uint32_t camera, const Peer& peer) const {
+    return std::ranges::any_of(m_peers, [&](const auto& entry) {
+        return &entry.second != &peer && entry.second.watches.contains(camera);
+    });
+}
+
+void Broker::Join(Peer& peer, uint32_t id, const Camera& camera) {
+    peer.watches[id].waits_for_key_frame = camera.has_key_frames && camera.group.empty();
+    for (const Message& frame : camera.group) {
+        Send(peer, frame, true);
+    }
+}
+
+void Broker::Refuse(PeerId id, Peer& peer, const FormatRequest& request) {
+    const std::string text = "camera " + std::to_string(request.id) + " is in use by another peer at " +
+                             FormatText(m_cameras.at(request.id).format);
+    m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " is refused " + FormatText(request) +
+                                      ": " + text});
+    const std::string notice = HostNotice(text);
+    Send(peer, std::make_shared<const Bytes>(notice.begin(), notice.end()), false);
+    SendState(peer, kCameraFailed, request.id);
+}
+
+// ---- Answers and frames
+
+bool Broker::IsFrame(std::span<const uint8_t> bytes) {
+    return bytes.size() >= kFrameHeaderSize && ReadHeader(bytes.data()).type == kVideoFrame;
+}
+
+bool Broker::MayTakeFrame() const {
+    bool any_watches = false;
+    for (const auto& [id, peer] : m_peers) {
+        if (!peer.watches.empty()) {
+            if (peer.queued_frames == 0) {
+                return true;
+            }
+            any_watches = true;
+        }
+    }
+    return !any_watches;
+}
+
+bool Broker::OnMessage(std::span<const uint8_t> bytes, Clock::time_point now) {
+    if (bytes.size() < kHeaderSize || ReadHeader(bytes.data()).length != bytes.size() - kHeaderSize) {
+        return false;
+    }
+    if (IsFrame(bytes)) {
+        OnFrame(bytes, now);
+    } else {
+        OnAnswer(bytes);
+    }
+    return true;
+}
+
+void Broker::OnAnswer(std::span<const uint8_t> bytes) {
+    const auto asker = m_peers.find(m_current.peer);
+    if (m_current.type == kOpenCamera && bytes.size() == kHeaderSize + sizeof(StateNotice) &&
+        ReadRecord<StateNotice>(bytes.data() + kHeaderSize).state == kCameraFailed) {
+        m_cameras.erase(m_current.camera);
+        if (asker != m_peers.end()) {
+            asker->second.watches.erase(m_current.camera);
+        }
+    }
+    // A peer that was ended or has left gets nothing more; the broker's own requests have no asker.
+    if (asker != m_peers.end() && !asker->second.ended) {
+        Send(asker->second, CopyOf(bytes), false);
+    }
+}
+
+void Broker::OnFrame(std::span<const uint8_t> bytes, Clock::time_point now) {
+    const uint32_t id = ReadRecord<VideoFrameHeader>(bytes.data() + kHeaderSize).id;
+    const auto found = m_cameras.find(id);
+    if (found == m_cameras.end()) {
+        return;
+    }
+    const bool is_key_frame = IsKeyFrame(bytes.subspan(kFrameHeaderSize));
+    const Message message = CopyOf(bytes);
+    Remember(found->second, message, is_key_frame, now);
+    for (auto& [peer_id, peer] : m_peers) {
+        if (peer.watches.contains(id)) {
+            Offer(peer_id, peer, id, message, is_key_frame);
+        }
+    }
+}
+
+void Broker::Remember(Camera& camera, const Message& message, bool is_key_frame, Clock::time_point now) {
+    if (is_key_frame) {
+        camera.has_key_frames = true;
+        camera.group_begin = now;
+    } else if (camera.group.empty()) {
+        return;
+    }
+    if (is_key_frame || camera.group.size() == kGroupFramesLimit ||
+        camera.group_bytes + message->size() > kGroupBytesLimit ||
+        now - camera.group_begin > kGroupTimeLimit) {
+        camera.group.clear();
+        camera.group_bytes = 0;
+    }
+    if (is_key_frame || !camera.group.empty()) {
+        camera.group.push_back(message);
+        camera.group_bytes += message->size();
+    }
+}
+
+void Broker::Offer(PeerId id, Peer& peer, uint32_t camera, const Message& message, bool is_key_frame) {
+    Watch& watch = peer.watches.at(camera);
+    if (watch.waits_for_key_frame && !is_key_frame) {
+        peer.lost_frames += watch.is_slow ? 1 : 0;
+        return;
+    }
+    if (peer.queued_frames >= kQueuedFramesLimit || peer.queued_frame_bytes >= kQueuedBytesLimit) {
+        if (peer.lost_frames++ == 0) {
+            m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) +
+                                              " is slow and loses frames of camera " +
+                                              std::to_string(camera)});
+        }
+        watch = {m_cameras.at(camera).has_key_frames, true};
+        return;
+    }
+    watch = {};
+    Send(peer, message, true);
+}
+
+void Broker::Send(Peer& peer, Message message, bool is_frame) {
+    const size_t size = message->size();
+    peer.output.push_back({std::move(message), is_frame});
+    if (is_frame) {
+        ++peer.queued_frames;
+        peer.queued_frame_bytes += size;
+    } else {
+        peer.queued_answer_bytes += size;
+    }
+    m_changed = true;
+}
+
+void Broker::SendState(Peer& peer, CameraState state, uint32_t camera) {
+    Bytes message(kHeaderSize + sizeof(StateNotice));
+    WriteRecord(WriteHeader(message.data(), kCameraState, sizeof(StateNotice)), StateNotice{state, camera});
+    Send(peer, std::make_shared<const Bytes>(std::move(message)), false);
+}
+
+}  // namespace zumod::host

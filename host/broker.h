@@ -1,0 +1,198 @@
+// The broker between the one plugin of a session and its peers: decides which bytes go to whom.
+//
+// The module serves one byte stream, and its protocol has no field that names a peer. The broker makes it
+// serve several peers. It owns the plugin's stream, reads and writes whole messages on it, and keeps for each
+// peer which cameras it watches. Each Write of the plugin is exactly one message.
+//
+// Requests. Each peer has an input buffer; the broker takes the peers' requests in turn, one at a time, and
+// decides about a request only when the plugin asks for the next one. The plugin asks only after it has
+// handled the one before and written the answer. So two facts hold at every decision: the broker knows
+// exactly which cameras the plugin has open, and an answer belongs to the request that was passed on last.
+// No table of pending answers is needed, and the answers to one peer keep the order of its requests.
+//
+// - List and version requests are passed on.
+// - The first open of a camera is passed on. A further peer joins if it asks for the same size and rate: the
+//   broker answers. Another size or rate is refused with a notice and the state "failed".
+// - A close is passed on if no other peer watches the camera; otherwise the broker answers. When the last
+//   watcher leaves without a close, the broker closes the camera itself.
+// - A change of format is passed on if its sender is the only watcher, and refused like an open otherwise.
+// - What the plugin would read and drop is dropped here.
+//
+// Frames. A frame is copied once, into memory that all queues share. Each watcher has a queue with a limit.
+// The broker keeps the frames of a camera from the last key frame on, within limits; a peer that joins gets
+// them first, so it has a picture at once. A peer whose queue is full loses frames up to the next key frame
+// that finds room. A stream in which no key frame was ever recognised is passed on frame by frame.
+//
+// Back-pressure. The plugin drops frames before it encodes them while its own queue is long. That only works
+// if Write blocks when no peer can take more. So a frame is accepted only if at least one peer with an open
+// camera has sent all its frames (MayTakeFrame). A single peer therefore never loses a frame here and sees
+// the bytes that it would see without a broker; of several, the fastest sets the pace. A peer that does not
+// read its answers gets none of its further requests served, and its input is not read.
+//
+// Time is passed in, and there is no I/O here: PluginStream calls the broker for the plugin's threads,
+// PeerServer for the main thread. All state that threads share is in the broker, under PluginStream's mutex.
+//
+// Thread rule: one thread at a time; PluginStream holds its mutex during each call.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/waiter.h"
+#include "zumod/camera_channel.h"
+
+namespace zumod::host {
+
+// The number of a peer; never used again.
+using PeerId = uint64_t;
+using Bytes = std::vector<uint8_t>;
+
+// The longest body of a request.
+inline constexpr uint32_t kRequestLimit = 64 * 1024;
+// While this many bytes of answers wait for a peer, none of its requests is served.
+inline constexpr size_t kAnswerLimit = 64 * 1024;
+// What a peer's queue of frames may hold before a further frame is lost.
+inline constexpr size_t kQueuedBytesLimit = 4 * 1024 * 1024;
+inline constexpr size_t kQueuedFramesLimit = 300;
+// What is kept of a camera for peers that join: less than a queue may hold.
+inline constexpr size_t kGroupBytesLimit = 2 * 1024 * 1024;
+inline constexpr size_t kGroupFramesLimit = 150;
+inline constexpr auto kGroupTimeLimit = std::chrono::seconds(5);
+// How long a peer may take to read the notice that ends it.
+inline constexpr auto kLastNoticeTime = std::chrono::seconds(2);
+
+class Broker {
+public:
+    struct LogLine {
+        uint32_t level;  // LogLevel
+        std::string text;
+    };
+
+    Broker() = default;
+    Broker(const Broker&) = delete;
+    Broker& operator=(const Broker&) = delete;
+
+    // ---- Peers
+
+    void AddPeer(PeerId id);
+    // The connection is closed. What only this peer watches will be closed.
+    void RemovePeer(PeerId id);
+    // Sends a notice as the last message to this peer. From here on it is not served.
+    void EndPeer(PeerId id, const std::string& notice, Clock::time_point now);
+
+    // How many bytes OnInput takes now; 0: the peer's input must wait.
+    size_t InputRoom(PeerId id) const;
+    // At most InputRoom(id) bytes.
+    void OnInput(PeerId id, std::span<const uint8_t> bytes);
+    // The peer sends nothing more.
+    void OnInputEnd(PeerId id);
+
+    // The bytes that this peer gets next; empty if there are none. Valid while the caller holds `message`.
+    struct Output {
+        std::shared_ptr<const Bytes> message;
+        std::span<const uint8_t> rest;
+    };
+    Output NextOutput(PeerId id) const;
+    // The first `count` bytes of NextOutput were sent.
+    void OnSent(PeerId id, size_t count);
+
+    // Whether the connection can be closed: nothing that the peer should get is left.
+    bool IsDone(PeerId id, Clock::time_point now) const;
+    // When IsDone may change by itself.
+    Clock::time_point NextTime() const;
+
+    // ---- The plugin
+
+    // The plugin has handled the request before. The next one, if there is any.
+    std::optional<Bytes> NextRequest(Clock::time_point now);
+    // Whether OnMessage may be called with a frame. Answers are always taken.
+    bool MayTakeFrame() const;
+    // False if these bytes are not one message.
+    bool OnMessage(std::span<const uint8_t> bytes, Clock::time_point now);
+
+    static bool IsFrame(std::span<const uint8_t> bytes);
+
+    // ---- What the caller must do
+
+    // Whether the plugin's calls have changed what NextOutput, InputRoom or IsDone return.
+    bool TakeChange() { return std::exchange(m_changed, false); }
+    std::vector<LogLine> TakeLog() { return std::exchange(m_log, {}); }
+
+private:
+    using Message = std::shared_ptr<const Bytes>;
+    struct Watch {
+        bool waits_for_key_frame = false;
+        bool is_slow = false;  // it waits because its queue was full
+    };
+    struct Queued {
+        Message message;
+        bool is_frame;
+    };
+    struct Peer {
+        Bytes input;
+        size_t served = 0;  // bytes of `input`
+        bool input_ended = false;
+        bool ended = false;  // the last message is queued
+        Clock::time_point close_at = Clock::time_point::max();
+        std::deque<Queued> output;
+        size_t sent = 0;  // of the first message in `output`
+        size_t queued_frames = 0;
+        size_t queued_frame_bytes = 0;
+        size_t queued_answer_bytes = 0;
+        uint64_t lost_frames = 0;
+        std::map<uint32_t, Watch> watches;  // by camera
+    };
+    // A camera that the plugin has open, or is opening.
+    struct Camera {
+        FormatRequest format{};
+        bool has_key_frames = false;  // one was recognised since the open or the last change of format
+        std::vector<Message> group;   // from the last key frame on; empty if a limit was exceeded
+        size_t group_bytes = 0;
+        Clock::time_point group_begin;
+    };
+    // The request that the plugin is handling.
+    struct Current {
+        PeerId peer = 0;  // 0: the broker itself
+        uint8_t type = 0;
+        uint32_t camera = 0;
+    };
+
+    std::optional<Bytes> Serve(PeerId id, Peer& peer, Clock::time_point now);
+    static std::optional<_MESSAGE_HEADER> FrontHeader(const Peer& peer);
+    static std::span<const uint8_t> Unserved(const Peer& peer);
+    static bool HasRequest(const Peer& peer);
+    // Each returns whether the request is passed on to the plugin.
+    bool Decide(PeerId id, Peer& peer, std::span<const uint8_t> request);
+    bool DecideOpen(PeerId id, Peer& peer, const FormatRequest& request);
+    bool DecideClose(Peer& peer, uint32_t camera);
+    bool DecideFormat(PeerId id, Peer& peer, const FormatRequest& request);
+
+    std::optional<Bytes> CloseUnwatchedCamera();
+    bool IsWatched(uint32_t camera) const;
+    bool IsWatchedByOthers(uint32_t camera, const Peer& peer) const;
+    void Join(Peer& peer, uint32_t id, const Camera& camera);
+    void Refuse(PeerId id, Peer& peer, const FormatRequest& request);
+
+    void OnAnswer(std::span<const uint8_t> bytes);
+    void OnFrame(std::span<const uint8_t> bytes, Clock::time_point now);
+    static void Remember(Camera& camera, const Message& message, bool is_key_frame, Clock::time_point now);
+    void Offer(PeerId id, Peer& peer, uint32_t camera, const Message& message, bool is_key_frame);
+    void Send(Peer& peer, Message message, bool is_frame);
+    void SendState(Peer& peer, CameraState state, uint32_t camera);
+
+    std::map<PeerId, Peer> m_peers;
+    std::map<uint32_t, Camera> m_cameras;
+    Current m_current;
+    PeerId m_last_served = 0;
+    bool m_changed = false;
+    std::vector<LogLine> m_log;
+};
+
+}  // namespace zumod::host

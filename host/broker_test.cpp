@@ -1,0 +1,589 @@
+#include "host/broker.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/wire/camera_messages.h"
+
+namespace zumod::host {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::CloseBytes;
+using testing::FrameBytes;
+using testing::kGetListBytes;
+using testing::kVersionReplyBytes;
+using testing::kVersionRequestBytes;
+using testing::MessageBytes;
+using testing::NoticeBytes;
+using testing::OpenBytes;
+using testing::SetFormatBytes;
+using testing::SetPropertyBytes;
+using testing::StateBytes;
+using testing::operator+;
+
+constexpr uint32_t kFailed = 1;
+constexpr uint32_t kOpen = 2;
+constexpr uint32_t kClosed = 4;
+
+Bytes KeyFrame(uint32_t id, uint8_t mark, size_t more = 0) {
+    return FrameBytes(id, Bytes{0, 0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x65, mark} + Bytes(more));
+}
+Bytes NextFrame(uint32_t id, uint8_t mark, size_t more = 0) {
+    return FrameBytes(id, Bytes{0, 0, 1, 0x41, mark} + Bytes(more));
+}
+
+// The broker with peers 1, 2 and 3.
+class BrokerTest : public ::testing::Test {
+protected:
+    BrokerTest() {
+        for (const PeerId id : {1U, 2U, 3U}) {
+            broker.AddPeer(id);
+        }
+    }
+
+    void Ask(PeerId id, const Bytes& bytes) { broker.OnInput(id, bytes); }
+    // What the plugin reads next; empty if it must wait.
+    Bytes Next() { return broker.NextRequest(now).value_or(Bytes()); }
+    void Plugin(const Bytes& message) { EXPECT_TRUE(broker.OnMessage(message, now)); }
+    // What a peer gets, if it takes all there is.
+    Bytes Take(PeerId id) {
+        Bytes taken;
+        for (auto output = broker.NextOutput(id); !output.rest.empty(); output = broker.NextOutput(id)) {
+            taken.insert(taken.end(), output.rest.begin(), output.rest.end());
+            broker.OnSent(id, output.rest.size());
+        }
+        return taken;
+    }
+    // The peer opens a camera that no peer has open.
+    void OpenFirst(PeerId id, uint32_t camera) {
+        Ask(id, OpenBytes(camera));
+        ASSERT_EQ(Next(), OpenBytes(camera));
+        Plugin(StateBytes(kOpen, camera));
+        ASSERT_EQ(Next(), Bytes());
+        ASSERT_EQ(Take(id), StateBytes(kOpen, camera));
+    }
+    // The peer opens a camera that another one has open. Returns what it gets.
+    Bytes OpenFurther(PeerId id, uint32_t camera) {
+        Ask(id, OpenBytes(camera));
+        EXPECT_EQ(Next(), Bytes());
+        return Take(id);
+    }
+    std::vector<std::string> Log() {
+        std::vector<std::string> lines;
+        for (const Broker::LogLine& line : broker.TakeLog()) {
+            lines.push_back(line.text);
+        }
+        return lines;
+    }
+
+    Broker broker;
+    Clock::time_point now{seconds(1000)};
+};
+
+TEST_F(BrokerTest, WithOnePeerBothDirectionsAreUnchanged) {
+    struct Step {
+        Bytes request;
+        std::vector<Bytes> messages;  // that the plugin writes before it asks for the next request
+    };
+    const std::vector<Step> steps = {
+        {kVersionRequestBytes, {kVersionReplyBytes}},
+        {kGetListBytes, {testing::ListBytes({testing::CameraBytes(0, "Front", {{640, 480}})})}},
+        {OpenBytes(0), {KeyFrame(0, 1), StateBytes(kOpen, 0), NextFrame(0, 2)}},
+        {SetPropertyBytes(0), {NextFrame(0, 3)}},
+        {OpenBytes(1, 99999, 1, 0), {StateBytes(kFailed, 1)}},
+        {SetFormatBytes(0), {NextFrame(0, 4), KeyFrame(0, 5)}},
+        {SetFormatBytes(7), {}},
+        {SetPropertyBytes(7), {}},
+        {CloseBytes(7), {StateBytes(kClosed, 7)}},
+        {MessageBytes(4, {0, 0, 0, 0, 9, 9}), {StateBytes(kClosed, 0)}},
+        {OpenBytes(0), {StateBytes(kOpen, 0), KeyFrame(0, 6)}},
+        {MessageBytes(4, {}), {StateBytes(kClosed, 0)}},
+        {MessageBytes(10, {1, 2, 3}), {kVersionReplyBytes}},
+        {MessageBytes(1, {1}), {testing::kEmptyListBytes}},
+    };
+    Bytes requests;
+    Bytes messages;
+    for (const Step& step : steps) {
+        requests = requests + step.request;
+    }
+    Ask(1, requests);
+    Bytes read;
+    Bytes taken;
+    for (const Step& step : steps) {
+        read = read + Next();
+        for (const Bytes& message : step.messages) {
+            messages = messages + message;
+            Plugin(message);
+            // A frame is accepted once the one before it is sent.
+            taken = taken + Take(1);
+            EXPECT_TRUE(broker.MayTakeFrame());
+        }
+    }
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(read, requests);
+    EXPECT_EQ(taken, messages);
+    EXPECT_EQ(Log(), std::vector<std::string>());
+}
+
+TEST_F(BrokerTest, ARequestMayArriveInAnyPieces) {
+    const Bytes request = OpenBytes(0);
+    for (size_t i = 0; i < request.size(); ++i) {
+        EXPECT_EQ(Next(), Bytes());
+        Ask(1, {request[i]});
+    }
+    Ask(1, {0, 0});
+    EXPECT_EQ(Next(), request);
+    Ask(1, {0, 0, 10, 0, 0, 0});
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+}
+
+TEST_F(BrokerTest, WhatThePluginWouldDropDoesNotReachIt) {
+    for (const uint8_t type : Bytes{0, 2, 5, 6, 7, 11, 12, 128, 255}) {
+        Ask(1, MessageBytes(type, {1, 2, 3, 4}));
+    }
+    for (const uint8_t type : Bytes{3, 8, 9}) {
+        Ask(1, MessageBytes(type, {}) + MessageBytes(type, Bytes(15)) + MessageBytes(type, Bytes(17)));
+    }
+    EXPECT_EQ(Next(), Bytes());
+    Ask(1, kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    EXPECT_EQ(Take(1), Bytes());
+}
+
+TEST_F(BrokerTest, AnAnswerGoesToThePeerThatAskedAndToNoOther) {
+    Ask(1, kVersionRequestBytes);
+    Ask(2, kGetListBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Next(), kGetListBytes);
+    Plugin(testing::kEmptyListBytes);
+    EXPECT_EQ(Take(1), kVersionReplyBytes);
+    EXPECT_EQ(Take(2), testing::kEmptyListBytes);
+    EXPECT_EQ(Take(3), Bytes());
+}
+
+TEST_F(BrokerTest, PeersAreServedInTurn) {
+    Ask(1, kVersionRequestBytes + kVersionRequestBytes + kVersionRequestBytes);
+    Ask(2, kGetListBytes + kGetListBytes);
+    Ask(3, OpenBytes(0));
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    EXPECT_EQ(Next(), kGetListBytes);
+    EXPECT_EQ(Next(), OpenBytes(0));
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    EXPECT_EQ(Next(), kGetListBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    EXPECT_EQ(Next(), Bytes());
+}
+
+TEST_F(BrokerTest, ARequestWithoutAnAnswerDoesNotShiftTheNextAnswer) {
+    // Memory for the answer may run out in the plugin.
+    Ask(1, kVersionRequestBytes);
+    Ask(2, kGetListBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    EXPECT_EQ(Next(), kGetListBytes);
+    Plugin(testing::kEmptyListBytes);
+    EXPECT_EQ(Take(1), Bytes());
+    EXPECT_EQ(Take(2), testing::kEmptyListBytes);
+}
+
+TEST_F(BrokerTest, AnAnswerToAPeerThatHasLeftIsDropped) {
+    Ask(1, kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    broker.RemovePeer(1);
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), Bytes());
+}
+
+TEST_F(BrokerTest, AnOpenOfAnOpenCameraInTheSameFormatIsAnsweredHere) {
+    OpenFirst(1, 0);
+    EXPECT_EQ(OpenFurther(2, 0), StateBytes(kOpen, 0));
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(1), KeyFrame(0, 1));
+    EXPECT_EQ(Take(2), KeyFrame(0, 1));
+    EXPECT_EQ(Take(3), Bytes());
+}
+
+TEST_F(BrokerTest, AnOpenWaitsForTheFirstOpenOfThatCamera) {
+    Ask(1, OpenBytes(0));
+    EXPECT_EQ(Next(), OpenBytes(0));
+    Ask(2, OpenBytes(0));
+    Plugin(StateBytes(kFailed, 0));
+    // The camera is not open, so the next peer's request is passed on.
+    EXPECT_EQ(Next(), OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), StateBytes(kFailed, 0));
+    EXPECT_EQ(Take(2), StateBytes(kOpen, 0));
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(1), Bytes());
+    EXPECT_EQ(Take(2), KeyFrame(0, 1));
+}
+
+TEST_F(BrokerTest, ARepeatedOpenByTheSamePeerChangesNothingWhateverTheFormat) {
+    OpenFirst(1, 0);
+    Ask(1, OpenBytes(0, 320, 240, 15));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), StateBytes(kOpen, 0));
+    EXPECT_EQ(OpenFurther(2, 0), StateBytes(kOpen, 0));
+}
+
+TEST_F(BrokerTest, AnotherFormatIsRefusedWhileAPeerWatches) {
+    OpenFirst(1, 0);
+    for (const Bytes& open :
+         {OpenBytes(0, 641, 480, 30), OpenBytes(0, 640, 481, 30), OpenBytes(0, 640, 480, 31)}) {
+        Ask(2, open);
+        EXPECT_EQ(Next(), Bytes());
+        EXPECT_EQ(Take(2),
+                  NoticeBytes("camera 0 is in use by another peer at 640x480, 30 frames per second") +
+                      StateBytes(kFailed, 0));
+    }
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(1), KeyFrame(0, 1));
+    EXPECT_EQ(Take(2), Bytes());
+    EXPECT_EQ(Log().at(0),
+              "[host] peer 2 is refused 641x480, 30 frames per second: camera 0 is in use by another peer at "
+              "640x480, 30 frames per second");
+    // Another camera is free.
+    OpenFirst(2, 1);
+}
+
+TEST_F(BrokerTest, AChangeOfFormatIsForTheOnlyWatcher) {
+    OpenFirst(1, 0);
+    Ask(1, SetFormatBytes(0, 320, 240, 15));
+    EXPECT_EQ(Next(), SetFormatBytes(0, 320, 240, 15));
+    // From now on this is the format to join at.
+    Ask(2, OpenBytes(0, 320, 240, 15));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), StateBytes(kOpen, 0));
+    Ask(1, SetFormatBytes(0, 640, 480, 30));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), NoticeBytes("camera 0 is in use by another peer at 320x240, 15 frames per second") +
+                           StateBytes(kFailed, 0));
+    // It still watches.
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(1), KeyFrame(0, 1));
+    // The format that is set already.
+    Ask(1, SetFormatBytes(0, 320, 240, 15));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), Bytes());
+}
+
+TEST_F(BrokerTest, APeerCannotChangeACameraThatOnlyOthersWatch) {
+    OpenFirst(1, 0);
+    Ask(2, SetFormatBytes(0) + SetPropertyBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), Bytes());
+    Ask(2, CloseBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), StateBytes(kClosed, 0));
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(1), KeyFrame(0, 1));
+}
+
+TEST_F(BrokerTest, TheCameraClosesWhenItsLastPeerClosesIt) {
+    OpenFirst(1, 0);
+    OpenFurther(2, 0);
+    Ask(1, CloseBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), StateBytes(kClosed, 0));
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(1), Bytes());
+    EXPECT_EQ(Take(2), KeyFrame(0, 1));
+    Ask(2, CloseBytes(0));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    Plugin(StateBytes(kClosed, 0));
+    EXPECT_EQ(Take(2), StateBytes(kClosed, 0));
+    // Frames that the plugin had in its queue.
+    Plugin(NextFrame(0, 2));
+    EXPECT_EQ(Take(2), Bytes());
+    OpenFirst(2, 0);
+}
+
+TEST_F(BrokerTest, TheLastPeerThatLeavesClosesWhatItWatched) {
+    OpenFirst(1, 0);
+    OpenFirst(1, 5);
+    OpenFirst(2, 7);
+    OpenFurther(2, 0);
+    broker.RemovePeer(1);
+    EXPECT_EQ(Next(), CloseBytes(5));
+    Plugin(StateBytes(kClosed, 5));
+    EXPECT_EQ(Next(), Bytes());
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(2), KeyFrame(0, 1));
+    broker.RemovePeer(2);
+    EXPECT_EQ(Next(), CloseBytes(0));
+    EXPECT_EQ(Next(), CloseBytes(7));
+    EXPECT_EQ(Next(), Bytes());
+}
+
+TEST_F(BrokerTest, APeerThatLeavesWhileItsCameraOpensHasItClosed) {
+    Ask(1, OpenBytes(3));
+    EXPECT_EQ(Next(), OpenBytes(3));
+    broker.RemovePeer(1);
+    Plugin(StateBytes(kOpen, 3));
+    // Before any request of others.
+    Ask(2, OpenBytes(3, 320, 240, 15));
+    EXPECT_EQ(Next(), CloseBytes(3));
+    Plugin(StateBytes(kClosed, 3));
+    EXPECT_EQ(Next(), OpenBytes(3, 320, 240, 15));
+    EXPECT_EQ(Take(2), Bytes());
+}
+
+TEST_F(BrokerTest, APeerThatJoinsGetsTheFramesSinceTheLastKeyFrameFirst) {
+    OpenFirst(1, 0);
+    for (const Bytes& frame :
+         {KeyFrame(0, 1), NextFrame(0, 2), KeyFrame(0, 3), NextFrame(0, 4), NextFrame(0, 5)}) {
+        Plugin(frame);
+        Take(1);
+    }
+    EXPECT_EQ(OpenFurther(2, 0), StateBytes(kOpen, 0) + KeyFrame(0, 3) + NextFrame(0, 4) + NextFrame(0, 5));
+    Plugin(NextFrame(0, 6));
+    EXPECT_EQ(Take(2), NextFrame(0, 6));
+    EXPECT_EQ(Take(1), NextFrame(0, 6));
+}
+
+TEST_F(BrokerTest, AfterAChangeOfFormatNoOldFrameIsKept) {
+    OpenFirst(1, 0);
+    Plugin(KeyFrame(0, 1));
+    Take(1);
+    Ask(1, SetFormatBytes(0));
+    EXPECT_EQ(Next(), SetFormatBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    Ask(2, OpenBytes(0, 1280, 720, 25));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), StateBytes(kOpen, 0));
+}
+
+// The parameter fills the kept group beyond one of its limits.
+struct Limit {
+    const char* name;
+    int frames;
+    size_t bytes;
+    seconds time;
+};
+class BrokerGroup : public BrokerTest, public ::testing::WithParamInterface<Limit> {};
+
+TEST_P(BrokerGroup, BeyondALimitAPeerThatJoinsWaitsForTheNextKeyFrame) {
+    OpenFirst(1, 0);
+    Plugin(KeyFrame(0, 1));
+    Take(1);
+    now += GetParam().time;
+    for (int i = 0; i < GetParam().frames; ++i) {
+        Plugin(NextFrame(0, 2, GetParam().bytes));
+        Take(1);
+    }
+    EXPECT_EQ(OpenFurther(2, 0), StateBytes(kOpen, 0));
+    Plugin(NextFrame(0, 3));
+    EXPECT_EQ(Take(2), Bytes());
+    Plugin(KeyFrame(0, 4));
+    Plugin(NextFrame(0, 5));
+    EXPECT_EQ(Take(2), KeyFrame(0, 4) + NextFrame(0, 5));
+    broker.RemovePeer(2);
+    // It was not slow.
+    EXPECT_EQ(Log(), std::vector<std::string>());
+}
+
+INSTANTIATE_TEST_SUITE_P(Limits, BrokerGroup,
+                         ::testing::Values(Limit{"Frames", 150, 0, seconds(0)},
+                                           Limit{"Bytes", 2, 1024 * 1024, seconds(0)},
+                                           Limit{"Time", 1, 0, seconds(6)}),
+                         [](const auto& one) { return one.param.name; });
+
+TEST_F(BrokerTest, AFrameIsTakenWhenOneWatcherHasSentAllItsFrames) {
+    EXPECT_TRUE(broker.MayTakeFrame());
+    OpenFirst(1, 0);
+    EXPECT_TRUE(broker.MayTakeFrame());
+    Plugin(KeyFrame(0, 1));
+    // The peers without a camera do not count.
+    EXPECT_FALSE(broker.MayTakeFrame());
+    OpenFirst(2, 1);
+    EXPECT_TRUE(broker.MayTakeFrame());
+    Plugin(KeyFrame(1, 2));
+    EXPECT_FALSE(broker.MayTakeFrame());
+    broker.OnSent(1, 5);
+    EXPECT_FALSE(broker.MayTakeFrame());
+    broker.OnSent(1, KeyFrame(0, 1).size() - 5);
+    EXPECT_TRUE(broker.MayTakeFrame());
+    Plugin(KeyFrame(0, 3));
+    EXPECT_FALSE(broker.MayTakeFrame());
+    broker.RemovePeer(1);
+    EXPECT_FALSE(broker.MayTakeFrame());
+    broker.RemovePeer(2);
+    EXPECT_TRUE(broker.MayTakeFrame());
+}
+
+TEST_F(BrokerTest, ASlowPeerLosesItsOwnFramesUpToAKeyFrame) {
+    OpenFirst(1, 0);
+    OpenFurther(2, 0);
+    constexpr size_t kLarge = 1024 * 1024;
+    Bytes kept = KeyFrame(0, 1, kLarge);
+    Plugin(kept);
+    EXPECT_EQ(Take(1), kept);
+    // The fifth begins beyond the limit of 4 MiB.
+    for (uint8_t i = 2; i <= 6; ++i) {
+        const Bytes frame = NextFrame(0, i, kLarge);
+        Plugin(frame);
+        EXPECT_EQ(Take(1), frame);
+        if (i <= 4) {
+            kept = kept + frame;
+        }
+    }
+    EXPECT_EQ(Log(), (std::vector<std::string>{"[host] peer 2 is slow and loses frames of camera 0"}));
+    EXPECT_TRUE(Take(2) == kept);
+    // It has room again, but nothing that it could decode.
+    Plugin(NextFrame(0, 7));
+    EXPECT_EQ(Take(2), Bytes());
+    Plugin(KeyFrame(0, 8));
+    Plugin(NextFrame(0, 9));
+    EXPECT_EQ(Take(2), KeyFrame(0, 8) + NextFrame(0, 9));
+    EXPECT_EQ(Take(1), NextFrame(0, 7) + KeyFrame(0, 8) + NextFrame(0, 9));
+    broker.RemovePeer(1);
+    broker.RemovePeer(2);
+    EXPECT_EQ(Log(), (std::vector<std::string>{"[host] peer 2 was slow and lost 3 frames"}));
+}
+
+TEST_F(BrokerTest, TheNumberOfFramesThatWaitForAPeerIsLimited) {
+    OpenFirst(1, 0);
+    OpenFurther(2, 0);
+    Plugin(KeyFrame(0, 0));
+    for (int i = 0; i < 400; ++i) {
+        Plugin(NextFrame(0, 1));
+        Take(1);
+    }
+    EXPECT_EQ(Take(2).size(), KeyFrame(0, 0).size() + 299 * NextFrame(0, 1).size());
+}
+
+TEST_F(BrokerTest, AStreamWithoutKeyFramesIsPassedOnFromAnyFrame) {
+    OpenFirst(1, 0);
+    Plugin(FrameBytes(0, {1, 2, 3}));
+    EXPECT_EQ(OpenFurther(2, 0), StateBytes(kOpen, 0));
+    Plugin(FrameBytes(0, {4}));
+    Plugin(FrameBytes(0, {}));
+    EXPECT_EQ(Take(2), FrameBytes(0, {4}) + FrameBytes(0, {}));
+}
+
+TEST_F(BrokerTest, ATooLongRequestEndsItsPeerOnly) {
+    OpenFirst(1, 0);
+    OpenFurther(2, 0);
+    Ask(1, MessageBytes(200, Bytes(65536)) + kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    Plugin(kVersionReplyBytes);
+    // The header alone says it: 65537 bytes follow.
+    Ask(1, {1, 0, 1, 0, 1, 0, 0, 0});
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(broker.InputRoom(1), 0U);
+    EXPECT_EQ(Log(), (std::vector<std::string>{
+                         "[host] peer 1 is disconnected: a request has 65537 bytes; the limit is 65536"}));
+    EXPECT_FALSE(broker.IsDone(1, now));
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(1), kVersionReplyBytes + NoticeBytes("a request has 65537 bytes; the limit is 65536"));
+    EXPECT_TRUE(broker.IsDone(1, now));
+    EXPECT_FALSE(broker.IsDone(2, now));
+    EXPECT_EQ(Take(2), KeyFrame(0, 1));
+}
+
+TEST_F(BrokerTest, APeerThatIsEndedGetsItsMessageWholeAndNoFurtherFrames) {
+    OpenFirst(1, 0);
+    OpenFurther(2, 0);
+    Plugin(KeyFrame(0, 1));
+    Plugin(NextFrame(0, 2));
+    broker.OnSent(1, 3);
+    broker.EndPeer(1, "enough", now);
+    broker.EndPeer(1, "twice", now);
+    const Bytes frame = KeyFrame(0, 1);
+    EXPECT_EQ(Take(1), Bytes(frame.begin() + 3, frame.end()) + NoticeBytes("enough"));
+    Take(2);
+    EXPECT_TRUE(broker.MayTakeFrame());
+}
+
+TEST_F(BrokerTest, NothingFollowsTheLastNotice) {
+    Ask(1, kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    broker.EndPeer(1, "enough", now);
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Take(1), NoticeBytes("enough"));
+}
+
+TEST_F(BrokerTest, APeerThatDoesNotReadItsLastNoticeIsDoneAfterTwoSeconds) {
+    EXPECT_EQ(broker.NextTime(), Clock::time_point::max());
+    broker.EndPeer(1, "enough", now);
+    EXPECT_EQ(broker.NextTime(), now + seconds(2));
+    EXPECT_FALSE(broker.IsDone(1, now + milliseconds(1999)));
+    EXPECT_TRUE(broker.IsDone(1, now + seconds(2)));
+}
+
+TEST_F(BrokerTest, APeerThatDoesNotReadItsAnswersIsNotServedAnyMore) {
+    // One answer above the limit of 64 KiB.
+    Ask(1, kGetListBytes + kVersionRequestBytes);
+    EXPECT_EQ(Next(), kGetListBytes);
+    const Bytes list = MessageBytes(2, Bytes(65536));
+    Plugin(list);
+    Ask(2, kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Take(2), kVersionReplyBytes);
+    EXPECT_EQ(Next(), Bytes());
+    // Its input is read until a request of the largest size would be complete.
+    EXPECT_EQ(broker.InputRoom(1), 65536U);
+    Ask(1, Bytes(65536));
+    EXPECT_EQ(broker.InputRoom(1), 0U);
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_TRUE(Take(1) == list);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+}
+
+TEST_F(BrokerTest, ThatAPeerSendsNothingMoreCountsAfterItsLastAnswer) {
+    Ask(1, OpenBytes(0) + kVersionRequestBytes + Bytes{1, 2, 3});
+    broker.OnInputEnd(1);
+    EXPECT_EQ(broker.InputRoom(1), 0U);
+    EXPECT_FALSE(broker.IsDone(1, now));
+    EXPECT_EQ(Next(), OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    EXPECT_EQ(Take(1), StateBytes(kOpen, 0));
+    EXPECT_FALSE(broker.IsDone(1, now));
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_FALSE(broker.IsDone(1, now));
+    EXPECT_EQ(Take(1), kVersionReplyBytes);
+    // Frames would never end.
+    Plugin(KeyFrame(0, 1));
+    EXPECT_TRUE(broker.IsDone(1, now));
+}
+
+TEST_F(BrokerTest, EveryChangeForTheMainThreadIsReported) {
+    EXPECT_FALSE(broker.TakeChange());
+    Ask(1, OpenBytes(0));
+    EXPECT_EQ(Next(), OpenBytes(0));
+    EXPECT_TRUE(broker.TakeChange());
+    EXPECT_FALSE(broker.TakeChange());
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_TRUE(broker.TakeChange());
+    Plugin(KeyFrame(0, 1));
+    EXPECT_TRUE(broker.TakeChange());
+    // The request is handled: a peer that sends nothing more may be done.
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_TRUE(broker.TakeChange());
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_FALSE(broker.TakeChange());
+}
+
+TEST_F(BrokerTest, BytesThatAreNotOneMessageAreRefused) {
+    EXPECT_FALSE(broker.OnMessage({}, now));
+    EXPECT_FALSE(broker.OnMessage(Bytes(7), now));
+    EXPECT_FALSE(broker.OnMessage(Bytes{1, 0, 0, 0, 2, 0, 0, 0}, now));
+    EXPECT_FALSE(broker.OnMessage(kVersionReplyBytes + kVersionReplyBytes, now));
+    // A frame without its own header belongs to no camera.
+    Plugin(MessageBytes(7, Bytes(7)));
+    EXPECT_EQ(Take(1), Bytes());
+}
+
+}  // namespace
+}  // namespace zumod::host

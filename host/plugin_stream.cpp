@@ -1,0 +1,93 @@
+#include "host/plugin_stream.h"
+
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <span>
+#include <utility>
+
+namespace zumod::host {
+namespace {
+
+constexpr int kFailed = -1;
+
+}  // namespace
+
+PluginStream::PluginStream() : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+int PluginStream::Read(void* data, unsigned long size, unsigned long* done) {
+    const MutexLock lock(m_mutex);
+    while (m_read == m_request.size()) {
+        if (m_ended) {
+            return kFailed;
+        }
+        std::optional<Bytes> request;
+        try {
+            request = m_broker.NextRequest(Clock::now());
+        } catch (const std::bad_alloc&) {
+            EndLocked();
+            return kFailed;
+        }
+        WakeMain();
+        if (request) {
+            m_request = std::move(*request);
+            m_read = 0;
+        } else {
+            m_changed.wait(m_mutex);
+        }
+    }
+    if (m_ended) {
+        return kFailed;
+    }
+    const size_t count = std::min<size_t>(size, m_request.size() - m_read);
+    std::memcpy(data, m_request.data() + m_read, count);
+    m_read += count;
+    *done = count;
+    return 0;
+}
+
+int PluginStream::Write(const void* data, unsigned long size, unsigned long* done) {
+    const std::span<const uint8_t> bytes(static_cast<const uint8_t*>(data), size);
+    const MutexLock lock(m_mutex);
+    while (!m_ended && Broker::IsFrame(bytes) && !m_broker.MayTakeFrame()) {
+        m_changed.wait(m_mutex);
+    }
+    try {
+        if (m_ended || !m_broker.OnMessage(bytes, Clock::now())) {
+            return kFailed;
+        }
+    } catch (const std::bad_alloc&) {
+        // Nothing may throw on the send thread. A peer may miss a message now, so the session ends.
+        EndLocked();
+        return kFailed;
+    }
+    WakeMain();
+    *done = size;
+    return 0;
+}
+
+void PluginStream::End() {
+    const MutexLock lock(m_mutex);
+    EndLocked();
+}
+
+void PluginStream::EndLocked() {
+    m_ended = true;
+    m_changed.notify_all();
+}
+
+void PluginStream::ClearWake() {
+    eventfd_t count = 0;
+    eventfd_read(m_wake.Get(), &count);
+}
+
+void PluginStream::WakeMain() {
+    if (m_broker.TakeChange()) {
+        eventfd_write(m_wake.Get(), 1);
+    }
+}
+
+}  // namespace zumod::host
