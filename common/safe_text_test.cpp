@@ -31,6 +31,15 @@ TEST(SafeText, EscapesMarksThatChangeTheWritingDirectionOrEndALine) {
     EXPECT_EQ(SafeText("\xe2\x81\xa6\xe2\x80\xa8\xef\xbb\xbf"), "\\u2066\\u2028\\ufeff");
 }
 
+TEST(SafeText, EscapesCharactersThatNobodySees) {
+    // Of no width: space, joiner, word joiner. A soft hyphen, a filler, a variation selector, a tag.
+    EXPECT_EQ(SafeText("a\xe2\x80\x8b\xe2\x80\x8d\xe2\x81\xa0"), "a\\u200b\\u200d\\u2060");
+    EXPECT_EQ(SafeText("\xc2\xad\xe3\x85\xa4\xef\xb8\x8f"), "\\u00ad\\u3164\\ufe0f");
+    EXPECT_EQ(SafeText("\xf3\xa0\x80\xa0"), "\\U000e0020");
+    // Their neighbours, and a space that has a width.
+    EXPECT_EQ(SafeText("\xc2\xae\xe2\x80\x8a\xe2\x80\x90"), "\xc2\xae\xe2\x80\x8a\xe2\x80\x90");
+}
+
 TEST(SafeText, EscapesEveryByteThatIsNotUtf8) {
     EXPECT_EQ(SafeText("\xff"), "\\xff");
     EXPECT_EQ(SafeText("a\xc3"), "a\\xc3");
