@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/watch/call_watch.h"
 
 namespace zumod {
 namespace {
 
+using testing::CallWatch;
 using testing::ScriptedStream;
 
 TEST(ChannelSlot, IsEmptyAtFirst) {
@@ -56,6 +58,22 @@ TEST(ChannelSlot, AStreamSetAgainWhileBorrowedIsKept) {
     slot.Set(stream);
     slot.Return();
     EXPECT_EQ(slot.Get(), stream);
+}
+
+TEST(ChannelSlot, EveryOperationHoldsTheLock) {
+    ChannelSlot slot;
+    // The lock is the first field; its mutex follows the table pointer.
+    const uintptr_t mutex = reinterpret_cast<uintptr_t>(&slot) + 8;
+    const CallWatch watch;
+    slot.Set({});
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock, mutex), 1);
+    slot.Get();
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock, mutex), 2);
+    slot.Borrow();
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock, mutex), 3);
+    slot.Return();
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_lock, mutex), 4);
+    EXPECT_EQ(watch.Count(CallWatch::pthread_mutex_unlock, mutex), 4);
 }
 
 TEST(ChannelSlot, TheDestructorReleasesTheStream) {

@@ -105,6 +105,21 @@ TEST_F(SendQueueCalls, AClosedQueueMakesNoCall) {
     EXPECT_EQ(watch.TakeSemaphoreCalls(), Calls{});
 }
 
+// A use of a semaphore begins under the lock, so a close before it is noticed.
+TEST_F(SendQueueCalls, AQueueThatIsClosedBeforeTheFirstCallGetsNone) {
+    // The lock is the first field; its mutex follows the table pointer.
+    const uintptr_t mutex = reinterpret_cast<uintptr_t>(&queue) + 8;
+    watch.OnNext(CallWatch::pthread_mutex_lock, mutex, [this] { queue.Close(); });
+    queue.Enqueue(message);
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), kCloseCalls);
+
+    queue.Reset();
+    watch.TakeSemaphoreCalls();
+    watch.OnNext(CallWatch::pthread_mutex_lock, mutex, [this] { queue.Close(); });
+    EXPECT_EQ(queue.Take(), nullptr);
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), kCloseCalls);
+}
+
 TEST_F(SendQueueCalls, ResetClosesThenOpens) {
     Calls expected = kCloseCalls;
     expected.insert(expected.end(), kOpenCalls.begin(), kOpenCalls.end());
