@@ -9,12 +9,17 @@
 #include <optional>
 #include <string>
 
+#include "common/error.h"
 #include "common/unique_fd.h"
 
 namespace zumod {
 
 // The longest path of a socket, in bytes.
 inline constexpr size_t kUnixPathLimit = sizeof(sockaddr_un::sun_path) - 1;
+
+// Where a host listens unless a path is given: zu/camera in the directory of the user's session, or in /run
+// for root without a session. Empty if there is no such directory.
+std::string DefaultSocketPath();
 
 class UnixAddress {
 public:
@@ -37,5 +42,9 @@ UniqueFd NewUnixSocket(int flags = 0);
 
 // The effective user of the process that connected to, or listens at, the other end; -1 if it is not known.
 uid_t PeerUser(int socket);
+
+// Checks that the program that listens at the other end belongs to this user or root, or to `also`. Others
+// could have put their socket in the place of the host's.
+Expected<void> CheckHostUser(int socket, std::optional<uid_t> also);
 
 }  // namespace zumod

@@ -8,8 +8,10 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 
 #include "common/unix_socket.h"
+#include "host/socket_directory.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod::host {
@@ -19,28 +21,31 @@ constexpr int kBacklog = 16;
 constexpr int kLockAttempts = 50;
 constexpr useconds_t kLockPause = 100'000;  // microseconds
 
-std::string DirectoryOf(const std::string& path) {
-    const std::string directory = std::filesystem::path(path).parent_path().string();
-    return directory.empty() ? "." : directory;
+// The directory, "." if the path has none.
+std::string DirectoryOf(const std::filesystem::path& path) {
+    return path.has_parent_path() ? path.parent_path().string() : ".";
 }
 
-// Held while a socket file is examined and created or removed. Without it, two hosts that start together
-// could both find a dead socket, and the second would remove the new socket of the first.
-UniqueFd LockDirectory(const std::string& directory) {
-    UniqueFd lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    for (int attempt = 0; lock && flock(lock.Get(), LOCK_EX | LOCK_NB) != 0; ++attempt) {
+// The socket in the open directory, for the calls that take no directory's descriptor.
+std::optional<UnixAddress> AddressIn(const UniqueFd& directory, const std::string& name) {
+    return UnixAddress::FromPath("/proc/self/fd/" + std::to_string(directory.Get()) + "/" + name);
+}
+
+bool Lock(const UniqueFd& file) {
+    for (int attempt = 0; flock(file.Get(), LOCK_EX | LOCK_NB) != 0; ++attempt) {
         if (errno != EWOULDBLOCK || attempt == kLockAttempts) {
-            return {};
+            return false;
         }
         usleep(kLockPause);
     }
-    return lock;
+    return true;
 }
 
-// Removes the socket file of a dead host. Fails if something else is there.
-Expected<void> RemoveDeadSocket(const std::string& path, const UnixAddress& address) {
+// Removes the socket file of a dead host. Fails if something else is there; `path` is its path for the error.
+Expected<void> RemoveDeadSocket(const UniqueFd& directory, const std::string& name,
+                                const UnixAddress& address, const std::string& path) {
     struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) {
+    if (fstatat(directory.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return {};
     }
     if (!S_ISSOCK(status.st_mode)) {
@@ -51,7 +56,7 @@ Expected<void> RemoveDeadSocket(const std::string& path, const UnixAddress& addr
     if (result == 0 || errno == EAGAIN) {
         return Fail(path + ": the address is in use, another program listens there");
     }
-    if (errno != ECONNREFUSED || unlink(path.c_str()) != 0) {
+    if (errno != ECONNREFUSED || unlinkat(directory.Get(), name.c_str(), 0) != 0) {
         return Fail(path + ": " + ErrnoText(errno));
     }
     return {};
@@ -60,65 +65,53 @@ Expected<void> RemoveDeadSocket(const std::string& path, const UnixAddress& addr
 }  // namespace
 
 Expected<std::unique_ptr<Listener>> Listener::Open(const std::string& path) {
-    const auto address = UnixAddress::FromPath(path);
-    if (!address) {
+    if (!UnixAddress::FromPath(path)) {
         return Fail(path + ": the path of a socket has at most " + std::to_string(kUnixPathLimit) + " bytes");
     }
-    const std::string directory = DirectoryOf(path);
-    if (const auto result = EnsurePrivateDirectory(directory); !result) {
-        return Fail(result.error());
+    const std::string name = std::filesystem::path(path).filename().string();
+    if (name.empty() || name == "." || name == "..") {
+        return Fail(path + ": is the path of a directory; add a name for the socket");
     }
-    const UniqueFd lock = LockDirectory(directory);
-    if (!lock) {
-        return Fail(directory + ": the directory cannot be locked: " + ErrnoText(errno));
+    auto directory = OpenPrivateDirectory(DirectoryOf(path));
+    if (!directory) {
+        return Fail(directory.error());
     }
-    if (const auto result = RemoveDeadSocket(path, *address); !result) {
+    const auto address = AddressIn(*directory, name);
+    if (!address) {
+        return Fail(path + ": the name of the socket is too long");
+    }
+    UniqueFd lock(openat(directory->Get(), (name + ".lock").c_str(),
+                         O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!lock || !Lock(lock)) {
+        return Fail(path + ".lock: the socket cannot be locked: " + ErrnoText(errno));
+    }
+    if (const auto result = RemoveDeadSocket(*directory, name, *address, path); !result) {
         return Fail(result.error());
     }
     UniqueFd socket = NewUnixSocket(SOCK_NONBLOCK);
     struct stat status {};
     // The file gets its mode from the socket, so it never has another one.
     if (fchmod(socket.Get(), S_IRUSR | S_IWUSR) != 0 || address->Bind(socket) != 0 ||
-        listen(socket.Get(), kBacklog) != 0 || lstat(path.c_str(), &status) != 0) {
+        listen(socket.Get(), kBacklog) != 0 ||
+        fstatat(directory->Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return Fail(path + ": " + ErrnoText(errno));
     }
-    return std::unique_ptr<Listener>(
-        new Listener(path, std::move(socket), status.st_dev, status.st_ino));  // the constructor is private
+    flock(lock.Get(), LOCK_UN);
+    return std::unique_ptr<Listener>(  // the constructor is private
+        new Listener(std::move(*directory), name, std::move(lock), std::move(socket),
+                     {status.st_dev, status.st_ino}));
 }
 
 Listener::~Listener() {
-    const UniqueFd lock = LockDirectory(DirectoryOf(m_path));
     struct stat status {};
-    if (lock && lstat(m_path.c_str(), &status) == 0 && status.st_dev == m_device &&
-        status.st_ino == m_inode) {
-        unlink(m_path.c_str());
+    if (Lock(m_lock) && fstatat(m_directory.Get(), m_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        std::pair(status.st_dev, status.st_ino) == m_file) {
+        unlinkat(m_directory.Get(), m_name.c_str(), 0);
     }
 }
 
 UniqueFd Listener::Accept() const {
     return UniqueFd(accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-}
-
-Expected<void> EnsurePrivateDirectory(const std::string& directory) {
-    if (mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-        return Fail(directory + ": the directory cannot be created: " + ErrnoText(errno));
-    }
-    struct stat status {};
-    if (stat(directory.c_str(), &status) != 0) {
-        return Fail(directory + ": " + ErrnoText(errno));
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        return Fail(directory + ": is not a directory");
-    }
-    if (status.st_uid != geteuid() && status.st_uid != 0) {
-        return Fail(directory + ": the directory belongs to another user");
-    }
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return Fail(
-            directory +
-            ": others may write to the directory; choose one that only you may write to (chmod go-w)");
-    }
-    return {};
 }
 
 std::string HostNotice(const std::string& text) {

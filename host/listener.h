@@ -16,9 +16,8 @@ namespace zumod::host {
 
 class Listener {
 public:
-    // Creates the socket with mode 0600. Its directory is created, for this user only, if it does not exist;
-    // one that others may write to is refused. The socket file of a host that is dead is replaced; one with a
-    // listener is not.
+    // Creates the socket with mode 0600 in a directory as OpenPrivateDirectory opens it. The socket file of a
+    // host that is dead is replaced; one with a listener is not.
     static Expected<std::unique_ptr<Listener>> Open(const std::string& path);
     // Removes the socket file, unless another file has taken its place.
     ~Listener();
@@ -32,18 +31,24 @@ public:
     UniqueFd Accept() const;
 
 private:
-    Listener(std::string path, UniqueFd socket, dev_t device, ino_t inode)
-        : m_path(std::move(path)), m_socket(std::move(socket)), m_device(device), m_inode(inode) {}
+    using FileId = std::pair<dev_t, ino_t>;
 
-    const std::string m_path;
+    Listener(UniqueFd directory, std::string name, UniqueFd lock, UniqueFd socket, FileId file)
+        : m_directory(std::move(directory)),
+          m_name(std::move(name)),
+          m_lock(std::move(lock)),
+          m_socket(std::move(socket)),
+          m_file(std::move(file)) {}
+
+    const UniqueFd m_directory;
+    const std::string m_name;  // of the socket in it
+    // The file NAME.lock. Locked while the socket file is examined and created or removed. Without it, two
+    // hosts that start together could both find a dead socket, and the second would remove the new socket of
+    // the first. It stays: a host that removed it could remove it under another one's lock.
+    const UniqueFd m_lock;
     const UniqueFd m_socket;
-    const dev_t m_device;
-    const ino_t m_inode;
+    const FileId m_file;  // of the socket
 };
-
-// Creates the directory, for this user only, if it does not exist. Fails if that is not possible, or if what
-// exists is not a directory, belongs to another user than this one or root, or may be written to by others.
-Expected<void> EnsurePrivateDirectory(const std::string& directory);
 
 // [any thread]. The only message that a host itself sends: why it closes a connection. The text is cut at the
 // end of a character if it is longer than kHostNoticeLimit.

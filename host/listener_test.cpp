@@ -1,6 +1,8 @@
 #include "host/listener.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -127,77 +129,44 @@ TEST_F(ListenerTest, RefusesAPathThatIsTooLong) {
     EXPECT_EQ(error, long_path + ": the path of a socket has at most 107 bytes");
 }
 
+TEST_F(ListenerTest, RefusesThePathOfADirectory) {
+    for (const std::string& at : {work / "new/", work / ".", work / ".."}) {
+        EXPECT_EQ(Open(at), nullptr);
+        EXPECT_EQ(error, at + ": is the path of a directory; add a name for the socket");
+    }
+    EXPECT_FALSE(fs::exists(work / "new"));
+}
+
+TEST_F(ListenerTest, ItsLockIsAPrivateFile) {
+    const auto listener = Open();
+    ASSERT_NE(listener, nullptr) << error;
+    struct stat status {};
+    ASSERT_EQ(lstat((path + ".lock").c_str(), &status), 0);
+    EXPECT_TRUE(S_ISREG(status.st_mode));
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST_F(ListenerTest, ALockOfTheDirectoryDoesNotStopIt) {
+    const UniqueFd directory(open(work.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(flock(directory.Get(), LOCK_EX), 0);
+    EXPECT_NE(Open(), nullptr) << error;
+}
+
+TEST_F(ListenerTest, RemovesItsFileFromADirectoryThatWasMoved) {
+    {
+        const auto listener = Open(work / "a/socket");
+        ASSERT_NE(listener, nullptr) << error;
+        fs::rename(work / "a", work / "b");
+        EXPECT_TRUE(fs::exists(work / "b/socket"));
+    }
+    EXPECT_FALSE(fs::exists(work / "b/socket"));
+}
+
 TEST_F(ListenerTest, ARelativePathIsInTheCurrentDirectory) {
     const fs::path before = fs::current_path();
     fs::current_path(work.Path());
     EXPECT_NE(Open("socket"), nullptr) << error;
     fs::current_path(before);
-}
-
-class PrivateDirectory : public ::testing::Test {
-protected:
-    // Whether it succeeds; the text is in `error` if it does not.
-    bool Ensure(const std::string& directory) {
-        const auto result = EnsurePrivateDirectory(directory);
-        error = result ? "" : result.error().text;
-        return result.has_value();
-    }
-    const zumod::testing::WorkDirectory work;
-    std::string error;
-};
-
-mode_t ModeOf(const std::string& path) {
-    struct stat status {};
-    EXPECT_EQ(stat(path.c_str(), &status), 0);
-    return status.st_mode & 07777;
-}
-
-TEST_F(PrivateDirectory, IsCreatedForItsOwnerOnly) {
-    const mode_t before = umask(0);
-    EXPECT_TRUE(Ensure(work / "new")) << error;
-    umask(before);
-    EXPECT_EQ(ModeOf(work / "new"), 0700U);
-}
-
-TEST_F(PrivateDirectory, KeepsItsModeIfItExists) {
-    std::filesystem::create_directory(work / "old");
-    ASSERT_EQ(chmod((work / "old").c_str(), 0755), 0);
-    EXPECT_TRUE(Ensure(work / "old")) << error;
-    EXPECT_EQ(ModeOf(work / "old"), 0755U);
-}
-
-TEST_F(PrivateDirectory, IsRefusedIfOthersMayWriteToIt) {
-    const std::string directory = work / "open";
-    std::filesystem::create_directory(directory);
-    for (const mode_t mode : {0770U, 0707U, 01777U, 0720U, 0702U}) {
-        ASSERT_EQ(chmod(directory.c_str(), mode), 0);
-        EXPECT_FALSE(Ensure(directory)) << std::oct << mode;
-        EXPECT_EQ(error,
-                  directory +
-                      ": others may write to the directory; choose one that only you may write to (chmod "
-                      "go-w)");
-    }
-}
-
-TEST_F(PrivateDirectory, IsRefusedIfItBelongsToAnotherUser) {
-    const std::string directory = work / "other";
-    std::filesystem::create_directory(directory);
-    if (chown(directory.c_str(), 65534, 65534) != 0) {
-        GTEST_SKIP() << "only root can give a directory away";
-    }
-    EXPECT_FALSE(Ensure(directory));
-    EXPECT_EQ(error, directory + ": the directory belongs to another user");
-}
-
-TEST_F(PrivateDirectory, IsRefusedIfItIsAFile) {
-    std::ofstream(work / "file") << "x";
-    EXPECT_FALSE(Ensure(work / "file"));
-    EXPECT_EQ(error, (work / "file") + ": is not a directory");
-}
-
-TEST_F(PrivateDirectory, ItsParentIsNotCreated) {
-    EXPECT_FALSE(Ensure(work / "a/b"));
-    EXPECT_EQ(error, (work / "a/b") + ": the directory cannot be created: No such file or directory");
 }
 
 TEST(HostNotice, IsAMessageOfType128WithTheTextAsItsBody) {

@@ -4,6 +4,7 @@
 
 #include "common/command_line.h"
 #include "common/parse_number.h"
+#include "common/unix_socket.h"
 #include "host/host_log.h"
 
 namespace zumod::host {
@@ -20,6 +21,21 @@ constexpr char kFooter[] =
 std::string CheckProperty(const std::string& text) {
     const size_t equals = text.find('=');
     return equals == std::string::npos || equals == 0 ? "takes KEY=VALUE, not \"" + text + "\"" : "";
+}
+
+// A path that looks like an address of a network: "tcp://…", "HOST:PORT" or a port's number.
+bool IsNetworkAddress(const std::string& text) {
+    const size_t end = text.find_last_not_of("0123456789");
+    const bool has_number = end != text.size() - 1;
+    return text.find("://") != std::string::npos || (text.find('/') == std::string::npos && has_number &&
+                                                     (end == std::string::npos || text[end] == ':'));
+}
+
+std::string CheckSocketPath(const std::string& text) {
+    return IsNetworkAddress(text)
+               ? "takes the path of a Unix socket, not \"" + text +
+                     "\"; over a network use ssh: zu-camera-peer --exec 'ssh MACHINE zu-camera-host --stdio'"
+               : "";
 }
 
 std::string CheckLevel(const std::string& text) {
@@ -46,7 +62,9 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
                    "Serve peers at this Unix socket. Its directory is created, for this user only, if it "
                    "does not exist")
         ->type_name("PATH")
-        ->check(NotEmpty("path"));
+        ->expected(0, 1)
+        ->default_str(DefaultSocketPath())  // without a value
+        ->check(CLI::Validator(CheckSocketPath, ""));
     app.add_option("--peers", options.peers, "How many peers are served at once, at most; without it 16")
         ->type_name("N")
         ->check(CLI::Validator(CheckPeers, ""));
@@ -68,11 +86,15 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
     if (const auto result = ParseCommandLine(app, count, words); !result) {
         return Fail(result.error());
     }
-    if (!options.listen.empty() && options.stdio) {
+    const bool listens = app.count("--listen") != 0;
+    if (listens && options.listen.empty()) {
+        return FailUsage("--listen: takes a path");
+    }
+    if (listens && options.stdio) {
         return FailUsage("--listen and --stdio exclude each other");
     }
-    if (options.listen.empty() && !options.stdio) {
-        return FailUsage("give --listen PATH or --stdio");
+    if (!listens && !options.stdio) {
+        return FailUsage("give --listen or --stdio");
     }
     for (const std::string& property : properties) {
         const size_t equals = property.find('=');

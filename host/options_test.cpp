@@ -1,9 +1,12 @@
 #include "host/options.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
+
+#include "tests/support/process/scoped_environment.h"
 
 namespace zumod::host {
 namespace {
@@ -68,7 +71,7 @@ TEST(HostOptions, AHostBehindAPipeShowsNoEvents) {
 }
 
 TEST(HostOptions, AMistakeIsOneLineAndStatus2) {
-    EXPECT_EQ(Mistake({}), "give --listen PATH or --stdio (see --help)");
+    EXPECT_EQ(Mistake({}), "give --listen or --stdio (see --help)");
     EXPECT_EQ(Mistake({"--stdio", "--listen", "x"}), "--listen and --stdio exclude each other (see --help)");
     EXPECT_EQ(Mistake({"--stdio", "--log-level", "loud"}),
               "--log-level: takes error, warning, info or trace, not \"loud\" (see --help)");
@@ -78,10 +81,36 @@ TEST(HostOptions, AMistakeIsOneLineAndStatus2) {
     EXPECT_EQ(Mistake({"--listen", ""}), "--listen: takes a path (see --help)");
     Mistake({"--colour"});
     Mistake({"--stdio", "word"});
-    Mistake({"--listen"});
     Mistake({"--listen", "a", "--listen", "b"});
     // A property takes one word, not all that follow.
     Mistake({"--stdio", "--env", "a=b", "c=d"});
+}
+
+TEST(HostOptions, WithoutAPathTheSocketIsInTheDirectoryOfTheSession) {
+    const zumod::testing::ScopedVariable session("XDG_RUNTIME_DIR", "/run/user/7");
+    EXPECT_EQ(Options({"--listen"}).listen, "/run/user/7/zu/camera");
+    EXPECT_EQ(Options({"--listen", "--log-level", "error"}).listen, "/run/user/7/zu/camera");
+    EXPECT_EQ(Options({"--stdio"}).listen, "");
+    const zumod::testing::ScopedVariable none("XDG_RUNTIME_DIR", "");
+    if (geteuid() == 0) {
+        EXPECT_EQ(Options({"--listen"}).listen, "/run/zu/camera");
+    } else {
+        EXPECT_EQ(Mistake({"--listen"}), "--listen: takes a path (see --help)");
+    }
+}
+
+TEST(HostOptions, ANetworkAddressIsRefusedWithTheWayToUseSsh) {
+    for (const std::string address : {"0.0.0.0:5000", "tcp://0.0.0.0:5000", "tcp://desk", "[::]:5000",
+                                      "localhost:5000", ":5000", "5000"}) {
+        EXPECT_EQ(
+            Mistake({"--listen", address.c_str()}),
+            "--listen: takes the path of a Unix socket, not \"" + address +
+                "\"; over a network use ssh: zu-camera-peer --exec 'ssh MACHINE zu-camera-host --stdio' "
+                "(see --help)");
+    }
+    for (const char* path : {"camera", "./5000", "/run/zu:5000", "camera:a", "camera5", "a:b5"}) {
+        EXPECT_EQ(Options({"--listen", path}).listen, path);
+    }
 }
 
 TEST(HostOptions, HelpNamesEveryOptionAndTheBitsOfTheLevels) {

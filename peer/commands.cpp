@@ -56,8 +56,9 @@ std::span<const Command> Commands() {
 }
 
 Expected<Session> CommandContext::Connect() const {
-    auto connection = options.exec.empty() ? Connection::ToSocket(options.socket, waiter, options.limit)
-                                           : Connection::ToCommand(options.exec);
+    auto connection = options.exec.empty()
+                          ? Connection::ToSocket(options.socket, options.host_user, waiter, options.limit)
+                          : Connection::ToCommand(options.exec);
     return std::move(connection).map([this](Connection&& made) {
         return Session(std::move(made), waiter, options.limit);
     });

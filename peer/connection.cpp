@@ -79,7 +79,8 @@ std::string FailureText(int status) {
 
 }  // namespace
 
-Expected<Connection> Connection::ToSocket(const std::string& path, Waiter& waiter, Clock::duration limit) {
+Expected<Connection> Connection::ToSocket(const std::string& path, std::optional<uid_t> host_user,
+                                          Waiter& waiter, Clock::duration limit) {
     const std::string shown = SafeText(path);
     const auto address = UnixAddress::FromPath(path);
     if (!address) {
@@ -97,6 +98,9 @@ Expected<Connection> Connection::ToSocket(const std::string& path, Waiter& waite
         if (const auto waited = waiter.Wait(std::min(deadline, Clock::now() + kConnectInterval)); !waited) {
             return Fail(waited.error());
         }
+    }
+    if (const auto checked = CheckHostUser(socket.Get(), host_user); !checked) {
+        return Fail(shown + ": " + checked.error().text);
     }
     return Connection(std::move(socket), UniqueFd(), -1);
 }

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -16,8 +17,9 @@ namespace zumod::peer {
 
 class Connection {
 public:
-    // `waiter` is used only in the call.
-    static Expected<Connection> ToSocket(const std::string& path, Waiter& waiter, Clock::duration limit);
+    // The host must belong to this user, to root or to `host_user`. `waiter` is used only in the call.
+    static Expected<Connection> ToSocket(const std::string& path, std::optional<uid_t> host_user,
+                                         Waiter& waiter, Clock::duration limit);
     // Run by "sh -c". Its standard error is this program's.
     static Expected<Connection> ToCommand(const std::string& command);
 

@@ -134,6 +134,10 @@ private:
             ->type_name("PATH")
             ->check(NotEmpty("name"));
         m_app
+            .add_option("--host-uid", m_options.host_user,
+                        "Trust a host of this user at the socket (default: only this user and root)")
+            ->type_name("UID");
+        m_app
             .add_option("--exec", m_options.exec,
                         "Run this by sh -c and use its standard input and output, as in "
                         "'ssh desk zu-camera-host --stdio'")

@@ -3,6 +3,8 @@
 // Thread rule: values and a pure function; any thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -37,6 +39,7 @@ struct RecordTarget {
 struct PeerOptions {
     const Command* command = nullptr;
     std::string socket;
+    std::optional<uid_t> host_user;  // who may be the host besides this user and root
     std::string exec;
     std::string modules;  // empty: the directory that belongs to the program
     Clock::duration limit = std::chrono::seconds(10);

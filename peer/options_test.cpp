@@ -61,6 +61,7 @@ TEST(PeerOptions, HaveTheirDefaults) {
     EXPECT_STREQ(options.command->name, "list");
     EXPECT_EQ(options.socket, "/run/s");
     EXPECT_EQ(options.exec, "");
+    EXPECT_FALSE(options.host_user);
     EXPECT_EQ(options.limit, std::chrono::seconds(10));
     EXPECT_EQ(options.size, std::nullopt);
     EXPECT_EQ(options.fps, 30);
@@ -106,6 +107,7 @@ TEST(PeerOptions, WithAMistakeFailWithOneLineAndStatus2) {
         {"--socket", "s", "list", "extra"},
         {"--socket", "s", "list", "--colour"},
         {"--socket", "s", "list", "version"},
+        {"--socket", "s", "--host-uid", "root", "list"},
         {"--socket", "s", "--timeout", "0", "list"},
         {"--socket", "s", "--timeout", "-1", "list"},
         {"--socket", "s", "--timeout", "nan", "list"},
