@@ -21,6 +21,7 @@
 #include "host/options.h"
 #include "host/peer_stream.h"
 #include "host/serve.h"
+#include "host/setting_check.h"
 #include "src/module/attach_runtime.h"
 
 namespace zumod::host {
@@ -68,6 +69,11 @@ Expected<void> Serve(const HostOptions& options, std::unique_ptr<PeerStream> sta
     }
     if (const auto loaded = LoadCodecLibrary(); !loaded) {
         log.Write(kLogIgnored, "[host] no video can be sent, because " + loaded.error().text);
+    }
+    for (const auto& [key, value] : options.properties) {
+        if (const std::string mistake = SettingMistake(key, value); !mistake.empty()) {
+            log.Write(kLogIgnored, "[host] " + mistake);
+        }
     }
     std::unique_ptr<Listener> listener;
     if (!options.stdio) {

@@ -55,7 +55,8 @@ const std::vector<Layer>& Layers() {
         // Everything around the module uses only the SDK and the loader.
         {kCommon, Join({kSdk, kBase})},
         {{"codec/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
-        {{"host/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
+        // The host knows the codec's settings, to check them when it starts.
+        {{"host/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon, {"codec/setting_keys"}})},
         {{"peer/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
         {{"vcam/"}, kCommon},
     };
@@ -195,6 +196,7 @@ TEST(IncludeLines, TheRulesTellRightFromWrong) {
         {"src/attic/x.cpp", "src/base/lock.h", false},
         {"include/zumod/x.h", "src/base/x.h", false},
         {"host/x.cpp", "src/bridge/x.h", false},
+        {"host/x.cpp", "codec/x.h", false},
         {"peer/x.cpp", "codec/x.h", false},
         {"codec/x.cpp", "src/capture/x.h", false},
         {"vcam/x.cpp", "src/base/x.h", false},

@@ -84,6 +84,16 @@ TEST_F(HostStart, ATerminalIsNotAChannel) {
               "zu-camera-host: standard input is a terminal; --stdio needs a program at the other end\n");
 }
 
+TEST_F(HostStart, APropertyThatTheCodecWouldNotTakeIsNamed) {
+    const auto host =
+        Start({"--env", "zu.codec.bitrate=fast", "--env", "zu.codec.speed=9", "--env", "mine=x"});
+    const std::string errors = host->Errors();
+    EXPECT_NE(errors.find("warning [host] zu.codec.bitrate is wrong, "), std::string::npos) << errors;
+    EXPECT_NE(errors.find("warning [host] zu.codec.speed is unknown to the reference codec, "),
+              std::string::npos);
+    EXPECT_EQ(errors.find("mine"), std::string::npos);
+}
+
 // Without the preloaded libraries: a shell does not work with a sanitizer's.
 std::vector<std::string> InShell(const std::string& command) {
     return {"/usr/bin/env", "-u", "LD_PRELOAD", "/bin/sh", "-c", command};

@@ -1,0 +1,29 @@
+#include "host/setting_check.h"
+
+#include "codec/setting_keys.h"
+
+namespace zumod::host {
+namespace {
+
+constexpr char kCodecPrefix[] = "zu.codec.";
+
+}  // namespace
+
+std::string SettingMistake(const std::string& key, const std::string& value) {
+    if (!key.starts_with(kCodecPrefix)) {
+        return {};
+    }
+    std::string known;
+    for (const SettingKey* setting : kSettingKeys) {
+        if (key == setting->name) {
+            return IsSettingValue(*setting, value)
+                       ? ""
+                       : key + " is wrong, the codec will use its default: it takes " + setting->values +
+                             ", not \"" + value + "\"";
+        }
+        known.append(known.empty() ? "" : ", ").append(setting->name);
+    }
+    return key + " is unknown to the reference codec, which reads " + known;
+}
+
+}  // namespace zumod::host
