@@ -15,7 +15,10 @@ namespace {
 
 constexpr int64_t kTwoSeconds = int64_t{2} * kAssumedRate;
 constexpr char kDefaultPreset[] = "ultrafast";
-constexpr int64_t kDefaultBufferMs = 1000;
+// Chosen by line_bench, with the natural clip on a line of the stream's rate: the largest picture takes 139
+// ms. With 1000 ms it takes 221 ms, at the same quality. With 100 ms it takes 81 ms, but the first picture is
+// visibly worse.
+constexpr int64_t kDefaultBufferMs = 200;
 constexpr int64_t kDefaultThreads = 1;
 
 // The host's value for a key if it is right. Logs one line if it is wrong.

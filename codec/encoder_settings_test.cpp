@@ -29,7 +29,7 @@ TEST_F(EncoderSettingsTest, DependOnTheSizeIfTheHostHasNoProperties) {
     EXPECT_EQ(settings.key_interval, 60) << "two seconds";
     EXPECT_EQ(settings.preset, "ultrafast");
     EXPECT_THAT(host.Lines(), IsEmpty());
-    EXPECT_EQ(settings.buffer_ms, 1000);
+    EXPECT_EQ(settings.buffer_ms, 200);
     EXPECT_EQ(settings.threads, 1);
     EXPECT_THAT(host.AskedKeys(), ElementsAre("zu.codec.bitrate", "zu.codec.preset", "zu.codec.keyint",
                                               "zu.codec.buffer", "zu.codec.threads"));
@@ -79,10 +79,10 @@ TEST_F(EncoderSettingsTest, AWrongKeyIntervalIsLoggedAndTheDefaultUsed) {
 TEST_F(EncoderSettingsTest, AWrongBufferOrNumberOfThreadsIsLoggedAndTheDefaultUsed) {
     for (const char* wrong : {"19", "10001", "1 s"}) {
         SetText("zu.codec.buffer", wrong);
-        EXPECT_EQ(ReadEncoderSettings(640, 480).buffer_ms, 1000) << wrong;
+        EXPECT_EQ(ReadEncoderSettings(640, 480).buffer_ms, 200) << wrong;
         EXPECT_EQ(host.TakeLines().size(), 1U) << wrong;
     }
-    SetText("zu.codec.buffer", "100");
+    SetText("zu.codec.buffer", "250");
     for (const char* wrong : {"0", "17", "all"}) {
         SetText("zu.codec.threads", wrong);
         EXPECT_EQ(ReadEncoderSettings(640, 480).threads, 1) << wrong;

@@ -5,7 +5,6 @@
 #include <cinttypes>
 #include <climits>
 
-#include "codec/setting_keys.h"
 #include "codec/vaapi_frames.h"
 #include "src/module/log.h"
 
@@ -15,6 +14,9 @@ extern "C" {
 
 namespace zumod {
 namespace {
+
+// Below this the picture is not worth sending.
+constexpr int64_t kLeastHalvedRate = 100'000;
 
 int BufferBits(const EncoderSettings& settings) {
     return static_cast<int>(std::min<int64_t>(settings.bit_rate * settings.buffer_ms / 1000, INT_MAX));
@@ -174,8 +176,9 @@ void H264Encoder::HalveBitRate(int halvings) {
     if (m_is_hardware || m_bit_rate == 0) {
         return;
     }
+    const int64_t least = std::min(m_bit_rate, kLeastHalvedRate);
     // libx264 compares these with its own before every picture.
-    m_context->bit_rate = m_context->rc_max_rate = std::max(m_bit_rate >> halvings, kBitRateKey.lowest);
+    m_context->bit_rate = m_context->rc_max_rate = std::max(m_bit_rate >> halvings, least);
     m_context->rc_buffer_size = static_cast<int>(m_buffer_bits * m_context->bit_rate / m_bit_rate);
 }
 

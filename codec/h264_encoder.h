@@ -27,8 +27,8 @@ public:
     bool OpenHardware(const EncoderShape& shape, const EncoderSettings& settings,
                       const EncoderPolicy& policy);
     void Close();
-    // Halves the bit rate this often, from the next picture on; 0 restores it. Hardware, and an encoder of
-    // constant quality, keep their rate.
+    // Halves the bit rate this often, but not below 100 kbit/s, from the next picture on; 0 restores it.
+    // Hardware, and an encoder of constant quality, keep their rate.
     void HalveBitRate(int halvings);
 
     bool IsOpen() const { return m_context != nullptr; }

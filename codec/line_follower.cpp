@@ -20,14 +20,13 @@ void LineFollower::OnPicture(Duration now) {
         Reset(now);
         return;
     }
+    m_intervals.at(static_cast<size_t>(m_count++)) = now - m_last;
     m_last = now;
-    if (++m_intervals == kWindow) {
+    if (m_count == kWindow) {
         const Duration window = now - m_begin;
         m_begin = now;
-        m_intervals = 0;
+        m_count = 0;
         OnWindow(window);
-    } else if (m_camera == 0 && m_intervals == kWindow / 2) {
-        m_camera = static_cast<double>((now - m_begin).count()) / m_intervals;
     }
 }
 
@@ -39,7 +38,12 @@ void LineFollower::Reset(Duration now) {
 
 void LineFollower::OnWindow(Duration window) {
     const double interval = static_cast<double>(window.count()) / kWindow;
-    if (m_ignores_window || m_camera <= 0) {
+    if (m_camera <= 0) {
+        std::ranges::sort(m_intervals);
+        m_camera = static_cast<double>(m_intervals[kWindow / 2].count());
+        return;
+    }
+    if (m_ignores_window) {
         m_ignores_window = false;
         return;
     }

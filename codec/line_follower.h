@@ -7,8 +7,9 @@
 // behind five others. With half the bits per picture all of them fit.
 //
 // The measure. The mean interval of kWindow calls, divided by the camera's interval, is the overload. The
-// camera's interval is that of the first calls, for which the queue has room, and follows the mean of every
-// window without gaps.
+// camera's interval is the median of the first window: its calls have room in the queue for at least half of
+// the window, and those that come at once, because opening the encoder took longer than some pictures, are
+// fewer than half. Then it follows the mean of every window without gaps.
 //
 // The decision, once per window:
 // - From an overload of 1.25 the bits are halved, as often as the overload says. The window after that is
@@ -24,6 +25,7 @@
 // Thread rule: [encode thread]: one thread at a time. No input or output: the caller states the time.
 #pragma once
 
+#include <array>
 #include <chrono>
 
 namespace zumod {
@@ -49,7 +51,8 @@ private:
 
     Duration m_last{-1};  // the last call; negative before the first
     Duration m_begin{};   // of the window
-    int m_intervals = 0;  // in the window
+    std::array<Duration, kWindow> m_intervals{};
+    int m_count = 0;      // in the window
     double m_camera = 0;  // the camera's interval in microseconds; 0 while it is not known
     int m_halvings = 0;
     bool m_ignores_window = false;

@@ -65,6 +65,22 @@ TEST_F(LineFollowerTest, LeavesOneLostPictureInAWindowAlone) {
     }
 }
 
+TEST_F(LineFollowerTest, LeavesPicturesAloneThatWaitedForTheFirst) {
+    After(4, kCamera / 10);
+    for (int i = 0; i < 100; ++i) {
+        Call(kCamera);
+        ASSERT_EQ(follower.Halvings(), 0) << i;
+    }
+}
+
+TEST_F(LineFollowerTest, SeesALineThatIsSlowFromTheBeginning) {
+    // Three pictures waited for the first, the queue has room for two more, then each waits for the line.
+    After(3, kCamera / 10);
+    After(2, kCamera);
+    EXPECT_EQ(After(3, 8 * kCamera), 0);
+    EXPECT_EQ(After(8, 8 * kCamera), 3);
+}
+
 TEST_F(LineFollowerTest, HalvesTheBitsAfterAWindowWithGaps) {
     EXPECT_EQ(After(8, kCamera), 0);
     EXPECT_EQ(After(7, 2 * kCamera), 0);
