@@ -112,6 +112,32 @@ TEST_F(HostEnd, ASignalEndsAHostWhoseTerminalNobodyReads) {
     EXPECT_FALSE(std::filesystem::exists(socket));
 }
 
+// It starts and serves or refuses its peer, or it says what it lacks.
+TEST_F(HostEnd, ASignalEndsAHostThatHasFewDescriptors) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer needs descriptors, too";
+#endif
+    int listening = 0;
+    for (int limit = 5; limit <= 10; ++limit) {
+        SCOPED_TRACE(limit);
+        // A shell does not work with a sanitizer's preloaded library.
+        ChildProcess host(
+            {"/usr/bin/env", "-u", "LD_PRELOAD", "/bin/sh", "-c",
+             "ulimit -n " + std::to_string(limit) + "; exec " ZU_HOST_FILE " --listen " + socket},
+            work / "errors");
+        if (!host.Says("zu-camera-host: listening on ")) {
+            EXPECT_EQ(host.Wait(), 1);
+            EXPECT_NE(host.Errors().find("Too many open files"), std::string::npos) << host.Errors();
+            continue;
+        }
+        ++listening;
+        const PeerClient peer = Connect();
+        EXPECT_TRUE(host.Says("[host] "));  // connected, refused or not accepted
+        ExpectEnd(host, SIGTERM);
+    }
+    EXPECT_GT(listening, 0);
+}
+
 TEST_F(HostEnd, AHostThatIsKilledAtAnyMomentDoesNotPreventTheNext) {
     std::mt19937 random(11);
     for (int i = 0; i < ZU_KILLED_HOSTS; ++i) {
