@@ -57,12 +57,12 @@ using Bytes = std::vector<uint8_t>;
 // The longest body of a request.
 inline constexpr uint32_t kRequestLimit = 64 * 1024;
 // While this many bytes of answers wait for a peer, none of its requests is served.
-inline constexpr size_t kAnswerLimit = 64 * 1024;
+inline constexpr size_t kAnswerLimit = size_t{64} * 1024;
 // What a peer's queue of frames may hold before a further frame is lost.
-inline constexpr size_t kQueuedBytesLimit = 4 * 1024 * 1024;
+inline constexpr size_t kQueuedBytesLimit = size_t{4} * 1024 * 1024;
 inline constexpr size_t kQueuedFramesLimit = 300;
 // What is kept of a camera for peers that join: less than a queue may hold.
-inline constexpr size_t kGroupBytesLimit = 2 * 1024 * 1024;
+inline constexpr size_t kGroupBytesLimit = size_t{2} * 1024 * 1024;
 inline constexpr size_t kGroupFramesLimit = 150;
 inline constexpr auto kGroupTimeLimit = std::chrono::seconds(5);
 // How long a peer may take to read the notice that ends it.

@@ -25,6 +25,7 @@ namespace {
 
 constexpr Clock::time_point kNever = Clock::time_point::max();
 constexpr auto kPause = std::chrono::milliseconds(100);
+constexpr size_t kInputSize = size_t{64} * 1024;
 constexpr char kNothingLeft[] = "the host has no thread or descriptor left for a peer";
 
 // A probe (connect, then close) is already gone.
@@ -257,7 +258,7 @@ private:
     Waiter::Registration m_plugin_wakes;
     std::map<PeerId, Peer> m_peers;
     PeerId m_last_id = 0;
-    std::array<uint8_t, 64 * 1024> m_input{};
+    std::array<uint8_t, kInputSize> m_input{};
 };
 
 class PeerAcceptor {
