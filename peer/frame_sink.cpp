@@ -3,90 +3,98 @@
 #include <utility>
 
 #include "common/safe_text.h"
-#include "peer/output_file.h"
+#include "peer/clock_recovery.h"
 #include "peer/recorder.h"
+#include "peer/recording_files.h"
 
 namespace zumod::peer {
 namespace {
 
-class FileSink final : public FrameSink {
-public:
-    FileSink(OutputFile file, std::unique_ptr<Recorder> recorder, const std::string& path)
-        : m_file(std::move(file)), m_recorder(std::move(recorder)), m_name(SafeText(path)) {}
-
-    Expected<Result> Add(const Frame& frame) override {
-        return m_recorder->Add(frame.bytes, frame.at).map([](bool added) {
-            return added ? Result::kTaken : Result::kSkipped;
-        });
-    }
-    Expected<void> Finish() override {
-        const auto finished = m_recorder->Finish();
-        // Also after a failure: an incomplete recording is better than none.
-        const auto committed = m_file.Commit();
-        return committed ? finished : committed;
-    }
-    std::string Name() const override { return m_name; }
-
-private:
-    OutputFile m_file;
-    std::unique_ptr<Recorder> m_recorder;
-    const std::string m_name;
-};
-
+// One container on standard output. While a frame is not written completely, its bytes wait in this object.
 class OutputSink final : public FrameSink {
 public:
-    OutputSink(StreamParser parser, StandardOutput& output) : m_parser(std::move(parser)), m_output(output) {}
+    OutputSink(StreamParser parser, const PeerOptions& options, StandardOutput& output)
+        : m_parser(std::move(parser)), m_options(options), m_clock(options.fps), m_output(output) {}
+
+    void Begin(const CameraEntry& camera) override { m_title = SafeText(camera.name); }
 
     Expected<Result> Add(const Frame& frame) override {
-        if (!m_begun) {
-            const auto parsed = m_parser.Parse(frame.bytes);
-            if (!parsed) {
-                return Fail(parsed.error());
+        if (m_waiting.bytes.empty()) {
+            const auto added = Write(frame);
+            if (!added || !*added) {
+                return added.map([](bool) { return Result::kSkipped; });
             }
-            if (!parsed->CanBeFirst()) {
-                return Result::kSkipped;
-            }
-            m_begun = true;
         }
-        return m_output.WriteSome(std::span(frame.bytes).subspan(m_written)).map([&](size_t written) {
+        return m_output.WriteSome(std::span(m_waiting.bytes).subspan(m_written)).map([&](size_t written) {
             m_written += written;
-            if (m_written < frame.bytes.size()) {
+            if (m_written < m_waiting.bytes.size()) {
                 return Result::kNotNow;
             }
             m_written = 0;
+            m_waiting.bytes.clear();
             return Result::kTaken;
         });
     }
+    Expected<void> Split() override { return {}; }
     Expected<void> Finish() override { return {}; }
     std::string Name() const override { return "standard output"; }
 
 private:
+    struct Waiting final : RecordingOutput {
+        bool CanSeek() const override { return false; }
+        int WriteAt(int64_t /*position*/, std::span<const uint8_t> more) override {
+            bytes.insert(bytes.end(), more.begin(), more.end());
+            return 0;
+        }
+
+        std::vector<uint8_t> bytes;
+    };
+
+    Expected<bool> Write(const Frame& frame) {
+        auto parsed = m_parser.Parse(frame.bytes);
+        if (!parsed) {
+            return Fail(parsed.error());
+        }
+        if (m_recorder == nullptr) {
+            auto recorder = Recorder::Create({.format = ContainerFormat(m_options.container),
+                                              .fps = m_options.fps,
+                                              .live = true,
+                                              .title = m_title},
+                                             m_waiting);
+            if (!recorder) {
+                return Fail(recorder.error());
+            }
+            m_recorder = std::move(*recorder);
+        }
+        const auto time = m_options.arrival_times ? frame.at : m_clock.Next(frame.at);
+        return m_recorder->Add(std::move(*parsed), time);
+    }
+
     StreamParser m_parser;
+    const PeerOptions& m_options;
+    ClockRecovery m_clock;
     StandardOutput& m_output;
-    bool m_begun = false;
-    size_t m_written = 0;  // of the frame that is not taken yet
+    std::string m_title;
+    Waiting m_waiting;
+    size_t m_written = 0;  // of m_waiting
+    std::unique_ptr<Recorder> m_recorder;
 };
 
 }  // namespace
 
 Expected<std::unique_ptr<FrameSink>> MakeFrameSink(const std::string& path, const PeerOptions& options,
                                                    StandardOutput& output) {
-    if (path == "-") {
-        auto parser = StreamParser::Create();
-        if (!parser) {
-            return Fail(parser.error());
-        }
-        return std::make_unique<OutputSink>(std::move(*parser), output);
+    if (path != "-") {
+        return RecordingFiles::Create(path, options);
     }
-    auto file = OutputFile::Create(path, options.overwrite);
-    if (!file) {
-        return Fail(file.error());
+    if (output.IsTerminal()) {
+        return FailUsage("standard output is a terminal; use a file, or a program as in \"| ffplay -\"");
     }
-    auto recorder = Recorder::Create(file->TemporaryPath(), RecordingFormat(path), options.fps);
-    if (!recorder) {
-        return Fail(recorder.error());
+    auto parser = StreamParser::Create();
+    if (!parser) {
+        return Fail(parser.error());
     }
-    return std::make_unique<FileSink>(std::move(*file), std::move(*recorder), path);
+    return std::make_unique<OutputSink>(std::move(*parser), options, output);
 }
 
 }  // namespace zumod::peer

@@ -8,6 +8,7 @@
 #include "common/command_line.h"
 #include "peer/commands.h"
 #include "peer/recorder.h"
+#include "peer/recording_name.h"
 
 namespace zumod::peer {
 namespace {
@@ -37,8 +38,24 @@ std::string CheckSize(const std::string& text) {
     return ParseSize(text) ? "" : "takes WIDTHxHEIGHT, not \"" + text + "\"";
 }
 
+std::string CheckContainer(const std::string& name) {
+    return ContainerFormat(name) != nullptr ? "" : "takes mkv, ts or h264, not \"" + name + "\"";
+}
+
+std::optional<mode_t> ParseMode(const std::string& text) {
+    const bool octal =
+        !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == std::string::npos;
+    const auto mode = octal ? std::strtoul(text.c_str(), nullptr, 8) : 0;
+    return octal && mode <= 0777 ? std::optional(static_cast<mode_t>(mode)) : std::nullopt;
+}
+
+std::string CheckMode(const std::string& text) {
+    return ParseMode(text) ? "" : "takes octal permissions such as 640, not \"" + text + "\"";
+}
+
 std::string CheckRecording(const std::string& path) {
-    return path == "-" || RecordingFormat(path) != nullptr
+    const bool expands = !path.empty() && !ExpandName(path, 0).empty();
+    return path == "-" || (RecordingFormat(path) != nullptr && expands)
                ? ""
                : "takes a name that ends in .mp4, .mkv or .h264, or -, not \"" + path + "\"";
 }
@@ -173,15 +190,30 @@ private:
         }
         if (has(kOverwrite)) {
             app->add_flag("--overwrite", m_options.overwrite, "Replace a file that exists");
+            app->add_option_function<std::string>(
+                   "--mode", [this](const std::string& text) { m_options.mode = ParseMode(text); },
+                   "The permissions of a file, in octal (default 600, or less by the umask)")
+                ->type_name("MODE")
+                ->check(CLI::Validator(CheckMode, ""));
         }
     }
 
     void AddRecordingFiles(CLI::App* app) {
         app->add_option("FILE", m_options.path,
-                        "A name that ends in .mp4, .mkv or .h264; - for H.264 to "
-                        "standard output, as in \"| ffplay -\"")
+                        "A name that ends in .mp4, .mkv or .h264, in which %H and so on are replaced "
+                        "as by date; - for standard output, as in \"| ffplay -\"")
             ->required()
             ->check(CLI::Validator(CheckRecording, ""));
+        app->add_option("--container", m_options.container,
+                        "What goes to standard output: mkv (default), ts or h264")
+            ->type_name("NAME")
+            ->check(CLI::Validator(CheckContainer, ""));
+        AddSeconds(*app, "--segment", "Begin another file at the first key frame after this time",
+                   [this](Clock::duration time) { m_options.segment = time; });
+        app->add_flag("--split-on-format", m_options.split_on_format,
+                      "Begin another file when the size of the pictures changes");
+        app->add_flag("--arrival-times", m_options.arrival_times,
+                      "Stamp frames with the times at which they arrived, without smoothing");
         app->add_option("ID FILE", m_further, "Further cameras, recorded at the same time")->type_name("...");
     }
 

@@ -51,6 +51,12 @@ struct PeerOptions {
     std::optional<Clock::duration> seconds;
     bool json = false;
     bool overwrite = false;
+    std::optional<mode_t> mode;  // of files
+    std::string container = "mkv";
+    std::optional<Clock::duration> segment;
+    bool split_on_format = false;
+    bool arrival_times = false;
+    bool reconnect = false;
 };
 
 // The error is a mistake, or the text that --help or --version asks for.

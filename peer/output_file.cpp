@@ -9,17 +9,26 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <tuple>
 
 #include "common/safe_text.h"
 
 namespace zumod::peer {
 namespace {
 
-// The mode of a file that open() creates.
-mode_t UsualMode() {
+mode_t PrivateMode() {
     const mode_t mask = umask(0);
     umask(mask);
-    return 0666 & ~mask;
+    return 0600 & ~mask;
+}
+
+// Writes the directory of this file to the disk. 0, or -1 with errno.
+int SyncDirectory(const std::string& path) {
+    const std::string directory = std::filesystem::path(path).parent_path().string();
+    const UniqueFd opened(
+        open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Some file systems cannot do that for a directory.
+    return opened && (fsync(opened.Get()) == 0 || errno == EINVAL) ? 0 : -1;
 }
 
 // Puts the file at `from` to `to`, where nothing is replaced unless `replace` is set. 0, or -1 with errno.
@@ -35,7 +44,7 @@ int Move(const std::string& from, const std::string& to, bool replace) {
 
 }  // namespace
 
-Expected<OutputFile> OutputFile::Create(const std::string& path, bool replace) {
+Expected<OutputFile> OutputFile::Create(const std::string& path, bool replace, std::optional<mode_t> mode) {
     namespace fs = std::filesystem;
     OutputFile file(SafeText(path), path, replace);
     std::error_code error;
@@ -50,13 +59,16 @@ Expected<OutputFile> OutputFile::Create(const std::string& path, bool replace) {
         // A link stays, and the file that it points at is replaced.
         file.m_path = fs::canonical(path, error).string();
     }
-    std::string temporary = file.m_path + ".part-XXXXXX";
-    file.m_file.Reset(mkostemp(temporary.data(), O_CLOEXEC));
+    // The extension stays at the end: a program that goes by it opens the file, too.
+    const std::string extension = fs::path(file.m_path).extension().string();
+    std::string temporary =
+        file.m_path.substr(0, file.m_path.size() - extension.size()) + ".part-XXXXXX" + extension;
+    file.m_file.Reset(mkostemps(temporary.data(), static_cast<int>(extension.size()), O_CLOEXEC));
     if (!file.m_file) {
         return Fail(file.m_shown + " cannot be written: " + ErrnoText(errno));
     }
     file.m_temporary = temporary;
-    fchmod(file.m_file.Get(), UsualMode());
+    fchmod(file.m_file.Get(), mode ? *mode : PrivateMode());
     return file;
 }
 
@@ -77,15 +89,37 @@ Expected<void> OutputFile::Write(std::span<const uint8_t> bytes) {
     return {};
 }
 
+int OutputFile::WriteAt(int64_t position, std::span<const uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = pwrite(m_file.Get(), bytes.data(), bytes.size(), position);
+        if (count < 0 && errno != EINTR) {
+            return errno;
+        }
+        const size_t written = count < 0 ? 0 : static_cast<size_t>(count);
+        position += static_cast<int64_t>(written);
+        bytes = bytes.subspan(written);
+    }
+    return 0;
+}
+
 Expected<void> OutputFile::Commit() {
-    const int result = Move(m_temporary, m_path, m_replace);
+    const bool in_place = fsync(m_file.Get()) == 0 && Move(m_temporary, m_path, m_replace) == 0;
     const int error = errno;
     const std::string temporary = std::exchange(m_temporary, {});
-    if (result != 0) {
+    if (!in_place) {
         return Fail(m_shown + " cannot be put in place: " + ErrnoText(error) + "; it is kept as " +
                     SafeText(temporary));
     }
+    if (SyncDirectory(m_path) != 0) {
+        return Fail(m_shown + " is complete, but its directory cannot be written: " + ErrnoText(errno));
+    }
     return {};
+}
+
+std::string OutputFile::Keep(int64_t size) {
+    // If this fails, the file has some bytes more, which players skip.
+    std::ignore = ftruncate(m_file.Get(), size);
+    return SafeText(std::exchange(m_temporary, {}));
 }
 
 }  // namespace zumod::peer

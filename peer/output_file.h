@@ -1,10 +1,13 @@
-// A file that appears under its name only when it is complete. Until then it has a temporary name in the same
-// directory.
+// A file that appears under its name only when it is complete and on the disk. Until then it has a temporary
+// name in the same directory: film.mp4 is film.part-XXXXXX.mp4.
 //
 // Thread rule: one thread at a time.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -17,8 +20,10 @@ namespace zumod::peer {
 class OutputFile {
 public:
     // Fails if the directory cannot be written to, or if the file exists and may not be replaced. Only a
-    // regular file is ever replaced.
-    static Expected<OutputFile> Create(const std::string& path, bool replace);
+    // regular file is ever replaced. Without a mode only the user may read and write the file, or less if the
+    // umask says so.
+    static Expected<OutputFile> Create(const std::string& path, bool replace,
+                                       std::optional<mode_t> mode = std::nullopt);
 
     OutputFile(OutputFile&& other) noexcept
         : m_shown(std::move(other.m_shown)),
@@ -27,12 +32,18 @@ public:
           m_temporary(std::exchange(other.m_temporary, {})),
           m_file(std::move(other.m_file)) {}
     OutputFile& operator=(OutputFile&&) = delete;
-    // Without Commit() nothing is left behind, and an existing file is unchanged.
+    // Without Commit() or Keep() nothing is left behind, and an existing file is unchanged.
     ~OutputFile();
 
-    const std::string& TemporaryPath() const { return m_temporary; }
+    // The path, safe for a terminal.
+    const std::string& Name() const { return m_shown; }
     Expected<void> Write(std::span<const uint8_t> bytes);
+    // Returns 0 or an errno value.
+    int WriteAt(int64_t position, std::span<const uint8_t> bytes);
+    // Writes the file to the disk, then gives it its name. After a failure it keeps its temporary name.
     Expected<void> Commit();
+    // Leaves the first `size` bytes under the temporary name, which is returned, safe for a terminal.
+    std::string Keep(int64_t size);
 
 private:
     OutputFile(std::string shown, std::string path, bool replace)

@@ -2,11 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "tests/support/process/work_directory.h"
 
@@ -22,8 +27,15 @@ std::string Content(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+// What fsync() is called for, and the error that it shall report instead.
+std::vector<std::string> synced;
+int sync_error = 0;
+std::string watched_path;
+
 class OutputFileTest : public ::testing::Test {
 protected:
+    OutputFileTest() { watched_path = path; }
+
     static void Put(const std::string& file, const std::string& text) { std::ofstream(file) << text; }
     size_t FilesInWork() const {
         return static_cast<size_t>(
@@ -50,16 +62,65 @@ TEST_F(OutputFileTest, AppearsWhenItIsComplete) {
     EXPECT_EQ(FilesInWork(), 1U);
 }
 
-TEST_F(OutputFileTest, HasTheModeThatTheUmaskAllows) {
-    const mode_t before = umask(027);
+TEST_F(OutputFileTest, IsPrivateUnlessAModeIsGiven) {
+    const auto mode = [this](mode_t mask, std::optional<mode_t> given) {
+        const mode_t before = umask(mask);
+        {
+            OutputFile file = OutputFile::Create(path, true, given).value();
+            EXPECT_TRUE(file.Commit());
+        }
+        umask(before);
+        struct stat status {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0);
+        return status.st_mode & 07777U;
+    };
+    EXPECT_EQ(mode(0027, std::nullopt), 0600U);
+    EXPECT_EQ(mode(0227, std::nullopt), 0400U);
+    EXPECT_EQ(mode(0077, 0640), 0640U);
+}
+
+TEST_F(OutputFileTest, IsOnTheDiskBeforeItGetsItsNameAndSoIsTheNameThen) {
+    OutputFile file = Create(path, false);
+    EXPECT_TRUE(file.Write(kNew));
+    synced.clear();
+    EXPECT_TRUE(file.Commit());
+    EXPECT_EQ(synced, (std::vector<std::string>{"file, not in place", "directory, in place"}));
+}
+
+TEST_F(OutputFileTest, NeverReplacesAnotherOneByWhatIsNotOnTheDisk) {
+    Put(path, "old");
+    OutputFile file = Create(path, true);
+    EXPECT_TRUE(file.Write(kNew));
+    sync_error = ENOSPC;
+    const auto committed = file.Commit();
+    sync_error = 0;
+    ASSERT_FALSE(committed);
+    const std::string expected =
+        path + " cannot be put in place: No space left on device; it is kept as " + (work / "out.part-");
+    EXPECT_EQ(committed.error().text.substr(0, expected.size()), expected);
+    EXPECT_EQ(Content(path), "old");
+    EXPECT_EQ(FilesInWork(), 2U);
+}
+
+TEST_F(OutputFileTest, IsWrittenAtAnyPosition) {
+    OutputFile file = Create(path, false);
+    EXPECT_EQ(file.WriteAt(2, kNew), 0);
+    EXPECT_EQ(file.WriteAt(0, kNew), 0);
+    EXPECT_TRUE(file.Commit());
+    EXPECT_EQ(Content(path), "newew");
+}
+
+TEST_F(OutputFileTest, CanBeKeptUnderItsTemporaryName) {
+    std::string kept;
     {
         OutputFile file = Create(path, false);
-        EXPECT_TRUE(file.Commit());
+        EXPECT_TRUE(file.Write(kNew));
+        kept = file.Keep(2);
     }
-    umask(before);
-    struct stat status {};
-    ASSERT_EQ(stat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0640U);
+    EXPECT_EQ(kept.rfind(work / "out.part-", 0), 0U) << kept;
+    EXPECT_EQ(kept.substr(kept.size() - 4), ".png");
+    EXPECT_EQ(Content(kept), "ne");
+    EXPECT_EQ(FilesInWork(), 1U);
 }
 
 TEST_F(OutputFileTest, LeavesNothingBehindWithoutACommit) {
@@ -121,3 +182,17 @@ TEST_F(OutputFileTest, NeedsADirectory) {
 
 }  // namespace
 }  // namespace zumod::peer
+
+// Instead of the C library's.
+extern "C" int fsync(int descriptor) {
+    struct stat status {};
+    fstat(descriptor, &status);
+    const bool in_place = access(zumod::peer::watched_path.c_str(), F_OK) == 0;
+    zumod::peer::synced.push_back(std::string(S_ISDIR(status.st_mode) ? "directory" : "file") +
+                                  (in_place ? ", in place" : ", not in place"));
+    if (zumod::peer::sync_error != 0) {
+        errno = zumod::peer::sync_error;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, descriptor));
+}

@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -176,10 +177,10 @@ private:
     }
 
     // The earliest time among the tracks that are not over; nothing if all are.
-    Expected<std::optional<Clock::time_point>> NextDue() const {
+    Expected<std::optional<Clock::time_point>> NextDue() {
         std::optional<Clock::time_point> due;
-        for (const RecordTrack& track : m_tracks) {
-            const auto over = track.IsOver();
+        for (RecordTrack& track : m_tracks) {
+            const auto over = track.OnTime();
             if (!over) {
                 return Fail(over.error());
             }
@@ -207,6 +208,8 @@ private:
 }  // namespace
 
 Expected<void> RecordCameras(const CommandContext& context) {
+    // A file larger than the process may write is then a failed write, which leaves a recording that plays.
+    std::signal(SIGXFSZ, SIG_IGN);
     Recording recording(context);
     auto recorded = recording.Run();
     if (!recorded && (recording.Frames() == 0 || recorded.error() == OutputClosed())) {

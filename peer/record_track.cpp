@@ -23,8 +23,13 @@ Expected<FrameSink::Result> RecordTrack::OnFrame(const Frame& frame) {
     return result;
 }
 
-Expected<bool> RecordTrack::IsOver() const {
+Expected<bool> RecordTrack::OnTime() {
     const auto now = Clock::now();
+    if (now >= m_sink->FlushDue()) {
+        if (const auto flushed = m_sink->Flush(); !flushed) {
+            return Fail(flushed.error());
+        }
+    }
     if (now < m_end && now >= m_frame_due) {
         return Fail(m_label + " sent " + (m_skipped ? "no key frame" : "no frame") + " within " +
                     SecondsText(m_limit));

@@ -30,14 +30,15 @@ public:
     // The camera is open now.
     void Begin(const CameraEntry& camera) {
         m_label = CameraLabel(camera);
+        m_sink->Begin(camera);
         m_frame_due = Clock::now() + m_limit;
     }
-    // When to call IsOver(): at the end, or when a frame is late.
-    Clock::time_point Due() const { return std::min(m_frame_due, m_end); }
+    // When to call OnTime(): at the end, when a frame is late, or when frames should be on the disk.
+    Clock::time_point Due() const { return std::min({m_frame_due, m_end, m_sink->FlushDue()}); }
     // For each frame, and again for the same frame after kNotNow.
     Expected<FrameSink::Result> OnFrame(const Frame& frame);
-    // Fails if the camera sent no frame in time.
-    Expected<bool> IsOver() const;
+    // Returns whether the recording is over. Fails if the camera sent no frame in time.
+    Expected<bool> OnTime();
     // To be called once there is a frame, also after a failure.
     Expected<void> Finish() { return m_sink->Finish(); }
 

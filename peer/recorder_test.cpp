@@ -2,10 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 
+#include "tests/support/process/file_content.h"
 #include "tests/support/process/work_directory.h"
 #include "tests/support/wire/encoded_stream.h"
 
@@ -63,13 +68,63 @@ Played Play(const std::string& path) {
     return played;
 }
 
+// A file that can be limited as by a full disk.
+class Output final : public RecordingOutput {
+public:
+    explicit Output(const std::string& path) : m_path(path), m_file(path, std::ios::binary) {}
+
+    bool CanSeek() const override { return true; }
+    int WriteAt(int64_t position, std::span<const uint8_t> bytes) override {
+        if (position + static_cast<int64_t>(bytes.size()) > limit) {
+            return ENOSPC;
+        }
+        m_file.seekp(position);
+        m_file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        m_file.flush();
+        return 0;
+    }
+    // A copy of what has been written so far, as after a kill.
+    std::string Copy() const {
+        const std::string copy = m_path + ".copy";
+        std::filesystem::copy_file(m_path, copy, std::filesystem::copy_options::overwrite_existing);
+        return copy;
+    }
+
+    int64_t limit = std::numeric_limits<int64_t>::max();
+
+private:
+    const std::string m_path;
+    std::ofstream m_file;
+};
+
+// A recorder with its parser and its file.
+class ParsingRecorder {
+public:
+    ParsingRecorder(const std::string& path, int fps, bool live = false)
+        : output(path),
+          m_recorder(
+              Recorder::Create({.format = RecordingFormat(path), .fps = fps, .live = live, .title = "Front"},
+                               output)
+                  .value()) {}
+
+    Expected<bool> Add(std::span<const uint8_t> frame, Clock::time_point time) {
+        return m_recorder->Add(m_parser.Parse(frame).value(), time);
+    }
+    Expected<void> Finish() { return m_recorder->Finish(); }
+    Recorder* operator->() { return m_recorder.get(); }
+
+    Output output;
+
+private:
+    StreamParser m_parser = StreamParser::Create().value();
+    std::unique_ptr<Recorder> m_recorder;
+};
+
 class RecorderTest : public ::testing::TestWithParam<const char*> {
 protected:
     std::string Path() const { return work / (std::string("out.") + GetParam()); }
 
-    std::unique_ptr<Recorder> Create() const {
-        return Recorder::Create(Path(), RecordingFormat(Path()), 30).value();
-    }
+    std::unique_ptr<ParsingRecorder> Create() const { return std::make_unique<ParsingRecorder>(Path(), 30); }
 
     const testing::WorkDirectory work;
     testing::EncodedStream stream{320, 240};
@@ -78,6 +133,12 @@ protected:
 // The formats with time stamps, and the one that contains only the frames.
 class TimedRecorderTest : public RecorderTest {};
 class BareRecorderTest : public RecorderTest {};
+
+class Mp4RecorderTest : public ::testing::Test {
+protected:
+    const testing::WorkDirectory work;
+    testing::EncodedStream stream{320, 240};
+};
 
 TEST(RecordingFormat, FollowsFromTheName) {
     EXPECT_STREQ(RecordingFormat("a.mp4"), "mp4");
@@ -117,7 +178,7 @@ TEST_P(BareRecorderTest, ContainsTheFramesUnchanged) {
     EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()), sent);
 }
 
-TEST_P(TimedRecorderTest, StampsFramesWithTheirTimesOfArrival) {
+TEST_P(TimedRecorderTest, StampsFramesWithTheirTimes) {
     const auto recorder = Create();
     for (const int ms : {0, 40, 41, 500, 2000}) {
         EXPECT_EQ(recorder->Add(stream.Next(0, 0), At(ms)), true);
@@ -168,20 +229,161 @@ TEST_P(RecorderTest, FailsWhenTheSizeOfThePicturesChanges) {
     EXPECT_EQ(Play(Path()).decoded, 1);
 }
 
-TEST_P(RecorderTest, FailsOnAFullDisk) {
-    // Every write to this file fails as on a full disk.
-    const auto recorder = Recorder::Create("/dev/full", RecordingFormat(Path()), 30).value();
-    Expected<bool> added = true;
-    for (uint32_t i = 0; i < 600 && added; ++i) {
-        added = recorder->Add(stream.Next(i, 0), At(33 * static_cast<int>(i)));
+TEST_P(RecorderTest, CanBePlayedUpToTheLastSecondWhileItIsWritten) {
+    const auto recorder = Create();
+    for (int i = 0; i < 270; ++i) {
+        ASSERT_EQ(recorder->Add(stream.Next(static_cast<uint32_t>(i), 0), At(i * 100 / 3)), true);
+        // What is not on the disk is less than a second old.
+        if (i % 30 == 17 && i > 30) {
+            EXPECT_GE(Play(recorder->output.Copy()).decoded, i - 29) << i;
+        }
     }
-    const auto finished = recorder->Finish();
-    const std::string error = !added ? added.error().text : !finished ? finished.error().text : "";
-    EXPECT_EQ(error.rfind("the recording cannot be written: ", 0), 0U) << error;
 }
 
-TEST_P(RecorderTest, NeedsAFileItCanWrite) {
-    EXPECT_FALSE(Recorder::Create(work / "none/out", RecordingFormat(Path()), 30));
+TEST_P(RecorderTest, WritesWhatItHoldsWhenNoFrameArrives) {
+    const auto recorder = Create();
+    EXPECT_EQ((*recorder)->FlushDue(), Clock::time_point::max());
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(recorder->Add(stream.Next(static_cast<uint32_t>(i), 0), At(33 * i)), true);
+    }
+    EXPECT_EQ((*recorder)->FlushDue(), At(1000));
+    EXPECT_TRUE((*recorder)->Flush());
+    EXPECT_EQ((*recorder)->FlushDue(), Clock::time_point::max());
+    EXPECT_EQ(Play(recorder->output.Copy()).decoded, 10);
+    ASSERT_EQ(recorder->Add(stream.Next(10, 0), At(5000)), true);
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_EQ(Play(Path()).decoded, 11);
+}
+
+TEST_P(RecorderTest, CanBePlayedUpToWhereTheDiskIsFull) {
+    const auto recorder = Create();
+    recorder->output.limit = 60'000;
+    Expected<bool> added = true;
+    for (int i = 0; i < 600 && added; ++i) {
+        added = recorder->Add(stream.Next(static_cast<uint32_t>(i), 0), At(i * 100 / 3));
+    }
+    ASSERT_FALSE(added);
+    EXPECT_EQ(added.error().text, "the recording cannot be written: No space left on device");
+    EXPECT_TRUE((*recorder)->HasFailedToWrite());
+    EXPECT_EQ(recorder->Finish().error().text, "the recording cannot be written: No space left on device");
+    const std::string copy = recorder->output.Copy();
+    std::filesystem::resize_file(copy, static_cast<uintmax_t>((*recorder)->PlayableBytes()));
+    const auto seconds = std::chrono::duration<double>((*recorder)->PlayableTime()).count();
+    EXPECT_GT(seconds, 0.5);
+    EXPECT_NEAR(Play(copy).decoded / 30.0, seconds, 0.04);
+}
+
+TEST_P(RecorderTest, FailsOnADiskThatIsFullFromTheBeginning) {
+    const auto recorder = Create();
+    recorder->output.limit = 0;
+    Expected<bool> added = true;
+    for (uint32_t i = 0; i < 60 && added; ++i) {
+        added = recorder->Add(stream.Next(i, 0), At(33 * static_cast<int>(i)));
+    }
+    EXPECT_EQ(added.error().text, "the recording cannot be written: No space left on device");
+    EXPECT_EQ((*recorder)->PlayableTime(), Clock::duration::zero());
+}
+
+// The value of an entry as ffprobe prints it.
+std::string Probed(const std::string& path, const std::string& entry) {
+    const std::string command =
+        "ffprobe -v error -show_entries " + entry + " -of csv=p=0 '" + path + "' 2>&1";
+    const std::unique_ptr<FILE, int (*)(FILE*)> out(popen(command.c_str(), "r"), &pclose);
+    char line[256] = {};
+    EXPECT_NE(std::fgets(line, sizeof line, out.get()), nullptr);
+    std::string text = line;
+    text.resize(std::min(text.find('\n'), text.size()));
+    return text;
+}
+
+TEST_P(TimedRecorderTest, StatesTheNameOfTheCameraAndTheTime) {
+    const auto recorder = Create();
+    EXPECT_EQ(recorder->Add(stream.Next(0, 0), At(0)), true);
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_EQ(Probed(Path(), "format_tags=title"), "Front");
+    const std::string created = Probed(Path(), "format_tags=creation_time");
+    std::tm utc{};
+    ASSERT_NE(strptime(created.c_str(), "%Y-%m-%dT%H:%M:%S", &utc), nullptr) << created;
+    EXPECT_NEAR(static_cast<double>(timegm(&utc)), static_cast<double>(std::time(nullptr)), 60);
+}
+
+TEST_P(TimedRecorderTest, HasTheLengthOfItsFramesAlsoAfterPauses) {
+    const auto recorder = Create();
+    for (int i = 0; i < 150; ++i) {
+        ASSERT_EQ(recorder->Add(stream.Next(static_cast<uint32_t>(i), 0), At(40 * i + (i < 75 ? 0 : 2000))),
+                  true);
+    }
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_NEAR(std::stod(Probed(Path(), "format=duration")), 8.0, 0.05);
+    const Played played = Play(Path());
+    ASSERT_EQ(played.times_ms.size(), 150U);
+    EXPECT_EQ(played.times_ms[74], 2960);
+    EXPECT_EQ(played.times_ms[75], 5000);
+    EXPECT_EQ(played.times_ms[149], 7960);
+}
+
+// The position in the file of the first picture that is read after a seek.
+int64_t PositionAfterSeek(const std::string& path, int64_t ms) {
+    AVFormatContext* file = nullptr;
+    EXPECT_EQ(avformat_open_input(&file, path.c_str(), nullptr, nullptr), 0);
+    const int64_t stamp = av_rescale_q(ms, {1, 1000}, file->streams[0]->time_base);
+    EXPECT_GE(av_seek_frame(file, 0, stamp, AVSEEK_FLAG_BACKWARD), 0);
+    const AvOwner<AVPacket> packet(av_packet_alloc());
+    EXPECT_EQ(av_read_frame(file, packet.get()), 0);
+    EXPECT_EQ(av_rescale_q(packet->pts, file->streams[0]->time_base, {1, 1000}), ms);
+    const int64_t position = packet->pos;
+    avformat_close_input(&file);
+    return position;
+}
+
+TEST_F(Mp4RecorderTest, IsIndexedInFrontOnceItIsFinished) {
+    const std::string path = work / "out.mp4";
+    ParsingRecorder recorder(path, 30);
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_EQ(recorder.Add(stream.Next(static_cast<uint32_t>(i), 0), At(40 * i)), true);
+    }
+    const std::string unfinished = testing::FileContent(path);
+    EXPECT_EQ(unfinished.find("sidx"), std::string::npos);
+    EXPECT_LT(unfinished.find("free"), unfinished.find("moof"));
+    EXPECT_TRUE(recorder.Finish());
+    const std::string content = testing::FileContent(path);
+    ASSERT_LT(content.find("moov"), content.find("sidx"));
+    ASSERT_LT(content.find("sidx"), content.find("moof"));
+    // A key frame each 60 frames; the entries and what is behind the index lead to the fragments.
+    const auto number = [&](size_t at) {
+        size_t value = 0;
+        for (size_t i = 0; i < 4; ++i) {
+            value = value << 8 | static_cast<uint8_t>(content.at(at + i));
+        }
+        return value;
+    };
+    const size_t box = content.find("sidx") - 4;
+    ASSERT_EQ(number(box + 36), 5U);
+    size_t fragment = box + number(box) + number(box + 32);
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(content.substr(fragment + 4, 4), "moof") << i;
+        fragment += number(box + 40 + 12 * i);
+        EXPECT_EQ(number(box + 44 + 12 * i), 2.4 * 90000) << i;
+    }
+    EXPECT_EQ(content.substr(fragment + 4, 4), "mfra");
+    // Without reading the pictures before it.
+    EXPECT_GT(PositionAfterSeek(path, 7200), static_cast<int64_t>(content.size() / 2));
+}
+
+// What the parameter sets state, and how long a copy into another container becomes.
+TEST_P(BareRecorderTest, StatesTheMeasuredRate) {
+    const auto recorder = Create();
+    // Requested were 30 frames per second.
+    for (int i = 0; i < 150; ++i) {
+        ASSERT_EQ(recorder->Add(stream.Next(static_cast<uint32_t>(i), 0), At(i * 200 / 3)), true);
+    }
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_EQ(Probed(Path(), "stream=r_frame_rate"), "15/1");
+    EXPECT_EQ(Play(Path()).decoded, 150);
+    const std::string copy = work / "copy.mkv";
+    ASSERT_EQ(std::system(("ffmpeg -nostdin -v quiet -i '" + Path() + "' -c copy '" + copy + "'").c_str()),
+              0);
+    EXPECT_NEAR(std::stod(Probed(copy, "format=duration")), 10.0, 0.1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, RecorderTest, ::testing::Values("mp4", "mkv", "h264"),

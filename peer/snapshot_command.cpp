@@ -44,7 +44,7 @@ Expected<Png> FirstPicture(CameraView& view) {
 // The file comes first: if it cannot be written, that is reported before a camera is opened.
 Expected<void> TakeSnapshot(const CommandContext& context) {
     const PeerOptions& options = context.options;
-    auto file = OutputFile::Create(options.path, options.overwrite);
+    auto file = OutputFile::Create(options.path, options.overwrite, options.mode);
     if (!file) {
         return Fail(file.error());
     }

@@ -32,6 +32,8 @@ public:
     StandardOutput(const StandardOutput&) = delete;
     StandardOutput& operator=(const StandardOutput&) = delete;
 
+    bool IsTerminal() const { return isatty(m_descriptor) == 1; }
+
     // Writes what can be written without blocking and returns how many bytes that was. If it was not all, a
     // Wait() of the waiter returns once more can be written.
     Expected<size_t> WriteSome(std::span<const uint8_t> bytes);

@@ -4,12 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "common/unique_fd.h"
 #include "peer/frame_sink.h"
+#include "tests/support/process/child_process.h"
+#include "tests/support/process/work_directory.h"
 #include "tests/support/wire/encoded_stream.h"
 
 namespace zumod::peer {
@@ -31,6 +37,7 @@ protected:
     ~StandardOutputTest() override { std::signal(SIGPIPE, SIG_DFL); }
 
     StandardOutput& Output() { return *m_output; }
+    int Reader() const { return m_reader.Get(); }
     void CloseReader() { m_reader.Reset(); }
 
     // Serves what is ready now. Returns false if nothing is.
@@ -93,7 +100,9 @@ TEST_F(StandardOutputTest, EndsQuietlyWhenTheReaderIsGone) {
 
 TEST_F(StandardOutputTest, OfARecordingTakesAFrameOnceAllOfItIsWritten) {
     testing::EncodedStream stream(320, 240);
-    const auto sink = MakeFrameSink("-", {}, Output()).value();
+    PeerOptions options;
+    options.container = "h264";
+    const auto sink = MakeFrameSink("-", options, Output()).value();
     Frame key{0, stream.Next(0, 0), {}};
     key.bytes.resize(100000);
     const Frame next{0, stream.Next(1, 0), {}};
@@ -118,12 +127,81 @@ TEST_F(StandardOutputTest, OfARecordingTakesAFrameOnceAllOfItIsWritten) {
 
 TEST_F(StandardOutputTest, OfARecordingReportsThatTheReaderIsGone) {
     testing::EncodedStream stream(320, 240);
-    const auto sink = MakeFrameSink("-", {}, Output()).value();
+    const PeerOptions options;
+    const auto sink = MakeFrameSink("-", options, Output()).value();
     const Frame frame{0, stream.Next(0, 0), {}};
     CloseReader();
     EXPECT_EQ(sink->Add(frame), FrameSink::Result::kNotNow);
     ASSERT_TRUE(Serve());
     EXPECT_EQ(sink->Add(frame).error(), OutputClosed());
+}
+
+// What a player that reads a pipe finds after three frames.
+class StandardOutputContainer : public StandardOutputTest,
+                                public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(StandardOutputContainer, ContainsEachFrameWhenItArrives) {
+    testing::EncodedStream stream(320, 240);
+    PeerOptions options;
+    options.container = GetParam();
+    const auto sink = MakeFrameSink("-", options, Output()).value();
+    const testing::WorkDirectory work;
+    const std::string path = work / "piped";
+    std::ofstream piped(path, std::ios::binary);
+    for (uint32_t i = 0; i < 3; ++i) {
+        const Frame frame{0, stream.Next(i, 0), Clock::time_point(std::chrono::milliseconds(1000 + 40 * i))};
+        while (sink->Add(frame) == FrameSink::Result::kNotNow) {
+            ASSERT_TRUE(Serve());
+        }
+        const Bytes bytes = Read(65536);
+        piped.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        piped.flush();
+        const std::string command =
+            "ffprobe -v quiet -count_frames -show_entries stream=nb_read_frames -of csv=p=0 - <'" + path +
+            "'";
+        const std::unique_ptr<FILE, int (*)(FILE*)> out(popen(command.c_str(), "r"), &pclose);
+        unsigned frames = 0;
+        EXPECT_EQ(std::fscanf(out.get(), "%u", &frames), 1);
+        EXPECT_EQ(frames, i + 1);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Containers, StandardOutputContainer, ::testing::Values("mkv", "ts", "h264"),
+                         [](const auto& test) { return std::string(test.param); });
+
+TEST_F(StandardOutputTest, OfARecordingShowsAPlayerItsFirstPictureSoon) {
+    testing::EncodedStream stream(320, 240);
+    const PeerOptions options;
+    const auto sink = MakeFrameSink("-", options, Output()).value();
+    const testing::WorkDirectory work;
+    testing::ChildProcess player(
+        {"/usr/bin/env", "ffmpeg", "-v", "error", "-i", "-", "-frames:v", "1", "-f", "null", "-"},
+        work / "errors", Reader());
+    for (uint32_t i = 0; i < 10; ++i) {
+        const Frame frame{0, stream.Next(i, 0), Clock::time_point(std::chrono::milliseconds(1000 + 40 * i))};
+        while (sink->Add(frame) == FrameSink::Result::kNotNow) {
+            ASSERT_TRUE(Serve());
+        }
+    }
+    // It does not wait for more.
+    EXPECT_EQ(player.Wait(), 0);
+    EXPECT_EQ(player.Errors(), "");
+}
+
+TEST(StandardOutput, OfARecordingIsNotATerminal) {
+    const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(grantpt(master.Get()), 0);
+    ASSERT_EQ(unlockpt(master.Get()), 0);
+    const UniqueFd terminal(open(ptsname(master.Get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(terminal);
+    Waiter waiter;
+    StandardOutput output(waiter, terminal.Get());
+    const PeerOptions options;
+    const auto sink = MakeFrameSink("-", options, output);
+    ASSERT_FALSE(sink);
+    EXPECT_EQ(sink.error().text,
+              "standard output is a terminal; use a file, or a program as in \"| ffplay -\" (see --help)");
+    EXPECT_EQ(sink.error().status, 2);
 }
 
 }  // namespace

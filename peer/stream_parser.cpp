@@ -2,10 +2,13 @@
 
 #include <climits>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/bsf.h>
+#include <libavutil/opt.h>
 }
 
 namespace zumod::peer {
@@ -17,27 +20,35 @@ struct FilterDeleter {
 using Filter = std::unique_ptr<AVBSFContext, FilterDeleter>;
 
 // Null on failure.
-Filter OpenFilter() {
+Filter OpenFilter(const char* name, std::optional<AVRational> tick_rate = {}) {
     AVBSFContext* filter = nullptr;
-    const AVBitStreamFilter* kind = av_bsf_get_by_name("extract_extradata");
+    const AVBitStreamFilter* kind = av_bsf_get_by_name(name);
     if (kind == nullptr || av_bsf_alloc(kind, &filter) < 0) {
         return nullptr;
     }
     Filter owner(filter);
     owner->par_in->codec_type = AVMEDIA_TYPE_VIDEO;
     owner->par_in->codec_id = AV_CODEC_ID_H264;
-    return av_bsf_init(owner.get()) < 0 ? nullptr : std::move(owner);
+    const bool set = !tick_rate || av_opt_set_q(filter, "tick_rate", *tick_rate, AV_OPT_SEARCH_CHILDREN) >= 0;
+    return !set || av_bsf_init(owner.get()) < 0 ? nullptr : std::move(owner);
+}
+
+// A copy that went through the filter; null if the filter refuses it.
+AvOwner<AVPacket> Filtered(const Filter& filter, const AVPacket& packet) {
+    AvOwner<AVPacket> copy(av_packet_clone(&packet));
+    const bool done = copy != nullptr && av_bsf_send_packet(filter.get(), copy.get()) >= 0 &&
+                      av_bsf_receive_packet(filter.get(), copy.get()) >= 0;
+    return done ? std::move(copy) : nullptr;
 }
 
 // Empty if the picture has none.
 Expected<std::vector<uint8_t>> ParameterSets(const AVPacket& packet) {
-    const Filter filter = OpenFilter();
+    const Filter filter = OpenFilter("extract_extradata");
     if (filter == nullptr) {
         return Fail("libavcodec cannot look for parameter sets");
     }
-    const AvOwner<AVPacket> copy(av_packet_clone(&packet));
-    if (copy == nullptr || av_bsf_send_packet(filter.get(), copy.get()) < 0 ||
-        av_bsf_receive_packet(filter.get(), copy.get()) < 0) {
+    const auto copy = Filtered(filter, packet);
+    if (copy == nullptr) {
         return std::vector<uint8_t>{};
     }
     size_t size = 0;
@@ -46,6 +57,16 @@ Expected<std::vector<uint8_t>> ParameterSets(const AVPacket& packet) {
 }
 
 }  // namespace
+
+void StateRate(AVPacket& packet, AVRational rate) {
+    // A frame is two ticks.
+    const Filter filter = OpenFilter("h264_metadata", av_mul_q(rate, {2, 1}));
+    const auto changed = filter != nullptr ? Filtered(filter, packet) : nullptr;
+    if (changed != nullptr) {
+        av_packet_unref(&packet);
+        av_packet_move_ref(&packet, changed.get());
+    }
+}
 
 Expected<StreamParser> StreamParser::Create() {
     StreamParser parser;
@@ -76,6 +97,7 @@ Expected<ParsedFrame> StreamParser::Parse(std::span<const uint8_t> bytes) {
         frame.size = {static_cast<uint32_t>(m_parser->width), static_cast<uint32_t>(m_parser->height)};
     }
     frame.key = m_parser->key_frame == 1;
+    frame.stated_rate = m_context->framerate;
     if (frame.key) {
         auto parameter_sets = ParameterSets(*frame.packet);
         if (!parameter_sets) {

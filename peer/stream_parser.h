@@ -19,10 +19,15 @@ struct ParsedFrame {
     bool key = false;
     PictureSize size;                     // 0x0 if the stream has not stated it yet
     std::vector<uint8_t> parameter_sets;  // of a key frame; empty if it has none
+    AVRational stated_rate{};  // frames per second that the stream states; 0/1 or 0/0 if it does not
 
     // A recording has to start with a key frame that contains the parameter sets.
     bool CanBeFirst() const { return key && !parameter_sets.empty(); }
 };
+
+// Writes another frame rate into the parameter sets of a packet. A packet without them, or one that cannot be
+// understood, stays as it is.
+void StateRate(AVPacket& packet, AVRational rate);
 
 class StreamParser {
 public:

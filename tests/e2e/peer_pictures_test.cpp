@@ -5,6 +5,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <thread>
 
 #include "tests/e2e/peer_process.h"
@@ -161,6 +162,48 @@ TEST_P(PeerRecords, AndKeepsTheFileWhenTheHostSendsAMalformedMessage) {
     EXPECT_EQ(PlayedFrames(Path()), 5);
 }
 
+TEST_P(PeerRecords, AFileThatPlaysBeforeItIsFinishedAndAfterAKill) {
+    Start({"record", "0", Path()});
+    AnswerOpen();
+    SendFrames(120);
+    uintmax_t recorded = 0;
+    std::string part;
+    EXPECT_TRUE(WaitUntil([&] {
+        const auto files = Files();
+        part = files.empty() ? "" : work / files[0];
+        // What arrives is written within a second, also when nothing follows.
+        std::error_code error;
+        const auto size = std::filesystem::file_size(part, error);
+        return !error && std::exchange(recorded, size) == size && size > 8000 && PlayedFrames(part) == 120;
+    }));
+    peer->Signal(SIGKILL);
+    EXPECT_EQ(peer->Wait(), 128 + SIGKILL);
+    EXPECT_EQ(Files().size(), 1U);
+    EXPECT_EQ(PlayedFrames(part), 120);
+}
+
+TEST_P(PeerRecords, NothingOverAGoodFileOnAFullDisk) {
+    std::ofstream(Path()) << "a good recording";
+    words_in_front = {"/usr/bin/prlimit", "--fsize=60000"};
+    // Encoded before, because the peer waits only a little for the answer to its last request.
+    Bytes frames;
+    for (int i = 0; i < 240; ++i) {
+        frames = frames + NextFrame();
+    }
+    Start({"record", "0", Path(), "--overwrite"});
+    AnswerOpen();
+    host.Send(frames);
+    AnswerClose();
+    EXPECT_EQ(peer->Wait(), 1);
+    const std::string error = "zu-camera-peer: the recording cannot be written: File too large; the first ";
+    EXPECT_EQ(peer->Errors().substr(0, error.size()), error);
+    EXPECT_NE(peer->Errors().find(" of " + Path() + " are kept in " + (work / "film.part-")),
+              std::string::npos)
+        << peer->Errors();
+    EXPECT_EQ(FileContent(Path()), "a good recording");
+    EXPECT_EQ(Files().size(), 2U);
+}
+
 TEST_P(PeerRecords, ForTheGivenTime) {
     Start({"record", "0", Path(), "--seconds", "0.3"});
     AnswerOpen();
@@ -244,7 +287,7 @@ TEST_F(PeerRecordsTwo, AndKeepsBothFilesWhenFramesOfOneStop) {
 }
 
 TEST_F(PeerPictures, WritesFramesToStandardOutputWhenTheyArrive) {
-    Start({"record", "0", "-"});
+    Start({"record", "0", "-", "--container", "h264"});
     AnswerOpen();
     std::string sent;
     for (int i = 0; i < 3; ++i) {
@@ -267,8 +310,9 @@ protected:
         m_reader.Reset(ends[0]);
         const UniqueFd writer(ends[1]);
         peer = std::make_unique<ChildProcess>(
-            std::vector<std::string>{ZU_PEER_FILE, "--socket", socket, "record", "0", "-"}, work / "errors",
-            -1, writer.Get());
+            std::vector<std::string>{ZU_PEER_FILE, "--socket", socket, "record", "0", "-", "--container",
+                                     "h264"},
+            work / "errors", -1, writer.Get());
         host.Accept();
         AnswerOpen();
     }

@@ -23,6 +23,7 @@ protected:
     // Any command line. Standard output is the file "out".
     void StartWith(std::vector<std::string> words) {
         words.insert(words.begin(), ZU_PEER_FILE);
+        words.insert(words.begin(), words_in_front.begin(), words_in_front.end());
         const UniqueFd out(open(Out().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600));
         peer = std::make_unique<ChildProcess>(std::move(words), work / "errors", -1, out.Get());
     }
@@ -85,6 +86,7 @@ protected:
     const WorkDirectory work;
     const std::string socket = work / "socket";
     ScriptedHost host{socket};
+    std::vector<std::string> words_in_front;  // of the command line: a program that starts the peer
     std::unique_ptr<ChildProcess> peer;
 };
 
