@@ -47,7 +47,7 @@ bool StopSignals::Consume() const {
     if (read(m_descriptor.Get(), &signal, sizeof signal) != sizeof signal) {
         return false;
     }
-    if (m_second == Second::EndsProcess) {
+    if (m_second == Second::kEndsProcess) {
         const sigset_t signals = SetOf({SIGINT, SIGTERM});
         pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     }

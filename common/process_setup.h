@@ -18,11 +18,11 @@ public:
     // What a second SIGINT or SIGTERM does, after the first one was consumed: either it is consumed too, or
     // it ends the process at once. A second SIGHUP never ends the process: a terminal that is closed sends
     // one, and its shell another.
-    enum class Second { IsConsumed, EndsProcess };
+    enum class Second { kIsConsumed, kEndsProcess };
 
     // Blocks the three signals, and ignores SIGPIPE. If there is no descriptor left, the signals stay as they
     // are and end the process.
-    explicit StopSignals(Second second = Second::IsConsumed);
+    explicit StopSignals(Second second = Second::kIsConsumed);
 
     // Readable while a signal is pending. Negative, if there was no descriptor left.
     int Descriptor() const { return m_descriptor.Get(); }

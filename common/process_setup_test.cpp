@@ -83,15 +83,15 @@ TEST_F(StopSignalsTest, EachSignalMakesTheDescriptorReadableUntilItIsConsumed) {
 }
 
 TEST_F(StopSignalsTest, TheSecondOneEndsTheProcessIfItIsTo) {
-    constexpr auto kEnds = StopSignals::Second::EndsProcess;
+    constexpr auto kEnds = StopSignals::Second::kEndsProcess;
     EXPECT_EXIT(SignalTwice(SIGTERM, SIGTERM, kEnds), ::testing::KilledBySignal(SIGTERM), "");
     EXPECT_EXIT(SignalTwice(SIGHUP, SIGINT, kEnds), ::testing::KilledBySignal(SIGINT), "");
-    EXPECT_EXIT(SignalTwice(SIGTERM, SIGTERM, StopSignals::Second::IsConsumed), ::testing::ExitedWithCode(0),
+    EXPECT_EXIT(SignalTwice(SIGTERM, SIGTERM, StopSignals::Second::kIsConsumed), ::testing::ExitedWithCode(0),
                 "");
 }
 
 TEST_F(StopSignalsTest, AClosedTerminalMaySendTwoHangups) {
-    EXPECT_EXIT(SignalTwice(SIGHUP, SIGHUP, StopSignals::Second::EndsProcess), ::testing::ExitedWithCode(0),
+    EXPECT_EXIT(SignalTwice(SIGHUP, SIGHUP, StopSignals::Second::kEndsProcess), ::testing::ExitedWithCode(0),
                 "");
 }
 

@@ -96,7 +96,7 @@ Expected<void> Serve(const HostOptions& options, std::unique_ptr<PeerStream> sta
 }
 
 Expected<void> Run(HostOptions options, int closed, HostLog& log) {
-    const StopSignals signals(StopSignals::Second::EndsProcess);
+    const StopSignals signals(StopSignals::Second::kEndsProcess);
     if (signals.Descriptor() < 0) {
         return Fail("signals cannot be received: " + ErrnoText(errno));
     }
