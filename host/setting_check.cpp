@@ -16,10 +16,12 @@ std::string SettingMistake(const std::string& key, const std::string& value) {
     std::string known;
     for (const SettingKey* setting : kSettingKeys) {
         if (key == setting->name) {
-            return IsSettingValue(*setting, value)
-                       ? ""
-                       : key + " is wrong, the codec will use its default: it takes " + setting->values +
-                             ", not \"" + value + "\"";
+            std::string mistake;
+            if (!IsSettingValue(*setting, value)) {
+                mistake.append(key).append(" is wrong, the codec will use its default: it takes ");
+                mistake.append(setting->values).append(", not \"").append(value).append("\"");
+            }
+            return mistake;
         }
         known.append(known.empty() ? "" : ", ").append(setting->name);
     }
