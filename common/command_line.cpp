@@ -6,8 +6,8 @@
 namespace zumod {
 
 void AddHelpAndVersion(CLI::App& app) {
-    app.set_help_flag("--help", "Print this text and exit");
-    app.set_version_flag("--version", app.get_name() + " " ZU_VERSION);
+    app.set_help_flag("-h,--help", "Print this text and exit");
+    app.set_version_flag("-V,--version", app.get_name() + " " ZU_VERSION);
 }
 
 void AddModulesOption(CLI::App& app, std::string& directory, const std::string& files) {

@@ -10,7 +10,7 @@
 
 namespace zumod {
 
-// Adds --help and --version ("NAME VERSION", where NAME is the app's).
+// Adds -h, --help, -V and --version ("NAME VERSION", where NAME is the app's).
 void AddHelpAndVersion(CLI::App& app);
 
 // Adds --modules DIR. `files` names what is in the directory, for the help text.

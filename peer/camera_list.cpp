@@ -103,7 +103,7 @@ private:
 }  // namespace
 
 std::optional<PictureSize> ParseSize(const std::string& text) {
-    const size_t cross = text.find('x');
+    const size_t cross = text.find_first_of("xX");
     if (cross == std::string::npos) {
         return std::nullopt;
     }

@@ -22,7 +22,7 @@ struct PictureSize {
     bool operator==(const PictureSize&) const = default;
 };
 
-// The size in a text such as "640x480", each side from 1 to 16384. Nothing for any other text.
+// The size in a text such as "640x480" or "640X480", each side from 1 to 16384. Nothing for any other text.
 std::optional<PictureSize> ParseSize(const std::string& text);
 std::string SizeText(PictureSize size);
 

@@ -125,11 +125,12 @@ TEST(CameraList, RefusesAtOnceIfEveryOffsetCouldBeARecord) {
 
 TEST(PictureSize, IsReadFromItsText) {
     EXPECT_EQ(ParseSize("640x480"), (PictureSize{640, 480}));
+    EXPECT_EQ(ParseSize("640X480"), (PictureSize{640, 480}));
     EXPECT_EQ(ParseSize("1x16384"), (PictureSize{1, 16384}));
 }
 
 TEST(PictureSize, IsNotReadFromAnyOtherText) {
-    for (const char* text : {"", "x", "640", "640x", "x480", "640x480x1", "640 x480", "640X480", "-640x480",
+    for (const char* text : {"", "x", "640", "640x", "x480", "640x480x1", "640 x480", "640xX480", "-640x480",
                              "+640x480", "0x480", "640x0", "640x16385", "99999999999x480", "640x480 ", "a"}) {
         EXPECT_EQ(ParseSize(text), std::nullopt) << text;
     }

@@ -1,8 +1,12 @@
 #include "peer/commands.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <string>
 
+#include "common/parse_number.h"
+#include "common/terminal_text.h"
 #include "peer/printed_text.h"
 
 namespace zumod::peer {
@@ -12,21 +16,37 @@ Expected<void> ListCameras(const CommandContext& context) {
     return context.Connect()
         .and_then([](Session&& session) { return AskCameras(session); })
         .and_then([&](const std::vector<CameraEntry>& cameras) {
-            return context.output.Write(context.options.json ? CameraJson(cameras) : CameraTable(cameras));
+            return context.output.Write(context.options.json
+                                            ? CameraJson(cameras)
+                                            : CameraTable(cameras, TerminalColumns(STDOUT_FILENO)));
         });
 }
+
+constexpr auto kRetryInterval = std::chrono::milliseconds(500);
 
 const char* StateName(CameraState state) {
     return state == kCameraOpen ? "open" : state == kCameraClosed ? "closed" : "failed";
 }
 
 Expected<void> CloseOneCamera(const CommandContext& context) {
-    const uint32_t id = context.options.id;
-    return context.Connect()
-        .and_then([&](Session&& session) { return CloseCamera(session, id); })
-        .and_then([&](CameraState state) {
-            return context.output.Write("camera " + std::to_string(id) + ": " + StateName(state) + "\n");
+    auto session = context.Connect();
+    if (!session) {
+        return Fail(session.error());
+    }
+    // A number needs no list: the host may have a camera open that it does not list any more.
+    auto id = ParseNumber<uint32_t>(context.options.camera);
+    if (!id) {
+        const auto camera = AskCameras(*session).and_then([&](const std::vector<CameraEntry>& cameras) {
+            return FindCamera(cameras, context.options.camera);
         });
+        if (!camera) {
+            return Fail(camera.error());
+        }
+        id = camera->id;
+    }
+    return CloseCamera(*session, *id).and_then([&](CameraState state) {
+        return context.output.Write("camera " + std::to_string(*id) + ": " + StateName(state) + "\n");
+    });
 }
 
 Expected<void> ShowVersion(const CommandContext& context) {
@@ -37,8 +57,8 @@ Expected<void> ShowVersion(const CommandContext& context) {
 
 constexpr Command kCommands[] = {
     {"list", kJson, "List the cameras", ListCameras},
-    {"snapshot", kCameraId | kPictureFile | kFormat | kOverwrite, "Write one picture of a camera as PNG",
-     TakeSnapshot},
+    {"snapshot", kCameraId | kPictureFile | kFormat | kSkip | kOverwrite,
+     "Write one picture of a camera as PNG or JPEG", TakeSnapshot},
     {"record", kCameraId | kRecordingFiles | kFormat | kSeconds | kOverwrite,
      "Record what a camera sends, as it is, or write it to standard output", RecordCameras},
     {"stats", kCameraId | kFormat | kSeconds | kJson,
@@ -56,6 +76,28 @@ std::span<const Command> Commands() {
 }
 
 Expected<Session> CommandContext::Connect() const {
+    const auto deadline = Clock::now() + options.wait;
+    for (;;) {
+        auto session = ConnectOnce();
+        if (options.wait == Clock::duration::zero()) {
+            return session;
+        }
+        // A host that is busy accepts a connection, and says so in place of the first answer.
+        const auto served = session.and_then([](Session& connected) { return AskVersion(connected); });
+        if (served) {
+            return session;
+        }
+        if (served.error() == Interrupted() || Clock::now() >= deadline) {
+            return Fail(served.error());
+        }
+        session = Fail("");  // disconnects
+        if (const auto waited = waiter.Wait(std::min(deadline, Clock::now() + kRetryInterval)); !waited) {
+            return Fail(waited.error());
+        }
+    }
+}
+
+Expected<Session> CommandContext::ConnectOnce() const {
     auto connection = options.exec.empty()
                           ? Connection::ToSocket(options.socket, options.host_user, waiter, options.limit)
                           : Connection::ToCommand(options.exec);
@@ -93,7 +135,7 @@ Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, Vi
     if (!listed) {
         return Fail(listed.error());
     }
-    auto camera = FindCamera(*listed, options.id);
+    auto camera = FindCamera(*listed, options.camera);
     if (!camera) {
         return Fail(camera.error());
     }

@@ -25,7 +25,11 @@ struct CommandContext {
     Waiter& waiter;
     StandardOutput& output;
 
+    // With --wait a failed attempt is repeated until that time is over.
     Expected<Session> Connect() const;
+
+private:
+    Expected<Session> ConnectOnce() const;
 };
 
 struct Command {

@@ -1,7 +1,11 @@
 #include "peer/host_calls.h"
 
-#include <algorithm>
+#include <strings.h>
 
+#include <algorithm>
+#include <iterator>
+
+#include "common/parse_number.h"
 #include "common/safe_text.h"
 #include "zumod/camera_channel.h"
 
@@ -66,6 +70,16 @@ Expected<Answer> Ask(Session& session, const std::vector<uint8_t>& request, cons
     }
 }
 
+// "camera 0 (NAME), camera 1 (NAME)"
+std::string CameraLabels(const std::vector<CameraEntry>& cameras) {
+    std::string labels;
+    for (const CameraEntry& camera : cameras) {
+        labels += labels.empty() ? "" : ", ";
+        labels += CameraLabel(camera);
+    }
+    return labels;
+}
+
 template <class Answer>
 bool Any(const Answer&) {
     return true;
@@ -115,17 +129,31 @@ Expected<std::vector<CameraEntry>> AskCameras(Session& session) {
         .map([](CameraListMessage&& answer) { return std::move(answer.cameras); });
 }
 
-Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id) {
-    const auto found = std::ranges::find(cameras, id, &CameraEntry::id);
-    if (found != cameras.end()) {
-        return *found;
+Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, const std::string& wanted) {
+    const auto matches = [&](auto&& is_match) {
+        std::vector<CameraEntry> found;
+        std::ranges::copy_if(cameras, std::back_inserter(found), is_match);
+        return found;
+    };
+    const auto id = ParseNumber<uint32_t>(wanted);
+    auto found = matches([&](const CameraEntry& camera) { return id == camera.id; });
+    if (found.empty()) {
+        found = matches([&](const CameraEntry& camera) { return SafeText(camera.name) == wanted; });
     }
-    std::string listed;
-    for (const CameraEntry& camera : cameras) {
-        listed += (listed.empty() ? "" : ", ") + CameraLabel(camera);
+    if (found.empty()) {
+        found = matches([&](const CameraEntry& camera) {
+            return strncasecmp(SafeText(camera.name).c_str(), wanted.c_str(), wanted.size()) == 0;
+        });
     }
-    return Fail("there is no camera " + std::to_string(id) + "; the host lists " +
-                (listed.empty() ? "none" : listed));
+    if (found.size() == 1) {
+        return found.front();
+    }
+    const std::string shown = SafeText(wanted);
+    if (found.empty()) {
+        return Fail("there is no camera " + shown + "; the host lists " +
+                    (cameras.empty() ? "none" : CameraLabels(cameras)));
+    }
+    return Fail("more than one camera is " + shown + ": " + CameraLabels(found));
 }
 
 Expected<CameraState> CloseCamera(Session& session, uint32_t id) {

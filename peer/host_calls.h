@@ -33,8 +33,9 @@ bool Lists(const CameraEntry& camera, PictureSize size);
 Expected<uint32_t> AskVersion(Session& session);
 Expected<std::vector<CameraEntry>> AskCameras(Session& session);
 
-// The camera of this id.
-Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, uint32_t id);
+// The camera of this id, of this name, or whose name, as it is printed, is the only one that begins so (in
+// any case of ASCII letters).
+Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, const std::string& wanted);
 
 // Closes the camera and waits for the answer, whose state it returns.
 Expected<CameraState> CloseCamera(Session& session, uint32_t id);

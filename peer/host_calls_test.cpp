@@ -17,5 +17,31 @@ TEST(Requests, AreTheBytesOfTheProtocol) {
     EXPECT_EQ(CloseRequest(7), (Bytes{4, 0, 0, 0, 4, 0, 0, 0, 7, 0, 0, 0}));
 }
 
+const std::vector<CameraEntry> kCameras = {{0, false, "Front Camera", "", {}}, {1, false, "Front", "", {}},
+                                           {2, false, "De\x1bsk", "", {}},     {3, false, "Twin", "", {}},
+                                           {4, false, "Twin", "", {}},         {5, false, "4", "", {}}};
+
+std::string Found(const std::string& wanted) {
+    const auto camera = FindCamera(kCameras, wanted);
+    return camera ? std::to_string(camera->id) : camera.error().text;
+}
+
+TEST(FindCamera, ByIdNameOrTheBeginningOfAName) {
+    EXPECT_EQ(Found("2"), "2");
+    EXPECT_EQ(Found("4"), "4") << "an id comes before a name";
+    EXPECT_EQ(Found("Front"), "1") << "the whole name comes before its beginning";
+    EXPECT_EQ(Found("front c"), "0");
+    EXPECT_EQ(Found("De\\x1bsk"), "2") << "as it is printed";
+}
+
+TEST(FindCamera, SaysWhichCamerasMatchOrAreListed) {
+    EXPECT_EQ(Found("fro"), "more than one camera is fro: camera 0 (Front Camera), camera 1 (Front)");
+    EXPECT_EQ(Found("Twin"), "more than one camera is Twin: camera 3 (Twin), camera 4 (Twin)");
+    EXPECT_EQ(Found("\x1b"),
+              "there is no camera \\x1b; the host lists camera 0 (Front Camera), camera 1 "
+              "(Front), camera 2 (De\\x1bsk), camera 3 (Twin), camera 4 (Twin), camera 5 (4)");
+    EXPECT_EQ(FindCamera({}, "Front").error().text, "there is no camera Front; the host lists none");
+}
+
 }  // namespace
 }  // namespace zumod::peer

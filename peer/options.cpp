@@ -1,12 +1,17 @@
 #include "peer/options.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <limits>
+#include <numeric>
+#include <string_view>
+#include <utility>
 
 #include "common/command_line.h"
+#include "common/safe_text.h"
 #include "peer/commands.h"
+#include "peer/picture_writer.h"
 #include "peer/recorder.h"
 #include "peer/recording_name.h"
 
@@ -20,18 +25,76 @@ constexpr char kFooter[] =
     "Exit status: 0 done, 1 a failure, 2 wrong options.";
 constexpr double kMostSeconds = 1e6;
 
-// Numbers are read as CLI11 reads them, so that every number of a command line has the same form.
-std::optional<double> ParseNumber(const std::string& text) {
+// A number as CLI11 reads it, at the beginning of `text`, which is shortened by it. Nothing if there is none.
+std::optional<double> TakeNumber(std::string_view& text) {
+    const size_t length = std::min(text.find_first_not_of("0123456789."), text.size());
+    const std::string digits(text.substr(0, length));
+    text.remove_prefix(length);
     char* end = nullptr;
-    const double number = std::strtod(text.c_str(), &end);
-    return text.empty() || *end != '\0' ? std::nullopt : std::optional(number);
+    const double number = std::strtod(digits.c_str(), &end);
+    return digits.empty() || *end != '\0' ? std::nullopt : std::optional(number);
 }
 
-std::optional<uint32_t> ParseId(const std::string& text) {
-    char* end = nullptr;
-    const auto id = std::strtoull(text.c_str(), &end, 0);
-    const bool valid = !text.empty() && *end == '\0' && id <= std::numeric_limits<uint32_t>::max();
-    return valid ? std::optional(static_cast<uint32_t>(id)) : std::nullopt;
+// "1m30s": each unit at most once, the largest first. The last number may have no unit: seconds.
+std::optional<double> SecondsOfUnits(std::string_view text) {
+    double seconds = 0;
+    std::string_view units = "hms";
+    do {
+        const auto number = TakeNumber(text);
+        const char unit = text.empty() ? 's' : text.front();
+        const size_t at = units.find(unit);
+        if (!number || at == std::string_view::npos) {
+            return std::nullopt;
+        }
+        text.remove_prefix(text.empty() ? 0 : 1);
+        units.remove_prefix(at + 1);
+        seconds += *number * (unit == 'h' ? 3600 : unit == 'm' ? 60 : 1);
+    } while (!text.empty());
+    return seconds;
+}
+
+// "01:30" or "00:01:30".
+std::optional<double> SecondsOfClock(std::string_view text) {
+    double seconds = 0;
+    for (int parts = 1; parts <= 3; ++parts) {
+        const auto number = TakeNumber(text);
+        if (!number || (parts > 1 && *number >= 60)) {
+            return std::nullopt;
+        }
+        seconds = seconds * 60 + *number;
+        if (text.empty()) {
+            return parts > 1 ? std::optional(seconds) : std::nullopt;
+        }
+        if (text.front() != ':') {
+            return std::nullopt;
+        }
+        text.remove_prefix(1);
+    }
+    return std::nullopt;
+}
+
+// How many characters must be changed, added or removed to make one word of the other.
+size_t Distance(std::string_view one, std::string_view other) {
+    std::vector<size_t> row(other.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < one.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < other.size(); ++j) {
+            const size_t changed = diagonal + (one[i] == other[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+// The command that somebody who typed `word` most likely meant.
+const Command& NearestCommand(std::string_view word) {
+    return *std::ranges::min_element(Commands(), {}, [word](const Command& command) {
+        // The beginning of a command is nearer than any other word.
+        const std::string_view name = command.name;
+        return name.substr(0, word.size()) == word ? 0 : Distance(word, name);
+    });
 }
 
 std::string CheckSize(const std::string& text) {
@@ -60,29 +123,28 @@ std::string CheckRecording(const std::string& path) {
                : "takes a name that ends in .mp4, .mkv or .h264, or -, not \"" + path + "\"";
 }
 
-std::string CheckSeconds(const std::string& text) {
-    const auto seconds = ParseNumber(text);
-    return seconds && *seconds > 0 && *seconds <= kMostSeconds
+std::string CheckPicture(const std::string& path) {
+    return PictureFormatOf(path) != nullptr
                ? ""
-               : "takes seconds above 0, not \"" + text + "\"";
+               : "takes a name that ends in .png, .jpg or .jpeg, or -, not \"" + path + "\"";
+}
+
+std::string CheckSeconds(const std::string& text) {
+    return ParseDuration(text) ? "" : "takes a time such as 90, 1m30s or 00:01:30, not \"" + text + "\"";
 }
 
 void AddSeconds(CLI::App& app, const std::string& name, const std::string& help,
                 const std::function<void(Clock::duration)>& set) {
-    app.add_option_function<double>(
-           name,
-           [set](double seconds) {
-               set(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds)));
-           },
-           help)
-        ->type_name("SECONDS")
+    app.add_option_function<std::string>(
+           name, [set](const std::string& text) { set(*ParseDuration(text)); }, help)
+        ->type_name("TIME")
         ->check(CLI::Validator(CheckSeconds, ""));
 }
 
 // Whether both can be recorded at the same time.
 Expected<void> CheckTwo(const RecordTarget& one, const RecordTarget& other) {
-    if (one.id == other.id) {
-        return FailUsage("ID: " + std::to_string(one.id) + " is given twice");
+    if (one.camera == other.camera) {
+        return FailUsage("CAMERA: " + one.camera + " is given twice");
     }
     const bool same = std::filesystem::path(one.path).lexically_normal() ==
                       std::filesystem::path(other.path).lexically_normal();
@@ -106,13 +168,32 @@ public:
     }
 
     Expected<PeerOptions> Parse(int count, const char* const* words) {
-        return ParseCommandLine(m_app, count, words)
+        return CheckCommand(count, words)
+            .and_then([&] { return ParseCommandLine(m_app, count, words); })
             .and_then([this] { return AddTargets(); })
             .and_then([this] { return CheckConnection(); })
             .map([this] { return m_options; });
     }
 
 private:
+    // The first word that is not an option nor its value is a command.
+    Expected<void> CheckCommand(int count, const char* const* words) const {
+        for (int i = 1; i < count; ++i) {
+            const std::string word = words[i];
+            if (word.substr(0, 1) == "-") {
+                const CLI::Option* const option = m_app.get_option_no_throw(word);
+                i += option != nullptr && option->get_expected_max() > 0 ? 1 : 0;
+                continue;
+            }
+            if (std::ranges::find(Commands(), word, &Command::name) == Commands().end()) {
+                return FailUsage("there is no command \"" + SafeText(word) + "\"; did you mean " +
+                                 NearestCommand(word).name + "?");
+            }
+            break;
+        }
+        return {};
+    }
+
     Expected<void> CheckConnection() const {
         if (m_options.socket.empty() == m_options.exec.empty()) {
             return FailUsage(m_options.socket.empty() ? "give --socket PATH or --exec COMMAND"
@@ -123,16 +204,12 @@ private:
 
     Expected<void> AddTargets() {
         std::vector<RecordTarget>& targets = m_options.targets;
-        targets = {{m_options.id, m_options.path}};
+        targets = {{m_options.camera, m_options.path}};
         for (size_t i = 0; i < m_further.size(); i += 2) {
-            const auto id = ParseId(m_further[i]);
-            if (!id) {
-                return FailUsage("ID: takes a number, not \"" + m_further[i] + "\"");
-            }
             if (i + 1 == m_further.size()) {
-                return FailUsage("FILE: is missing after ID " + m_further[i]);
+                return FailUsage("FILE: is missing after CAMERA " + m_further[i]);
             }
-            const RecordTarget target{*id, m_further[i + 1]};
+            const RecordTarget target{m_further[i], m_further[i + 1]};
             if (const std::string mistake = CheckRecording(target.path); !mistake.empty()) {
                 return FailUsage("FILE: " + mistake);
             }
@@ -162,6 +239,8 @@ private:
             ->check(NotEmpty("name"));
         AddSeconds(m_app, "--timeout", "How long to wait for anything (default 10)",
                    [this](Clock::duration limit) { m_options.limit = limit; });
+        AddSeconds(m_app, "--wait", "How long to wait for a host that is busy or not up yet (default: not)",
+                   [this](Clock::duration wait) { m_options.wait = wait; });
         AddModulesOption(m_app, m_options.modules, "zu-codec.so");
     }
 
@@ -170,16 +249,30 @@ private:
         app->callback([this, &command] { m_options.command = &command; });
         const auto has = [&](Argument argument) { return (command.arguments & argument) != 0; };
         if (has(kCameraId)) {
-            app->add_option("ID", m_options.id, "The camera's id in the list")->required();
+            app->add_option("CAMERA", m_options.camera,
+                            "The camera's id in the list, its name, or the beginning of its name")
+                ->required()
+                ->type_name("")
+                ->check(NotEmpty("camera"));
         }
         if (has(kPictureFile)) {
-            app->add_option("FILE", m_options.path, "The file to write")->required()->check(NotEmpty("name"));
+            app->add_option("FILE", m_options.path,
+                            "A name that ends in .png, .jpg or .jpeg; - for PNG to standard output")
+                ->required()
+                ->check(CLI::Validator(CheckPicture, ""));
         }
         if (has(kRecordingFiles)) {
             AddRecordingFiles(app);
         }
         if (has(kFormat)) {
             AddFormat(app, has(kSizeRequired));
+        }
+        if (has(kSkip)) {
+            app->add_option("--skip", m_options.skip, "Leave out as many pictures first: cameras start dark")
+                ->type_name("NUMBER")
+                ->check(CLI::Range(0, 100000));
+            AddSeconds(*app, "--after", "Take the picture that is shown this time after the first one",
+                       [this](Clock::duration after) { m_options.after = after; });
         }
         if (has(kSeconds)) {
             AddSeconds(*app, "--seconds", "Stop after this time (default: on SIGINT, SIGTERM or SIGHUP)",
@@ -214,7 +307,8 @@ private:
                       "Begin another file when the size of the pictures changes");
         app->add_flag("--arrival-times", m_options.arrival_times,
                       "Stamp frames with the times at which they arrived, without smoothing");
-        app->add_option("ID FILE", m_further, "Further cameras, recorded at the same time")->type_name("...");
+        app->add_option("CAMERA FILE", m_further, "Further cameras, recorded at the same time")
+            ->type_name("...");
     }
 
     void AddFormat(CLI::App* app, bool size_required) {
@@ -235,6 +329,14 @@ private:
 };
 
 }  // namespace
+
+std::optional<Clock::duration> ParseDuration(const std::string& text) {
+    const auto seconds = text.find(':') == std::string::npos ? SecondsOfUnits(text) : SecondsOfClock(text);
+    if (!seconds || *seconds <= 0 || *seconds > kMostSeconds) {
+        return std::nullopt;
+    }
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*seconds));
+}
 
 Expected<PeerOptions> ParseOptions(int count, const char* const* words) {
     return CommandLine().Parse(count, words);

@@ -20,19 +20,20 @@ struct Command;
 
 // What a command can be given: bits of Command::arguments.
 enum Argument : unsigned {
-    kCameraId = 1,        // ID
+    kCameraId = 1,        // CAMERA
     kPictureFile = 2,     // FILE
-    kRecordingFiles = 4,  // FILE [ID FILE]...
+    kRecordingFiles = 4,  // FILE [CAMERA FILE]...
     kFormat = 8,          // --size and --fps
     kSizeRequired = 16,   // --size must be given
     kSeconds = 32,        // --seconds
     kJson = 64,           // --json
     kOverwrite = 128,     // --overwrite
+    kSkip = 256,          // --skip and --after
 };
 
 // A camera and the file that it is recorded to.
 struct RecordTarget {
-    uint32_t id = 0;
+    std::string camera;  // as in PeerOptions
     std::string path;
 };
 
@@ -43,12 +44,15 @@ struct PeerOptions {
     std::string exec;
     std::string modules;  // empty: the directory that belongs to the program
     Clock::duration limit = std::chrono::seconds(10);
-    uint32_t id = 0;
+    Clock::duration wait{};  // for a host
+    std::string camera;      // id, name, or the beginning of the name
     std::string path;
-    std::vector<RecordTarget> targets;  // the first one has `id` and `path`
+    std::vector<RecordTarget> targets;  // the first one has `camera` and `path`
     std::optional<PictureSize> size;
     int fps = 30;
     std::optional<Clock::duration> seconds;
+    int skip = 0;                          // pictures before the one to save
+    std::optional<Clock::duration> after;  // the first picture: which one to save
     bool json = false;
     bool overwrite = false;
     std::optional<mode_t> mode;  // of files
@@ -58,6 +62,10 @@ struct PeerOptions {
     bool arrival_times = false;
     bool reconnect = false;
 };
+
+// The time in a text such as "90", "1.5", "1m30s", "2h" or "00:01:30", above 0 and at most 1000000 s. Nothing
+// for any other text.
+std::optional<Clock::duration> ParseDuration(const std::string& text);
 
 // The error is a mistake, or the text that --help or --version asks for.
 Expected<PeerOptions> ParseOptions(int count, const char* const* words);

@@ -45,14 +45,14 @@ std::string CommandOf(const std::vector<const char*>& words) {
 
 TEST(PeerOptions, NameFurtherCamerasToRecord) {
     const PeerOptions options = OptionsWithSocket({"record", "0", "a.mp4", "2", "b.mkv", "7", "c.h264"});
-    EXPECT_EQ(options.id, 0U);
+    EXPECT_EQ(options.camera, "0");
     EXPECT_EQ(options.path, "a.mp4");
     ASSERT_EQ(options.targets.size(), 3U);
-    EXPECT_EQ(options.targets[0].id, 0U);
+    EXPECT_EQ(options.targets[0].camera, "0");
     EXPECT_EQ(options.targets[0].path, "a.mp4");
-    EXPECT_EQ(options.targets[1].id, 2U);
+    EXPECT_EQ(options.targets[1].camera, "2");
     EXPECT_EQ(options.targets[1].path, "b.mkv");
-    EXPECT_EQ(options.targets[2].id, 7U);
+    EXPECT_EQ(options.targets[2].camera, "7");
     EXPECT_EQ(options.targets[2].path, "c.h264");
 }
 
@@ -78,7 +78,7 @@ TEST(PeerOptions, MayStandBeforeAndAfterTheCommand) {
     EXPECT_EQ(options.exec, "ssh desk");
     EXPECT_EQ(options.modules, "/m");
     EXPECT_EQ(options.limit, std::chrono::milliseconds(500));
-    EXPECT_EQ(options.id, 3U);
+    EXPECT_EQ(options.camera, "3");
     EXPECT_EQ(options.path, "a.mkv");
     EXPECT_EQ(options.size, (PictureSize{640, 480}));
     EXPECT_EQ(options.fps, 15);
@@ -93,7 +93,7 @@ TEST(PeerOptions, SelectACommand) {
     EXPECT_EQ(CommandOf({"format", "0", "--size", "1x1"}), "format");
     EXPECT_EQ(CommandOf({"close", "0"}), "close");
     EXPECT_EQ(CommandOf({"version"}), "version");
-    EXPECT_EQ(OptionsWithSocket({"close", "4294967295"}).id, 4294967295U);
+    EXPECT_EQ(OptionsWithSocket({"close", "Front Camera"}).camera, "Front Camera");
 }
 
 TEST(PeerOptions, WithAMistakeFailWithOneLineAndStatus2) {
@@ -115,9 +115,10 @@ TEST(PeerOptions, WithAMistakeFailWithOneLineAndStatus2) {
         {"--socket", "s", "--timeout", "soon", "list"},
         {"--socket", "s", "snapshot"},
         {"--socket", "s", "snapshot", "0"},
-        {"--socket", "s", "snapshot", "-1", "a.png"},
-        {"--socket", "s", "snapshot", "4294967296", "a.png"},
-        {"--socket", "s", "snapshot", "front", "a.png"},
+        {"--socket", "s", "snapshot", "", "a.png"},
+        {"--socket", "s", "snapshot", "0", "a.gif"},
+        {"--socket", "s", "snapshot", "0", "a.png", "--skip", "-1"},
+        {"--socket", "s", "snapshot", "0", "a.png", "--after", "0"},
         {"--socket", "s", "snapshot", "0", "a.png", "--size", "640"},
         {"--socket", "s", "snapshot", "0", "a.png", "--fps", "0"},
         {"--socket", "s", "snapshot", "0", "a.png", "--fps", "1001"},
@@ -125,7 +126,6 @@ TEST(PeerOptions, WithAMistakeFailWithOneLineAndStatus2) {
         {"--socket", "s", "record", "0", "a.avi"},
         {"--socket", "s", "record", "0", "mp4"},
         {"--socket", "s", "record", "0", "a.mp4", "1"},
-        {"--socket", "s", "record", "0", "a.mp4", "one", "b.mp4"},
         {"--socket", "s", "record", "0", "a.mp4", "1", "b.avi"},
         {"--socket", "s", "record", "0", "a.mp4", "0", "b.mp4"},
         {"--socket", "s", "record", "0", "a.mp4", "1", "b.mp4", "1", "c.mp4"},
@@ -148,14 +148,39 @@ TEST(PeerOptions, SayWhatIsWrong) {
               "--socket and --exec exclude each other (see --help)");
     EXPECT_EQ(Mistake({"--socket", "s", "record", "0", "a.avi"}),
               "FILE: takes a name that ends in .mp4, .mkv or .h264, or -, not \"a.avi\" (see --help)");
-    EXPECT_EQ(Mistake({"--socket", "s", "record", "0", "a.mp4", "one", "b.mp4"}),
-              "ID: takes a number, not \"one\" (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "record", "one", "a.mp4", "one", "b.mp4"}),
+              "CAMERA: one is given twice (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "snapshot", "0", "a.gif"}),
+              "FILE: takes a name that ends in .png, .jpg or .jpeg, or -, not \"a.gif\" (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "lst"}),
+              "there is no command \"lst\"; did you mean list? (see --help)");
+    EXPECT_EQ(Mistake({"--timeout", "3", "rec\x1b", "0"}),
+              "there is no command \"rec\\x1b\"; did you mean record? (see --help)");
+    EXPECT_EQ(Mistake({"snap"}), "there is no command \"snap\"; did you mean snapshot? (see --help)");
     EXPECT_EQ(Mistake({"--socket", "s", "record", "0", "a.mp4", "1"}),
-              "FILE: is missing after ID 1 (see --help)");
+              "FILE: is missing after CAMERA 1 (see --help)");
     EXPECT_EQ(Mistake({"--socket", "s", "--timeout", "soon", "list"}),
-              "--timeout: takes seconds above 0, not \"soon\" (see --help)");
+              "--timeout: takes a time such as 90, 1m30s or 00:01:30, not \"soon\" (see --help)");
     EXPECT_EQ(Mistake({"--socket", "s", "format", "0", "--size", "big"}),
               "--size: takes WIDTHxHEIGHT, not \"big\" (see --help)");
+}
+
+TEST(Duration, IsReadFromItsText) {
+    const std::vector<std::pair<const char*, int>> texts = {
+        {"90", 90000},   {"1.5", 1500},     {"90s", 90000},         {"1m30s", 90000},
+        {"1m30", 90000}, {"2h", 7200000},   {"01:30", 90000},       {"00:01:30", 90000},
+        {"0:0.5", 500},  {"1h1s", 3601000}, {"1000000", 1000000000}};
+    for (const auto& [text, milliseconds] : texts) {
+        EXPECT_EQ(ParseDuration(text), std::chrono::milliseconds(milliseconds)) << text;
+    }
+}
+
+TEST(Duration, IsNotReadFromAnyOtherText) {
+    for (const char* text :
+         {"",    "0",   "-1", "+1",    "nan", "inf", "1e3", "0x10", "s",       "1x",    "1s1m",   "1m1m",
+          "m30", "1 m", " 1", "1.2.3", ":",   "1:",  ":30", "1:60", "1:2:3:4", "1:30s", "1000001"}) {
+        EXPECT_EQ(ParseDuration(text), std::nullopt) << text;
+    }
 }
 
 TEST(MostPixels, AllowAHostASizeOfItsChoice) {
@@ -178,6 +203,8 @@ TEST(PeerOptions, ExplainThemselves) {
     }
     EXPECT_NE(Help({"record", "--help"}).find("--overwrite"), std::string::npos);
     EXPECT_EQ(Help({"--version"}).rfind("zu-camera-peer ", 0), 0U);
+    EXPECT_EQ(Help({"-h"}), help);
+    EXPECT_EQ(Help({"-V"}), Help({"--version"}));
 }
 
 }  // namespace

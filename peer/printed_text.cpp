@@ -1,12 +1,12 @@
 #include "peer/printed_text.h"
 
-#include <utf8.h>
-
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "common/safe_text.h"
+#include "common/terminal_text.h"
 #include "peer/host_calls.h"
 
 namespace zumod::peer {
@@ -19,28 +19,35 @@ std::string JsonLine(const Json& value) {
     return value.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
-struct Row {
-    std::string id;
-    std::string name;
-    std::string sizes;
-};
-
-// The number of characters in UTF-8 text.
-size_t CharacterCount(const std::string& text) {
-    return static_cast<size_t>(utf8::distance(text.begin(), text.end()));
-}
-
 std::string Padded(const std::string& text, size_t width) {
-    return text + std::string(width - CharacterCount(text), ' ');
+    return text + std::string(width - std::min(width, DisplayWidth(text)), ' ');
 }
 
-std::string SizesText(const std::vector<PictureSize>& sizes) {
+// Continues on a new line after `indent` spaces where the columns end.
+std::string SizesText(const std::vector<PictureSize>& sizes, size_t indent, std::optional<size_t> columns) {
     std::string text;
+    size_t at = indent;
     for (const PictureSize size : sizes) {
-        text += text.empty() ? "" : " ";
-        text += SizeText(size);
+        const std::string next = SizeText(size);
+        const bool first = at == indent;
+        if (!first && columns && at + 1 + next.size() > *columns) {
+            text += '\n';
+            text.append(indent, ' ');
+            at = indent;
+        } else if (!first) {
+            text += " ";
+            ++at;
+        }
+        text += next;
+        at += next.size();
     }
     return text.empty() ? "-" : text;
+}
+
+// The name, cut to the columns. A camera that the host states to be in use is marked.
+std::string NameText(const CameraEntry& camera, size_t columns) {
+    const std::string mark = camera.in_use ? " (in use)" : "";
+    return Shortened(SafeText(camera.name), columns - std::min(columns, mark.size())) + mark;
 }
 
 std::string Number(double value, int decimals) {
@@ -53,23 +60,25 @@ constexpr const char* kEventNames[] = {"stalled", "gone", "closed", "back"};  //
 
 }  // namespace
 
-std::string CameraTable(const std::vector<CameraEntry>& cameras) {
+std::string CameraTable(const std::vector<CameraEntry>& cameras, std::optional<size_t> columns) {
     if (cameras.empty()) {
         return "The host has no camera.\n";
     }
-    std::vector<Row> rows = {{"ID", "NAME", "SIZES"}};
+    // The longest name leaves place for an id and one size.
+    constexpr size_t kRest = 20;
+    constexpr size_t kShortestCut = 16;
+    const size_t most = columns ? std::max(*columns, kRest + kShortestCut) - kRest : SIZE_MAX;
+    size_t id_width = DisplayWidth("ID");
+    size_t name_width = DisplayWidth("NAME");
     for (const CameraEntry& camera : cameras) {
-        rows.push_back({std::to_string(camera.id), SafeText(camera.name), SizesText(camera.sizes)});
+        id_width = std::max(id_width, std::to_string(camera.id).size());
+        name_width = std::max(name_width, DisplayWidth(NameText(camera, most)));
     }
-    size_t id_width = 0;
-    size_t name_width = 0;
-    for (const Row& row : rows) {
-        id_width = std::max(id_width, row.id.size());
-        name_width = std::max(name_width, CharacterCount(row.name));
-    }
-    std::string table;
-    for (const Row& row : rows) {
-        table += Padded(row.id, id_width) + "  " + Padded(row.name, name_width) + "  " + row.sizes + "\n";
+    std::string table = Padded("ID", id_width) + "  " + Padded("NAME", name_width) + "  SIZES\n";
+    for (const CameraEntry& camera : cameras) {
+        table += Padded(std::to_string(camera.id), id_width) + "  " +
+                 Padded(NameText(camera, most), name_width) + "  " +
+                 SizesText(camera.sizes, id_width + name_width + 4, columns) + "\n";
     }
     return table;
 }
@@ -109,6 +118,41 @@ std::string FiguresText(const CameraEntry& camera, PictureSize size, const Strea
         text += ", " + std::to_string(figures.undecoded) + " not decoded";
     }
     return text;
+}
+
+std::string FiguresLine(const CameraEntry& camera, PictureSize size, const StreamFigures& figures,
+                        size_t columns) {
+    // A character in the last column would begin the next line.
+    const size_t most = columns - std::min<size_t>(columns, 1);
+    const std::string text = FiguresText(camera, size, figures);
+    if (DisplayWidth(text) <= most) {
+        return text;
+    }
+    std::string rest;
+    const auto add = [&rest](const std::string& value, const char* unit) {
+        rest += ' ';
+        rest += value;
+        rest += unit;
+    };
+    if (size.width != 0) {
+        add(SizeText(size), "");
+    }
+    add(Number(figures.FramesPerSecond(), 1), "/s");
+    add(Number(figures.BitsPerSecond() / 1e6, 2), " Mbit/s");
+    if (figures.median_latency_ms) {
+        add(Number(*figures.median_latency_ms, 1), " ms (max ");
+        rest += Number(*figures.greatest_latency_ms, 1);
+        rest += ')';
+    }
+    if (figures.dropped) {
+        add(std::to_string(*figures.dropped), " dropped");
+    }
+    if (figures.undecoded != 0) {
+        add(std::to_string(figures.undecoded), " undecoded");
+    }
+    constexpr size_t kShortestName = 4;
+    const size_t place = std::max(most, rest.size() + kShortestName) - rest.size();
+    return Shortened(Shortened(SafeText(camera.name), place) + rest, most);
 }
 
 std::string FiguresJson(const CameraEntry& camera, PictureSize size, const StreamFigures& figures) {

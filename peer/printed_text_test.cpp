@@ -23,6 +23,17 @@ TEST(CameraTable, EscapesControlCharactersInAName) {
               "0   a\\x1b[2J\\x0ab  -\n");
 }
 
+TEST(CameraTable, FitsTheTerminal) {
+    const CameraEntry camera{
+        0, true, "A camera with quite a long name", "", {{640, 480}, {1280, 720}, {1920, 1080}}};
+    EXPECT_EQ(CameraTable({camera, {1, false, "\xe5\x89\x8d\xe9\x9d\xa2", "", {}}}, 48),
+              "ID  NAME                          SIZES\n"
+              "0   A camera with quit\u2026 (in use)  640x480\n"
+              "                                  1280x720\n"
+              "                                  1920x1080\n"
+              "1   \xe5\x89\x8d\xe9\x9d\xa2                          -\n");
+}
+
 TEST(CameraJson, IsOneLineOfAscii) {
     EXPECT_EQ(CameraJson({{3, true, "Fr\xc3\xb6nt", "D", {{640, 480}}}}),
               "[{\"id\":3,\"name\":\"Fr\\u00f6nt\",\"display_name\":\"D\",\"in_use\":true,"
@@ -44,6 +55,16 @@ TEST(StatsText, NamesTheCameraAndTheKnownFigures) {
         "camera 1 (De\\x1bsk) 640x480: 30.0 frames/s, 0.40 Mbit/s, latency 12.3 ms (max 56.8 ms), 2 dropped");
     EXPECT_EQ(FiguresText(kDesk, {}, {2.0, 3, 0, 3, {}, {}, {}}),
               "camera 1 (De\\x1bsk): 1.5 frames/s, 0.00 Mbit/s, 3 not decoded");
+}
+
+TEST(StatsText, FitsTheTerminal) {
+    const StreamFigures figures{1.0, 30, 50000, 0, 12.34, 56.78, 2};
+    EXPECT_EQ(FiguresLine(kDesk, {640, 480}, figures, 120), FiguresText(kDesk, {640, 480}, figures));
+    EXPECT_EQ(FiguresLine(kDesk, {640, 480}, figures, 80),
+              "De\\x1bsk 640x480 30.0/s 0.40 Mbit/s 12.3 ms (max 56.8) 2 dropped");
+    EXPECT_EQ(FiguresLine(kDesk, {640, 480}, figures, 64),
+              "De\\x1b\u2026 640x480 30.0/s 0.40 Mbit/s 12.3 ms (max 56.8) 2 dropped");
+    EXPECT_EQ(FiguresLine(kDesk, {640, 480}, figures, 20), "De\\\u2026 640x480 30.0/\u2026");
 }
 
 TEST(StatsText, IsOneJsonObjectPerLine) {

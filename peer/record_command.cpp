@@ -115,9 +115,12 @@ private:
         }
         const PeerOptions& options = m_context.options;
         for (const RecordTarget& target : options.targets) {
-            auto camera = FindCamera(*listed, target.id);
+            auto camera = FindCamera(*listed, target.camera);
             if (!camera) {
                 return Fail(camera.error());
+            }
+            if (std::ranges::find(m_cameras, camera->id, &CameraEntry::id) != m_cameras.end()) {
+                return Fail(CameraLabel(*camera) + " is given twice");
             }
             m_cameras.push_back(std::move(*camera));
         }

@@ -1,17 +1,43 @@
+#include <unistd.h>
+
 #include "peer/commands.h"
 #include "peer/output_file.h"
-#include "peer/png_writer.h"
+#include "peer/picture_writer.h"
 
 namespace zumod::peer {
 namespace {
 
-using Png = std::vector<uint8_t>;
+using Bytes = std::vector<uint8_t>;
 
-// The first picture that can be decoded.
-Expected<Png> FirstPicture(CameraView& view) {
+// Which of the pictures that can be decoded is the one to save.
+class Choice {
+public:
+    explicit Choice(const PeerOptions& options) : m_options(options) {}
+
+    // For each picture, once.
+    bool IsThis(Clock::time_point at) {
+        m_first = m_first.value_or(at);
+        const auto after = m_options.after.value_or(Clock::duration::zero());
+        return m_seen++ >= m_options.skip && at - *m_first >= after;
+    }
+    // By when the first picture, or the chosen one, must have arrived.
+    Clock::duration Limit() const {
+        return m_options.limit + m_options.after.value_or(Clock::duration::zero());
+    }
+
+private:
+    const PeerOptions& m_options;
+    std::optional<Clock::time_point> m_first;
+    int m_seen = 0;
+};
+
+// The chosen picture as the bytes of a file.
+Expected<Bytes> ChosenPicture(CameraView& view, const PeerOptions& options, const PictureFormat& format) {
     const std::string label = CameraLabel(view.camera);
-    const auto deadline = Clock::now() + view.session.Limit();
+    Choice choice(options);
+    const auto deadline = Clock::now() + choice.Limit();
     uint64_t frames = 0;
+    uint64_t pictures = 0;
     do {
         const auto frame = NextFrame(view.session, view.camera, deadline);
         if (!frame) {
@@ -21,22 +47,43 @@ Expected<Png> FirstPicture(CameraView& view) {
             break;
         }
         ++frames;
-        std::optional<Expected<Png>> png;
-        const auto decoded = view.decoder.Decode(
-            (*frame)->bytes, [&](const VideoDecodedPicture& picture) { png = EncodePng(picture); });
+        std::optional<Expected<Bytes>> file;
+        const auto decoded = view.decoder.Decode((*frame)->bytes, [&](const VideoDecodedPicture& picture) {
+            ++pictures;
+            if (!file && choice.IsThis((*frame)->at)) {
+                file = EncodePicture(picture, format);
+            }
+        });
         if (!decoded) {
             return Fail(decoded.error());
         }
-        if (png) {
-            return *png;
+        if (file) {
+            return *file;
         }
     } while (Clock::now() < deadline);
-    const std::string within = " within " + SecondsText(view.session.Limit());
+    const std::string within = " within " + SecondsText(choice.Limit());
     if (frames == 0) {
         return Fail(label + " sent no frame" + within);
     }
-    return Fail("none of the " + std::to_string(frames) + " frames of " + label + within +
-                " could be decoded");
+    if (pictures == 0) {
+        return Fail("none of the " + std::to_string(frames) + " frames of " + label + within +
+                    " could be decoded");
+    }
+    return Fail(label + " sent only " + std::to_string(pictures) + " pictures" + within +
+                " (see --skip, --after and --timeout)");
+}
+
+Expected<void> WriteToStandardOutput(const CommandContext& context, const PictureFormat& format) {
+    if (isatty(STDOUT_FILENO) == 1) {
+        return FailUsage("FILE: a picture is not written to a terminal");
+    }
+    return OpenView(context, kVideoTargetBgr32)
+        .and_then([&](const std::unique_ptr<CameraView>& view) {
+            return ChosenPicture(*view, context.options, format);
+        })
+        .and_then([&](const Bytes& file) {
+            return context.output.Write({file.begin(), file.end()});
+        });
 }
 
 }  // namespace
@@ -44,13 +91,18 @@ Expected<Png> FirstPicture(CameraView& view) {
 // The file comes first: if it cannot be written, that is reported before a camera is opened.
 Expected<void> TakeSnapshot(const CommandContext& context) {
     const PeerOptions& options = context.options;
+    const PictureFormat& format = *PictureFormatOf(options.path);
+    if (options.path == "-") {
+        return WriteToStandardOutput(context, format);
+    }
     auto file = OutputFile::Create(options.path, options.overwrite, options.mode);
     if (!file) {
         return Fail(file.error());
     }
     return OpenView(context, kVideoTargetBgr32)
-        .and_then([](const std::unique_ptr<CameraView>& view) { return FirstPicture(*view); })
-        .and_then([&](const Png& png) { return file->Write(png); })
+        .and_then(
+            [&](const std::unique_ptr<CameraView>& view) { return ChosenPicture(*view, options, format); })
+        .and_then([&](const Bytes& bytes) { return file->Write(bytes); })
         .and_then([&] { return file->Commit(); });
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "common/picture_stamp.h"
+#include "common/terminal_text.h"
 #include "peer/commands.h"
 #include "peer/printed_text.h"
 
@@ -11,6 +12,7 @@ namespace zumod::peer {
 namespace {
 
 constexpr auto kLineInterval = std::chrono::seconds(1);
+constexpr size_t kUsualColumns = 80;
 constexpr char kClearLine[] = "\r\033[K";
 
 // With a low frame rate, the time between two frames is not a stall.
@@ -145,9 +147,13 @@ private:
         if (m_context.options.json) {
             return m_context.output.Write(FiguresJson(m_watch.Camera(), m_size, figures));
         }
-        const std::string text = FiguresText(m_watch.Camera(), m_size, figures);
         m_line_open = m_live;
-        return m_context.output.Write(m_live ? kClearLine + text : text + "\n");
+        if (!m_live) {
+            return m_context.output.Write(FiguresText(m_watch.Camera(), m_size, figures) + "\n");
+        }
+        // A line that is longer than the terminal's could not be overwritten.
+        const size_t columns = TerminalColumns(STDOUT_FILENO).value_or(kUsualColumns);
+        return m_context.output.Write(kClearLine + FiguresLine(m_watch.Camera(), m_size, figures, columns));
     }
 
     const CommandContext& m_context;

@@ -54,6 +54,39 @@ TEST_F(PeerPictures, TakesTheFirstPictureThatCanBeDecoded) {
     EXPECT_EQ(Files(), std::vector<std::string>{"picture.png"});
 }
 
+TEST_F(PeerPictures, LeavesOutPicturesAndWritesAJpegFile) {
+    const std::string path = work / "picture.jpg";
+    Start({"snapshot", "0", path, "--skip", "2"});
+    AnswerOpen();
+    SendFrames(2);
+    EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    EXPECT_FALSE(peer->HasEnded());
+    SendFrames(1);
+    AnswerClose();
+    ExpectEnd(0, "");
+    EXPECT_EQ(FileContent(path).substr(0, 3), "\xFF\xD8\xFF");
+}
+
+TEST_F(PeerPictures, TakesAPictureSomeTimeAfterTheFirstOne) {
+    Start({"snapshot", "0", work / "picture.png", "--after", "1000", "--timeout", "0.3"});
+    AnswerOpen();
+    SendFrames(3);
+    EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    peer->Signal(SIGINT);
+    AnswerClose();
+    ExpectEnd(1, "zu-camera-peer: interrupted\n");
+    EXPECT_EQ(Files().size(), 0U);
+}
+
+TEST_F(PeerPictures, WritesAPictureToStandardOutput) {
+    Start({"snapshot", "0", "-"});
+    AnswerOpen();
+    SendFrames(1);
+    AnswerClose();
+    ExpectEnd(0, "");
+    EXPECT_EQ(PngSize(Printed()), std::make_pair(640U, 480U));
+}
+
 TEST_F(PeerPictures, KeepsAFrameThatArrivesBeforeTheAnswer) {
     Start({"snapshot", "0", work / "picture.png"});
     AnswerList(kOneCamera);

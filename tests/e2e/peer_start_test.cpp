@@ -110,6 +110,33 @@ TEST_F(PeerStart, RefusesAnIdThatIsNotListed) {
     EXPECT_EQ(Files().size(), 0U);
 }
 
+TEST_F(PeerStart, FindsACameraByTheBeginningOfItsName) {
+    Start({"close", "fro"});
+    AnswerList(kOneCamera);
+    host.Expect(CloseBytes(0));
+    host.Send(StateBytes(4, 0));
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed(), "camera 0: closed\n");
+}
+
+TEST_F(PeerStart, WaitsForAHostThatIsBusy) {
+    Start({"list", "--wait", "1000"});
+    host.Send(NoticeBytes("busy: another peer is being served"));
+    host.Close();
+    host.Accept();
+    host.Expect(kVersionRequestBytes);
+    host.Send(kVersionReplyBytes);
+    AnswerList(kEmptyListBytes);
+    ExpectEnd(0, "");
+    EXPECT_EQ(Printed(), "The host has no camera.\n");
+}
+
+TEST_F(PeerStart, WaitsForAHostThatIsNotUpOnlyAsLongAsItIsTold) {
+    const std::string nowhere = work / "nowhere";
+    StartWith({"--socket", nowhere, "--wait", "0.2", "list"});
+    ExpectEnd(1, "zu-camera-peer: no connection to " + nowhere + ": No such file or directory\n");
+}
+
 TEST_F(PeerStart, ReportsThatACameraCouldNotBeOpened) {
     Start({"record", "0", work / "film.mkv"});
     AnswerList(kOneCamera);
