@@ -60,7 +60,6 @@ struct PeerOptions {
     std::optional<Clock::duration> segment;
     bool split_on_format = false;
     bool arrival_times = false;
-    bool reconnect = false;
 };
 
 // The time in a text such as "90", "1.5", "1m30s", "2h" or "00:01:30", above 0 and at most 1000000 s. Nothing
