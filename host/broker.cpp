@@ -46,8 +46,9 @@ std::string FormatText(const FormatRequest& format) {
 
 // ---- Peers
 
-void Broker::AddPeer(PeerId id) {
-    m_peers.try_emplace(id);
+void Broker::AddPeer(PeerId id, Clock::time_point now) {
+    Peer& peer = m_peers[id];
+    peer.begin = peer.last_request = peer.last_taken = now;
 }
 
 void Broker::RemovePeer(PeerId id) {
@@ -55,9 +56,10 @@ void Broker::RemovePeer(PeerId id) {
     if (found == m_peers.end()) {
         return;
     }
-    if (found->second.lost_frames != 0) {
+    const Peer& peer = found->second;
+    if (peer.lost_frames != 0) {
         m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " was slow and lost " +
-                                          std::to_string(found->second.lost_frames) + " frames"});
+                                          std::to_string(peer.lost_frames) + " frames"});
     }
     m_peers.erase(found);
 }
@@ -70,6 +72,7 @@ void Broker::EndPeer(PeerId id, const std::string& notice, Clock::time_point now
     m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " is disconnected: " + notice});
     peer.ended = true;
     peer.close_at = now + kLastNoticeTime;
+    m_now = now;
     peer.watches.clear();
     // Frames would only delay the notice, but one of which a part was sent must stay whole.
     const auto first = peer.output.begin() + (peer.sent != 0 ? 1 : 0);
@@ -111,15 +114,20 @@ Broker::Output Broker::NextOutput(PeerId id) const {
     return {message, std::span(*message).subspan(peer.sent)};
 }
 
-void Broker::OnSent(PeerId id, size_t count) {
+void Broker::OnSent(PeerId id, size_t count, Clock::time_point now) {
     Peer& peer = m_peers.at(id);
+    if (count != 0) {
+        peer.last_taken = now;
+    }
     peer.sent += count;
     const Queued& front = peer.output.front();
     const size_t size = front.message->size();
     if (peer.sent < size) {
         return;
     }
+    peer.sent_bytes += size;
     if (front.is_frame) {
+        ++peer.sent_frames;
         --peer.queued_frames;
         peer.queued_frame_bytes -= size;
     } else {
@@ -137,17 +145,93 @@ bool Broker::IsDone(PeerId id, Clock::time_point now) const {
     return peer.input_ended && !HasRequest(peer) && m_current.peer != id && peer.queued_answer_bytes == 0;
 }
 
+bool Broker::OnTime(Clock::time_point now) {
+    m_now = now;
+    bool changed = false;
+    for (auto& [id, peer] : m_peers) {
+        if (now >= StuckTime(peer)) {
+            EndPeer(id, "nothing was received for " + SecondsText(m_limits.stuck), now);
+            changed = true;
+        } else if (now >= IdleTime(id, peer)) {
+            EndPeer(id, "no camera was open and no request came for " + SecondsText(m_limits.idle), now);
+            changed = true;
+        }
+    }
+    const bool has_room = MayTakeFrame();
+    if (!has_room || !m_had_room) {
+        // No frame could be delivered, or not for long.
+        for (auto& [id, camera] : m_cameras) {
+            camera.last_frame = now;
+        }
+    }
+    m_had_room = has_room;
+    return CloseSilentCameras() || changed;
+}
+
+bool Broker::CloseSilentCameras() {
+    bool changed = false;
+    for (auto& [id, camera] : m_cameras) {
+        if (m_now < SilentTime(camera)) {
+            continue;
+        }
+        camera.last_frame = m_now;
+        const bool is_opening = m_current.type == kOpenCamera && m_current.camera == id;
+        if (is_opening || !IsWatched(id)) {
+            continue;
+        }
+        changed = true;
+        m_log.push_back({kLogIgnored, "[host] camera " + std::to_string(id) + " delivers no frames: closed"});
+        // NextRequest closes what nobody watches.
+        for (auto& [peer_id, peer] : m_peers) {
+            if (peer.watches.erase(id) != 0) {
+                peer.last_request = m_now;
+                SendState(peer, kCameraClosed, id);
+            }
+        }
+    }
+    return changed;
+}
+
 Clock::time_point Broker::NextTime() const {
     Clock::time_point next = Clock::time_point::max();
     for (const auto& [id, peer] : m_peers) {
-        next = std::min(next, peer.close_at);
+        next = std::min({next, peer.close_at, StuckTime(peer), IdleTime(id, peer)});
+    }
+    for (const auto& [id, camera] : m_cameras) {
+        next = std::min(next, SilentTime(camera));
     }
     return next;
+}
+
+// When the peer is ended because it has no camera open and asks for nothing.
+Clock::time_point Broker::IdleTime(PeerId id, const Peer& peer) const {
+    const bool is_busy = peer.ended || !peer.watches.empty() || !peer.output.empty() || HasRequest(peer) ||
+                         m_current.peer == id;
+    return is_busy || m_limits.idle.count() == 0 ? Clock::time_point::max()
+                                                 : peer.last_request + m_limits.idle;
+}
+
+// When the peer is ended because it takes nothing of what waits for it.
+Clock::time_point Broker::StuckTime(const Peer& peer) const {
+    return peer.ended || peer.output.empty() || m_limits.stuck.count() == 0
+               ? Clock::time_point::max()
+               : peer.last_taken + m_limits.stuck;
+}
+
+// When the camera is taken for gone.
+Clock::time_point Broker::SilentTime(const Camera& camera) {
+    const Clock::duration frames = std::chrono::seconds(kSilenceFrames) / std::max(camera.format.fps, 1);
+    return camera.last_frame + std::max<Clock::duration>(kSilenceTime, frames);
 }
 
 // ---- Requests
 
 std::optional<Bytes> Broker::NextRequest(Clock::time_point now) {
+    m_now = now;
+    if (const auto opened = m_cameras.find(m_current.camera);
+        m_current.type == kOpenCamera && opened != m_cameras.end()) {
+        opened->second.last_frame = now;
+    }
     if (m_current.peer != 0) {
         m_changed = true;
     }
@@ -178,6 +262,12 @@ std::optional<Bytes> Broker::Serve(PeerId id, Peer& peer, Clock::time_point now)
                     "a request has " + std::to_string(length) + " bytes; the limit is " +
                         std::to_string(kRequestLimit),
                     now);
+            break;
+        }
+        peer.last_request = now;
+        peer.request_pace = std::max(peer.request_pace, now - kRequestPeriod) + kRequestInterval;
+        if (peer.request_pace > now) {
+            EndPeer(id, "more than 100 requests per second", now);
             break;
         }
         const auto request = Unserved(peer).first(kHeaderSize + length);
@@ -238,7 +328,9 @@ bool Broker::Decide(PeerId id, Peer& peer, std::span<const uint8_t> request) {
 bool Broker::DecideOpen(PeerId id, Peer& peer, const FormatRequest& request) {
     const auto found = m_cameras.find(request.id);
     if (found == m_cameras.end()) {
-        m_cameras[request.id].format = request;
+        Camera& camera = m_cameras[request.id];
+        camera.format = request;
+        camera.last_frame = m_now;
         peer.watches.try_emplace(request.id);
         m_current.camera = request.id;
         return true;
@@ -275,6 +367,7 @@ bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
     if (!IsWatchedByOthers(request.id, peer)) {
         camera = {};
         camera.format = request;
+        camera.last_frame = m_now;
         peer.watches[request.id] = {};
         return true;
     }
@@ -345,6 +438,7 @@ bool Broker::MayTakeFrame() const {
 }
 
 bool Broker::OnMessage(std::span<const uint8_t> bytes, Clock::time_point now) {
+    m_now = now;
     if (bytes.size() < kHeaderSize || ReadHeader(bytes.data()).length != bytes.size() - kHeaderSize) {
         return false;
     }
@@ -379,6 +473,7 @@ void Broker::OnFrame(std::span<const uint8_t> bytes, Clock::time_point now) {
     }
     const bool is_key_frame = IsKeyFrame(bytes.subspan(kFrameHeaderSize));
     const Message message = CopyOf(bytes);
+    found->second.last_frame = now;
     Remember(found->second, message, is_key_frame, now);
     for (auto& [peer_id, peer] : m_peers) {
         if (peer.watches.contains(id)) {
@@ -427,6 +522,9 @@ void Broker::Offer(PeerId id, Peer& peer, uint32_t camera, const Message& messag
 
 void Broker::Send(Peer& peer, Message message, bool is_frame) {
     const size_t size = message->size();
+    if (peer.output.empty()) {
+        peer.last_taken = m_now;
+    }
     peer.output.push_back({std::move(message), is_frame});
     if (is_frame) {
         ++peer.queued_frames;

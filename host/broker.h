@@ -29,6 +29,11 @@
 // the bytes that it would see without a broker; of several, the fastest sets the pace. A peer that does not
 // read its answers gets none of its further requests served, and its input is not read.
 //
+// Limits of time. A peer without an open camera that asks for nothing is ended, and so is one that takes
+// nothing although something waits for it, and one that sends requests too fast. A camera that delivers no
+// frame for long although there is room for one is taken for gone: its watchers are told that it is closed,
+// and the broker closes it, which ends the work that the module has with it.
+//
 // Time is passed in, and there is no I/O here: PluginStream calls the broker for the plugin's threads,
 // PeerServer for the main thread. All state that threads share is in the broker, under PluginStream's mutex.
 //
@@ -67,6 +72,18 @@ inline constexpr size_t kGroupFramesLimit = 150;
 inline constexpr auto kGroupTimeLimit = std::chrono::seconds(5);
 // How long a peer may take to read the notice that ends it.
 inline constexpr auto kLastNoticeTime = std::chrono::seconds(2);
+// A peer may send one request in this time, on average over the time after it.
+inline constexpr auto kRequestInterval = std::chrono::milliseconds(10);
+inline constexpr auto kRequestPeriod = std::chrono::seconds(10);
+// A camera without a frame for both of these is gone.
+inline constexpr auto kSilenceTime = std::chrono::seconds(10);
+inline constexpr int kSilenceFrames = 60;
+
+// 0: no limit.
+struct PeerLimits {
+    std::chrono::seconds idle{60};   // no camera open and no request
+    std::chrono::seconds stuck{20};  // nothing taken of what waits
+};
 
 class Broker {
 public:
@@ -75,13 +92,13 @@ public:
         std::string text;
     };
 
-    Broker() = default;
+    explicit Broker(const PeerLimits& limits) : m_limits(limits) {}
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 
     // ---- Peers
 
-    void AddPeer(PeerId id);
+    void AddPeer(PeerId id, Clock::time_point now);
     // The connection is closed. What only this peer watches will be closed.
     void RemovePeer(PeerId id);
     // Sends a notice as the last message to this peer. From here on it is not served.
@@ -101,11 +118,13 @@ public:
     };
     Output NextOutput(PeerId id) const;
     // The first `count` bytes of NextOutput were sent.
-    void OnSent(PeerId id, size_t count);
+    void OnSent(PeerId id, size_t count, Clock::time_point now);
 
     // Whether the connection can be closed: nothing that the peer should get is left.
     bool IsDone(PeerId id, Clock::time_point now) const;
-    // When IsDone may change by itself.
+    // Applies the limits of time. Returns whether the plugin's threads may have something to do now.
+    bool OnTime(Clock::time_point now);
+    // When OnTime or IsDone may do something if nothing else happens.
     Clock::time_point NextTime() const;
 
     // ---- The plugin
@@ -147,6 +166,12 @@ private:
         size_t queued_frame_bytes = 0;
         size_t queued_answer_bytes = 0;
         uint64_t lost_frames = 0;
+        uint64_t sent_frames = 0;
+        uint64_t sent_bytes = 0;
+        Clock::time_point begin;
+        Clock::time_point last_request;  // or when it had a camera open for the last time
+        Clock::time_point last_taken;    // or when nothing waited for it
+        Clock::time_point request_pace = Clock::time_point::min();
         std::map<uint32_t, Watch> watches;  // by camera
     };
     // A camera that the plugin has open, or is opening.
@@ -156,6 +181,7 @@ private:
         std::vector<Message> group;   // from the last key frame on; empty if a limit was exceeded
         size_t group_bytes = 0;
         Clock::time_point group_begin;
+        Clock::time_point last_frame;  // or when one could be delivered for the first time
     };
     // The request that the plugin is handling.
     struct Current {
@@ -163,6 +189,12 @@ private:
         uint8_t type = 0;
         uint32_t camera = 0;
     };
+
+    Clock::time_point IdleTime(PeerId id, const Peer& peer) const;
+    Clock::time_point StuckTime(const Peer& peer) const;
+    static Clock::time_point SilentTime(const Camera& camera);
+    // Returns whether there was one.
+    bool CloseSilentCameras();
 
     std::optional<Bytes> Serve(PeerId id, Peer& peer, Clock::time_point now);
     static std::optional<_MESSAGE_HEADER> FrontHeader(const Peer& peer);
@@ -187,10 +219,13 @@ private:
     void Send(Peer& peer, Message message, bool is_frame);
     void SendState(Peer& peer, CameraState state, uint32_t camera);
 
+    const PeerLimits m_limits;
+    Clock::time_point m_now;  // of the call that is running
     std::map<PeerId, Peer> m_peers;
     std::map<uint32_t, Camera> m_cameras;
     Current m_current;
     PeerId m_last_served = 0;
+    bool m_had_room = true;  // MayTakeFrame() at the last OnTime
     bool m_changed = false;
     std::vector<LogLine> m_log;
 };

@@ -43,7 +43,7 @@ class BrokerTest : public ::testing::Test {
 protected:
     BrokerTest() {
         for (const PeerId id : {1U, 2U, 3U}) {
-            broker.AddPeer(id);
+            broker.AddPeer(id, now);
         }
     }
 
@@ -56,7 +56,7 @@ protected:
         Bytes taken;
         for (auto output = broker.NextOutput(id); !output.rest.empty(); output = broker.NextOutput(id)) {
             taken.insert(taken.end(), output.rest.begin(), output.rest.end());
-            broker.OnSent(id, output.rest.size());
+            broker.OnSent(id, output.rest.size(), now);
         }
         return taken;
     }
@@ -82,8 +82,8 @@ protected:
         return lines;
     }
 
-    Broker broker;
     Clock::time_point now{seconds(1000)};
+    Broker broker{{.idle = seconds(60), .stuck = seconds(20)}};
 };
 
 TEST_F(BrokerTest, WithOnePeerBothDirectionsAreUnchanged) {
@@ -407,9 +407,9 @@ TEST_F(BrokerTest, AFrameIsTakenWhenOneWatcherHasSentAllItsFrames) {
     EXPECT_TRUE(broker.MayTakeFrame());
     Plugin(KeyFrame(1, 2));
     EXPECT_FALSE(broker.MayTakeFrame());
-    broker.OnSent(1, 5);
+    broker.OnSent(1, 5, now);
     EXPECT_FALSE(broker.MayTakeFrame());
-    broker.OnSent(1, KeyFrame(0, 1).size() - 5);
+    broker.OnSent(1, KeyFrame(0, 1).size() - 5, now);
     EXPECT_TRUE(broker.MayTakeFrame());
     Plugin(KeyFrame(0, 3));
     EXPECT_FALSE(broker.MayTakeFrame());
@@ -494,7 +494,7 @@ TEST_F(BrokerTest, APeerThatIsEndedGetsItsMessageWholeAndNoFurtherFrames) {
     OpenFurther(2, 0);
     Plugin(KeyFrame(0, 1));
     Plugin(NextFrame(0, 2));
-    broker.OnSent(1, 3);
+    broker.OnSent(1, 3, now);
     broker.EndPeer(1, "enough", now);
     broker.EndPeer(1, "twice", now);
     const Bytes frame = KeyFrame(0, 1);
@@ -512,7 +512,7 @@ TEST_F(BrokerTest, NothingFollowsTheLastNotice) {
 }
 
 TEST_F(BrokerTest, APeerThatDoesNotReadItsLastNoticeIsDoneAfterTwoSeconds) {
-    EXPECT_EQ(broker.NextTime(), Clock::time_point::max());
+    EXPECT_EQ(broker.NextTime(), now + seconds(60));
     broker.EndPeer(1, "enough", now);
     EXPECT_EQ(broker.NextTime(), now + seconds(2));
     EXPECT_FALSE(broker.IsDone(1, now + milliseconds(1999)));
@@ -573,6 +573,141 @@ TEST_F(BrokerTest, EveryChangeForTheMainThreadIsReported) {
     EXPECT_TRUE(broker.TakeChange());
     EXPECT_EQ(Next(), Bytes());
     EXPECT_FALSE(broker.TakeChange());
+}
+
+TEST_F(BrokerTest, APeerWithoutACameraAndARequestIsEndedAfterItsTime) {
+    broker.RemovePeer(3);
+    OpenFirst(1, 0);
+    now += seconds(59);
+    Plugin(KeyFrame(0, 1));
+    Take(1);
+    broker.OnTime(now);
+    Ask(2, kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    now += seconds(59);
+    Plugin(KeyFrame(0, 1));
+    Take(1);
+    broker.OnTime(now);
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), kVersionReplyBytes);
+    EXPECT_EQ(broker.NextTime(), now + seconds(1));
+    now += seconds(1);
+    EXPECT_TRUE(broker.OnTime(now));
+    EXPECT_EQ(Take(2), NoticeBytes("no camera was open and no request came for 60.0 s"));
+    EXPECT_TRUE(broker.IsDone(2, now));
+    // The other one has a camera open.
+    EXPECT_EQ(Take(1), Bytes());
+    EXPECT_FALSE(broker.IsDone(1, now));
+}
+
+TEST_F(BrokerTest, APeerThatTakesNothingIsEndedAfterItsTime) {
+    broker.RemovePeer(3);
+    OpenFirst(1, 0);
+    OpenFurther(2, 0);
+    now += seconds(30);
+    Plugin(KeyFrame(0, 1));
+    Take(2);
+    now += seconds(15);
+    Plugin(NextFrame(0, 1));
+    Take(2);
+    broker.OnTime(now);
+    // A part counts.
+    broker.OnSent(1, 1, now);
+    now += seconds(19);
+    Plugin(NextFrame(0, 2));
+    Take(2);
+    EXPECT_FALSE(broker.OnTime(now));
+    now += seconds(1);
+    EXPECT_TRUE(broker.OnTime(now));
+    EXPECT_EQ(Log(),
+              (std::vector<std::string>{"[host] peer 1 is disconnected: nothing was received for 20.0 s"}));
+    EXPECT_FALSE(broker.IsDone(1, now));
+    EXPECT_TRUE(broker.IsDone(1, now + seconds(2)));
+    EXPECT_FALSE(broker.IsDone(2, now));
+}
+
+TEST_F(BrokerTest, WithoutLimitsAPeerMayBeIdleAndStuck) {
+    Broker unlimited{{.idle = seconds(0), .stuck = seconds(0)}};
+    unlimited.AddPeer(1, now);
+    EXPECT_EQ(unlimited.NextTime(), Clock::time_point::max());
+    unlimited.OnInput(1, kVersionRequestBytes);
+    EXPECT_TRUE(unlimited.NextRequest(now).has_value());
+    EXPECT_TRUE(unlimited.OnMessage(kVersionReplyBytes, now));
+    EXPECT_EQ(unlimited.NextTime(), Clock::time_point::max());
+}
+
+TEST_F(BrokerTest, APeerThatAsksTooFastIsEnded) {
+    Bytes requests;
+    for (int i = 0; i < 1000; ++i) {
+        requests = requests + SetPropertyBytes(0);
+    }
+    Ask(1, requests);
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(Next(), SetPropertyBytes(0));
+    }
+    now += milliseconds(10);
+    Ask(1, SetPropertyBytes(0) + SetPropertyBytes(0));
+    EXPECT_EQ(Next(), SetPropertyBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), NoticeBytes("more than 100 requests per second"));
+    Ask(2, kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+}
+
+TEST_F(BrokerTest, ACameraThatDeliversNoFramesIsClosed) {
+    OpenFirst(1, 0);
+    OpenFurther(2, 0);
+    OpenFirst(2, 1);
+    now += seconds(9);
+    Plugin(KeyFrame(1, 1));
+    Take(2);
+    EXPECT_FALSE(broker.OnTime(now));
+    now += seconds(1);
+    EXPECT_TRUE(broker.OnTime(now));
+    EXPECT_EQ(Take(1), StateBytes(kClosed, 0));
+    EXPECT_EQ(Take(2), StateBytes(kClosed, 0));
+    EXPECT_EQ(Log(), (std::vector<std::string>{"[host] camera 0 delivers no frames: closed"}));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    Plugin(StateBytes(kClosed, 0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), Bytes());
+    // When it is back, an open works.
+    OpenFirst(1, 0);
+}
+
+TEST_F(BrokerTest, ASlowCameraHasTimeFor60Frames) {
+    broker.RemovePeer(2);
+    broker.RemovePeer(3);
+    Ask(1, OpenBytes(0, 640, 480, 2));
+    EXPECT_EQ(Next(), OpenBytes(0, 640, 480, 2));
+    // The open itself takes long.
+    now += seconds(100);
+    EXPECT_FALSE(broker.OnTime(now));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Next(), Bytes());
+    Take(1);
+    now += milliseconds(29999);
+    EXPECT_FALSE(broker.OnTime(now));
+    now += milliseconds(1);
+    EXPECT_TRUE(broker.OnTime(now));
+}
+
+TEST_F(BrokerTest, ACameraWhoseFramesWaitForASlowPeerIsNotGone) {
+    OpenFirst(1, 0);
+    Plugin(KeyFrame(0, 1));
+    broker.OnTime(now);
+    now += seconds(15);
+    broker.OnTime(now);
+    now += seconds(15);
+    broker.OnSent(1, 1, now);
+    now += seconds(15);
+    Take(1);
+    EXPECT_FALSE(broker.OnTime(now));
+    EXPECT_EQ(Take(1), Bytes());
+    now += seconds(10);
+    EXPECT_TRUE(broker.OnTime(now));
+    EXPECT_EQ(Take(1), StateBytes(kClosed, 0));
 }
 
 TEST_F(BrokerTest, BytesThatAreNotOneMessageAreRefused) {

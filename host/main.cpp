@@ -88,10 +88,10 @@ Expected<void> Serve(const HostOptions& options, std::unique_ptr<PeerStream> sta
         return started;
     }
     if (options.stdio) {
-        return ServeOnePeer(std::move(standard_streams), module, log, waiter);
+        return ServeOnePeer(std::move(standard_streams), options.limits, module, log, waiter);
     }
     log.Print(std::string(kProgram) + ": listening on " + options.listen + ", cameras are listed on request");
-    ServePeers(*listener, options.peers, module, log, waiter);
+    ServePeers(*listener, options.limits, module, log, waiter);
     return {};
 }
 

@@ -3,19 +3,19 @@
 // Thread rule: values and a pure function; any thread.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 
 #include "common/error.h"
+#include "host/serve.h"
 
 namespace zumod::host {
 
 struct HostOptions {
     std::string listen;  // the socket's path; empty with --stdio
     bool stdio = false;
-    size_t peers = 16;                              // that are served at once
+    ServeLimits limits;
     std::string modules;                            // empty: the directory that belongs to the program
     std::map<std::string, std::string> properties;  // by key
     uint32_t log_levels = 0;                        // LogLevel bits that are shown

@@ -38,16 +38,29 @@ TEST(HostOptions, AListeningHostShowsInfoAndAboveAndFindsItsModulesByItself) {
     EXPECT_EQ(options.modules, "");
     EXPECT_TRUE(options.properties.empty());
     EXPECT_EQ(options.log_levels, 7U);
-    EXPECT_EQ(options.peers, 16U);
+    EXPECT_EQ(options.limits.peers, 16U);
 }
 
 TEST(HostOptions, TheNumberOfPeersIsFrom1To256) {
-    EXPECT_EQ(Options({"--listen", "x", "--peers", "1"}).peers, 1U);
-    EXPECT_EQ(Options({"--listen", "x", "--peers", "256"}).peers, 256U);
+    EXPECT_EQ(Options({"--listen", "x", "--peers", "1"}).limits.peers, 1U);
+    EXPECT_EQ(Options({"--listen", "x", "--peers", "256"}).limits.peers, 256U);
     for (const char* wrong : {"0", "257", "-1", "many", "1.5", ""}) {
         EXPECT_EQ(Mistake({"--listen", "x", "--peers", wrong}),
                   "--peers: takes a number from 1 to 256, not \"" + std::string(wrong) + "\" (see --help)");
     }
+}
+
+TEST(HostOptions, LimitsOfTimeAreInWholeSecondsAnd0IsNone) {
+    const PeerLimits usual = Options({"--stdio"}).limits.each;
+    EXPECT_EQ(usual.idle.count(), 60);
+    EXPECT_EQ(usual.stuck.count(), 20);
+    const PeerLimits given = Options({"--stdio", "--idle", "0", "--stuck", "7"}).limits.each;
+    EXPECT_EQ(given.idle.count(), 0);
+    EXPECT_EQ(given.stuck.count(), 7);
+    EXPECT_EQ(Mistake({"--stdio", "--idle", "-1"}),
+              "--idle: takes whole seconds, at most 1000000, not \"-1\" (see --help)");
+    EXPECT_EQ(Mistake({"--stdio", "--stuck", "1000001"}),
+              "--stuck: takes whole seconds, at most 1000000, not \"1000001\" (see --help)");
 }
 
 TEST(HostOptions, EveryPropertyIsKeptAndTheLastValueOfAKeyWins) {
@@ -117,8 +130,8 @@ TEST(HostOptions, HelpNamesEveryOptionAndTheBitsOfTheLevels) {
     const auto help = Parse({"--help"});
     ASSERT_FALSE(help);
     EXPECT_EQ(help.error().status, 0);
-    for (const char* part : {"--listen", "--peers", "--stdio", "--modules", "--env", "--log-level",
-                             "--version", "level bit 4", "bit 2", "bit 1", "bit 8"}) {
+    for (const char* part : {"--listen", "--peers", "--idle", "--stuck", "--stdio", "--modules", "--env",
+                             "--log-level", "--version", "level bit 4", "bit 2", "bit 1", "bit 8"}) {
         EXPECT_NE(help.error().text.find(part), std::string::npos) << part;
     }
 }

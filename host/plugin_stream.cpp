@@ -16,7 +16,8 @@ constexpr int kFailed = -1;
 
 }  // namespace
 
-PluginStream::PluginStream() : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+PluginStream::PluginStream(const PeerLimits& limits)
+    : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_broker(limits) {}
 
 int PluginStream::Read(void* data, unsigned long size, unsigned long* done) {
     const MutexLock lock(m_mutex);
@@ -67,6 +68,11 @@ int PluginStream::Write(const void* data, unsigned long size, unsigned long* don
     WakeMain();
     *done = size;
     return 0;
+}
+
+void PluginStream::WakePlugin() {
+    const MutexLock lock(m_mutex);
+    m_changed.notify_all();
 }
 
 void PluginStream::End() {

@@ -23,7 +23,7 @@ namespace zumod::host {
 
 class PluginStream final : public CCounted_T<IChannelStream> {
 public:
-    PluginStream();
+    explicit PluginStream(const PeerLimits& limits);
     ~PluginStream() override = default;
 
     // Whether the system had a descriptor for it; errno says why not.
@@ -31,6 +31,9 @@ public:
 
     int Read(void* data, unsigned long size, unsigned long* done) override;
     int Write(const void* data, unsigned long size, unsigned long* done) override;
+
+    // Lets the threads that wait look again.
+    void WakePlugin();
 
     // Makes all current and later calls of the plugin fail.
     void End();
@@ -40,11 +43,17 @@ public:
     void ClearWake();
 
     // Calls `action` with the broker under the mutex, and returns its result. Call wakes the plugin's threads
-    // for what the action changes; Query cannot change anything.
+    // for what the action changes; Update is for actions that do not concern them; Query cannot change
+    // anything.
     template <class Action>
     auto Call(Action action) {
         const MutexLock lock(m_mutex);
         m_changed.notify_all();
+        return action(m_broker);
+    }
+    template <class Action>
+    auto Update(Action action) {
+        const MutexLock lock(m_mutex);
         return action(m_broker);
     }
     template <class Action>

@@ -22,7 +22,7 @@ using testing::operator+;
 class PluginStreamTest : public ::testing::Test {
 protected:
     PluginStreamTest() {
-        stream->Call([](Broker& broker) { broker.AddPeer(1); });
+        stream->Call([](Broker& broker) { broker.AddPeer(1, Clock::now()); });
     }
     // At the end it must not wait for a thread that waits for the stream.
     ~PluginStreamTest() override { stream->End(); }
@@ -52,7 +52,7 @@ protected:
             Bytes taken;
             for (auto output = broker.NextOutput(1); !output.rest.empty(); output = broker.NextOutput(1)) {
                 taken.insert(taken.end(), output.rest.begin(), output.rest.end());
-                broker.OnSent(1, output.rest.size());
+                broker.OnSent(1, output.rest.size(), Clock::now());
             }
             return taken;
         });
@@ -75,7 +75,7 @@ protected:
         return result;
     }
 
-    const CRefPtr_T<PluginStream> stream{new PluginStream};
+    const CRefPtr_T<PluginStream> stream{new PluginStream({})};
 };
 
 TEST_F(PluginStreamTest, ARequestIsReadInPiecesOfAnySize) {

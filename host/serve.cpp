@@ -44,8 +44,8 @@ std::string PeerText(PeerId id) {
 class Session {
 public:
     // Null if the system has no descriptor or no thread for it.
-    static std::unique_ptr<Session> Start(CameraModule& module) {
-        auto session = std::unique_ptr<Session>(new Session(module));  // the constructor is private
+    static std::unique_ptr<Session> Start(CameraModule& module, const PeerLimits& limits) {
+        auto session = std::unique_ptr<Session>(new Session(module, limits));  // the constructor is private
         if (!session->m_done || !session->m_stream->IsValid()) {
             return nullptr;
         }
@@ -72,8 +72,8 @@ public:
     int Done() const { return m_done.Get(); }
 
 private:
-    explicit Session(CameraModule& module)
-        : m_module(module), m_stream(new PluginStream), m_done(eventfd(0, EFD_CLOEXEC)) {}
+    Session(CameraModule& module, const PeerLimits& limits)
+        : m_module(module), m_stream(new PluginStream(limits)), m_done(eventfd(0, EFD_CLOEXEC)) {}
 
     void Serve() {
         if (const CRefPtr_T<IClientCameraPlugin> plugin = m_module.CreatePlugin()) {
@@ -95,8 +95,8 @@ private:
 // The connections of all peers, and the session that they share.
 class PeerServer {
 public:
-    PeerServer(CameraModule& module, HostLog& log, Waiter& waiter)
-        : m_module(module), m_log(log), m_waiter(waiter) {}
+    PeerServer(CameraModule& module, const PeerLimits& limits, HostLog& log, Waiter& waiter)
+        : m_module(module), m_limits(limits), m_log(log), m_waiter(waiter) {}
     PeerServer(const PeerServer&) = delete;
     PeerServer& operator=(const PeerServer&) = delete;
     ~PeerServer() { EndSession(); }
@@ -109,7 +109,7 @@ public:
             Serve();
         }
         if (m_session == nullptr) {
-            m_session = Session::Start(m_module);
+            m_session = Session::Start(m_module, m_limits);
             if (m_session == nullptr) {
                 return false;
             }
@@ -124,7 +124,7 @@ public:
     // After EnsureSession has returned true.
     void Add(std::unique_ptr<PeerStream> stream) {
         const PeerId id = ++m_last_id;
-        m_session->Stream().Call([id](Broker& broker) { broker.AddPeer(id); });
+        m_session->Stream().Call([id](Broker& broker) { broker.AddPeer(id, Clock::now()); });
         m_peers[id].stream = std::move(stream);
         m_log.Write(kLogEvent, PeerText(id) + " has connected");
     }
@@ -134,6 +134,10 @@ public:
         if (m_session == nullptr) {
             return;
         }
+        PluginStream& stream = m_session->Stream();
+        if (stream.Update([](Broker& broker) { return broker.OnTime(Clock::now()); })) {
+            stream.WakePlugin();
+        }
         for (auto next = m_peers.begin(); next != m_peers.end();) {
             auto& [id, peer] = *next++;
             if (m_session_has_ended || !SendOutput(id, peer) || IsDone(id)) {
@@ -142,8 +146,7 @@ public:
                 WaitForPeer(id, peer);
             }
         }
-        for (const Broker::LogLine& line :
-             m_session->Stream().Call([](Broker& broker) { return broker.TakeLog(); })) {
+        for (const Broker::LogLine& line : stream.Update([](Broker& broker) { return broker.TakeLog(); })) {
             m_log.Write(line.level, line.text);
         }
         if (m_peers.empty()) {
@@ -195,7 +198,7 @@ private:
                 return false;
             }
             peer.can_send = *sent == output.rest.size();
-            stream.Call([&](Broker& broker) { broker.OnSent(id, *sent); });
+            stream.Call([&](Broker& broker) { broker.OnSent(id, *sent, Clock::now()); });
         }
         return true;
     }
@@ -250,6 +253,7 @@ private:
     }
 
     CameraModule& m_module;
+    const PeerLimits m_limits;
     HostLog& m_log;
     Waiter& m_waiter;
     std::unique_ptr<Session> m_session;
@@ -263,8 +267,13 @@ private:
 
 class PeerAcceptor {
 public:
-    PeerAcceptor(const Listener& listener, size_t limit, CameraModule& module, HostLog& log, Waiter& waiter)
-        : m_listener(listener), m_limit(limit), m_log(log), m_waiter(waiter), m_server(module, log, waiter) {}
+    PeerAcceptor(const Listener& listener, const ServeLimits& limits, CameraModule& module, HostLog& log,
+                 Waiter& waiter)
+        : m_listener(listener),
+          m_limit(limits.peers),
+          m_log(log),
+          m_waiter(waiter),
+          m_server(module, limits.each, log, waiter) {}
     PeerAcceptor(const PeerAcceptor&) = delete;
     PeerAcceptor& operator=(const PeerAcceptor&) = delete;
 
@@ -332,13 +341,14 @@ private:
 
 }  // namespace
 
-void ServePeers(const Listener& listener, size_t limit, CameraModule& module, HostLog& log, Waiter& waiter) {
-    PeerAcceptor(listener, limit, module, log, waiter).Run();
+void ServePeers(const Listener& listener, const ServeLimits& limits, CameraModule& module, HostLog& log,
+                Waiter& waiter) {
+    PeerAcceptor(listener, limits, module, log, waiter).Run();
 }
 
-Expected<void> ServeOnePeer(std::unique_ptr<PeerStream> stream, CameraModule& module, HostLog& log,
-                            Waiter& waiter) {
-    PeerServer server(module, log, waiter);
+Expected<void> ServeOnePeer(std::unique_ptr<PeerStream> stream, const ServeLimits& limits,
+                            CameraModule& module, HostLog& log, Waiter& waiter) {
+    PeerServer server(module, limits.each, log, waiter);
     if (!server.EnsureSession()) {
         return Fail(kNothingLeft);
     }

@@ -10,6 +10,7 @@
 
 #include "common/error.h"
 #include "common/waiter.h"
+#include "host/broker.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"
 #include "host/listener.h"
@@ -17,11 +18,17 @@
 
 namespace zumod::host {
 
-// Serves up to `limit` peers at once until a stop signal.
-void ServePeers(const Listener& listener, size_t limit, CameraModule& module, HostLog& log, Waiter& waiter);
+struct ServeLimits {
+    size_t peers = 16;  // that are served at once
+    PeerLimits each;
+};
+
+// Serves peers until a stop signal.
+void ServePeers(const Listener& listener, const ServeLimits& limits, CameraModule& module, HostLog& log,
+                Waiter& waiter);
 
 // Serves this peer until it leaves or a stop signal.
-Expected<void> ServeOnePeer(std::unique_ptr<PeerStream> stream, CameraModule& module, HostLog& log,
-                            Waiter& waiter);
+Expected<void> ServeOnePeer(std::unique_ptr<PeerStream> stream, const ServeLimits& limits,
+                            CameraModule& module, HostLog& log, Waiter& waiter);
 
 }  // namespace zumod::host
