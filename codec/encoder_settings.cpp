@@ -19,6 +19,9 @@ constexpr char kDefaultPreset[] = "ultrafast";
 // ms. With 1000 ms it takes 221 ms, at the same quality. With 100 ms it takes 81 ms, but the first picture is
 // visibly worse.
 constexpr int64_t kDefaultBufferMs = 200;
+// At a low bit rate 200 ms are too few bits for the first picture, which is a key frame: at 320x240 it was
+// visibly worse. So the buffer holds at least this many bits, within a second.
+constexpr int64_t kLeastDefaultBufferBits = 160'000;
 constexpr int64_t kDefaultThreads = 1;
 
 // The host's value for a key if it is right. Logs one line if it is wrong.
@@ -50,12 +53,16 @@ int64_t DefaultBitRate(int width, int height) {
     return std::clamp(rate, kLowestDefault, kBitRateKey.highest);
 }
 
+int64_t DefaultBufferMs(int64_t bit_rate) {
+    return std::clamp(kLeastDefaultBufferBits * 1000 / bit_rate, kDefaultBufferMs, int64_t{1000});
+}
+
 EncoderSettings ReadEncoderSettings(int width, int height) {
     EncoderSettings settings;
     settings.bit_rate = NumberProperty(kBitRateKey, DefaultBitRate(width, height));
     settings.preset = RightProperty(kPresetKey).value_or(kDefaultPreset);
     settings.key_interval = static_cast<int>(NumberProperty(kKeyIntervalKey, kTwoSeconds));
-    settings.buffer_ms = static_cast<int>(NumberProperty(kBufferKey, kDefaultBufferMs));
+    settings.buffer_ms = static_cast<int>(NumberProperty(kBufferKey, DefaultBufferMs(settings.bit_rate)));
     settings.threads = static_cast<int>(NumberProperty(kThreadsKey, kDefaultThreads));
     return settings;
 }

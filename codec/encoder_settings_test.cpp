@@ -41,6 +41,13 @@ TEST_F(EncoderSettingsTest, TheBitRateGrowsWithThePictureBetweenTwoBounds) {
     EXPECT_EQ(DefaultBitRate(16384, 16384), 1000000000);
 }
 
+TEST_F(EncoderSettingsTest, TheBufferHoldsAKeyFrameAlsoAtALowBitRate) {
+    EXPECT_EQ(DefaultBufferMs(4147200), 200);
+    EXPECT_EQ(DefaultBufferMs(800000), 200);
+    EXPECT_EQ(DefaultBufferMs(320000), 500);
+    EXPECT_EQ(DefaultBufferMs(100000), 1000);
+}
+
 TEST_F(EncoderSettingsTest, ComeFromTheHostIfItHasThem) {
     SetText("zu.codec.bitrate", "500000");
     SetText("zu.codec.preset", "veryfast");
