@@ -2,11 +2,11 @@
 
 #include <sys/ioctl.h>
 #include <utf8.h>
-#include <wchar.h>
 
 #include <algorithm>
 #include <clocale>
 #include <cstdint>
+#include <cwchar>
 
 namespace zumod {
 namespace {
