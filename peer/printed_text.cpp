@@ -124,7 +124,7 @@ std::string FiguresLine(const CameraEntry& camera, PictureSize size, const Strea
                         size_t columns) {
     // A character in the last column would begin the next line.
     const size_t most = columns - std::min<size_t>(columns, 1);
-    const std::string text = FiguresText(camera, size, figures);
+    std::string text = FiguresText(camera, size, figures);
     if (DisplayWidth(text) <= most) {
         return text;
     }
