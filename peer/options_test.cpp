@@ -170,8 +170,8 @@ TEST(Duration, IsReadFromItsText) {
         {"90", 90000},   {"1.5", 1500},     {"90s", 90000},         {"1m30s", 90000},
         {"1m30", 90000}, {"2h", 7200000},   {"01:30", 90000},       {"00:01:30", 90000},
         {"0:0.5", 500},  {"1h1s", 3601000}, {"1000000", 1000000000}};
-    for (const auto& [text, milliseconds] : texts) {
-        EXPECT_EQ(ParseDuration(text), std::chrono::milliseconds(milliseconds)) << text;
+    for (const auto& [text, expected] : texts) {
+        EXPECT_EQ(ParseDuration(text), std::chrono::milliseconds(expected)) << text;
     }
 }
 
