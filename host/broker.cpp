@@ -48,7 +48,7 @@ std::string FormatText(const FormatRequest& format) {
 
 void Broker::AddPeer(PeerId id, Clock::time_point now) {
     Peer& peer = m_peers[id];
-    peer.begin = peer.last_request = peer.last_taken = now;
+    peer.last_request = peer.last_taken = now;
 }
 
 void Broker::RemovePeer(PeerId id) {
@@ -125,9 +125,7 @@ void Broker::OnSent(PeerId id, size_t count, Clock::time_point now) {
     if (peer.sent < size) {
         return;
     }
-    peer.sent_bytes += size;
     if (front.is_frame) {
-        ++peer.sent_frames;
         --peer.queued_frames;
         peer.queued_frame_bytes -= size;
     } else {

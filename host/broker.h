@@ -166,9 +166,6 @@ private:
         size_t queued_frame_bytes = 0;
         size_t queued_answer_bytes = 0;
         uint64_t lost_frames = 0;
-        uint64_t sent_frames = 0;
-        uint64_t sent_bytes = 0;
-        Clock::time_point begin;
         Clock::time_point last_request;  // or when it had a camera open for the last time
         Clock::time_point last_taken;    // or when nothing waited for it
         Clock::time_point request_pace = Clock::time_point::min();
