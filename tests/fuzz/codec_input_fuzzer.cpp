@@ -15,7 +15,6 @@
 #include "tests/fuzz/check.h"
 #include "tests/support/doubles/encode_call.h"
 #include "tests/support/doubles/quiet_host.h"
-#include "zumod/values.h"
 
 using namespace zumod;
 
@@ -32,7 +31,6 @@ bool BeginsWithStartCode(const std::vector<uint8_t>& bytes) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static testing::QuietHost host;
-    host.SetProperty(kEnvPreset, CZUModData::FromText("ultrafast"));
     AttachRuntime(&host);
     if (size == 0) {
         return 0;
