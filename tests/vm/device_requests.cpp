@@ -13,6 +13,8 @@
 #include <mutex>
 #include <string>
 
+#include "tests/support/watch/wait_until.h"
+
 namespace zumod::testing {
 namespace {
 
@@ -54,6 +56,10 @@ std::vector<pid_t> CaptureThreads() {
         }
     }
     return threads;
+}
+
+bool CaptureThreadsLeft(size_t count) {
+    return WaitUntil([count] { return CaptureThreads().size() == count; });
 }
 
 void ForgetCaptureThreads() {

@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -15,6 +16,9 @@ namespace zumod::testing {
 
 // The threads that have asked for a filled buffer since the last ForgetCaptureThreads and still run.
 std::vector<pid_t> CaptureThreads();
+// Waits until this many are left: the kernel lists a thread for a moment longer than pthread_join waits for
+// it.
+bool CaptureThreadsLeft(size_t count);
 void ForgetCaptureThreads();
 // How often this thread has asked.
 uint64_t DequeuesOf(pid_t thread);

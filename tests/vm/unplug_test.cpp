@@ -37,7 +37,7 @@ protected:
         EXPECT_EQ(
             Complaints(0),
             (std::vector<std::string>{"[LinuxV4L2CameraCapture] dealloc buffer pool fail, devid 0, err 19"}));
-        EXPECT_EQ(CaptureThreads().size(), 0U);
+        EXPECT_TRUE(CaptureThreadsLeft(0));
     }
 };
 
@@ -89,7 +89,7 @@ TEST_F(Unplug, ASessionThatEndsWithoutClosingAMissingCameraReleasesEverything) {
     }
     // Finish checks the rest at the end of every test.
     TearDown();
-    EXPECT_EQ(CaptureThreads().size(), 0U);
+    EXPECT_TRUE(CaptureThreadsLeft(0));
     BindDriver();
     SetUp();
     EXPECT_EQ(Open(kDefaultRequest), uint32_t{kCameraOpen});
