@@ -7,8 +7,8 @@
 // behind five others. With half the bits per picture all of them fit.
 //
 // The measure. The mean interval of kWindow calls, divided by the camera's interval, is the overload. The
-// camera's interval is the median of the first window: its calls have room in the queue for at least half of
-// the window, and those that come at once, because opening the encoder took longer than some pictures, are
+// camera's interval is the median of the first window: the queue takes the pictures of at least half of its
+// calls, and those that come at once, because opening the encoder took longer than some pictures, are
 // fewer than half. Then it follows the mean of every window without gaps.
 //
 // The decision, once per window:
@@ -18,8 +18,7 @@
 //   (many are, in the dark), or the machine has. The bits are given back, and the measured mean is the
 //   camera's interval from then on.
 // - Without gaps for some seconds the bits are doubled, as a trial. If the gaps return, they are halved
-// again,
-//   and the next trial waits twice as long, up to about a minute.
+//   again, and the next trial waits twice as long, up to about a minute.
 // - After a pause of 10 seconds everything starts again: nothing is known about the line any more.
 //
 // Thread rule: [encode thread]: one thread at a time. No input or output: the caller states the time.

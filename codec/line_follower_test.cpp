@@ -26,7 +26,7 @@ protected:
         }
         return follower.Halvings();
     }
-    // Calls of a camera on a line that has room for every picture if the bits are halved this often,
+    // Calls of a camera on a line that carries every picture if the bits are halved this often,
     // otherwise for every second one. Returns the seconds at which the halvings changed.
     std::vector<int> Changes(int needed, int seconds) {
         std::vector<int> changes;
@@ -74,7 +74,7 @@ TEST_F(LineFollowerTest, LeavesPicturesAloneThatWaitedForTheFirst) {
 }
 
 TEST_F(LineFollowerTest, SeesALineThatIsSlowFromTheBeginning) {
-    // Three pictures waited for the first, the queue has room for two more, then each waits for the line.
+    // Three pictures waited for the first, the queue takes two more, then each waits for the line.
     After(3, kCamera / 10);
     After(2, kCamera);
     EXPECT_EQ(After(3, 8 * kCamera), 0);

@@ -88,7 +88,7 @@ void Broker::EndPeer(PeerId id, const std::string& notice, Clock::time_point now
     Send(peer, std::make_shared<const Bytes>(text.begin(), text.end()), false);
 }
 
-size_t Broker::InputRoom(PeerId id) const {
+size_t Broker::InputSpace(PeerId id) const {
     const Peer& peer = m_peers.at(id);
     constexpr size_t kLargestRequest = kHeaderSize + kRequestLimit;
     return peer.ended || peer.input_ended ? 0 : kLargestRequest - (peer.input.size() - peer.served);
@@ -155,14 +155,14 @@ bool Broker::OnTime(Clock::time_point now) {
             changed = true;
         }
     }
-    const bool has_room = MayTakeFrame();
-    if (!has_room || !m_had_room) {
+    const bool has_space = MayTakeFrame();
+    if (!has_space || !m_had_space) {
         // No frame could be delivered, or not for long.
         for (auto& [id, camera] : m_cameras) {
             camera.last_frame = now;
         }
     }
-    m_had_room = has_room;
+    m_had_space = has_space;
     return CloseSilentCameras() || changed;
 }
 

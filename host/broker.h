@@ -21,7 +21,7 @@
 // Frames. A frame is copied once, into memory that all queues share. Each watcher has a queue with a limit.
 // The broker keeps the frames of a camera from the last key frame on, within limits; a peer that joins gets
 // them first, so it has a picture at once. A peer whose queue is full loses frames up to the next key frame
-// that finds room. A stream in which no key frame was ever recognised is passed on frame by frame.
+// that its queue can hold. A stream in which no key frame was ever recognised is passed on frame by frame.
 //
 // Back-pressure. The plugin drops frames before it encodes them while its own queue is long. That only works
 // if Write blocks when no peer can take more. So a frame is accepted only if at least one peer with an open
@@ -31,7 +31,7 @@
 //
 // Limits of time. A peer without an open camera that asks for nothing is ended, and so is one that takes
 // nothing although something waits for it, and one that sends requests too fast. A camera that delivers no
-// frame for long although there is room for one is taken for gone: its watchers are told that it is closed,
+// frame for long although a peer could take one is taken for gone: its watchers are told that it is closed,
 // and the broker closes it, which ends the work that the module has with it.
 //
 // Time is passed in, and there is no I/O here: PluginStream calls the broker for the plugin's threads,
@@ -105,8 +105,8 @@ public:
     void EndPeer(PeerId id, const std::string& notice, Clock::time_point now);
 
     // How many bytes OnInput takes now; 0: the peer's input must wait.
-    size_t InputRoom(PeerId id) const;
-    // At most InputRoom(id) bytes.
+    size_t InputSpace(PeerId id) const;
+    // At most InputSpace(id) bytes.
     void OnInput(PeerId id, std::span<const uint8_t> bytes);
     // The peer sends nothing more.
     void OnInputEnd(PeerId id);
@@ -140,7 +140,7 @@ public:
 
     // ---- What the caller must do
 
-    // Whether the plugin's calls have changed what NextOutput, InputRoom or IsDone return.
+    // Whether the plugin's calls have changed what NextOutput, InputSpace or IsDone return.
     bool TakeChange() { return std::exchange(m_changed, false); }
     std::vector<LogLine> TakeLog() { return std::exchange(m_log, {}); }
 
@@ -222,7 +222,7 @@ private:
     std::map<uint32_t, Camera> m_cameras;
     Current m_current;
     PeerId m_last_served = 0;
-    bool m_had_room = true;  // MayTakeFrame() at the last OnTime
+    bool m_had_space = true;  // MayTakeFrame() at the last OnTime
     bool m_changed = false;
     std::vector<LogLine> m_log;
 };

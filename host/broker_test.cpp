@@ -437,7 +437,7 @@ TEST_F(BrokerTest, ASlowPeerLosesItsOwnFramesUpToAKeyFrame) {
     }
     EXPECT_EQ(Log(), (std::vector<std::string>{"[host] peer 2 is slow and loses frames of camera 0"}));
     EXPECT_TRUE(Take(2) == kept);
-    // It has room again, but nothing that it could decode.
+    // Its queue has space again, but nothing that it could decode.
     Plugin(NextFrame(0, 7));
     EXPECT_EQ(Take(2), Bytes());
     Plugin(KeyFrame(0, 8));
@@ -478,7 +478,7 @@ TEST_F(BrokerTest, ATooLongRequestEndsItsPeerOnly) {
     // The header alone says it: 65537 bytes follow.
     Ask(1, {1, 0, 1, 0, 1, 0, 0, 0});
     EXPECT_EQ(Next(), Bytes());
-    EXPECT_EQ(broker.InputRoom(1), 0U);
+    EXPECT_EQ(broker.InputSpace(1), 0U);
     EXPECT_EQ(Log(), (std::vector<std::string>{
                          "[host] peer 1 is disconnected: a request has 65537 bytes; the limit is 65536"}));
     EXPECT_FALSE(broker.IsDone(1, now));
@@ -531,9 +531,9 @@ TEST_F(BrokerTest, APeerThatDoesNotReadItsAnswersIsNotServedAnyMore) {
     EXPECT_EQ(Take(2), kVersionReplyBytes);
     EXPECT_EQ(Next(), Bytes());
     // Its input is read until a request of the largest size would be complete.
-    EXPECT_EQ(broker.InputRoom(1), 65536U);
+    EXPECT_EQ(broker.InputSpace(1), 65536U);
     Ask(1, Bytes(65536));
-    EXPECT_EQ(broker.InputRoom(1), 0U);
+    EXPECT_EQ(broker.InputSpace(1), 0U);
     EXPECT_EQ(Next(), Bytes());
     EXPECT_TRUE(Take(1) == list);
     EXPECT_EQ(Next(), kVersionRequestBytes);
@@ -542,7 +542,7 @@ TEST_F(BrokerTest, APeerThatDoesNotReadItsAnswersIsNotServedAnyMore) {
 TEST_F(BrokerTest, ThatAPeerSendsNothingMoreCountsAfterItsLastAnswer) {
     Ask(1, OpenBytes(0) + kVersionRequestBytes + Bytes{1, 2, 3});
     broker.OnInputEnd(1);
-    EXPECT_EQ(broker.InputRoom(1), 0U);
+    EXPECT_EQ(broker.InputSpace(1), 0U);
     EXPECT_FALSE(broker.IsDone(1, now));
     EXPECT_EQ(Next(), OpenBytes(0));
     Plugin(StateBytes(kOpen, 0));

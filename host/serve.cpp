@@ -79,7 +79,7 @@ private:
         if (const CRefPtr_T<IClientCameraPlugin> plugin = m_module.CreatePlugin()) {
             plugin->SetChannelStream(m_stream.Get());
             plugin->Run();
-            // A frame that waits for room would block ExitInstance.
+            // A frame that waits for space would block ExitInstance.
             m_stream->End();
             plugin->ExitInstance();
         }
@@ -205,11 +205,11 @@ private:
 
     void ReceiveInput(PeerId id, const PeerStream& peer) {
         PluginStream& stream = m_session->Stream();
-        const size_t room = stream.Query([id](const Broker& broker) { return broker.InputRoom(id); });
-        if (room == 0) {
+        const size_t space = stream.Query([id](const Broker& broker) { return broker.InputSpace(id); });
+        if (space == 0) {
             return;
         }
-        const std::span<uint8_t> bytes(m_input.data(), std::min(room, m_input.size()));
+        const std::span<uint8_t> bytes(m_input.data(), std::min(space, m_input.size()));
         const auto count = peer.Receive(bytes);
         stream.Call([&](Broker& broker) {
             if (count) {
@@ -223,7 +223,7 @@ private:
     // Registers the connection for what can be done with it, and only for that.
     void WaitForPeer(PeerId id, Peer& peer) {
         const bool wants_input =
-            m_session->Stream().Query([id](const Broker& broker) { return broker.InputRoom(id); }) != 0;
+            m_session->Stream().Query([id](const Broker& broker) { return broker.InputSpace(id); }) != 0;
         if (!wants_input) {
             peer.input.reset();
         } else if (peer.input == nullptr) {
