@@ -326,7 +326,8 @@ TEST_F(CameraClientLinux, WithoutAListenerAFrameIsDroppedWithoutALogLine) {
     client->SetFormat(1280, 720, 15);
     host.TakeLines();
     Frame(640, 480, "MJPG");
-    EXPECT_EQ(host.Lines(), std::vector<LogLine>{});
+    // The set-format started camera 0, whose work thread may log its start as late as here.
+    EXPECT_EQ(host.OwnerLines(), std::vector<LogLine>{});
     EXPECT_EQ(listener.asked, 1);
 }
 
