@@ -1,7 +1,10 @@
 #include "common/command_line.h"
 
 #include <algorithm>
+#include <optional>
 #include <sstream>
+
+#include "common/duration.h"
 
 namespace zumod {
 
@@ -15,6 +18,22 @@ void AddModulesOption(CLI::App& app, std::string& directory, const std::string& 
                    "The directory of " + files + " (default: the one that belongs to the program)")
         ->type_name("DIR")
         ->check(NotEmpty("path"));
+}
+
+void AddTimeOption(CLI::App& app, const std::string& name, const std::string& help,
+                   const std::function<void(std::chrono::steady_clock::duration)>& set, ZeroTime zero) {
+    using Duration = std::chrono::steady_clock::duration;
+    const auto parse = [zero](const std::string& text) {
+        return zero == ZeroTime::kTaken && text == "0" ? std::optional(Duration::zero())
+                                                       : ParseDuration(text);
+    };
+    const auto check = [parse](const std::string& text) {
+        return parse(text) ? "" : "takes a time such as 90, 1m30s or 00:01:30, not \"" + text + "\"";
+    };
+    app.add_option_function<std::string>(
+           name, [parse, set](const std::string& text) { set(*parse(text)); }, help)
+        ->type_name("TIME")
+        ->check(CLI::Validator(check, ""));
 }
 
 CLI::Validator NotEmpty(const std::string& what) {

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <chrono>
+#include <functional>
 #include <string>
 
 #include "common/error.h"
@@ -15,6 +17,12 @@ void AddHelpAndVersion(CLI::App& app);
 
 // Adds --modules DIR. `files` names what is in the directory, for the help text.
 void AddModulesOption(CLI::App& app, std::string& directory, const std::string& files);
+
+// Adds an option that takes a time in the forms of ParseDuration, which is passed to `set`.
+enum class ZeroTime { kRefused, kTaken };
+void AddTimeOption(CLI::App& app, const std::string& name, const std::string& help,
+                   const std::function<void(std::chrono::steady_clock::duration)>& set,
+                   ZeroTime zero = ZeroTime::kRefused);
 
 // Refuses an empty value with the text "takes a WHAT".
 CLI::Validator NotEmpty(const std::string& what);

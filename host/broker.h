@@ -81,8 +81,8 @@ inline constexpr int kSilenceFrames = 60;
 
 // 0: no limit.
 struct PeerLimits {
-    std::chrono::seconds idle{60};   // no camera open and no request
-    std::chrono::seconds stuck{20};  // nothing taken of what waits
+    Clock::duration idle = std::chrono::seconds(60);   // no camera open and no request
+    Clock::duration stuck = std::chrono::seconds(20);  // nothing taken of what waits
 };
 
 class Broker {

@@ -11,7 +11,6 @@ namespace zumod::host {
 namespace {
 
 constexpr size_t kMostPeers = 256;
-constexpr int kMostSeconds = 1'000'000;
 constexpr char kDescription[] =
     "Lends this machine's cameras to peers: loads the camera module and serves the peers at a\n"
     "socket, or the one at standard input and output.";
@@ -43,13 +42,6 @@ std::string CheckLevel(const std::string& text) {
     return LevelsUpTo(text) ? "" : "takes error, warning, info or trace, not \"" + text + "\"";
 }
 
-std::string CheckSeconds(const std::string& text) {
-    const auto number = ParseNumber<int>(text);
-    return number && *number >= 0 && *number <= kMostSeconds
-               ? ""
-               : "takes whole seconds, at most " + std::to_string(kMostSeconds) + ", not \"" + text + "\"";
-}
-
 std::string CheckPeers(const std::string& text) {
     const auto number = ParseNumber<size_t>(text);
     return number && *number >= 1 && *number <= kMostPeers
@@ -63,8 +55,6 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
     HostOptions options;
     std::vector<std::string> properties;
     std::string level;
-    auto idle = options.limits.each.idle.count();
-    auto stuck = options.limits.each.stuck.count();
     CLI::App app(kDescription, "zu-camera-host");
     app.footer(kFooter);
     AddHelpAndVersion(app);
@@ -79,16 +69,17 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
                    "How many peers are served at once, at most; without it 16")
         ->type_name("N")
         ->check(CLI::Validator(CheckPeers, ""));
-    app.add_option("--idle", idle,
-                   "Disconnect a peer that has no camera open and asks for nothing for this time; without it "
-                   "60, 0: never")
-        ->type_name("SECONDS")
-        ->check(CLI::Validator(CheckSeconds, ""));
-    app.add_option("--stuck", stuck,
-                   "Disconnect a peer that receives nothing for this time although something waits for it; "
-                   "without it 20, 0: never")
-        ->type_name("SECONDS")
-        ->check(CLI::Validator(CheckSeconds, ""));
+    PeerLimits& limits = options.limits.each;
+    AddTimeOption(
+        app, "--idle",
+        "Disconnect a peer that has no camera open and asks for nothing for this time; without it 60, 0: "
+        "never",
+        [&](Clock::duration idle) { limits.idle = idle; }, ZeroTime::kTaken);
+    AddTimeOption(
+        app, "--stuck",
+        "Disconnect a peer that receives nothing for this time although something waits for it; "
+        "without it 20, 0: never",
+        [&](Clock::duration stuck) { limits.stuck = stuck; }, ZeroTime::kTaken);
     app.add_flag("--stdio", options.stdio,
                  "Serve the one peer at standard input and output, and end with it");
     AddModulesOption(app, options.modules, "zu-client-camera.so and zu-codec.so");
@@ -117,7 +108,6 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
     if (!listens && !options.stdio) {
         return FailUsage("give --listen or --stdio");
     }
-    options.limits.each = {std::chrono::seconds(idle), std::chrono::seconds(stuck)};
     for (const std::string& property : properties) {
         const size_t equals = property.find('=');
         options.properties[property.substr(0, equals)] = property.substr(equals + 1);

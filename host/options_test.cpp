@@ -50,17 +50,17 @@ TEST(HostOptions, TheNumberOfPeersIsFrom1To256) {
     }
 }
 
-TEST(HostOptions, LimitsOfTimeAreInWholeSecondsAnd0IsNone) {
+TEST(HostOptions, LimitsOfTimeTakeTheUsualFormsAnd0IsNone) {
     const PeerLimits usual = Options({"--stdio"}).limits.each;
-    EXPECT_EQ(usual.idle.count(), 60);
-    EXPECT_EQ(usual.stuck.count(), 20);
-    const PeerLimits given = Options({"--stdio", "--idle", "0", "--stuck", "7"}).limits.each;
-    EXPECT_EQ(given.idle.count(), 0);
-    EXPECT_EQ(given.stuck.count(), 7);
+    EXPECT_EQ(usual.idle, std::chrono::seconds(60));
+    EXPECT_EQ(usual.stuck, std::chrono::seconds(20));
+    const PeerLimits given = Options({"--stdio", "--idle", "0", "--stuck", "1m30s"}).limits.each;
+    EXPECT_EQ(given.idle, Clock::duration::zero());
+    EXPECT_EQ(given.stuck, std::chrono::seconds(90));
     EXPECT_EQ(Mistake({"--stdio", "--idle", "-1"}),
-              "--idle: takes whole seconds, at most 1000000, not \"-1\" (see --help)");
+              "--idle: takes a time such as 90, 1m30s or 00:01:30, not \"-1\" (see --help)");
     EXPECT_EQ(Mistake({"--stdio", "--stuck", "1000001"}),
-              "--stuck: takes whole seconds, at most 1000000, not \"1000001\" (see --help)");
+              "--stuck: takes a time such as 90, 1m30s or 00:01:30, not \"1000001\" (see --help)");
 }
 
 TEST(HostOptions, EveryPropertyIsKeptAndTheLastValueOfAKeyWins) {

@@ -23,55 +23,6 @@ constexpr char kDescription[] =
 constexpr char kFooter[] =
     "Sizes: without --size the largest one that fits into 1280x720.\n"
     "Exit status: 0 done, 1 a failure, 2 wrong options.";
-constexpr double kMostSeconds = 1e6;
-
-// A number as CLI11 reads it, at the beginning of `text`, which is shortened by it. Nothing if there is none.
-std::optional<double> TakeNumber(std::string_view& text) {
-    const size_t length = std::min(text.find_first_not_of("0123456789."), text.size());
-    const std::string digits(text.substr(0, length));
-    text.remove_prefix(length);
-    char* end = nullptr;
-    const double number = std::strtod(digits.c_str(), &end);
-    return digits.empty() || *end != '\0' ? std::nullopt : std::optional(number);
-}
-
-// "1m30s": each unit at most once, the largest first. The last number may have no unit: seconds.
-std::optional<double> SecondsOfUnits(std::string_view text) {
-    double seconds = 0;
-    std::string_view units = "hms";
-    do {
-        const auto number = TakeNumber(text);
-        const char unit = text.empty() ? 's' : text.front();
-        const size_t at = units.find(unit);
-        if (!number || at == std::string_view::npos) {
-            return std::nullopt;
-        }
-        text.remove_prefix(text.empty() ? 0 : 1);
-        units.remove_prefix(at + 1);
-        seconds += *number * (unit == 'h' ? 3600 : unit == 'm' ? 60 : 1);
-    } while (!text.empty());
-    return seconds;
-}
-
-// "01:30" or "00:01:30".
-std::optional<double> SecondsOfClock(std::string_view text) {
-    double seconds = 0;
-    for (int parts = 1; parts <= 3; ++parts) {
-        const auto number = TakeNumber(text);
-        if (!number || (parts > 1 && *number >= 60)) {
-            return std::nullopt;
-        }
-        seconds = seconds * 60 + *number;
-        if (text.empty()) {
-            return parts > 1 ? std::optional(seconds) : std::nullopt;
-        }
-        if (text.front() != ':') {
-            return std::nullopt;
-        }
-        text.remove_prefix(1);
-    }
-    return std::nullopt;
-}
 
 // How many characters must be changed, added or removed to make one word of the other.
 size_t Distance(std::string_view one, std::string_view other) {
@@ -127,18 +78,6 @@ std::string CheckPicture(const std::string& path) {
     return PictureFormatOf(path) != nullptr
                ? ""
                : "takes a name that ends in .png, .jpg or .jpeg, or -, not \"" + path + "\"";
-}
-
-std::string CheckSeconds(const std::string& text) {
-    return ParseDuration(text) ? "" : "takes a time such as 90, 1m30s or 00:01:30, not \"" + text + "\"";
-}
-
-void AddSeconds(CLI::App& app, const std::string& name, const std::string& help,
-                const std::function<void(Clock::duration)>& set) {
-    app.add_option_function<std::string>(
-           name, [set](const std::string& text) { set(*ParseDuration(text)); }, help)
-        ->type_name("TIME")
-        ->check(CLI::Validator(CheckSeconds, ""));
 }
 
 // Whether both can be recorded at the same time.
@@ -237,10 +176,11 @@ private:
                         "'ssh desk zu-camera-host --stdio'")
             ->type_name("COMMAND")
             ->check(NotEmpty("name"));
-        AddSeconds(m_app, "--timeout", "How long to wait for anything (default 10)",
-                   [this](Clock::duration limit) { m_options.limit = limit; });
-        AddSeconds(m_app, "--wait", "How long to wait for a host that is busy or not up yet (default: not)",
-                   [this](Clock::duration wait) { m_options.wait = wait; });
+        AddTimeOption(m_app, "--timeout", "How long to wait for anything (default 10)",
+                      [this](Clock::duration limit) { m_options.limit = limit; });
+        AddTimeOption(m_app, "--wait",
+                      "How long to wait for a host that is busy or not up yet (default: not)",
+                      [this](Clock::duration wait) { m_options.wait = wait; });
         AddModulesOption(m_app, m_options.modules, "zu-codec.so");
     }
 
@@ -271,12 +211,12 @@ private:
             app->add_option("--skip", m_options.skip, "Leave out as many pictures first: cameras start dark")
                 ->type_name("NUMBER")
                 ->check(CLI::Range(0, 100000));
-            AddSeconds(*app, "--after", "Take the picture that is shown this time after the first one",
-                       [this](Clock::duration after) { m_options.after = after; });
+            AddTimeOption(*app, "--after", "Take the picture that is shown this time after the first one",
+                          [this](Clock::duration after) { m_options.after = after; });
         }
         if (has(kSeconds)) {
-            AddSeconds(*app, "--seconds", "Stop after this time (default: on SIGINT, SIGTERM or SIGHUP)",
-                       [this](Clock::duration seconds) { m_options.seconds = seconds; });
+            AddTimeOption(*app, "--seconds", "Stop after this time (default: on SIGINT, SIGTERM or SIGHUP)",
+                          [this](Clock::duration seconds) { m_options.seconds = seconds; });
         }
         if (has(kJson)) {
             app->add_flag("--json", m_options.json, "Print JSON");
@@ -301,8 +241,8 @@ private:
                         "What goes to standard output: mkv (default), ts or h264")
             ->type_name("NAME")
             ->check(CLI::Validator(CheckContainer, ""));
-        AddSeconds(*app, "--segment", "Begin another file at the first key frame after this time",
-                   [this](Clock::duration time) { m_options.segment = time; });
+        AddTimeOption(*app, "--segment", "Begin another file at the first key frame after this time",
+                      [this](Clock::duration time) { m_options.segment = time; });
         app->add_flag("--split-on-format", m_options.split_on_format,
                       "Begin another file when the size of the pictures changes");
         app->add_flag("--arrival-times", m_options.arrival_times,
@@ -329,14 +269,6 @@ private:
 };
 
 }  // namespace
-
-std::optional<Clock::duration> ParseDuration(const std::string& text) {
-    const auto seconds = text.find(':') == std::string::npos ? SecondsOfUnits(text) : SecondsOfClock(text);
-    if (!seconds || *seconds <= 0 || *seconds > kMostSeconds) {
-        return std::nullopt;
-    }
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*seconds));
-}
 
 Expected<PeerOptions> ParseOptions(int count, const char* const* words) {
     return CommandLine().Parse(count, words);

@@ -62,10 +62,6 @@ struct PeerOptions {
     bool arrival_times = false;
 };
 
-// The time in a text such as "90", "1.5", "1m30s", "2h" or "00:01:30", above 0 and at most 1000000 s. Nothing
-// for any other text.
-std::optional<Clock::duration> ParseDuration(const std::string& text);
-
 // The error is a mistake, or the text that --help or --version asks for.
 Expected<PeerOptions> ParseOptions(int count, const char* const* words);
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "peer/commands.h"
 
 namespace zumod::peer {
@@ -165,21 +167,29 @@ TEST(PeerOptions, SayWhatIsWrong) {
               "--size: takes WIDTHxHEIGHT, not \"big\" (see --help)");
 }
 
-TEST(Duration, IsReadFromItsText) {
-    const std::vector<std::pair<const char*, int>> texts = {
-        {"90", 90000},   {"1.5", 1500},     {"90s", 90000},         {"1m30s", 90000},
-        {"1m30", 90000}, {"2h", 7200000},   {"01:30", 90000},       {"00:01:30", 90000},
-        {"0:0.5", 500},  {"1h1s", 3601000}, {"1000000", 1000000000}};
-    for (const auto& [text, expected] : texts) {
-        EXPECT_EQ(ParseDuration(text), std::chrono::milliseconds(expected)) << text;
-    }
-}
-
-TEST(Duration, IsNotReadFromAnyOtherText) {
-    for (const char* text :
-         {"",    "0",   "-1", "+1",    "nan", "inf", "1e3", "0x10", "s",       "1x",    "1s1m",   "1m1m",
-          "m30", "1 m", " 1", "1.2.3", ":",   "1:",  ":30", "1:60", "1:2:3:4", "1:30s", "1000001"}) {
-        EXPECT_EQ(ParseDuration(text), std::nullopt) << text;
+// Each option that takes a time, in a command line to which the time is to be appended.
+TEST(PeerOptions, TakeEveryTimeInTheSameForms) {
+    const std::vector<std::pair<std::vector<const char*>, std::function<Clock::duration(const PeerOptions&)>>>
+        options = {
+            {{"list", "--timeout"}, [](const PeerOptions& given) { return given.limit; }},
+            {{"list", "--wait"}, [](const PeerOptions& given) { return given.wait; }},
+            {{"snapshot", "0", "a.png", "--after"}, [](const PeerOptions& given) { return *given.after; }},
+            {{"record", "0", "a.mkv", "--seconds"}, [](const PeerOptions& given) { return *given.seconds; }},
+            {{"record", "0", "a.mkv", "--segment"}, [](const PeerOptions& given) { return *given.segment; }},
+            {{"stats", "0", "--seconds"}, [](const PeerOptions& given) { return *given.seconds; }},
+        };
+    for (auto [words, value] : options) {
+        const std::string option = words.back();
+        SCOPED_TRACE(option);
+        words.push_back("");
+        for (const char* time : {"90", "1m30s", "00:01:30", "1.5m"}) {
+            words.back() = time;
+            EXPECT_EQ(value(OptionsWithSocket(words)), std::chrono::seconds(90)) << time;
+        }
+        words.back() = "0";
+        words.insert(words.begin(), {"--socket", "s"});
+        EXPECT_EQ(Mistake(words),
+                  option + ": takes a time such as 90, 1m30s or 00:01:30, not \"0\" (see --help)");
     }
 }
 
