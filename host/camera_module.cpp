@@ -21,13 +21,18 @@ CameraModule::~CameraModule() {
     ZuModUnloadModule(m_handle);
 }
 
-Expected<void> CameraModule::Load() {
-    const std::string file = ZuModGetModulePath(kCameraModuleName, false);
+Expected<void> CameraModule::FindIn(const std::string& directory) {
+    const std::string file = directory + "/" + kCameraModuleName + ".so";
     if (access(file.c_str(), F_OK) != 0) {
         return Fail("the camera module is missing: " + file);
     }
+    return {};
+}
+
+Expected<void> CameraModule::Load() {
     if (Create(&m_handle) == nullptr) {
-        return Fail("the camera module does not load (the log says why): " + file);
+        return Fail("the camera module does not load (the log says why): " +
+                    ZuModGetModulePath(kCameraModuleName, false));
     }
     return {};
 }

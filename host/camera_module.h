@@ -20,6 +20,9 @@ public:
     CameraModule(const CameraModule&) = delete;
     CameraModule& operator=(const CameraModule&) = delete;
 
+    // Whether the module's file is there. The error names it.
+    static Expected<void> FindIn(const std::string& directory);
+
     // Loads the module and checks that it creates plugins. The error names the file.
     Expected<void> Load();
 

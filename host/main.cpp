@@ -14,6 +14,7 @@
 #include "common/module_directory.h"
 #include "common/module_runtime.h"
 #include "common/process_setup.h"
+#include "common/sandbox.h"
 #include "common/waiter.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"
@@ -50,6 +51,9 @@ Expected<std::string> ChooseModuleDirectory(const HostOptions& options) {
     if (!std::filesystem::is_directory(directory, error)) {
         return Fail("the module directory is missing: " + directory);
     }
+    if (const auto found = CameraModule::FindIn(directory); !found) {
+        return Fail(found.error());
+    }
     return directory;
 }
 
@@ -61,8 +65,45 @@ Expected<std::unique_ptr<PeerStream>> TakeStandardStreams(int closed) {
     return PeerStream::FromStandardStreams();
 }
 
-Expected<void> Serve(const HostOptions& options, std::unique_ptr<PeerStream> standard_streams, HostLog& log,
-                     Waiter& waiter) {
+// Where peers come from: the listener, or the one peer at the standard streams.
+struct PeerSource {
+    std::unique_ptr<Listener> listener;
+    std::unique_ptr<PeerStream> standard_streams;
+};
+
+// `closed`: as above.
+Expected<PeerSource> OpenPeerSource(const HostOptions& options, int closed) {
+    if (options.stdio) {
+        return TakeStandardStreams(closed).map([](std::unique_ptr<PeerStream> streams) {
+            return PeerSource{nullptr, std::move(streams)};
+        });
+    }
+    return Listener::Open(options.listen).map([](std::unique_ptr<Listener> listener) {
+        return PeerSource{std::move(listener), nullptr};
+    });
+}
+
+// Returns what is in force, for the log.
+Expected<std::string> RestrictProcess(const HostOptions& options) {
+    if (!options.sandbox) {
+        return "sandbox: none, because of --no-sandbox";
+    }
+    SandboxPlan plan;
+    plan.cameras = true;
+    // Also the directories of single modules: their keys begin with the same words.
+    for (const auto& [key, value] : options.properties) {
+        if (key.starts_with(kEnvModulesDir)) {
+            plan.modules.push_back(value);
+        }
+    }
+    if (!options.stdio) {
+        const auto directory = std::filesystem::path(options.listen).parent_path();
+        plan.socket_directory = directory.empty() ? "." : directory.string();
+    }
+    return EnterSandbox(plan);
+}
+
+Expected<void> Serve(const HostOptions& options, PeerSource source, HostLog& log, Waiter& waiter) {
     CameraModule module;
     if (auto loaded = module.Load(); !loaded) {
         return loaded;
@@ -75,23 +116,14 @@ Expected<void> Serve(const HostOptions& options, std::unique_ptr<PeerStream> sta
             log.Write(kLogIgnored, "[host] " + mistake);
         }
     }
-    std::unique_ptr<Listener> listener;
-    if (!options.stdio) {
-        auto opened = Listener::Open(options.listen);
-        if (!opened) {
-            return Fail(opened.error());
-        }
-        listener = std::move(*opened);
-    }
-    // The first thread: what restricts the threads of this process comes before.
     if (auto started = log.Start(); !started) {
         return started;
     }
-    if (options.stdio) {
-        return ServeOnePeer(std::move(standard_streams), options.limits, module, log, waiter);
+    if (source.listener == nullptr) {
+        return ServeOnePeer(std::move(source.standard_streams), options.limits, module, log, waiter);
     }
     log.Print(std::string(kProgram) + ": listening on " + options.listen + ", cameras are listed on request");
-    ServePeers(*listener, options.limits, module, log, waiter);
+    ServePeers(*source.listener, options.limits, module, log, waiter);
     return {};
 }
 
@@ -101,25 +133,28 @@ Expected<void> Run(HostOptions options, int closed, HostLog& log) {
         return Fail("signals cannot be received: " + ErrnoText(errno));
     }
     Waiter waiter(&signals);
-    std::unique_ptr<PeerStream> standard_streams;
-    if (options.stdio) {
-        auto taken = TakeStandardStreams(closed);
-        if (!taken) {
-            return Fail(taken.error());
-        }
-        standard_streams = std::move(*taken);
-    }
     const auto directory = ChooseModuleDirectory(options);
     if (!directory) {
         return Fail(directory.error());
     }
     options.properties[kEnvModulesDir] = *directory;
+    // Up to here with all rights of the user. Helper processes start here: they keep these rights.
+    auto source = OpenPeerSource(options, closed);
+    if (!source) {
+        return Fail(source.error());
+    }
+    // From here on without them: modules are loaded and threads start.
+    const auto restricted = RestrictProcess(options);
+    if (!restricted) {
+        return Fail(restricted.error());
+    }
     // Never destroyed: a loaded codec module keeps calling the runtime until the process exits.
     static ModuleRuntime& runtime = *new ModuleRuntime(
         [&log](uint32_t level, const char* text) { log.Write(ShownLevel(level, text), text); },
         options.properties);
     AttachRuntime(&runtime);
-    return Serve(options, std::move(standard_streams), log, waiter);
+    log.Write(kLogEvent, "[host] " + *restricted);
+    return Serve(options, std::move(*source), log, waiter);
 }
 
 int RunProgram(int count, const char* const* words) {

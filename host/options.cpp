@@ -95,6 +95,10 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
            "(and bit 1; the default of --listen) or trace (and bit 8)")
         ->type_name("LEVEL")
         ->check(CLI::Validator(CheckLevel, ""));
+    app.add_flag_callback(
+        "--no-sandbox", [&options] { options.sandbox = false; },
+        "Keep every right of the user: for debuggers, and for codec modules that need more than the sandbox "
+        "permits");
     if (const auto result = ParseCommandLine(app, count, words); !result) {
         return Fail(result.error());
     }

@@ -18,7 +18,8 @@ struct HostOptions {
     ServeLimits limits;
     std::string modules;                            // empty: the directory that belongs to the program
     std::map<std::string, std::string> properties;  // by key
-    uint32_t log_levels = 0;                        // LogLevel bits that are shown
+    bool sandbox = true;
+    uint32_t log_levels = 0;  // LogLevel bits that are shown
 };
 
 // The error is a mistake, or the text that --help or --version asks for.

@@ -39,6 +39,11 @@ TEST(HostOptions, AListeningHostShowsInfoAndAboveAndFindsItsModulesByItself) {
     EXPECT_TRUE(options.properties.empty());
     EXPECT_EQ(options.log_levels, 7U);
     EXPECT_EQ(options.limits.peers, 16U);
+    EXPECT_TRUE(options.sandbox);
+}
+
+TEST(HostOptions, TheSandboxCanBeLeftOut) {
+    EXPECT_FALSE(Options({"--stdio", "--no-sandbox"}).sandbox);
 }
 
 TEST(HostOptions, TheNumberOfPeersIsFrom1To256) {

@@ -118,7 +118,7 @@ TEST_F(HostEnd, ASignalEndsAHostThatHasFewDescriptors) {
     GTEST_SKIP() << "a sanitizer needs descriptors, too";
 #endif
     int listening = 0;
-    for (int limit = 5; limit <= 10; ++limit) {
+    for (int limit = 5; limit <= 12; ++limit) {
         SCOPED_TRACE(limit);
         // A shell does not work with a sanitizer's preloaded library.
         ChildProcess host(

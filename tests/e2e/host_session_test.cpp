@@ -180,7 +180,7 @@ TEST_F(HostSession, StandardInputAndOutputMayBeASocket) {
         ExpectServed(peer);
         ExpectPictures(peer);
     }
-    EXPECT_EQ(host->Wait(), 0);
+    EXPECT_EQ(host->Wait(), 0) << host->Errors();
 }
 
 TEST_F(HostSession, StandardInputAndOutputMayBePipesThatCarryNothingElse) {
@@ -196,7 +196,7 @@ TEST_F(HostSession, StandardInputAndOutputMayBePipesThatCarryNothingElse) {
         ExpectServed(peer);
         ExpectPictures(peer);
     }
-    EXPECT_EQ(host->Wait(), 0);
+    EXPECT_EQ(host->Wait(), 0) << host->Errors();
     EXPECT_NE(host->Errors().find("trace   [cameraclient] version req"), std::string::npos);
 }
 
