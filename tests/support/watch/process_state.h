@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -19,6 +20,25 @@ inline std::ptrdiff_t CountEntries(const char* directory) {
     return std::distance(std::filesystem::directory_iterator(directory),
                          std::filesystem::directory_iterator());
 }
+
+// What the kernel reports about a thread of this process. The values of a thread that is gone are those
+// below.
+struct ThreadStatus {
+    explicit ThreadStatus(const std::string& thread) {
+        std::ifstream file("/proc/self/task/" + thread + "/stat");
+        const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        const size_t name_end = text.rfind(')');
+        if (name_end != std::string::npos) {
+            long ignored = 0;
+            std::istringstream(text.substr(name_end + 1)) >> state >> ignored >> ignored >> ignored >>
+                ignored >> ignored >> flags;
+        }
+    }
+
+    char state = 'X';                // dead
+    unsigned long flags = kExiting;  // the kernel's PF_ flags
+    static constexpr unsigned long kExiting = 4;
+};
 
 // A sanitizer starts another thread, which stays, beside the first thread that a program creates. Starting
 // it here makes it part of every count.
@@ -32,9 +52,16 @@ inline void StartSanitizersThread() {
     (void)started;
 }
 
+// Does not count a thread that was joined and that the kernel has yet to remove from its list: its exit
+// begins before the join returns. (An emulator of another processor may end the join even earlier.)
 inline std::ptrdiff_t CountThreads() {
     StartSanitizersThread();
-    return CountEntries("/proc/self/task");
+    std::ptrdiff_t count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const ThreadStatus status(task.path().filename());
+        count += (status.flags & ThreadStatus::kExiting) == 0 ? 1 : 0;
+    }
+    return count;
 }
 
 // Waits until the process has this many threads. Returns false if it does not.
@@ -44,10 +71,7 @@ inline bool ThreadsComeTo(std::ptrdiff_t count) {
 
 // Whether the kernel reports this thread of the process as waiting.
 inline bool IsAsleep(pid_t thread) {
-    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
-    const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const size_t name_end = text.rfind(')');
-    return name_end != std::string::npos && text.substr(name_end + 2, 1) == "S";
+    return ThreadStatus(std::to_string(thread)).state == 'S';
 }
 
 inline std::ptrdiff_t CountDescriptors() {
