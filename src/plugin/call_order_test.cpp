@@ -1,6 +1,7 @@
 // The order of everything the plugin does that is visible outside: log lines, calls on cameras, answers.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <map>
 
 #include "src/plugin/client_camera.h"
@@ -8,6 +9,7 @@
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/scripted_stream.h"
 #include "tests/support/watch/call_watch.h"
+#include "tests/support/watch/wait_until.h"
 #include "tests/support/wire/camera_messages.h"
 
 namespace zumod {
@@ -192,6 +194,16 @@ TEST_F(CallOrder, TheQueueIsResetBeforeTheSendThreadStarts) {
                  [&] { started = watch.Count(CallWatch::pthread_create); });
     plugin->Run();
     EXPECT_EQ(started, 0);
+}
+
+TEST_F(CallOrder, TheSendThreadGoesOnAfterPassesWithoutAMessage) {
+    const CRefPtr_T<ScriptedStream> stream(new ScriptedStream);
+    plugin->SetChannelStream(stream.Get());
+    watch.FailWith(CallWatch::sem_clockwait, CallWatch::kItems, {ETIMEDOUT, EINVAL, ETIMEDOUT});
+    plugin->Run();
+    ASSERT_TRUE(testing::WaitUntil([&] { return watch.Count(CallWatch::sem_clockwait) > 3; }));
+    plugin->OnVideoPacket(7, "\x01", 1);
+    EXPECT_TRUE(testing::WaitUntil([&] { return stream->Written().size() == 17; }));
 }
 
 TEST_F(CallOrder, TheSendThreadRunsFromRunToExitInstance) {

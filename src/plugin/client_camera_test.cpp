@@ -2,6 +2,7 @@
 #include "src/plugin/client_camera.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -15,6 +16,7 @@
 #include "tests/support/doubles/client_camera_double.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/scripted_stream.h"
+#include "tests/support/watch/call_watch.h"
 #include "tests/support/watch/process_state.h"
 #include "tests/support/watch/wait_until.h"
 #include "tests/support/wire/camera_messages.h"
@@ -23,9 +25,11 @@ namespace zumod {
 namespace {
 
 using testing::Bytes;
+using testing::CallWatch;
 using testing::CameraScript;
 using testing::CountThreads;
 using testing::FrameBytes;
+using testing::IsAsleep;
 using testing::kVersionReplyBytes;
 using testing::kVersionRequestBytes;
 using testing::LogLine;
@@ -115,6 +119,30 @@ TEST_F(ClientCameraTest, FramesTakeNoReferenceOnTheStream) {
     plugin->OnVideoPacket(7, "\x01", 1);
     EXPECT_TRUE(WaitUntil([&] { return stream->Written().size() == 17; }));
     EXPECT_EQ(stream->AddRefs(), before);
+}
+
+// Keeps the address of what is written.
+class AddressStream final : public CCounted_T<IChannelStream> {
+public:
+    int Read(void*, unsigned long, unsigned long*) override { return -1; }
+    int Write(const void* data, unsigned long size, unsigned long* done) override {
+        *done = size;
+        written = data;
+        return 0;
+    }
+    std::atomic<const void*> written{nullptr};
+};
+
+TEST_F(ClientCameraTest, AFrameIsWrittenFromTheVeryBlockThatWasFilled) {
+    const CRefPtr_T<AddressStream> stream(new AddressStream);
+    plugin->SetChannelStream(stream.Get());
+    plugin->Run();
+    const CallWatch heap;
+    plugin->OnVideoPacket(7, "\x01", 1);
+    EXPECT_TRUE(WaitUntil([&] { return stream->written != nullptr; }));
+    EXPECT_EQ(heap.Count(CallWatch::malloc, 16 + 1), 1);
+    EXPECT_EQ(stream->written, heap.FirstMalloc());
+    plugin = nullptr;  // while the watch exists
 }
 
 TEST_F(ClientCameraTest, IsBusyFromTheSixthQueuedFrameOn) {
@@ -339,6 +367,31 @@ TEST_F(ClientCameraTest, AStreamThatIsReplacedDuringAWriteOutlivesTheWrite) {
     EXPECT_TRUE(WaitUntil([] { return StuckStream::s_alive == 0; }));
     plugin->OnVideoPacket(7, "\x02", 1);
     EXPECT_TRUE(WaitUntil([&] { return next->Written().size() == 17; }));
+}
+
+TEST_F(ClientCameraTest, ExitInstanceWaitsForTheWriteInProgress) {
+    StuckStream::s_released = false;
+    plugin->SetChannelStream(new StuckStream);
+    plugin->Run();
+    plugin->OnVideoPacket(7, "\x01", 1);
+    ASSERT_TRUE(WaitUntil([] { return StuckStream::s_writing.load(); }));
+    std::atomic<pid_t> caller{0};
+    std::atomic<bool> returned{false};
+    std::thread exit([&] {
+        caller = gettid();
+        EXPECT_EQ(plugin->ExitInstance(), 0);
+        returned = true;
+    });
+    int asleep = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        asleep = caller != 0 && IsAsleep(caller) ? asleep + 1 : 0;
+        return returned || asleep == 20;
+    }));
+    EXPECT_FALSE(returned);
+    EXPECT_TRUE(StuckStream::s_writing);
+    StuckStream::s_released = true;
+    exit.join();
+    EXPECT_FALSE(StuckStream::s_writing);
 }
 
 TEST_F(ClientCameraTest, AReplyIsWrittenWhileTheSendThreadIsStillWritingAFrame) {

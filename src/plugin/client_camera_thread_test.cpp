@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 
+#include "src/base/object_monitor.h"
 #include "tests/support/doubles/raw_slots.h"
 #include "tests/support/watch/wait_until.h"
 
@@ -40,6 +42,22 @@ TEST(ClientCameraThread, EndsAtOnceWithoutACallable) {
     EXPECT_TRUE(thread.Start());
     EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); }));
     thread.Stop();
+}
+
+TEST(ClientCameraThread, ItsCallableIsDestroyedBeforeItsBase) {
+    // The module's second class in the registry is CBaseThread.
+    ICObjectMonitor* const threads = g_ObjectRegistry.entries[1].monitor;
+    ASSERT_STREQ(g_ObjectRegistry.entries[1].name, "CBaseThread");
+    const int64_t before = threads->GetDeleteCount();
+    int64_t at_end_of_callable = -1;
+    {
+        int held = 0;
+        const auto record = [&](int*) { at_end_of_callable = threads->GetDeleteCount(); };
+        const CClientCameraThread thread(
+            [owner = std::shared_ptr<int>(&held, record)] { return *owner == 0; });
+    }
+    EXPECT_EQ(at_end_of_callable, before);
+    EXPECT_EQ(threads->GetDeleteCount(), before + 1);
 }
 
 TEST(ClientCameraThread, ThePassIsSlotSix) {

@@ -1,8 +1,11 @@
 // The queue's semaphore calls: their order, their failures, and a close between any two of them.
 #include <gtest/gtest.h>
 
+#include <semaphore.h>
+
 #include <atomic>
 #include <cerrno>
+#include <list>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,6 +46,70 @@ protected:
     std::thread resetter;
     const CRefPtr_T<IBuffer> message = CreateBuffer("abc", 3);
 };
+
+// The queue's fields by their place.
+class Fields {
+public:
+    using Messages = std::list<CRefPtr_T<IBuffer>>;
+
+    explicit Fields(CSendQueue& queue) : m_start(reinterpret_cast<char*>(&queue)) {}
+
+    std::atomic<uint64_t>& Count() { return At<std::atomic<uint64_t>>(kCount); }
+    Messages& List() { return At<Messages>(kList); }
+    int FreeSlots() { return ValueOf(kFreeSlots); }
+    int Items() { return ValueOf(kItems); }
+    std::atomic<bool>& Running() { return At<std::atomic<bool>>(kRunning); }
+    std::atomic<bool>& Stopped() { return At<std::atomic<bool>>(kRunning + 1); }
+
+private:
+    static constexpr size_t kCount = sizeof(CMutexLock);
+    static constexpr size_t kList = kCount + sizeof(uint64_t);
+    static constexpr size_t kFreeSlots = kList + sizeof(Messages);
+    static constexpr size_t kItems = kFreeSlots + sizeof(sem_t);
+    static constexpr size_t kRunning = kItems + sizeof(sem_t);
+
+    template <class Field>
+    Field& At(size_t offset) {
+        return *reinterpret_cast<Field*>(m_start + offset);
+    }
+    int ValueOf(size_t offset) {
+        int value = -1;
+        EXPECT_EQ(sem_getvalue(&At<sem_t>(offset), &value), 0);
+        return value;
+    }
+
+    char* const m_start;
+};
+
+TEST_F(SendQueueCalls, TheFieldsAreInTheirOrder) {
+    Fields fields(queue);
+    queue.Enqueue(message);
+    queue.Enqueue(CreateBuffer("d", 1));
+    EXPECT_EQ(fields.Count(), 2u);
+    EXPECT_EQ(fields.List().size(), 2u);
+    EXPECT_EQ(fields.List().front(), message);
+    EXPECT_EQ(fields.FreeSlots(), 0x3FFFFFFF - 2);
+    EXPECT_EQ(fields.Items(), 2);
+    EXPECT_TRUE(fields.Running());
+    EXPECT_FALSE(fields.Stopped());
+    queue.Close();
+    EXPECT_EQ(fields.Count(), 0u);
+    EXPECT_TRUE(fields.List().empty());
+    EXPECT_FALSE(fields.Running());
+}
+
+TEST_F(SendQueueCalls, TakeReturnsAtOnceWhileTheStoppedFlagIsSetAndAResetClearsIt) {
+    Fields fields(queue);
+    queue.Enqueue(message);
+    watch.TakeSemaphoreCalls();
+    fields.Stopped() = true;
+    EXPECT_EQ(queue.Take(), nullptr);
+    EXPECT_EQ(watch.TakeSemaphoreCalls(), Calls{});
+    queue.Reset();
+    EXPECT_FALSE(fields.Stopped());
+    queue.Enqueue(message);
+    EXPECT_EQ(queue.Take(), message);
+}
 
 TEST_F(SendQueueCalls, TheConstructorCreatesBothSemaphoresAndDrainsTheItems) {
     EXPECT_EQ(creation, kOpenCalls);
@@ -103,6 +170,20 @@ TEST_F(SendQueueCalls, AClosedQueueMakesNoCall) {
     queue.Enqueue(message);
     EXPECT_EQ(queue.Take(), nullptr);
     EXPECT_EQ(watch.TakeSemaphoreCalls(), Calls{});
+}
+
+TEST_F(SendQueueCalls, CloseReleasesTheMessagesLastAndUnderTheLock) {
+    queue.Enqueue(message);
+    int64_t references = -1;
+    int locked = -1;
+    watch.OnNext(CallWatch::sem_destroy, CallWatch::kItems, [&] {
+        references = OtherReferences(*message);
+        locked = watch.LockedMutexes();
+    });
+    queue.Close();
+    EXPECT_EQ(references, 1);
+    EXPECT_EQ(locked, 1);
+    EXPECT_EQ(OtherReferences(*message), 0);
 }
 
 // A use of a semaphore begins under the lock, so a close before it is noticed.
