@@ -40,8 +40,10 @@ protected:
 TEST_F(CaptureWorkLoopTest, AFrameIsDequeuedDeliveredAndQueuedAgain) {
     devices.PushFrame(0, {{10, 11, 12, 13}});
     int queued_at_delivery = -1;
-    collector.during = [this, &queued_at_delivery] {
+    bool own_thread = true;
+    collector.during = [&] {
         queued_at_delivery = devices.CallCount(DeviceCall::kQueueBuf);
+        own_thread = host.IsOwnThread();
     };
     ASSERT_TRUE(capture.startCapture());
     ASSERT_TRUE(WaitForCalls(DeviceCall::kSelect, 2));
@@ -50,6 +52,7 @@ TEST_F(CaptureWorkLoopTest, AFrameIsDequeuedDeliveredAndQueuedAgain) {
     EXPECT_EQ(collector.Frames(), (std::vector{Received({10, 11, 12}, 4)}));
     // The buffer is queued again only after the slot: so far, only the four of the start had been queued.
     EXPECT_EQ(queued_at_delivery, 4);
+    EXPECT_FALSE(own_thread);
     EXPECT_EQ(WorkCalls(), (Calls{"select video0 timeout=1.000000", "DQBUF video0 type=1 memory=1 index=0",
                                   "QBUF video0 type=1 memory=1 index=0 used=4 length=4096",
                                   "select video0 timeout=1.000000"}) +
@@ -276,6 +279,47 @@ TEST_F(CaptureWorkLoopTest, AStopDuringAWaitEndsTheLoopWithoutADequeue) {
     EXPECT_EQ(WorkCalls(), Calls{"select video0 timeout=1.000000"} + StopCalls());
 }
 
+// The stop is requested while the wait fails.
+TEST_F(CaptureWorkLoopTest, AWaitThatFailsDuringAStopLogsNoFailure) {
+    std::thread stopper;
+    devices.Fail(DeviceCall::kSelect, EIO);
+    devices.After(DeviceCall::kSelect, [this, &stopper] {
+        stopper = std::thread([this] { capture.stopCapture(); });
+        WaitUntil([this] { return capture.isStopping(); });
+    });
+    ASSERT_TRUE(capture.startCapture());
+    ASSERT_TRUE(WaitUntil([this] { return devices.OpenDescriptors() == 0; }));
+    stopper.join();
+    EXPECT_EQ(WorkCalls(), Calls{"select video0 timeout=1.000000"} + StopCalls());
+    EXPECT_FALSE(host.Has({4, "[LinuxV4L2CameraCapture] workLoop, select fail, devid 0, err: 5"}));
+}
+
+TEST_F(CaptureWorkLoopTest, ADequeueThatFailsDuringAStopEndsTheLoop) {
+    std::thread stopper;
+    devices.Fail(DeviceCall::kDequeueBuf, EIO);
+    devices.After(DeviceCall::kDequeueBuf, [this, &stopper] {
+        stopper = std::thread([this] { capture.stopCapture(); });
+        WaitUntil([this] { return capture.isStopping(); });
+    });
+    devices.PushFrame(0, {{1}});
+    ASSERT_TRUE(capture.startCapture());
+    ASSERT_TRUE(WaitUntil([this] { return devices.OpenDescriptors() == 0; }));
+    stopper.join();
+    EXPECT_EQ(WorkCalls(), (Calls{"select video0 timeout=1.000000", "DQBUF video0 type=1 memory=1 index=0"}) +
+                               StopCalls());
+}
+
+TEST_F(CaptureWorkLoopTest, TheStopRequestIsSetBeforeTheEndOfTheLoopIsLogged) {
+    bool stopping = false;
+    host.OnLineWith("work thread finish", [&] { stopping = capture.isStopping(); });
+    devices.Fail(DeviceCall::kSelect, EIO);
+    ASSERT_TRUE(capture.startCapture());
+    ASSERT_TRUE(WaitForOtherLine({1, "[LinuxV4L2CameraCapture] work thread finish, devid 0"}));
+    EXPECT_TRUE(capture.isStopping());
+    capture.stopCapture();
+    EXPECT_TRUE(stopping);
+}
+
 TEST_F(CaptureWorkLoopTest, AStopWaitsForASlotThatRuns) {
     std::atomic<bool> in_slot{false};
     std::atomic<bool> may_leave{false};
@@ -292,6 +336,10 @@ TEST_F(CaptureWorkLoopTest, AStopWaitsForASlotThatRuns) {
     EXPECT_EQ(devices.Mappings(), 4);
     may_leave = true;
     stopper.join();
+    // The frame's buffer is queued again even so; then the loop ends.
+    EXPECT_EQ(WorkCalls(), (Calls{"select video0 timeout=1.000000", "DQBUF video0 type=1 memory=1 index=0",
+                                  "QBUF video0 type=1 memory=1 index=0 used=1 length=4096"}) +
+                               StopCalls());
     EXPECT_EQ(collector.Frames(), (std::vector{Received({1}, 1)}));
     EXPECT_EQ(devices.Mappings(), 0);
 }

@@ -323,7 +323,9 @@ TEST_F(SigslotTest, TheSlotsOfTheLockPolicy) {
     CallSlot(policy, 2);
     CallSlot(policy, 3);
     CallSlot(policy, 1);
-    EXPECT_EQ(journal, (Journal{"lock", "unlock", "destroyed"}));
+    alignas(Policy) char storage[sizeof(Policy)];
+    CallSlot(new (storage) Policy(journal), 0);
+    EXPECT_EQ(journal, (Journal{"lock", "unlock", "destroyed", "destroyed"}));
 }
 
 TEST_F(SigslotTest, TheSlotsOfTheSignal) {

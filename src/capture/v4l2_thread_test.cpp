@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 
+#include "tests/support/doubles/raw_slots.h"
 #include "tests/support/watch/wait_until.h"
 
 namespace zumod {
@@ -30,6 +31,18 @@ TEST(V4l2ThreadTest, WithoutWorkTheThreadEndsAtOnce) {
     ASSERT_TRUE(thread.Start());
     ASSERT_TRUE(WaitUntil([&thread] { return !thread.IsRunning(); }));
     EXPECT_TRUE(thread.Stop());
+}
+
+TEST(V4l2ThreadTest, ThePassIsSlotSixAndReturnsFalse) {
+    int runs = 0;
+    CV4L2Thread thread;
+    EXPECT_FALSE(testing::CallSlot<bool>(&thread, 6));
+    thread.SetWork([&runs] {
+        ++runs;
+        return true;
+    });
+    EXPECT_FALSE(testing::CallSlot<bool>(&thread, 6));
+    EXPECT_EQ(runs, 1);
 }
 
 TEST(V4l2ThreadTest, TheWorkIsDestroyedWithTheThreadObject) {
