@@ -400,9 +400,14 @@ bool Broker::IsWatchedByOthers(uint32_t camera, const Peer& peer) const {
 }
 
 void Broker::Join(Peer& peer, uint32_t id, const Camera& camera) {
-    peer.watches[id].waits_for_key_frame = camera.has_key_frames && camera.group.empty();
-    for (const Message& frame : camera.group) {
-        Send(peer, frame, true);
+    // A peer that takes nothing could join again and again, and would hold one group after the other.
+    const bool fits = peer.queued_frames + camera.group.size() <= kQueuedFramesLimit &&
+                      peer.queued_frame_bytes + camera.group_bytes <= kQueuedBytesLimit;
+    peer.watches[id].waits_for_key_frame = camera.has_key_frames && (camera.group.empty() || !fits);
+    if (fits) {
+        for (const Message& frame : camera.group) {
+            Send(peer, frame, true);
+        }
     }
 }
 

@@ -349,6 +349,24 @@ TEST_F(BrokerTest, APeerThatJoinsGetsTheFramesSinceTheLastKeyFrameFirst) {
     EXPECT_EQ(Take(1), NextFrame(0, 6));
 }
 
+TEST_F(BrokerTest, APeerThatJoinsAgainWithoutReadingHoldsNoMoreThanItsQueueTakes) {
+    constexpr size_t kLarge = 1024 * 1024;
+    OpenFirst(1, 0);
+    Bytes expected;
+    for (uint8_t i = 0; i < 4; ++i) {
+        const Bytes frame = KeyFrame(0, i, kLarge);
+        Plugin(frame);
+        Take(1);
+        Ask(2, OpenBytes(0) + CloseBytes(0));
+        EXPECT_EQ(Next(), Bytes());
+        // Three fit into 4 MiB, as each has some bytes more than 1 MiB.
+        expected = expected + StateBytes(kOpen, 0) + (i < 3 ? frame : Bytes()) + StateBytes(kClosed, 0);
+    }
+    EXPECT_EQ(Take(2), expected);
+    // There is space again.
+    EXPECT_EQ(OpenFurther(2, 0), StateBytes(kOpen, 0) + KeyFrame(0, 3, kLarge));
+}
+
 TEST_F(BrokerTest, AfterAChangeOfFormatNoOldFrameIsKept) {
     OpenFirst(1, 0);
     Plugin(KeyFrame(0, 1));
