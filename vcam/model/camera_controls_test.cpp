@@ -32,8 +32,21 @@ TEST(Camera, KeepsItsControls) {
     EXPECT_EQ(control.value, 255);
     control = {V4L2_CID_POWER_LINE_FREQUENCY, 3};
     EXPECT_EQ(rig.Call(VIDIOC_S_CTRL, control), ERANGE);
-    control = {V4L2_CID_ZOOM_ABSOLUTE, 0};
+    control = {V4L2_CID_IRIS_ABSOLUTE, 0};
     EXPECT_EQ(rig.Call(VIDIOC_G_CTRL, control), EINVAL);
+}
+
+TEST(Camera, TakesOnlyTheItemsThatAMenuHas) {
+    TestRig rig;
+    v4l2_querymenu item{};
+    item.id = V4L2_CID_EXPOSURE_AUTO;
+    for (const uint32_t index : {0U, 1U, 2U, 3U, 4U}) {
+        item.index = index;
+        const bool is_there = index == 1 || index == 3;
+        EXPECT_EQ(rig.Call(VIDIOC_QUERYMENU, item), is_there ? 0 : EINVAL) << index;
+        v4l2_control control{V4L2_CID_EXPOSURE_AUTO, static_cast<int32_t>(index)};
+        EXPECT_EQ(rig.Call(VIDIOC_S_CTRL, control), is_there ? 0 : index > 3 ? ERANGE : EINVAL) << index;
+    }
 }
 
 TEST(Camera, RaisesAnEventWhenAnotherFileChangesAControl) {

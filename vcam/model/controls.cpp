@@ -22,18 +22,46 @@ struct Control {
 namespace {
 
 constexpr const char* kPowerLineFrequencies[] = {"Disabled", "50 Hz", "60 Hz"};
+// A camera offers only the items with a name.
+constexpr const char* kExposureModes[] = {nullptr, "Manual Mode", nullptr, "Aperture Priority Mode"};
 
-// In order of their ids.
+constexpr Control Heading(uint32_t id, const char* name) {
+    return {.id = id,
+            .type = V4L2_CTRL_TYPE_CTRL_CLASS,
+            .name = name,
+            .flags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY};
+}
+constexpr Control Slider(uint32_t id, const char* name, int32_t minimum, int32_t maximum, int32_t step,
+                         int32_t initial) {
+    return {id, V4L2_CTRL_TYPE_INTEGER, name, minimum, maximum, step, initial, V4L2_CTRL_FLAG_SLIDER};
+}
+constexpr Control Switch(uint32_t id, const char* name) {
+    return {id, V4L2_CTRL_TYPE_BOOLEAN, name, 0, 1, 1, 1};
+}
+
+// In order of their ids. As a webcam has them.
 constexpr Control kControls[] = {
-    {.id = V4L2_CID_USER_CLASS,
-     .type = V4L2_CTRL_TYPE_CTRL_CLASS,
-     .name = "User Controls",
-     .flags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY},
-    {V4L2_CID_BRIGHTNESS, V4L2_CTRL_TYPE_INTEGER, "Brightness", 0, 255, 1, 128, V4L2_CTRL_FLAG_SLIDER},
-    {V4L2_CID_CONTRAST, V4L2_CTRL_TYPE_INTEGER, "Contrast", 0, 255, 1, 128, V4L2_CTRL_FLAG_SLIDER},
-    {V4L2_CID_AUTO_WHITE_BALANCE, V4L2_CTRL_TYPE_BOOLEAN, "White Balance, Automatic", 0, 1, 1, 1},
+    Heading(V4L2_CID_USER_CLASS, "User Controls"),
+    Slider(V4L2_CID_BRIGHTNESS, "Brightness", 0, 255, 1, 128),
+    Slider(V4L2_CID_CONTRAST, "Contrast", 0, 255, 1, 128),
+    Slider(V4L2_CID_SATURATION, "Saturation", 0, 255, 1, 64),
+    Slider(V4L2_CID_HUE, "Hue", -180, 180, 1, 0),
+    Switch(V4L2_CID_AUTO_WHITE_BALANCE, "White Balance, Automatic"),
+    Slider(V4L2_CID_GAMMA, "Gamma", 72, 500, 1, 100),
+    Slider(V4L2_CID_GAIN, "Gain", 0, 100, 1, 0),
     {V4L2_CID_POWER_LINE_FREQUENCY, V4L2_CTRL_TYPE_MENU, "Power Line Frequency", 0, 2, 1, 1, 0,
      kPowerLineFrequencies},
+    Slider(V4L2_CID_WHITE_BALANCE_TEMPERATURE, "White Balance Temperature", 2800, 6500, 10, 4600),
+    Slider(V4L2_CID_SHARPNESS, "Sharpness", 0, 6, 1, 3),
+    Slider(V4L2_CID_BACKLIGHT_COMPENSATION, "Backlight Compensation", 0, 2, 1, 1),
+    Heading(V4L2_CID_CAMERA_CLASS, "Camera Controls"),
+    {V4L2_CID_EXPOSURE_AUTO, V4L2_CTRL_TYPE_MENU, "Auto Exposure", 0, 3, 1, 3, 0, kExposureModes},
+    Slider(V4L2_CID_EXPOSURE_ABSOLUTE, "Exposure Time, Absolute", 1, 5000, 1, 157),
+    Slider(V4L2_CID_PAN_ABSOLUTE, "Pan, Absolute", -36000, 36000, 3600, 0),
+    Slider(V4L2_CID_TILT_ABSOLUTE, "Tilt, Absolute", -36000, 36000, 3600, 0),
+    Slider(V4L2_CID_FOCUS_ABSOLUTE, "Focus, Absolute", 0, 250, 5, 0),
+    Switch(V4L2_CID_FOCUS_AUTO, "Focus, Automatic Continuous"),
+    Slider(V4L2_CID_ZOOM_ABSOLUTE, "Zoom, Absolute", 100, 500, 1, 100),
 };
 
 const Control* Find(uint32_t id) {
@@ -43,7 +71,8 @@ const Control* Find(uint32_t id) {
 
 // As Find, without the entry that is only a heading.
 const Control* FindWithValue(uint32_t id) {
-    return id == V4L2_CID_USER_CLASS ? nullptr : Find(id);
+    const Control* found = Find(id);
+    return found == nullptr || found->type == V4L2_CTRL_TYPE_CTRL_CLASS ? nullptr : found;
 }
 
 // The control that a query asks for: the one with this id, or the next one after it.
@@ -73,22 +102,25 @@ void FillIn(const Control& control, Query& query) {
     query.flags = control.flags;
 }
 
-// Adjusts a value as the kernel does before it calls a driver. Returns false for a value that the kernel
-// rejects.
-bool Adjust(const Control& control, int32_t& value) {
+// Adjusts a value as the kernel does before it calls a driver. Returns 0, or errno for a value that the
+// kernel rejects.
+int Adjust(const Control& control, int32_t& value) {
     switch (control.type) {
         case V4L2_CTRL_TYPE_INTEGER: {
             const int64_t inside =
                 std::clamp<int64_t>(int64_t{value} + control.step / 2, control.minimum, control.maximum);
             value = static_cast<int32_t>(control.minimum +
                                          (inside - control.minimum) / control.step * control.step);
-            return true;
+            return 0;
         }
         case V4L2_CTRL_TYPE_BOOLEAN:
             value = value != 0 ? 1 : 0;
-            return true;
+            return 0;
         default:
-            return value >= control.minimum && value <= control.maximum;
+            if (value < control.minimum || value > control.maximum) {
+                return ERANGE;
+            }
+            return control.menu[static_cast<size_t>(value)] == nullptr ? EINVAL : 0;
     }
 }
 
@@ -134,7 +166,7 @@ int Controls::QueryExtended(v4l2_query_ext_ctrl& query) const {
 
 int Controls::QueryMenu(v4l2_querymenu& menu) const {
     const Control* control = Find(menu.id);
-    if (control == nullptr || menu.index >= control->menu.size()) {
+    if (control == nullptr || menu.index >= control->menu.size() || control->menu[menu.index] == nullptr) {
         return EINVAL;
     }
     std::memset(menu.name, 0, sizeof menu.name);
@@ -158,8 +190,8 @@ int Controls::Set(v4l2_control& control) {
     if (found == nullptr) {
         return EINVAL;
     }
-    if (!Adjust(*found, control.value)) {
-        return ERANGE;
+    if (const int error = Adjust(*found, control.value); error != 0) {
+        return error;
     }
     SetValue(*found, control.value);
     return 0;
@@ -167,7 +199,7 @@ int Controls::Set(v4l2_control& control) {
 
 int Controls::Check(uint32_t which, std::span<const v4l2_ext_control> controls, bool writes,
                     uint32_t& failed) const {
-    const bool is_class = which == V4L2_CTRL_CLASS_USER;
+    const bool is_class = which == V4L2_CTRL_CLASS_USER || which == V4L2_CTRL_CLASS_CAMERA;
     if (which != V4L2_CTRL_WHICH_CUR_VAL && !is_class && (writes || which != V4L2_CTRL_WHICH_DEF_VAL)) {
         return EINVAL;
     }
@@ -181,8 +213,8 @@ int Controls::Check(uint32_t which, std::span<const v4l2_ext_control> controls, 
             return EACCES;
         }
         int32_t value = asked.value;
-        if (writes && !Adjust(*control, value)) {
-            return ERANGE;
+        if (const int error = writes ? Adjust(*control, value) : 0; error != 0) {
+            return error;
         }
     }
     return 0;

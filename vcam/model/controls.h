@@ -1,4 +1,4 @@
-// The few controls of a virtual camera. They keep the values that are set, and do not change the picture:
+// The controls of a virtual camera. They keep the values that are set, and do not change the picture:
 // tests compare pictures byte by byte.
 //
 // Thread rule: the camera's lock guards it.

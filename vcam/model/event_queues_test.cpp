@@ -63,7 +63,7 @@ TEST_F(EventQueuesTest, RefusesAPriorityThatDoesNotExist) {
 }
 
 TEST_F(EventQueuesTest, KnowsOnlyEventsOfItsControls) {
-    EXPECT_EQ(Subscribe(m_first, V4L2_CID_ZOOM_ABSOLUTE), EINVAL);
+    EXPECT_EQ(Subscribe(m_first, V4L2_CID_IRIS_ABSOLUTE), EINVAL);
     v4l2_event_subscription other = To(V4L2_CID_CONTRAST);
     other.type = V4L2_EVENT_EOS;
     EXPECT_EQ(m_queues.Subscribe(m_first.File(), other), EINVAL);

@@ -93,7 +93,7 @@ TEST_F(IoctlTable, ReturnsNoPayloadForACallThatFailed) {
     Payload payload = Bytes(Format(64, 64, V4L2_PIX_FMT_NV12));
     ASSERT_EQ(Ask(VIDIOC_TRY_FMT, payload), 0);
     EXPECT_EQ(payload.size(), sizeof(v4l2_format));
-    payload = Bytes(v4l2_control{V4L2_CID_ZOOM_ABSOLUTE, 0});
+    payload = Bytes(v4l2_control{V4L2_CID_IRIS_ABSOLUTE, 0});
     EXPECT_EQ(Ask(VIDIOC_G_CTRL, payload), EINVAL);
     EXPECT_TRUE(payload.empty());
 }
