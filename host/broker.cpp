@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 
+#include "common/camera_controls.h"
 #include "host/key_frame.h"
 #include "host/listener.h"
 #include "zumod/runtime.h"
@@ -234,6 +235,7 @@ std::optional<Bytes> Broker::NextRequest(Clock::time_point now) {
         m_changed = true;
     }
     m_current = {};
+    m_task.reset();
     auto next = m_peers.upper_bound(m_last_served);
     for (size_t i = 0; i < m_peers.size(); ++i) {
         if (auto close = CloseUnwatchedCamera()) {
@@ -251,7 +253,7 @@ std::optional<Bytes> Broker::NextRequest(Clock::time_point now) {
     return CloseUnwatchedCamera();
 }
 
-// The next request of this peer that is for the plugin.
+// The next request of this peer that is for the plugin, or that makes a task.
 std::optional<Bytes> Broker::Serve(PeerId id, Peer& peer, Clock::time_point now) {
     while (!peer.ended && peer.queued_answer_bytes < kAnswerLimit && HasRequest(peer)) {
         const uint32_t length = FrontHeader(peer)->length;
@@ -271,10 +273,11 @@ std::optional<Bytes> Broker::Serve(PeerId id, Peer& peer, Clock::time_point now)
         const auto request = Unserved(peer).first(kHeaderSize + length);
         peer.served += request.size();
         m_changed = true;
-        if (Decide(id, peer, request)) {
+        const bool is_for_plugin = Decide(id, peer, request);
+        if (is_for_plugin || m_task) {
             m_current.peer = id;
             m_current.type = ReadHeader(request.data()).type;
-            return Bytes(request.begin(), request.end());
+            return is_for_plugin ? Bytes(request.begin(), request.end()) : Bytes();
         }
     }
     return std::nullopt;
@@ -317,7 +320,12 @@ bool Broker::Decide(PeerId id, Peer& peer, std::span<const uint8_t> request) {
             return DecideClose(peer, ClosedCamera(body));
         case kSetProperty:
             return body.size() == sizeof(PropertyRequest) &&
-                   !IsWatchedByOthers(ReadRecord<PropertyRequest>(body.data()).id, peer);
+                   DecideProperty(peer, ReadRecord<PropertyRequest>(body.data()));
+        case kGetControls:
+            if (body.size() == sizeof(uint32_t)) {
+                AddTask(DeviceTask::Kind::kReportControls, ReadRecord<uint32_t>(body.data()));
+            }
+            return false;
         default:
             return false;
     }
@@ -331,6 +339,7 @@ bool Broker::DecideOpen(PeerId id, Peer& peer, const FormatRequest& request) {
         camera.last_frame = m_now;
         peer.watches.try_emplace(request.id);
         m_current.camera = request.id;
+        AddTask(DeviceTask::Kind::kFindDevice, request.id);
         return true;
     }
     if (peer.watches.contains(request.id)) {
@@ -363,8 +372,10 @@ bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
     }
     Camera& camera = found->second;
     if (!IsWatchedByOthers(request.id, peer)) {
+        std::string device = std::move(camera.device);
         camera = {};
         camera.format = request;
+        camera.device = std::move(device);
         camera.last_frame = m_now;
         peer.watches[request.id] = {};
         return true;
@@ -373,6 +384,34 @@ bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
         Refuse(id, peer, request);
     }
     return false;
+}
+
+bool Broker::DecideProperty(const Peer& peer, const PropertyRequest& request) {
+    if (FindControl(request.property) != nullptr) {
+        AddTask(DeviceTask::Kind::kSetControl, request.id, request);
+    }
+    return !IsWatchedByOthers(request.id, peer);
+}
+
+void Broker::AddTask(DeviceTask::Kind kind, uint32_t camera, const PropertyRequest& change) {
+    const auto open = m_cameras.find(camera);
+    m_task = {kind, camera, open != m_cameras.end() ? open->second.device : "", change};
+}
+
+void Broker::OnTaskDone(const DeviceTask& task, const DeviceResult& result, Clock::time_point now) {
+    m_now = now;
+    if (const auto camera = m_cameras.find(task.camera); camera != m_cameras.end()) {
+        camera->second.device = result.device;
+    }
+    if (!result.change.empty()) {
+        m_log.push_back({result.failed ? kLogIgnored : kLogEvent,
+                         "[host] peer " + std::to_string(m_current.peer) + ", " + result.change});
+        m_changed = true;
+    }
+    const auto asker = m_peers.find(m_current.peer);
+    if (!result.message.empty() && asker != m_peers.end() && !asker->second.ended) {
+        Send(asker->second, CopyOf(result.message), false);
+    }
 }
 
 // The request to close a camera that nobody watches any more.

@@ -17,6 +17,10 @@
 //   watcher leaves without a close, the broker closes the camera itself.
 // - A change of format is passed on if its sender is the only watcher, and refused like an open otherwise.
 // - What the plugin would read and drop is dropped here.
+// - Properties are also applied by the host, and requests for the controls of a camera are only for the host.
+//   They become a DeviceTask (host/controls.h) that the thread of the plugin's requests performs before it
+//   goes on. So these answers keep their order, too. Any peer may change the controls of any camera, like any
+//   program of a machine: V4L2 does not bind them to the descriptor that streams.
 //
 // Frames. A frame is copied once, into memory that all queues share. Each watcher has a queue with a limit.
 // The broker keeps the frames of a camera from the last key frame on, within limits; a peer that joins gets
@@ -51,6 +55,7 @@
 #include <vector>
 
 #include "common/waiter.h"
+#include "host/controls.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod::host {
@@ -129,8 +134,12 @@ public:
 
     // ---- The plugin
 
-    // The plugin has handled the request before. The next one, if there is any.
+    // The plugin has handled the request before. The next one, if there is any. TakeTask() says whether there
+    // is something to do before the plugin gets it. An empty request is not for the plugin: there is only
+    // that.
     std::optional<Bytes> NextRequest(Clock::time_point now);
+    std::optional<DeviceTask> TakeTask() { return std::exchange(m_task, std::nullopt); }
+    void OnTaskDone(const DeviceTask& task, const DeviceResult& result, Clock::time_point now);
     // Whether OnMessage may be called with a frame. Answers are always taken.
     bool MayTakeFrame() const;
     // False if these bytes are not one message.
@@ -174,6 +183,7 @@ private:
     // A camera that the plugin has open, or is opening.
     struct Camera {
         FormatRequest format{};
+        std::string device;           // its file; empty if it is not known
         bool has_key_frames = false;  // one was recognised since the open or the last change of format
         std::vector<Message> group;   // from the last key frame on; empty if a limit was exceeded
         size_t group_bytes = 0;
@@ -202,6 +212,8 @@ private:
     bool DecideOpen(PeerId id, Peer& peer, const FormatRequest& request);
     bool DecideClose(Peer& peer, uint32_t camera);
     bool DecideFormat(PeerId id, Peer& peer, const FormatRequest& request);
+    bool DecideProperty(const Peer& peer, const PropertyRequest& request);
+    void AddTask(DeviceTask::Kind kind, uint32_t camera, const PropertyRequest& change = {});
 
     std::optional<Bytes> CloseUnwatchedCamera();
     bool IsWatched(uint32_t camera) const;
@@ -221,6 +233,7 @@ private:
     std::map<PeerId, Peer> m_peers;
     std::map<uint32_t, Camera> m_cameras;
     Current m_current;
+    std::optional<DeviceTask> m_task;  // to be done before the plugin gets the request
     PeerId m_last_served = 0;
     bool m_had_space = true;  // MayTakeFrame() at the last OnTime
     bool m_changed = false;

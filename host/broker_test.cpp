@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,8 +49,22 @@ protected:
     }
 
     void Ask(PeerId id, const Bytes& bytes) { broker.OnInput(id, bytes); }
-    // What the plugin reads next; empty if it must wait.
-    Bytes Next() { return broker.NextRequest(now).value_or(Bytes()); }
+    // What the plugin reads next; empty if it must wait. `tasks` are those before it.
+    Bytes Next() {
+        tasks.clear();
+        for (;;) {
+            const auto request = broker.NextRequest(now);
+            const auto task = broker.TakeTask();
+            if (task) {
+                tasks.push_back(*task);
+                broker.OnTaskDone(*task, results[task->kind], now);
+            }
+            if (!request || !request->empty()) {
+                return request.value_or(Bytes());
+            }
+            EXPECT_TRUE(task);
+        }
+    }
     void Plugin(const Bytes& message) { EXPECT_TRUE(broker.OnMessage(message, now)); }
     // What a peer gets, if it takes all there is.
     Bytes Take(PeerId id) {
@@ -82,6 +97,8 @@ protected:
         return lines;
     }
 
+    std::vector<DeviceTask> tasks;
+    std::map<DeviceTask::Kind, DeviceResult> results;  // of the next tasks
     Clock::time_point now{seconds(1000)};
     Broker broker{{.idle = seconds(60), .stuck = seconds(20)}};
 };
@@ -726,6 +743,78 @@ TEST_F(BrokerTest, ACameraWhoseFramesWaitForASlowPeerIsNotGone) {
     now += seconds(10);
     EXPECT_TRUE(broker.OnTime(now));
     EXPECT_EQ(Take(1), StateBytes(kClosed, 0));
+}
+
+using TaskKind = DeviceTask::Kind;
+
+// Type 129.
+Bytes GetControlsBytes(uint32_t camera) {
+    return MessageBytes(129, testing::Number32(camera));
+}
+
+TEST_F(BrokerTest, TheControlsGoToThePeerThatAskedInTheOrderOfItsRequests) {
+    const Bytes controls = MessageBytes(130, {1, 0, 0, 0, 0, 0, 0, 0});
+    results[TaskKind::kReportControls] = {"/dev/video1", controls, "", false};
+    Ask(1, GetControlsBytes(1) + kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    ASSERT_EQ(tasks.size(), 1U);
+    EXPECT_EQ(tasks[0].kind, TaskKind::kReportControls);
+    EXPECT_EQ(tasks[0].camera, 1U);
+    EXPECT_EQ(tasks[0].device, "");
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Take(1), controls + kVersionReplyBytes);
+    EXPECT_EQ(Take(2), Bytes());
+}
+
+TEST_F(BrokerTest, APropertyIsSetByTheHostForEveryPeer) {
+    OpenFirst(1, 0);
+    results[TaskKind::kSetControl] = {"/dev/video0", {}, "camera 0: gamma is now 1", false};
+    Ask(1, SetPropertyBytes(0));
+    EXPECT_EQ(Next(), SetPropertyBytes(0));
+    ASSERT_EQ(tasks.size(), 1U);
+    EXPECT_EQ(tasks[0].kind, TaskKind::kSetControl);
+    EXPECT_EQ(tasks[0].change.property, 5);
+    EXPECT_EQ(tasks[0].change.value, -2);
+    EXPECT_EQ(tasks[0].change.automatic, 1);
+    // The plugin does not hear of the property of a camera that only others watch.
+    Ask(2, SetPropertyBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(tasks.size(), 1U);
+    EXPECT_EQ(Log(), (std::vector<std::string>{"[host] peer 1, camera 0: gamma is now 1",
+                                               "[host] peer 2, camera 0: gamma is now 1"}));
+}
+
+TEST_F(BrokerTest, AnOpenCameraKeepsItsDeviceFile) {
+    results[TaskKind::kFindDevice] = {"/dev/video3", {}, "", false};
+    Ask(1, OpenBytes(0));
+    EXPECT_EQ(Next(), OpenBytes(0));
+    ASSERT_EQ(tasks.size(), 1U);
+    EXPECT_EQ(tasks[0].kind, TaskKind::kFindDevice);
+    Plugin(StateBytes(kOpen, 0));
+    Ask(1, SetFormatBytes(0) + GetControlsBytes(0));
+    EXPECT_EQ(Next(), SetFormatBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    ASSERT_EQ(tasks.size(), 1U);
+    EXPECT_EQ(tasks[0].device, "/dev/video3");
+}
+
+TEST_F(BrokerTest, MalformedRequestsAboutControlsMakeNoTask) {
+    Ask(1, MessageBytes(129, {0, 0, 0}) + MessageBytes(129, {0, 0, 0, 0, 0}) + MessageBytes(8, Bytes(15)));
+    for (const uint32_t property : {0U, 15U, 0xFFFFFFFFU, 0x00980900U}) {
+        Ask(1, MessageBytes(8, testing::Number32(0) + testing::Number32(property) + Bytes(8)));
+        Next();
+        EXPECT_TRUE(tasks.empty()) << property;
+    }
+}
+
+TEST_F(BrokerTest, ControlsForAPeerThatHasLeftAreDropped) {
+    Ask(1, GetControlsBytes(0));
+    ASSERT_EQ(broker.NextRequest(now), Bytes());
+    const auto task = broker.TakeTask();
+    ASSERT_TRUE(task);
+    broker.RemovePeer(1);
+    broker.OnTaskDone(*task, {"", MessageBytes(130, Bytes(8)), "", false}, now);
+    EXPECT_EQ(Take(2) + Take(3), Bytes());
 }
 
 TEST_F(BrokerTest, BytesThatAreNotOneMessageAreRefused) {

@@ -20,26 +20,17 @@ PluginStream::PluginStream(const PeerLimits& limits)
     : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_broker(limits) {}
 
 int PluginStream::Read(void* data, unsigned long size, unsigned long* done) {
-    const MutexLock lock(m_mutex);
-    while (m_read == m_request.size()) {
-        if (m_ended) {
-            return kFailed;
+    try {
+        while (const std::optional<DeviceTask> task = WaitForRequest()) {
+            const DeviceResult result = Perform(*task);
+            const MutexLock lock(m_mutex);
+            m_broker.OnTaskDone(*task, result, Clock::now());
+            WakeMain();
         }
-        std::optional<Bytes> request;
-        try {
-            request = m_broker.NextRequest(Clock::now());
-        } catch (const std::bad_alloc&) {
-            EndLocked();
-            return kFailed;
-        }
-        WakeMain();
-        if (request) {
-            m_request = std::move(*request);
-            m_read = 0;
-        } else {
-            m_changed.wait(m_mutex);
-        }
+    } catch (const std::bad_alloc&) {
+        End();
     }
+    const MutexLock lock(m_mutex);
     if (m_ended) {
         return kFailed;
     }
@@ -48,6 +39,24 @@ int PluginStream::Read(void* data, unsigned long size, unsigned long* done) {
     m_read += count;
     *done = count;
     return 0;
+}
+
+std::optional<DeviceTask> PluginStream::WaitForRequest() {
+    const MutexLock lock(m_mutex);
+    while (m_read == m_request.size() && !m_ended) {
+        std::optional<Bytes> request = m_broker.NextRequest(Clock::now());
+        WakeMain();
+        if (!request) {
+            m_changed.wait(m_mutex);
+            continue;
+        }
+        m_request = std::move(*request);
+        m_read = 0;
+        if (auto task = m_broker.TakeTask()) {
+            return task;
+        }
+    }
+    return std::nullopt;
 }
 
 int PluginStream::Write(const void* data, unsigned long size, unsigned long* done) {

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <optional>
 #include <utility>
 
 #include "common/mutex.h"
@@ -63,6 +64,9 @@ public:
     }
 
 private:
+    // Waits until m_request has bytes to read, or the stream has ended. Returns early with a task; then the
+    // caller performs it, without the mutex, and calls again.
+    std::optional<DeviceTask> WaitForRequest();
     void EndLocked() ZU_REQUIRES(m_mutex);
     void WakeMain() ZU_REQUIRES(m_mutex);
 

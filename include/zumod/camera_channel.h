@@ -26,7 +26,10 @@ enum MessageType : uint8_t {
     kSetFormat = 9,        // from the peer
     kVersionRequest = 10,  // from the peer
     kVersionReply = 11,    // to the peer
-    kHostNotice = 128,     // to the peer, sent by the host application, never by the module
+    // Between the peer and the host application, never the module.
+    kHostNotice = 128,      // to the peer
+    kGetControls = 129,     // from the peer; its body is the camera's id, 32 bits
+    kCameraControls = 130,  // to the peer
 };
 
 // The maximum length of the body of kHostNotice, which is UTF-8 text without a terminating zero.
@@ -72,6 +75,36 @@ struct StateNotice {
     uint32_t id;
 };
 static_assert(sizeof(StateNotice) == 8);
+
+// The body of kCameraControls starts with this record. A ControlRecord for each control follows.
+struct ControlsHeader {
+    uint32_t id;
+    uint32_t status;  // ControlsStatus
+};
+static_assert(sizeof(ControlsHeader) == 8);
+
+enum ControlsStatus : uint32_t {
+    kControlsRead = 0,
+    kControlsFailed = 1,  // the host cannot open the camera
+};
+
+// One control of a camera. A PropertyRequest with its number changes it.
+struct ControlRecord {
+    int32_t property;
+    int32_t value;
+    int32_t minimum;
+    int32_t maximum;
+    int32_t step;
+    int32_t default_value;
+    uint32_t flags;  // bits of ControlFlag
+};
+static_assert(sizeof(ControlRecord) == 28);
+
+enum ControlFlag : uint32_t {
+    kHasAutomatic = 1,  // the camera can choose the value
+    kIsAutomatic = 2,   // it does so now
+    kIsReadOnly = 4,
+};
 
 // Precedes the encoded bytes in the body of kVideoFrame.
 struct VideoFrameHeader {
