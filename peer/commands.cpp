@@ -65,6 +65,10 @@ constexpr Command kCommands[] = {
      "Print each second what arrives of a camera; look for it when it goes away", ShowStats},
     {"format", kCameraId | kFormat | kSizeRequired,
      "Change a camera's format while it streams and print the size that arrives", ChangeFormat},
+    {"controls", kCameraId | kJson, "List the controls of a camera: brightness, focus and so on",
+     ListControls},
+    {"set", kCameraId | kSettings, "Change controls of a camera, as in brightness=128 focus=auto",
+     SetControls},
     {"close", kCameraId, "Close a camera and print the host's answer", CloseOneCamera},
     {"version", 0, "Print the version of the protocol that the host speaks", ShowVersion},
 };

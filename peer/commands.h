@@ -64,10 +64,13 @@ Expected<std::unique_ptr<CameraView>> OpenView(
     const CommandContext& context, VideoTargetFormat target,
     PictureSize (*choose_size)(const PeerOptions&, const CameraEntry&) = RequestedSize);
 
-// In snapshot_command.cpp, record_command.cpp, stats_command.cpp and format_command.cpp.
+// In snapshot_command.cpp, record_command.cpp, stats_command.cpp, format_command.cpp and
+// controls_command.cpp.
 Expected<void> TakeSnapshot(const CommandContext& context);
 Expected<void> RecordCameras(const CommandContext& context);
 Expected<void> ShowStats(const CommandContext& context);
 Expected<void> ChangeFormat(const CommandContext& context);
+Expected<void> ListControls(const CommandContext& context);
+Expected<void> SetControls(const CommandContext& context);
 
 }  // namespace zumod::peer

@@ -36,17 +36,19 @@ const StateMessage* StateOf(const Message& message, uint32_t id) {
     return state != nullptr && state->id == id ? state : nullptr;
 }
 
-// Sends a request and returns its answer: the first message of this kind for which `is_answer` is true. Other
-// messages are skipped, frames are kept in `early_frames` if it is given. `name` is the request's, for an
-// error.
-template <class Answer, class IsAnswer>
+Expected<void> Skip(ReceivedMessage& /*other*/) {
+    return {};
+}
+
+// Sends a request and returns its answer: the first message of this kind for which `is_answer` is true. Calls
+// `on_other` with each message before it. `name` is the request's, for an error.
+template <class Answer, class IsAnswer, class OnOther = Expected<void> (*)(ReceivedMessage&)>
 Expected<Answer> Ask(Session& session, const std::vector<uint8_t>& request, const std::string& name,
-                     IsAnswer is_answer, std::vector<ReceivedMessage>* early_frames = nullptr) {
+                     IsAnswer is_answer, OnOther on_other = Skip) {
     if (const auto sent = session.Send(request); !sent) {
         return Fail(sent.error());
     }
     const auto deadline = Clock::now() + session.Limit();
-    size_t early_bytes = 0;
     for (;;) {
         auto received = session.Receive(deadline);
         if (!received) {
@@ -59,13 +61,8 @@ Expected<Answer> Ask(Session& session, const std::vector<uint8_t>& request, cons
         if (auto* answer = std::get_if<Answer>(&message); answer != nullptr && is_answer(*answer)) {
             return std::move(*answer);
         }
-        const auto* frame = std::get_if<FrameMessage>(&message);
-        if (early_frames != nullptr && frame != nullptr) {
-            early_bytes += frame->bytes.size() + sizeof(ReceivedMessage);
-            if (early_bytes > kLargestFrame) {
-                return Fail("the host sent frames without end and no answer");
-            }
-            early_frames->push_back(std::move(**received));
+        if (const auto handled = on_other(**received); !handled) {
+            return Fail(handled.error());
         }
     }
 }
@@ -111,6 +108,15 @@ std::vector<uint8_t> CloseRequest(uint32_t id) {
     return Request(kCloseCamera, id);
 }
 
+std::vector<uint8_t> ControlsRequest(uint32_t id) {
+    return Request(kGetControls, id);
+}
+
+std::vector<uint8_t> SetControlRequest(uint32_t id, const ControlChange& change) {
+    return Request(kSetProperty,
+                   PropertyRequest{id, change.property, change.value.value_or(0), change.value ? 0 : 1});
+}
+
 std::string CameraLabel(const CameraEntry& camera) {
     return "camera " + std::to_string(camera.id) + " (" + SafeText(camera.name) + ")";
 }
@@ -127,6 +133,34 @@ Expected<uint32_t> AskVersion(Session& session) {
 Expected<std::vector<CameraEntry>> AskCameras(Session& session) {
     return Ask<CameraListMessage>(session, ListRequest(), "camera list request", Any<CameraListMessage>)
         .map([](CameraListMessage&& answer) { return std::move(answer.cameras); });
+}
+
+Expected<std::vector<ControlEntry>> AskControls(Session& session, const CameraEntry& camera) {
+    // A host that does not know the request drops it. Answers keep the order of the requests, so the answer
+    // to a second request tells that there will be none to the first.
+    std::vector<uint8_t> requests = ControlsRequest(camera.id);
+    const std::vector<uint8_t> second = VersionRequest();
+    requests.insert(requests.end(), second.begin(), second.end());
+    std::optional<ControlsMessage> controls;
+    const auto answered =
+        Ask<VersionMessage>(session, requests, "controls of " + CameraLabel(camera), Any<VersionMessage>,
+                            [&](ReceivedMessage& other) {
+                                if (auto* message = std::get_if<ControlsMessage>(&other.message);
+                                    message != nullptr && message->id == camera.id) {
+                                    controls = std::move(*message);
+                                }
+                                return Expected<void>();
+                            });
+    if (!answered) {
+        return Fail(answered.error());
+    }
+    if (!controls) {
+        return Fail("the host is too old: it does not offer the controls of its cameras");
+    }
+    if (!controls->read) {
+        return Fail("the host cannot open " + CameraLabel(camera));
+    }
+    return std::move(controls->controls);
 }
 
 Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, const std::string& wanted) {
@@ -164,8 +198,19 @@ Expected<CameraState> CloseCamera(Session& session, uint32_t id) {
 Expected<OpenedCamera> OpenedCamera::Open(Session& session, const CameraEntry& camera, PictureSize size,
                                           int fps) {
     std::vector<ReceivedMessage> early_frames;
+    size_t early_bytes = 0;
+    const auto keep_frame = [&](ReceivedMessage& other) -> Expected<void> {
+        if (const auto* frame = std::get_if<FrameMessage>(&other.message)) {
+            early_bytes += frame->bytes.size() + sizeof(ReceivedMessage);
+            if (early_bytes > kLargestFrame) {
+                return Fail("the host sent frames without end and no answer");
+            }
+            early_frames.push_back(std::move(other));
+        }
+        return {};
+    };
     const auto answer = Ask<StateMessage>(session, OpenRequest(camera.id, size, fps),
-                                          "open " + CameraLabel(camera), IsStateOf(camera.id), &early_frames);
+                                          "open " + CameraLabel(camera), IsStateOf(camera.id), keep_frame);
     if (!answer) {
         return Fail(answer.error());
     }

@@ -12,6 +12,7 @@
 
 #include "common/error.h"
 #include "peer/camera_list.h"
+#include "peer/control_list.h"
 #include "peer/message_reader.h"
 #include "peer/session.h"
 
@@ -23,6 +24,8 @@ std::vector<uint8_t> VersionRequest();
 std::vector<uint8_t> OpenRequest(uint32_t id, PictureSize size, int fps);
 std::vector<uint8_t> SetFormatRequest(uint32_t id, PictureSize size, int fps);
 std::vector<uint8_t> CloseRequest(uint32_t id);
+std::vector<uint8_t> ControlsRequest(uint32_t id);
+std::vector<uint8_t> SetControlRequest(uint32_t id, const ControlChange& change);
 
 // "camera 0 (NAME)", safe for a terminal.
 std::string CameraLabel(const CameraEntry& camera);
@@ -32,6 +35,9 @@ bool Lists(const CameraEntry& camera, PictureSize size);
 
 Expected<uint32_t> AskVersion(Session& session);
 Expected<std::vector<CameraEntry>> AskCameras(Session& session);
+
+// The controls of a camera, whether it is open or not.
+Expected<std::vector<ControlEntry>> AskControls(Session& session, const CameraEntry& camera);
 
 // The camera of this id, of this name, or whose name, as it is printed, is the only one that begins so (in
 // any case of ASCII letters).

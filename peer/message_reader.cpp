@@ -42,6 +42,13 @@ Expected<Message> ParseNotice(std::span<const uint8_t> body) {
     return NoticeMessage{{body.begin(), body.end()}};
 }
 
+Expected<Message> ParseControls(std::span<const uint8_t> body) {
+    const auto header = ReadRecord<ControlsHeader>(body.data());
+    return ParseControlList(body.subspan(sizeof header)).map([&](std::vector<ControlEntry>&& controls) {
+        return Message(ControlsMessage{header.id, header.status == kControlsRead, std::move(controls)});
+    });
+}
+
 // A type of message that a host sends. `parse` gets a body whose length is within the limits.
 struct MessageKind {
     MessageType type;
@@ -52,13 +59,15 @@ struct MessageKind {
 };
 
 constexpr size_t kLongestFrame = sizeof(VideoFrameHeader) + kLargestFrame;
+constexpr size_t kLongestControls = sizeof(ControlsHeader) + kMostControls * sizeof(ControlRecord);
 
-constexpr std::array<MessageKind, 5> kKinds = {{
+constexpr std::array<MessageKind, 6> kKinds = {{
     {kCameraList, "camera list", sizeof(uint32_t), kLongestList, ParseList},
     {kCameraState, "camera state", sizeof(StateNotice), sizeof(StateNotice), ParseState},
     {kVideoFrame, "video frame", sizeof(VideoFrameHeader), kLongestFrame, ParseFrame},
     {kVersionReply, "version", sizeof(uint32_t), sizeof(uint32_t), ParseVersion},
     {kHostNotice, "notice", 0, kHostNoticeLimit, ParseNotice},
+    {kCameraControls, "camera controls", sizeof(ControlsHeader), kLongestControls, ParseControls},
 }};
 
 // Null for a type that a peer does not know.

@@ -13,6 +13,7 @@
 
 #include "common/error.h"
 #include "peer/camera_list.h"
+#include "peer/control_list.h"
 #include "zumod/camera_channel.h"
 
 namespace zumod::peer {
@@ -39,7 +40,14 @@ struct NoticeMessage {
     std::string text;  // as the host sent it: not safe for a terminal
     bool operator==(const NoticeMessage&) const = default;
 };
-using Message = std::variant<CameraListMessage, StateMessage, FrameMessage, VersionMessage, NoticeMessage>;
+struct ControlsMessage {
+    uint32_t id;
+    bool read;  // by the host
+    std::vector<ControlEntry> controls;
+    bool operator==(const ControlsMessage&) const = default;
+};
+using Message = std::variant<CameraListMessage, StateMessage, FrameMessage, VersionMessage, NoticeMessage,
+                             ControlsMessage>;
 
 inline constexpr size_t kLargestFrame = size_t{64} << 20;
 

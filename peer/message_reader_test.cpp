@@ -13,6 +13,7 @@ using testing::CameraBytes;
 using testing::FrameBytes;
 using testing::ListBytes;
 using testing::MessageBytes;
+using testing::Number32;
 using testing::StateBytes;
 
 struct Read {
@@ -38,7 +39,8 @@ Read ReadAll(const Bytes& bytes) {
 
 const Bytes kConversation = testing::kVersionReplyBytes + ListBytes({CameraBytes(0, "Cam", {{640, 480}})}) +
                             StateBytes(2, 7) + MessageBytes(99, {1, 2, 3}) + FrameBytes(7, {9, 8, 7}) +
-                            FrameBytes(7, {}) + testing::NoticeBytes("busy") + StateBytes(4, 7);
+                            FrameBytes(7, {}) + testing::NoticeBytes("busy") + StateBytes(4, 7) +
+                            MessageBytes(130, Number32(3) + Number32(1));
 
 const std::vector<Message> kItsMessages = {VersionMessage{5},
                                            CameraListMessage{{{0, false, "Cam", "Cam", {{640, 480}}}}},
@@ -46,7 +48,8 @@ const std::vector<Message> kItsMessages = {VersionMessage{5},
                                            FrameMessage{7, {9, 8, 7}},
                                            FrameMessage{7, {}},
                                            NoticeMessage{"busy"},
-                                           StateMessage{kCameraClosed, 7}};
+                                           StateMessage{kCameraClosed, 7},
+                                           ControlsMessage{3, false, {}}};
 
 TEST(MessageReader, ReadsAConversationSplitAtAnyByte) {
     for (size_t first = 0; first <= kConversation.size(); ++first) {

@@ -4,12 +4,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <numeric>
 #include <string_view>
 #include <utility>
 
 #include "common/command_line.h"
 #include "common/safe_text.h"
+#include "common/word_distance.h"
 #include "peer/commands.h"
 #include "peer/picture_writer.h"
 #include "peer/recorder.h"
@@ -24,28 +24,15 @@ constexpr char kFooter[] =
     "Sizes: without --size the largest one that fits into 1280x720.\n"
     "Exit status: 0 done, 1 a failure, 2 wrong options.";
 
-// How many characters must be changed, added or removed to make one word of the other.
-size_t Distance(std::string_view one, std::string_view other) {
-    std::vector<size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < one.size(); ++i) {
-        size_t diagonal = std::exchange(row[0], i + 1);
-        for (size_t j = 0; j < other.size(); ++j) {
-            const size_t changed = diagonal + (one[i] == other[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
 // The command that somebody who typed `word` most likely meant.
 const Command& NearestCommand(std::string_view word) {
-    return *std::ranges::min_element(Commands(), {}, [word](const Command& command) {
-        // The beginning of a command is nearer than any other word.
-        const std::string_view name = command.name;
-        return name.substr(0, word.size()) == word ? 0 : Distance(word, name);
-    });
+    return *std::ranges::min_element(
+        Commands(), {}, [word](const Command& command) { return WordDistance(word, command.name); });
+}
+
+std::string CheckSettingText(const std::string& text) {
+    const auto setting = ParseSetting(text);
+    return setting ? "" : setting.error().text;
 }
 
 std::string CheckSize(const std::string& text) {
@@ -194,6 +181,19 @@ private:
                 ->required()
                 ->type_name("")
                 ->check(NotEmpty("camera"));
+        }
+        if (has(kSettings)) {
+            app->add_option_function<std::vector<std::string>>(
+                   "CONTROL=VALUE",
+                   [this](const std::vector<std::string>& words) {
+                       for (const std::string& word : words) {
+                           m_options.settings.push_back(*ParseSetting(word));
+                       }
+                   },
+                   "A control and its value, which may also be auto or default")
+                ->required()
+                ->type_name("...")
+                ->check(CLI::Validator(CheckSettingText, ""));
         }
         if (has(kPictureFile)) {
             app->add_option("FILE", m_options.path,

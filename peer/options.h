@@ -13,6 +13,7 @@
 #include "common/error.h"
 #include "common/waiter.h"
 #include "peer/camera_list.h"
+#include "peer/control_list.h"
 
 namespace zumod::peer {
 
@@ -29,6 +30,7 @@ enum Argument : unsigned {
     kJson = 64,           // --json
     kOverwrite = 128,     // --overwrite
     kSkip = 256,          // --skip and --after
+    kSettings = 512,      // CONTROL=VALUE...
 };
 
 // A camera and the file that it is recorded to.
@@ -47,6 +49,7 @@ struct PeerOptions {
     Clock::duration wait{};  // for a host
     std::string camera;      // id, name, or the beginning of the name
     std::string path;
+    std::vector<ControlSetting> settings;
     std::vector<RecordTarget> targets;  // the first one has `camera` and `path`
     std::optional<PictureSize> size;
     int fps = 30;

@@ -99,6 +99,21 @@ std::string CameraJson(const std::vector<CameraEntry>& cameras) {
     return JsonLine(list);
 }
 
+std::string ControlsJson(const std::vector<ControlEntry>& controls) {
+    Json list = Json::array();
+    for (const ControlEntry& entry : controls) {
+        list.push_back({{"name", FindControl(entry.property)->name},
+                        {"value", entry.value},
+                        {"minimum", entry.minimum},
+                        {"maximum", entry.maximum},
+                        {"step", entry.step},
+                        {"default", entry.default_value},
+                        {"automatic", entry.has_automatic ? Json(entry.is_automatic) : Json()},
+                        {"read_only", entry.is_read_only}});
+    }
+    return JsonLine(list);
+}
+
 std::string FiguresText(const CameraEntry& camera, PictureSize size, const StreamFigures& figures) {
     std::string text = CameraLabel(camera);
     if (size.width != 0) {

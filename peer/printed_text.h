@@ -11,6 +11,7 @@
 
 #include "peer/camera_list.h"
 #include "peer/camera_watch.h"
+#include "peer/control_list.h"
 #include "peer/stream_meter.h"
 
 namespace zumod::peer {
@@ -20,6 +21,8 @@ namespace zumod::peer {
 std::string CameraTable(const std::vector<CameraEntry>& cameras,
                         std::optional<size_t> columns = std::nullopt);
 std::string CameraJson(const std::vector<CameraEntry>& cameras);
+
+std::string ControlsJson(const std::vector<ControlEntry>& controls);
 
 // Without a line end. `size` is 0x0 while no picture was decoded.
 std::string FiguresText(const CameraEntry& camera, PictureSize size, const StreamFigures& figures);

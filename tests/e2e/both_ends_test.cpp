@@ -65,6 +65,61 @@ TEST_F(BothEndsTalk, ReportsASizeThatTheCameraDoesNotHave) {
     ExpectCameraFree();
 }
 
+TEST_F(BothEndsTalk, ListsTheControlsOfACamera) {
+    const auto host = Start();
+    EXPECT_EQ(PrintedBy(Peer({"controls", "Front Camera"})),
+              "NAME           VALUE  RANGE                    DEFAULT  AUTOMATIC\n"
+              "brightness     128    0 to 255                 128      -\n"
+              "contrast       128    0 to 255                 128      -\n"
+              "saturation     64     0 to 255                 64       -\n"
+              "hue            0      -180 to 180              0        -\n"
+              "gamma          100    72 to 500                100      -\n"
+              "sharpness      3      0 to 6                   3        -\n"
+              "backlight      1      0 to 2                   1        -\n"
+              "gain           0      0 to 100                 0        -\n"
+              "white-balance  4600   2800 to 6500 by 10       4600     on\n"
+              "exposure       157    1 to 5000                157      on\n"
+              "focus          0      0 to 250 by 5            0        on\n"
+              "zoom           100    100 to 500               100      -\n"
+              "pan            0      -36000 to 36000 by 3600  0        -\n"
+              "tilt           0      -36000 to 36000 by 3600  0        -\n");
+    const auto controls = nlohmann::json::parse(PrintedBy(Peer({"controls", "0", "--json"})));
+    ASSERT_EQ(controls.size(), 14U);
+    EXPECT_EQ(controls[10].dump(),
+              R"({"automatic":true,"default":0,"maximum":250,"minimum":0,"name":"focus",)"
+              R"("read_only":false,"step":5,"value":0})");
+}
+
+TEST_F(BothEndsTalk, ChangesControlsOfTheNamedCameraWhileAnotherPeerRecordsIt) {
+    const auto host = Start();
+    PeerRun recording = Peer({"record", "2", work / "desk.mkv"}, "recording");
+    ASSERT_TRUE(WaitUntil([this] { return cameras.At(2).Status().delivered >= 2; }));
+    EXPECT_EQ(PrintedBy(Peer({"set", "Desk", "focus=50", "brightness=200", "exposure=auto"})),
+              "camera 2 (Desk): focus 50\n"
+              "camera 2 (Desk): brightness 200\n"
+              "camera 2 (Desk): exposure automatic\n");
+    EXPECT_TRUE(host->Says(" camera 2: focus is now 50\n"));
+    const std::string desk = PrintedBy(Peer({"controls", "2"}));
+    EXPECT_NE(desk.find("brightness     200 "), std::string::npos) << desk;
+    EXPECT_NE(desk.find("0        off\n"), std::string::npos) << desk;
+    EXPECT_NE(PrintedBy(Peer({"controls", "0"})).find("brightness     128 "), std::string::npos);
+    recording.Stop();
+}
+
+TEST_F(BothEndsTalk, RefusesWrongControlsWithoutChangingAnything) {
+    const auto host = Start();
+    Peer({"set", "0", "brightness=7", "focus=251"})
+        .ExpectEnd(1, "zu-camera-peer: focus=251: the focus of camera 0 (Front Camera) is 0 to 250 by 5\n");
+    Peer({"set", "0", "gain=auto"})
+        .ExpectEnd(1, "zu-camera-peer: gain=auto: camera 0 (Front Camera) has no automatic gain\n");
+    Peer({"set", "0", "brightnes=1"})
+        .ExpectEnd(2,
+                   "zu-camera-peer: CONTROL=VALUE: there is no control \"brightnes\"; did you mean "
+                   "brightness? (see --help)\n");
+    EXPECT_NE(PrintedBy(Peer({"controls", "0"})).find("brightness     128 "), std::string::npos);
+    EXPECT_EQ(FileContent(work / "errors").find("is now"), std::string::npos);
+}
+
 TEST_F(BothEndsTalk, MeasuresRateLatencyAndDropsFromThePictures) {
     const auto host = Start();
     std::istringstream lines(PrintedBy(Peer({"stats", "0", "--json", "--seconds", "2"})));

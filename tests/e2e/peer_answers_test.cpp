@@ -63,6 +63,29 @@ TEST_F(PeerAnswers, SkipsUnknownMessagesAndFramesItDidNotRequest) {
     ExpectEnd(0, "");
 }
 
+TEST_F(PeerAnswers, SaysThatAHostIsTooOldForControls) {
+    Start({"controls", "0"});
+    AnswerList(ListBytes({CameraBytes(0, "Front", {})}));
+    host.Expect(MessageBytes(129, Number32(0)) + kVersionRequestBytes);
+    host.Send(kVersionReplyBytes);
+    ExpectEnd(1, "zu-camera-peer: the host is too old: it does not offer the controls of its cameras\n");
+}
+
+TEST_F(PeerAnswers, SaysThatAControlWasNotChanged) {
+    const Bytes brightness =
+        Number32(1) + Number32(100) + Number32(0) + Number32(255) + Number32(1) + Number32(128) + Number32(0);
+    const Bytes controls = MessageBytes(130, Number32(7) + Number32(0) + brightness) + kVersionReplyBytes;
+    const Bytes question = MessageBytes(129, Number32(7)) + kVersionRequestBytes;
+    Start({"set", "7", "brightness=200"});
+    AnswerList(ListBytes({CameraBytes(7, "Front", {})}));
+    host.Expect(question);
+    // The controls of another camera are not those that were asked for.
+    host.Send(MessageBytes(130, Number32(6) + Number32(0)) + controls);
+    host.Expect(MessageBytes(8, Number32(7) + Number32(1) + Number32(200) + Number32(0)) + question);
+    host.Send(controls);
+    ExpectEnd(1, "zu-camera-peer: the host did not change the brightness of camera 7 (Front); it is 100\n");
+}
+
 TEST_F(PeerAnswers, PrintsAHostsNoticeAsAnError) {
     Start({"list"});
     host.Send(NoticeBytes("busy: \x1b[2Janother peer\n"));
@@ -140,6 +163,10 @@ INSTANTIATE_TEST_SUITE_P(
                   "a video frame of 9 bytes in a message with 1"},
         BadAnswer{"HugeFrame", {0, 0, 0, 5, 7, 0, 0, 0}, "a video frame message of 83886080 bytes"},
         BadAnswer{"ShortVersion", MessageBytes(11, {5}), "a version message of 1 bytes"},
+        BadAnswer{"ShortControls", MessageBytes(130, Bytes(7)), "a camera controls message of 7 bytes"},
+        BadAnswer{"ControlsInPart", MessageBytes(130, Bytes(20)), "camera controls in 12 bytes"},
+        BadAnswer{"TooManyControls", MessageBytes(130, Bytes(1828)),
+                  "a camera controls message of 1828 bytes"},
         BadAnswer{"LongNotice", MessageBytes(128, Bytes(300, 'x')), "a notice message of 300 bytes"},
         BadAnswer{"HugeUnknown", {0, 0, 0, 5, 66, 0, 0, 0}, "a message of type 66 and 83886080 bytes"}),
     [](const auto& test) { return std::string(test.param.name); });
