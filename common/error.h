@@ -35,7 +35,8 @@ tl::unexpected<Error> FailUsage(const std::string& text);
 // The text of an errno value, as in "No such file or directory".
 std::string ErrnoText(int error);
 
-// Prints "PROGRAM: TEXT" on standard error, or help on standard output. Returns the exit status.
+// Prints "PROGRAM: TEXT" on standard error, or help on standard output. Returns the exit status. Does not
+// wait long for a terminal that is stopped or a pipe that is not read.
 int ReportError(const char* program, const Error& error);
 
 }  // namespace zumod

@@ -1,11 +1,17 @@
 #include "common/process_setup.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <csignal>
+#include <cstdint>
 #include <initializer_list>
+#include <string>
 
 namespace zumod {
 namespace {
@@ -31,6 +37,31 @@ int FillStandardDescriptors() {
         }
     }
     return first_closed;
+}
+
+UniqueFd OpenTerminalAgain(int descriptor) {
+    if (isatty(descriptor) != 1) {
+        return UniqueFd();
+    }
+    const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+    return UniqueFd(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
+void WriteWithin(std::chrono::milliseconds time, int descriptor, std::string_view text) {
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    while (!text.empty()) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd polled{descriptor, POLLOUT, 0};
+        if (poll(&polled, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) != 1) {
+            return;
+        }
+        const ssize_t count = write(descriptor, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
+        if (count < 0 && ((errno != EAGAIN && errno != EINTR) || left.count() <= 0)) {
+            return;
+        }
+        text.remove_prefix(count < 0 ? 0 : static_cast<size_t>(count));
+    }
 }
 
 StopSignals::StopSignals(Second second) : m_second(second) {

@@ -3,6 +3,9 @@
 // Thread rule: main thread; threads inherit the signal mask.
 #pragma once
 
+#include <chrono>
+#include <string_view>
+
 #include "common/unique_fd.h"
 
 namespace zumod {
@@ -11,6 +14,16 @@ namespace zumod {
 // gets its number. Reading from such an input and writing to such an output still fail. Returns the first of
 // them that was closed, or -1.
 int FillStandardDescriptors();
+
+// The terminal behind the descriptor, opened again: writes to it do not block, and the descriptors of other
+// processes stay as they are. Invalid if there is no terminal, or it cannot be opened.
+//
+// A terminal that is stopped (with ^S) or not read takes nothing, without limit. That it is ready for poll()
+// says only that it takes some bytes.
+UniqueFd OpenTerminalAgain(int descriptor);
+
+// Writes what the descriptor takes within this time. A terminal should come from OpenTerminalAgain().
+void WriteWithin(std::chrono::milliseconds time, int descriptor, std::string_view text);
 
 // SIGINT, SIGTERM and SIGHUP as a descriptor to poll.
 class StopSignals {

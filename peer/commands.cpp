@@ -123,6 +123,14 @@ PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera)
     return options.size ? *options.size : DefaultSize(camera.sizes);
 }
 
+// With a low frame rate, the time between two frames is not a stall.
+CameraWatch::Limits WatchLimits(const PeerOptions& options) {
+    CameraWatch::Limits limits;
+    limits.quiet = std::max<Clock::duration>(limits.quiet, std::chrono::milliseconds(2500) / options.fps);
+    limits.answer = options.limit;
+    return limits;
+}
+
 Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, VideoTargetFormat target,
                                                PictureSize (*choose_size)(const PeerOptions&,
                                                                           const CameraEntry&)) {

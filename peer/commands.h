@@ -12,6 +12,7 @@
 #include "common/error.h"
 #include "common/waiter.h"
 #include "peer/camera_list.h"
+#include "peer/camera_watch.h"
 #include "peer/host_calls.h"
 #include "peer/options.h"
 #include "peer/picture_decoder.h"
@@ -24,11 +25,10 @@ struct CommandContext {
     const PeerOptions& options;
     Waiter& waiter;
     StandardOutput& output;
+    StandardOutput& messages;  // on standard error
 
     // With --wait a failed attempt is repeated until that time is over.
     Expected<Session> Connect() const;
-
-private:
     Expected<Session> ConnectOnce() const;
 };
 
@@ -44,6 +44,9 @@ std::span<const Command> Commands();
 
 // The size of --size, otherwise the default for the camera.
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera);
+
+// When a camera counts as stalled.
+CameraWatch::Limits WatchLimits(const PeerOptions& options);
 
 // The most pixels of a picture that are decoded. A host may choose another size than the requested one, up to
 // four times its pixels, and always up to 1920x1088; without --size at most 3840x2176.

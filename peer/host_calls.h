@@ -59,8 +59,13 @@ public:
     OpenedCamera& operator=(OpenedCamera&&) = delete;
     ~OpenedCamera();
 
-    // The camera was opened again under this id.
-    void SetId(uint32_t id) { m_id = id; }
+    // It is opened again under this id, maybe in another session.
+    void Reopened(Session& session, uint32_t id) {
+        m_session = &session;
+        m_id = id;
+    }
+    // It is closed already, or its connection is lost.
+    void Forget() { m_session = nullptr; }
 
 private:
     OpenedCamera(Session* session, uint32_t id) : m_session(session), m_id(id) {}

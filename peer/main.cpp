@@ -18,7 +18,8 @@ Expected<void> RunCommand(const PeerOptions& options) {
     const StopSignals signals;
     Waiter waiter(&signals);
     StandardOutput output(waiter);
-    return options.command->run({options, waiter, output});
+    StandardOutput messages(waiter, STDERR_FILENO);
+    return options.command->run({options, waiter, output, messages});
 }
 
 Expected<void> Run(int count, const char* const* words) {

@@ -47,4 +47,33 @@ Expected<void> StandardOutput::Write(const std::string& text) {
     }
 }
 
+void StandardOutput::Offer(const std::string& text) {
+    WriteOffered();
+    if (m_offered.empty()) {
+        m_offered = text;
+        WriteOffered();
+    }
+}
+
+Expected<void> StandardOutput::Print(const std::string& text) {
+    if (!IsTerminal()) {
+        return Write(text);
+    }
+    Offer(text);
+    return {};
+}
+
+void StandardOutput::WriteOffered() {
+    pollfd polled{m_descriptor, POLLOUT, 0};
+    while (!m_offered.empty() && poll(&polled, 1, 0) == 1) {
+        const ssize_t count =
+            write(m_descriptor, m_offered.data(), std::min<size_t>(m_offered.size(), PIPE_BUF));
+        if (count <= 0) {
+            // Not ready after all, or nobody reads any more.
+            return;
+        }
+        m_offered.erase(0, static_cast<size_t>(count));
+    }
+}
+
 }  // namespace zumod::peer

@@ -15,20 +15,12 @@ constexpr auto kLineInterval = std::chrono::seconds(1);
 constexpr size_t kUsualColumns = 80;
 constexpr char kClearLine[] = "\r\033[K";
 
-// With a low frame rate, the time between two frames is not a stall.
-CameraWatch::Limits LimitsFor(const PeerOptions& options) {
-    CameraWatch::Limits limits;
-    limits.quiet = std::max<Clock::duration>(limits.quiet, std::chrono::milliseconds(2500) / options.fps);
-    limits.answer = options.limit;
-    return limits;
-}
-
 class Stats {
 public:
     Stats(const CommandContext& context, CameraView& view)
         : m_context(context),
           m_view(view),
-          m_watch(view.listed, view.camera, LimitsFor(context.options), Clock::now()),
+          m_watch(view.listed, view.camera, WatchLimits(context.options), Clock::now()),
           m_meter(Clock::now()) {}
 
     Expected<void> Run() {
@@ -64,7 +56,7 @@ public:
     }
 
     Expected<void> EndLine() {
-        return std::exchange(m_line_open, false) ? m_context.output.Write("\n") : Expected<void>();
+        return std::exchange(m_line_open, false) ? m_context.output.Print("\n") : Expected<void>();
     }
 
 private:
@@ -115,7 +107,7 @@ private:
             case WatchAction::kAskCameras:
                 return m_view.session.Send(ListRequest());
             case WatchAction::kOpen:
-                m_view.opened->SetId(action.id);
+                m_view.opened->Reopened(m_view.session, action.id);
                 m_meter.NewStream();
                 return m_view.session.Send(OpenRequest(action.id, m_view.size, m_context.options.fps))
                     .and_then([this] { return m_view.decoder.Restart(); });
@@ -133,10 +125,10 @@ private:
             m_meter.EndInterval(Clock::now());
         }
         if (m_context.options.json) {
-            return m_context.output.Write(EventJson(m_watch.Camera(), action.event, action.text));
+            return m_context.output.Print(EventJson(m_watch.Camera(), action.event, action.text));
         }
         m_line_open = false;
-        return m_context.output.Write((m_live ? kClearLine : "") + action.text + "\n");
+        return m_context.output.Print((m_live ? kClearLine : "") + action.text + "\n");
     }
 
     Expected<void> PrintFigures(Clock::time_point now) {
@@ -145,15 +137,15 @@ private:
             return {};
         }
         if (m_context.options.json) {
-            return m_context.output.Write(FiguresJson(m_watch.Camera(), m_size, figures));
+            return m_context.output.Print(FiguresJson(m_watch.Camera(), m_size, figures));
         }
         m_line_open = m_live;
         if (!m_live) {
-            return m_context.output.Write(FiguresText(m_watch.Camera(), m_size, figures) + "\n");
+            return m_context.output.Print(FiguresText(m_watch.Camera(), m_size, figures) + "\n");
         }
         // A line that is longer than the terminal's could not be overwritten.
         const size_t columns = TerminalColumns(STDOUT_FILENO).value_or(kUsualColumns);
-        return m_context.output.Write(kClearLine + FiguresLine(m_watch.Camera(), m_size, figures, columns));
+        return m_context.output.Print(kClearLine + FiguresLine(m_watch.Camera(), m_size, figures, columns));
     }
 
     const CommandContext& m_context;
@@ -162,7 +154,7 @@ private:
     StreamMeter m_meter;
     PictureSize m_size;
     // On a terminal there is one line, which is overwritten.
-    const bool m_live = !m_context.options.json && isatty(STDOUT_FILENO) == 1;
+    const bool m_live = !m_context.options.json && m_context.output.IsTerminal();
     bool m_line_open = false;
 };
 
