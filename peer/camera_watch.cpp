@@ -25,7 +25,7 @@ CameraWatch::CameraWatch(const std::vector<CameraEntry>& listed, const CameraEnt
 
 CameraWatch::Actions CameraWatch::OnFrame(Clock::time_point now) {
     m_quiet_since = now;
-    m_checked = false;
+    m_checked.reset();
     const bool first = !std::exchange(m_frame_seen, true);
     return first && m_phase == Phase::kStreaming ? AnnounceReturn(now) : Actions{};
 }
@@ -48,7 +48,7 @@ CameraWatch::Actions CameraWatch::OnState(const StateMessage& state, Clock::time
     }
     m_phase = Phase::kStreaming;
     m_quiet_since = now;
-    m_checked = false;
+    m_checked.reset();
     return m_frame_seen ? AnnounceReturn(now) : Actions{};
 }
 
@@ -79,33 +79,48 @@ CameraWatch::Actions CameraWatch::OnCameras(const std::vector<CameraEntry>& came
     return {{WatchAction::kOpen, m_camera.id, {}, {}}};
 }
 
+void CameraWatch::OnDisconnect(Clock::time_point now) {
+    m_away_since = m_away_since.value_or(m_quiet_since);
+    m_phase = Phase::kSearching;
+    m_next_search = now;
+    m_asked_at.reset();
+    m_checked.reset();
+}
+
 Expected<CameraWatch::Actions> CameraWatch::OnTime(Clock::time_point now) {
     if (m_asked_at && now - *m_asked_at >= m_limits.answer) {
         return Fail("the host did not answer within " + SecondsText(m_limits.answer) + ": " +
                     (m_phase == Phase::kOpening ? "open " + CameraLabel(m_camera) : "camera list request"));
     }
     const auto quiet = now - m_quiet_since;
-    if (m_phase == Phase::kStreaming && quiet >= QuietLimit()) {
+    if (m_limits.closes_stalled && m_phase == Phase::kStreaming && quiet >= QuietLimit()) {
         return GiveUp(CameraEvent::kStalled, "stalled: no frame for " + SecondsText(QuietLimit()), now);
     }
-    const bool check_due = m_phase == Phase::kStreaming && quiet >= QuietLimit() / 2 && !m_checked;
+    const bool check_due = m_phase == Phase::kStreaming && now >= NextCheck();
     const bool search_due = m_phase == Phase::kSearching && now >= m_next_search;
     if (m_asked_at || !(check_due || search_due)) {
         return Actions{};
     }
-    m_checked = check_due;
+    m_checked = check_due ? std::optional(now) : std::nullopt;
     return Actions{AskCameras(now)};
 }
 
 Clock::time_point CameraWatch::NextTime() const {
     Clock::time_point next = m_asked_at ? *m_asked_at + m_limits.answer : Clock::time_point::max();
     if (m_phase == Phase::kStreaming) {
-        const bool list_requested = m_checked || m_asked_at;
-        next = std::min(next, m_quiet_since + (list_requested ? QuietLimit() : QuietLimit() / 2));
+        next = m_asked_at ? next : std::min(next, NextCheck());
+        next = m_limits.closes_stalled ? std::min(next, m_quiet_since + QuietLimit()) : next;
     } else if (m_phase == Phase::kSearching && !m_asked_at) {
         next = m_next_search;
     }
     return next;
+}
+
+Clock::time_point CameraWatch::NextCheck() const {
+    if (!m_checked) {
+        return m_quiet_since + QuietLimit() / 2;
+    }
+    return m_limits.closes_stalled ? Clock::time_point::max() : *m_checked + kSearchInterval;
 }
 
 const CameraEntry* CameraWatch::Find(const std::vector<CameraEntry>& cameras) const {
@@ -140,7 +155,7 @@ CameraWatch::Actions CameraWatch::GiveUp(CameraEvent event, const std::string& w
     actions.push_back({WatchAction::kClose, m_camera.id, {}, {}});
     m_phase = Phase::kSearching;
     m_next_search = now + kSearchInterval;
-    m_checked = false;
+    m_checked.reset();
     return actions;
 }
 

@@ -46,6 +46,9 @@ public:
         Clock::duration quiet = std::chrono::seconds(1);        // between two frames
         Clock::duration first_frame = std::chrono::seconds(3);  // after the camera was opened
         Clock::duration answer = std::chrono::seconds(10);
+        // Without it a camera that is listed and sends nothing counts as streaming; the list is requested
+        // once per second meanwhile.
+        bool closes_stalled = true;
     };
 
     // `camera`, one of `listed`, has just been opened.
@@ -56,6 +59,8 @@ public:
     Actions OnFrame(Clock::time_point now);
     Actions OnState(const StateMessage& state, Clock::time_point now);
     Actions OnCameras(const std::vector<CameraEntry>& cameras, Clock::time_point now);
+    // The connection is lost, and with it every answer. The camera is searched for in the next one.
+    void OnDisconnect(Clock::time_point now);
     // Fails if the host has not answered in time.
     Expected<Actions> OnTime(Clock::time_point now);
 
@@ -73,6 +78,8 @@ private:
 
     Clock::duration QuietLimit() const { return m_frame_seen ? m_limits.quiet : m_limits.first_frame; }
     const CameraEntry* Find(const std::vector<CameraEntry>& cameras) const;
+    // While streaming: when to request the list.
+    Clock::time_point NextCheck() const;
     WatchAction AskCameras(Clock::time_point now);
     WatchAction Announce(CameraEvent event, const std::string& what);
     Actions GiveUp(CameraEvent event, const std::string& what, Clock::time_point now);
@@ -85,8 +92,8 @@ private:
 
     Phase m_phase = Phase::kStreaming;
     Clock::time_point m_quiet_since;
-    bool m_frame_seen = false;  // since the camera was opened
-    bool m_checked = false;     // the list was requested since the last frame
+    bool m_frame_seen = false;                   // since the camera was opened
+    std::optional<Clock::time_point> m_checked;  // since the last frame: when the list was requested
     std::optional<Clock::time_point> m_asked_at;
     Clock::time_point m_next_search;
     std::optional<Clock::time_point> m_away_since;

@@ -193,6 +193,36 @@ TEST_F(CameraWatchTest, ReportsThatTheHostClosedTheCamera) {
     EXPECT_EQ(watch.OnState({kCameraClosed, 1}, At(1003)), Actions{});
 }
 
+TEST_F(CameraWatchTest, KeepsAStalledCameraOpenIfToldSoAndLooksItUpEverySecond) {
+    CameraWatch patient(both, both[1], {.closes_stalled = false}, At(0));
+    patient.OnFrame(At(0));
+    EXPECT_EQ(NextMs(patient), 500);
+    EXPECT_EQ(patient.OnTime(At(500)), Actions{kAsk});
+    EXPECT_EQ(patient.OnCameras(both, At(510)), Actions{});
+    EXPECT_EQ(NextMs(patient), 1500);
+    EXPECT_EQ(patient.OnTime(At(1499)), Actions{});
+    EXPECT_EQ(patient.OnTime(At(1500)), Actions{kAsk});
+    EXPECT_FALSE(patient.IsAway());
+    EXPECT_EQ(patient.OnCameras(front, At(1510)),
+              (Actions{Announce(CameraEvent::kGone, "camera 1 (Desk) is gone"), Close(1)}));
+}
+
+TEST_F(CameraWatchTest, LooksTheCameraUpInTheNextConnection) {
+    StreamUntil(1000);
+    watch.OnTime(At(1500));
+    watch.OnDisconnect(At(1600));
+    EXPECT_TRUE(watch.IsAway());
+    EXPECT_EQ(NextMs(watch), 1600);
+    EXPECT_EQ(watch.OnTime(At(1600)), Actions{kAsk});
+    EXPECT_EQ(watch.OnCameras(desk_is_first, At(1700)), Actions{Open(0)});
+    watch.OnDisconnect(At(1800));
+    EXPECT_EQ(watch.OnTime(At(5000)), Actions{kAsk});
+    EXPECT_EQ(watch.OnCameras(both, At(5100)), Actions{Open(1)});
+    EXPECT_EQ(watch.OnState({kCameraOpen, 1}, At(5200)), Actions{});
+    EXPECT_EQ(watch.OnFrame(At(6000)),
+              Actions{Announce(CameraEvent::kBack, "camera 1 (Desk) is back after 5.0 s")});
+}
+
 TEST_F(CameraWatchTest, FailsIfTheHostDoesNotAnswer) {
     StreamUntil(1000);
     watch.OnTime(At(2000));

@@ -247,6 +247,8 @@ private:
                       "Begin another file when the size of the pictures changes");
         app->add_flag("--arrival-times", m_options.arrival_times,
                       "Stamp frames with the times at which they arrived, without smoothing");
+        app->add_flag("--reconnect", m_options.reconnect,
+                      "Go on in another file when a camera or the host was away and is back");
         app->add_option("CAMERA FILE", m_further, "Further cameras, recorded at the same time")
             ->type_name("...");
     }

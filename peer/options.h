@@ -63,6 +63,7 @@ struct PeerOptions {
     std::optional<Clock::duration> segment;
     bool split_on_format = false;
     bool arrival_times = false;
+    bool reconnect = false;
 };
 
 // The error is a mistake, or the text that --help or --version asks for.

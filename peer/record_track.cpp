@@ -23,18 +23,17 @@ Expected<FrameSink::Result> RecordTrack::OnFrame(const Frame& frame) {
     return result;
 }
 
-Expected<bool> RecordTrack::OnTime() {
+Expected<void> RecordTrack::OnTime() {
     const auto now = Clock::now();
-    if (now >= m_sink->FlushDue()) {
-        if (const auto flushed = m_sink->Flush(); !flushed) {
-            return Fail(flushed.error());
-        }
-    }
-    if (now < m_end && now >= m_frame_due) {
-        return Fail(m_label + " sent " + (m_skipped ? "no key frame" : "no frame") + " within " +
-                    SecondsText(m_limit));
-    }
-    return now >= m_end;
+    m_over = now >= m_end;
+    return now >= m_sink->FlushDue() ? m_sink->Flush() : Expected<void>();
+}
+
+std::string RecordTrack::Lateness() const {
+    const bool late = !m_over && Clock::now() >= m_frame_due;
+    return late ? m_label + " sent " + (m_skipped ? "no key frame" : "no frame") + " within " +
+                      SecondsText(m_limit)
+                : "";
 }
 
 std::string RecordTrack::Progress() const {

@@ -25,20 +25,29 @@ public:
         : m_sink(std::move(sink)), m_limit(limit), m_seconds(seconds) {}
 
     uint64_t Frames() const { return m_frames; }
+    bool IsOver() const { return m_over; }
     std::string Name() const { return m_sink->Name(); }
 
     // The camera is open now.
     void Begin(const CameraEntry& camera) {
         m_label = CameraLabel(camera);
         m_sink->Begin(camera);
-        m_frame_due = Clock::now() + m_limit;
+        Resume();
     }
+    // The camera is away: completes the file. The next frame goes to another one, and none is due before
+    // Resume().
+    Expected<void> Pause() {
+        m_frame_due = Clock::time_point::max();
+        return m_sink->Split();
+    }
+    void Resume() { m_frame_due = Clock::now() + m_limit; }
     // When to call OnTime(): at the end, when a frame is late, or when frames should be on the disk.
     Clock::time_point Due() const { return std::min({m_frame_due, m_end, m_sink->FlushDue()}); }
     // For each frame, and again for the same frame after kNotNow.
     Expected<FrameSink::Result> OnFrame(const Frame& frame);
-    // Returns whether the recording is over. Fails if the camera sent no frame in time.
-    Expected<bool> OnTime();
+    Expected<void> OnTime();
+    // That the camera sent no frame in time; empty if it did.
+    std::string Lateness() const;
     // To be called once there is a frame, also after a failure.
     Expected<void> Finish() { return m_sink->Finish(); }
 
@@ -59,6 +68,7 @@ private:
     uint64_t m_frames = 0;
     uint64_t m_bytes = 0;
     bool m_skipped = false;  // the last frame that arrived
+    bool m_over = false;     // the time of the recording has passed
 };
 
 }  // namespace zumod::peer

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <mutex>
 #include <thread>
 
 #include "tests/e2e/peer_process.h"
@@ -266,7 +267,7 @@ protected:
         std::vector<std::string> words = {"record", "0", work / "a.mp4", "3", work / "b.mkv"};
         words.insert(words.end(), more.begin(), more.end());
         Start(words);
-        AnswerList(ListBytes({CameraBytes(0, "Front", {{640, 480}}), CameraBytes(3, "Desk", {{640, 480}})}));
+        AnswerList(kBoth);
         host.Expect(OpenBytes(0));
         EXPECT_TRUE(host.Send(StateBytes(2, 0)));
         // Frames of the first camera that arrive before the second is open are not lost.
@@ -276,18 +277,37 @@ protected:
     }
     void SendTo(uint8_t id, EncodedStream& from, int count) {
         for (int i = 0; i < count; ++i) {
+            const std::lock_guard lock(camera_may_send);
             ASSERT_TRUE(host.Send(FrameBytes(id, from.Next(counter++, 0))));
         }
     }
     void AnswerBothCloses() {
         for (const uint8_t id : {uint8_t{0}, uint8_t{3}}) {
-            host.Expect(CloseBytes(id));
+            host.ExpectAfterLists(CloseBytes(id));
             EXPECT_TRUE(host.Send(StateBytes(4, id)));
         }
         host.ExpectClosed();
     }
+    // Both cameras have frames on the way; then the peer has taken all of them.
+    void SendToBoth() {
+        SendTo(0, stream, 1);
+        SendTo(3, other, 4);
+        EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    }
+    // Sends frames of camera 3 until the peer has printed the text on standard error.
+    void SendUntilSaid(const std::string& text) {
+        EXPECT_TRUE(WaitUntil([&] {
+            SendTo(3, other, 1);
+            poll(nullptr, 0, 20);
+            return peer->Errors().find(text) != std::string::npos;
+        })) << peer->Errors();
+    }
 
+    const Bytes kBoth =
+        ListBytes({CameraBytes(0, "Front", {{640, 480}}), CameraBytes(3, "Desk", {{640, 480}})});
+    const Bytes kDeskOnly = ListBytes({CameraBytes(3, "Desk", {{640, 480}})});
     EncodedStream other{640, 480};
+    std::mutex camera_may_send;  // one message at a time: the test and a thread that plays camera 3 send
 };
 
 TEST_F(PeerRecordsTwo, CamerasAtTheSameTime) {
@@ -311,12 +331,143 @@ TEST_F(PeerRecordsTwo, AndKeepsBothFilesWhenFramesOfOneStop) {
     SendTo(3, other, 4);
     AnswerBothCloses();
     EXPECT_EQ(peer->Wait(), 1);
-    EXPECT_NE(peer->Errors().find(" sent no frame within 0.5 s; the 2 frames before that are in " +
-                                  (work / "a.mp4") + ", the 4 frames before that are in " + (work / "b.mkv")),
-              std::string::npos)
+    const std::string front =
+        "camera 0 (Front) sent no frame within 0.5 s; the 2 frames before that are in " + (work / "a.mp4");
+    EXPECT_EQ(peer->Errors(),
+              "zu-camera-peer: " + front + "\nzu-camera-peer: " + front +
+                  "; camera 3 (Desk) sent no frame within 0.5 s; the 4 frames before that are in " +
+                  (work / "b.mkv") + "\n")
         << peer->Errors();
     EXPECT_EQ(PlayedFrames(work / "a.mp4"), 2);
     EXPECT_EQ(PlayedFrames(work / "b.mkv"), 4);
+}
+
+TEST_F(PeerRecordsTwo, AndContinuesWithOneWhenTheOtherIsGone) {
+    StartBoth();
+    SendToBoth();
+    // Camera 3 keeps sending, and camera 0 is looked up after half a second without a frame.
+    std::thread camera([&] { SendUntilSaid(" are in "); });
+    host.Expect(kGetListBytes);
+    {
+        const std::lock_guard lock(camera_may_send);
+        EXPECT_TRUE(host.Send(kDeskOnly));
+    }
+    const std::string loss = "zu-camera-peer: camera 0 (Front) is gone; the 3 frames before that are in " +
+                             (work / "a.mp4") + "\n";
+    host.Expect(CloseBytes(0));
+    camera.join();
+    EXPECT_EQ(peer->Errors(), loss);
+    // It is complete while the other one is recorded.
+    EXPECT_EQ(PlayedFrames(work / "a.mp4"), 3);
+    EXPECT_FALSE(std::filesystem::exists(work / "b.mkv"));
+    const uint32_t before = counter;
+    SendTo(3, other, 5);
+    EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    peer->Signal(SIGINT);
+    host.ExpectAfterLists(CloseBytes(3));
+    host.Send(StateBytes(4, 3));
+    ExpectEnd(1, loss + loss);
+    // All but the three frames of camera 0.
+    EXPECT_EQ(PlayedFrames(work / "b.mkv"), static_cast<int>(before + 5 - 3));
+}
+
+TEST_F(PeerRecordsTwo, AndEndsWhenBothAreClosedByTheHost) {
+    StartBoth();
+    SendToBoth();
+    EXPECT_TRUE(host.Send(StateBytes(4, 3)));
+    host.ExpectAfterLists(CloseBytes(3));
+    EXPECT_TRUE(host.Send(StateBytes(4, 0)));
+    AnswerClose();
+    EXPECT_EQ(peer->Wait(), 1);
+    EXPECT_NE(peer->Errors().find("\nzu-camera-peer: camera 0 (Front) was closed by the host; the 3 frames "),
+              std::string::npos)
+        << peer->Errors();
+    EXPECT_EQ(PlayedFrames(work / "a.mp4"), 3);
+    EXPECT_EQ(PlayedFrames(work / "b.mkv"), 4);
+}
+
+TEST_F(PeerRecordsTwo, AndReopensTheCameraThatWasAwayUnderAFreeId) {
+    StartBoth({"--reconnect"});
+    SendToBoth();
+    EXPECT_TRUE(host.Send(StateBytes(4, 0)));
+    host.ExpectAfterLists(CloseBytes(0));
+    EXPECT_TRUE(peer->Says("zu-camera-peer: camera 0 (Front) was closed by the host\n"));
+    std::thread camera([&] { SendUntilSaid(" is back after "); });
+    // The id with which camera 3 is open: its frames could not be told apart.
+    const auto send = [&](const Bytes& message) {
+        const std::lock_guard lock(camera_may_send);
+        EXPECT_TRUE(host.Send(message));
+    };
+    host.Expect(kGetListBytes);
+    send(ListBytes({CameraBytes(2, "Desk", {{640, 480}}), CameraBytes(3, "Front", {{640, 480}})}));
+    host.Expect(kGetListBytes);
+    send(ListBytes({CameraBytes(0, "Desk", {{640, 480}}), CameraBytes(1, "Front", {{640, 480}})}));
+    host.Expect(OpenBytes(1));
+    send(StateBytes(2, 1));
+    EncodedStream again(640, 480);
+    for (uint32_t i = 0; i < 3; ++i) {
+        send(FrameBytes(1, again.Next(i, 0)));
+    }
+    camera.join();
+    EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    peer->Signal(SIGINT);
+    host.ExpectAfterLists(CloseBytes(1));
+    host.Send(StateBytes(4, 1) + StateBytes(4, 3));
+    EXPECT_EQ(peer->Wait(), 1);
+    EXPECT_NE(peer->Errors().find("zu-camera-peer: camera 1 (Front) is back after "), std::string::npos);
+    EXPECT_NE(peer->Errors().find("zu-camera-peer: camera 1 (Front) was away once\n"), std::string::npos);
+    EXPECT_EQ(PlayedFrames(work / "a.mp4"), 3);
+    EXPECT_EQ(PlayedFrames(work / "a-002.mp4"), 3);
+    EXPECT_NE(Printed().find(work / "a.mp4" + " to " + (work / "a-002.mp4") + ": "), std::string::npos);
+}
+
+TEST_F(PeerPictures, RecordsOnAfterTheHostWasAway) {
+    Start({"record", "0", work / "film.mkv", "--reconnect"});
+    AnswerOpen();
+    SendFrames(5);
+    EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    host.Close();
+    // Turned away once, then served.
+    host.Accept();
+    host.Send(NoticeBytes("busy: another peer is being served"));
+    host.Close();
+    host.Accept();
+    AnswerOpen();
+    EncodedStream again(640, 480);
+    for (uint32_t i = 0; i < 4; ++i) {
+        host.Send(FrameBytes(0, again.Next(i, 0)));
+    }
+    EXPECT_TRUE(peer->Says("is back after "));
+    EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    peer->Signal(SIGINT);
+    AnswerClose();
+    EXPECT_EQ(peer->Wait(), 1);
+    const std::string errors = peer->Errors();
+    const std::string first =
+        "zu-camera-peer: the host closed the connection; trying to connect again\n"
+        "zu-camera-peer: the host says: busy: another peer is being served; trying to connect again\n"
+        "zu-camera-peer: camera 0 (Front) is back after ";
+    EXPECT_EQ(errors.substr(0, first.size()), first);
+    EXPECT_NE(errors.find(" s\nzu-camera-peer: camera 0 (Front) was away once\n"), std::string::npos)
+        << errors;
+    EXPECT_EQ(PlayedFrames(work / "film.mkv"), 5);
+    EXPECT_EQ(PlayedFrames(work / "film-002.mkv"), 4);
+}
+
+TEST_F(PeerPictures, EndsARecordingInTimeWhileTheHostIsAway) {
+    Bytes frames;
+    for (int i = 0; i < 5; ++i) {
+        frames = frames + NextFrame();
+    }
+    Start({"record", "0", work / "film.mkv", "--reconnect", "--seconds", "1"});
+    AnswerOpen();
+    host.Send(frames);
+    host.Close();
+    std::filesystem::remove(socket);
+    EXPECT_EQ(peer->Wait(), 1);
+    EXPECT_NE(peer->Errors().find("\nzu-camera-peer: camera 0 (Front) was away once\n"), std::string::npos)
+        << peer->Errors();
+    EXPECT_EQ(PlayedFrames(work / "film.mkv"), 5);
 }
 
 TEST_F(PeerPictures, WritesFramesToStandardOutputWhenTheyArrive) {
@@ -426,7 +577,7 @@ TEST_F(PeerWritesToAPipe, HoldsTheHostBackWhileTheReaderIsBlockedAndLosesNothing
     }
     AnswerClose();
     ExpectEnd(1,
-              "zu-camera-peer: the host closed camera 0 (Front); the 60 frames before that are in "
+              "zu-camera-peer: camera 0 (Front) was closed by the host; the 60 frames before that are in "
               "standard output\n");
 }
 

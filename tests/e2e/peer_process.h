@@ -50,7 +50,7 @@ protected:
 
     // Expects the request to close camera 0, answers it, and waits until the peer has disconnected.
     void AnswerClose() {
-        host.Expect(CloseBytes(0));
+        host.ExpectAfterLists(CloseBytes(0));
         EXPECT_TRUE(host.Send(StateBytes(4, 0)));
         host.ExpectClosed();
     }

@@ -33,6 +33,17 @@ public:
         m_peer.Reset(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     }
 
+    // The same, and drops list requests before it: a peer sends them while no frame arrives.
+    void ExpectAfterLists(const Bytes& request) {
+        Bytes header(8);
+        while (IsReady(m_peer.Get(), POLLIN) &&
+               recv(m_peer.Get(), header.data(), header.size(), MSG_PEEK | MSG_DONTWAIT) == 8 &&
+               header == kGetListBytes) {
+            Expect(kGetListBytes);
+        }
+        Expect(request);
+    }
+
     // Receives as many bytes as the request has, and compares them.
     void Expect(const Bytes& request) {
         Bytes received;
