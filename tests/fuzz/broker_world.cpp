@@ -344,7 +344,15 @@ void BrokerWorld::NextRequest() {
     if (m_request) {
         AnswerRequest(Answer::kUsual);
     }
-    m_request = Measured([&](Broker& broker) { return broker.NextRequest(m_now); });
+    do {
+        m_request = Measured([&](Broker& broker) { return broker.NextRequest(m_now); });
+        // What the host does with the camera's device has no effect here.
+        Measured([&](Broker& broker) {
+            if (const auto task = broker.TakeTask()) {
+                broker.OnTaskDone(*task, {}, m_now);
+            }
+        });
+    } while (m_request && m_request->empty());
     if (!m_request) {
         if (m_peers.empty()) {
             for (const auto& [id, camera] : m_cameras) {
