@@ -8,6 +8,8 @@
 #include "tests/support/doubles/codec_calls.h"
 #include "tests/support/doubles/recording_host.h"
 #include "tests/support/doubles/turkish_strcasecmp.h"
+#include "tests/support/watch/call_watch.h"
+#include "zumod/values.h"
 
 namespace zumod::testing {
 namespace {
@@ -183,6 +185,21 @@ TEST_F(CodecCreateTest, AnObjectAcceptsOnlyTheHardwarePropertyAndOnlyAsABoolean)
         EXPECT_TRUE(object->GetProperty("zu.codec.property.hardware")->GetBool());
         EXPECT_EQ(object->GetProperty("zu.codec.property.other"), nullptr);
         EXPECT_EQ(object->GetProperty(nullptr), nullptr);
+    }
+}
+
+TEST_F(CodecCreateTest, APropertyWithoutMemoryIsRefusedAndItsOldValueIsKept) {
+    for (const auto& policy : {encoder, decoder}) {
+        const auto object = Create(policy.Get());
+        const CRefPtr_T<IZUModData> no(new CountedData(ledger, kZUModDataBool, {0}));
+        const CRefPtr_T<IZUModData> yes(new CountedData(ledger, kZUModDataBool, {1}));
+        EXPECT_TRUE(object->SetProperty("zu.codec.property.hardware", no.Get()));
+        CallWatch watch;
+        watch.Fail(CallWatch::_Znwm, sizeof(CZUModData));
+        EXPECT_FALSE(object->SetProperty("zu.codec.property.hardware", yes.Get()));
+        EXPECT_FALSE(object->GetProperty("zu.codec.property.hardware")->GetBool());
+        EXPECT_TRUE(object->SetProperty("zu.codec.property.hardware", yes.Get()));
+        EXPECT_TRUE(object->GetProperty("zu.codec.property.hardware")->GetBool());
     }
 }
 

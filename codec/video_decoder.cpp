@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <new>
 
 #include "src/module/log.h"
 #include "zumod/values.h"
@@ -69,7 +70,11 @@ bool CVideoDecoder::SetProperty(const char* key, IZUModData* value) {
         return false;
     }
     if (std::strcmp(key, kPropertyHardware) == 0 && value->GetType() == kZUModDataBool) {
-        m_hardware_value = CZUModData::FromBool(value->GetBool());
+        try {
+            m_hardware_value = CZUModData::FromBool(value->GetBool());
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
         return true;
     }
     if (std::strcmp(key, kPropertyMaxPixels) == 0 && value->GetType() == kZUModDataInt64) {
