@@ -13,6 +13,7 @@
 #include "codec/video_encoder.h"
 #include "src/module/attach_runtime.h"
 #include "tests/fuzz/check.h"
+#include "tests/fuzz/stride_check.h"
 #include "tests/support/doubles/encode_call.h"
 #include "tests/support/doubles/quiet_host.h"
 
@@ -65,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         FUZZ_CHECK(!encoded || BeginsWithStartCode(call.output));
         PictureLayout layout{};
         const bool fits = LayOutPicture(record, byte_count, layout) == PictureError::kNone;
-        FUZZ_CHECK(!fits || layout.byte_count <= byte_count);
+        FUZZ_CHECK(!fits || (layout.byte_count <= byte_count && IsStrideInBounds(layout, record)));
         if (!fits || (layout.format->is_rgb && !policy.source_rgb)) {
             FUZZ_CHECK(!encoded);
         }

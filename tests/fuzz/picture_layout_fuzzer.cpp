@@ -6,6 +6,7 @@
 
 #include "codec/picture_layout.h"
 #include "tests/fuzz/check.h"
+#include "tests/fuzz/stride_check.h"
 
 using namespace zumod;
 
@@ -48,11 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (error == PictureError::kNone) {
         CheckLayout(layout, record);
         FUZZ_CHECK(layout.byte_count <= byte_count);
-        // A stride other than the recorded one is at most that of 3840 pixels of 4 bytes, or 512 bytes of
-        // padding.
-        const PicturePlane& first = layout.planes[0];
-        FUZZ_CHECK(first.stride <= record.stride || first.stride <= 15360 ||
-                   first.stride - first.row_bytes <= 512);
+        FUZZ_CHECK(IsStrideInBounds(layout, record));
     }
     PictureLayout recorded{};
     if (LayOutPictureAsRecorded(record, recorded) == PictureError::kNone) {
