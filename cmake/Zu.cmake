@@ -147,6 +147,17 @@ function(zu_program name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${ZU_PROGRAM_DIR})
   install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES ${name}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  zu_completion(${name})
+endfunction()
+
+# zu_completion(NAME): installs the completion of the program's command line for bash and zsh.
+set(ZU_COMPLETION_DIR ${CMAKE_BINARY_DIR}/completion)
+function(zu_completion name)
+  set(function _${name})
+  configure_file(${ZU_ROOT}/common/completion/bash.in ${ZU_COMPLETION_DIR}/bash/${name} @ONLY)
+  configure_file(${ZU_ROOT}/common/completion/zsh.in ${ZU_COMPLETION_DIR}/zsh/_${name} @ONLY)
+  install(FILES ${ZU_COMPLETION_DIR}/bash/${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES ${ZU_COMPLETION_DIR}/zsh/_${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 endfunction()
 
 # ---- Tests ----
