@@ -117,6 +117,7 @@ public:
     explicit Buffer(int descriptor, bool colour)
         : m_descriptor(fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)), m_colour(colour) {
         m_waiting.reserve(kBufferSize);
+        m_bytes.reserve(kBufferSize);
     }
 
     // An empty line stands for one that could not be made.
@@ -150,10 +151,8 @@ public:
 
     // [the log's thread]. Returns after End, once everything is written.
     void WriteUntilEnd() {
-        std::string bytes;
-        bytes.reserve(kBufferSize);
-        while (const auto dropped = Take(bytes)) {
-            WriteAll(m_descriptor.Get(), bytes);
+        while (const auto dropped = Take()) {
+            WriteAll(m_descriptor.Get(), m_bytes);
             if (*dropped != 0) {
                 WriteLoss(*dropped);
             }
@@ -163,10 +162,10 @@ public:
 private:
     bool IsEmpty() const ZU_REQUIRES(m_mutex) { return m_waiting.empty() && m_dropped == 0; }
 
-    // Waits for lines and moves them to `bytes`. Returns how many were dropped after them; nothing at the
+    // Waits for lines and moves them to m_bytes. Returns how many were dropped after them; nothing at the
     // end.
-    std::optional<uint64_t> Take(std::string& bytes) {
-        bytes.clear();
+    std::optional<uint64_t> Take() {
+        m_bytes.clear();
         const MutexLock lock(m_mutex);
         m_is_writing = false;
         m_changed.notify_all();
@@ -177,7 +176,7 @@ private:
             return std::nullopt;
         }
         m_is_writing = true;
-        m_waiting.swap(bytes);
+        m_waiting.swap(m_bytes);
         return std::exchange(m_dropped, 0);
     }
 
@@ -193,6 +192,7 @@ private:
 
     const UniqueFd m_descriptor;
     const bool m_colour;
+    std::string m_bytes;  // [the log's thread]. Reserved by the constructor: that thread may find no memory
     Mutex m_mutex;
     std::condition_variable_any m_changed;
     std::string m_waiting ZU_GUARDED_BY(m_mutex);   // whole lines; never grows

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <map>
+#include <new>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -26,6 +27,7 @@ namespace {
 constexpr Clock::time_point kNever = Clock::time_point::max();
 constexpr auto kPause = std::chrono::milliseconds(100);
 constexpr size_t kInputSize = size_t{64} * 1024;
+constexpr char kSessionEnded[] = "ended: the camera module has no memory, thread or descriptor left";
 constexpr char kNothingLeft[] = "the host has no thread or descriptor left for a peer";
 
 // A probe (connect, then close) is already gone.
@@ -76,12 +78,16 @@ private:
         : m_module(module), m_stream(new PluginStream(limits)), m_done(eventfd(0, EFD_CLOEXEC)) {}
 
     void Serve() {
-        if (const CRefPtr_T<IClientCameraPlugin> plugin = m_module.CreatePlugin()) {
-            plugin->SetChannelStream(m_stream.Get());
-            plugin->Run();
-            // A frame that waits for space would block ExitInstance.
-            m_stream->End();
-            plugin->ExitInstance();
+        try {
+            if (const CRefPtr_T<IClientCameraPlugin> plugin = m_module.CreatePlugin()) {
+                plugin->SetChannelStream(m_stream.Get());
+                plugin->Run();
+                // A frame that waits for space would block ExitInstance.
+                m_stream->End();
+                plugin->ExitInstance();
+            }
+        } catch (const std::bad_alloc&) {
+            // No plugin could be created: nothing that Run calls here throws. The peers are told.
         }
         eventfd_write(m_done.Get(), 1);
     }
@@ -140,7 +146,10 @@ public:
         }
         for (auto next = m_peers.begin(); next != m_peers.end();) {
             auto& [id, peer] = *next++;
-            if (m_session_has_ended || !SendOutput(id, peer) || IsDone(id)) {
+            if (m_session_has_ended) {
+                stream.Update([id = id](Broker& broker) { broker.EndPeer(id, kSessionEnded, Clock::now()); });
+            }
+            if (!SendOutput(id, peer) || IsDone(id) || m_session_has_ended) {
                 Remove(id);
             } else {
                 WaitForPeer(id, peer);
