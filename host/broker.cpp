@@ -34,6 +34,12 @@ uint32_t ClosedCamera(std::span<const uint8_t> body) {
     return id;
 }
 
+// Whether the module may start its first camera before it starts this one.
+bool StartsAnotherFirst(const FormatRequest& open) {
+    const bool is_initial = open.width == 640 && open.height == 480 && open.fps == 15;
+    return open.id != 0 && !is_initial;
+}
+
 bool IsSameFormat(const FormatRequest& left, const FormatRequest& right) {
     return left.width == right.width && left.height == right.height && left.fps == right.fps;
 }
@@ -336,6 +342,7 @@ bool Broker::DecideOpen(PeerId id, Peer& peer, const FormatRequest& request) {
     if (found == m_cameras.end()) {
         Camera& camera = m_cameras[request.id];
         camera.format = request;
+        camera.filter = StartsAnotherFirst(request) ? FrameFilter::kUntilAnswer : FrameFilter::kNone;
         camera.last_frame = m_now;
         peer.watches.try_emplace(request.id);
         m_current.camera = request.id;
@@ -372,11 +379,15 @@ bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
     }
     Camera& camera = found->second;
     if (!IsWatchedByOthers(request.id, peer)) {
-        std::string device = std::move(camera.device);
-        camera = {};
-        camera.format = request;
-        camera.device = std::move(device);
-        camera.last_frame = m_now;
+        Camera changed;
+        changed.format = request;
+        changed.device = std::move(camera.device);
+        changed.last_frame = m_now;
+        if (camera.filter != FrameFilter::kNone) {
+            changed.filter = camera.filter;
+            changed.has_key_frames = camera.has_key_frames;
+        }
+        camera = std::move(changed);
         peer.watches[request.id] = {};
         return true;
     }
@@ -467,6 +478,11 @@ bool Broker::IsFrame(std::span<const uint8_t> bytes) {
 }
 
 bool Broker::MayTakeFrame() const {
+    if (const auto opening = m_cameras.find(m_current.camera);
+        m_current.type == kOpenCamera && opening != m_cameras.end() &&
+        opening->second.filter == FrameFilter::kUntilAnswer) {
+        return true;
+    }
     bool any_watches = false;
     for (const auto& [id, peer] : m_peers) {
         if (!peer.watches.empty()) {
@@ -501,6 +517,11 @@ void Broker::OnAnswer(std::span<const uint8_t> bytes) {
             asker->second.watches.erase(m_current.camera);
         }
     }
+    if (const auto opened = m_cameras.find(m_current.camera);
+        m_current.type == kOpenCamera && opened != m_cameras.end() &&
+        opened->second.filter == FrameFilter::kUntilAnswer) {
+        opened->second.filter = FrameFilter::kUntilKeyFrame;
+    }
     // A peer that was ended or has left gets nothing more; the broker's own requests have no asker.
     if (asker != m_peers.end() && !asker->second.ended) {
         Send(asker->second, CopyOf(bytes), false);
@@ -514,9 +535,16 @@ void Broker::OnFrame(std::span<const uint8_t> bytes, Clock::time_point now) {
         return;
     }
     const bool is_key_frame = IsKeyFrame(bytes.subspan(kFrameHeaderSize));
+    Camera& camera = found->second;
+    camera.last_frame = now;
+    if (camera.filter == FrameFilter::kUntilAnswer ||
+        (camera.filter == FrameFilter::kUntilKeyFrame && camera.has_key_frames && !is_key_frame)) {
+        camera.has_key_frames |= is_key_frame;
+        return;
+    }
+    camera.filter = FrameFilter::kNone;
     const Message message = CopyOf(bytes);
-    found->second.last_frame = now;
-    Remember(found->second, message, is_key_frame, now);
+    Remember(camera, message, is_key_frame, now);
     for (auto& [peer_id, peer] : m_peers) {
         if (peer.watches.contains(id)) {
             Offer(peer_id, peer, id, message, is_key_frame);

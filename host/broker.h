@@ -27,6 +27,24 @@
 // them first, so it has a picture at once. A peer whose queue is full loses frames up to the next key frame
 // that its queue can hold. A stream in which no key frame was ever recognised is passed on frame by frame.
 //
+// Frames of another camera. To open a camera the module first sets the format and then chooses the device. So
+// for a moment it starts its first camera in the format of the request, unless that is the format that it
+// begins with (640x480 at 15 frames per second). A frame that comes in that moment is encoded and queued, and
+// its header has the id of the camera that is being opened. Its size is no help: it is the requested one. The
+// order is: the module has stopped its first camera, and queued all of its frames, before it starts the right
+// one, and writes the answer after that, past the queue. Both cameras share one encoder, so a frame of the
+// right camera may refer to a picture of the wrong one. Therefore, for any camera but the first one:
+//
+// - Frames before the answer are dropped. While such an open lasts, no frame waits for a slow peer, so
+//   the module's queue moves on and holds none of them when the answer comes.
+// - After the answer, the stream begins with its next key frame. That is the first frame after the answer if
+//   none was dropped, as with every real camera. Otherwise the peer waits for it: 2 s with the codec's
+//   default.
+//
+// Limits. A frame of the wrong camera gets through if the send thread does not run at all from the moment
+// between the two calls until the right camera has started. If the codec makes no key frames that the host
+// recognises, what follows the answer is passed on from any frame.
+//
 // Back-pressure. The plugin drops frames before it encodes them while its own queue is long. That only works
 // if Write blocks when no peer can take more. So a frame is accepted only if at least one peer with an open
 // camera has sent all its frames (MayTakeFrame). A single peer therefore never loses a frame here and sees
@@ -180,9 +198,16 @@ private:
         Clock::time_point request_pace = Clock::time_point::min();
         std::map<uint32_t, Watch> watches;  // by camera
     };
+    // What is dropped because it may show another camera.
+    enum class FrameFilter {
+        kNone,
+        kUntilAnswer,    // to the open
+        kUntilKeyFrame,  // after the answer
+    };
     // A camera that the plugin has open, or is opening.
     struct Camera {
         FormatRequest format{};
+        FrameFilter filter = FrameFilter::kNone;
         std::string device;           // its file; empty if it is not known
         bool has_key_frames = false;  // one was recognised since the open or the last change of format
         std::vector<Message> group;   // from the last key frame on; empty if a limit was exceeded

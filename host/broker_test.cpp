@@ -745,6 +745,73 @@ TEST_F(BrokerTest, ACameraWhoseFramesWaitForASlowPeerIsNotGone) {
     EXPECT_EQ(Take(1), StateBytes(kClosed, 0));
 }
 
+// Camera 2 at 640x480 and 30 frames per second: the module may start camera 0 first.
+TEST_F(BrokerTest, WhatComesBeforeTheAnswerToAnOpenIsNotPassedOn) {
+    Ask(1, OpenBytes(2));
+    ASSERT_EQ(Next(), OpenBytes(2));
+    Plugin(KeyFrame(2, 1));
+    Plugin(NextFrame(2, 2));
+    Plugin(StateBytes(kOpen, 2));
+    // They refer to a picture of another camera.
+    Plugin(NextFrame(2, 3));
+    Ask(1, SetFormatBytes(2));
+    EXPECT_EQ(Next(), SetFormatBytes(2));
+    Plugin(NextFrame(2, 4));
+    EXPECT_EQ(Take(1), StateBytes(kOpen, 2));
+    Plugin(KeyFrame(2, 5));
+    Plugin(NextFrame(2, 6));
+    EXPECT_EQ(Take(1), KeyFrame(2, 5) + NextFrame(2, 6));
+}
+
+TEST_F(BrokerTest, APeerThatJoinsGetsNothingOfAnotherCameraEither) {
+    Ask(1, OpenBytes(2));
+    ASSERT_EQ(Next(), OpenBytes(2));
+    Plugin(KeyFrame(2, 1));
+    Plugin(StateBytes(kOpen, 2));
+    Plugin(NextFrame(2, 2));
+    EXPECT_EQ(OpenFurther(2, 2), StateBytes(kOpen, 2));
+    Plugin(NextFrame(2, 3));
+    EXPECT_EQ(Take(2), Bytes());
+    Plugin(KeyFrame(2, 4));
+    EXPECT_EQ(Take(2), KeyFrame(2, 4));
+}
+
+TEST_F(BrokerTest, AKeyFrameRightAfterTheAnswerIsTheCameras) {
+    OpenFirst(1, 2);
+    Plugin(KeyFrame(2, 1));
+    EXPECT_EQ(Take(1), KeyFrame(2, 1));
+}
+
+TEST_F(BrokerTest, TheFirstCameraAndTheInitialFormatAreNeverPrecededByAnotherCamera) {
+    const Bytes initial = OpenBytes(2, 640, 480, 15);
+    for (const auto& [request, id] : {std::pair{OpenBytes(0), 0U}, std::pair{initial, 2U}}) {
+        Ask(1, request);
+        ASSERT_EQ(Next(), request);
+        Plugin(KeyFrame(id, 1));
+        EXPECT_EQ(Take(1), KeyFrame(id, 1));
+    }
+}
+
+TEST_F(BrokerTest, AStreamWithoutKeyFramesBeginsAfterTheAnswer) {
+    Ask(1, OpenBytes(2));
+    ASSERT_EQ(Next(), OpenBytes(2));
+    Plugin(FrameBytes(2, {1}));
+    Plugin(StateBytes(kOpen, 2));
+    Plugin(FrameBytes(2, {2}));
+    EXPECT_EQ(Take(1), StateBytes(kOpen, 2) + FrameBytes(2, {2}));
+}
+
+TEST_F(BrokerTest, WhileAnotherCameraMayRunNoFrameWaits) {
+    OpenFirst(1, 0);
+    Plugin(KeyFrame(0, 1));
+    ASSERT_FALSE(broker.MayTakeFrame());
+    Ask(1, OpenBytes(2));
+    ASSERT_EQ(Next(), OpenBytes(2));
+    EXPECT_TRUE(broker.MayTakeFrame());
+    Plugin(StateBytes(kOpen, 2));
+    EXPECT_FALSE(broker.MayTakeFrame());
+}
+
 using TaskKind = DeviceTask::Kind;
 
 // Type 129.

@@ -45,6 +45,8 @@ std::optional<DeviceTask> PluginStream::WaitForRequest() {
     const MutexLock lock(m_mutex);
     while (m_read == m_request.size() && !m_ended) {
         std::optional<Bytes> request = m_broker.NextRequest(Clock::now());
+        // The send thread: no frame waits during some opens.
+        m_changed.notify_all();
         WakeMain();
         if (!request) {
             m_changed.wait(m_mutex);

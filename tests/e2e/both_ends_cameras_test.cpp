@@ -1,0 +1,47 @@
+// Which camera a peer sees.
+#include <fstream>
+
+#include "tests/e2e/both_ends.h"
+#include "tests/e2e/video_file.h"
+
+namespace zumod::testing {
+namespace {
+
+// A film of one grey picture.
+class GreyFilms {
+protected:
+    GreyFilms() {
+        for (const auto& [file, grey] : {std::pair{dark, '\x20'}, std::pair{bright, '\xC0'}}) {
+            std::ofstream film(file, std::ios::binary);
+            film << "YUV4MPEG2 W320 H240 F100:1\nFRAME\n"
+                 << std::string(size_t{320} * 240, grey) << std::string(size_t{320} * 240 / 2, '\x80');
+        }
+    }
+
+    const WorkDirectory films;
+    const std::string dark = films / "dark.y4m";
+    const std::string bright = films / "bright.y4m";
+};
+
+class BothEndsOfTwoCameras : GreyFilms, public BothEnds {
+protected:
+    BothEndsOfTwoCameras()
+        : BothEnds({("card=Dark,formats=NV12,y4m=" + dark).c_str(),
+                    ("card=Bright,formats=NV12,y4m=" + bright).c_str()}) {}
+};
+
+TEST_F(BothEndsOfTwoCameras, EveryPictureIsOfTheCameraThatWasOpenedAlsoIfItStartsSlowly) {
+    const auto host = Start();
+    cameras.At(1).Inject(vcam::ParseFault("slow-open/50").value());
+    for (const char* name : {"one.h264", "two.h264"}) {
+        PrintedBy(Peer({"record", "Bright", work / name, "--fps", "100", "--seconds", "0.3"}));
+        const std::string pictures = DecodedBytes(work, work / name, "gray");
+        ASSERT_FALSE(pictures.empty());
+        for (size_t middle = 320 * 120; middle < pictures.size(); middle += size_t{320} * 240) {
+            ASSERT_GT(static_cast<unsigned char>(pictures[middle]), 128) << "at byte " << middle;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace zumod::testing
