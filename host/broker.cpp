@@ -180,21 +180,38 @@ bool Broker::CloseSilentCameras() {
             continue;
         }
         camera.last_frame = m_now;
-        const bool is_opening = m_current.type == kOpenCamera && m_current.camera == id;
-        if (is_opening || !IsWatched(id)) {
-            continue;
-        }
-        changed = true;
-        m_log.push_back({kLogIgnored, "[host] camera " + std::to_string(id) + " delivers no frames: closed"});
-        // NextRequest closes what nobody watches.
-        for (auto& [peer_id, peer] : m_peers) {
-            if (peer.watches.erase(id) != 0) {
-                peer.last_request = m_now;
-                SendState(peer, kCameraClosed, id);
-            }
-        }
+        changed = Abandon(id, " delivers no frames: closed") || changed;
     }
     return changed;
+}
+
+bool Broker::Abandon(uint32_t camera, const std::string& what) {
+    const bool is_opening = m_current.type == kOpenCamera && m_current.camera == camera;
+    if (is_opening || !IsWatched(camera)) {
+        return false;
+    }
+    m_log.push_back({kLogIgnored, "[host] camera " + std::to_string(camera) + what});
+    // NextRequest closes what nobody watches.
+    for (auto& [id, peer] : m_peers) {
+        if (peer.watches.erase(camera) != 0) {
+            peer.last_request = m_now;
+            SendState(peer, kCameraClosed, camera);
+        }
+    }
+    return true;
+}
+
+std::map<uint32_t, std::string> Broker::OpenDevices() const {
+    std::map<uint32_t, std::string> devices;
+    for (const auto& [id, camera] : m_cameras) {
+        devices.emplace(id, camera.device);
+    }
+    return devices;
+}
+
+void Broker::OnDeviceGone(uint32_t camera, Clock::time_point now) {
+    m_now = now;
+    Abandon(camera, " is gone: closed");
 }
 
 Clock::time_point Broker::NextTime() const {

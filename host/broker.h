@@ -54,7 +54,8 @@
 // Limits of time. A peer without an open camera that asks for nothing is ended, and so is one that takes
 // nothing although something waits for it, and one that sends requests too fast. A camera that delivers no
 // frame for long although a peer could take one is taken for gone: its watchers are told that it is closed,
-// and the broker closes it, which ends the work that the module has with it.
+// and the broker closes it, which ends the work that the module has with it. One whose device file is gone
+// (OnDeviceGone) is closed in the same way, at once.
 //
 // Time is passed in, and there is no I/O here: PluginStream calls the broker for the plugin's threads,
 // PeerServer for the main thread. All state that threads share is in the broker, under PluginStream's mutex.
@@ -147,6 +148,11 @@ public:
     bool IsDone(PeerId id, Clock::time_point now) const;
     // Applies the limits of time. Returns whether the plugin's threads may have something to do now.
     bool OnTime(Clock::time_point now);
+    // The open cameras and their device files.
+    std::map<uint32_t, std::string> OpenDevices() const;
+    bool HasOpenCamera() const { return !m_cameras.empty(); }
+    // The device file of an open camera does not exist any more.
+    void OnDeviceGone(uint32_t camera, Clock::time_point now);
     // When OnTime or IsDone may do something if nothing else happens.
     Clock::time_point NextTime() const;
 
@@ -227,6 +233,9 @@ private:
     static Clock::time_point SilentTime(const Camera& camera);
     // Returns whether there was one.
     bool CloseSilentCameras();
+    // Tells every watcher that the camera is closed, and logs what happened to it. Returns whether there was
+    // one.
+    bool Abandon(uint32_t camera, const std::string& what);
 
     std::optional<Bytes> Serve(PeerId id, Peer& peer, Clock::time_point now);
     static std::optional<_MESSAGE_HEADER> FrontHeader(const Peer& peer);

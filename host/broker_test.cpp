@@ -812,6 +812,29 @@ TEST_F(BrokerTest, WhileAnotherCameraMayRunNoFrameWaits) {
     EXPECT_FALSE(broker.MayTakeFrame());
 }
 
+TEST_F(BrokerTest, ACameraWhoseDeviceIsGoneIsClosedForAllItsPeers) {
+    results[DeviceTask::Kind::kFindDevice] = {"/dev/video3", {}, "", false};
+    OpenFirst(1, 0);
+    OpenFurther(2, 0);
+    EXPECT_TRUE(broker.HasOpenCamera());
+    EXPECT_EQ(broker.OpenDevices(), (std::map<uint32_t, std::string>{{0, "/dev/video3"}}));
+    broker.OnDeviceGone(0, now);
+    EXPECT_EQ(Take(1), StateBytes(kClosed, 0));
+    EXPECT_EQ(Take(2), StateBytes(kClosed, 0));
+    EXPECT_EQ(Log(), std::vector<std::string>{"[host] camera 0 is gone: closed"});
+    // Told once.
+    broker.OnDeviceGone(0, now);
+    EXPECT_EQ(Take(1), Bytes());
+    Ask(1, OpenBytes(0));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    Plugin(StateBytes(kClosed, 0));
+    EXPECT_EQ(Next(), OpenBytes(0));
+    EXPECT_EQ(Log(), std::vector<std::string>());
+    // An open that is under way is answered by the plugin.
+    broker.OnDeviceGone(0, now);
+    EXPECT_EQ(Take(1), Bytes());
+}
+
 using TaskKind = DeviceTask::Kind;
 
 // Type 129.

@@ -18,6 +18,7 @@
 
 #include "common/unique_fd.h"
 #include "common/unix_socket.h"
+#include "host/device_watch.h"
 #include "host/plugin_stream.h"
 #include "zumod/runtime.h"
 
@@ -141,6 +142,7 @@ public:
             return;
         }
         PluginStream& stream = m_session->Stream();
+        CloseMissingCameras(stream);
         if (stream.Update([](Broker& broker) { return broker.OnTime(Clock::now()); })) {
             stream.WakePlugin();
         }
@@ -175,9 +177,12 @@ public:
 
     // When Serve must be called if nothing happens.
     Clock::time_point NextTime() const {
-        return m_session == nullptr
-                   ? kNever
-                   : m_session->Stream().Query([](const Broker& broker) { return broker.NextTime(); });
+        if (m_session == nullptr) {
+            return kNever;
+        }
+        return m_session->Stream().Query([this](const Broker& broker) {
+            return std::min(broker.NextTime(), broker.HasOpenCamera() ? m_devices.NextTime() : kNever);
+        });
     }
 
 private:
@@ -187,6 +192,18 @@ private:
         Waiter::Registration input;
         Waiter::Registration output;
     };
+
+    void CloseMissingCameras(PluginStream& stream) {
+        const auto now = Clock::now();
+        if (now < m_devices.NextTime() ||
+            !stream.Query([](const Broker& broker) { return broker.HasOpenCamera(); })) {
+            return;
+        }
+        const auto open = stream.Query([](const Broker& broker) { return broker.OpenDevices(); });
+        for (const uint32_t camera : m_devices.FindGone(open, now)) {
+            stream.Call([&](Broker& broker) { broker.OnDeviceGone(camera, now); });
+        }
+    }
 
     bool IsDone(PeerId id) const {
         return m_session->Stream().Query(
@@ -265,6 +282,7 @@ private:
     const PeerLimits m_limits;
     HostLog& m_log;
     Waiter& m_waiter;
+    DeviceWatch m_devices{m_waiter};
     std::unique_ptr<Session> m_session;
     bool m_session_has_ended = false;
     Waiter::Registration m_plugin_ended;

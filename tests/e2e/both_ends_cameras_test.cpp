@@ -1,4 +1,4 @@
-// Which camera a peer sees.
+// Which camera a peer sees, and what happens when its device goes away.
 #include <fstream>
 
 #include "tests/e2e/both_ends.h"
@@ -6,6 +6,36 @@
 
 namespace zumod::testing {
 namespace {
+
+class BothEndsUnplugged : public BothEnds {
+protected:
+    BothEndsUnplugged() : BothEnds({"card=Front,formats=NV12,sizes=640x480,fps=30"}) {}
+
+    static void ExpectState(const PeerClient& peer, uint32_t state) {
+        const auto message = peer.ReceiveType(5);
+        ASSERT_TRUE(message.has_value()) << "the channel was closed";
+        EXPECT_EQ(message->body, Number32(state) + Number32(0));
+    }
+};
+
+TEST_F(BothEndsUnplugged, EveryPeerIsToldThatTheCameraIsClosedAndCanOpenItWhenItIsBack) {
+    const auto host = Start();
+    const PeerClient first = Connect();
+    ExpectPictures(first);
+    const PeerClient second = Connect();
+    EXPECT_TRUE(second.Send(OpenBytes(0)));
+    ExpectState(second, 2);
+    cameras.At(0).Inject(vcam::ParseFault("unplug").value());
+    ExpectState(first, 4);
+    ExpectState(second, 4);
+    EXPECT_TRUE(host->Says("[host] camera 0 is gone: closed"));
+    ExpectCameraFree();
+    // It is not in the list, and opening it fails.
+    EXPECT_TRUE(first.Send(OpenBytes(0)));
+    ExpectState(first, 1);
+    cameras.At(0).Inject(vcam::ParseFault("replug").value());
+    ExpectPictures(first);
+}
 
 // A film of one grey picture.
 class GreyFilms {
