@@ -136,7 +136,28 @@ function(zu_module name)
     add_custom_command(TARGET ${name} POST_BUILD COMMAND sha256sum $<TARGET_FILE_NAME:${name}>
                        WORKING_DIRECTORY ${ZU_MODULE_DIR} VERBATIM)
   endif()
-  install(TARGETS ${name} LIBRARY DESTINATION ${ZU_INSTALL_MODULE_DIR})
+  install(TARGETS ${name} LIBRARY DESTINATION ${ZU_INSTALL_MODULE_DIR} COMPONENT modules)
+endfunction()
+
+# zu_compressed(FILE DESTINATION COMPONENT [NAME]): installs FILE.gz, or NAME.gz. The same file for the same input.
+function(zu_compressed file destination component)
+  cmake_path(GET file FILENAME name)
+  if(ARGN)
+    set(name ${ARGN})
+  endif()
+  set(compressed ${CMAKE_BINARY_DIR}/compressed/${component}/${name}.gz)
+  cmake_path(GET compressed PARENT_PATH directory)
+  file(MAKE_DIRECTORY ${directory})
+  execute_process(COMMAND gzip -9nc ${file} OUTPUT_FILE ${compressed} COMMAND_ERROR_IS_FATAL ANY)
+  install(FILES ${compressed} DESTINATION ${destination} COMPONENT ${component})
+endfunction()
+
+# zu_man_page(PAGE COMPONENT): installs a man page with the version and its date.
+function(zu_man_page page component)
+  cmake_path(GET page FILENAME name)
+  set(dated ${CMAKE_BINARY_DIR}/man/${name})
+  configure_file(${page} ${dated} @ONLY)
+  zu_compressed(${dated} ${CMAKE_INSTALL_MANDIR}/man1 ${component})
 endfunction()
 
 # zu_program(NAME sources... LINK libraries...): an executable that is installed with its man page, NAME.1.
@@ -145,19 +166,21 @@ function(zu_program name)
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE zu_flags ${arg_LINK})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${ZU_PROGRAM_DIR})
-  install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  install(FILES ${name}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-  zu_completion(${name})
+  install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
+  zu_man_page(${name}.1 programs)
+  zu_completion(${name} programs)
 endfunction()
 
-# zu_completion(NAME): installs the completion of the program's command line for bash and zsh.
+# zu_completion(NAME COMPONENT): installs the completion of the program's command line for bash and zsh.
 set(ZU_COMPLETION_DIR ${CMAKE_BINARY_DIR}/completion)
-function(zu_completion name)
+function(zu_completion name component)
   set(function _${name})
   configure_file(${ZU_ROOT}/common/completion/bash.in ${ZU_COMPLETION_DIR}/bash/${name} @ONLY)
   configure_file(${ZU_ROOT}/common/completion/zsh.in ${ZU_COMPLETION_DIR}/zsh/_${name} @ONLY)
-  install(FILES ${ZU_COMPLETION_DIR}/bash/${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-  install(FILES ${ZU_COMPLETION_DIR}/zsh/_${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+  install(FILES ${ZU_COMPLETION_DIR}/bash/${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          COMPONENT ${component})
+  install(FILES ${ZU_COMPLETION_DIR}/zsh/_${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+          COMPONENT ${component})
 endfunction()
 
 # ---- Tests ----
