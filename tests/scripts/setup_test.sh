@@ -76,6 +76,8 @@ run --vm --list
 grep -qx 'qemu-system-x86' <<<"$printed" || fail '--vm --list names the virtual machine'
 grep -qx 'cmake' <<<"$printed" || fail '--vm --list names the rest as well'
 [ -z "$calls" ] || fail '--vm --list installs nothing'
+run --packages
+grep -qE '^apt-get install .* mmdebstrap( |$)' <<<"$calls" || fail "--packages installs what packages need: $calls"
 
 grep -q ':arm64$' "$work/list" && fail 'the foreign libraries are not in the plain list'
 { sed 's/^/ii  /' "$work/list"; echo 'ii  uuid-dev:amd64'; } >"$work/packages"
