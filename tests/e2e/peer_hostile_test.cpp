@@ -64,8 +64,7 @@ TEST_F(PeerHostile, DecodesASizeThatTheHostChoseItself) {
 TEST_F(PeerHostile, SkipsAPictureOfWhichAPartIsMissing) {
     const std::string path = work / "picture.png";
     Start({"snapshot", "0", path, "--timeout", "0.5"});
-    AnswerOpen();
-    host.Send(FrameBytes(0, kUsualPicture + kFirstMacroblocks));
+    AnswerOpen(FrameBytes(0, kUsualPicture + kFirstMacroblocks));
     AnswerClose();
     ExpectEnd(1, "zu-camera-peer: none of the 1 frames of camera 0 (Front) within 0.5 s could be decoded\n");
     EXPECT_EQ(Files().size(), 0U);
@@ -83,10 +82,9 @@ TEST_F(PeerHostile, EndsOnASignalWhileItDecodes) {
 }
 
 TEST_F(PeerHostile, KeepsTheTimeLimitWhileItDecodes) {
-    Start({"stats", "0", "--timeout", "0.5"});
-    AnswerOpen();
     const Bytes frame = EndlessFrame();
-    EXPECT_TRUE(host.Send(FrameBytes(0, frame)));
+    Start({"stats", "0", "--timeout", "0.5"});
+    AnswerOpen(FrameBytes(0, frame));
     AnswerClose();
     ExpectEnd(1, "zu-camera-peer: a frame of " + std::to_string(frame.size()) +
                      " bytes was not decoded within 0.5 s\n");

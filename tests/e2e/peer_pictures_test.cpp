@@ -18,6 +18,13 @@ namespace {
 class PeerPictures : public PeerProcess {
 protected:
     Bytes NextFrame() { return FrameBytes(0, stream.Next(counter++, 0)); }
+    Bytes NextFrames(int count) {
+        Bytes frames;
+        for (int i = 0; i < count; ++i) {
+            frames = frames + NextFrame();
+        }
+        return frames;
+    }
     void SendFrames(int count) {
         for (int i = 0; i < count; ++i) {
             ASSERT_TRUE(host.Send(NextFrame()));
@@ -69,7 +76,7 @@ TEST_F(PeerPictures, LeavesOutPicturesAndWritesAJpegFile) {
 }
 
 TEST_F(PeerPictures, TakesAPictureSomeTimeAfterTheFirstOne) {
-    Start({"snapshot", "0", work / "picture.png", "--after", "1000", "--timeout", "0.3"});
+    Start({"snapshot", "0", work / "picture.png", "--after", "1000", "--timeout", "0.5"});
     AnswerOpen();
     SendFrames(3);
     EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
@@ -99,19 +106,18 @@ TEST_F(PeerPictures, KeepsAFrameThatArrivesBeforeTheAnswer) {
 }
 
 TEST_F(PeerPictures, WritesNoFileIfNoPictureCanBeDecoded) {
-    Start({"snapshot", "0", work / "picture.png", "--timeout", "0.3"});
-    AnswerOpen();
-    host.Send(FrameBytes(0, Bytes(5000, 0x65)) + FrameBytes(0, {0, 0, 0, 1, 0x65}));
+    Start({"snapshot", "0", work / "picture.png", "--timeout", "0.5"});
+    AnswerOpen(FrameBytes(0, Bytes(5000, 0x65)) + FrameBytes(0, {0, 0, 0, 1, 0x65}));
     AnswerClose();
-    ExpectEnd(1, "zu-camera-peer: none of the 2 frames of camera 0 (Front) within 0.3 s could be decoded\n");
+    ExpectEnd(1, "zu-camera-peer: none of the 2 frames of camera 0 (Front) within 0.5 s could be decoded\n");
     EXPECT_EQ(Files().size(), 0U);
 }
 
 TEST_F(PeerPictures, ReportsThatTheCameraSendsNoFrame) {
-    Start({"snapshot", "0", work / "picture.png", "--timeout", "0.2"});
+    Start({"snapshot", "0", work / "picture.png", "--timeout", "0.5"});
     AnswerOpen();
     AnswerClose();
-    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.2 s\n");
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.5 s\n");
 }
 
 TEST_F(PeerPictures, RequestsTheGivenFormat) {
@@ -175,9 +181,9 @@ TEST_P(PeerRecords, AndKeepsTheFileWhenTheHostDisappears) {
 }
 
 TEST_P(PeerRecords, AndKeepsTheFileWhenFramesStop) {
+    const Bytes frames = NextFrames(5);
     Start({"record", "0", Path(), "--timeout", "0.5"});
-    AnswerOpen();
-    SendFrames(5);
+    AnswerOpen(frames);
     AnswerClose();
     ExpectEnd(
         1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.5 s; the 5 frames before that are in " +
@@ -220,10 +226,7 @@ TEST_P(PeerRecords, NothingOverAGoodFileOnAFullDisk) {
     std::ofstream(Path()) << "a good recording";
     words_in_front = {"/usr/bin/prlimit", "--fsize=60000"};
     // Encoded before, because the peer waits only a little for the answer to its last request.
-    Bytes frames;
-    for (int i = 0; i < 240; ++i) {
-        frames = frames + NextFrame();
-    }
+    const Bytes frames = NextFrames(240);
     Start({"record", "0", Path(), "--overwrite"});
     AnswerOpen();
     host.Send(frames);
@@ -239,21 +242,21 @@ TEST_P(PeerRecords, NothingOverAGoodFileOnAFullDisk) {
 }
 
 TEST_P(PeerRecords, ForTheGivenTime) {
+    const Bytes frames = NextFrames(3);
     Start({"record", "0", Path(), "--seconds", "0.3"});
-    AnswerOpen();
-    SendFrames(3);
+    AnswerOpen(frames);
     AnswerClose();
     ExpectEnd(0, "");
     EXPECT_EQ(PlayedFrames(Path()), 3);
 }
 
 TEST_P(PeerRecords, NothingWithoutAKeyFrame) {
-    Start({"record", "0", Path(), "--timeout", "0.3"});
-    AnswerOpen();
     NextFrame();
-    SendFrames(3);
+    const Bytes frames = NextFrames(3);
+    Start({"record", "0", Path(), "--timeout", "0.5"});
+    AnswerOpen(frames);
     AnswerClose();
-    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no key frame within 0.3 s\n");
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no key frame within 0.5 s\n");
     EXPECT_EQ(Files().size(), 0U);
 }
 
@@ -455,13 +458,9 @@ TEST_F(PeerPictures, RecordsOnAfterTheHostWasAway) {
 }
 
 TEST_F(PeerPictures, EndsARecordingInTimeWhileTheHostIsAway) {
-    Bytes frames;
-    for (int i = 0; i < 5; ++i) {
-        frames = frames + NextFrame();
-    }
+    const Bytes frames = NextFrames(5);
     Start({"record", "0", work / "film.mkv", "--reconnect", "--seconds", "1"});
-    AnswerOpen();
-    host.Send(frames);
+    AnswerOpen(frames);
     host.Close();
     std::filesystem::remove(socket);
     EXPECT_EQ(peer->Wait(), 1);

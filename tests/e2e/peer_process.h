@@ -42,10 +42,11 @@ protected:
     }
 
     // The same, then expects and answers the request to open camera 0 at 640x480 and 30 frames per second.
-    void AnswerOpen() {
+    // The messages are sent with the answer: a peer with a short time limit has them from the start.
+    void AnswerOpen(const Bytes& messages = {}) {
         AnswerList(kOneCamera);
         host.Expect(OpenBytes(0));
-        EXPECT_TRUE(host.Send(StateBytes(2, 0)));
+        EXPECT_TRUE(host.Send(StateBytes(2, 0) + messages));
     }
 
     // Expects the request to close camera 0, answers it, and waits until the peer has disconnected.
