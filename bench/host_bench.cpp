@@ -8,9 +8,13 @@
 #include <linux/videodev2.h>
 
 #include <algorithm>
+#include <barrier>
 #include <chrono>
 #include <ctime>
+#include <exception>
+#include <fstream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,11 +47,14 @@ constexpr int kWarmUpFrames = 30;
 // A multiple of the key interval, because key frames cost more than others.
 constexpr int kFrames = 120;
 const char* const kCamera = "card=Bench,formats=NV12,sizes=1280x720,fps=30";
+// Several peers: four of each of four cameras.
+constexpr uint32_t kCameras = 4;
+constexpr size_t kPeersOfACamera = 4;
 
-Bytes OpenRequest() {
+Bytes OpenRequest(uint32_t camera = 0) {
     Bytes message(sizeof(_MESSAGE_HEADER) + sizeof(FormatRequest));
     WriteRecord(WriteHeader(message.data(), kOpenCamera, sizeof(FormatRequest)),
-                FormatRequest{0, kWidth, kHeight, kRate});
+                FormatRequest{camera, kWidth, kHeight, kRate});
     return message;
 }
 
@@ -73,6 +80,16 @@ public:
     }
 
     PeerClient Connect() const { return PeerClient::ConnectTo(m_work / "socket"); }
+    // Resident, in KiB.
+    double Memory() const {
+        std::ifstream status("/proc/" + std::to_string(m_process->Pid()) + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("VmRSS:")) {
+                return std::stod(line.substr(6));
+            }
+        }
+        throw std::runtime_error("the host's memory cannot be read");
+    }
     // The processor time of all its threads since its start.
     double ProcessorSeconds() const { return SecondsOfClock(m_clock); }
     void End() const {
@@ -195,6 +212,119 @@ void OpenToFirstFrameCold(benchmark::State& state) {
     OrSkipWithError(state, MeasureOpenToFirstFrameCold);
 }
 BENCHMARK(OpenToFirstFrameCold)->UseManualTime()->Iterations(20)->Unit(benchmark::kMillisecond);
+
+// Peers that receive frames, each in a thread of this process. The cost of receiving is not the host's.
+struct PeersCost {
+    double frame_us = 0;    // processor time of the host per frame of a camera
+    double rate = 0;        // frames per second at the slowest peer
+    double lost = 0;        // frames that a camera delivered and a peer did not get, at most
+    double memory_kib = 0;  // of the host, at the end
+};
+
+PeersCost MeasurePeers(vcam::PreloadedCameras& cameras, uint32_t used_cameras, size_t peers_of_each) {
+    const Host host;
+    const size_t count = used_cameras * peers_of_each;
+    std::barrier begin(static_cast<std::ptrdiff_t>(count + 1));
+    std::vector<double> seconds(count);
+    std::vector<std::string> failures(count);
+    std::vector<PeerClient> peers;
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < count; ++i) {
+        peers.push_back(host.Connect());
+    }
+    for (size_t i = 0; i < count; ++i) {
+        threads.emplace_back([&, i] {
+            try {
+                const auto camera = static_cast<uint32_t>(i % used_cameras);
+                Require(peers[i].Send(OpenRequest(camera)), "the host has closed the channel");
+                ReceiveFrames(peers[i], kWarmUpFrames);
+            } catch (const std::exception& error) {
+                failures[i] = error.what();
+            }
+            begin.arrive_and_wait();
+            if (failures[i].empty()) {
+                try {
+                    const auto start = std::chrono::steady_clock::now();
+                    ReceiveFrames(peers[i], kFrames);
+                    seconds[i] =
+                        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+                } catch (const std::exception& error) {
+                    failures[i] = error.what();
+                }
+            }
+        });
+    }
+    begin.arrive_and_wait();
+    const double processor = host.ProcessorSeconds();
+    std::vector<uint64_t> delivered;
+    for (uint32_t camera = 0; camera < used_cameras; ++camera) {
+        delivered.push_back(cameras.At(camera).Status().delivered);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    PeersCost cost;
+    cost.memory_kib = host.Memory();
+    cost.frame_us = (host.ProcessorSeconds() - processor) / (kFrames * used_cameras) * 1e6;
+    for (const std::string& failure : failures) {
+        Require(failure.empty(), failure.c_str());
+    }
+    cost.rate = kFrames / *std::max_element(seconds.begin(), seconds.end());
+    for (uint32_t camera = 0; camera < used_cameras; ++camera) {
+        const auto more = static_cast<double>(cameras.At(camera).Status().delivered - delivered[camera]);
+        cost.lost = std::max(cost.lost, more - kFrames);
+    }
+    host.End();
+    return cost;
+}
+
+// What each further peer of one camera costs, relative to the first one, whose picture has to be encoded.
+void MeasureFurtherPeers(benchmark::State& state) {
+    vcam::PreloadedCameras cameras{kCamera};
+    std::vector<double> ratios;
+    for (auto _ : state) {
+        const PeersCost one = MeasurePeers(cameras, 1, 1);
+        const PeersCost several = MeasurePeers(cameras, 1, kPeersOfACamera);
+        ratios.push_back((several.frame_us - one.frame_us) / (kPeersOfACamera - 1) / one.frame_us);
+        state.SetIterationTime(one.frame_us * 1e-6);
+    }
+    state.counters["least"] = *std::min_element(ratios.begin(), ratios.end());
+    state.counters["most"] = *std::max_element(ratios.begin(), ratios.end());
+    Report(state, "ratio", Median(ratios), 0.05);
+}
+void FurtherPeersOfACamera(benchmark::State& state) {
+    OrSkipWithError(state, MeasureFurtherPeers);
+}
+BENCHMARK(FurtherPeersOfACamera)->UseManualTime()->Iterations(5)->Unit(benchmark::kMicrosecond);
+
+// Sixteen peers on four cameras.
+void MeasureManyPeers(benchmark::State& state) {
+    vcam::PreloadedCameras cameras{kCamera, kCamera, kCamera, kCamera};
+    std::vector<double> frame_us;
+    std::vector<double> rates;
+    std::vector<double> memory;
+    double lost = 0;
+    for (auto _ : state) {
+        const PeersCost few = MeasurePeers(cameras, kCameras, 1);
+        const PeersCost many = MeasurePeers(cameras, kCameras, kPeersOfACamera);
+        frame_us.push_back(many.frame_us);
+        rates.push_back(many.rate);
+        memory.push_back((many.memory_kib - few.memory_kib) / (kCameras * (kPeersOfACamera - 1)));
+        lost = std::max(lost, many.lost);
+        state.SetIterationTime(many.frame_us * 1e-6);
+    }
+    state.counters["frame_us"] = Median(frame_us);
+    state.counters["most_frame_us"] = *std::max_element(frame_us.begin(), frame_us.end());
+    state.counters["peer_percent"] = Median(frame_us) * kRate / kPeersOfACamera * 1e-4;  // of a processor
+    state.counters["peer_kib"] = Median(memory);
+    state.counters["median_rate"] = Median(rates);
+    state.counters["least_rate"] = *std::min_element(rates.begin(), rates.end());
+    Report(state, "lost", lost, 0);
+}
+void SixteenPeersOfFourCameras(benchmark::State& state) {
+    OrSkipWithError(state, MeasureManyPeers);
+}
+BENCHMARK(SixteenPeersOfFourCameras)->UseManualTime()->Iterations(3)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace zumod::bench
