@@ -253,6 +253,7 @@ std::optional<Bytes> Broker::NextRequest(Clock::time_point now) {
     if (const auto opened = m_cameras.find(m_current.camera);
         m_current.type == kOpenCamera && opened != m_cameras.end()) {
         opened->second.last_frame = now;
+        OnOpenDone();  // also if the plugin had no memory for the answer
     }
     if (m_current.peer != 0) {
         m_changed = true;
@@ -534,14 +535,19 @@ void Broker::OnAnswer(std::span<const uint8_t> bytes) {
             asker->second.watches.erase(m_current.camera);
         }
     }
+    OnOpenDone();
+    // A peer that was ended or has left gets nothing more; the broker's own requests have no asker.
+    if (asker != m_peers.end() && !asker->second.ended) {
+        Send(asker->second, CopyOf(bytes), false);
+    }
+}
+
+// The plugin has started the camera that is being opened, and no other one any more.
+void Broker::OnOpenDone() {
     if (const auto opened = m_cameras.find(m_current.camera);
         m_current.type == kOpenCamera && opened != m_cameras.end() &&
         opened->second.filter == FrameFilter::kUntilAnswer) {
         opened->second.filter = FrameFilter::kUntilKeyFrame;
-    }
-    // A peer that was ended or has left gets nothing more; the broker's own requests have no asker.
-    if (asker != m_peers.end() && !asker->second.ended) {
-        Send(asker->second, CopyOf(bytes), false);
     }
 }
 

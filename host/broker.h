@@ -256,6 +256,7 @@ private:
     void Refuse(PeerId id, Peer& peer, const FormatRequest& request);
 
     void OnAnswer(std::span<const uint8_t> bytes);
+    void OnOpenDone();
     void OnFrame(std::span<const uint8_t> bytes, Clock::time_point now);
     static void Remember(Camera& camera, const Message& message, bool is_key_frame, Clock::time_point now);
     void Offer(PeerId id, Peer& peer, uint32_t camera, const Message& message, bool is_key_frame);

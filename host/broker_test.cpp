@@ -801,6 +801,14 @@ TEST_F(BrokerTest, AStreamWithoutKeyFramesBeginsAfterTheAnswer) {
     EXPECT_EQ(Take(1), StateBytes(kOpen, 2) + FrameBytes(2, {2}));
 }
 
+TEST_F(BrokerTest, AnOpenWhoseAnswerWasLostIsDoneWhenThePluginReadsOn) {
+    Ask(1, OpenBytes(2));
+    ASSERT_EQ(Next(), OpenBytes(2));
+    EXPECT_EQ(Next(), Bytes());
+    Plugin(KeyFrame(2, 1));
+    EXPECT_EQ(Take(1), KeyFrame(2, 1));
+}
+
 TEST_F(BrokerTest, WhileAnotherCameraMayRunNoFrameWaits) {
     OpenFirst(1, 0);
     Plugin(KeyFrame(0, 1));
