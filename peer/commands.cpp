@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <string>
 
+#include "common/module_directory.h"
 #include "common/parse_number.h"
+#include "common/sandbox.h"
 #include "common/terminal_text.h"
 #include "peer/printed_text.h"
 
@@ -119,6 +121,20 @@ uint64_t MostPixels(const PeerOptions& options, PictureSize requested) {
     return std::max({pixels, options.size ? four_times(*options.size) : 0, kAlways});
 }
 
+namespace {
+
+// Before the decoder is loaded. What this process cannot do any more a codec cannot do that a host has taken
+// over with its pictures. `command`: the process behind --exec.
+Expected<void> RestrictProcess(const PeerOptions& options, pid_t command) {
+    if (!options.sandbox) {
+        return {};
+    }
+    const std::string modules = options.modules.empty() ? FindModuleDirectory() : options.modules;
+    return EnterSandbox({.modules = {modules}, .command = command}).map([](const std::string&) {});
+}
+
+}  // namespace
+
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera) {
     return options.size ? *options.size : DefaultSize(camera.sizes);
 }
@@ -135,13 +151,16 @@ Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, Vi
                                                PictureSize (*choose_size)(const PeerOptions&,
                                                                           const CameraEntry&)) {
     const PeerOptions& options = context.options;
-    auto decoder = PictureDecoder::Create(options.modules, target, context.waiter, options.limit);
-    if (!decoder) {
-        return Fail(decoder.error());
-    }
     auto session = context.Connect();
     if (!session) {
         return Fail(session.error());
+    }
+    if (auto restricted = RestrictProcess(options, session->Command()); !restricted) {
+        return Fail(restricted.error());
+    }
+    auto decoder = PictureDecoder::Create(options.modules, target, context.waiter, options.limit);
+    if (!decoder) {
+        return Fail(decoder.error());
     }
     auto listed = AskCameras(*session);
     if (!listed) {

@@ -62,7 +62,8 @@ struct CameraView {
     std::optional<OpenedCamera> opened;
 };
 
-// `choose_size` returns the size to request. The decoder comes first: if there is none, no camera is opened.
+// `choose_size` returns the size to request. Connects, enters the sandbox, loads the decoder, and then opens
+// the camera: without a decoder, none is opened. Call before any other thread starts, and once.
 Expected<std::unique_ptr<CameraView>> OpenView(
     const CommandContext& context, VideoTargetFormat target,
     PictureSize (*choose_size)(const PeerOptions&, const CameraEntry&) = RequestedSize);

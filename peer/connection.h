@@ -35,6 +35,9 @@ public:
     int Input() const { return m_input.Get(); }
     int Output() const { return m_output ? m_output.Get() : m_input.Get(); }
 
+    // The process of the command; -1 if there is none.
+    pid_t Command() const { return m_command; }
+
     // Closes the descriptors and reaps the command, which gets some time to exit before it is killed.
     // Returns how the command failed; "" if it did not, or if there is none. May be called again.
     std::string End();

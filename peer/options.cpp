@@ -169,6 +169,11 @@ private:
                       "How long to wait for a host that is busy or not up yet (default: not)",
                       [this](Clock::duration wait) { m_options.wait = wait; });
         AddModulesOption(m_app, m_options.modules, "zu-codec.so");
+        m_app.add_flag_callback(
+            "--no-sandbox", [this] { m_options.sandbox = false; },
+            "Decode with every right of the user: for debuggers, and for codec modules that need more than "
+            "the "
+            "sandbox permits");
     }
 
     void AddCommand(const Command& command) {

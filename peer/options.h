@@ -45,6 +45,7 @@ struct PeerOptions {
     std::optional<uid_t> host_user;  // who may be the host besides this user and root
     std::string exec;
     std::string modules;  // empty: the directory that belongs to the program
+    bool sandbox = true;  // for commands that decode
     Clock::duration limit = std::chrono::seconds(10);
     Clock::duration wait{};  // for a host
     std::string camera;      // id, name, or the beginning of the name

@@ -102,7 +102,20 @@ int OutputFile::WriteAt(int64_t position, std::span<const uint8_t> bytes) {
     return 0;
 }
 
+Expected<void> OutputFile::UseHelper() {
+    auto helper = CommitHelper::Start([this] { return Commit(); }, [this] { unlink(m_temporary.c_str()); });
+    if (!helper) {
+        return Fail(helper.error());
+    }
+    m_helper.emplace(std::move(*helper));
+    m_temporary.clear();
+    return {};
+}
+
 Expected<void> OutputFile::Commit() {
+    if (m_helper) {
+        return m_helper->Commit();
+    }
     const bool in_place = fsync(m_file.Get()) == 0 && Move(m_temporary, m_path, m_replace) == 0;
     const int error = errno;
     const std::string temporary = std::exchange(m_temporary, {});

@@ -14,6 +14,7 @@
 
 #include "common/error.h"
 #include "common/unique_fd.h"
+#include "peer/commit_helper.h"
 
 namespace zumod::peer {
 
@@ -30,7 +31,8 @@ public:
           m_path(std::move(other.m_path)),
           m_replace(other.m_replace),
           m_temporary(std::exchange(other.m_temporary, {})),
-          m_file(std::move(other.m_file)) {}
+          m_file(std::move(other.m_file)),
+          m_helper(std::move(other.m_helper)) {}
     OutputFile& operator=(OutputFile&&) = delete;
     // Without Commit() or Keep() nothing is left behind, and an existing file is unchanged.
     ~OutputFile();
@@ -38,6 +40,9 @@ public:
     // The path, safe for a terminal.
     const std::string& Name() const { return m_shown; }
     Expected<void> Write(std::span<const uint8_t> bytes);
+    // From now on a helper process does what Commit() and the destructor do, and Keep() must not be called:
+    // for a program that enters a sandbox. Before any other thread starts.
+    Expected<void> UseHelper();
     // Returns 0 or an errno value.
     int WriteAt(int64_t position, std::span<const uint8_t> bytes);
     // Writes the file to the disk, then gives it its name. After a failure it keeps its temporary name.
@@ -54,6 +59,7 @@ private:
     bool m_replace;
     std::string m_temporary;  // empty once it is gone
     UniqueFd m_file;
+    std::optional<CommitHelper> m_helper;
 };
 
 }  // namespace zumod::peer

@@ -53,6 +53,34 @@ protected:
     const std::string path = work / "out.png";
 };
 
+TEST_F(OutputFileTest, AHelperGivesItItsNameOrRemovesIt) {
+    {
+        OutputFile given_up = Create(path, false);
+        EXPECT_TRUE(given_up.UseHelper());
+        EXPECT_TRUE(given_up.Write(kNew));
+    }
+    EXPECT_EQ(FilesInWork(), 0U);
+    OutputFile file = Create(path, false);
+    EXPECT_TRUE(file.UseHelper());
+    EXPECT_TRUE(file.Write(kNew));
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_TRUE(file.Commit());
+    EXPECT_EQ(Content(path), "new");
+    EXPECT_EQ(FilesInWork(), 1U);
+}
+
+TEST_F(OutputFileTest, AHelperReportsThatAFileAppearedMeanwhile) {
+    OutputFile file = Create(path, false);
+    EXPECT_TRUE(file.UseHelper());
+    EXPECT_TRUE(file.Write(kNew));
+    Put(path, "other");
+    const auto result = file.Commit();
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().text.rfind(path + " cannot be put in place: File exists; it is kept as ", 0),
+              0U);
+    EXPECT_EQ(Content(path), "other");
+}
+
 TEST_F(OutputFileTest, AppearsWhenItIsComplete) {
     OutputFile file = Create(path, false);
     EXPECT_TRUE(file.Write(kNew));

@@ -33,6 +33,8 @@ public:
         : m_connection(std::move(connection)), m_waiter(waiter), m_limit(limit) {}
 
     Clock::duration Limit() const { return m_limit; }
+    // The process behind --exec; -1 if there is none.
+    pid_t Command() const { return m_connection.Command(); }
 
     // Fails if the bytes cannot be written in time. If the host is gone, Receive() reports it once all
     // received messages are delivered.

@@ -99,6 +99,9 @@ Expected<void> TakeSnapshot(const CommandContext& context) {
     if (!file) {
         return Fail(file.error());
     }
+    if (auto ready = options.sandbox ? file->UseHelper() : Expected<void>(); !ready) {
+        return ready;
+    }
     return OpenView(context, kVideoTargetBgr32)
         .and_then(
             [&](const std::unique_ptr<CameraView>& view) { return ChosenPicture(*view, options, format); })

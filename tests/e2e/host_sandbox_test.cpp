@@ -1,7 +1,11 @@
 // What the host's sandbox takes away from a codec module, and what it leaves.
+#include <list>
+#include <map>
+
 #include "common/call_filter.h"
 #include "common/landlock.h"
 #include "tests/e2e/host_process.h"
+#include "tests/support/process/scoped_environment.h"
 
 namespace zumod::testing {
 namespace {
@@ -17,8 +21,13 @@ protected:
         std::ofstream(work / "secret") << "of the user";
     }
 
-    // A host with the intruding codec, which a peer makes attach. `more`: the host's other options.
-    std::unique_ptr<ChildProcess> Attack(std::vector<std::string> more) {
+    // A host with the intruding codec, which a peer makes attach. `variables` say what the codec tries.
+    std::unique_ptr<ChildProcess> Attack(const std::map<std::string, std::string>& variables,
+                                         std::vector<std::string> more = {}) {
+        std::list<ScopedVariable> set;
+        for (const auto& [name, value] : variables) {
+            set.emplace_back(name.c_str(), value.c_str());
+        }
         more.insert(more.begin(), {"--modules", work / "modules"});
         auto host = Start(std::move(more));
         peer.emplace(Connect());
@@ -39,7 +48,7 @@ TEST_F(HostSandbox, ACodecReadsAndWritesNoFilesOfTheUser) {
     if (const auto version = LandlockVersion(); !version) {
         GTEST_SKIP() << "the kernel has no Landlock: " << version.error().text;
     }
-    const auto host = Attack({"--env", "test.intrusion.read=" + (work / "secret")});
+    const auto host = Attack({{"ZU_TEST_READ", work / "secret"}, {"ZU_TEST_WRITE", work / "secret.new"}});
     EXPECT_TRUE(host->Says("[codec] read a file: stopped\n")) << host->Errors();
     EXPECT_TRUE(host->Says("[codec] read the users: stopped\n")) << host->Errors();
     EXPECT_TRUE(host->Says("[codec] write a file: stopped\n")) << host->Errors();
@@ -53,7 +62,7 @@ TEST_F(HostSandbox, ACodecConnectsToNothing) {
     if (const auto found = FindCallFilter(); !found) {
         GTEST_SKIP() << "the kernel has no filter of system calls: " << found.error().text;
     }
-    const auto host = Attack({"--env", "test.intrusion.connect=" + socket});
+    const auto host = Attack({{"ZU_TEST_CONNECT", socket}});
     EXPECT_TRUE(host->Says("[codec] connect: stopped\n")) << host->Errors();
     peer.reset();
     ExpectServed(Connect());
@@ -63,7 +72,7 @@ TEST_F(HostSandbox, ACodecThatExecutesAProgramEndsTheHost) {
     if (const auto found = FindCallFilter(); !found) {
         GTEST_SKIP() << "the kernel has no filter of system calls: " << found.error().text;
     }
-    const auto host = Attack({"--env", "test.intrusion.execute=/bin/true"});
+    const auto host = Attack({{"ZU_TEST_EXECUTE", "/bin/true"}});
     EXPECT_EQ(host->Wait(), 128 + SIGSYS) << host->Errors();
     EXPECT_FALSE(peer->ReceiveType(7)) << "no frame, and then the end of the channel";
     // The kernel closes its camera; the next host finds everything in order.
@@ -72,8 +81,10 @@ TEST_F(HostSandbox, ACodecThatExecutesAProgramEndsTheHost) {
 }
 
 TEST_F(HostSandbox, WithoutItACodecMayDoWhatTheUserMay) {
-    const auto host = Attack({"--no-sandbox", "--env", "test.intrusion.read=" + (work / "secret"), "--env",
-                              "test.intrusion.connect=" + socket});
+    const auto host = Attack({{"ZU_TEST_READ", work / "secret"},
+                              {"ZU_TEST_WRITE", work / "secret.new"},
+                              {"ZU_TEST_CONNECT", socket}},
+                             {"--no-sandbox"});
     EXPECT_TRUE(host->Says("[codec] read a file: done\n")) << host->Errors();
     EXPECT_TRUE(host->Says("[codec] read the users: done\n")) << host->Errors();
     EXPECT_TRUE(host->Says("[codec] write a file: done\n")) << host->Errors();
@@ -81,7 +92,7 @@ TEST_F(HostSandbox, WithoutItACodecMayDoWhatTheUserMay) {
 }
 
 TEST_F(HostSandbox, WithoutItACodecMayReplaceTheHostByAnotherProgram) {
-    const auto host = Attack({"--no-sandbox", "--env", "test.intrusion.execute=/bin/true"});
+    const auto host = Attack({{"ZU_TEST_EXECUTE", "/bin/true"}}, {"--no-sandbox"});
     EXPECT_EQ(host->Wait(), 0) << host->Errors();
 }
 

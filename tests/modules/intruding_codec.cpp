@@ -1,15 +1,15 @@
-// A codec module that a peer has taken over, as far as a test can have one: when the host attaches it, it
-// tries what a codec has no reason to do, and logs each result. The properties test.intrusion.* say what it
-// tries.
+// A codec module that a peer or a host has taken over, as far as a test can have one: when a program attaches
+// it, it tries on a separate thread what a codec has no reason to do, and logs each result. The environment
+// says what it tries.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "tests/modules/test_module.h"
 
@@ -17,14 +17,14 @@ namespace {
 
 using namespace zumod;
 
-std::string Property(IZUModRuntime* host, const char* key) {
-    const CRefPtr_T<IZUModData> value(host->GetEnvProperty(key));
-    return value != nullptr && value->GetString() != nullptr ? value->GetString() : "";
+std::string Variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value != nullptr ? value : "";
 }
 
 void Tell(IZUModRuntime* host, const std::string& what, bool succeeded) {
     const std::string text = "[codec] " + what + ": " + (succeeded ? "done" : "stopped");
-    host->WriteLog(kLogEvent, text.c_str());
+    host->WriteLog(kLogFailure, text.c_str());
 }
 
 bool ConnectTo(const std::string& path) {
@@ -49,19 +49,25 @@ bool Open(const std::string& path, int flags) {
     return true;
 }
 
-int Attach(IZUModRuntime* host) {
-    if (const std::string path = Property(host, "test.intrusion.read"); !path.empty()) {
+void Intrude(IZUModRuntime* host) {
+    if (const std::string path = Variable("ZU_TEST_READ"); !path.empty()) {
         Tell(host, "read a file", Open(path, O_RDONLY));
         Tell(host, "read the users", Open("/etc/passwd", O_RDONLY));
-        Tell(host, "write a file", Open(path + ".new", O_WRONLY | O_CREAT));
     }
-    if (const std::string path = Property(host, "test.intrusion.connect"); !path.empty()) {
+    if (const std::string path = Variable("ZU_TEST_WRITE"); !path.empty()) {
+        Tell(host, "write a file", Open(path, O_WRONLY | O_CREAT));
+    }
+    if (const std::string path = Variable("ZU_TEST_CONNECT"); !path.empty()) {
         Tell(host, "connect", ConnectTo(path));
     }
-    if (const std::string path = Property(host, "test.intrusion.execute"); !path.empty()) {
+    if (const std::string path = Variable("ZU_TEST_EXECUTE"); !path.empty()) {
         execl(path.c_str(), path.c_str(), nullptr);
         Tell(host, "execute", false);
     }
+}
+
+int Attach(IZUModRuntime* host) {
+    std::thread(Intrude, host).join();
     return 1;
 }
 
