@@ -7,9 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <optional>
+#include <string_view>
 
+#include "common/parse_number.h"
 #include "common/unix_socket.h"
 #include "host/socket_directory.h"
 #include "zumod/camera_channel.h"
@@ -102,7 +105,37 @@ Expected<std::unique_ptr<Listener>> Listener::Open(const std::string& path) {
                      {status.st_dev, status.st_ino}));
 }
 
+Expected<std::unique_ptr<Listener>> Listener::FromServiceManager() {
+    const char* const process = std::getenv("LISTEN_PID");  // NOLINT(concurrency-mt-unsafe): the only thread
+    if (process == nullptr || ParseNumber<pid_t>(process) != getpid()) {
+        return nullptr;
+    }
+    const char* const count = std::getenv("LISTEN_FDS");  // NOLINT(concurrency-mt-unsafe): as above
+    if (count == nullptr || std::string_view(count) != "1") {
+        return Fail("the service manager must pass one socket (LISTEN_FDS=1)");
+    }
+    constexpr int kFirstPassed = 3;
+    const auto option = [](int name) {
+        int value = -1;
+        socklen_t size = sizeof value;
+        return getsockopt(kFirstPassed, SOL_SOCKET, name, &value, &size) == 0 ? value : -1;
+    };
+    if (option(SO_DOMAIN) != AF_UNIX || option(SO_TYPE) != SOCK_STREAM || option(SO_ACCEPTCONN) != 1) {
+        return Fail("descriptor 3 from the service manager is not a Unix stream socket that listens");
+    }
+    UniqueFd socket(kFirstPassed);
+    if (fcntl(socket.Get(), F_SETFD, FD_CLOEXEC) != 0 ||
+        fcntl(socket.Get(), F_SETFL, fcntl(socket.Get(), F_GETFL) | O_NONBLOCK) != 0) {
+        return Fail("the socket from the service manager: " + ErrnoText(errno));
+    }
+    return std::unique_ptr<Listener>(  // the constructor is private
+        new Listener(UniqueFd(), "", UniqueFd(), std::move(socket), {}));
+}
+
 Listener::~Listener() {
+    if (!m_lock) {
+        return;
+    }
     struct stat status {};
     if (Lock(m_lock) && fstatat(m_directory.Get(), m_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         std::pair(status.st_dev, status.st_ino) == m_file) {

@@ -19,7 +19,10 @@ public:
     // Creates the socket with mode 0600 in a directory as OpenPrivateDirectory opens it. The socket file of a
     // host that is dead is replaced; one with a listener is not.
     static Expected<std::unique_ptr<Listener>> Open(const std::string& path);
-    // Removes the socket file, unless another file has taken its place.
+    // The socket that a service manager passed: descriptor 3, if LISTEN_PID names this process. None if there
+    // is none. Fails if it is not one Unix socket that listens. The manager keeps it and its file. Call once.
+    static Expected<std::unique_ptr<Listener>> FromServiceManager();
+    // Removes the socket file if Open() created it, unless another file has taken its place.
     ~Listener();
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;

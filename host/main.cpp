@@ -15,6 +15,7 @@
 #include "common/module_runtime.h"
 #include "common/process_setup.h"
 #include "common/sandbox.h"
+#include "common/unix_socket.h"
 #include "common/waiter.h"
 #include "host/camera_module.h"
 #include "host/host_log.h"
@@ -69,6 +70,7 @@ Expected<std::unique_ptr<PeerStream>> TakeStandardStreams(int closed) {
 struct PeerSource {
     std::unique_ptr<Listener> listener;
     std::unique_ptr<PeerStream> standard_streams;
+    bool passed = false;  // the listener's socket, by the service manager
 };
 
 // `closed`: as above.
@@ -78,13 +80,22 @@ Expected<PeerSource> OpenPeerSource(const HostOptions& options, int closed) {
             return PeerSource{nullptr, std::move(streams)};
         });
     }
+    // A path on the command line is the user's choice.
+    if (options.listen == DefaultSocketPath()) {
+        auto passed = Listener::FromServiceManager();
+        if (!passed || *passed != nullptr) {
+            return std::move(passed).map([](std::unique_ptr<Listener> listener) {
+                return PeerSource{std::move(listener), nullptr, true};
+            });
+        }
+    }
     return Listener::Open(options.listen).map([](std::unique_ptr<Listener> listener) {
         return PeerSource{std::move(listener), nullptr};
     });
 }
 
 // Returns what is in force, for the log.
-Expected<std::string> RestrictProcess(const HostOptions& options) {
+Expected<std::string> RestrictProcess(const HostOptions& options, const PeerSource& source) {
     if (!options.sandbox) {
         return "sandbox: none, because of --no-sandbox";
     }
@@ -96,7 +107,7 @@ Expected<std::string> RestrictProcess(const HostOptions& options) {
             plan.modules.push_back(value);
         }
     }
-    if (!options.stdio) {
+    if (source.listener != nullptr && !source.passed) {
         const auto directory = std::filesystem::path(options.listen).parent_path();
         plan.socket_directory = directory.empty() ? "." : directory.string();
     }
@@ -122,7 +133,9 @@ Expected<void> Serve(const HostOptions& options, PeerSource source, HostLog& log
     if (source.listener == nullptr) {
         return ServeOnePeer(std::move(source.standard_streams), options.limits, module, log, waiter);
     }
-    log.Print(std::string(kProgram) + ": listening on " + options.listen + ", cameras are listed on request");
+    log.Print(std::string(kProgram) + ": listening on " +
+              (source.passed ? "the socket of the service manager" : options.listen) +
+              ", cameras are listed on request");
     ServePeers(*source.listener, options.limits, module, log, waiter);
     return {};
 }
@@ -144,7 +157,7 @@ Expected<void> Run(HostOptions options, int closed, HostLog& log) {
         return Fail(source.error());
     }
     // From here on without them: modules are loaded and threads start.
-    const auto restricted = RestrictProcess(options);
+    const auto restricted = RestrictProcess(options, *source);
     if (!restricted) {
         return Fail(restricted.error());
     }
