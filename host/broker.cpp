@@ -258,6 +258,9 @@ std::optional<Bytes> Broker::NextRequest(Clock::time_point now) {
     if (m_current.peer != 0) {
         m_changed = true;
     }
+    if (const auto asker = m_peers.find(m_current.peer); asker != m_peers.end()) {
+        asker->second.last_request = now;
+    }
     m_current = {};
     m_task.reset();
     auto next = m_peers.upper_bound(m_last_served);

@@ -199,7 +199,7 @@ private:
         size_t queued_frame_bytes = 0;
         size_t queued_answer_bytes = 0;
         uint64_t lost_frames = 0;
-        Clock::time_point last_request;  // or when it had a camera open for the last time
+        Clock::time_point last_request;  // its begin, its end, or when a camera was open for the last time
         Clock::time_point last_taken;    // or when nothing waited for it
         Clock::time_point request_pace = Clock::time_point::min();
         std::map<uint32_t, Watch> watches;  // by camera

@@ -626,6 +626,11 @@ TEST_F(BrokerTest, APeerWithoutACameraAndARequestIsEndedAfterItsTime) {
     Plugin(kVersionReplyBytes);
     EXPECT_EQ(Next(), Bytes());
     EXPECT_EQ(Take(2), kVersionReplyBytes);
+    // The time begins when the request is finished.
+    now += seconds(59);
+    Plugin(KeyFrame(0, 1));
+    Take(1);
+    broker.OnTime(now);
     EXPECT_EQ(broker.NextTime(), now + seconds(1));
     now += seconds(1);
     EXPECT_TRUE(broker.OnTime(now));
@@ -660,6 +665,21 @@ TEST_F(BrokerTest, APeerThatTakesNothingIsEndedAfterItsTime) {
     EXPECT_FALSE(broker.IsDone(1, now));
     EXPECT_TRUE(broker.IsDone(1, now + seconds(2)));
     EXPECT_FALSE(broker.IsDone(2, now));
+}
+
+TEST_F(BrokerTest, ALongRequestDoesNotMakeItsPeerIdle) {
+    broker.RemovePeer(2);
+    broker.RemovePeer(3);
+    Ask(1, kGetListBytes);
+    ASSERT_EQ(Next(), kGetListBytes);
+    now += seconds(100);
+    Plugin(testing::kEmptyListBytes);
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), testing::kEmptyListBytes);
+    now += seconds(59);
+    EXPECT_FALSE(broker.OnTime(now));
+    now += seconds(1);
+    EXPECT_TRUE(broker.OnTime(now));
 }
 
 TEST_F(BrokerTest, WithoutLimitsAPeerMayBeIdleAndStuck) {
