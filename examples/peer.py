@@ -66,15 +66,15 @@ def main():
     ident, _, sizes = found[0]
 
     send(host, OPEN_CAMERA, struct.pack("<Iiii", ident, *sizes[0], 30))
-    state, _ = struct.unpack("<II", receive(host, CAMERA_STATE)[1])
-    if state != 2:
-        sys.exit("peer.py: the camera could not be opened")
     with open(output, "wb") as file:
-        for _ in range(frames):
+        # The first frames may come before the answer to the open.
+        while frames > 0:
             kind, body = receive(host, VIDEO_FRAME, CAMERA_STATE)
-            if kind == CAMERA_STATE:
-                sys.exit("peer.py: the camera was closed")
-            file.write(body[8:])
+            if kind == VIDEO_FRAME:
+                file.write(body[8:])
+                frames -= 1
+            elif struct.unpack("<II", body) != (2, ident):
+                sys.exit("peer.py: the camera could not be opened, or was closed")
     send(host, CLOSE_CAMERA, struct.pack("<I", ident))
     host.stdin.close()
     host.stdout.read()

@@ -41,6 +41,12 @@ use() {
             \"\${peer[@]}\" list
             \"\${peer[@]}\" record 0 film.mp4 --seconds 1
             \"\${peer[@]}\" snapshot 0 picture.png"' >/tmp/use.log 2>&1 || { cat /tmp/use.log; fail 'the programs do not work'; }
+    for unit in /usr/lib/systemd/user/zu-camera-host.service /usr/lib/systemd/user/zu-camera-host.socket; do
+        [ -f "$unit" ] || fail "$unit is missing"
+    done
+    # The service manager looks for a program without a path in /usr/local/bin, /usr/bin and /bin.
+    (PATH=/usr/local/bin:/usr/bin:/bin; command -v "$(sed -nE 's/^ExecStart=([^ ]*).*/\1/p' \
+        /usr/lib/systemd/user/zu-camera-host.service)" >/dev/null) || fail 'the service starts a program that is not there'
     grep -q 'Front Camera' /tmp/use.log || fail 'the camera is not listed'
     [ "$(stat -c %s /tmp/use/film.mp4)" -gt 1000 ] || fail 'nothing was recorded'
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Usage: sdk_test.sh BUILD_DIRECTORY WORK_DIRECTORY
-# Installs the build, builds the installed examples against the installed SDK alone, with warnings as errors, and lends
+# Installs the build, builds the installed examples against the installed SDK, with warnings as errors, and lends
 # a virtual camera with each of them: both hosts, the codec, the peer.
 set -euo pipefail
 build=$1 work=$2
