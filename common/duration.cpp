@@ -64,8 +64,9 @@ std::optional<std::chrono::steady_clock::duration> ParseDuration(const std::stri
     if (!seconds || *seconds <= 0 || *seconds > kMostSeconds) {
         return std::nullopt;
     }
-    return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+    const auto duration = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
         std::chrono::duration<double>(*seconds));
+    return duration.count() > 0 ? std::optional(duration) : std::nullopt;
 }
 
 }  // namespace zumod

@@ -19,9 +19,9 @@ TEST(Duration, IsReadFromItsText) {
 }
 
 TEST(Duration, IsNotReadFromAnyOtherText) {
-    for (const char* text :
-         {"",    "0",   "-1", "+1",    "nan", "inf", "1e3", "0x10", "s",       "1x",    "1s1m",   "1m1m",
-          "m30", "1 m", " 1", "1.2.3", ":",   "1:",  ":30", "1:60", "1:2:3:4", "1:30s", "1000001"}) {
+    for (const char* text : {"",  "0",  "-1",   "+1",   "nan",     "inf",   "1e3",     "0x10",
+                             "s", "1x", "1s1m", "1m1m", "m30",     "1 m",   " 1",      "1.2.3",
+                             ":", "1:", ":30",  "1:60", "1:2:3:4", "1:30s", "1000001", "0.0000000001"}) {
         EXPECT_EQ(ParseDuration(text), std::nullopt) << text;
     }
 }

@@ -46,7 +46,7 @@ uint64_t FileRightsOf(int version) {
 
 Expected<void> AddRule(int ruleset, const LandlockRule& rule, uint64_t handled) {
     const UniqueFd parent(open(rule.path.c_str(), O_PATH | O_CLOEXEC));
-    if (!parent && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EACCES)) {
+    if (!parent && errno != EMFILE && errno != ENFILE && errno != ENOMEM) {
         return {};  // what does not exist, or cannot be reached, needs no rule
     }
     struct stat status {};

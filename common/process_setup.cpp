@@ -66,6 +66,7 @@ void WriteWithin(std::chrono::milliseconds time, int descriptor, std::string_vie
 
 StopSignals::StopSignals(Second second) : m_second(second) {
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGCHLD, SIG_DFL);
     const sigset_t signals = SetOf({SIGINT, SIGTERM, SIGHUP});
     m_descriptor.Reset(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
     if (m_descriptor) {

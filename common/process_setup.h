@@ -33,8 +33,9 @@ public:
     // one, and its shell another.
     enum class Second { kIsConsumed, kEndsProcess };
 
-    // Blocks the three signals, and ignores SIGPIPE. If there is no descriptor left, the signals stay as they
-    // are and end the process.
+    // Blocks the three signals, ignores SIGPIPE, and no longer ignores SIGCHLD: a program that was started
+    // with it ignored could not wait for its children. If there is no descriptor left, the three signals stay
+    // as they are and end the process.
     explicit StopSignals(Second second = Second::kIsConsumed);
 
     // Readable while a signal is pending. Negative, if there was no descriptor left.

@@ -118,5 +118,11 @@ TEST_F(StopSignalsTest, ABrokenPipeDoesNotEndTheProgram) {
     EXPECT_FALSE(signals.Consume());
 }
 
+TEST_F(StopSignalsTest, AProgramStartedWithSigchldIgnoredCanWaitForItsChildren) {
+    std::signal(SIGCHLD, SIG_IGN);
+    const StopSignals signals;
+    EXPECT_EQ(std::signal(SIGCHLD, SIG_DFL), SIG_DFL);
+}
+
 }  // namespace
 }  // namespace zumod

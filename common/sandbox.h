@@ -13,8 +13,9 @@
 // Camera devices. A Landlock rule names a file that exists; a camera that is plugged in later is a new file.
 // So the host's plan permits /dev as a whole, for reading, writing and ioctl, but not for creating anything.
 // Most of what else the user may open there stays useless: the filter lets only ioctls of video and graphics
-// devices pass, without which sound devices deliver nothing. What remains open is what works by read and
-// write only: the user's terminals, /dev/shm, input devices and security keys that this user may open.
+// devices pass, without which most sound devices deliver nothing. What remains open is what works by read and
+// write only: the user's terminals, /dev/shm, and the input devices, security keys, raw MIDI ports and old
+// sound devices (/dev/dsp) that this user may open.
 //
 // Virtual cameras (zu-vcam). The library that is preloaded connects to the server of the cameras for each
 // open and each ioctl. The host itself connects to nothing, so this is permitted only if the variable

@@ -400,9 +400,12 @@ bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
     }
     Camera& camera = found->second;
     if (!IsWatchedByOthers(request.id, peer)) {
+        const bool is_same = IsSameFormat(request, camera.format);
         Camera changed;
         changed.format = request;
-        changed.device = std::move(camera.device);
+        if (is_same) {
+            changed.device = std::move(camera.device);
+        }
         changed.last_frame = m_now;
         if (camera.filter != FrameFilter::kNone) {
             changed.filter = camera.filter;
@@ -410,6 +413,10 @@ bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
         }
         camera = std::move(changed);
         peer.watches[request.id] = {};
+        if (!is_same) {
+            // The module looks for the camera's file again, and may find another one by now.
+            AddTask(DeviceTask::Kind::kFindDevice, request.id);
+        }
         return true;
     }
     if (!IsSameFormat(request, camera.format)) {
@@ -562,13 +569,13 @@ void Broker::OnFrame(std::span<const uint8_t> bytes, Clock::time_point now) {
     }
     const bool is_key_frame = IsKeyFrame(bytes.subspan(kFrameHeaderSize));
     Camera& camera = found->second;
-    camera.last_frame = now;
     if (camera.filter == FrameFilter::kUntilAnswer ||
         (camera.filter == FrameFilter::kUntilKeyFrame && camera.has_key_frames && !is_key_frame)) {
         camera.has_key_frames |= is_key_frame;
         return;
     }
     camera.filter = FrameFilter::kNone;
+    camera.last_frame = now;
     const Message message = CopyOf(bytes);
     Remember(camera, message, is_key_frame, now);
     for (auto& [peer_id, peer] : m_peers) {

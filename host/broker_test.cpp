@@ -909,11 +909,23 @@ TEST_F(BrokerTest, AnOpenCameraKeepsItsDeviceFile) {
     ASSERT_EQ(tasks.size(), 1U);
     EXPECT_EQ(tasks[0].kind, TaskKind::kFindDevice);
     Plugin(StateBytes(kOpen, 0));
-    Ask(1, SetFormatBytes(0) + GetControlsBytes(0));
-    EXPECT_EQ(Next(), SetFormatBytes(0));
+    Ask(1, SetFormatBytes(0, 640, 480, 30) + GetControlsBytes(0));
+    EXPECT_EQ(Next(), SetFormatBytes(0, 640, 480, 30));
     EXPECT_EQ(Next(), Bytes());
     ASSERT_EQ(tasks.size(), 1U);
     EXPECT_EQ(tasks[0].device, "/dev/video3");
+}
+
+// For another format the module looks for the camera's file again.
+TEST_F(BrokerTest, TheDeviceFileIsLookedForAgainAfterAChangeOfFormat) {
+    results[TaskKind::kFindDevice] = {"/dev/video3", {}, "", false};
+    OpenFirst(1, 0);
+    results[TaskKind::kFindDevice] = {"/dev/video5", {}, "", false};
+    Ask(1, SetFormatBytes(0));
+    EXPECT_EQ(Next(), SetFormatBytes(0));
+    ASSERT_EQ(tasks.size(), 1U);
+    EXPECT_EQ(tasks[0].device, "");
+    EXPECT_EQ(broker.OpenDevices(), (std::map<uint32_t, std::string>{{0, "/dev/video5"}}));
 }
 
 TEST_F(BrokerTest, MalformedRequestsAboutControlsMakeNoTask) {

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
+#include <chrono>
 #include <optional>
 #include <utility>
 
@@ -16,6 +17,7 @@ namespace zumod::host {
 namespace {
 
 constexpr int kDeviceFiles = 64;
+constexpr auto kReportTime = std::chrono::seconds(3);
 constexpr uint32_t kMostFormats = 1024;  // of a driver that never ends its list
 
 // The sizes that the module tries. A device that takes none of them has no id.
@@ -137,7 +139,11 @@ std::optional<ControlRecord> ReadControl(const UniqueFd& device, const CameraCon
 std::vector<uint8_t> ReportControls(uint32_t camera, const std::string& file) {
     const UniqueFd device = OpenDevice(file, O_RDWR);
     std::vector<ControlRecord> controls;
+    const auto end = std::chrono::steady_clock::now() + kReportTime;
     for (const CameraControl& control : kControlTable) {
+        if (std::chrono::steady_clock::now() >= end) {
+            break;
+        }
         if (const auto record = device ? ReadControl(device, control) : std::nullopt) {
             controls.push_back(*record);
         }
@@ -179,10 +185,18 @@ Expected<std::string> SetControl(const std::string& file, const CameraControl& c
         return Fail("it is read-only");
     }
     // A driver may refuse a value while the automatic is on.
+    const auto before = automatic ? ValueOf(device, control.automatic_id) : std::nullopt;
     if (automatic && !SetValue(device, control.automatic_id, control.off)) {
         return Fail(ErrnoText(errno));
     }
-    return SetValue(device, control.id, change.value) ? Expected<std::string>(value) : Fail(ErrnoText(errno));
+    if (!SetValue(device, control.id, change.value)) {
+        const int error = errno;
+        if (before) {
+            SetValue(device, control.automatic_id, *before);
+        }
+        return Fail(ErrnoText(error));
+    }
+    return value;
 }
 
 }  // namespace

@@ -10,7 +10,8 @@
 //
 // The calls may block for as long as the driver does. PluginStream makes them on the plugin's run thread,
 // between two requests, as the plugin makes its own. So the answers to a peer keep the order of its requests,
-// and neither the main thread nor a frame waits.
+// and neither the main thread nor a frame waits. Only the end of a session waits for them. A report therefore
+// begins no call after three seconds; it then lacks the controls that are left.
 //
 // Thread rule: no shared state; any thread.
 #pragma once
@@ -26,7 +27,7 @@ namespace zumod::host {
 // Work for the run thread that only the host does.
 struct DeviceTask {
     enum class Kind {
-        kFindDevice,  // of a camera that is about to be opened
+        kFindDevice,  // of a camera that is about to be opened, or to get another format
         kReportControls,
         kSetControl,
     };

@@ -21,7 +21,7 @@ DeviceWatch::DeviceWatch(Waiter& waiter, const std::string& directory)
         std::array<char, 4096> events;  // NOLINT(cppcoreguidelines-pro-type-member-init): read into below
         while (read(m_removals.Get(), events.data(), events.size()) > 0) {
         }
-        m_next = Clock::time_point::min();
+        m_next = {};
     });
 }
 
@@ -38,10 +38,13 @@ std::vector<uint32_t> DeviceWatch::FindGone(const std::map<uint32_t, std::string
         const bool is_there = stat(file.c_str(), &status) == 0;
         const FileId now_there{status.st_dev, status.st_ino, status.st_rdev};
         const auto known = m_files.find(file);
-        if (!is_there || (known != m_files.end() && known->second != now_there)) {
+        const bool is_other = known != m_files.end() && known->second != now_there;
+        if (!is_there || is_other) {
             gone.push_back(camera);
-        } else {
-            files.emplace(file, now_there);
+        }
+        if (is_there) {
+            // A replaced file stays gone until its camera is closed.
+            files.emplace(file, is_other ? known->second : now_there);
         }
     }
     m_files = std::move(files);

@@ -43,7 +43,7 @@ private:
 
     UniqueFd m_removals;  // inotify; none if it does not work
     Waiter::Registration m_removed;
-    Clock::time_point m_next = Clock::time_point::min();
+    Clock::time_point m_next{};             // the beginning of the clock: at once
     std::map<std::string, FileId> m_files;  // of open cameras
 };
 

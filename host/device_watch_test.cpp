@@ -35,6 +35,14 @@ TEST_F(DeviceWatchTest, AFileThatIsRemovedOrReplacedIsGone) {
     EXPECT_EQ(FindGone(open), (std::vector<uint32_t>{0, 2}));
 }
 
+TEST_F(DeviceWatchTest, AReplacedFileStaysGoneUntilItsCameraIsClosed) {
+    const std::map<uint32_t, std::string> open = {{0, Make("one")}};
+    FindGone(open);
+    std::filesystem::rename(Make("new"), work / "one");
+    EXPECT_EQ(FindGone(open), (std::vector<uint32_t>{0}));
+    EXPECT_EQ(FindGone(open), (std::vector<uint32_t>{0}));
+}
+
 TEST_F(DeviceWatchTest, AFileThatCameBackIsThereForACameraThatIsOpenedAgain) {
     const std::map<uint32_t, std::string> open = {{0, Make("one")}};
     EXPECT_EQ(FindGone(open), std::vector<uint32_t>());

@@ -195,8 +195,7 @@ private:
 
     void CloseMissingCameras(PluginStream& stream) {
         const auto now = Clock::now();
-        if (now < m_devices.NextTime() ||
-            !stream.Query([](const Broker& broker) { return broker.HasOpenCamera(); })) {
+        if (now < m_devices.NextTime()) {
             return;
         }
         const auto open = stream.Query([](const Broker& broker) { return broker.OpenDevices(); });
