@@ -1,4 +1,6 @@
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "peer/commands.h"
@@ -64,14 +66,16 @@ Expected<void> SetControls(const CommandContext& context) {
         return Fail(controls.error());
     }
     for (const ControlChange& change : changes) {
-        const std::string name(FindControl(change.property)->name);
+        const std::string_view name = FindControl(change.property)->name;
         const ControlEntry* const now = FindEntry(*controls, change.property);
         if (now == nullptr || !IsDone(change, *now)) {
-            return Fail("the host did not change the " + name + " of " + label +
-                        (now == nullptr ? "" : "; it is " + ValueText(*now)));
+            std::ostringstream text;
+            text << "the host did not change the " << name << " of " << label;
+            return Fail(text.str() + (now == nullptr ? "" : "; it is " + ValueText(*now)));
         }
-        if (auto printed = context.output.Write(label + ": " + name + " " + ValueText(*now) + "\n");
-            !printed) {
+        std::ostringstream line;
+        line << label << ": " << name << ' ' << ValueText(*now) << '\n';
+        if (auto printed = context.output.Write(line.str()); !printed) {
             return printed;
         }
     }

@@ -18,7 +18,8 @@ Expected<void> RecordCameras(const CommandContext& context) {
     const auto finished = recording.Finish();
     std::string failure = finished ? "" : finished.error().text;
     if (!recorded && recorded.error() != Interrupted()) {
-        failure = recorded.error().text + "; " + (finished ? recording.RecordedText() : failure);
+        const std::string rest = finished ? recording.RecordedText() : failure;
+        failure = recorded.error().text + (rest.empty() ? "" : "; " + rest);
     } else if (finished) {
         if (auto printed = recording.PrintSummary(); !printed) {
             return printed;

@@ -315,10 +315,13 @@ Expected<void> Recording::Announce(Part& part, const WatchAction& action) {
 
 // The camera is away for some time: its file is completed.
 Expected<void> Recording::Leave(Part& part) {
-    if (!part.IsActive() || std::exchange(part.away, true)) {
+    if (!part.IsActive()) {
         return {};
     }
-    ++part.times_away;
+    if (!std::exchange(part.away, true)) {
+        ++part.times_away;
+    }
+    // Also if it was away: a frame may have come before the camera counts as back.
     return part.track.Pause();
 }
 

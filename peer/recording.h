@@ -5,9 +5,8 @@
 // one connection:
 //
 // - Without --reconnect a camera that is gone, that the host has closed, or that sends no frame within the
-// time
-//   limit is lost: its file is completed at once, and the others continue. The end of the connection ends the
-//   recording.
+//   time limit is lost: its file is completed at once, and the others continue. The end of the connection
+//   ends the recording.
 // - With --reconnect a camera that is away (also one that has stalled) is closed, looked up every second, and
 //   opened again. If the connection ends, another one is made, after a pause that doubles up to
 //   kLongestPause; every watch then starts by looking its camera up. A file is completed when its camera goes
