@@ -160,7 +160,7 @@ public:
     }
 
     bool Encode(zumod::IVEncArgs* args) override {
-        // Whatever the driver says: the picture must lie within the bytes that there are.
+        // The numbers come from the driver: the picture must lie within the bytes that there are.
         constexpr int32_t kMost = 4096;
         if (m_format.format != zumod::VideoFormatCode("NV12") || m_format.width < 2 || m_format.height < 2 ||
             m_format.width > kMost || m_format.height > kMost || m_format.width % 2 != 0 ||
