@@ -27,6 +27,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <vector>
 
@@ -156,6 +157,9 @@ private:
     host::PeerId m_last_id = 0;
     uint32_t m_serial = 0;
     std::map<uint32_t, Camera> m_cameras;
+    // Cameras that could not be opened while the answer that says so was lost. The broker takes them for
+    // open.
+    std::set<uint32_t> m_lost_failures;
     std::optional<Bytes> m_request;  // that the plugin handles
 };
 
