@@ -70,6 +70,7 @@ public:
     // Whether frames with this id come from the watched camera.
     bool IsOurs(uint32_t id) const { return m_phase != Phase::kSearching && id == m_camera.id; }
     bool IsAway() const { return m_phase != Phase::kStreaming; }
+    bool IsListed(const std::vector<CameraEntry>& cameras) const { return Find(cameras) != nullptr; }
     // With its current or last id.
     const CameraEntry& Camera() const { return m_camera; }
 
