@@ -247,15 +247,13 @@ void BrokerWorld::OnMessage(Peer& peer, std::span<const uint8_t> message) {
         case 2:
         case 11: {
             const uint8_t request = message[4] == 2 ? kList : kVersion;
-            while (!peer.due.empty() && peer.due.front().request != request && peer.due.front().optional) {
+            const auto is_answered = [&](const Due& due) {
+                return due.request == request && is(AnswerTo(request, due.number));
+            };
+            while (!peer.due.empty() && peer.due.front().optional && !is_answered(peer.due.front())) {
                 peer.due.pop_front();
             }
-            while (!peer.due.empty() && peer.due.front().optional &&
-                   !is(AnswerTo(request, peer.due.front().number))) {
-                peer.due.pop_front();
-            }
-            FUZZ_CHECK(!peer.due.empty() && peer.due.front().request == request);
-            FUZZ_CHECK(is(AnswerTo(request, peer.due.front().number)));
+            FUZZ_CHECK(!peer.due.empty() && is_answered(peer.due.front()));
             peer.due.pop_front();
             break;
         }
