@@ -10,6 +10,11 @@
 
 namespace zumod {
 
+// The width of a terminal that does not say how wide it is.
+inline constexpr size_t kUsualColumns = 80;
+// Clears the line of a terminal.
+inline constexpr char kClearLine[] = "\r\033[K";
+
 // The columns of the terminal behind the descriptor. Nothing if it is not a terminal or does not know.
 std::optional<size_t> TerminalColumns(int descriptor);
 

@@ -17,8 +17,6 @@ constexpr auto kLongestPause = std::chrono::seconds(8);
 constexpr auto kLeastLimit = std::chrono::seconds(5);
 // How many messages are handled although something is due.
 constexpr int kMostLate = 200;
-constexpr size_t kUsualColumns = 80;
-constexpr char kClearLine[] = "\r\033[K";
 
 CameraWatch::Limits LimitsFor(const PeerOptions& options) {
     CameraWatch::Limits limits = WatchLimits(options);

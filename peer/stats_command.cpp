@@ -12,8 +12,6 @@ namespace zumod::peer {
 namespace {
 
 constexpr auto kLineInterval = std::chrono::seconds(1);
-constexpr size_t kUsualColumns = 80;
-constexpr char kClearLine[] = "\r\033[K";
 
 class Stats {
 public:
