@@ -108,7 +108,9 @@ Expected<Session> CommandContext::ConnectOnce() const {
                           ? Connection::ToSocket(options.socket, options.host_user, waiter, options.limit)
                           : Connection::ToCommand(options.exec);
     return std::move(connection).map([this](Connection&& made) {
-        return Session(std::move(made), waiter, options.limit);
+        return Session(std::move(made), waiter, options.limit, [this](const std::string& notice) {
+            messages.Offer((messages.IsTerminal() ? kClearLine : "") + ("zu-camera-peer: " + notice + "\n"));
+        });
     });
 }
 

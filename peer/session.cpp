@@ -49,23 +49,37 @@ Expected<std::optional<ReceivedMessage>> Session::Receive(Clock::time_point dead
         }
     }
     const auto registration = m_waiter.Watch(m_connection.Input(), POLLIN, [this] { OnReadable(); });
-    while (m_messages.empty()) {
-        if (!m_failure.empty()) {
-            return Fail(EndOfMessages());
+    for (;;) {
+        while (m_messages.empty()) {
+            if (!m_failure.empty()) {
+                return Fail(EndOfMessages());
+            }
+            if (Clock::now() >= deadline) {
+                ShowNotice();
+                return std::nullopt;
+            }
+            if (const auto waited = m_waiter.Wait(deadline); !waited) {
+                return Fail(waited.error());
+            }
         }
-        if (Clock::now() >= deadline) {
-            return std::nullopt;
+        ReceivedMessage next = std::move(m_messages.front());
+        m_messages.pop_front();
+        ShowNotice();
+        m_notice.clear();
+        const auto* const notice = std::get_if<NoticeMessage>(&next.message);
+        if (notice == nullptr) {
+            return next;
         }
-        if (const auto waited = m_waiter.Wait(deadline); !waited) {
-            return Fail(waited.error());
-        }
+        m_notice = "the host says: " + SafeText(notice->text);
     }
-    ReceivedMessage next = std::move(m_messages.front());
-    m_messages.pop_front();
-    if (const auto* notice = std::get_if<NoticeMessage>(&next.message)) {
-        return Fail("the host says: " + SafeText(notice->text));
+}
+
+void Session::ShowNotice() {
+    if (!m_notice.empty() && m_notice != m_shown_notice && m_notices_shown < kMostNotices) {
+        ++m_notices_shown;
+        m_shown_notice = m_notice;
+        m_on_notice(m_notice);
     }
-    return next;
 }
 
 void Session::PutBack(std::vector<ReceivedMessage> messages) {
@@ -108,8 +122,13 @@ void Session::ReplaceFailureByGreeting() {
 
 // Includes how the command behind the connection ended.
 Error Session::EndOfMessages() {
-    if (m_closed) {
+    if (!m_closed) {
+        ShowNotice();
+    } else {
         m_closed = false;
+        if (!m_notice.empty()) {
+            return {m_failure = m_notice};
+        }
         const std::string command = m_connection.End();
         m_failure += command.empty() ? "" : ": " + command;
     }

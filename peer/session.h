@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,9 +29,15 @@ struct ReceivedMessage {
 
 class Session {
 public:
+    // For the user; safe for a terminal. Called within Receive().
+    using OnNotice = std::function<void(const std::string& text)>;
+
     // `limit`: how long an answer, or a write, may take. `waiter` is borrowed.
-    Session(Connection connection, Waiter& waiter, Clock::duration limit)
-        : m_connection(std::move(connection)), m_waiter(waiter), m_limit(limit) {}
+    Session(Connection connection, Waiter& waiter, Clock::duration limit, OnNotice on_notice)
+        : m_connection(std::move(connection)),
+          m_waiter(waiter),
+          m_limit(limit),
+          m_on_notice(std::move(on_notice)) {}
 
     Clock::duration Limit() const { return m_limit; }
     // The process behind --exec; -1 if there is none.
@@ -40,8 +47,11 @@ public:
     // received messages are delivered.
     Expected<void> Send(const std::vector<uint8_t>& bytes);
 
-    // The next message, or nothing at the deadline. Fails if the host closed the connection, or sent a notice
-    // or a malformed message, and if a signal ends the wait.
+    // The next message other than a notice, or nothing at the deadline. Fails if the host closed the
+    // connection or sent a malformed message, and if a signal ends the wait.
+    //
+    // A notice says why the connection ends, or why what was requested does not happen. Followed by the end
+    // of the connection it is the failure; followed by anything else it goes to OnNotice.
     Expected<std::optional<ReceivedMessage>> Receive(Clock::time_point deadline);
 
     // Puts messages back to the front of the queue, in this order.
@@ -50,19 +60,26 @@ public:
 private:
     static constexpr size_t kReadSize = 65536;
     static constexpr size_t kGreetingSize = 512;
+    static constexpr int kMostNotices = 32;  // that are shown
 
     // Reads once, without blocking.
     void OnReadable();
     // If what came first is not a message, that is the failure.
     void ReplaceFailureByGreeting();
+    // Not again if it is the same as the one before.
+    void ShowNotice();
     Error EndOfMessages();
 
     Connection m_connection;
     Waiter& m_waiter;
     const Clock::duration m_limit;
+    const OnNotice m_on_notice;
     MessageReader m_reader;
     std::vector<uint8_t> m_first_bytes;  // at most kGreetingSize
     std::deque<ReceivedMessage> m_messages;
+    std::string m_notice;  // what came last was a notice; empty if it was not
+    std::string m_shown_notice;
+    int m_notices_shown = 0;
     bool m_closed = false;  // by the host
     std::string m_failure;  // reported when no message is left; empty while more may arrive
 };

@@ -94,6 +94,21 @@ TEST_F(PeerAnswers, PrintsAHostsNoticeAsAnError) {
     EXPECT_EQ(Printed(), "");
 }
 
+TEST_F(PeerAnswers, ShowsAHostsNoticeBeforeTheAnswer) {
+    Start({"version"});
+    host.Send(NoticeBytes("this host restarts at noon") + kVersionReplyBytes);
+    ExpectEnd(0, "zu-camera-peer: the host says: this host restarts at noon\n");
+    EXPECT_EQ(Printed(), "5\n");
+}
+
+TEST_F(PeerAnswers, ShowsAHostsNoticeIfNoAnswerFollows) {
+    Start({"version", "--timeout", "0.2"});
+    host.Send(NoticeBytes("not now"));
+    ExpectEnd(1,
+              "zu-camera-peer: the host says: not now\n"
+              "zu-camera-peer: the host did not answer within 0.2 s: version request\n");
+}
+
 TEST_F(PeerAnswers, ReportsThatTheHostClosedWithoutAnAnswer) {
     Start({"list"});
     host.Expect(kGetListBytes);

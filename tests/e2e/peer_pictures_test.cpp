@@ -459,6 +459,23 @@ TEST_F(PeerPictures, RecordsOnAfterTheHostWasAway) {
     EXPECT_EQ(PlayedFrames(work / "film-002.mkv"), 4);
 }
 
+TEST_F(PeerPictures, ShowsANoticeAndGoesOnRecording) {
+    Start({"record", "0", work / "film.mkv", "--reconnect"});
+    AnswerOpen();
+    SendFrames(5);
+    host.Send(NoticeBytes("the lid\x1b is closed") + NoticeBytes("the lid\x1b is closed"));
+    EncodedStream again(640, 480);
+    for (uint32_t i = 0; i < 4; ++i) {
+        host.Send(FrameBytes(0, again.Next(i, 0)));
+    }
+    EXPECT_TRUE(peer->Says("the host says: "));
+    EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
+    peer->Signal(SIGINT);
+    AnswerClose();
+    ExpectEnd(0, "zu-camera-peer: the host says: the lid\\x1b is closed\n");
+    EXPECT_EQ(PlayedFrames(work / "film.mkv"), 9);
+}
+
 TEST_F(PeerPictures, EndsARecordingInTimeWhileTheHostIsAway) {
     const Bytes frames = NextFrames(5);
     Start({"record", "0", work / "film.mkv", "--reconnect", "--seconds", "1"});
