@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -97,6 +98,7 @@ public:
         return CheckCommand(count, words)
             .and_then([&] { return ParseCommandLine(m_app, count, words); })
             .and_then([this] { return AddTargets(); })
+            .and_then([this] { return CheckSettings(); })
             .and_then([this] { return CheckConnection(); })
             .map([this] { return m_options; });
     }
@@ -124,6 +126,16 @@ private:
         if (m_options.socket.empty() == m_options.exec.empty()) {
             return FailUsage(m_options.socket.empty() ? "give --socket PATH or --exec COMMAND"
                                                       : "--socket and --exec exclude each other");
+        }
+        return {};
+    }
+
+    Expected<void> CheckSettings() const {
+        std::set<const CameraControl*> controls;
+        for (const ControlSetting& setting : m_options.settings) {
+            if (!controls.insert(setting.control).second) {
+                return FailUsage("CONTROL=VALUE: " + std::string(setting.control->name) + " is given twice");
+            }
         }
         return {};
     }

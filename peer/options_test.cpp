@@ -163,6 +163,8 @@ TEST(PeerOptions, SayWhatIsWrong) {
               "FILE: is missing after CAMERA 1 (see --help)");
     EXPECT_EQ(Mistake({"--socket", "s", "--timeout", "soon", "list"}),
               "--timeout: takes a time such as 90, 1m30s or 00:01:30, not \"soon\" (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "s", "set", "0", "focus=10", "gain=3", "focus=auto"}),
+              "CONTROL=VALUE: focus is given twice (see --help)");
     EXPECT_EQ(Mistake({"--socket", "s", "format", "0", "--size", "big"}),
               "--size: takes WIDTHxHEIGHT, not \"big\" (see --help)");
 }
