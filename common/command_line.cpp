@@ -3,10 +3,35 @@
 #include <algorithm>
 #include <optional>
 #include <sstream>
+#include <string_view>
 
 #include "common/duration.h"
+#include "common/terminal_text.h"
 
 namespace zumod {
+namespace {
+
+// A line of help, in several lines if it is too long. The description of an option, which starts at `column`,
+// continues there.
+std::string Wrapped(std::string line, size_t column) {
+    constexpr std::string_view kUsage = "Usage: ";
+    const size_t indent = line.starts_with("  ") ? column : line.starts_with(kUsage) ? kUsage.size() : 0;
+    std::string wrapped;
+    while (line.size() > kUsualColumns) {
+        size_t space = line.rfind(' ', kUsualColumns);
+        if (space == std::string::npos || space <= indent) {
+            space = line.find(' ', kUsualColumns);
+        }
+        if (space == std::string::npos) {
+            break;
+        }
+        wrapped += line.substr(0, space) + '\n';
+        line = std::string(indent, ' ') + line.substr(space + 1);
+    }
+    return wrapped + line;
+}
+
+}  // namespace
 
 void AddHelpAndVersion(CLI::App& app) {
     app.set_help_flag("-h,--help", "Print this text and exit");
@@ -44,9 +69,13 @@ Expected<void> ParseCommandLine(CLI::App& app, int count, const char* const* wor
     try {
         app.parse(count, words);
     } catch (const CLI::Success& request) {
-        std::ostringstream out;
+        std::stringstream out;
         app.exit(request, out, out);
-        return Fail(out.str(), 0);
+        std::string text;
+        for (std::string line; std::getline(out, line);) {
+            text += Wrapped(line, app.get_formatter()->get_column_width()) + '\n';
+        }
+        return Fail(text, 0);
     } catch (const CLI::ParseError& error) {
         std::string text = error.what();
         std::replace(text.begin(), text.end(), '\n', ' ');

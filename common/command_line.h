@@ -28,7 +28,8 @@ void AddTimeOption(CLI::App& app, const std::string& name, const std::string& he
 CLI::Validator NotEmpty(const std::string& what);
 
 // As app.parse(): stores the values in the variables that the options are bound to. If help or the version
-// was asked for, that text is the error, with status 0. A mistake is one line with kExitUsage.
+// was asked for, that text is the error, with status 0; no line of it is longer than kUsualColumns, unless a
+// single word is. A mistake is one line with kExitUsage.
 Expected<void> ParseCommandLine(CLI::App& app, int count, const char* const* words);
 
 }  // namespace zumod

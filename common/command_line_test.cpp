@@ -37,6 +37,31 @@ TEST_F(CommandLine, HelpNamesEveryOption) {
     }
 }
 
+TEST_F(CommandLine, HelpIsWrappedAt80Columns) {
+    CLI::App wide(
+        "Does something that takes more words to describe than a line of eighty columns has room for.", "zu");
+    wide.set_help_flag("--help", "Print this text");
+    std::string value;
+    wide.add_option("--an-option", value,
+                    "Its description continues in the column where it starts, as often as it needs to, until "
+                    "all of it has been said")
+        ->type_name("NAME");
+    const char* words[] = {"zu", "--help"};
+    const auto result = ParseCommandLine(wide, 2, words);
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().text,
+              "Does something that takes more words to describe than a line of eighty columns\n"
+              "has room for.\n"
+              "Usage: zu [OPTIONS]\n"
+              "\n"
+              "Options:\n"
+              "  --help                      Print this text\n"
+              "  --an-option NAME            Its description continues in the column where it\n"
+              "                              starts, as often as it needs to, until all of it\n"
+              "                              has been said\n"
+              "\n");
+}
+
 TEST_F(CommandLine, TheVersionIsOneLine) {
     const auto result = Parse({"--version"});
     ASSERT_FALSE(result);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kMostPeers = 256;
 constexpr char kDescription[] =
-    "Lends this machine's cameras to peers: loads the camera module and serves the peers at a\n"
+    "Lends this machine's cameras to peers: loads the camera module and serves the peers at a "
     "socket, or the one at standard input and output.";
 constexpr char kFooter[] =
     "SIGINT, SIGTERM and SIGHUP close every camera and end the program with status 0.\n"

@@ -184,8 +184,7 @@ private:
         m_app.add_flag_callback(
             "--no-sandbox", [this] { m_options.sandbox = false; },
             "Decode with every right of the user: for debuggers, and for codec modules that need more than "
-            "the "
-            "sandbox permits");
+            "the sandbox permits");
     }
 
     void AddCommand(const Command& command) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <sstream>
 
 #include "peer/commands.h"
 
@@ -204,6 +205,29 @@ TEST(MostPixels, AllowAHostASizeOfItsChoice) {
     EXPECT_EQ(MostPixels(options, {640, 480}), 4U * 16384 * 16384);
 }
 
+// Without the breaks of lines.
+std::string Unwrapped(const std::string& text) {
+    std::istringstream words(text);
+    std::string unwrapped;
+    for (std::string word; words >> word;) {
+        unwrapped += word + ' ';
+    }
+    return unwrapped;
+}
+
+TEST(PeerOptions, AreExplainedInLinesOf80Columns) {
+    std::vector<std::string> texts = {Help({"--help"})};
+    for (const Command& command : Commands()) {
+        texts.push_back(Help({command.name, "--help"}));
+    }
+    for (const std::string& text : texts) {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), 80U) << line;
+        }
+    }
+}
+
 TEST(PeerOptions, ExplainThemselves) {
     const std::string help = Help({"--help"});
     for (const char* word : {"--socket", "--exec", "--timeout", "Exit status"}) {
@@ -211,7 +235,7 @@ TEST(PeerOptions, ExplainThemselves) {
     }
     for (const Command& command : Commands()) {
         EXPECT_NE(help.find(std::string("  ") + command.name + " "), std::string::npos) << command.name;
-        EXPECT_NE(help.find(command.help), std::string::npos) << command.name;
+        EXPECT_NE(Unwrapped(help).find(command.help), std::string::npos) << command.name;
     }
     EXPECT_NE(Help({"record", "--help"}).find("--overwrite"), std::string::npos);
     EXPECT_EQ(Help({"--version"}).rfind("zu-camera-peer ", 0), 0U);

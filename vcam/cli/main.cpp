@@ -33,7 +33,7 @@ constexpr char kUsage[] =
     "Usage: zu-vcam [--camera LIST]... [--name NAME] [--] COMMAND [ARGUMENT]...\n"
     "       zu-vcam ctl [--name NAME] CAMERA FAULT|clear|status\n";
 constexpr char kDescription[] =
-    "Runs COMMAND with virtual cameras at /dev/videoN, without a kernel module and without root.\n"
+    "Runs COMMAND with virtual cameras at /dev/videoN, without a kernel module and without root. "
     "COMMAND and the programs it starts find them as they find a driver's cameras.";
 
 class HelpFormatter : public CLI::Formatter {
@@ -83,14 +83,14 @@ Expected<Options> ParseOptions(int count, const char* const* words) {
     app.footer(
         "Formats: " + FormatNames() +
         "\n\nctl injects a fault into camera CAMERA while it runs (0 is the first --camera).\n"
-        "Exit status: COMMAND's; 128 and the number of the signal that ended it; 127 if there is no such\n"
+        "Exit status: COMMAND's; 128 and the number of the signal that ended it; 127 if there is no such "
         "command, 126 if it cannot be run; 2 wrong options, 1 another failure.");
     AddHelpAndVersion(app);
     Options options;
     std::vector<std::string> cameras;
     bool list_options = false;
     app.add_option("--camera", cameras,
-                   "Adds a camera, as in card=\"Front Camera\",formats=NV12:YUYV,sizes=640x480,fps=30\n"
+                   "Adds a camera, as in card=Front,formats=NV12:YUYV,sizes=640x480,fps=30 "
                    "(default: one camera with the defaults); may be given several times")
         ->type_name("LIST")
         ->allow_extra_args(false)
