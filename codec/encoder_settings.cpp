@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "codec/rate_meter.h"
 #include "codec/setting_keys.h"
 #include "src/module/log.h"
 #include "src/module/runtime.h"

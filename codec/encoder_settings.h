@@ -9,9 +9,6 @@
 
 namespace zumod {
 
-// Pictures per second. The input format record has no frame rate, so the encoder assumes this one.
-inline constexpr int kAssumedRate = 30;
-
 // The flags of the creation policy.
 struct EncoderPolicy {
     bool fast_conversion = false;   // enc.rapid.sub: convert colours faster and more coarsely
@@ -21,10 +18,10 @@ struct EncoderPolicy {
 };
 
 struct EncoderSettings {
-    int64_t bit_rate;  // bits per second
+    int64_t bit_rate;  // bits per second, of a stream of 30 pictures per second or more
     int key_interval;  // pictures
     std::string preset;
-    int buffer_ms;  // the bit rate holds within any time of this length
+    int buffer_ms;  // the bit rate is the limit for any time of this length
     int threads;    // that encode slices of one picture at the same time
 };
 

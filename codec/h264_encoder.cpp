@@ -4,7 +4,9 @@
 #include <atomic>
 #include <cinttypes>
 #include <climits>
+#include <numeric>
 
+#include "codec/rate_meter.h"
 #include "codec/vaapi_frames.h"
 #include "src/module/log.h"
 
@@ -17,9 +19,19 @@ namespace {
 
 // Below this the picture is not worth sending.
 constexpr int64_t kLeastHalvedRate = 100'000;
+// libx264 counts in kilobits per second, and takes 0 for "not set".
+constexpr int64_t kLeastRate = 10'000;
 
 int BufferBits(const EncoderSettings& settings) {
     return static_cast<int>(std::min<int64_t>(settings.bit_rate * settings.buffer_ms / 1000, INT_MAX));
+}
+
+// A slower stream gets fewer bits per second and as many per picture. With more bits per picture it could
+// become slower still, because a line that is too slow lowers the rate, too.
+int64_t BitRate(const EncoderShape& shape, const EncoderSettings& settings) {
+    constexpr int64_t kAssumedTenths = int64_t{10} * kAssumedRate;
+    const int64_t tenths = std::min<int64_t>(shape.rate_tenths, kAssumedTenths);
+    return std::max(settings.bit_rate * tenths / kAssumedTenths, std::min(settings.bit_rate, kLeastRate));
 }
 
 // Allocates the encoder and sets everything that is the same for all of them.
@@ -37,17 +49,18 @@ AvOwner<AVCodecContext> NewContext(const char* encoder, const EncoderShape& shap
     // What cameras deliver by default, and what PictureSource converts to.
     context->color_range = AVCOL_RANGE_MPEG;
     context->colorspace = AVCOL_SPC_SMPTE170M;
-    context->time_base = {1, kAssumedRate};
-    context->framerate = {kAssumedRate, 1};
+    const int divisor = std::gcd(shape.rate_tenths, 10);
+    context->framerate = {shape.rate_tenths / divisor, 10 / divisor};
+    context->time_base = av_inv_q(context->framerate);
     context->gop_size = settings.key_interval;
     context->max_b_frames = 0;
     // Not one picture per thread, which would delay each picture.
     context->thread_type = FF_THREAD_SLICE;
     context->thread_count = settings.threads;
-    context->bit_rate = settings.bit_rate;
+    context->bit_rate = BitRate(shape, settings);
     if (!policy.file_record) {
         // The rate holds within the buffer's time, so that a channel of this rate never falls behind more.
-        context->rc_max_rate = settings.bit_rate;
+        context->rc_max_rate = context->bit_rate;
         context->rc_buffer_size = BufferBits(settings);
     }
     if (policy.no_stream_header) {
@@ -56,9 +69,12 @@ AvOwner<AVCodecContext> NewContext(const char* encoder, const EncoderShape& shap
     return context;
 }
 
-void LogOpened(const AVCodecContext& context, const EncoderSettings& settings) {
-    ZuModLog(kLogEvent, "[zu-codec] encode %dx%d with %s, %" PRId64 " bits a second, a key frame every %d",
-             context.width, context.height, context.codec->name, settings.bit_rate, settings.key_interval);
+void LogOpened(const AVCodecContext& context, const EncoderShape& shape, const EncoderSettings& settings) {
+    ZuModLog(kLogEvent,
+             "[zu-codec] encode %dx%d with %s, %" PRId64
+             " bits a second, a key frame every %d, %g pictures a second",
+             context.width, context.height, context.codec->name, BitRate(shape, settings),
+             settings.key_interval, av_q2d(context.framerate));
 }
 
 AvOwner<AVCodecContext> OpenVaapi(const EncoderShape& shape, const EncoderSettings& settings,
@@ -109,7 +125,7 @@ AvOwner<AVCodecContext> OpenSoftwareEncoder(const EncoderShape& shape, const Enc
                  shape.height, AvErrorText(error).text);
         return nullptr;
     }
-    LogOpened(*context, settings);
+    LogOpened(*context, shape, settings);
     return context;
 }
 
@@ -118,7 +134,7 @@ AvOwner<AVCodecContext> OpenHardwareEncoder(const EncoderShape& shape, const Enc
                                             const EncoderPolicy& policy) {
     for (const auto open : {&OpenVaapi, &OpenV4l2}) {
         if (AvOwner<AVCodecContext> context = open(shape, settings, policy)) {
-            LogOpened(*context, settings);
+            LogOpened(*context, shape, settings);
             return context;
         }
     }

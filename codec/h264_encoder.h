@@ -11,11 +11,13 @@
 
 namespace zumod {
 
-// The pictures an encoder is opened for; both sides are even.
+// The pictures an encoder is opened for; both sides are even. The stream states the rate, in tenths of a
+// picture per second.
 struct EncoderShape {
     int width;
     int height;
     AVPixelFormat pixel_format;
+    int rate_tenths;
 };
 
 class H264Encoder {

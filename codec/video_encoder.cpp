@@ -62,11 +62,17 @@ bool CVideoEncoder::Encode(IVEncArgs* args) {
 
 bool CVideoEncoder::EncodeArgs(IVEncArgs& args) {
     PictureLayout layout{};
-    if (!LayOutInput(args, layout) || !EnsureOpen(layout)) {
+    if (!LayOutInput(args, layout)) {
         return false;
     }
+    const LineFollower::Duration now = m_now();
+    m_meter.OnPicture(now);
+    m_follower.OnPicture(now);
+    if (!EnsureOpen(layout)) {
+        return false;
+    }
+    m_encoder.HalveBitRate(m_follower.Halvings());
     const auto* bytes = static_cast<const uint8_t*>(args.GetInputData());
-    FollowLine();
     int error = EncodePicture(layout, bytes);
     if (error < 0 && error != AVERROR(EAGAIN) && m_encoder.IsHardware()) {
         ZuModLog(kLogIgnored, "[zu-codec] the hardware encoder fails, the software encoder is used: %s",
@@ -109,13 +115,13 @@ bool CVideoEncoder::LayOutInput(IVEncArgs& args, PictureLayout& layout) {
 bool CVideoEncoder::EnsureOpen(const PictureLayout& layout) {
     const EncoderShape& open = m_encoder.Shape();
     const bool fits = m_encoder.IsOpen() && open.width == EvenSide(layout.width) &&
-                      open.height == EvenSide(layout.height) &&
+                      open.height == EvenSide(layout.height) && open.rate_tenths == m_meter.Tenths() &&
                       (m_encoder.IsHardware() || open.pixel_format == layout.format->encode_as);
     return fits || OpenFor(layout);
 }
 
 bool CVideoEncoder::OpenFor(const PictureLayout& layout) {
-    EncoderShape shape{EvenSide(layout.width), EvenSide(layout.height), AV_PIX_FMT_NV12};
+    EncoderShape shape{EvenSide(layout.width), EvenSide(layout.height), AV_PIX_FMT_NV12, m_meter.Tenths()};
     const EncoderSettings settings = ReadEncoderSettings(shape.width, shape.height);
     bool open = false;
     if (m_hardware_allowed && !m_hardware_failed) {
@@ -137,11 +143,6 @@ bool CVideoEncoder::OpenFor(const PictureLayout& layout) {
 LineFollower::Duration CVideoEncoder::SystemNow() {
     return std::chrono::duration_cast<LineFollower::Duration>(
         std::chrono::steady_clock::now().time_since_epoch());
-}
-
-void CVideoEncoder::FollowLine() {
-    m_follower.OnPicture(m_now());
-    m_encoder.HalveBitRate(m_follower.Halvings());
 }
 
 // 0 when the encoder's packet holds the picture, otherwise an error number.

@@ -9,6 +9,7 @@
 #include "codec/line_follower.h"
 #include "codec/picture_layout.h"
 #include "codec/picture_source.h"
+#include "codec/rate_meter.h"
 #include "zumod/codec.h"
 #include "zumod/ref_ptr.h"
 
@@ -38,8 +39,6 @@ public:
 private:
     bool EncodeArgs(IVEncArgs& args);
     static LineFollower::Duration SystemNow();
-    // Reports this call to m_follower and encodes with as many bits as it says.
-    void FollowLine();
     // Computes the layout of the call's picture; false if the record and the bytes do not describe one.
     bool LayOutInput(IVEncArgs& args, PictureLayout& layout);
     bool EnsureOpen(const PictureLayout& layout);
@@ -50,6 +49,7 @@ private:
     const EncoderPolicy m_policy;
     const Now m_now;
     LineFollower m_follower;
+    RateMeter m_meter;
     VideoInputFormat m_record{};
     bool m_hardware_allowed = false;
     bool m_hardware_failed = false;

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "common/av_objects.h"
 #include "tests/support/doubles/codec_calls.h"
 #include "tests/support/doubles/picture_pattern.h"
 #include "tests/support/doubles/recording_host.h"
@@ -21,6 +22,7 @@ namespace zumod::testing {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::SizeIs;
@@ -29,12 +31,30 @@ const std::vector<uint32_t> kAllFormats = {kNv12, kNv21, kI420, kYv12, kYuy2, 0}
 
 LogLine OpenedLine(const std::string& size, const std::string& bit_rate) {
     return {1, "[zu-codec] encode " + size + " with libx264, " + bit_rate +
-                   " bits a second, a key frame every 60"};
+                   " bits a second, a key frame every 60, 30 pictures a second"};
+}
+
+// The rate that the parameter sets of a key frame state, as a player reads it.
+std::string StatedRate(const std::vector<uint8_t>& stream) {
+    const AvOwner<AVCodecContext> context(avcodec_alloc_context3(nullptr));
+    context->codec_id = AV_CODEC_ID_H264;
+    context->ticks_per_frame = 2;  // as each H.264 decoder sets it
+    AVCodecParserContext* const parser = av_parser_init(AV_CODEC_ID_H264);
+    parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
+    uint8_t* data = nullptr;
+    int size = 0;
+    av_parser_parse2(parser, context.get(), &data, &size, stream.data(), static_cast<int>(stream.size()),
+                     AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+    av_parser_close(parser);
+    return std::to_string(context->framerate.num) + '/' + std::to_string(context->framerate.den);
 }
 
 class VideoEncoderTest : public LoggingTest {
 protected:
-    VideoEncoderTest() { CreateEncoder({.source_rgb = true}); }
+    VideoEncoderTest() {
+        interval = kCameraInterval;
+        CreateEncoder({.source_rgb = true});
+    }
 
     // The encoder's clock: each picture comes this much after the one before.
     static constexpr std::chrono::microseconds kCameraInterval{33'333};
@@ -97,7 +117,7 @@ TEST_F(VideoEncoderTest, TheHostSetsTheKeyInterval) {
     EXPECT_THAT(KeyPictures(20), ElementsAre(0, 7, 14));
     EXPECT_THAT(host.Lines(), ElementsAre(LogLine{1,
                                                   "[zu-codec] encode 64x48 with libx264, 100000 bits a "
-                                                  "second, a key frame every 7"}));
+                                                  "second, a key frame every 7, 30 pictures a second"}));
 }
 
 TEST_F(VideoEncoderTest, TheHeadersAreRepeatedWithEachKeyFrame) {
@@ -208,6 +228,71 @@ TEST_F(VideoEncoderTest, GapsBetweenCallsHalveTheBitsForAWhile) {
     const size_t after = bytes_of(24);
     EXPECT_LT(slow, before * 7 / 10);
     EXPECT_GT(after, before * 9 / 10);
+}
+
+TEST_F(VideoEncoderTest, AKeyFrameStatesTheMeasuredRate) {
+    struct {
+        std::chrono::microseconds interval;
+        int pictures;  // in four seconds, and the first one
+        std::string rate;
+        std::string line;
+    } const cameras[] = {
+        {std::chrono::microseconds(66'667), 61, "15/1", "50000 bits a second, a key frame every 60, 15"},
+        {std::chrono::microseconds(133'333), 33, "15/2", "25000 bits a second, a key frame every 60, 7.5"},
+        {std::chrono::microseconds(20'000), 201, "50/1", "100000 bits a second, a key frame every 60, 50"},
+    };
+    const TestPicture picture = Paint(kI420, {64, 48});
+    for (const auto& camera : cameras) {
+        interval = camera.interval;
+        CreateEncoder({});
+        host.TakeLines();
+        for (int i = 0; i + 1 < camera.pictures; ++i) {
+            const auto stream = Encode(picture);
+            EXPECT_EQ(UnitKinds(stream).at(0), i % 60 == 0 ? 7 : 1) << i;
+            if (i % 60 == 0) {
+                EXPECT_EQ(StatedRate(stream), "30/1");
+            }
+        }
+        const auto stream = Encode(picture);
+        EXPECT_EQ(UnitKinds(stream).at(0), 7);
+        EXPECT_EQ(StatedRate(stream), camera.rate);
+        EXPECT_THAT(host.TakeLines(), ElementsAre(OpenedLine("64x48", "100000"),
+                                                  LogLine{1, "[zu-codec] encode 64x48 with libx264, " +
+                                                                 camera.line + " pictures a second"}));
+        EXPECT_EQ(UnitKinds(Encode(picture)).at(0), 1) << "once";
+    }
+}
+
+TEST_F(VideoEncoderTest, AFurtherSizeStartsWithTheMeasuredRate) {
+    interval = 2 * kCameraInterval;
+    KeyPictures(65);
+    EXPECT_EQ(StatedRate(Encode(Paint(kI420, {96, 48}))), "15/1");
+}
+
+TEST_F(VideoEncoderTest, ASlowerStreamGetsAsManyBitsPerPicture) {
+    SetText("zu.codec.bitrate", "300000");
+    std::mt19937 random(7);
+    std::vector<TestPicture> noise(8, Paint(kI420, {320, 240}));
+    for (TestPicture& picture : noise) {
+        std::generate(picture.bytes.begin(), picture.bytes.end(),
+                      [&] { return static_cast<uint8_t>(112 + random() % 32); });
+    }
+    const auto bytes_of = [&](int count) {
+        size_t bytes = 0;
+        for (int i = 0; i < count; ++i) {
+            bytes += Encode(noise[static_cast<size_t>(i) % noise.size()]).size();
+        }
+        return static_cast<double>(bytes);
+    };
+    interval = 3 * kCameraInterval;
+    CreateEncoder({});
+    bytes_of(20);
+    const double before = bytes_of(20);  // as many as at 30 pictures per second
+    KeyPictures(20, 320, 240);
+    EXPECT_THAT(host.Lines().back().text, HasSubstr("100000 bits a second, a key frame every 60, 10 "));
+    bytes_of(20);
+    const double after = bytes_of(20);
+    EXPECT_NEAR(after / before, 1.0, 0.15);
 }
 
 TEST_F(VideoEncoderTest, EachThreadEncodesASliceOfThePicture) {

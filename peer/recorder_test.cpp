@@ -217,6 +217,30 @@ TEST_P(RecorderTest, SkipsBytesThatAreNotAFrameAtTheBeginning) {
     EXPECT_EQ(std::filesystem::file_size(Path()), 0U);
 }
 
+TEST_P(RecorderTest, ContinuesWhenTheEncoderStatesAnotherRate) {
+    testing::EncodedStream slower(320, 240);
+    const auto recorder = Create();
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_EQ(recorder->Add(stream.Next(static_cast<uint32_t>(i), 0), At(66 * i)), true);
+    }
+    const Bytes first = slower.Next(30, 0);
+    const auto restated = StreamParser::Create().value().Parse(first).value().packet;
+    StateRate(*restated, {15, 1});
+    const Bytes key(restated->data, restated->data + restated->size);
+    ASSERT_NE(key, first);
+    ASSERT_EQ(recorder->Add(key, At(66 * 30)), true);
+    for (int i = 31; i < 60; ++i) {
+        ASSERT_EQ(recorder->Add(slower.Next(static_cast<uint32_t>(i), 0), At(66 * i)), true);
+    }
+    EXPECT_TRUE(recorder->Finish());
+    const Played played = Play(Path());
+    EXPECT_EQ(played.decoded, 60);
+    ASSERT_EQ(played.keys.size(), 60U);
+    for (size_t i = 0; i < 60; ++i) {
+        EXPECT_EQ(played.keys[i], i % 30 == 0) << i;
+    }
+}
+
 TEST_P(RecorderTest, FailsWhenTheSizeOfThePicturesChanges) {
     testing::EncodedStream other(160, 120);
     const auto recorder = Create();

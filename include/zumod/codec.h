@@ -36,7 +36,7 @@ inline constexpr char kPolicyDecTargetAvFormat[] = "zu.codec.policy.dec.target.a
 inline constexpr char kPropertyHardware[] = "zu.codec.property.hardware";
 // Block property, read from an encoder of the reference module that was created with
 // kPolicyEncNoStreamHeader: the parameter sets that the stream lacks, in Annex B form. There is none before
-// the first picture. It changes with the picture's size.
+// the first picture. It changes with the picture's size and with the rate that the stream states.
 inline constexpr char kPropertyStreamHeader[] = "zu.codec.property.stream.header";
 
 // The code of a named pixel format: its four characters in memory order.
