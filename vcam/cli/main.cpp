@@ -205,7 +205,10 @@ Expected<int> RunCommand(Options options) {
         sigaddset(&handled, signal);
     }
     pthread_sigmask(SIG_BLOCK, &handled, &before);
-    const auto server = CameraServer::Start(std::move(options.cameras), options.server_name);
+    const auto log = [](const std::string& line) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, line.c_str());
+    };
+    const auto server = CameraServer::Start(std::move(options.cameras), options.server_name, log);
     if (!server) {
         return FailUsage(server.error().text);
     }

@@ -1,5 +1,7 @@
 #include "vcam/model/camera.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -77,6 +79,7 @@ int Camera::Serve(const Request& request, std::vector<uint8_t>& payload, UniqueF
     const bool is_open =
         file != m_files.end() && request.plug == m_board.plug.load(std::memory_order_relaxed);
     const int error = is_open ? ServeFile(file->second, request, payload, descriptor) : ENODEV;
+    NotifyFeed();
     m_parts.frames.Wake();
     return error;
 }
@@ -113,6 +116,7 @@ void Camera::Reap() {
         m_parts.events.Remove(file->second);
         if (m_parts.buffers.IsOwner(file->second)) {
             m_parts.buffers.Disown();
+            NotifyFeed();
         }
         file = m_files.erase(file);
     }
@@ -135,11 +139,72 @@ void Camera::Unplug() {
     m_parts.events.Clear();
     m_files.clear();
     m_parts.controls = Controls();
+    NotifyFeed();
     for (const FaultKind kind : {FaultKind::kReplug, FaultKind::kReplugAs}) {
         if (const std::optional<Fault> replug = m_parts.faults.Take(kind)) {
             m_parts.plug.Plan(*replug, now);
             break;
         }
+    }
+}
+
+void Camera::PutPicture(std::shared_ptr<const PlanarImage> picture) {
+    const MutexLock held(m_lock);
+    m_parts.live.Put(std::move(picture), Clock::now());
+    m_parts.frames.Wake();
+}
+
+bool Camera::AttachFeed(UniqueFd notices) {
+    const MutexLock held(m_lock);
+    if (m_feed) {
+        return false;
+    }
+    m_feed = std::move(notices);
+    m_noticed.reset();
+    PlugIn();
+    NotifyFeed();
+    return true;
+}
+
+void Camera::DetachFeed() {
+    const MutexLock held(m_lock);
+    m_feed.Reset();
+    Unplug();
+    m_parts.live.Put(nullptr, Clock::now());
+}
+
+void Camera::SetPlugged(bool is_plugged) {
+    const MutexLock held(m_lock);
+    if (is_plugged) {
+        PlugIn();
+    } else {
+        Unplug();
+    }
+}
+
+void Camera::PlugIn() {
+    const auto now = Clock::now();
+    if (!m_parts.plug.IsPresent(now)) {
+        m_parts.plug.Plan({.kind = FaultKind::kReplug}, now);
+    }
+}
+
+void Camera::NotifyFeed() {
+    const PictureLayout& layout = m_parts.formats.Layout();
+    const Rate rate = m_parts.formats.CurrentRate();
+    const FeedNotice notice{m_parts.buffers.IsStreaming() ? 1U : 0U, layout.width, layout.height,
+                            rate.numerator, rate.denominator};
+    if (!m_feed || notice == m_noticed) {
+        return;
+    }
+    if (notice.is_streaming != 0 && (!m_noticed || m_noticed->is_streaming == 0)) {
+        // A program does not see what the camera showed to another one, maybe an hour ago.
+        m_parts.live.Put(nullptr, Clock::now());
+    }
+    m_noticed = notice;
+    if (send(m_feed.Get(), &notice, sizeof notice, MSG_DONTWAIT | MSG_NOSIGNAL) != sizeof notice) {
+        // It does not read its notices. The server sees the end of the connection.
+        shutdown(m_feed.Get(), SHUT_RDWR);
     }
 }
 
@@ -199,6 +264,11 @@ CameraStatus Camera::Status() {
     status.size = {m_parts.formats.Layout().width, m_parts.formats.Layout().height};
     status.rate = m_parts.formats.CurrentRate();
     return status;
+}
+
+CameraConfig Camera::Config() {
+    const MutexLock held(m_lock);
+    return m_parts.formats.Config();
 }
 
 int Camera::Number() {

@@ -6,11 +6,14 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "common/mutex.h"
 #include "vcam/model/camera_parts.h"
+#include "vcam/model/feed.h"
 
 namespace zumod::vcam {
 
@@ -44,9 +47,20 @@ public:
     void Inject(const Fault& fault);
     void ClearFaults();
     CameraStatus Status();
+
+    // The newest picture of a live camera.
+    void PutPicture(std::shared_ptr<const PlanarImage> picture);
+    // A camera that a process feeds: plugs it in and sends each change of what programs want as a FeedNotice,
+    // the present state first. `notices` is a socket. Returns false if there is a feeder already.
+    bool AttachFeed(UniqueFd notices);
+    // The feeder is gone: the camera is unplugged until the next one comes.
+    void DetachFeed();
+    void SetPlugged(bool is_plugged);
+
     // The device number, or -1 while it is unplugged.
     int Number();
     CameraBoard& Board() { return m_board; }
+    CameraConfig Config();
 
 private:
     int ServeFile(const OpenFile& file, const Request& request, std::vector<uint8_t>& payload,
@@ -54,6 +68,9 @@ private:
     // Forgets the files that no process has open any more.
     void Reap() ZU_REQUIRES(m_lock);
     void Unplug() ZU_REQUIRES(m_lock);
+    void PlugIn() ZU_REQUIRES(m_lock);
+    // Tells the feeder if what programs want has changed. Called after everything that may change it.
+    void NotifyFeed() ZU_REQUIRES(m_lock);
     void OnFaultsChanged() ZU_REQUIRES(m_lock);
     void OnFrameThread(FrameThread::Next next) ZU_REQUIRES(m_lock);
 
@@ -65,6 +82,8 @@ private:
     CameraParts m_parts ZU_GUARDED_BY(m_lock);
     std::map<uint32_t, OpenFile> m_files ZU_GUARDED_BY(m_lock);
     uint32_t m_next_file ZU_GUARDED_BY(m_lock) = 1;
+    UniqueFd m_feed ZU_GUARDED_BY(m_lock);  // to the feeder
+    std::optional<FeedNotice> m_noticed ZU_GUARDED_BY(m_lock);
 };
 
 }  // namespace zumod::vcam

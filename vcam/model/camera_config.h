@@ -53,6 +53,23 @@ enum class RateSupport {
     kNone,   // neither G_PARM nor S_PARM exists
 };
 
+// Where a live camera's pictures come from.
+struct LiveSource {
+    enum Kind {
+        kNone,  // not a live camera
+        kY4m,   // a FIFO with a Y4M stream
+        kRaw,   // a FIFO with raw pictures
+        kFeed,  // another process (feed.h)
+    };
+    Kind kind = kNone;
+    std::string path;     // of the FIFO
+    uint32_t fourcc = 0;  // of raw pictures
+    Size size;
+
+    bool IsLive() const { return kind != kNone; }
+    bool operator==(const LiveSource&) const = default;
+};
+
 struct CameraConfig {
     int number = -1;  // of /dev/videoN; -1: the next free one
     std::string card = "Virtual Camera";
@@ -68,10 +85,11 @@ struct CameraConfig {
     bool keeps_stride = false;      // accepts a larger bytesperline
     std::optional<uint32_t> grant;  // REQBUFS grants this number, independent of the request
     std::string y4m;                // shows this file instead of the test pattern
+    LiveSource source;              // shows live pictures instead
     std::vector<Fault> faults;      // active from the start
 
     // Fills in the defaults, which are NV12 and YUYV, 640x480, 30 frames per second, and then the modes. A
-    // Y4M file's size replaces the sizes; its rate is the default.
+    // Y4M file's size replaces the sizes; its rate is the default. The size of raw pictures is the default.
     void Complete();
 };
 

@@ -1,6 +1,7 @@
 #include "vcam/model/camera_option.h"
 
 #include <linux/videodev2.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -10,6 +11,7 @@
 
 #include "common/parse_number.h"
 #include "vcam/model/wire.h"
+#include "vcam/picture/picture_stream.h"
 #include "vcam/picture/pixel_format.h"
 #include "vcam/picture/y4m_source.h"
 
@@ -156,6 +158,53 @@ Expected<void> ReadY4m(const Key& /*key*/, std::string_view value, CameraConfig&
     return {};
 }
 
+// y4m:FIFO, raw:FORMAT:WIDTHxHEIGHT:FIFO or feed. A FIFO's name may hold colons.
+Expected<void> ReadSource(const Key& /*key*/, std::string_view value, CameraConfig& config) {
+    LiveSource source;
+    const auto take = [&value] {
+        const size_t colon = std::min(value.find(':'), value.size());
+        const std::string_view word = value.substr(0, colon);
+        value.remove_prefix(std::min(colon + 1, value.size()));
+        return word;
+    };
+    const std::string_view whole = value;
+    const std::string_view kind = take();
+    if (kind == "raw") {
+        source.kind = LiveSource::kRaw;
+        const auto fourcc = ReadFormat(take());
+        if (!fourcc) {
+            return Fail(fourcc.error());
+        }
+        const auto size = ReadSize(take());
+        if (!size) {
+            return Fail(size.error());
+        }
+        if (FindPixelFormat(*fourcc)->pixel.find('Y') == std::string_view::npos) {
+            return Fail("raw pictures cannot be " + FourccText(*fourcc));
+        }
+        if (size_t{size->width} * size->height > kMostLivePixels) {
+            return Fail("raw pictures can have at most 4096x2304 pixels");
+        }
+        source.fourcc = *fourcc;
+        source.size = *size;
+    } else if (kind == "y4m") {
+        source.kind = LiveSource::kY4m;
+    } else if (whole == "feed") {
+        source.kind = LiveSource::kFeed;
+    }
+    if (source.kind == LiveSource::kNone || (source.kind != LiveSource::kFeed && value.empty())) {
+        return Fail("a source is y4m:FIFO, raw:FORMAT:WIDTHxHEIGHT:FIFO or feed, not " + Quote(whole));
+    }
+    source.path = value;
+    struct stat status {};
+    if (source.kind != LiveSource::kFeed &&
+        (stat(source.path.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode))) {
+        return Fail("source " + Quote(value) + ": there is no FIFO of this name (see mkfifo)");
+    }
+    config.source = std::move(source);
+    return {};
+}
+
 Expected<void> ReadFault(const Key& /*key*/, std::string_view value, CameraConfig& config) {
     return ParseFault(value).map([&config](const Fault& fault) { config.faults.push_back(fault); });
 }
@@ -191,6 +240,8 @@ constexpr Key kKeys[] = {
      ReadNumber<&CameraConfig::grant, kMaxBuffers>, "0 to 32"},
     {"y4m", "FILE", "shows the pictures of this file (8 bit, 4:2:0) in their size, and at its rate unless fps is given",
      ReadY4m},
+    {"source", "SOURCE",
+     "shows live pictures: y4m:FIFO, raw:FORMAT:WIDTHxHEIGHT:FIFO, or feed (of another process)", ReadSource},
     {"fault", "FAULT", "a fault from the start; may be given several times", ReadFault},
 };
 // clang-format on
@@ -231,6 +282,9 @@ void CameraConfig::Complete() {
             }
         }
     }
+    if (sizes.empty() && source.kind == LiveSource::kRaw) {
+        sizes = {source.size};
+    }
     if (sizes.empty()) {
         sizes = {{640, 480}};
     }
@@ -266,6 +320,9 @@ Expected<CameraConfig> ParseCamera(std::string_view text) {
     const bool has_lists = !config.formats.empty() || !config.sizes.empty() || !config.rates.empty();
     if (!config.modes.empty() && (has_lists || !config.y4m.empty())) {
         return Fail("mode and one of formats, sizes, fps and y4m exclude each other");
+    }
+    if (config.source.IsLive() && !config.y4m.empty()) {
+        return Fail("y4m and source exclude each other");
     }
     config.Complete();
     return config;

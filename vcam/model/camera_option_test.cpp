@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -154,6 +155,36 @@ TEST(CameraOption, DescribesEveryFault) {
                             "stride", "buffers", "y4m", "fault", "bus", "mode"}) {
         EXPECT_NE(text.find(std::string("  ") + key + " "), std::string::npos) << key;
     }
+}
+
+TEST(CameraOption, ReadsSourcesOfLivePictures) {
+    const std::string fifo = ::testing::TempDir() + "zu-source:" + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const CameraConfig raw = ParseCamera("source=raw:NV12:1280x720:" + fifo).value();
+    const CameraConfig y4m = ParseCamera("source=y4m:" + fifo).value();
+    unlink(fifo.c_str());
+    EXPECT_EQ(raw.source, (LiveSource{LiveSource::kRaw, fifo, V4L2_PIX_FMT_NV12, {1280, 720}}));
+    EXPECT_EQ(raw.sizes, (std::vector<Size>{{1280, 720}}));
+    EXPECT_EQ(y4m.source, (LiveSource{LiveSource::kY4m, fifo, 0, {}}));
+    EXPECT_EQ(ParseCamera("source=feed").value().source.kind, LiveSource::kFeed);
+    EXPECT_FALSE(ParseCamera("").value().source.IsLive());
+}
+
+TEST(CameraOption, RefusesMalformedSources) {
+    const std::string usage = "a source is y4m:FIFO, raw:FORMAT:WIDTHxHEIGHT:FIFO or feed, not ";
+    for (const char* text :
+         {"", "y4m", "y4m:", "feed:x", "/dev/video0", "raw:NV12:16x16", "raw:NV12:16x16:"}) {
+        EXPECT_EQ(ErrorOf(std::string("source=") + text), usage + '"' + text + '"');
+    }
+    EXPECT_EQ(ErrorOf("source=raw:NV12:16x15:/tmp/f"),
+              "a size is WIDTHxHEIGHT, both even and from 16 to 8192, not \"16x15\"");
+    EXPECT_EQ(ErrorOf("source=raw:BGR4:16x16:/tmp/f"), "raw pictures cannot be BGR4");
+    EXPECT_EQ(ErrorOf("source=raw:MJPG:16x16:/tmp/f"), "raw pictures cannot be MJPG");
+    EXPECT_EQ(ErrorOf("source=raw:NV12:8192x8192:/tmp/f"), "raw pictures can have at most 4096x2304 pixels");
+    EXPECT_EQ(ErrorOf("source=y4m:/dev/null"),
+              "source \"/dev/null\": there is no FIFO of this name (see mkfifo)");
+    EXPECT_EQ(ErrorOf("source=y4m:/nonexistent"),
+              "source \"/nonexistent\": there is no FIFO of this name (see mkfifo)");
 }
 
 }  // namespace

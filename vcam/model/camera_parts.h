@@ -10,6 +10,7 @@
 #include "vcam/model/fault_set.h"
 #include "vcam/model/format_state.h"
 #include "vcam/model/frame_thread.h"
+#include "vcam/model/live_feed.h"
 #include "vcam/model/plug_state.h"
 
 namespace zumod::vcam {
@@ -20,7 +21,7 @@ struct CameraParts {
           formats(std::move(config), faults),
           buffers(board, formats.Config().grant, faults),
           events(board, controls),
-          frames(buffers, formats, faults) {}
+          frames(buffers, formats, faults, formats.Config().source.IsLive() ? &live : nullptr) {}
 
     FaultSet faults;
     PlugState plug;       // plugged in or not, and the device number
@@ -28,6 +29,7 @@ struct CameraParts {
     BufferQueue buffers;  // the buffers, their owner and its stream
     Controls controls;    // control values
     EventQueues events;   // what each open file subscribed to
+    LiveFeed live;        // a live camera's newest picture
     FrameThread frames;   // the stream's clock, its pictures and their delivery
 };
 

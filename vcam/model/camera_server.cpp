@@ -11,10 +11,10 @@
 #include <map>
 #include <random>
 #include <set>
+#include <span>
 #include <sstream>
 
 #include "common/unix_socket.h"
-#include "common/waiter.h"
 #include "vcam/preload/addresses.h"
 
 namespace zumod::vcam {
@@ -23,6 +23,7 @@ namespace {
 constexpr size_t kBoardsSize = sizeof(CameraBoard) * kMaxCameras;
 // That wait for their request.
 constexpr size_t kMaxConnections = 256;
+constexpr size_t kMostDescriptors = 2;  // of a reply
 constexpr size_t kMaxPayload = sizeof(v4l2_ext_controls) + kMaxExtControls * sizeof(v4l2_ext_control);
 
 std::string NewName() {
@@ -55,21 +56,22 @@ bool IsSameUser(int connection) {
     return user == geteuid() || user == 0;
 }
 
-void SendReply(int connection, const Reply& reply, const std::vector<uint8_t>& payload, int descriptor) {
+void SendReply(int connection, const Reply& reply, std::span<const uint8_t> payload,
+               std::span<const int> descriptors) {
     iovec parts[2] = {{const_cast<Reply*>(&reply), sizeof reply},
                       {const_cast<uint8_t*>(payload.data()), payload.size()}};
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    if (descriptor >= 0) {
+    alignas(cmsghdr) char control[CMSG_SPACE(kMostDescriptors * sizeof(int))] = {};
+    if (!descriptors.empty()) {
         message.msg_control = control;
-        message.msg_controllen = sizeof control;
+        message.msg_controllen = CMSG_SPACE(descriptors.size_bytes());
         cmsghdr* header = CMSG_FIRSTHDR(&message);
         header->cmsg_level = SOL_SOCKET;
         header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof descriptor);
-        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+        header->cmsg_len = CMSG_LEN(descriptors.size_bytes());
+        std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size_bytes());
     }
     sendmsg(connection, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
@@ -87,7 +89,7 @@ std::string StatusText(const CameraStatus& status) {
 }  // namespace
 
 Expected<std::unique_ptr<CameraServer>> CameraServer::Start(std::vector<CameraConfig> configs,
-                                                            std::string name) {
+                                                            std::string name, Log log) {
     if (configs.size() > kMaxCameras) {
         return Fail("at most " + std::to_string(kMaxCameras) + " cameras are possible");
     }
@@ -97,7 +99,11 @@ Expected<std::unique_ptr<CameraServer>> CameraServer::Start(std::vector<CameraCo
     if (const auto assigned = AssignNumbers(configs); !assigned) {
         return Fail(assigned.error());
     }
-    std::unique_ptr<CameraServer> server(new CameraServer(name.empty() ? NewName() : std::move(name)));
+    std::unique_ptr<CameraServer> server(
+        new CameraServer(name.empty() ? NewName() : std::move(name), std::move(log)));
+    if (const auto opened = server->OpenFifos(configs); !opened) {
+        return Fail(opened.error());
+    }
     if (!server->MakeBoards() || !server->Listen()) {
         return Fail("cannot serve cameras: " + ErrnoText(errno));
     }
@@ -120,6 +126,21 @@ CameraServer::~CameraServer() {
     if (m_boards != nullptr) {
         munmap(m_boards, kBoardsSize);
     }
+}
+
+Expected<void> CameraServer::OpenFifos(const std::vector<CameraConfig>& configs) {
+    for (const CameraConfig& config : configs) {
+        Input& input = m_inputs.emplace_back();
+        if (config.source.path.empty()) {
+            continue;
+        }
+        auto fifo = FifoInput::Open(config.source);
+        if (!fifo) {
+            return Fail(fifo.error());
+        }
+        input.fifo.emplace(std::move(*fifo));
+    }
+    return {};
 }
 
 bool CameraServer::MakeBoards() {
@@ -151,13 +172,12 @@ void CameraServer::Loop() {
         UniqueFd socket;
         Waiter::Registration request;
     };
-    Waiter waiter;
-    std::map<uint64_t, Connection>
-        connections;  // in the order of their arrival; each ends with its one request
+    // In the order of their arrival. Each ends with its one request, unless that is for a feed.
+    std::map<uint64_t, Connection> connections;
     uint64_t next_connection = 0;
     bool stopped = false;
-    const auto stop = waiter.Watch(m_stop.Get(), POLLIN, [&] { stopped = true; });
-    const auto listening = waiter.Watch(m_listener.Get(), POLLIN, [&] {
+    const auto stop = m_waiter.Watch(m_stop.Get(), POLLIN, [&] { stopped = true; });
+    const auto listening = m_waiter.Watch(m_listener.Get(), POLLIN, [&] {
         UniqueFd socket(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
         // A program sends its request at once, so the oldest connection without one is the least likely to be
         // a program's. A failed accept is for want of descriptors.
@@ -169,25 +189,108 @@ void CameraServer::Loop() {
         }
         const uint64_t number = next_connection++;
         const int descriptor = socket.Get();
-        auto request = waiter.Watch(descriptor, POLLIN, [&, number, descriptor] {
-            ServeConnection(descriptor);
+        auto request = m_waiter.Watch(descriptor, POLLIN, [&, number] {
+            Connection connection = std::move(connections[number]);
             connections.erase(number);
+            ServeConnection(std::move(connection.socket));
         });
         connections[number] = {std::move(socket), std::move(request)};
     });
+    for (size_t index = 0; index < m_inputs.size(); ++index) {
+        if (m_inputs[index].fifo) {
+            WatchFifo(index);
+        }
+    }
     while (!stopped) {
-        waiter.Wait(Clock::time_point::max());
+        m_waiter.Wait(Clock::time_point::max());
     }
 }
 
-void CameraServer::ServeConnection(int connection) {
+void CameraServer::WatchFifo(size_t index) {
+    Input& input = m_inputs[index];
+    if (input.fifo->Descriptor() < 0) {
+        input.pictures.reset();
+        return;
+    }
+    input.pictures = m_waiter.Watch(input.fifo->Descriptor(), POLLIN, [this, index] {
+        const auto put = [&](PlanarImage image) {
+            m_cameras[index]->PutPicture(std::make_shared<PlanarImage>(std::move(image)));
+        };
+        if (m_inputs[index].fifo->OnReadable(put, m_log)) {
+            WatchFifo(index);
+        }
+    });
+}
+
+int CameraServer::BeginFeed(size_t index, UniqueFd& connection) {
+    if (index >= m_cameras.size()) {
+        return ENODEV;
+    }
+    const CameraConfig config = m_cameras[index]->Config();
+    if (config.source.kind != LiveSource::kFeed) {
+        return ENOTSUP;
+    }
+    Input& input = m_inputs[index];
+    if (input.feed) {
+        return EBUSY;
+    }
+    input.feed = FeedInput::Create(config);
+    UniqueFd notices(fcntl(connection.Get(), F_DUPFD_CLOEXEC, 0));
+    if (!input.feed || !notices) {
+        input.feed.reset();
+        return ENOMEM;
+    }
+    const FeedOffer offer{input.feed->SlotSize()};
+    const int descriptors[] = {input.feed->Memory(), input.feed->Event()};
+    SendReply(connection.Get(), {0, sizeof offer, 0},
+              std::span(reinterpret_cast<const uint8_t*>(&offer), sizeof offer), descriptors);
+    input.feeder = std::move(connection);
+    input.commands = m_waiter.Watch(input.feeder.Get(), POLLIN, [this, index] { ReceiveCommand(index); });
+    input.pictures = m_waiter.Watch(input.feed->Event(), POLLIN, [this, index] { TakeFed(index); });
+    m_cameras[index]->AttachFeed(std::move(notices));
+    return 0;
+}
+
+void CameraServer::TakeFed(size_t index) {
+    auto taken = m_inputs[index].feed->Take();
+    if (!taken) {
+        if (m_log) {
+            m_log("the program that feeds camera " + std::to_string(index) +
+                  " is disconnected: " + taken.error().text);
+        }
+        EndFeed(index);
+    } else if (*taken) {
+        m_cameras[index]->PutPicture(std::make_shared<PlanarImage>(std::move(**taken)));
+    }
+}
+
+void CameraServer::ReceiveCommand(size_t index) {
+    FeedCommand command{};
+    const ssize_t received = recv(m_inputs[index].feeder.Get(), &command, sizeof command, MSG_DONTWAIT);
+    if (received == sizeof command) {
+        m_cameras[index]->SetPlugged(command.is_plugged != 0);
+    } else if (received >= 0 || (errno != EAGAIN && errno != EINTR)) {
+        EndFeed(index);
+    }
+}
+
+void CameraServer::EndFeed(size_t index) {
+    Input& input = m_inputs[index];
+    input.commands.reset();
+    input.pictures.reset();
+    input.feeder.Reset();
+    input.feed.reset();
+    m_cameras[index]->DetachFeed();
+}
+
+void CameraServer::ServeConnection(UniqueFd connection) {
     Request request{};
     std::vector<uint8_t> payload(kMaxPayload);
     iovec parts[2] = {{&request, sizeof request}, {payload.data(), payload.size()}};
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
-    const ssize_t received = recvmsg(connection, &message, MSG_DONTWAIT);
+    const ssize_t received = recvmsg(connection.Get(), &message, MSG_DONTWAIT);
     if (received < static_cast<ssize_t>(sizeof request) || request.magic != kWireMagic ||
         request.version != kWireVersion) {
         return;
@@ -195,9 +298,18 @@ void CameraServer::ServeConnection(int connection) {
     payload.resize(static_cast<size_t>(received) - sizeof request);
     UniqueFd descriptor;
     Reply reply{};
-    reply.error = Answer(request, payload, descriptor, reply.delay_ms);
+    if (request.operation == Operation::kFeed) {
+        reply.error = BeginFeed(request.slot, connection);
+        if (reply.error == 0) {
+            return;
+        }
+        payload.clear();
+    } else {
+        reply.error = Answer(request, payload, descriptor, reply.delay_ms);
+    }
     reply.size = static_cast<uint32_t>(payload.size());
-    SendReply(connection, reply, payload, descriptor.Get());
+    const int passed = descriptor.Get();
+    SendReply(connection.Get(), reply, payload, std::span(&passed, descriptor ? 1 : 0));
 }
 
 int CameraServer::Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor,

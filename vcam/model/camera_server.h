@@ -12,15 +12,21 @@
 
 #include "common/error.h"
 #include "common/unique_fd.h"
+#include "common/waiter.h"
 #include "vcam/model/camera.h"
+#include "vcam/model/feed_input.h"
+#include "vcam/model/fifo_input.h"
 
 namespace zumod::vcam {
 
 class CameraServer {
 public:
-    // An error is one line. An empty name: a random one.
+    // Gets a line without its end, on the server's thread.
+    using Log = FifoInput::Log;
+
+    // An error is one line. An empty name: a random one. The log gets what goes wrong later.
     static Expected<std::unique_ptr<CameraServer>> Start(std::vector<CameraConfig> configs,
-                                                         std::string name = {});
+                                                         std::string name = {}, Log log = {});
     CameraServer(const CameraServer&) = delete;
     CameraServer& operator=(const CameraServer&) = delete;
     ~CameraServer();
@@ -34,11 +40,27 @@ public:
     Expected<std::string> Control(const std::string& line);
 
 private:
-    explicit CameraServer(std::string name) : m_name(std::move(name)) {}
+    // A camera's FIFO, or the process that feeds it.
+    struct Input {
+        std::optional<FifoInput> fifo;
+        std::unique_ptr<FeedInput> feed;
+        UniqueFd feeder;  // the connection
+        Waiter::Registration pictures;
+        Waiter::Registration commands;
+    };
+
+    CameraServer(std::string name, Log log) : m_name(std::move(name)), m_log(std::move(log)) {}
+    Expected<void> OpenFifos(const std::vector<CameraConfig>& configs);
     bool MakeBoards();
     bool Listen();
     void Loop();
-    void ServeConnection(int connection);
+    void ServeConnection(UniqueFd connection);
+    void WatchFifo(size_t index);
+    // Returns errno for the reply, after which the connection is the feeder's.
+    int BeginFeed(size_t index, UniqueFd& connection);
+    void TakeFed(size_t index);
+    void ReceiveCommand(size_t index);
+    void EndFeed(size_t index);
     // Returns Reply::error.
     int Answer(const Request& request, std::vector<uint8_t>& payload, UniqueFd& descriptor,
                uint32_t& delay_ms);
@@ -49,12 +71,16 @@ private:
     bool WasVirtual(int number) const;
 
     std::string m_name;
+    Log m_log;
     UniqueFd m_boards_memory;
     CameraBoard* m_boards = nullptr;
     std::vector<std::unique_ptr<Camera>> m_cameras;
     std::vector<int> m_numbers;  // all that a camera ever had; only the server's thread uses it
     UniqueFd m_listener;
     UniqueFd m_stop;
+    // From here on only the server's thread uses them, once it has started.
+    Waiter m_waiter;
+    std::vector<Input> m_inputs;  // one per camera
     std::thread m_thread;
 };
 

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "vcam/picture/live_picture.h"
+
 namespace zumod::vcam {
 namespace {
 
@@ -61,6 +63,9 @@ void FrameThread::BeginStream(Time now) {
     m_sequence_offset = 0;
     m_time_offset_us = 0;
     m_stalled_until.reset();
+    if (m_live != nullptr) {
+        m_live->BeginStream(now, m_formats.CurrentRate());
+    }
     RestartClock(now);
 }
 
@@ -95,18 +100,13 @@ FrameThread::Next FrameThread::Step(Mutex& lock, Time now) {
             return SleepUntil(*m_stalled_until);
         }
         m_stalled_until.reset();
-        SkipTo(m_clock.FirstAfter(now));
+        if (m_live == nullptr) {
+            SkipTo(m_clock.FirstAfter(now));
+        }
         return Next::kStep;
     }
-    if (const Time due = m_clock.Due(m_frame); now < due) {
-        return Paint(lock) ? SleepUntil(due) : Next::kStep;
-    }
-    if (m_clock.FirstAfter(now) > m_frame + kFarBehind) {
-        SkipTo(m_clock.FirstAfter(now));
-        return Next::kStep;
-    }
-    if (!m_buffers.IsOwnerThere()) {
-        return Next::kReap;
+    if (const auto next = m_live != nullptr ? StepLive(now) : StepClocked(lock, now)) {
+        return *next;
     }
     switch (m_faults.OnFrame(m_frame)) {
         case FrameFate::kUnplugged:
@@ -131,6 +131,33 @@ FrameThread::Next FrameThread::Step(Mutex& lock, Time now) {
     return Next::kStep;
 }
 
+std::optional<FrameThread::Next> FrameThread::StepClocked(Mutex& lock, Time now) {
+    if (const Time due = m_clock.Due(m_frame); now < due) {
+        return Paint(lock) ? SleepUntil(due) : Next::kStep;
+    }
+    if (m_clock.FirstAfter(now) > m_frame + kFarBehind) {
+        SkipTo(m_clock.FirstAfter(now));
+        return Next::kStep;
+    }
+    return m_buffers.IsOwnerThere() ? std::nullopt : std::optional(Next::kReap);
+}
+
+std::optional<FrameThread::Next> FrameThread::StepLive(Time now) {
+    if (const Time due = m_live->Due(); now < due) {
+        return SleepUntil(due);
+    }
+    if (!m_buffers.IsOwnerThere()) {
+        return Next::kReap;
+    }
+    if (m_buffers.Oldest() < 0) {
+        return SleepUntil(now + m_live->RetryTime());
+    }
+    LiveFeed::Frame frame = m_live->Take(now);
+    SkipTo(m_frame + frame.missed);
+    m_live_source = std::make_shared<LivePicture>(m_formats.Layout(), std::move(frame.picture));
+    return std::nullopt;
+}
+
 FrameThread::Next FrameThread::SleepUntil(Time time) {
     m_wake_time = time;
     return Next::kSleep;
@@ -147,14 +174,13 @@ void FrameThread::SkipTo(uint64_t frame) {
 // Returns false if the stream changed meanwhile.
 bool FrameThread::Paint(Mutex& lock) {
     const int index = m_buffers.Oldest();
-    const Time due = m_clock.Due(m_frame);
     Painted painted{m_buffers.Stream(), static_cast<uint32_t>(index), m_frame,
-                    static_cast<uint64_t>(Microseconds(due)), 0};
+                    static_cast<uint64_t>(Microseconds(FrameTime())), 0};
     if (index < 0 || m_painted.IsFor(painted)) {
         return true;
     }
     const std::shared_ptr<BufferPool> pool = m_buffers.Pool();
-    const std::shared_ptr<const FrameSource> source = m_formats.Source();
+    const std::shared_ptr<const FrameSource> source = m_live != nullptr ? m_live_source : m_formats.Source();
     const Stamp stamp{static_cast<uint32_t>(painted.frame), painted.time_us};
     m_is_painting = true;
     lock.unlock();

@@ -4,7 +4,8 @@
 // only the hand-over is left. Painting is the only work that is done without the camera's lock: the thread
 // itself keeps the buffer pool and the frame source alive, and discards the picture if the stream changed
 // meanwhile. Due times are exact multiples of the frame time (frame_clock.h), so a late wake-up delays one
-// frame and not the following ones.
+// frame and not the following ones. A live camera's pictures set the pace instead (live_feed.h): they are
+// painted and delivered when they arrive.
 //
 // Step does one round of the thread's work for a given time. The thread is a loop around Step. Tests call
 // Step without a thread.
@@ -25,6 +26,7 @@
 #include "vcam/model/fault_set.h"
 #include "vcam/model/format_state.h"
 #include "vcam/model/frame_clock.h"
+#include "vcam/model/live_feed.h"
 
 namespace zumod::vcam {
 
@@ -44,8 +46,9 @@ public:
     // Does what kReap and kUnplug say; called with the lock held.
     using Handler = std::function<void(Next)>;
 
-    FrameThread(BufferQueue& buffers, const FormatState& formats, FaultSet& faults)
-        : m_buffers(buffers), m_formats(formats), m_faults(faults) {}
+    // `live`: where a live camera's pictures come from; null for any other.
+    FrameThread(BufferQueue& buffers, const FormatState& formats, FaultSet& faults, LiveFeed* live = nullptr)
+        : m_buffers(buffers), m_formats(formats), m_faults(faults), m_live(live) {}
     FrameThread(const FrameThread&) = delete;
     FrameThread& operator=(const FrameThread&) = delete;
 
@@ -84,6 +87,10 @@ private:
 
     void Loop(Mutex& lock, const Handler& handler);
     Next SleepUntil(Time time);
+    // For a frame that is due. Nothing: go on with it.
+    std::optional<Next> StepClocked(Mutex& lock, Time now) ZU_REQUIRES(lock);
+    std::optional<Next> StepLive(Time now);
+    Time FrameTime() const { return m_live != nullptr ? m_live->TakenTime() : m_clock.Due(m_frame); }
     void SkipTo(uint64_t frame);
     bool Paint(Mutex& lock) ZU_REQUIRES(lock);
     void Deliver();
@@ -91,6 +98,8 @@ private:
     BufferQueue& m_buffers;
     const FormatState& m_formats;
     FaultSet& m_faults;
+    LiveFeed* const m_live;
+    std::shared_ptr<const FrameSource> m_live_source;  // of the frame that was taken
 
     std::condition_variable_any m_changed;
     std::condition_variable_any m_painting_ended;

@@ -223,5 +223,98 @@ TEST_F(FrameThreadTest, WrapsSequenceAndTime) {
     EXPECT_EQ(buffer.timestamp.tv_usec, 5000);
 }
 
+// 10 frames per second from outside.
+class LiveFrameThreadTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        v4l2_requestbuffers request = BufferRequest(2);
+        ASSERT_EQ(m_buffers.Request(m_file.File(), request, m_formats.Layout().sizeimage), 0);
+        Queue(0);
+        Queue(1);
+        uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        ASSERT_EQ(m_buffers.StreamOn(m_file.File(), type), 0);
+        m_frames.BeginStream(kStreamStart);
+    }
+    void Queue(uint32_t index) {
+        m_board.Move(index, BufferState::kDone, BufferState::kDequeued);
+        ASSERT_TRUE(m_board.Move(index, BufferState::kDequeued, BufferState::kQueued));
+    }
+    void Put(int ms_after_start, uint8_t luma) {
+        auto image = std::make_shared<PlanarImage>(64, 64);
+        image->y[0] = luma;
+        m_live.Put(image, kStreamStart + milliseconds(ms_after_start));
+    }
+    Next Step(int ms_after_start) {
+        const MutexLock held(m_lock);
+        return m_frames.Step(m_lock, kStreamStart + milliseconds(ms_after_start));
+    }
+    int WakeTime() const { return static_cast<int>((m_frames.WakeTime() - kStreamStart) / milliseconds(1)); }
+    int Luma(uint32_t index) { return *m_buffers.Pool()->At(index); }
+
+    Mutex m_lock;
+    CameraBoard m_board{};
+    FaultSet m_faults;
+    FormatState m_formats{Configure("formats=NV12,sizes=64x64,fps=10,source=feed"), m_faults};
+    BufferQueue m_buffers{m_board, std::nullopt, m_faults};
+    LiveFeed m_live;
+    FrameThread m_frames{m_buffers, m_formats, m_faults, &m_live};
+    FilePair m_file{1};
+};
+
+TEST_F(LiveFrameThreadTest, DeliversAPictureWithTheTimeOfItsArrivalAndPaintsNoneAhead) {
+    EXPECT_EQ(Step(1), Next::kSleep);
+    EXPECT_EQ(WakeTime(), 100);
+    Put(7, 50);
+    EXPECT_EQ(Step(8), Next::kStep);
+    const std::optional<Record> record = m_file.Receive();
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->buffer.index, 0U);
+    EXPECT_EQ(record->buffer.sequence, 0U);
+    EXPECT_EQ(record->buffer.bytesused, 6144U);
+    EXPECT_EQ(record->buffer.timestamp.tv_usec, 7000);
+    EXPECT_EQ(Luma(0), 50);
+    EXPECT_EQ(Step(9), Next::kSleep);
+    EXPECT_EQ(WakeTime(), 408) << "the repeat";
+    EXPECT_EQ(m_frames.Delivered(), 1U);
+}
+
+TEST_F(LiveFrameThreadTest, KeepsTheNewestPictureForAProgramThatIsSlow) {
+    for (int frame = 0; frame < 2; ++frame) {
+        Put(100 * frame, 50);
+        EXPECT_EQ(Step(100 * frame), Next::kStep);
+        ASSERT_TRUE(m_file.Receive());
+    }
+    Put(200, 51);
+    EXPECT_EQ(Step(200), Next::kSleep);
+    EXPECT_EQ(WakeTime(), 225) << "no buffer is queued";
+    Put(300, 52);
+    EXPECT_EQ(Step(300), Next::kSleep);
+    Queue(1);
+    EXPECT_EQ(Step(325), Next::kStep);
+    const std::optional<Record> record = m_file.Receive();
+    ASSERT_TRUE(record);
+    EXPECT_EQ(Luma(1), 52);
+    EXPECT_EQ(record->buffer.sequence, 3U);
+    EXPECT_EQ(m_frames.Dropped(), 1U);
+}
+
+TEST_F(LiveFrameThreadTest, DropsThePictureThatAFaultSays) {
+    m_faults.Add(ParseFault("drop/0").value());
+    Put(10, 50);
+    EXPECT_EQ(Step(10), Next::kStep);
+    EXPECT_EQ(m_file.Receive(), std::nullopt);
+    EXPECT_EQ(m_frames.Dropped(), 1U);
+    Put(110, 51);
+    EXPECT_EQ(Step(110), Next::kStep);
+    ASSERT_TRUE(m_file.Receive());
+    EXPECT_EQ(Luma(0), 51);
+}
+
+TEST_F(LiveFrameThreadTest, NoticesThatItsOwnerIsGone) {
+    m_file.CloseProgram();
+    EXPECT_EQ(Step(99), Next::kSleep);
+    EXPECT_EQ(Step(100), Next::kReap);
+}
+
 }  // namespace
 }  // namespace zumod::vcam

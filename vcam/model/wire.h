@@ -77,6 +77,7 @@ enum class Operation : uint32_t {
     kMap,      // value: offset, argument: length, flags: 1 to write -> descriptor: the buffers' memory
     kRearm,    // flags: kRearmStopped, kRearmEvent
     kControl,  // payload: a line of text -> payload: the answer
+    kFeed,     // slot -> payload and descriptors as feed.h says; the connection stays
 };
 
 inline constexpr uint32_t kRearmStopped = 1;  // the mark of a stopped stream was consumed

@@ -24,6 +24,10 @@ struct PlanarImage {
     void Fill(unsigned left, unsigned top, unsigned fill_width, unsigned fill_height, Colour colour);
     // Writes the picture in an uncompressed layout of the same size. Bytes beyond a row's pixels become 0.
     void WriteTo(const PictureLayout& layout, uint8_t* out) const;
+    // The reverse, for a layout with luma. The chroma of a 4:2:2 picture is that of its even rows.
+    static PlanarImage ReadFrom(const PictureLayout& layout, const uint8_t* in);
+    // The whole picture, as large as it fits into that size, in the middle of black.
+    PlanarImage FitInto(unsigned to_width, unsigned to_height) const;
 
     unsigned width;
     unsigned height;

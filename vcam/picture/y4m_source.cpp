@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "common/parse_number.h"
-#include "vcam/picture/jpeg_pattern.h"
+#include "vcam/picture/live_picture.h"
 
 namespace zumod::vcam {
 namespace {
@@ -19,12 +19,25 @@ Expected<Y4mFile> ReadHeader(std::istream& in) {
         return Fail("cannot be opened");
     }
     std::string line;
-    std::string field;
-    if (!std::getline(in, line) || !line.starts_with("YUV4MPEG2")) {
+    std::getline(in, line);
+    return Y4mFile::ParseHeader(line);
+}
+
+bool ReadPlane(std::istream& in, std::vector<uint8_t>& plane) {
+    // A stream reads char, not uint8_t.
+    return static_cast<bool>(
+        in.read(reinterpret_cast<char*>(plane.data()), static_cast<std::streamsize>(plane.size())));
+}
+
+}  // namespace
+
+Expected<Y4mFile> Y4mFile::ParseHeader(const std::string& line) {
+    if (!line.starts_with("YUV4MPEG2")) {
         return Fail("not a Y4M file");
     }
     Y4mFile file;
     std::istringstream fields(line);
+    std::string field;
     fields >> field;
     std::string chroma = "420";
     while (fields >> field) {
@@ -51,14 +64,6 @@ Expected<Y4mFile> ReadHeader(std::istream& in) {
     }
     return file;
 }
-
-bool ReadPlane(std::istream& in, std::vector<uint8_t>& plane) {
-    // A stream reads char, not uint8_t.
-    return static_cast<bool>(
-        in.read(reinterpret_cast<char*>(plane.data()), static_cast<std::streamsize>(plane.size())));
-}
-
-}  // namespace
 
 Expected<Y4mFile> Y4mFile::ReadSize(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -91,18 +96,10 @@ Expected<Y4mFile> Y4mFile::Read(const std::string& path) {
 }
 
 Y4mSource::Y4mSource(const PictureLayout& layout, const Y4mFile& file) {
-    const bool compressed = FindPixelFormat(layout.fourcc)->compressed;
-    const PictureLayout plain = compressed ? JpegInputLayout(layout.width, layout.height) : layout;
     for (const PlanarImage& image : file.frames) {
-        std::vector<uint8_t> picture(plain.sizeimage);
-        image.WriteTo(plain, picture.data());
-        if (compressed) {
-            std::vector<uint8_t> jpeg(layout.sizeimage);
-            jpeg.resize(CompressJpeg(plain, picture.data(), jpeg.data(), jpeg.size()));
-            jpeg.shrink_to_fit();
-            picture.swap(jpeg);
-        }
-        m_frames.push_back(std::move(picture));
+        std::vector<uint8_t>& picture = m_frames.emplace_back(layout.sizeimage);
+        picture.resize(WritePicture(image, layout, picture.data()));
+        picture.shrink_to_fit();
     }
 }
 

@@ -22,6 +22,8 @@ struct Y4mFile {
 
     // Each returns an error of a few words.
     static Expected<Y4mFile> Read(const std::string& path);
+    // The file's first line: `frames` stays empty.
+    static Expected<Y4mFile> ParseHeader(const std::string& line);
     // Reads only the file's header: `frames` stays empty.
     static Expected<Y4mFile> ReadSize(const std::string& path);
 };

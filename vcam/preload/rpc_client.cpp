@@ -31,22 +31,6 @@ bool IsServerTrusted(long socket) {
     return peer.uid == 0 || static_cast<long>(peer.uid) == RawCall(SYS_geteuid);
 }
 
-int Connect(const char* server_name) {
-    const long socket = RawCall(SYS_socket, AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (socket < 0) {
-        return static_cast<int>(socket);
-    }
-    sockaddr_un address;
-    const unsigned length = ServerAddress(server_name, address);
-    const long result = RetryOnInterrupt(
-        [&] { return RawCall(SYS_connect, socket, Word(&address), static_cast<long>(length)); });
-    if (result < 0 || !IsServerTrusted(socket)) {
-        RawClose(static_cast<int>(socket));
-        return result < 0 ? -ENODEV : -EACCES;
-    }
-    return static_cast<int>(socket);
-}
-
 int TakeDescriptor(const msghdr& message) {
     const cmsghdr* header = CMSG_FIRSTHDR(&message);
     if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
@@ -98,12 +82,28 @@ int CallForFile(void* context, const Request& request, const iovec* parts, int p
 
 }  // namespace
 
+int ConnectServer(const char* server_name) {
+    const long socket = RawCall(SYS_socket, AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (socket < 0) {
+        return static_cast<int>(socket);
+    }
+    sockaddr_un address;
+    const unsigned length = ServerAddress(server_name, address);
+    const long result = RetryOnInterrupt(
+        [&] { return RawCall(SYS_connect, socket, Word(&address), static_cast<long>(length)); });
+    if (result < 0 || !IsServerTrusted(socket)) {
+        RawClose(static_cast<int>(socket));
+        return result < 0 ? -ENODEV : -EACCES;
+    }
+    return static_cast<int>(socket);
+}
+
 int CallServer(const char* server_name, const Request& request, const iovec* parts, int part_count,
                Reply& reply, int* fd, bool close_on_exec) {
     if (fd != nullptr) {
         *fd = -1;
     }
-    const int socket = Connect(server_name);
+    const int socket = ConnectServer(server_name);
     if (socket < 0) {
         return -socket;
     }

@@ -13,6 +13,9 @@ namespace zumod::vcam {
 
 inline constexpr int kMaxRequestParts = 2;
 
+// A new connection to the server, closed on exec, or a negative errno: -EACCES if another user has its name.
+int ConnectServer(const char* server_name);
+
 // Sends the request with its parts and receives the reply into the same parts. Returns 0, or an errno if the
 // server cannot be reached: EACCES if another user has its name. *fd becomes the descriptor in the reply, or
 // -1.

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "vcam/picture/jpeg_pattern.h"
+#include "vcam/picture/live_picture.h"
 #include "vcam/picture/pattern.h"
 #include "vcam/picture/pattern_reader.h"
 #include "vcam/testing/decode_luma.h"
@@ -23,9 +24,11 @@ namespace {
 using Picture = std::vector<uint8_t>;
 
 constexpr char kUsage[] =
-    "Usage: check_frames FORMAT WIDTH HEIGHT FPS COUNT LABEL [LOST] < PICTURES\n"
+    "Usage: check_frames FORMAT WIDTH HEIGHT FPS COUNT LABEL [LOST [live]] < PICTURES\n"
     "FORMAT is a camera's format, or GREY for luma planes, of which only the stamps are checked.\n"
-    "LOST: how many may be missing between the COUNT pictures, COUNT unless given.\n";
+    "LOST: how many may be missing between the COUNT pictures, COUNT unless given.\n"
+    "live: a live camera may show black first and repeat pictures; at least a quarter of COUNT must be "
+    "new.\n";
 
 struct Expected {
     std::string format;
@@ -35,7 +38,14 @@ struct Expected {
     size_t count;
     std::string label;
     uint64_t lost;
+    bool is_live;
 };
+
+bool IsBlack(const Picture& picture, const PictureLayout& layout) {
+    Picture black(layout.sizeimage);
+    LivePicture(layout, nullptr).Paint(black.data(), {});
+    return picture == black;
+}
 
 // Splits a sequence of pictures of one size, or of JPEG pictures at their end markers.
 std::vector<Picture> Split(const Picture& all, size_t size, bool is_jpeg) {
@@ -76,6 +86,7 @@ bool Check(const Expected& expected, const Picture& all) {
     }
     std::optional<Stamp> last;
     uint64_t lost = 0;
+    size_t distinct = 0;
     for (const Picture& picture : pictures) {
         const size_t number = static_cast<size_t>(&picture - pictures.data());
         std::optional<Stamp> stamp;
@@ -87,6 +98,10 @@ bool Check(const Expected& expected, const Picture& all) {
         } else if (picture.size() == size) {
             stamp = ReadStamp(picture.data(), layout);
         }
+        if (expected.is_live && (last ? stamp == last : IsBlack(picture, layout))) {
+            continue;
+        }
+        ++distinct;
         if (!stamp) {
             std::fprintf(stderr, "picture %zu has no stamp\n", number);
             return false;
@@ -113,6 +128,10 @@ bool Check(const Expected& expected, const Picture& all) {
     }
     std::printf("%zu pictures at %llu a second, %llu lost\n", pictures.size(),
                 static_cast<unsigned long long>(expected.fps), static_cast<unsigned long long>(lost));
+    if (expected.is_live && distinct < expected.count / 4) {
+        std::fprintf(stderr, "only %zu are different\n", distinct);
+        return false;
+    }
     if (lost > expected.lost) {
         std::fprintf(stderr, "too many are lost\n");
         return false;
@@ -125,7 +144,7 @@ bool Check(const Expected& expected, const Picture& all) {
 
 int main(int argc, char** argv) {
     using namespace zumod::vcam;
-    if (argc != 7 && argc != 8) {
+    if (argc < 7 || argc > 9) {
         std::fputs(kUsage, stderr);
         return 2;
     }
@@ -133,7 +152,7 @@ int main(int argc, char** argv) {
         argv[1], static_cast<unsigned>(std::atoi(argv[2])), static_cast<unsigned>(std::atoi(argv[3])),
         static_cast<uint64_t>(std::atoi(argv[4])), static_cast<size_t>(std::atoi(argv[5])), argv[6],
         // On a busy machine a program loses frames of any camera, but not more than it takes.
-        static_cast<uint64_t>(std::atoi(argv[argc == 8 ? 7 : 5]))};
+        static_cast<uint64_t>(std::atoi(argv[argc > 7 ? 7 : 5])), argc == 9};
     std::ifstream in("/dev/stdin", std::ios::binary);
     const Picture all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     return Check(expected, all) ? 0 : 1;

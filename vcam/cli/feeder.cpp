@@ -1,0 +1,147 @@
+#include "vcam/cli/feeder.h"
+
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "vcam/preload/rpc_client.h"
+
+namespace zumod::vcam {
+namespace {
+
+struct Answer {
+    Reply reply{};
+    FeedOffer offer{};
+    UniqueFd memory;
+    UniqueFd event;
+};
+
+Expected<Answer> Ask(int socket, unsigned camera) {
+    Request request = MakeRequest(Operation::kFeed);
+    request.slot = camera;
+    if (send(socket, &request, sizeof request, MSG_NOSIGNAL) != sizeof request) {
+        return Fail("the server of the virtual cameras does not answer");
+    }
+    Answer answer;
+    iovec parts[2] = {{&answer.reply, sizeof answer.reply}, {&answer.offer, sizeof answer.offer}};
+    int descriptors[2] = {-1, -1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptors)] = {};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t received = 0;
+    do {
+        received = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+    } while (received < 0 && errno == EINTR);
+    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    if (header != nullptr && header->cmsg_type == SCM_RIGHTS &&
+        header->cmsg_len == CMSG_LEN(sizeof descriptors)) {
+        std::memcpy(descriptors, CMSG_DATA(header), sizeof descriptors);
+        answer.memory.Reset(descriptors[0]);
+        answer.event.Reset(descriptors[1]);
+    }
+    if (received < static_cast<ssize_t>(sizeof answer.reply)) {
+        return Fail("the server of the virtual cameras does not answer");
+    }
+    if (answer.reply.error != 0) {
+        return Fail("camera " + std::to_string(camera) + " cannot be fed: " + ErrnoText(answer.reply.error));
+    }
+    if (received != sizeof answer.reply + sizeof answer.offer || !answer.memory || !answer.event) {
+        return Fail("the server of the virtual cameras sent a malformed answer");
+    }
+    return answer;
+}
+
+}  // namespace
+
+Expected<Feeder> Feeder::Connect(const std::string& server_name, unsigned camera) {
+    Feeder feeder;
+    const int socket = ConnectServer(server_name.c_str());
+    if (socket < 0) {
+        return Fail("no virtual cameras: " + ErrnoText(-socket));
+    }
+    feeder.m_socket.Reset(socket);
+    auto answer = Ask(socket, camera);
+    if (!answer) {
+        return Fail(answer.error());
+    }
+    const size_t size = FeedMemorySize(answer->offer.slot_size);
+    struct stat status {};
+    if (fstat(answer->memory.Get(), &status) != 0 || status.st_size < static_cast<off_t>(size)) {
+        return Fail("the memory of camera " + std::to_string(camera) + " is too small");
+    }
+    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, answer->memory.Get(), 0);
+    if (memory == MAP_FAILED) {
+        return Fail("no memory for camera " + std::to_string(camera) + ": " + ErrnoText(errno));
+    }
+    feeder.m_header = static_cast<FeedMemory*>(memory);
+    feeder.m_slot_size = answer->offer.slot_size;
+    feeder.m_event = std::move(answer->event);
+    return feeder;
+}
+
+Feeder::Feeder(Feeder&& other) noexcept
+    : m_socket(std::move(other.m_socket)),
+      m_event(std::move(other.m_event)),
+      m_header(std::exchange(other.m_header, nullptr)),
+      m_slot_size(other.m_slot_size),
+      m_slot(other.m_slot) {}
+
+Feeder::~Feeder() {
+    if (m_header != nullptr) {
+        munmap(m_header, FeedMemorySize(m_slot_size));
+    }
+}
+
+Expected<std::optional<FeedNotice>> Feeder::Receive() {
+    FeedNotice notice{};
+    const ssize_t received = recv(m_socket.Get(), &notice, sizeof notice, MSG_DONTWAIT);
+    if (received < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return std::nullopt;
+    }
+    if (received != sizeof notice) {
+        return Fail("the server of the virtual cameras is gone");
+    }
+    return notice;
+}
+
+bool Feeder::Put(const Picture& picture) {
+    if (picture.width == 0 || picture.height == 0 || picture.width % 2 != 0 || picture.height % 2 != 0 ||
+        picture.width > m_slot_size || picture.height > m_slot_size ||
+        uint64_t{picture.width} * picture.height * 3 / 2 > m_slot_size) {
+        return false;
+    }
+    uint8_t* to = reinterpret_cast<uint8_t*>(m_header) + kFeedHeaderSize + size_t{m_slot} * m_slot_size;
+    for (size_t plane = 0; plane < picture.planes.size(); ++plane) {
+        const size_t part = plane == 0 ? 1 : 2;
+        const size_t columns = picture.width / part;
+        for (size_t row = 0; row < picture.height / part; ++row) {
+            to = std::copy_n(picture.planes[plane] + row * picture.strides[plane], columns, to);
+        }
+    }
+    m_header->pictures[m_slot].width.store(picture.width, std::memory_order_relaxed);
+    m_header->pictures[m_slot].height.store(picture.height, std::memory_order_relaxed);
+    m_slot = m_header->newest.exchange(m_slot | FeedMemory::kNew, std::memory_order_acq_rel) &
+             FeedMemory::kSlotMask;
+    m_slot = std::min(m_slot, FeedMemory::kSlots - 1);  // the server is trusted, but not with this memory
+    (void)eventfd_write(m_event.Get(), 1);
+    return true;
+}
+
+Expected<void> Feeder::SetPlugged(bool is_plugged) {
+    const FeedCommand command{is_plugged ? 1U : 0U};
+    if (send(m_socket.Get(), &command, sizeof command, MSG_NOSIGNAL) != sizeof command) {
+        return Fail("the server of the virtual cameras is gone");
+    }
+    return {};
+}
+
+}  // namespace zumod::vcam

@@ -1,0 +1,70 @@
+// The protocol by which another process feeds a camera with pictures, and learns when programs want them.
+//
+// The feeder connects to the server's socket and sends a request of Operation::kFeed. The reply carries a
+// FeedOffer and two descriptors: memory, which the server made and sealed, so that nobody can shrink it under
+// the other side, and an eventfd. The connection then stays: the server sends a FeedNotice at once and at
+// each change, and the feeder a FeedCommand to unplug the camera or to plug it in again. When the connection
+// ends, the camera is unplugged until another feeder comes. A camera has at most one feeder.
+//
+// Pictures. The memory has three slots. At any time the feeder writes to one, the server reads one, and the
+// third holds the newest picture, or one that was taken already. `newest` is the number of the third slot,
+// and kNew while it holds a picture that was not taken. Each side exchanges its own slot for the third one in
+// one atomic step, so neither waits, and the newest picture wins. The eventfd says that there is one.
+//
+// Trust. The server trusts nothing in the memory: it takes each number once, checks it, and copies the
+// picture before it uses it. A feeder that writes to all three slots spoils only its own pictures.
+//
+// Thread rule: of FeedMemory: any thread of any process; each word is atomic by itself. The rest are values.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace zumod::vcam {
+
+struct FeedOffer {
+    uint32_t slot_size;  // bytes; a picture of 4:2:0 planes without padding takes width * height * 3 / 2
+};
+
+struct FeedNotice {
+    uint32_t is_streaming;
+    uint32_t width;  // what the program agreed on; other sizes are scaled
+    uint32_t height;
+    uint32_t rate_numerator;  // frames per second
+    uint32_t rate_denominator;
+
+    bool operator==(const FeedNotice&) const = default;
+};
+
+struct FeedCommand {
+    uint32_t is_plugged;
+};
+
+struct FeedMemory {
+    static constexpr uint32_t kSlots = 3;
+    static constexpr uint32_t kSlotMask = 3;
+    static constexpr uint32_t kNew = 4;
+    // New memory is zero: slot 0 is the third one.
+    static constexpr uint32_t kFirstOfServer = 1;
+    static constexpr uint32_t kFirstOfFeeder = 2;
+
+    struct Picture {
+        std::atomic<uint32_t> width;
+        std::atomic<uint32_t> height;
+    };
+
+    std::atomic<uint32_t> newest;
+    Picture pictures[kSlots];
+};
+static_assert(std::atomic<uint32_t>::is_always_lock_free);
+
+// The slots begin here, one after the other.
+inline constexpr size_t kFeedHeaderSize = 4096;
+static_assert(sizeof(FeedMemory) <= kFeedHeaderSize);
+
+inline constexpr size_t FeedMemorySize(uint32_t slot_size) {
+    return kFeedHeaderSize + size_t{FeedMemory::kSlots} * slot_size;
+}
+
+}  // namespace zumod::vcam
