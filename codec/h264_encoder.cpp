@@ -1,7 +1,6 @@
 #include "codec/h264_encoder.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cinttypes>
 #include <climits>
 #include <numeric>
@@ -88,22 +87,11 @@ AvOwner<AVCodecContext> OpenVaapi(const EncoderShape& shape, const EncoderSettin
     return avcodec_open2(context.get(), context->codec, nullptr) == 0 ? std::move(context) : nullptr;
 }
 
-// The library's look for a device opens every /dev/video*, cameras included, so a look that finds none is the
-// last of the process. Any encode thread reads and writes this; two that open their first encoder at the same
-// time may both look.
-std::atomic<bool> v4l2_missing{false};
-
 AvOwner<AVCodecContext> OpenV4l2(const EncoderShape& shape, const EncoderSettings& settings,
                                  const EncoderPolicy& policy) {
-    if (v4l2_missing.load(std::memory_order_relaxed)) {
-        return nullptr;
-    }
     AvOwner<AVCodecContext> context = NewContext("h264_v4l2m2m", shape, settings, policy);
-    if (context != nullptr && avcodec_open2(context.get(), context->codec, nullptr) == 0) {
-        return context;
-    }
-    v4l2_missing.store(true, std::memory_order_relaxed);
-    return nullptr;
+    const bool open = context != nullptr && avcodec_open2(context.get(), context->codec, nullptr) == 0;
+    return open ? std::move(context) : nullptr;
 }
 
 // Null after one log line.
@@ -131,15 +119,17 @@ AvOwner<AVCodecContext> OpenSoftwareEncoder(const EncoderShape& shape, const Enc
 
 // The first of VA-API and V4L2 memory-to-memory that opens. Null after one log line.
 AvOwner<AVCodecContext> OpenHardwareEncoder(const EncoderShape& shape, const EncoderSettings& settings,
-                                            const EncoderPolicy& policy) {
-    for (const auto open : {&OpenVaapi, &OpenV4l2}) {
-        if (AvOwner<AVCodecContext> context = open(shape, settings, policy)) {
-            LogOpened(*context, shape, settings);
-            return context;
-        }
+                                            const EncoderPolicy& policy, V4l2Look& v4l2) {
+    AvOwner<AVCodecContext> context = OpenVaapi(shape, settings, policy);
+    if (context == nullptr) {
+        context = v4l2.Run([&] { return OpenV4l2(shape, settings, policy); });
     }
-    ZuModLog(kLogEvent, "[zu-codec] no hardware encoder opens, the software encoder is used");
-    return nullptr;
+    if (context == nullptr) {
+        ZuModLog(kLogEvent, "[zu-codec] no hardware encoder opens, the software encoder is used");
+        return nullptr;
+    }
+    LogOpened(*context, shape, settings);
+    return context;
 }
 
 AvOwner<AVFrame> CopyOf(const AVFrame& picture) {
@@ -164,9 +154,9 @@ bool H264Encoder::OpenSoftware(const EncoderShape& shape, const EncoderSettings&
 }
 
 bool H264Encoder::OpenHardware(const EncoderShape& shape, const EncoderSettings& settings,
-                               const EncoderPolicy& policy) {
+                               const EncoderPolicy& policy, V4l2Look& v4l2) {
     Close();
-    return Accept(OpenHardwareEncoder(shape, settings, policy), shape, true);
+    return Accept(OpenHardwareEncoder(shape, settings, policy, v4l2), shape, true);
 }
 
 void H264Encoder::Close() {

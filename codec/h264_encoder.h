@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "codec/encoder_settings.h"
+#include "codec/v4l2_look.h"
 #include "common/av_objects.h"
 
 namespace zumod {
@@ -26,8 +27,8 @@ public:
     // NV12 pictures. On failure they log one line and return false.
     bool OpenSoftware(const EncoderShape& shape, const EncoderSettings& settings,
                       const EncoderPolicy& policy);
-    bool OpenHardware(const EncoderShape& shape, const EncoderSettings& settings,
-                      const EncoderPolicy& policy);
+    bool OpenHardware(const EncoderShape& shape, const EncoderSettings& settings, const EncoderPolicy& policy,
+                      V4l2Look& v4l2);
     void Close();
     // Halves the bit rate this often, but not below 100 kbit/s, from the next picture on; 0 restores it.
     // Hardware, and an encoder of constant quality, keep their rate.

@@ -125,7 +125,7 @@ bool CVideoEncoder::OpenFor(const PictureLayout& layout) {
     const EncoderSettings settings = ReadEncoderSettings(shape.width, shape.height);
     bool open = false;
     if (m_hardware_allowed && !m_hardware_failed) {
-        open = m_encoder.OpenHardware(shape, settings, m_policy);
+        open = m_encoder.OpenHardware(shape, settings, m_policy, V4l2Look::OfProcess());
         m_hardware_failed = !open;
     }
     if (!open) {
