@@ -13,6 +13,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -148,6 +149,35 @@ TEST_F(SandboxOfFiles, ItIsNotEnteredIfTheKernelRefusesLandlock) {
         return ReportOf({});
     });
     EXPECT_EQ(end.said, "Landlock is not put in force: Argument list too long");
+}
+
+TEST_F(SandboxOfFiles, WithoutAFilterSignalsAndAbstractSocketsStillEndAtTheProgram) {
+    if (*LandlockVersion() < 6) {
+        GTEST_SKIP() << "Landlock restricts neither before version 6";
+    }
+    const UniqueFd listener = NewUnixSocket();
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    socklen_t size = sizeof(sa_family_t);
+    auto* const name = reinterpret_cast<sockaddr*>(&address);
+    // The kernel chooses an abstract name.
+    ASSERT_EQ(bind(listener.Get(), name, size), 0);
+    ASSERT_EQ(listen(listener.Get(), 8), 0);
+    size = sizeof address;
+    ASSERT_EQ(getsockname(listener.Get(), name, &size), 0);
+    const auto tried = [&, parent = getpid()](const SandboxPlan& plan) {
+        return InAnyChild([&] {
+                   FailCalls({SCMP_SYS(seccomp)}, ENOSYS);
+                   std::string said = EnterSandbox(plan) ? "" : "not entered ";
+                   said += Outcome(kill(parent, 0));
+                   return said + ' ' + Outcome(connect(NewUnixSocket().Get(), name, size));
+               })
+            .said;
+    };
+    EXPECT_EQ(tried({}), "EPERM EPERM");
+    EXPECT_EQ(tried({.command = getpid()}), "0 EPERM");
+    const testing::ScopedVariable variable("ZU_VCAM", "server");
+    EXPECT_EQ(tried({.cameras = true}), "EPERM 0");
 }
 
 TEST_F(Sandbox, DropsPrivilegesForThisThreadAndLaterOnes) {
