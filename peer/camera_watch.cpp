@@ -21,6 +21,7 @@ CameraWatch::CameraWatch(const std::vector<CameraEntry>& listed, const CameraEnt
             ++m_namesake_count;
         }
     }
+    m_listed_count = m_namesake_count;
 }
 
 CameraWatch::Actions CameraWatch::OnFrame(Clock::time_point now) {
@@ -57,10 +58,15 @@ CameraWatch::Actions CameraWatch::OnCameras(const std::vector<CameraEntry>& came
         return {};
     }
     m_asked_at.reset();
+    if (m_phase == Phase::kStreaming && now - m_quiet_since < QuietLimit() / 2) {
+        return {};
+    }
     const CameraEntry* const found = Find(cameras);
+    const size_t listed_count = Namesakes(cameras).size();
+    m_missing = IsMissingAmong(listed_count);
+    m_listed_count = listed_count;
     if (m_phase == Phase::kStreaming) {
-        const bool quiet = now - m_quiet_since >= QuietLimit() / 2;
-        return quiet && found == nullptr ? GiveUp(CameraEvent::kGone, "is gone", now) : Actions{};
+        return found == nullptr ? GiveUp(CameraEvent::kGone, "is gone", now) : Actions{};
     }
     // The list was requested before the camera was given up, so it does not show that the camera is back.
     const bool too_early = now < m_next_search;
@@ -74,6 +80,7 @@ CameraWatch::Actions CameraWatch::OnCameras(const std::vector<CameraEntry>& came
     }
     m_phase = Phase::kOpening;
     m_camera = *found;
+    m_uncertain = listed_count < m_namesake_count;
     m_frame_seen = false;
     m_asked_at = now;
     return {{WatchAction::kOpen, m_camera.id, {}, {}}};
@@ -123,16 +130,26 @@ Clock::time_point CameraWatch::NextCheck() const {
     return m_limits.closes_stalled ? Clock::time_point::max() : *m_checked + kSearchInterval;
 }
 
-const CameraEntry* CameraWatch::Find(const std::vector<CameraEntry>& cameras) const {
-    const CameraEntry* found = nullptr;
-    size_t count = 0;
+std::vector<const CameraEntry*> CameraWatch::Namesakes(const std::vector<CameraEntry>& cameras) const {
+    std::vector<const CameraEntry*> namesakes;
     for (const CameraEntry& each : cameras) {
         if (each.name == m_camera.name) {
-            found = count == m_namesake_index ? &each : found;
-            ++count;
+            namesakes.push_back(&each);
         }
     }
-    return count >= m_namesake_count ? found : nullptr;
+    return namesakes;
+}
+
+const CameraEntry* CameraWatch::Find(const std::vector<CameraEntry>& cameras) const {
+    const auto namesakes = Namesakes(cameras);
+    if (namesakes.empty() || IsMissingAmong(namesakes.size())) {
+        return nullptr;
+    }
+    return namesakes[std::min(m_namesake_index, namesakes.size() - 1)];
+}
+
+bool CameraWatch::IsMissingAmong(size_t listed_count) const {
+    return listed_count < m_listed_count || (m_missing && listed_count == m_listed_count);
 }
 
 WatchAction CameraWatch::AskCameras(Clock::time_point now) {
@@ -164,7 +181,8 @@ CameraWatch::Actions CameraWatch::AnnounceReturn(Clock::time_point now) {
         return {};
     }
     const auto away = now - *std::exchange(m_away_since, std::nullopt);
-    return {Announce(CameraEvent::kBack, "is back after " + SecondsText(away))};
+    return {Announce(CameraEvent::kBack, "is back after " + SecondsText(away) +
+                                             (m_uncertain ? ", or another camera of this name" : ""))};
 }
 
 }  // namespace zumod::peer

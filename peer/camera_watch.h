@@ -8,8 +8,9 @@
 // counts as back only once a frame has arrived.
 //
 // Cameras are recognised by name. Several may share a name; then ours is number m_namesake_index of
-// m_namesake_count in the list. If there are fewer of them, ours is the missing one, because its frames have
-// stopped.
+// m_namesake_count in the list. If there are fewer of them than in the list before, while ours sends nothing,
+// ours is the missing one. It is back once there are more again. If others are missing then, which one is
+// back cannot be known: it is opened, and the announcement says that it may be another one.
 //
 // Thread rule: one thread at a time. Each call passes the time.
 #pragma once
@@ -78,7 +79,10 @@ private:
     enum class Phase { kStreaming, kSearching, kOpening };
 
     Clock::duration QuietLimit() const { return m_frame_seen ? m_limits.quiet : m_limits.first_frame; }
+    std::vector<const CameraEntry*> Namesakes(const std::vector<CameraEntry>& cameras) const;
+    // Ours, or null if it is missing. Only while it sends nothing.
     const CameraEntry* Find(const std::vector<CameraEntry>& cameras) const;
+    bool IsMissingAmong(size_t listed_count) const;
     // While streaming: when to request the list.
     Clock::time_point NextCheck() const;
     WatchAction AskCameras(Clock::time_point now);
@@ -90,6 +94,9 @@ private:
     CameraEntry m_camera;
     size_t m_namesake_index = 0;
     size_t m_namesake_count = 0;
+    size_t m_listed_count = 0;  // the namesakes in the last list
+    bool m_missing = false;     // ours is not one of them
+    bool m_uncertain = false;   // what was opened may be another one
 
     Phase m_phase = Phase::kStreaming;
     Clock::time_point m_quiet_since;

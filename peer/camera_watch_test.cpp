@@ -257,6 +257,22 @@ TEST_F(CameraWatchTest, KnowsWhichOfTwoCamerasWithOneNameIsMissing) {
               Actions{Open(2)});
 }
 
+TEST_F(CameraWatchTest, OpensTheFirstCameraThatIsBackIfAllOfOneNameWereAway) {
+    const std::vector<CameraEntry> twins = {Camera(0, "Twin"), Camera(1, "Twin")};
+    CameraWatch second(twins, twins[1], {}, At(0));
+    second.OnFrame(At(0));
+    EXPECT_EQ(second.OnTime(At(500)), Actions{kAsk});
+    EXPECT_EQ(second.OnCameras({Camera(0, "Twin")}, At(510)).size(), 2U);
+    EXPECT_EQ(second.OnTime(At(1510)), Actions{kAsk});
+    EXPECT_EQ(second.OnCameras({}, At(1510)), Actions{});
+    EXPECT_EQ(second.OnTime(At(2510)), Actions{kAsk});
+    EXPECT_EQ(second.OnCameras({Camera(0, "Twin")}, At(2510)), Actions{Open(0)});
+    EXPECT_EQ(second.OnState({kCameraOpen, 0}, At(2600)), Actions{});
+    EXPECT_EQ(second.OnFrame(At(3000)),
+              Actions{Announce(CameraEvent::kBack,
+                               "camera 0 (Twin) is back after 3.0 s, or another camera of this name")});
+}
+
 TEST_F(CameraWatchTest, DoesNotConfuseTwoCamerasWithOneName) {
     const std::vector<CameraEntry> twins = {Camera(0, "Twin"), Camera(1, "Twin")};
     CameraWatch first(twins, twins[0], {}, At(0));

@@ -174,7 +174,8 @@ Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, const 
     if (found.empty()) {
         found = matches([&](const CameraEntry& camera) { return SafeText(camera.name) == wanted; });
     }
-    if (found.empty()) {
+    const bool is_name = !found.empty();
+    if (!is_name) {
         found = matches([&](const CameraEntry& camera) {
             return strncasecmp(SafeText(camera.name).c_str(), wanted.c_str(), wanted.size()) == 0;
         });
@@ -187,7 +188,10 @@ Expected<CameraEntry> FindCamera(const std::vector<CameraEntry>& cameras, const 
         return Fail("there is no camera " + shown + "; the host lists " +
                     (cameras.empty() ? "none" : CameraLabels(cameras)));
     }
-    return Fail("more than one camera is " + shown + ": " + CameraLabels(found));
+    const std::string count = std::to_string(found.size());
+    return Fail(
+        (is_name ? count + " cameras are called " : "the names of " + count + " cameras begin with ") +
+        shown + "; use the number: " + CameraLabels(found));
 }
 
 Expected<CameraState> CloseCamera(Session& session, uint32_t id) {

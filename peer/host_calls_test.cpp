@@ -35,8 +35,10 @@ TEST(FindCamera, ByIdNameOrTheBeginningOfAName) {
 }
 
 TEST(FindCamera, SaysWhichCamerasMatchOrAreListed) {
-    EXPECT_EQ(Found("fro"), "more than one camera is fro: camera 0 (Front Camera), camera 1 (Front)");
-    EXPECT_EQ(Found("Twin"), "more than one camera is Twin: camera 3 (Twin), camera 4 (Twin)");
+    EXPECT_EQ(
+        Found("fro"),
+        "the names of 2 cameras begin with fro; use the number: camera 0 (Front Camera), camera 1 (Front)");
+    EXPECT_EQ(Found("Twin"), "2 cameras are called Twin; use the number: camera 3 (Twin), camera 4 (Twin)");
     EXPECT_EQ(Found("\x1b"),
               "there is no camera \\x1b; the host lists camera 0 (Front Camera), camera 1 "
               "(Front), camera 2 (De\\x1bsk), camera 3 (Twin), camera 4 (Twin), camera 5 (4)");
