@@ -108,10 +108,29 @@ Expected<Session> CommandContext::ConnectOnce() const {
                           ? Connection::ToSocket(options.socket, options.host_user, waiter, options.limit)
                           : Connection::ToCommand(options.exec);
     return std::move(connection).map([this](Connection&& made) {
-        return Session(std::move(made), waiter, options.limit, [this](const std::string& notice) {
-            messages.Offer((messages.IsTerminal() ? kClearLine : "") + ("zu-camera-peer: " + notice + "\n"));
-        });
+        return Session(std::move(made), waiter, options.limit,
+                       [this](const std::string& notice) { Say(notice); });
     });
+}
+
+Expected<OpenedCamera> CommandContext::Open(Session& session, const CameraEntry& camera,
+                                            PictureSize& size) const {
+    if (size == options.size) {
+        return OpenedCamera::Open(session, camera, size, options.fps);
+    }
+    const PictureSize wanted = size;
+    return OpenedCamera::OpenOrSmaller(session, camera, size, options.fps).map([&](OpenedCamera&& opened) {
+        if (size != wanted) {
+            Say(CameraLabel(camera) + " could not be opened at " + SizeText(wanted) + "; it is open at " +
+                SizeText(size));
+        }
+        return std::move(opened);
+    });
+}
+
+void CommandContext::Say(const std::string& text) const {
+    // There may be a line that is overwritten again and again.
+    messages.Offer((messages.IsTerminal() ? kClearLine : "") + ("zu-camera-peer: " + text + "\n"));
 }
 
 uint64_t MostPixels(const PeerOptions& options, PictureSize requested) {
@@ -178,7 +197,7 @@ Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, Vi
     }
     auto view = std::make_unique<CameraView>(CameraView{
         std::move(*decoder), std::move(*session), std::move(*listed), std::move(*camera), size, {}});
-    auto opened = OpenedCamera::Open(view->session, view->camera, size, options.fps);
+    auto opened = context.Open(view->session, view->camera, view->size);
     if (!opened) {
         return Fail(opened.error());
     }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "common/error.h"
@@ -30,6 +31,13 @@ struct CommandContext {
     // With --wait a failed attempt is repeated until that time is over.
     Expected<Session> Connect() const;
     Expected<Session> ConnectOnce() const;
+
+    // At `size`. If that is not what --size asks for and the host refuses it, at a smaller one, which is
+    // stored in `size` and told to the user.
+    Expected<OpenedCamera> Open(Session& session, const CameraEntry& camera, PictureSize& size) const;
+
+    // A line on standard error; does not wait for its reader.
+    void Say(const std::string& text) const;
 };
 
 struct Command {

@@ -13,6 +13,7 @@ namespace zumod::peer {
 namespace {
 
 constexpr auto kLastAnswerLimit = std::chrono::seconds(2);
+constexpr int kMostSizesTried = 8;
 
 std::vector<uint8_t> Request(MessageType type) {
     std::vector<uint8_t> message(sizeof(_MESSAGE_HEADER));
@@ -80,6 +81,11 @@ std::string CameraLabels(const std::vector<CameraEntry>& cameras) {
 template <class Answer>
 bool Any(const Answer&) {
     return true;
+}
+
+std::string RefusalText(const CameraEntry& camera, PictureSize size) {
+    return CameraLabel(camera) + " could not be opened" +
+           (Lists(camera, size) ? "" : " at " + SizeText(size) + ", which it does not list");
 }
 
 auto IsStateOf(uint32_t id) {
@@ -201,6 +207,42 @@ Expected<CameraState> CloseCamera(Session& session, uint32_t id) {
 
 Expected<OpenedCamera> OpenedCamera::Open(Session& session, const CameraEntry& camera, PictureSize size,
                                           int fps) {
+    return Try(session, camera, size, fps)
+        .and_then([&](std::optional<OpenedCamera>&& opened) -> Expected<OpenedCamera> {
+            if (opened) {
+                return std::move(*opened);
+            }
+            return Fail(RefusalText(camera, size));
+        });
+}
+
+Expected<OpenedCamera> OpenedCamera::OpenOrSmaller(Session& session, const CameraEntry& camera,
+                                                   PictureSize& size, int fps) {
+    const PictureSize wanted = size;
+    const uint64_t notices = session.Notices();
+    std::vector<PictureSize> smaller = camera.sizes;
+    for (int tried = 1;; ++tried) {
+        auto opened = Try(session, camera, size, fps);
+        if (!opened) {
+            return Fail(opened.error());
+        }
+        if (*opened) {
+            return std::move(**opened);
+        }
+        std::erase_if(smaller, [size](PictureSize other) {
+            return uint64_t{other.width} * other.height >= uint64_t{size.width} * size.height;
+        });
+        if (smaller.empty() || tried == kMostSizesTried || session.Notices() != notices) {
+            return Fail(tried == 1 ? RefusalText(camera, size)
+                                   : CameraLabel(camera) + " could not be opened at " + SizeText(wanted) +
+                                         ", nor at smaller sizes down to " + SizeText(size));
+        }
+        size = DefaultSize(smaller);
+    }
+}
+
+Expected<std::optional<OpenedCamera>> OpenedCamera::Try(Session& session, const CameraEntry& camera,
+                                                        PictureSize size, int fps) {
     std::vector<ReceivedMessage> early_frames;
     size_t early_bytes = 0;
     const auto keep_frame = [&](ReceivedMessage& other) -> Expected<void> {
@@ -219,11 +261,10 @@ Expected<OpenedCamera> OpenedCamera::Open(Session& session, const CameraEntry& c
         return Fail(answer.error());
     }
     if (answer->state != kCameraOpen) {
-        return Fail(CameraLabel(camera) + " could not be opened" +
-                    (Lists(camera, size) ? "" : " at " + SizeText(size) + ", which it does not list"));
+        return std::nullopt;
     }
     session.PutBack(std::move(early_frames));
-    return OpenedCamera(&session, camera.id);
+    return std::optional(OpenedCamera(&session, camera.id));
 }
 
 OpenedCamera::~OpenedCamera() {

@@ -53,6 +53,11 @@ public:
     // Frames that arrive before the answer stay in the session, for NextFrame().
     static Expected<OpenedCamera> Open(Session& session, const CameraEntry& camera, PictureSize size,
                                        int fps);
+    // The same, but if the host refuses `size` without a notice, tries smaller sizes of the list and stores
+    // the one that was opened in `size`: some sizes exist only compressed, which a host does not open and the
+    // list does not say.
+    static Expected<OpenedCamera> OpenOrSmaller(Session& session, const CameraEntry& camera,
+                                                PictureSize& size, int fps);
 
     OpenedCamera(OpenedCamera&& other) noexcept
         : m_session(std::exchange(other.m_session, nullptr)), m_id(other.m_id) {}
@@ -69,6 +74,10 @@ public:
 
 private:
     OpenedCamera(Session* session, uint32_t id) : m_session(session), m_id(id) {}
+
+    // Nothing if the host refuses.
+    static Expected<std::optional<OpenedCamera>> Try(Session& session, const CameraEntry& camera,
+                                                     PictureSize size, int fps);
 
     Session* m_session;  // null after a move
     uint32_t m_id;

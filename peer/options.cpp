@@ -22,7 +22,7 @@ namespace {
 constexpr char kDescription[] =
     "Uses the cameras of another machine, through the program there that lends them.";
 constexpr char kFooter[] =
-    "Sizes: without --size the largest one that fits into 1280x720.\n"
+    "Sizes: without --size the largest that fits into 1280x720 and can be opened.\n"
     "Exit status: 0 done, 1 a failure, 2 wrong options.";
 
 // The command that somebody who typed `word` most likely meant.

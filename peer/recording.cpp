@@ -84,7 +84,7 @@ Expected<void> Recording::OpenCameras() {
     }
     for (size_t i = 0; i < cameras.size(); ++i) {
         m_parts[i].size = RequestedSize(options, cameras[i]);
-        auto opened = OpenedCamera::Open(*m_session, cameras[i], m_parts[i].size, options.fps);
+        auto opened = m_context.Open(*m_session, cameras[i], m_parts[i].size);
         if (!opened) {
             return Fail(opened.error());
         }
@@ -385,8 +385,8 @@ std::string Recording::LossText() const {
 }
 
 void Recording::Say(const std::string& text) {
-    m_context.messages.Offer((std::exchange(m_line_shown, false) ? kClearLine : "") +
-                             ("zu-camera-peer: " + text + "\n"));
+    m_line_shown = false;
+    m_context.Say(text);
 }
 
 // A line that is overwritten again and again; nothing if standard error is not a terminal.

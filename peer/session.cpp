@@ -70,6 +70,7 @@ Expected<std::optional<ReceivedMessage>> Session::Receive(Clock::time_point dead
         if (notice == nullptr) {
             return next;
         }
+        ++m_notices;
         m_notice = "the host says: " + SafeText(notice->text);
     }
 }

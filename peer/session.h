@@ -54,6 +54,9 @@ public:
     // of the connection it is the failure; followed by anything else it goes to OnNotice.
     Expected<std::optional<ReceivedMessage>> Receive(Clock::time_point deadline);
 
+    // How many notices the host has sent.
+    uint64_t Notices() const { return m_notices; }
+
     // Puts messages back to the front of the queue, in this order.
     void PutBack(std::vector<ReceivedMessage> messages);
 
@@ -80,6 +83,7 @@ private:
     std::string m_notice;  // what came last was a notice; empty if it was not
     std::string m_shown_notice;
     int m_notices_shown = 0;
+    uint64_t m_notices = 0;
     bool m_closed = false;  // by the host
     std::string m_failure;  // reported when no message is left; empty while more may arrive
 };

@@ -138,12 +138,35 @@ TEST_F(PeerStart, WaitsForAHostThatIsNotUpOnlyAsLongAsItIsTold) {
 }
 
 TEST_F(PeerStart, ReportsThatACameraCouldNotBeOpened) {
-    Start({"record", "0", work / "film.mkv"});
+    Start({"record", "0", work / "film.mkv", "--size", "640x480"});
     AnswerList(kOneCamera);
     host.Expect(OpenBytes(0));
     host.Send(StateBytes(1, 0));
     ExpectEnd(1, "zu-camera-peer: camera 0 (Front) could not be opened\n");
     EXPECT_EQ(Files().size(), 0U);
+}
+
+TEST_F(PeerStart, TriesSmallerSizesUnlessOneIsGiven) {
+    Start({"record", "0", work / "film.mkv"});
+    AnswerList(kOneCamera);
+    host.Expect(OpenBytes(0));
+    host.Send(StateBytes(1, 0));
+    host.Expect(OpenBytes(0, 320, 240));
+    host.Send(StateBytes(1, 0));
+    ExpectEnd(1,
+              "zu-camera-peer: camera 0 (Front) could not be opened at 640x480, nor at smaller sizes down to "
+              "320x240\n");
+    EXPECT_EQ(Files().size(), 0U);
+}
+
+TEST_F(PeerStart, TriesNoOtherSizeIfTheHostSaysWhyACameraIsNotOpened) {
+    Start({"record", "0", work / "film.mkv"});
+    AnswerList(kOneCamera);
+    host.Expect(OpenBytes(0));
+    host.Send(NoticeBytes("camera 0 is in use by another peer") + StateBytes(1, 0));
+    ExpectEnd(1,
+              "zu-camera-peer: the host says: camera 0 is in use by another peer\n"
+              "zu-camera-peer: camera 0 (Front) could not be opened\n");
 }
 
 }  // namespace
