@@ -40,7 +40,7 @@ public:
         m_context->max_b_frames = 0;
         m_context->thread_count = 1;
         m_context->bit_rate = m_context->rc_max_rate = settings.bit_rate;
-        m_context->rc_buffer_size = static_cast<int>(settings.bit_rate / 5);
+        m_context->rc_buffer_size = static_cast<int>(settings.bit_rate / 10);
         av_opt_set(m_context->priv_data, "preset", "ultrafast", 0);
         av_opt_set(m_context->priv_data, "tune", "zerolatency", 0);
         Require(avcodec_open2(m_context.get(), codec, nullptr) >= 0, "the encoder does not open");

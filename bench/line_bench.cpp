@@ -165,8 +165,12 @@ double Mean(const std::vector<double>& values) {
     return sum / static_cast<double>(values.size());
 }
 
+double Decibel(double error) {
+    return 10 * std::log10(255.0 * 255.0 / error);
+}
+
 double Decibel(const Stream& stream) {
-    return 10 * std::log10(255.0 * 255.0 / Mean(Values(stream, &Sent::error)));
+    return Decibel(Mean(Values(stream, &Sent::error)));
 }
 
 // zu.codec.buffer: the largest picture, how long it takes on a line of the stream's rate, and the quality.
@@ -178,6 +182,8 @@ void Buffer(benchmark::State& state) {
         const Stream stream = SendClip(*clip, 180, 4'147'200, false);
         const std::vector<double> sizes = Values(stream, &Sent::size_bits);
         state.counters["psnr_db"] = Decibel(stream);
+        state.counters["first_db"] = Decibel(stream.pictures.front().error);
+        state.counters["worst_db"] = Decibel(Percentile(Values(stream, &Sent::error), 1));
         state.counters["largest_kB"] = Percentile(sizes, 1) / 8e3;
         state.counters["largest_ms"] = Percentile(sizes, 1) / 4147.2;
         state.counters["late_ms"] = Percentile(Values(stream, &Sent::latency_ms), 1);
@@ -186,7 +192,7 @@ void Buffer(benchmark::State& state) {
 }
 BENCHMARK(Buffer)
     ->ArgNames({"natural", "ms"})
-    ->ArgsProduct({{kPattern, kNatural}, {50, 100, 200, 1000}})
+    ->ArgsProduct({{kPattern, kNatural}, {50, 100, 150, 200, 1000}})
     ->Iterations(1);
 
 // zu.codec.threads: time from call to bytes, processor time and quality.

@@ -28,7 +28,7 @@ struct EncoderSettings {
 // 0.15 bits per pixel, which the fast presets need for a picture without visible blocks.
 int64_t DefaultBitRate(int width, int height);
 
-// 200 ms, and up to a second where the bit rate is below 800 kbit/s.
+// 100 ms, and up to a second where the bit rate is below 1.6 Mbit/s.
 int64_t DefaultBufferMs(int64_t bit_rate);
 
 // The host's values of kSettingKeys. A property that is not text, or out of range, is logged in one line and

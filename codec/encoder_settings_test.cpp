@@ -29,7 +29,7 @@ TEST_F(EncoderSettingsTest, DependOnTheSizeIfTheHostHasNoProperties) {
     EXPECT_EQ(settings.key_interval, 60) << "two seconds";
     EXPECT_EQ(settings.preset, "ultrafast");
     EXPECT_THAT(host.Lines(), IsEmpty());
-    EXPECT_EQ(settings.buffer_ms, 200);
+    EXPECT_EQ(settings.buffer_ms, 115);
     EXPECT_EQ(settings.threads, 1);
     EXPECT_THAT(host.AskedKeys(), ElementsAre("zu.codec.bitrate", "zu.codec.preset", "zu.codec.keyint",
                                               "zu.codec.buffer", "zu.codec.threads"));
@@ -42,7 +42,8 @@ TEST_F(EncoderSettingsTest, TheBitRateGrowsWithThePictureBetweenTwoBounds) {
 }
 
 TEST_F(EncoderSettingsTest, TheBufferHoldsAKeyFrameAlsoAtALowBitRate) {
-    EXPECT_EQ(DefaultBufferMs(4147200), 200);
+    EXPECT_EQ(DefaultBufferMs(4147200), 100);
+    EXPECT_EQ(DefaultBufferMs(1600000), 100);
     EXPECT_EQ(DefaultBufferMs(800000), 200);
     EXPECT_EQ(DefaultBufferMs(320000), 500);
     EXPECT_EQ(DefaultBufferMs(100000), 1000);
@@ -86,7 +87,7 @@ TEST_F(EncoderSettingsTest, AWrongKeyIntervalIsLoggedAndTheDefaultUsed) {
 TEST_F(EncoderSettingsTest, AWrongBufferOrNumberOfThreadsIsLoggedAndTheDefaultUsed) {
     for (const char* wrong : {"19", "10001", "1 s"}) {
         SetText("zu.codec.buffer", wrong);
-        EXPECT_EQ(ReadEncoderSettings(640, 480).buffer_ms, 200) << wrong;
+        EXPECT_EQ(ReadEncoderSettings(640, 480).buffer_ms, 115) << wrong;
         EXPECT_EQ(host.TakeLines().size(), 1U) << wrong;
     }
     SetText("zu.codec.buffer", "250");
