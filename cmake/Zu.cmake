@@ -80,8 +80,11 @@ if(ZU_FUZZ)
   set(sanitize -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize=vptr,function -fno-sanitize-recover=all
                -fno-omit-frame-pointer)
 elseif(ZU_SANITIZE STREQUAL "address")
-  # No vptr check: an object from another module need not carry C++ type information.
+  # No check of types: an object or function from another module need not carry C++ type information.
   set(sanitize -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    list(APPEND sanitize -fno-sanitize=function)
+  endif()
 elseif(ZU_SANITIZE STREQUAL "thread")
   set(sanitize -fsanitize=thread -fno-omit-frame-pointer)
 elseif(ZU_SANITIZE)
@@ -95,6 +98,27 @@ add_library(zu_flags INTERFACE)
 target_link_libraries(zu_flags INTERFACE zu_plain_flags)
 target_compile_options(zu_flags INTERFACE ${sanitize})
 target_link_options(zu_flags INTERFACE ${sanitize})
+if(ZU_SANITIZE)
+  # The sanitizer's run time is a shared library, so that a program, its modules and what it preloads have one.
+  set(runtime_address libasan.so)
+  set(runtime_thread libtsan.so)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    if(NOT ZU_SANITIZE STREQUAL "address")
+      message(FATAL_ERROR "ZU_SANITIZE=thread needs GCC: Clang's run time for it is not a shared library")
+    endif()
+    set(runtime_address libclang_rt.asan-${CMAKE_SYSTEM_PROCESSOR}.so)
+  endif()
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${runtime_${ZU_SANITIZE}}
+                  OUTPUT_VARIABLE ZU_SANITIZER_RUNTIME OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # GCC's name of the macro, which Clang 14 does not define.
+    target_compile_definitions(zu_flags INTERFACE __SANITIZE_ADDRESS__)
+    # It is in a directory of the compiler, where no program looks for a library.
+    cmake_path(GET ZU_SANITIZER_RUNTIME PARENT_PATH runtime_directory)
+    target_link_options(zu_flags INTERFACE -shared-libasan
+                        $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-Wl,-rpath,${runtime_directory}>)
+  endif()
+endif()
 if(ZU_COVERAGE)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     message(FATAL_ERROR "ZU_COVERAGE needs GCC")
@@ -215,11 +239,7 @@ endif()
 set(ZU_VCAM_PRELOAD ${ZU_MODULE_DIR}/libzu-vcam-preload.so)
 if(ZU_SANITIZE)
   # A sanitizer's run time must come before every other library.
-  set(runtime_address libasan.so)
-  set(runtime_thread libtsan.so)
-  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${runtime_${ZU_SANITIZE}}
-                  OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
-  string(PREPEND ZU_VCAM_PRELOAD ${runtime}:)
+  string(PREPEND ZU_VCAM_PRELOAD ${ZU_SANITIZER_RUNTIME}:)
 endif()
 
 # zu_test(NAME sources... [CAMERAS] [LINK libraries...] [TIMEOUT seconds] [DEFINE definitions...] [NEEDS targets...]):
