@@ -58,8 +58,14 @@ void UseModulesIn(const std::string& directory) {
     AttachRuntime(&runtimes.try_emplace(directory, log, properties).first->second);
 }
 
-int PlanesOf(VideoTargetFormat target) {
+int PlaneCount(VideoTargetFormat target) {
     return target == kVideoTargetI420 ? 3 : target == kVideoTargetNv12 ? 2 : 1;
+}
+
+uint32_t OutputCode(VideoTargetFormat target) {
+    return target == kVideoTargetI420   ? VideoFormatCode("I420")
+           : target == kVideoTargetNv12 ? VideoFormatCode("NV12")
+                                        : 0;
 }
 
 // One decode call, with all that its thread needs, because the thread may outlive the caller. On the heap and
@@ -143,7 +149,7 @@ Expected<PictureDecoder> PictureDecoder::Create(std::string module_directory, Vi
 
 Expected<bool> PictureDecoder::Decode(std::span<const uint8_t> frame, const OnPicture& on_picture) {
     Failures().Take();
-    const auto call = std::make_shared<DecodeCall>(m_decoder, frame, PlanesOf(m_target), on_picture);
+    const auto call = std::make_shared<DecodeCall>(m_decoder, frame, PlaneCount(m_target), on_picture);
     if (call->Done() < 0) {
         return Fail("no descriptor for the decoder: " + ErrnoText(errno));
     }
@@ -172,6 +178,12 @@ Expected<void> PictureDecoder::LimitPixels(uint64_t pixels) {
     return ApplyLimit();
 }
 
+Expected<void> PictureDecoder::SetOutput(PictureSize size, VideoTargetFormat target) {
+    m_output = size;
+    m_target = target;
+    return ApplyOutput();
+}
+
 Expected<void> PictureDecoder::Restart() {
     Failures().Take();
     m_decoder = nullptr;
@@ -180,7 +192,20 @@ Expected<void> PictureDecoder::Restart() {
         return Fail("no decoder from zu-codec.so in " + SafeText(m_directory) +
                     " (see --modules): " + SafeText(Failures().Take()));
     }
-    return ApplyLimit();
+    return ApplyLimit().and_then([this] { return ApplyOutput(); });
+}
+
+Expected<void> PictureDecoder::ApplyOutput() {
+    if (!m_output) {
+        return {};
+    }
+    const VideoOutputFormat output{static_cast<int32_t>(m_output->width),
+                                   static_cast<int32_t>(m_output->height), 0, OutputCode(m_target)};
+    if (m_decoder->SetOutputFormat(&output) != 1) {
+        return Fail("the decoder of zu-codec.so in " + SafeText(m_directory) + " does not make pictures of " +
+                    SizeText(*m_output));
+    }
+    return {};
 }
 
 // Without the limit a host could make this program use gigabytes of memory.

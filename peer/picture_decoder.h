@@ -16,12 +16,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
 
 #include "common/error.h"
 #include "common/waiter.h"
+#include "peer/camera_list.h"
 #include "zumod/codec.h"
 #include "zumod/codec_decode.h"
 #include "zumod/ref_ptr.h"
@@ -39,6 +41,10 @@ public:
 
     // Counted in whole macroblocks of 16x16. 1920x1088 before the first call.
     Expected<void> LimitPixels(uint64_t pixels);
+
+    // Pictures are converted to this format and scaled to this size. Without the call they have the stream's
+    // size and the format of Create().
+    Expected<void> SetOutput(PictureSize size, VideoTargetFormat target);
 
     // Calls `on_picture` for each picture in the frame, which is not empty. It runs on another thread, while
     // this one waits. The planes are valid during the call; what it throws is thrown from here. Returns false
@@ -59,12 +65,14 @@ private:
         : m_directory(std::move(directory)), m_target(target), m_waiter(&waiter), m_limit(limit) {}
 
     Expected<void> ApplyLimit();
+    Expected<void> ApplyOutput();
 
     std::string m_directory;
     VideoTargetFormat m_target;
     Waiter* m_waiter;
     Clock::duration m_limit;
     int64_t m_max_pixels = int64_t{1920} * 1088;
+    std::optional<PictureSize> m_output;
     CRefPtr_T<IVDecoder> m_decoder;
 };
 

@@ -54,6 +54,9 @@ Expected<std::optional<ReceivedMessage>> Session::Receive(Clock::time_point dead
             if (!m_failure.empty()) {
                 return Fail(EndOfMessages());
             }
+            if (std::exchange(m_woken, false)) {
+                return std::nullopt;
+            }
             if (Clock::now() >= deadline) {
                 ShowNotice();
                 return std::nullopt;

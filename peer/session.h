@@ -47,8 +47,8 @@ public:
     // received messages are delivered.
     Expected<void> Send(const std::vector<uint8_t>& bytes);
 
-    // The next message other than a notice, or nothing at the deadline. Fails if the host closed the
-    // connection or sent a malformed message, and if a signal ends the wait.
+    // The next message other than a notice, or nothing at the deadline and after Wake(). Fails if
+    // the host closed the connection or sent a malformed message, and if a signal ends the wait.
     //
     // A notice says why the connection ends, or why what was requested does not happen. Followed by the end
     // of the connection it is the failure; followed by anything else it goes to OnNotice.
@@ -56,6 +56,8 @@ public:
 
     // How many notices the host has sent.
     uint64_t Notices() const { return m_notices; }
+    // A Receive() that waits, or the next one, returns without a message. For callbacks of the waiter.
+    void Wake() { m_woken = true; }
 
     // Puts messages back to the front of the queue, in this order.
     void PutBack(std::vector<ReceivedMessage> messages);
@@ -84,6 +86,7 @@ private:
     std::string m_shown_notice;
     int m_notices_shown = 0;
     uint64_t m_notices = 0;
+    bool m_woken = false;
     bool m_closed = false;  // by the host
     std::string m_failure;  // reported when no message is left; empty while more may arrive
 };
