@@ -82,7 +82,10 @@ zu_package(
   DEPENDS "zu-client-camera (= ${ZU_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
   SUMMARY "host and peer that lend and use cameras over a socket or ssh"
   DESCRIPTION "zu-camera-host lends the cameras of a machine to several peers at once.
-zu-camera-peer lists them, takes pictures, records and measures.")
+zu-camera-peer lists them, takes pictures, records, measures, and offers them
+to programs that find cameras by PipeWire.")
+# The peer loads the library of PipeWire only for its command camera.
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SUGGESTS pipewire)
 zu_package(
   sdk zu-client-camera-dev ALL
   SECTION libdevel

@@ -71,6 +71,8 @@ constexpr Command kCommands[] = {
      ListControls},
     {"set", kCameraId | kSettings, "Change controls of a camera, as in brightness=128 focus=auto",
      SetControls},
+    {"camera", kCameraIds | kFormat | kLabel,
+     "Offer cameras to the programs of this machine, by PipeWire, until it is stopped", PublishCameras},
     {"close", kCameraId, "Close a camera and print the host's answer", CloseOneCamera},
     {"version", 0, "Print the version of the protocol that the host speaks", ShowVersion},
 };
@@ -142,19 +144,15 @@ uint64_t MostPixels(const PeerOptions& options, PictureSize requested) {
     return std::max({pixels, options.size ? four_times(*options.size) : 0, kAlways});
 }
 
-namespace {
-
-// Before the decoder is loaded. What this process cannot do any more a codec cannot do that a host has taken
-// over with its pictures. `command`: the process behind --exec.
-Expected<void> RestrictProcess(const PeerOptions& options, pid_t command) {
+Expected<void> RestrictProcess(const PeerOptions& options, pid_t command,
+                               const std::vector<std::string>& read) {
     if (!options.sandbox) {
         return {};
     }
-    const std::string modules = options.modules.empty() ? FindModuleDirectory() : options.modules;
-    return EnterSandbox({.modules = {modules}, .command = command}).map([](const std::string&) {});
+    std::vector<std::string> directories = read;
+    directories.push_back(options.modules.empty() ? FindModuleDirectory() : options.modules);
+    return EnterSandbox({.modules = directories, .command = command}).map([](const std::string&) {});
 }
-
-}  // namespace
 
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera) {
     return options.size ? *options.size : DefaultSize(camera.sizes);

@@ -60,6 +60,12 @@ CameraWatch::Limits WatchLimits(const PeerOptions& options);
 // four times its pixels, and always up to 1920x1088; without --size at most 3840x2176.
 uint64_t MostPixels(const PeerOptions& options, PictureSize requested);
 
+// Enters the sandbox, unless --no-sandbox is given. Before the decoder is loaded: what this process cannot do
+// any more a codec cannot do that a host has taken over with its pictures. `command`: the process behind
+// --exec. `read`: directories that can be read besides that of the modules.
+Expected<void> RestrictProcess(const PeerOptions& options, pid_t command,
+                               const std::vector<std::string>& read = {});
+
 // The camera of the command line, open, and a decoder for its frames. It is closed with the object.
 struct CameraView {
     PictureDecoder decoder;
@@ -76,13 +82,14 @@ Expected<std::unique_ptr<CameraView>> OpenView(
     const CommandContext& context, VideoTargetFormat target,
     PictureSize (*choose_size)(const PeerOptions&, const CameraEntry&) = RequestedSize);
 
-// In snapshot_command.cpp, record_command.cpp, stats_command.cpp, format_command.cpp and
-// controls_command.cpp.
+// In snapshot_command.cpp, record_command.cpp, stats_command.cpp, format_command.cpp, controls_command.cpp
+// and camera_command.cpp.
 Expected<void> TakeSnapshot(const CommandContext& context);
 Expected<void> RecordCameras(const CommandContext& context);
 Expected<void> ShowStats(const CommandContext& context);
 Expected<void> ChangeFormat(const CommandContext& context);
 Expected<void> ListControls(const CommandContext& context);
 Expected<void> SetControls(const CommandContext& context);
+Expected<void> PublishCameras(const CommandContext& context);
 
 }  // namespace zumod::peer

@@ -198,6 +198,19 @@ private:
                 ->type_name("")
                 ->check(NotEmpty("camera"));
         }
+        if (has(kCameraIds)) {
+            app->add_option("CAMERA", m_options.cameras,
+                            "Ids, names, or beginnings of names (default: every camera of the host)")
+                ->type_name("")
+                ->check(NotEmpty("camera"));
+        }
+        if (has(kLabel)) {
+            app->add_option("--label", m_options.label,
+                            "What stands behind a camera's name, as in \"Front Camera (desk)\" (default: the "
+                            "machine of ssh, or lent)")
+                ->type_name("TEXT")
+                ->check(NotEmpty("label"));
+        }
         if (has(kSettings)) {
             app->add_option_function<std::vector<std::string>>(
                    "CONTROL=VALUE",
@@ -208,7 +221,7 @@ private:
                    },
                    "A control and its value, which may also be auto or default")
                 ->required()
-                ->type_name("...")
+                ->type_name("")
                 ->check(CLI::Validator(CheckSettingText, ""));
         }
         if (has(kPictureFile)) {

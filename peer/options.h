@@ -31,6 +31,8 @@ enum Argument : unsigned {
     kOverwrite = 128,     // --overwrite
     kSkip = 256,          // --skip and --after
     kSettings = 512,      // CONTROL=VALUE...
+    kCameraIds = 1024,    // [CAMERA]...
+    kLabel = 2048,        // --label
 };
 
 // A camera and the file that it is recorded to.
@@ -47,8 +49,10 @@ struct PeerOptions {
     std::string modules;  // empty: the directory that belongs to the program
     bool sandbox = true;  // for commands that decode
     Clock::duration limit = std::chrono::seconds(10);
-    Clock::duration wait{};  // for a host
-    std::string camera;      // id, name, or the beginning of the name
+    Clock::duration wait{};            // for a host
+    std::string camera;                // id, name, or the beginning of the name
+    std::vector<std::string> cameras;  // the same, several
+    std::string label;                 // of the host, for people
     std::string path;
     std::vector<ControlSetting> settings;
     std::vector<RecordTarget> targets;  // the first one has `camera` and `path`

@@ -89,11 +89,21 @@ TEST(PeerOptions, MayStandBeforeAndAfterTheCommand) {
     EXPECT_TRUE(options.overwrite);
 }
 
+TEST(PeerOptions, NameTheCamerasToOffer) {
+    EXPECT_TRUE(OptionsWithSocket({"camera"}).cameras.empty());
+    const PeerOptions options =
+        OptionsWithSocket({"camera", "0", "Door", "--label", "desk", "--size", "640x480"});
+    EXPECT_EQ(options.cameras, (std::vector<std::string>{"0", "Door"}));
+    EXPECT_EQ(options.label, "desk");
+    EXPECT_EQ(options.size, (PictureSize{640, 480}));
+}
+
 TEST(PeerOptions, SelectACommand) {
     EXPECT_EQ(CommandOf({"snapshot", "0", "a.png"}), "snapshot");
     EXPECT_EQ(CommandOf({"record", "0", "-"}), "record");
     EXPECT_EQ(CommandOf({"stats", "0", "--json"}), "stats");
     EXPECT_EQ(CommandOf({"format", "0", "--size", "1x1"}), "format");
+    EXPECT_EQ(CommandOf({"camera"}), "camera");
     EXPECT_EQ(CommandOf({"close", "0"}), "close");
     EXPECT_EQ(CommandOf({"version"}), "version");
     EXPECT_EQ(OptionsWithSocket({"close", "Front Camera"}).camera, "Front Camera");

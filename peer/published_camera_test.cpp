@@ -244,5 +244,12 @@ TEST_F(PublishedCameraTest, SearchesForTheCameraInTheNextConnection) {
     EXPECT_EQ(camera.OnCameras(desk_is_first, At(300)), Actions{Open(0)});
 }
 
+TEST_F(PublishedCameraTest, OpensNoCameraByTheListOfALostConnection) {
+    EXPECT_EQ(camera.OnDisconnect(At(100)), Actions{});
+    EXPECT_EQ(camera.OnReaders(true, At(200)), (Actions{kCard, Report("camera 1 (Desk) is gone")}));
+    EXPECT_EQ(OnTime(1200), (Actions{kAsk, kCard}));
+    EXPECT_EQ(camera.OnCameras(desk_is_first, At(1300)), Actions{Open(0)});
+}
+
 }  // namespace
 }  // namespace zumod::peer

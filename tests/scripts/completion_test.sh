@@ -65,5 +65,6 @@ front='Front Camera'
 expect Desk "$peer" --socket "$socket" stats ''
 expect "$front" "$peer" --socket "$socket" record ''
 expect Desk "$peer" --socket "$socket" record 0 a.mkv ''
+expect Desk "$peer" --socket "$socket" camera 0 ''
 expect ts "$peer" record 0 - --container ''
 exit $bad
