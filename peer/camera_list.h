@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/camera_records.h"
 #include "common/error.h"
 #include "zumod/camera_channel.h"
 
@@ -40,15 +41,11 @@ struct CameraEntry {
     bool operator==(const CameraEntry&) const = default;
 };
 
-// A list beyond these limits is refused. A machine has at most 64 device files, and no camera has nearly as
-// many sizes.
-inline constexpr size_t kMostCameras = 64;
-inline constexpr size_t kMostSizes = 2047;
+// The longest body of a list.
 inline constexpr size_t kLongestList =
     sizeof(uint32_t) + kMostCameras * (sizeof(CameraRecord) + kMostSizes * sizeof(ResolutionPair));
 
-// The cameras in the body of a list message. A record states its number of sizes modulo 256. The real number
-// follows from where the next record, which has many zero bytes, and the end of the message are.
+// The cameras in the body of a list message.
 Expected<std::vector<CameraEntry>> ParseCameraList(std::span<const uint8_t> body);
 
 }  // namespace zumod::peer
