@@ -65,6 +65,20 @@ Expected<void> RemoveDeadSocket(const UniqueFd& directory, const std::string& na
     return {};
 }
 
+std::string TextMessage(MessageType type, const std::string& text) {
+    size_t length = text.size();
+    if (length > kHostNoticeLimit) {
+        length = kHostNoticeLimit;
+        // Back to the first byte of the character at the limit.
+        while (length != 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) {
+            --length;
+        }
+    }
+    std::string message(sizeof(_MESSAGE_HEADER), '\0');
+    WriteHeader(reinterpret_cast<uint8_t*>(message.data()), type, static_cast<uint32_t>(length));
+    return message.append(text, 0, length);
+}
+
 }  // namespace
 
 Expected<std::unique_ptr<Listener>> Listener::Open(const std::string& path) {
@@ -148,17 +162,11 @@ UniqueFd Listener::Accept() const {
 }
 
 std::string HostNotice(const std::string& text) {
-    size_t length = text.size();
-    if (length > kHostNoticeLimit) {
-        length = kHostNoticeLimit;
-        // Back to the first byte of the character at the limit.
-        while (length != 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) {
-            --length;
-        }
-    }
-    std::string message(sizeof(_MESSAGE_HEADER), '\0');
-    WriteHeader(reinterpret_cast<uint8_t*>(message.data()), kHostNotice, static_cast<uint32_t>(length));
-    return message.append(text, 0, length);
+    return TextMessage(kHostNotice, text);
+}
+
+std::string HostInformation(const std::string& text) {
+    return TextMessage(kHostInformation, text);
 }
 
 void SendHostNotice(int socket, const std::string& text) {

@@ -53,9 +53,10 @@ private:
     const FileId m_file;  // of the socket
 };
 
-// [any thread]. The only message that a host itself sends: why it closes a connection. The text is cut at the
-// end of a character if it is longer than kHostNoticeLimit.
+// [any thread]. The messages that a host itself sends: why a request fails or the connection ends, and what
+// the user should know. The text is cut at the end of a character if it is longer than kHostNoticeLimit.
 std::string HostNotice(const std::string& text);
+std::string HostInformation(const std::string& text);
 
 // Sends the notice on a new socket, whose buffer is empty. Does not block.
 void SendHostNotice(int socket, const std::string& text);

@@ -16,7 +16,11 @@ namespace {
 
 Expected<void> ListCameras(const CommandContext& context) {
     return context.Connect()
-        .and_then([](Session&& session) { return AskCameras(session); })
+        .and_then([](Session&& session) {
+            auto cameras = AskCameras(session);
+            session.PrintInformation();
+            return cameras;
+        })
         .and_then([&](const std::vector<CameraEntry>& cameras) {
             return context.output.Write(context.options.json
                                             ? CameraJson(cameras)
@@ -187,6 +191,7 @@ Expected<std::unique_ptr<CameraView>> OpenView(const CommandContext& context, Vi
     }
     auto camera = FindCamera(*listed, options.camera);
     if (!camera) {
+        session->PrintInformation();
         return Fail(camera.error());
     }
     const PictureSize size = choose_size(options, *camera);

@@ -49,6 +49,10 @@ Expected<Message> ParseControls(std::span<const uint8_t> body) {
     });
 }
 
+Expected<Message> ParseInformation(std::span<const uint8_t> body) {
+    return InformationMessage{{body.begin(), body.end()}};
+}
+
 // A type of message that a host sends. `parse` gets a body whose length is within the limits.
 struct MessageKind {
     MessageType type;
@@ -61,13 +65,14 @@ struct MessageKind {
 constexpr size_t kLongestFrame = sizeof(VideoFrameHeader) + kLargestFrame;
 constexpr size_t kLongestControls = sizeof(ControlsHeader) + kMostControls * sizeof(ControlRecord);
 
-constexpr std::array<MessageKind, 6> kKinds = {{
+constexpr std::array<MessageKind, 7> kKinds = {{
     {kCameraList, "camera list", sizeof(uint32_t), kLongestList, ParseList},
     {kCameraState, "camera state", sizeof(StateNotice), sizeof(StateNotice), ParseState},
     {kVideoFrame, "video frame", sizeof(VideoFrameHeader), kLongestFrame, ParseFrame},
     {kVersionReply, "version", sizeof(uint32_t), sizeof(uint32_t), ParseVersion},
     {kHostNotice, "notice", 0, kHostNoticeLimit, ParseNotice},
     {kCameraControls, "camera controls", sizeof(ControlsHeader), kLongestControls, ParseControls},
+    {kHostInformation, "information", 0, kHostNoticeLimit, ParseInformation},
 }};
 
 // Null for a type that a peer does not know.

@@ -46,8 +46,12 @@ struct ControlsMessage {
     std::vector<ControlEntry> controls;
     bool operator==(const ControlsMessage&) const = default;
 };
+struct InformationMessage {
+    std::string text;  // likewise
+    bool operator==(const InformationMessage&) const = default;
+};
 using Message = std::variant<CameraListMessage, StateMessage, FrameMessage, VersionMessage, NoticeMessage,
-                             ControlsMessage>;
+                             ControlsMessage, InformationMessage>;
 
 inline constexpr size_t kLargestFrame = size_t{64} << 20;
 

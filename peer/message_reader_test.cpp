@@ -39,7 +39,8 @@ Read ReadAll(const Bytes& bytes) {
 
 const Bytes kConversation = testing::kVersionReplyBytes + ListBytes({CameraBytes(0, "Cam", {{640, 480}})}) +
                             StateBytes(2, 7) + MessageBytes(99, {1, 2, 3}) + FrameBytes(7, {9, 8, 7}) +
-                            FrameBytes(7, {}) + testing::NoticeBytes("busy") + StateBytes(4, 7) +
+                            FrameBytes(7, {}) + testing::NoticeBytes("busy") +
+                            testing::InformationBytes("hi") + StateBytes(4, 7) +
                             MessageBytes(130, Number32(3) + Number32(1));
 
 const std::vector<Message> kItsMessages = {VersionMessage{5},
@@ -48,6 +49,7 @@ const std::vector<Message> kItsMessages = {VersionMessage{5},
                                            FrameMessage{7, {9, 8, 7}},
                                            FrameMessage{7, {}},
                                            NoticeMessage{"busy"},
+                                           InformationMessage{"hi"},
                                            StateMessage{kCameraClosed, 7},
                                            ControlsMessage{3, false, {}}};
 

@@ -114,7 +114,24 @@ void Session::OnReadable() {
         ReplaceFailureByGreeting();
     }
     for (Message& message : messages) {
+        if (const auto* information = std::get_if<InformationMessage>(&message)) {
+            Keep(*information);
+            continue;
+        }
         m_messages.push_back({std::move(message), now});
+    }
+}
+
+void Session::PrintInformation() {
+    for (const std::string& text : std::exchange(m_information, {})) {
+        m_on_notice("the host says: " + SafeText(text));
+    }
+}
+
+void Session::Keep(const InformationMessage& information) {
+    if (m_information.size() < kMostInformation &&
+        std::ranges::find(m_information, information.text) == m_information.end()) {
+        m_information.push_back(information.text);
     }
 }
 

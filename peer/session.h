@@ -47,11 +47,12 @@ public:
     // received messages are delivered.
     Expected<void> Send(const std::vector<uint8_t>& bytes);
 
-    // The next message other than a notice, or nothing at the deadline and after Wake(). Fails if
-    // the host closed the connection or sent a malformed message, and if a signal ends the wait.
+    // The next message other than a notice and an information, or nothing at the deadline and after Wake().
+    // Fails if the host closed the connection or sent a malformed message, and if a signal ends the wait.
     //
     // A notice says why the connection ends, or why what was requested does not happen. Followed by the end
-    // of the connection it is the failure; followed by anything else it goes to OnNotice.
+    // of the connection it is the failure; followed by anything else it goes to OnNotice. What the host
+    // informs about is kept for PrintInformation.
     Expected<std::optional<ReceivedMessage>> Receive(Clock::time_point deadline);
 
     // How many notices the host has sent.
@@ -62,11 +63,16 @@ public:
     // Puts messages back to the front of the queue, in this order.
     void PutBack(std::vector<ReceivedMessage> messages);
 
+    // Passes what the host has informed about since the last time to OnNotice.
+    void PrintInformation();
+
 private:
     static constexpr size_t kReadSize = 65536;
     static constexpr size_t kGreetingSize = 512;
     static constexpr int kMostNotices = 32;  // that are shown
+    static constexpr size_t kMostInformation = 32;
 
+    void Keep(const InformationMessage& information);
     // Reads once, without blocking.
     void OnReadable();
     // If what came first is not a message, that is the failure.
@@ -87,8 +93,9 @@ private:
     int m_notices_shown = 0;
     uint64_t m_notices = 0;
     bool m_woken = false;
-    bool m_closed = false;  // by the host
-    std::string m_failure;  // reported when no message is left; empty while more may arrive
+    std::vector<std::string> m_information;  // at most kMostInformation texts, all different
+    bool m_closed = false;                   // by the host
+    std::string m_failure;                   // reported when no message is left; empty while more may arrive
 };
 
 }  // namespace zumod::peer

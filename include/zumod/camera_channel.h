@@ -27,12 +27,14 @@ enum MessageType : uint8_t {
     kVersionRequest = 10,  // from the peer
     kVersionReply = 11,    // to the peer
     // Between the peer and the host application, never the module.
-    kHostNotice = 128,      // to the peer
-    kGetControls = 129,     // from the peer; its body is the camera's id, 32 bits
-    kCameraControls = 130,  // to the peer
+    kHostNotice = 128,       // to the peer: why a request fails or the connection ends
+    kGetControls = 129,      // from the peer; its body is the camera's id, 32 bits
+    kCameraControls = 130,   // to the peer
+    kHostInformation = 131,  // to the peer: something that the user should know; nothing ends
 };
 
-// The maximum length of the body of kHostNotice, which is UTF-8 text without a terminating zero.
+// The maximum length of the body of kHostNotice and of kHostInformation, which is UTF-8 text without a
+// terminating zero.
 inline constexpr uint32_t kHostNoticeLimit = 256;
 
 enum CameraState : uint32_t {

@@ -109,6 +109,28 @@ TEST_F(PeerAnswers, ShowsAHostsNoticeIfNoAnswerFollows) {
               "zu-camera-peer: the host did not answer within 0.2 s: version request\n");
 }
 
+TEST_F(PeerAnswers, PrintsWhatAHostInformsAboutOnceAndGoesOn) {
+    Start({"list"});
+    host.Expect(kGetListBytes);
+    const Bytes text = InformationBytes("/dev/video0 is closed\x1b");
+    EXPECT_TRUE(host.Send(text + text + InformationBytes("two") + kOneCamera));
+    ExpectEnd(
+        0, "zu-camera-peer: the host says: /dev/video0 is closed\\x1b\nzu-camera-peer: the host says: two\n");
+    EXPECT_NE(Printed().find("Front"), std::string::npos);
+}
+
+TEST_F(PeerAnswers, PrintsOnlyTheFirst32Informations) {
+    Start({"list"});
+    host.Expect(kGetListBytes);
+    std::string expected;
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(host.Send(InformationBytes(std::to_string(i))));
+        expected += i < 32 ? "zu-camera-peer: the host says: " + std::to_string(i) + "\n" : "";
+    }
+    EXPECT_TRUE(host.Send(kOneCamera));
+    ExpectEnd(0, expected);
+}
+
 TEST_F(PeerAnswers, ReportsThatTheHostClosedWithoutAnAnswer) {
     Start({"list"});
     host.Expect(kGetListBytes);

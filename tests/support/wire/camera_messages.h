@@ -60,6 +60,10 @@ inline Bytes NoticeBytes(const std::string& text) {
     return MessageBytes(128, Bytes(text.begin(), text.end()));
 }
 
+inline Bytes InformationBytes(const std::string& text) {
+    return MessageBytes(131, Bytes(text.begin(), text.end()));
+}
+
 using Sizes = std::vector<std::pair<uint32_t, uint32_t>>;
 
 // One camera's part of a list: the record of 1304 bytes, then its sizes.
