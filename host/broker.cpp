@@ -49,6 +49,10 @@ std::string FormatText(const FormatRequest& format) {
            std::to_string(format.fps) + " frames per second";
 }
 
+std::string InUseText(const FormatRequest& format) {
+    return "camera " + std::to_string(format.id) + " is in use by another peer at " + FormatText(format);
+}
+
 }  // namespace
 
 // ---- Peers
@@ -63,7 +67,8 @@ void Broker::RemovePeer(PeerId id) {
     if (found == m_peers.end()) {
         return;
     }
-    const Peer& peer = found->second;
+    Peer& peer = found->second;
+    EndWatches(id, peer);
     if (peer.lost_frames != 0) {
         m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " was slow and lost " +
                                           std::to_string(peer.lost_frames) + " frames"});
@@ -80,7 +85,7 @@ void Broker::EndPeer(PeerId id, const std::string& notice, Clock::time_point now
     peer.ended = true;
     peer.close_at = now + kLastNoticeTime;
     m_now = now;
-    peer.watches.clear();
+    EndWatches(id, peer);
     // Frames would only delay the notice, but one of which a part was sent must stay whole.
     const auto first = peer.output.begin() + (peer.sent != 0 ? 1 : 0);
     const auto end = std::remove_if(first, peer.output.end(), [&peer](const Queued& queued) {
@@ -191,13 +196,7 @@ bool Broker::Abandon(uint32_t camera, const std::string& what) {
         return false;
     }
     m_log.push_back({kLogIgnored, "[host] camera " + std::to_string(camera) + what});
-    // NextRequest closes what nobody watches.
-    for (auto& [id, peer] : m_peers) {
-        if (peer.watches.erase(camera) != 0) {
-            peer.last_request = m_now;
-            SendState(peer, kCameraClosed, camera);
-        }
-    }
+    CloseForPeers(camera);
     return true;
 }
 
@@ -250,10 +249,12 @@ Clock::time_point Broker::SilentTime(const Camera& camera) {
 
 std::optional<Bytes> Broker::NextRequest(Clock::time_point now) {
     m_now = now;
+    // Also if the plugin had no memory for the answer to an open.
+    CloseChangedCamera();
     if (const auto opened = m_cameras.find(m_current.camera);
         m_current.type == kOpenCamera && opened != m_cameras.end()) {
         opened->second.last_frame = now;
-        OnOpenDone();  // also if the plugin had no memory for the answer
+        OnOpenDone();
     }
     if (m_current.peer != 0) {
         m_changed = true;
@@ -282,7 +283,8 @@ std::optional<Bytes> Broker::NextRequest(Clock::time_point now) {
 
 // The next request of this peer that is for the plugin, or that makes a task.
 std::optional<Bytes> Broker::Serve(PeerId id, Peer& peer, Clock::time_point now) {
-    while (!peer.ended && peer.queued_answer_bytes < kAnswerLimit && HasRequest(peer)) {
+    const bool waits = peer.open == Peer::Open::kListed || peer.open == Peer::Open::kAsked;
+    while (!waits && !peer.ended && peer.queued_answer_bytes < kAnswerLimit && HasRequest(peer)) {
         const uint32_t length = FrontHeader(peer)->length;
         if (length > kRequestLimit) {
             EndPeer(id,
@@ -292,13 +294,25 @@ std::optional<Bytes> Broker::Serve(PeerId id, Peer& peer, Clock::time_point now)
             break;
         }
         peer.last_request = now;
-        peer.request_pace = std::max(peer.request_pace, now - kRequestPeriod) + kRequestInterval;
+        if (peer.open == Peer::Open::kNew) {  // an open that waited has counted before
+            peer.request_pace = std::max(peer.request_pace, now - kRequestPeriod) + kRequestInterval;
+        }
         if (peer.request_pace > now) {
             EndPeer(id, "more than 100 requests per second", now);
             break;
         }
         const auto request = Unserved(peer).first(kHeaderSize + length);
+        if (MustPrepare(peer, request)) {
+            const uint32_t camera = ReadRecord<FormatRequest>(request.data() + kHeaderSize).id;
+            if (const std::string refusal = m_gate->OpenRefusal(); !refusal.empty()) {
+                RefuseOpen(id, peer, camera, refusal);
+                continue;
+            }
+            return PrepareOpen(id, peer, camera);
+        }
         peer.served += request.size();
+        peer.open = Peer::Open::kNew;
+        peer.agreed.clear();
         m_changed = true;
         const bool is_for_plugin = Decide(id, peer, request);
         if (is_for_plugin || m_task) {
@@ -344,13 +358,13 @@ bool Broker::Decide(PeerId id, Peer& peer, std::span<const uint8_t> request) {
             return format && DecideFormat(id, peer, *format);
         }
         case kCloseCamera:
-            return DecideClose(peer, ClosedCamera(body));
+            return DecideClose(id, peer, ClosedCamera(body));
         case kSetProperty:
             return body.size() == sizeof(PropertyRequest) &&
                    DecideProperty(peer, ReadRecord<PropertyRequest>(body.data()));
         case kGetControls:
             if (body.size() == sizeof(uint32_t)) {
-                AddTask(DeviceTask::Kind::kReportControls, ReadRecord<uint32_t>(body.data()));
+                DecideControls(peer, ReadRecord<uint32_t>(body.data()));
             }
             return false;
         default:
@@ -364,6 +378,10 @@ bool Broker::DecideOpen(PeerId id, Peer& peer, const FormatRequest& request) {
         Camera& camera = m_cameras[request.id];
         camera.format = request;
         camera.filter = StartsAnotherFirst(request) ? FrameFilter::kUntilAnswer : FrameFilter::kNone;
+        camera.file = peer.allowed.camera.file;
+        camera.identity = peer.allowed.identity;
+        camera.device = camera.file;
+        peer.allowed = {};
         camera.last_frame = m_now;
         peer.watches.try_emplace(request.id);
         m_current.camera = request.id;
@@ -376,14 +394,15 @@ bool Broker::DecideOpen(PeerId id, Peer& peer, const FormatRequest& request) {
     } else if (IsSameFormat(request, found->second.format)) {
         SendState(peer, kCameraOpen, request.id);
         Join(peer, request.id, found->second);
+        BeginWatch(id, peer, request.id);
     } else {
-        Refuse(id, peer, request);
+        RefuseFormat(id, peer, request, InUseText(found->second.format));
     }
     return false;
 }
 
-bool Broker::DecideClose(Peer& peer, uint32_t camera) {
-    peer.watches.erase(camera);
+bool Broker::DecideClose(PeerId id, Peer& peer, uint32_t camera) {
+    EndWatch(id, peer, camera);
     if (IsWatched(camera)) {
         SendState(peer, kCameraClosed, camera);
         return false;
@@ -393,6 +412,7 @@ bool Broker::DecideClose(Peer& peer, uint32_t camera) {
 }
 
 bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
+    m_current.camera = request.id;
     const auto found = m_cameras.find(request.id);
     if (!peer.watches.contains(request.id) || found == m_cameras.end()) {
         // Without an effect. Only logged, if it is not about the camera of another peer.
@@ -401,32 +421,56 @@ bool Broker::DecideFormat(PeerId id, Peer& peer, const FormatRequest& request) {
     Camera& camera = found->second;
     if (!IsWatchedByOthers(request.id, peer)) {
         const bool is_same = IsSameFormat(request, camera.format);
+        if (!is_same && m_gate != nullptr && m_gate->AsksOwner()) {
+            RefuseFormat(id, peer, request,
+                         "the owner of this host has agreed to " + FormatText(camera.format));
+            return false;
+        }
         Camera changed;
         changed.format = request;
-        if (is_same) {
-            changed.device = std::move(camera.device);
-        }
+        // Unless the gate checks it, the module may find another file by now.
+        changed.device = is_same ? camera.device : camera.file;
+        changed.file = std::move(camera.file);
+        changed.identity = std::move(camera.identity);
+        changed.shown = std::move(camera.shown);
         changed.last_frame = m_now;
         if (camera.filter != FrameFilter::kNone) {
             changed.filter = camera.filter;
             changed.has_key_frames = camera.has_key_frames;
         }
         camera = std::move(changed);
-        peer.watches[request.id] = {};
+        Watch& watch = peer.watches[request.id];
+        watch.waits_for_key_frame = watch.is_slow = false;
         if (!is_same) {
-            // The module looks for the camera's file again, and may find another one by now.
             AddTask(DeviceTask::Kind::kFindDevice, request.id);
         }
         return true;
     }
     if (!IsSameFormat(request, camera.format)) {
-        Refuse(id, peer, request);
+        RefuseFormat(id, peer, request, InUseText(camera.format));
     }
     return false;
 }
 
+// With a gate that checks opens, only a camera that the peer has open is certain to be lent.
+bool Broker::MayControl(const Peer& peer, uint32_t camera) const {
+    return m_gate == nullptr || peer.watches.contains(camera) ||
+           (!m_gate->ChecksOpens() && m_gate->OpenRefusal().empty());
+}
+
+void Broker::DecideControls(Peer& peer, uint32_t camera) {
+    if (MayControl(peer, camera)) {
+        AddTask(DeviceTask::Kind::kReportControls, camera);
+        return;
+    }
+    Bytes message(kHeaderSize + sizeof(ControlsHeader));
+    WriteRecord(WriteHeader(message.data(), kCameraControls, sizeof(ControlsHeader)),
+                ControlsHeader{camera, kControlsFailed});
+    Send(peer, std::make_shared<const Bytes>(std::move(message)), false);
+}
+
 bool Broker::DecideProperty(const Peer& peer, const PropertyRequest& request) {
-    if (FindControl(request.property) != nullptr) {
+    if (FindControl(request.property) != nullptr && MayControl(peer, request.id)) {
         AddTask(DeviceTask::Kind::kSetControl, request.id, request);
     }
     return !IsWatchedByOthers(request.id, peer);
@@ -481,28 +525,198 @@ void Broker::Join(Peer& peer, uint32_t id, const Camera& camera) {
     // A peer that takes nothing could join again and again, and would hold one group after the other.
     const bool fits = peer.queued_frames + camera.group.size() <= kQueuedFramesLimit &&
                       peer.queued_frame_bytes + camera.group_bytes <= kQueuedBytesLimit;
-    peer.watches[id].waits_for_key_frame = camera.has_key_frames && (camera.group.empty() || !fits);
+    Watch& watch = peer.watches[id];
+    watch.waits_for_key_frame = camera.has_key_frames && (camera.group.empty() || !fits);
     if (fits) {
         for (const Message& frame : camera.group) {
+            ++watch.frames;
+            watch.bytes += frame->size();
             Send(peer, frame, true);
         }
     }
 }
 
-void Broker::Refuse(PeerId id, Peer& peer, const FormatRequest& request) {
-    const std::string text = "camera " + std::to_string(request.id) + " is in use by another peer at " +
-                             FormatText(m_cameras.at(request.id).format);
+void Broker::RefuseFormat(PeerId id, Peer& peer, const FormatRequest& request, const std::string& text) {
     m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " is refused " + FormatText(request) +
                                       ": " + text});
+    SendFailure(peer, request.id, text);
+}
+
+void Broker::SendFailure(Peer& peer, uint32_t camera, const std::string& text) {
     const std::string notice = HostNotice(text);
     Send(peer, std::make_shared<const Bytes>(notice.begin(), notice.end()), false);
-    SendState(peer, kCameraFailed, request.id);
+    SendState(peer, kCameraFailed, camera);
+}
+
+// ---- The gate
+
+// Whether the gate must allow this request first.
+bool Broker::MustPrepare(const Peer& peer, std::span<const uint8_t> request) const {
+    if (m_gate == nullptr || ReadHeader(request.data()).type != kOpenCamera ||
+        request.size() != kHeaderSize + sizeof(FormatRequest)) {
+        return false;
+    }
+    const uint32_t camera = ReadRecord<FormatRequest>(request.data() + kHeaderSize).id;
+    if (peer.watches.contains(camera)) {
+        return false;
+    }
+    const auto open = m_cameras.find(camera);
+    return !m_gate->OpenRefusal().empty() ||
+           (open == m_cameras.end() ? m_gate->ChecksOpens() && peer.open != Peer::Open::kAllowed
+                                    : m_gate->AsksOwner() && peer.agreed != open->second.identity);
+}
+
+// The request that comes before this open. Nothing if the open waits.
+std::optional<Bytes> Broker::PrepareOpen(PeerId id, Peer& peer, uint32_t camera) {
+    if (const auto open = m_cameras.find(camera); open != m_cameras.end()) {
+        AskOwner(id, peer, open->second.shown, open->second.identity);
+        return std::nullopt;
+    }
+    peer.open = Peer::Open::kListed;
+    m_open_check = {id, camera};
+    Bytes list(kHeaderSize);
+    WriteHeader(list.data(), kGetCameraList, 0);
+    return list;
+}
+
+std::optional<Broker::OpenCheck> Broker::TakeOpenCheck() {
+    return std::exchange(m_open_check, std::nullopt);
+}
+
+void Broker::OnOpenCheck(const OpenCheck& check, const CameraGate::Verdict& verdict) {
+    const auto found = m_peers.find(check.peer);
+    if (found == m_peers.end() || found->second.ended) {
+        return;
+    }
+    Peer& peer = found->second;
+    if (!verdict.refusal.empty()) {
+        RefuseOpen(check.peer, peer, check.camera, verdict.refusal);
+    } else if (m_gate->AsksOwner() && peer.agreed != verdict.identity) {
+        AskOwner(check.peer, peer, verdict.camera, verdict.identity);
+    } else {
+        peer.open = Peer::Open::kAllowed;
+        peer.allowed = verdict;
+    }
+}
+
+void Broker::AskOwner(PeerId id, Peer& peer, const ListedCamera& camera, const std::string& identity) {
+    peer.open = Peer::Open::kAsked;
+    peer.asked = identity;
+    m_events.push_back(
+        {.kind = Event::Kind::kAsked, .peer = id, .request = FrontOpen(peer), .camera = camera});
+    m_changed = true;
+}
+
+// The camera may have changed while the owner was asked, so it is checked again.
+void Broker::OnDecision(PeerId id, const std::string& refusal) {
+    const auto found = m_peers.find(id);
+    if (found == m_peers.end() || found->second.ended || found->second.open != Peer::Open::kAsked) {
+        return;
+    }
+    Peer& peer = found->second;
+    if (refusal.empty()) {
+        peer.agreed = std::move(peer.asked);
+        peer.open = Peer::Open::kAgreed;
+    } else {
+        RefuseOpen(id, peer, FrontOpen(peer).id, refusal);
+    }
+}
+
+// The open at the front of the peer's input, which waits for the gate.
+FormatRequest Broker::FrontOpen(const Peer& peer) {
+    return ReadRecord<FormatRequest>(Unserved(peer).data() + kHeaderSize);
+}
+
+void Broker::BeginWatch(PeerId id, Peer& peer, uint32_t camera) {
+    const Camera& opened = m_cameras.at(camera);
+    peer.watches.at(camera).opened = m_now;
+    m_events.push_back(
+        {.kind = Event::Kind::kOpened, .peer = id, .request = opened.format, .camera = opened.shown});
+    m_changed = true;
+}
+
+bool Broker::EndWatch(PeerId id, Peer& peer, uint32_t camera) {
+    const auto found = peer.watches.find(camera);
+    if (found == peer.watches.end()) {
+        return false;
+    }
+    const Watch& watch = found->second;
+    if (watch.opened) {
+        const Camera& opened = m_cameras.at(camera);
+        m_events.push_back({.kind = Event::Kind::kClosed,
+                            .peer = id,
+                            .request = opened.format,
+                            .camera = opened.shown,
+                            .time = m_now - *watch.opened,
+                            .frames = watch.frames,
+                            .bytes = watch.bytes});
+        m_changed = true;
+    }
+    peer.watches.erase(found);
+    return true;
+}
+
+void Broker::EndWatches(PeerId id, Peer& peer) {
+    while (!peer.watches.empty()) {
+        EndWatch(id, peer, peer.watches.begin()->first);
+    }
+}
+
+// Answers the open at the front of the peer's input.
+void Broker::RefuseOpen(PeerId id, Peer& peer, uint32_t camera, const std::string& text) {
+    peer.served += kHeaderSize + sizeof(FormatRequest);
+    peer.open = Peer::Open::kNew;
+    peer.agreed.clear();
+    m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " may not open camera " +
+                                      std::to_string(camera) + ": " + text});
+    SendFailure(peer, camera, text);
+}
+
+// Whether the module has opened the camera that the gate has allowed.
+bool Broker::IsExpected(uint32_t id, const Camera& camera) const {
+    return camera.file.empty() || m_gate->IsStill(id, camera.file);
+}
+
+// A change of format starts the camera again, and the module then looks for it by its number. An open is
+// checked with its answer, but the plugin may have had no memory for one.
+void Broker::CloseChangedCamera() {
+    const auto found = m_cameras.find(m_current.camera);
+    const bool may_have_changed = m_current.type == kOpenCamera || m_current.type == kSetFormat;
+    if (!may_have_changed || found == m_cameras.end() || !IsWatched(found->first) ||
+        IsExpected(found->first, found->second)) {
+        return;
+    }
+    m_log.push_back(
+        {kLogIgnored, "[host] camera " + std::to_string(found->first) + " is another one now: closed"});
+    CloseForPeers(found->first);
+}
+
+// NextRequest closes what nobody watches.
+void Broker::CloseForPeers(uint32_t camera) {
+    for (auto& [id, peer] : m_peers) {
+        if (EndWatch(id, peer, camera)) {
+            peer.last_request = m_now;
+            SendState(peer, kCameraClosed, camera);
+        }
+    }
 }
 
 // ---- Answers and frames
 
+void Broker::Inform(const std::string& text) {
+    const auto asker = m_peers.find(m_current.peer);
+    if (asker != m_peers.end() && !asker->second.ended) {
+        const std::string message = HostInformation(text);
+        Send(asker->second, std::make_shared<const Bytes>(message.begin(), message.end()), false);
+    }
+}
+
 bool Broker::IsFrame(std::span<const uint8_t> bytes) {
     return bytes.size() >= kFrameHeaderSize && ReadHeader(bytes.data()).type == kVideoFrame;
+}
+
+bool Broker::IsList(std::span<const uint8_t> bytes) {
+    return bytes.size() >= kHeaderSize + sizeof(uint32_t) && ReadHeader(bytes.data()).type == kCameraList;
 }
 
 bool Broker::MayTakeFrame() const {
@@ -538,6 +752,19 @@ bool Broker::OnMessage(std::span<const uint8_t> bytes, Clock::time_point now) {
 
 void Broker::OnAnswer(std::span<const uint8_t> bytes) {
     const auto asker = m_peers.find(m_current.peer);
+    const auto opened = m_cameras.find(m_current.camera);
+    if (m_current.type == kOpenCamera && opened != m_cameras.end() &&
+        !IsExpected(opened->first, opened->second)) {
+        // NextRequest closes it.
+        const std::string text = "the cameras of the host have changed";
+        m_log.push_back(
+            {kLogIgnored, "[host] camera " + std::to_string(opened->first) + " is closed: " + text});
+        if (asker != m_peers.end() && !asker->second.ended) {
+            asker->second.watches.erase(opened->first);
+            SendFailure(asker->second, opened->first, text);
+        }
+        return;
+    }
     if (m_current.type == kOpenCamera && bytes.size() == kHeaderSize + sizeof(StateNotice) &&
         ReadRecord<StateNotice>(bytes.data() + kHeaderSize).state == kCameraFailed) {
         m_cameras.erase(m_current.camera);
@@ -554,10 +781,22 @@ void Broker::OnAnswer(std::span<const uint8_t> bytes) {
 
 // The plugin has started the camera that is being opened, and no other one any more.
 void Broker::OnOpenDone() {
-    if (const auto opened = m_cameras.find(m_current.camera);
-        m_current.type == kOpenCamera && opened != m_cameras.end() &&
-        opened->second.filter == FrameFilter::kUntilAnswer) {
-        opened->second.filter = FrameFilter::kUntilKeyFrame;
+    const auto opened = m_cameras.find(m_current.camera);
+    if (m_current.type != kOpenCamera || opened == m_cameras.end()) {
+        return;
+    }
+    Camera& camera = opened->second;
+    if (camera.filter == FrameFilter::kUntilAnswer) {
+        camera.filter = FrameFilter::kUntilKeyFrame;
+    }
+    const auto asker = m_peers.find(m_current.peer);
+    if (asker == m_peers.end()) {
+        return;
+    }
+    const auto watch = asker->second.watches.find(opened->first);
+    if (watch != asker->second.watches.end() && !watch->second.opened) {
+        camera.shown = m_gate != nullptr ? m_gate->Camera(opened->first) : ListedCamera{};
+        BeginWatch(asker->first, asker->second, opened->first);
     }
 }
 
@@ -565,6 +804,11 @@ void Broker::OnFrame(std::span<const uint8_t> bytes, Clock::time_point now) {
     const uint32_t id = ReadRecord<VideoFrameHeader>(bytes.data() + kHeaderSize).id;
     const auto found = m_cameras.find(id);
     if (found == m_cameras.end()) {
+        return;
+    }
+    const bool is_starting =
+        m_current.camera == id && (m_current.type == kOpenCamera || m_current.type == kSetFormat);
+    if (is_starting && !IsExpected(id, found->second)) {
         return;
     }
     const bool is_key_frame = IsKeyFrame(bytes.subspan(kFrameHeaderSize));
@@ -616,10 +860,13 @@ void Broker::Offer(PeerId id, Peer& peer, uint32_t camera, const Message& messag
                                               " is slow and loses frames of camera " +
                                               std::to_string(camera)});
         }
-        watch = {m_cameras.at(camera).has_key_frames, true};
+        watch.waits_for_key_frame = m_cameras.at(camera).has_key_frames;
+        watch.is_slow = true;
         return;
     }
-    watch = {};
+    watch.waits_for_key_frame = watch.is_slow = false;
+    ++watch.frames;
+    watch.bytes += message->size();
     Send(peer, message, true);
 }
 

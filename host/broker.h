@@ -17,6 +17,12 @@
 //   watcher leaves without a close, the broker closes the camera itself.
 // - A change of format is passed on if its sender is the only watcher, and refused like an open otherwise.
 // - What the plugin would read and drop is dropped here.
+// - With a CameraGate that checks opens, an open first makes the plugin list the cameras, for the broker. The
+//   caller then lets the gate look at the camera (TakeOpenCheck, OnOpenCheck). With a gate that asks the
+//   owner, an event says so and the open waits for OnDecision. After the owner has agreed the camera is
+//   checked again. The peer's further requests wait behind its open. An agreement is for one open of one
+//   device in one format: another device at the same file, and another format, are refused or asked about
+//   again.
 // - Properties are also applied by the host, and requests for the controls of a camera are only for the host.
 //   They become a DeviceTask (host/controls.h) that the thread of the plugin's requests performs before it
 //   goes on. So these answers keep their order, too. Any peer may change the controls of any camera, like any
@@ -48,8 +54,9 @@
 // Back-pressure. The plugin drops frames before it encodes them while its own queue is long. That only works
 // if Write blocks when no peer can take more. So a frame is accepted only if at least one peer with an open
 // camera has sent all its frames (MayTakeFrame). A single peer therefore never loses a frame here and sees
-// the bytes that it would see without a broker; of several, the fastest sets the pace. A peer that does not
-// read its answers gets none of its further requests served, and its input is not read.
+// the bytes that it would see without a broker. There is one exception: if there are devices that the module
+// cannot use, Inform adds messages before a camera list. Of several peers, the fastest sets the pace. A peer
+// that does not read its answers gets none of its further requests served, and its input is not read.
 //
 // Limits of time. A peer without an open camera that asks for nothing is ended, and so is one that takes
 // nothing although something waits for it, and one that sends requests too fast. A camera that delivers no
@@ -74,6 +81,7 @@
 #include <vector>
 
 #include "common/waiter.h"
+#include "host/camera_gate.h"
 #include "host/controls.h"
 #include "zumod/camera_channel.h"
 
@@ -116,7 +124,21 @@ public:
         std::string text;
     };
 
-    explicit Broker(const PeerLimits& limits) : m_limits(limits) {}
+    // What peers do with cameras, in order.
+    struct Event {
+        enum class Kind { kAsked, kOpened, kClosed } kind;
+        PeerId peer;
+        FormatRequest request;
+        ListedCamera camera;
+        // Only of kClosed.
+        Clock::duration time{};
+        uint64_t frames = 0;  // that were sent to the peer, or queued for it
+        uint64_t bytes = 0;
+    };
+
+    // Without a gate, every camera may be opened.
+    explicit Broker(const PeerLimits& limits, const CameraGate* gate = nullptr)
+        : m_limits(limits), m_gate(gate) {}
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 
@@ -170,11 +192,30 @@ public:
     bool OnMessage(std::span<const uint8_t> bytes, Clock::time_point now);
 
     static bool IsFrame(std::span<const uint8_t> bytes);
+    static bool IsList(std::span<const uint8_t> bytes);
+
+    // Whether a peer waits for the answer to the request that the plugin is handling.
+    bool HasAsker() const { return m_peers.contains(m_current.peer); }
+    // Tells that peer something before the answer.
+    void Inform(const std::string& text);
+
+    // ---- The gate
+
+    // An open that CameraGate::CheckOpen must decide. The module has listed the cameras just before.
+    struct OpenCheck {
+        PeerId peer;
+        uint32_t camera;
+    };
+    std::optional<OpenCheck> TakeOpenCheck();
+    void OnOpenCheck(const OpenCheck& check, const CameraGate::Verdict& verdict);
+    // What the owner has decided about the open of an Event kAsked. `refusal`: empty if it may be opened.
+    void OnDecision(PeerId id, const std::string& refusal);
 
     // ---- What the caller must do
 
     // Whether the plugin's calls have changed what NextOutput, InputSpace or IsDone return.
     bool TakeChange() { return std::exchange(m_changed, false); }
+    std::vector<Event> TakeEvents() { return std::exchange(m_events, {}); }
     std::vector<LogLine> TakeLog() { return std::exchange(m_log, {}); }
 
 private:
@@ -182,6 +223,9 @@ private:
     struct Watch {
         bool waits_for_key_frame = false;
         bool is_slow = false;  // it waits because its queue was full
+        std::optional<Clock::time_point> opened = {};
+        uint64_t frames = 0;
+        uint64_t bytes = 0;
     };
     struct Queued {
         Message message;
@@ -203,6 +247,11 @@ private:
         Clock::time_point last_taken;    // or when nothing waited for it
         Clock::time_point request_pace = Clock::time_point::min();
         std::map<uint32_t, Watch> watches;  // by camera
+        // How far the open at the front of `input` is.
+        enum class Open { kNew, kListed, kAsked, kAgreed, kAllowed } open = Open::kNew;
+        CameraGate::Verdict allowed;  // of the last check
+        std::string asked;            // the camera's identity
+        std::string agreed;           // likewise
     };
     // What is dropped because it may show another camera.
     enum class FrameFilter {
@@ -215,6 +264,9 @@ private:
         FormatRequest format{};
         FrameFilter filter = FrameFilter::kNone;
         std::string device;           // its file; empty if it is not known
+        std::string file;             // that the gate has allowed; empty if it did not check
+        std::string identity;         // likewise
+        ListedCamera shown;           // for events
         bool has_key_frames = false;  // one was recognised since the open or the last change of format
         std::vector<Message> group;   // from the last key frame on; empty if a limit was exceeded
         size_t group_bytes = 0;
@@ -244,8 +296,10 @@ private:
     // Each returns whether the request is passed on to the plugin.
     bool Decide(PeerId id, Peer& peer, std::span<const uint8_t> request);
     bool DecideOpen(PeerId id, Peer& peer, const FormatRequest& request);
-    bool DecideClose(Peer& peer, uint32_t camera);
+    bool DecideClose(PeerId id, Peer& peer, uint32_t camera);
     bool DecideFormat(PeerId id, Peer& peer, const FormatRequest& request);
+    bool MayControl(const Peer& peer, uint32_t camera) const;
+    void DecideControls(Peer& peer, uint32_t camera);
     bool DecideProperty(const Peer& peer, const PropertyRequest& request);
     void AddTask(DeviceTask::Kind kind, uint32_t camera, const PropertyRequest& change = {});
 
@@ -253,7 +307,21 @@ private:
     bool IsWatched(uint32_t camera) const;
     bool IsWatchedByOthers(uint32_t camera, const Peer& peer) const;
     void Join(Peer& peer, uint32_t id, const Camera& camera);
-    void Refuse(PeerId id, Peer& peer, const FormatRequest& request);
+    void RefuseFormat(PeerId id, Peer& peer, const FormatRequest& request, const std::string& text);
+    void SendFailure(Peer& peer, uint32_t camera, const std::string& text);
+
+    bool MustPrepare(const Peer& peer, std::span<const uint8_t> request) const;
+    std::optional<Bytes> PrepareOpen(PeerId id, Peer& peer, uint32_t camera);
+    void AskOwner(PeerId id, Peer& peer, const ListedCamera& camera, const std::string& identity);
+    void BeginWatch(PeerId id, Peer& peer, uint32_t camera);
+    // Returns whether there was one.
+    bool EndWatch(PeerId id, Peer& peer, uint32_t camera);
+    void EndWatches(PeerId id, Peer& peer);
+    void RefuseOpen(PeerId id, Peer& peer, uint32_t camera, const std::string& text);
+    static FormatRequest FrontOpen(const Peer& peer);
+    bool IsExpected(uint32_t id, const Camera& camera) const;
+    void CloseChangedCamera();
+    void CloseForPeers(uint32_t camera);
 
     void OnAnswer(std::span<const uint8_t> bytes);
     void OnOpenDone();
@@ -264,6 +332,8 @@ private:
     void SendState(Peer& peer, CameraState state, uint32_t camera);
 
     const PeerLimits m_limits;
+    const CameraGate* const m_gate;
+    std::optional<OpenCheck> m_open_check;
     Clock::time_point m_now;  // of the call that is running
     std::map<PeerId, Peer> m_peers;
     std::map<uint32_t, Camera> m_cameras;
@@ -273,6 +343,7 @@ private:
     bool m_had_space = true;  // MayTakeFrame() at the last OnTime
     bool m_changed = false;
     std::vector<LogLine> m_log;
+    std::vector<Event> m_events;
 };
 
 }  // namespace zumod::host

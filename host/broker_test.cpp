@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "host/camera_gate.h"
 #include "tests/support/wire/camera_messages.h"
 
 namespace zumod::host {
@@ -42,7 +43,7 @@ Bytes NextFrame(uint32_t id, uint8_t mark, size_t more = 0) {
 // The broker with peers 1, 2 and 3.
 class BrokerTest : public ::testing::Test {
 protected:
-    BrokerTest() {
+    explicit BrokerTest(LendingRules rules = {}) : gate(std::move(rules), files, nullptr) {
         for (const PeerId id : {1U, 2U, 3U}) {
             broker.AddPeer(id, now);
         }
@@ -100,7 +101,9 @@ protected:
     std::vector<DeviceTask> tasks;
     std::map<DeviceTask::Kind, DeviceResult> results;  // of the next tasks
     Clock::time_point now{seconds(1000)};
-    Broker broker{{.idle = seconds(60), .stuck = seconds(20)}};
+    CameraFiles files;
+    CameraGate gate;
+    Broker broker{{.idle = seconds(60), .stuck = seconds(20)}, &gate};
 };
 
 TEST_F(BrokerTest, WithOnePeerBothDirectionsAreUnchanged) {
@@ -955,6 +958,382 @@ TEST_F(BrokerTest, BytesThatAreNotOneMessageAreRefused) {
     // A frame without its own header belongs to no camera.
     Plugin(MessageBytes(7, Bytes(7)));
     EXPECT_EQ(Take(1), Bytes());
+}
+
+TEST_F(BrokerTest, AnInformationComesBeforeTheAnswerAndReachesOnlyTheAsker) {
+    Ask(1, kGetListBytes);
+    ASSERT_EQ(Next(), kGetListBytes);
+    EXPECT_TRUE(broker.HasAsker());
+    broker.Inform("one");
+    Plugin(testing::kEmptyListBytes);
+    EXPECT_EQ(Take(1), testing::InformationBytes("one") + testing::kEmptyListBytes);
+    EXPECT_EQ(Take(2), Bytes());
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_FALSE(broker.HasAsker());
+    broker.Inform("two");
+    EXPECT_EQ(Take(1), Bytes());
+}
+
+// A broker whose gate checks each open.
+class GatedBrokerTest : public BrokerTest {
+protected:
+    GatedBrokerTest() : BrokerTest({{"*"}, {}, false}) {}
+
+    void ModuleFinds(const std::string& file) {
+        files.OnLogLine("[CameraEnumerator]  id: 0 name: A bus:  usb-1 file: " + file + " res: ");
+    }
+    // The steps up to the check of peer 1, whose open is at the front of its input.
+    void ExpectCheck(uint32_t camera) {
+        EXPECT_EQ(Next(), kGetListBytes);
+        EXPECT_FALSE(broker.HasAsker());
+        Plugin(testing::kEmptyListBytes);
+        const auto check = broker.TakeOpenCheck();
+        ASSERT_TRUE(check.has_value());
+        EXPECT_EQ(check->peer, 1U);
+        EXPECT_EQ(check->camera, camera);
+        EXPECT_FALSE(broker.TakeOpenCheck().has_value());
+    }
+    void Allow(PeerId id, const Bytes& open) {
+        Ask(id, open);
+        ExpectCheck(0);
+        broker.OnOpenCheck({id, 0}, {"", {"/dev/video3", "A"}, "one"});
+        ASSERT_EQ(Next(), open);
+    }
+};
+
+TEST_F(GatedBrokerTest, AnOpenIsPassedOnOnceItIsAllowed) {
+    ModuleFinds("/dev/video3");
+    Allow(1, OpenBytes(0));
+    Plugin(KeyFrame(0, 1));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Take(1), KeyFrame(0, 1) + StateBytes(kOpen, 0));
+    // A further peer needs no check: the camera is open.
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(OpenFurther(2, 0), StateBytes(kOpen, 0) + KeyFrame(0, 1));
+    // Once it is closed, the next open is checked again.
+    Ask(1, CloseBytes(0));
+    Ask(2, CloseBytes(0));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    Plugin(StateBytes(kClosed, 0));
+    Allow(1, OpenBytes(0));
+}
+
+TEST_F(GatedBrokerTest, ARefusedOpenIsAnsweredAndTheNextRequestsAreServed) {
+    Ask(1, OpenBytes(7) + kVersionRequestBytes);
+    Ask(2, kVersionRequestBytes);
+    ExpectCheck(7);
+    broker.OnOpenCheck({1, 7}, {"no camera 7"});
+    EXPECT_EQ(Take(1), NoticeBytes("no camera 7") + StateBytes(kFailed, 7));
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Take(2), kVersionReplyBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    EXPECT_EQ(Log(), (std::vector<std::string>{"[host] peer 1 may not open camera 7: no camera 7"}));
+}
+
+TEST_F(GatedBrokerTest, TheAnswerToACheckMayComeAfterThePeerHasLeft) {
+    Ask(1, OpenBytes(0));
+    ExpectCheck(0);
+    broker.RemovePeer(1);
+    broker.OnOpenCheck({1, 0}, {"", {"/dev/video3", "A"}, "one"});
+    EXPECT_EQ(Next(), Bytes());
+}
+
+TEST_F(GatedBrokerTest, AnotherCameraThanTheAllowedOneIsClosedAndSendsNothing) {
+    ModuleFinds("/dev/video3");
+    Allow(1, OpenBytes(0));
+    // The module has looked again, and found another camera.
+    ModuleFinds("/dev/video4");
+    Plugin(KeyFrame(0, 1));
+    Plugin(StateBytes(kOpen, 0));
+    Plugin(NextFrame(0, 2));
+    EXPECT_EQ(Take(1), NoticeBytes("the cameras of the host have changed") + StateBytes(kFailed, 0));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    EXPECT_EQ(Log(),
+              (std::vector<std::string>{"[host] camera 0 is closed: the cameras of the host have changed"}));
+}
+
+TEST_F(GatedBrokerTest, AnotherCameraThanTheAllowedOneIsClosedWithoutAnAnswer) {
+    ModuleFinds("/dev/video3");
+    Allow(1, OpenBytes(0));
+    ModuleFinds("/dev/video4");
+    EXPECT_EQ(Next(), CloseBytes(0));  // the plugin had no memory for the answer
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Take(1), StateBytes(kClosed, 0));
+    EXPECT_TRUE(broker.TakeEvents().empty());
+}
+
+TEST_F(GatedBrokerTest, AChangeOfFormatOfAnotherCameraClosesNone) {
+    ModuleFinds("/dev/video3");
+    Allow(1, OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Next(), Bytes());
+    ModuleFinds("/dev/video4");  // for a list; camera 0 goes on
+    Ask(1, SetFormatBytes(7));
+    EXPECT_EQ(Next(), SetFormatBytes(7));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), StateBytes(kOpen, 0));
+}
+
+TEST_F(GatedBrokerTest, ControlsAreThoseOfTheDeviceFileThatWasChecked) {
+    results[TaskKind::kFindDevice] = {"/dev/video9", {}, "", false};
+    ModuleFinds("/dev/video3");
+    Ask(1, OpenBytes(0));
+    ExpectCheck(0);
+    broker.OnOpenCheck({1, 0}, {"", {"/dev/video3", "A"}, "one"});
+    EXPECT_EQ(broker.NextRequest(now), OpenBytes(0));
+    EXPECT_EQ(broker.TakeTask().value().device, "/dev/video3");
+    Plugin(StateBytes(kOpen, 0));
+    Ask(1, SetFormatBytes(0));
+    EXPECT_EQ(broker.NextRequest(now), SetFormatBytes(0));
+    EXPECT_EQ(broker.TakeTask().value().device, "/dev/video3");
+}
+
+TEST_F(GatedBrokerTest, AnOpenThatIsCheckedCountsAsOneRequest) {
+    ModuleFinds("/dev/video3");
+    for (int i = 0; i < 600; ++i) {
+        Allow(1, OpenBytes(0));
+        Plugin(StateBytes(kFailed, 0));
+        ASSERT_EQ(Take(1), StateBytes(kFailed, 0));
+    }
+}
+
+TEST_F(GatedBrokerTest, AChangeOfFormatThatStartsAnotherCameraClosesIt) {
+    ModuleFinds("/dev/video3");
+    Allow(1, OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    Ask(1, SetFormatBytes(0));
+    EXPECT_EQ(Next(), SetFormatBytes(0));
+    ModuleFinds("/dev/video4");
+    Plugin(KeyFrame(0, 1));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    EXPECT_EQ(Take(1), StateBytes(kOpen, 0) + StateBytes(kClosed, 0));
+}
+
+TEST_F(GatedBrokerTest, OnlyAPeerThatHasTheCameraOpenUsesItsControls) {
+    Ask(1, GetControlsBytes(0) + SetPropertyBytes(0));
+    EXPECT_EQ(Next(), SetPropertyBytes(0));  // the plugin ignores it
+    EXPECT_TRUE(tasks.empty());
+    EXPECT_EQ(Take(1), MessageBytes(130, testing::Number32(0) + testing::Number32(1)));
+    ModuleFinds("/dev/video3");
+    Allow(1, OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    Ask(1, GetControlsBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    ASSERT_EQ(tasks.size(), 1U);
+    EXPECT_EQ(tasks[0].kind, TaskKind::kReportControls);
+}
+
+class AskingBrokerTest : public BrokerTest {
+protected:
+    AskingBrokerTest() : BrokerTest({{}, {}, false, true}) {
+        files.OnLogLine("[CameraEnumerator]  id: 0 name: Desk bus:  usb-1 file: /dev/video3 res: ");
+    }
+
+    // The module lists the cameras, and the gate allows the open of this peer.
+    void Check(PeerId id) {
+        EXPECT_EQ(Next(), kGetListBytes);
+        Plugin(testing::kEmptyListBytes);
+        const auto check = broker.TakeOpenCheck();
+        ASSERT_TRUE(check.has_value());
+        EXPECT_EQ(check->peer, id);
+        broker.OnOpenCheck(*check, {"", files.Camera(0), identity});
+    }
+    std::string identity = "one";  // of the device that the gate looks at
+
+    // The owner is asked about the open of this peer.
+    void ExpectQuestion(PeerId id) {
+        const auto events = broker.TakeEvents();
+        ASSERT_EQ(events.size(), 1U);
+        EXPECT_EQ(events[0].kind, Broker::Event::Kind::kAsked);
+        EXPECT_EQ(events[0].peer, id);
+        EXPECT_EQ(events[0].request.width, 640);
+        EXPECT_EQ(events[0].camera.name, "Desk");
+        EXPECT_EQ(events[0].camera.file, "/dev/video3");
+    }
+};
+
+TEST_F(AskingBrokerTest, AnOpenWaitsForTheOwnerAndOtherPeersGoOn) {
+    Ask(1, OpenBytes(0) + kVersionRequestBytes);
+    Check(1);
+    ExpectQuestion(1);
+    Ask(2, kVersionRequestBytes);
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    Plugin(kVersionReplyBytes);
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), Bytes());
+    EXPECT_EQ(Take(2), kVersionReplyBytes);
+    broker.RemovePeer(2);
+    broker.RemovePeer(3);
+    now += seconds(100);
+    EXPECT_FALSE(broker.OnTime(now));  // it is not idle
+    broker.OnDecision(1, "");
+    // The camera may be another one by now.
+    Check(1);
+    EXPECT_EQ(Next(), OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Next(), kVersionRequestBytes);
+    EXPECT_EQ(Take(1), StateBytes(kOpen, 0));
+}
+
+TEST_F(AskingBrokerTest, AnOwnerWhoDoesNotAgreeIsAskedAgainAtTheNextOpen) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    ExpectQuestion(1);
+    broker.OnDecision(1, "no");
+    EXPECT_EQ(Take(1), NoticeBytes("no") + StateBytes(kFailed, 0));
+    broker.OnDecision(1, "");  // too late
+    Ask(1, OpenBytes(0));
+    Check(1);
+    ExpectQuestion(1);
+}
+
+TEST_F(AskingBrokerTest, TheOwnerIsAskedAgainIfTheCameraHasChanged) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    ExpectQuestion(1);
+    broker.OnDecision(1, "");
+    // Another device has got the file.
+    files.OnLogLine("[CameraEnumerator]  id: 0 name: Door bus:  usb-2 file: /dev/video3 res: ");
+    identity = "other";
+    Check(1);
+    EXPECT_EQ(Next(), Bytes());
+    const auto events = broker.TakeEvents();
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].kind, Broker::Event::Kind::kAsked);
+    EXPECT_EQ(events[0].camera.name, "Door");
+}
+
+TEST_F(AskingBrokerTest, AnAgreementIsNotForAnotherDeviceThatAPeerHasOpened) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    ExpectQuestion(1);
+    identity = "other";
+    Ask(2, OpenBytes(0));
+    Check(2);
+    ExpectQuestion(2);
+    broker.OnDecision(2, "");
+    Check(2);
+    identity = "one";
+    broker.OnDecision(1, "");
+    Check(1);
+    // Both are allowed now.
+    ASSERT_EQ(Next(), OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Take(2), StateBytes(kOpen, 0));
+    EXPECT_EQ(broker.TakeEvents().size(), 1U);
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), Bytes());
+    ExpectQuestion(1);
+}
+
+TEST_F(AskingBrokerTest, AnOpenThatWaitsCountsAsOneRequest) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    for (int i = 0; i < 2000; ++i) {
+        ASSERT_EQ(Next(), Bytes());
+    }
+    EXPECT_EQ(Take(1), Bytes());
+    broker.OnDecision(1, "");
+    Check(1);
+    EXPECT_EQ(Next(), OpenBytes(0));
+}
+
+TEST_F(AskingBrokerTest, TheOwnersAgreementIsForOneFormat) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    broker.OnDecision(1, "");
+    Check(1);
+    ASSERT_EQ(Next(), OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Take(1), StateBytes(kOpen, 0));
+    Ask(1, SetFormatBytes(0, 1920, 1080, 30) + SetFormatBytes(0, 640, 480, 30));
+    EXPECT_EQ(Next(), SetFormatBytes(0, 640, 480, 30));
+    EXPECT_EQ(Take(1), NoticeBytes("the owner of this host has agreed to 640x480, 30 frames per second") +
+                           StateBytes(kFailed, 0));
+}
+
+TEST_F(AskingBrokerTest, EachPeerNeedsTheOwnersAgreement) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    ExpectQuestion(1);
+    broker.OnDecision(1, "");
+    Check(1);
+    EXPECT_EQ(Next(), OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(broker.TakeEvents().size(), 1U);
+    Ask(2, OpenBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    ExpectQuestion(2);
+    EXPECT_EQ(Take(2), Bytes());
+    broker.OnDecision(2, "");
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), StateBytes(kOpen, 0));
+}
+
+TEST_F(AskingBrokerTest, AQuestionOfAPeerThatHasLeftIsForgotten) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    broker.RemovePeer(1);
+    broker.OnDecision(1, "");
+    EXPECT_EQ(Next(), Bytes());
+}
+
+TEST_F(BrokerTest, EventsSayWhichPeerUsesWhichCameraForHowLong) {
+    files.OnLogLine("[CameraEnumerator]  id: 0 name: Desk bus:  usb-1 file: /dev/video3 res: ");
+    OpenFirst(1, 0);
+    now += seconds(2);
+    Plugin(KeyFrame(0, 1));
+    Plugin(NextFrame(0, 2));
+    OpenFurther(2, 0);
+    auto events = broker.TakeEvents();
+    ASSERT_EQ(events.size(), 2U);
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(events[i].kind, Broker::Event::Kind::kOpened);
+        EXPECT_EQ(events[i].peer, i + 1);
+        EXPECT_EQ(events[i].camera.name, "Desk");
+    }
+    now += seconds(1);
+    Ask(1, CloseBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    Plugin(NextFrame(0, 3));
+    broker.RemovePeer(2);
+    events = broker.TakeEvents();
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0].kind, Broker::Event::Kind::kClosed);
+    EXPECT_EQ(events[0].peer, 1U);
+    EXPECT_EQ(events[0].time, seconds(3));
+    EXPECT_EQ(events[0].frames, 2U);
+    EXPECT_EQ(events[0].bytes, 27U + 21U);
+    EXPECT_EQ(events[1].peer, 2U);
+    EXPECT_EQ(events[1].time, seconds(1));
+    EXPECT_EQ(events[1].frames, 3U);
+    // An open without an answer has happened, too.
+    Ask(3, OpenBytes(1));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    EXPECT_EQ(Next(), OpenBytes(1));
+    EXPECT_EQ(Next(), Bytes());
+    events = broker.TakeEvents();
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].kind, Broker::Event::Kind::kOpened);
+    EXPECT_EQ(events[0].peer, 3U);
+    // A camera that does not open has no events.
+    Ask(3, OpenBytes(7));
+    EXPECT_EQ(Next(), OpenBytes(7));
+    Plugin(StateBytes(kFailed, 7));
+    EXPECT_TRUE(broker.TakeEvents().empty());
+}
+
+class ListOnlyBrokerTest : public BrokerTest {
+protected:
+    ListOnlyBrokerTest() : BrokerTest({{}, {}, true}) {}
+};
+
+TEST_F(ListOnlyBrokerTest, ListsAndOpensNothing) {
+    Ask(1, OpenBytes(0) + OpenBytes(1) + kGetListBytes);
+    EXPECT_EQ(Next(), kGetListBytes);
+    const Bytes notice = NoticeBytes("this host lists its cameras and opens none");
+    EXPECT_EQ(Take(1), notice + StateBytes(kFailed, 0) + notice + StateBytes(kFailed, 1));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
 #include <chrono>
@@ -12,6 +11,7 @@
 #include "common/camera_controls.h"
 #include "common/error.h"
 #include "common/unique_fd.h"
+#include "host/video_devices.h"
 
 namespace zumod::host {
 namespace {
@@ -26,15 +26,6 @@ constexpr std::pair<uint32_t, uint32_t> kTriedSizes[] = {
     {960, 720}, {1024, 768}, {1152, 864}, {1280, 600}, {1280, 720}, {1440, 900}, {1440, 1080}, {1920, 1080},
 };
 
-template <class Argument>
-bool Call(const UniqueFd& device, unsigned long request, Argument& argument) {
-    int result = 0;
-    do {
-        result = ioctl(device.Get(), request, &argument);
-    } while (result < 0 && errno == EINTR);
-    return result >= 0;
-}
-
 bool Takes(const UniqueFd& device, uint32_t pixel_format) {
     for (const auto& [width, height] : kTriedSizes) {
         v4l2_format format{};
@@ -42,7 +33,7 @@ bool Takes(const UniqueFd& device, uint32_t pixel_format) {
         format.fmt.pix.width = width;
         format.fmt.pix.height = height;
         format.fmt.pix.pixelformat = pixel_format;
-        if (Call(device, VIDIOC_TRY_FMT, format) &&
+        if (CallDevice(device, VIDIOC_TRY_FMT, &format) &&
             (format.fmt.pix.width == width || format.fmt.pix.height == height)) {
             return true;
         }
@@ -53,12 +44,12 @@ bool Takes(const UniqueFd& device, uint32_t pixel_format) {
 // Whether the module lists this device.
 bool IsCamera(const UniqueFd& device) {
     v4l2_capability capability{};
-    if (!Call(device, VIDIOC_QUERYCAP, capability)) {
+    if (!CallDevice(device, VIDIOC_QUERYCAP, &capability)) {
         return false;
     }
     v4l2_fmtdesc format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    for (; format.index < kMostFormats && Call(device, VIDIOC_ENUM_FMT, format); ++format.index) {
+    for (; format.index < kMostFormats && CallDevice(device, VIDIOC_ENUM_FMT, &format); ++format.index) {
         if (Takes(device, format.pixelformat)) {
             return true;
         }
@@ -74,7 +65,8 @@ UniqueFd OpenDevice(const std::string& file, int mode) {
 std::optional<v4l2_queryctrl> Query(const UniqueFd& device, uint32_t id) {
     v4l2_queryctrl query{};
     query.id = id;
-    if (id == 0 || !Call(device, VIDIOC_QUERYCTRL, query) || (query.flags & V4L2_CTRL_FLAG_DISABLED) != 0) {
+    if (id == 0 || !CallDevice(device, VIDIOC_QUERYCTRL, &query) ||
+        (query.flags & V4L2_CTRL_FLAG_DISABLED) != 0) {
         return std::nullopt;
     }
     switch (query.type) {
@@ -90,12 +82,12 @@ std::optional<v4l2_queryctrl> Query(const UniqueFd& device, uint32_t id) {
 
 std::optional<int32_t> ValueOf(const UniqueFd& device, uint32_t id) {
     v4l2_control control{id, 0};
-    return Call(device, VIDIOC_G_CTRL, control) ? std::optional(control.value) : std::nullopt;
+    return CallDevice(device, VIDIOC_G_CTRL, &control) ? std::optional(control.value) : std::nullopt;
 }
 
 bool SetValue(const UniqueFd& device, uint32_t id, int32_t value) {
     v4l2_control control{id, value};
-    return Call(device, VIDIOC_S_CTRL, control);
+    return CallDevice(device, VIDIOC_S_CTRL, &control);
 }
 
 // The value that makes the camera choose by itself, if it can.
@@ -109,7 +101,7 @@ std::optional<int32_t> AutomaticValue(const UniqueFd& device, const CameraContro
         item.id = control.automatic_id;
         item.index = static_cast<uint32_t>(value);
         if (value >= query->minimum && value <= query->maximum &&
-            (query->type != V4L2_CTRL_TYPE_MENU || Call(device, VIDIOC_QUERYMENU, item))) {
+            (query->type != V4L2_CTRL_TYPE_MENU || CallDevice(device, VIDIOC_QUERYMENU, &item))) {
             return value;
         }
     }

@@ -17,13 +17,16 @@
 #include "common/sandbox.h"
 #include "common/unix_socket.h"
 #include "common/waiter.h"
+#include "host/camera_gate.h"
 #include "host/camera_module.h"
+#include "host/helper.h"
 #include "host/host_log.h"
 #include "host/listener.h"
 #include "host/options.h"
 #include "host/peer_stream.h"
 #include "host/serve.h"
 #include "host/setting_check.h"
+#include "host/video_devices.h"
 #include "src/module/attach_runtime.h"
 
 namespace zumod::host {
@@ -114,7 +117,8 @@ Expected<std::string> RestrictProcess(const HostOptions& options, const PeerSour
     return EnterSandbox(plan);
 }
 
-Expected<void> Serve(const HostOptions& options, PeerSource source, HostLog& log, Waiter& waiter) {
+Expected<void> Serve(const HostOptions& options, PeerSource source, HelperProcess* helper,
+                     const CameraFiles& files, HostLog& log, Waiter& waiter) {
     CameraModule module;
     if (auto loaded = module.Load(); !loaded) {
         return loaded;
@@ -127,16 +131,20 @@ Expected<void> Serve(const HostOptions& options, PeerSource source, HostLog& log
             log.Write(kLogIgnored, "[host] " + mistake);
         }
     }
+    CameraGate gate(options.lending, files,
+                    [&log](const std::string& text) { log.Write(kLogIgnored, text); });
+    gate.ReportProblems();
     if (auto started = log.Start(); !started) {
         return started;
     }
+    const HostParts parts{module, gate, helper, log, waiter};
     if (source.listener == nullptr) {
-        return ServeOnePeer(std::move(source.standard_streams), options.limits, module, log, waiter);
+        return ServeOnePeer(std::move(source.standard_streams), options.limits, parts);
     }
     log.Print(std::string(kProgram) + ": listening on " +
               (source.passed ? "the socket of the service manager" : options.listen) +
               ", cameras are listed on request");
-    ServePeers(*source.listener, options.limits, module, log, waiter);
+    ServePeers(*source.listener, options.limits, parts);
     return {};
 }
 
@@ -152,6 +160,10 @@ Expected<void> Run(HostOptions options, int closed, HostLog& log) {
     }
     options.properties[kEnvModulesDir] = *directory;
     // Up to here with all rights of the user. Helper processes start here: they keep these rights.
+    const auto helper = HelperProcess::Start(options.commands);
+    if (!helper) {
+        return Fail(helper.error());
+    }
     auto source = OpenPeerSource(options, closed);
     if (!source) {
         return Fail(source.error());
@@ -162,12 +174,16 @@ Expected<void> Run(HostOptions options, int closed, HostLog& log) {
         return Fail(restricted.error());
     }
     // Never destroyed: a loaded codec module keeps calling the runtime until the process exits.
+    static CameraFiles& files = *new CameraFiles;
     static ModuleRuntime& runtime = *new ModuleRuntime(
-        [&log](uint32_t level, const char* text) { log.Write(ShownLevel(level, text), text); },
+        [&log](uint32_t level, const char* text) {
+            files.OnLogLine(text);
+            log.Write(ShownLevel(level, text), text);
+        },
         options.properties);
     AttachRuntime(&runtime);
     log.Write(kLogEvent, "[host] " + *restricted);
-    return Serve(options, std::move(*source), log, waiter);
+    return Serve(options, std::move(*source), helper->get(), files, log, waiter);
 }
 
 int RunProgram(int count, const char* const* words) {

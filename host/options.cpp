@@ -49,6 +49,17 @@ std::string CheckPeers(const std::string& text) {
                : "takes a number from 1 to " + std::to_string(kMostPeers) + ", not \"" + text + "\"";
 }
 
+void AddCommand(CLI::App& app, const char* name, std::string& command, const char* help) {
+    app.add_option(name, command, help)->type_name("COMMAND")->check(NotEmpty("command"));
+}
+
+void AddPatterns(CLI::App& app, const char* name, std::vector<std::string>& patterns, const char* help) {
+    app.add_option(name, patterns, help)
+        ->type_name("PATTERN")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
 }  // namespace
 
 Expected<HostOptions> ParseOptions(int count, const char* const* words) {
@@ -80,6 +91,24 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
         "Disconnect a peer that receives nothing for this time although something waits for it; "
         "without it 20, 0: never",
         [&](Clock::duration stuck) { limits.stuck = stuck; }, ZeroTime::kTaken);
+    AddPatterns(app, "--allow", options.lending.allow,
+                "Lend only cameras whose name or bus matches this pattern, such as 'Desk*'; may be given "
+                "several times");
+    AddPatterns(
+        app, "--deny", options.lending.deny,
+        "Lend no camera whose name or bus matches this pattern, even if --allow matches; may be given "
+        "several times");
+    app.add_flag("--list-only", options.lending.list_only, "List cameras, but open none");
+    HelperCommands& commands = options.commands;
+    AddCommand(app, "--ask", commands.ask,
+               "Run this command before a peer may open a camera; exit status 0 allows it. The manual page "
+               "lists its variables");
+    AddTimeOption(app, "--ask-timeout", "How long the command of --ask may run; without it 30",
+                  [&](Clock::duration limit) {
+                      commands.ask_limit = std::chrono::duration_cast<std::chrono::milliseconds>(limit);
+                  });
+    AddCommand(app, "--on-open", commands.on_open, "Run this command when a peer has opened a camera");
+    AddCommand(app, "--on-close", commands.on_close, "Run this command when a peer has closed a camera");
     app.add_flag("--stdio", options.stdio,
                  "Serve the one peer at standard input and output, and end with it");
     AddModulesOption(app, options.modules, "zu-client-camera.so and zu-codec.so");
@@ -112,6 +141,7 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
     if (!listens && !options.stdio) {
         return FailUsage("give --listen or --stdio");
     }
+    options.lending.ask = app.count("--ask") != 0;
     for (const std::string& property : properties) {
         const size_t equals = property.find('=');
         options.properties[property.substr(0, equals)] = property.substr(equals + 1);

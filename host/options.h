@@ -8,6 +8,8 @@
 #include <string>
 
 #include "common/error.h"
+#include "host/camera_gate.h"
+#include "host/helper.h"
 #include "host/serve.h"
 
 namespace zumod::host {
@@ -16,6 +18,8 @@ struct HostOptions {
     std::string listen;  // the socket's path; empty with --stdio
     bool stdio = false;
     ServeLimits limits;
+    LendingRules lending;
+    HelperCommands commands;
     std::string modules;                            // empty: the directory that belongs to the program
     std::map<std::string, std::string> properties;  // by key
     bool sandbox = true;

@@ -79,6 +79,32 @@ TEST(HostOptions, EveryPropertyIsKeptAndTheLastValueOfAKeyWins) {
                                       {"zu.codec.bitrate", "900000"}, {"a", "[1,2]"}, {"b", "c=d"}}));
 }
 
+TEST(HostOptions, CamerasAreLentByPatternsOneForEachOption) {
+    EXPECT_TRUE(Options({"--stdio"}).lending.allow.empty());
+    const LendingRules rules =
+        Options({"--stdio", "--allow", "Desk*", "--deny=usb-*-1", "--allow", "Front, 2"}).lending;
+    EXPECT_EQ(rules.allow, (std::vector<std::string>{"Desk*", "Front, 2"}));
+    EXPECT_EQ(rules.deny, std::vector<std::string>{"usb-*-1"});
+    EXPECT_FALSE(rules.list_only);
+    EXPECT_TRUE(Options({"--stdio", "--list-only"}).lending.list_only);
+    Mistake({"--stdio", "--allow"});
+    Mistake({"--stdio", "--allow", "a", "b"});
+}
+
+TEST(HostOptions, CommandsAreOfferedByThreeOptions) {
+    const HostOptions none = Options({"--stdio"});
+    EXPECT_FALSE(none.lending.ask);
+    EXPECT_EQ(none.commands.ask_limit, std::chrono::seconds(30));
+    const HostOptions options =
+        Options({"--stdio", "--ask", "a b", "--ask-timeout", "2.5", "--on-open", "c", "--on-close", "d"});
+    EXPECT_TRUE(options.lending.ask);
+    EXPECT_EQ(options.commands.ask, "a b");
+    EXPECT_EQ(options.commands.ask_limit, std::chrono::milliseconds(2500));
+    EXPECT_EQ(options.commands.on_open, "c");
+    EXPECT_EQ(options.commands.on_close, "d");
+    EXPECT_EQ(Mistake({"--stdio", "--ask", ""}), "--ask: takes a command (see --help)");
+}
+
 TEST(HostOptions, EachLevelIncludesTheMoreSevereOnes) {
     EXPECT_EQ(Options({"--stdio", "--log-level", "error"}).log_levels, 4U);
     EXPECT_EQ(Options({"--stdio", "--log-level", "warning"}).log_levels, 6U);
@@ -143,8 +169,10 @@ TEST(HostOptions, HelpNamesEveryOptionAndTheBitsOfTheLevels) {
         EXPECT_LE(line.size(), 80U) << line;
         unwrapped += line.substr(std::min(line.size(), line.find_first_not_of(' '))) + ' ';
     }
-    for (const char* part : {"--listen", "--peers", "--idle", "--stuck", "--stdio", "--modules", "--env",
-                             "--log-level", "--version", "level bit 4", "bit 2", "bit 1", "bit 8"}) {
+    for (const char* part :
+         {"--allow",     "--deny",    "--list-only", "--ask",   "--ask-timeout", "--on-open", "--on-close",
+          "--listen",    "--peers",   "--idle",      "--stuck", "--stdio",       "--modules", "--env",
+          "--log-level", "--version", "level bit 4", "bit 2",   "bit 1",         "bit 8"}) {
         EXPECT_NE(unwrapped.find(part), std::string::npos) << part;
     }
 }

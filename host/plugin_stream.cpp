@@ -16,8 +16,8 @@ constexpr int kFailed = -1;
 
 }  // namespace
 
-PluginStream::PluginStream(const PeerLimits& limits)
-    : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_broker(limits) {}
+PluginStream::PluginStream(const PeerLimits& limits, CameraGate* gate)
+    : m_gate(gate), m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_broker(limits, gate) {}
 
 int PluginStream::Read(void* data, unsigned long size, unsigned long* done) {
     try {
@@ -44,6 +44,10 @@ int PluginStream::Read(void* data, unsigned long size, unsigned long* done) {
 std::optional<DeviceTask> PluginStream::WaitForRequest() {
     const MutexLock lock(m_mutex);
     while (m_read == m_request.size() && !m_ended) {
+        if (const auto check = m_broker.TakeOpenCheck()) {
+            CheckOpen(*check);
+            continue;
+        }
         std::optional<Bytes> request = m_broker.NextRequest(Clock::now());
         // The send thread: no frame waits during some opens.
         m_changed.notify_all();
@@ -61,24 +65,61 @@ std::optional<DeviceTask> PluginStream::WaitForRequest() {
     return std::nullopt;
 }
 
+// Looking at a device may block.
+void PluginStream::CheckOpen(const Broker::OpenCheck& check) {
+    m_mutex.unlock();
+    CameraGate::Verdict verdict;
+    try {
+        verdict = m_gate->CheckOpen(check.camera);
+    } catch (...) {
+        m_mutex.lock();
+        throw;
+    }
+    m_mutex.lock();
+    m_broker.OnOpenCheck(check, verdict);
+}
+
 int PluginStream::Write(const void* data, unsigned long size, unsigned long* done) {
     const std::span<const uint8_t> bytes(static_cast<const uint8_t*>(data), size);
-    const MutexLock lock(m_mutex);
-    while (!m_ended && Broker::IsFrame(bytes) && !m_broker.MayTakeFrame()) {
-        m_changed.wait(m_mutex);
-    }
     try {
-        if (m_ended || !m_broker.OnMessage(bytes, Clock::now())) {
+        if (!Pass(bytes)) {
             return kFailed;
         }
     } catch (const std::bad_alloc&) {
         // Nothing may throw on the send thread. A peer may miss a message now, so the session ends.
-        EndLocked();
+        End();
         return kFailed;
     }
-    WakeMain();
     *done = size;
     return 0;
+}
+
+bool PluginStream::Pass(std::span<const uint8_t> bytes) {
+    const std::optional<CameraGate::Listing> listing = Filter(bytes);
+    const MutexLock lock(m_mutex);
+    while (!m_ended && Broker::IsFrame(bytes) && !m_broker.MayTakeFrame()) {
+        m_changed.wait(m_mutex);
+    }
+    if (m_ended) {
+        return false;
+    }
+    if (listing) {
+        for (const std::string& text : listing->information) {
+            m_broker.Inform(text);
+        }
+    }
+    const bool passed =
+        m_broker.OnMessage(listing ? std::span<const uint8_t>(listing->message) : bytes, Clock::now());
+    WakeMain();
+    return passed;
+}
+
+// What the asker gets for a camera list; nothing if it gets the message unchanged. Looking at devices may
+// block.
+std::optional<CameraGate::Listing> PluginStream::Filter(std::span<const uint8_t> bytes) {
+    const bool is_for_peer = m_gate != nullptr && Broker::IsList(bytes) &&
+                             Query([](const Broker& broker) { return broker.HasAsker(); });
+    return is_for_peer ? std::optional(m_gate->OnList(bytes)) : std::nullopt;
 }
 
 void PluginStream::WakePlugin() {

@@ -2,9 +2,10 @@
 //
 // Three threads meet here. The plugin's run thread waits in Read until the broker has a request for it; the
 // send thread waits in Write until a peer can take a frame; the main thread serves the peers' connections and
-// never waits here. The broker is guarded by one mutex, which nobody holds during a system call that may
-// block. A change by the main thread wakes the two waiting threads (m_changed);
-// a change by the plugin's threads makes Wake() readable for the main thread.
+// never waits here. The run thread looks at cameras for the gate, without the mutex. The broker is guarded by
+// one mutex, which nobody holds during a system call that may block. A change by the main thread wakes the
+// two waiting threads (m_changed); a change by the plugin's threads makes Wake() readable for the main
+// thread.
 //
 // Thread rule: Read is [run thread]; Write is [run thread, send thread]; End is [any thread]; the rest is
 // [main thread].
@@ -12,11 +13,13 @@
 
 #include <condition_variable>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "common/mutex.h"
 #include "common/unique_fd.h"
 #include "host/broker.h"
+#include "host/camera_gate.h"
 #include "zumod/channel_stream.h"
 #include "zumod/reference.h"
 
@@ -24,7 +27,8 @@ namespace zumod::host {
 
 class PluginStream final : public CCounted_T<IChannelStream> {
 public:
-    explicit PluginStream(const PeerLimits& limits);
+    // `gate` is borrowed. Null: every camera may be listed and opened.
+    explicit PluginStream(const PeerLimits& limits, CameraGate* gate = nullptr);
     ~PluginStream() override = default;
 
     // Whether the system had a descriptor for it; errno says why not.
@@ -67,10 +71,14 @@ private:
     // Waits until m_request has bytes to read, or the stream has ended. Returns early with a task; then the
     // caller performs it, without the mutex, and calls again.
     std::optional<DeviceTask> WaitForRequest();
+    void CheckOpen(const Broker::OpenCheck& check) ZU_REQUIRES(m_mutex);
+    bool Pass(std::span<const uint8_t> bytes);
+    std::optional<CameraGate::Listing> Filter(std::span<const uint8_t> bytes);
     void EndLocked() ZU_REQUIRES(m_mutex);
     void WakeMain() ZU_REQUIRES(m_mutex);
 
-    const UniqueFd m_wake;  // an eventfd
+    CameraGate* const m_gate;  // for the run thread
+    const UniqueFd m_wake;     // an eventfd
     Mutex m_mutex;
     std::condition_variable_any m_changed;
     Broker m_broker ZU_GUARDED_BY(m_mutex);

@@ -144,5 +144,26 @@ TEST_F(PluginStreamTest, BytesThatAreNotOneMessageAreNotWritten) {
     EXPECT_FALSE(Write(kVersionReplyBytes + kVersionReplyBytes));
 }
 
+// The module lists a camera whose file the host cannot look at.
+TEST(PluginStreamWithAGate, LooksAtACameraBeforeThePluginOpensIt) {
+    CameraFiles files;
+    files.OnLogLine("[CameraEnumerator]  id: 0 name: A bus:  usb-1 file: /nonexistent/video0 res: ");
+    CameraGate gate({{"*"}, {}, false}, files, [](const std::string&) {});
+    const CRefPtr_T<PluginStream> stream(new PluginStream({}, &gate));
+    stream->Call([](Broker& broker) {
+        broker.AddPeer(1, Clock::now());
+        broker.OnInput(1, OpenBytes(0) + kVersionRequestBytes);
+    });
+    Bytes bytes(8);
+    unsigned long done = 0;
+    ASSERT_EQ(stream->Read(bytes.data(), bytes.size(), &done), 0);
+    EXPECT_EQ(bytes, testing::kGetListBytes);
+    ASSERT_EQ(stream->Write(testing::kEmptyListBytes.data(), testing::kEmptyListBytes.size(), &done), 0);
+    ASSERT_EQ(stream->Read(bytes.data(), bytes.size(), &done), 0);
+    EXPECT_EQ(bytes, kVersionRequestBytes);
+    const auto output = stream->Query([](const Broker& broker) { return broker.NextOutput(1); });
+    EXPECT_EQ(*output.message, testing::NoticeBytes("this host lends no camera 0"));
+}
+
 }  // namespace
 }  // namespace zumod::host

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <map>
 #include <new>
 #include <string>
@@ -29,6 +30,9 @@ constexpr Clock::time_point kNever = Clock::time_point::max();
 constexpr auto kPause = std::chrono::milliseconds(100);
 constexpr size_t kInputSize = size_t{64} * 1024;
 constexpr char kSessionEnded[] = "ended: the camera module has no memory, thread or descriptor left";
+constexpr auto kRefusalTime = std::chrono::seconds(10);
+constexpr char kCannotAsk[] = "this host cannot ask its owner";
+constexpr char kRefusedBefore[] = "the owner of this host has not agreed less than 10 seconds ago";
 constexpr char kNothingLeft[] = "the host has no thread or descriptor left for a peer";
 
 // A probe (connect, then close) is already gone.
@@ -41,14 +45,48 @@ std::string PeerText(PeerId id) {
     return "[host] peer " + std::to_string(id);
 }
 
+std::string SessionText(PeerId id) {
+    return "[session] peer " + std::to_string(id);
+}
+
+// The process that connected to this socket; its number is 0 if it is not known.
+ucred ProcessOf(int socket) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer : ucred{};
+}
+
+std::string CameraText(const Broker::Event& event) {
+    return "camera " + std::to_string(event.request.id) +
+           (event.camera.name.empty() ? "" : " (" + event.camera.name + ")");
+}
+
+std::string FiguresText(uint64_t frames, uint64_t bytes) {
+    return std::to_string(frames) + " frames, " + std::to_string(bytes) + " bytes";
+}
+
+CameraUse UseOf(const Broker::Event& event, const ucred& process) {
+    CameraUse use;
+    use.peer = event.peer;
+    use.pid = process.pid;
+    use.user = process.uid;
+    use.camera = event.request.id;
+    use.width = event.request.width;
+    use.height = event.request.height;
+    use.fps = event.request.fps;
+    event.camera.name.copy(use.name, sizeof use.name - 1);
+    event.camera.file.copy(use.file, sizeof use.file - 1);
+    return use;
+}
+
 // One plugin and its thread, from the first peer to the last: no camera, queued frame or property of earlier
 // peers reaches later ones. Run, ExitInstance and the release of the plugin happen on the session's thread,
 // in this order; another thread can only end the stream.
 class Session {
 public:
     // Null if the system has no descriptor or no thread for it.
-    static std::unique_ptr<Session> Start(CameraModule& module, const PeerLimits& limits) {
-        auto session = std::unique_ptr<Session>(new Session(module, limits));  // the constructor is private
+    static std::unique_ptr<Session> Start(const HostParts& parts, const PeerLimits& limits) {
+        auto session = std::unique_ptr<Session>(new Session(parts, limits));  // the constructor is private
         if (!session->m_done || !session->m_stream->IsValid()) {
             return nullptr;
         }
@@ -75,8 +113,10 @@ public:
     int Done() const { return m_done.Get(); }
 
 private:
-    Session(CameraModule& module, const PeerLimits& limits)
-        : m_module(module), m_stream(new PluginStream(limits)), m_done(eventfd(0, EFD_CLOEXEC)) {}
+    Session(const HostParts& parts, const PeerLimits& limits)
+        : m_module(parts.module),
+          m_stream(new PluginStream(limits, &parts.gate)),
+          m_done(eventfd(0, EFD_CLOEXEC)) {}
 
     void Serve() {
         try {
@@ -102,8 +142,12 @@ private:
 // The connections of all peers, and the session that they share.
 class PeerServer {
 public:
-    PeerServer(CameraModule& module, const PeerLimits& limits, HostLog& log, Waiter& waiter)
-        : m_module(module), m_limits(limits), m_log(log), m_waiter(waiter) {}
+    PeerServer(const HostParts& parts, const PeerLimits& limits)
+        : m_parts(parts), m_limits(limits), m_log(parts.log), m_waiter(parts.waiter) {
+        if (m_parts.helper != nullptr) {
+            m_replies = m_waiter.Watch(m_parts.helper->Descriptor(), POLLIN, [this] { ReceiveReplies(); });
+        }
+    }
     PeerServer(const PeerServer&) = delete;
     PeerServer& operator=(const PeerServer&) = delete;
     ~PeerServer() { EndSession(); }
@@ -116,7 +160,7 @@ public:
             Serve();
         }
         if (m_session == nullptr) {
-            m_session = Session::Start(m_module, m_limits);
+            m_session = Session::Start(m_parts, m_limits);
             if (m_session == nullptr) {
                 return false;
             }
@@ -132,8 +176,12 @@ public:
     void Add(std::unique_ptr<PeerStream> stream) {
         const PeerId id = ++m_last_id;
         m_session->Stream().Call([id](Broker& broker) { broker.AddPeer(id, Clock::now()); });
-        m_peers[id].stream = std::move(stream);
-        m_log.Write(kLogEvent, PeerText(id) + " has connected");
+        Peer& peer = m_peers[id];
+        peer.process = ProcessOf(stream->In());
+        peer.stream = std::move(stream);
+        m_log.Write(kLogEvent,
+                    PeerText(id) + " has connected" +
+                        (peer.process.pid != 0 ? ": process " + std::to_string(peer.process.pid) : ""));
     }
 
     // Moves all bytes that can be moved now, and closes what is done.
@@ -157,9 +205,8 @@ public:
                 WaitForPeer(id, peer);
             }
         }
-        for (const Broker::LogLine& line : stream.Update([](Broker& broker) { return broker.TakeLog(); })) {
-            m_log.Write(line.level, line.text);
-        }
+        HandleEvents();
+        WriteBrokerLog();
         if (m_peers.empty()) {
             EndSession();
         }
@@ -188,6 +235,10 @@ public:
 private:
     struct Peer {
         std::unique_ptr<PeerStream> stream;
+        ucred process{};
+        Clock::time_point connected = Clock::now();
+        uint64_t frames = 0;  // of the cameras that it has closed
+        uint64_t bytes = 0;
         bool can_send = true;
         Waiter::Registration input;
         Waiter::Registration output;
@@ -265,19 +316,144 @@ private:
 
     void Remove(PeerId id) {
         m_session->Stream().Call([id](Broker& broker) { broker.RemovePeer(id); });
+        HandleEvents();
+        WriteBrokerLog();
+        CancelQuestions(id);
+        const Peer& peer = m_peers.at(id);
+        m_log.Write(kLogEvent, PeerText(id) + " has left after " +
+                                   SecondsText(Clock::now() - peer.connected) + ": " +
+                                   FiguresText(peer.frames, peer.bytes));
         m_peers.erase(id);
-        m_log.Write(kLogEvent, PeerText(id) + " has left");
+    }
+
+    void CancelQuestions(PeerId id) {
+        std::erase_if(m_questions, [&](const auto& entry) {
+            const bool is_meant = entry.second.peer == id;
+            if (is_meant) {
+                (void)m_parts.helper->Cancel(entry.first);
+            }
+            return is_meant;
+        });
+    }
+
+    void WriteBrokerLog() {
+        for (const Broker::LogLine& line :
+             m_session->Stream().Update([](Broker& broker) { return broker.TakeLog(); })) {
+            m_log.Write(line.level, line.text);
+        }
+    }
+
+    // ---- What peers do with cameras
+
+    void HandleEvents() {
+        for (const Broker::Event& event :
+             m_session->Stream().Update([](Broker& broker) { return broker.TakeEvents(); })) {
+            const auto peer = m_peers.find(event.peer);
+            if (peer != m_peers.end()) {
+                Handle(event, peer->second);
+            }
+        }
+    }
+
+    void Handle(const Broker::Event& event, Peer& peer) {
+        const std::string start = SessionText(event.peer);
+        const std::string camera = CameraText(event);
+        const CameraUse use = UseOf(event, peer.process);
+        bool is_sent = m_parts.helper != nullptr;
+        switch (event.kind) {
+            case Broker::Event::Kind::kAsked:
+                m_log.Write(kLogEvent, start + " asks for " + camera);
+                if (WasRefused(event.camera.file)) {
+                    Decide(event.peer, kRefusedBefore);
+                    return;
+                }
+                is_sent = is_sent && m_parts.helper->Ask(++m_last_question, use);
+                if (is_sent) {
+                    m_questions[m_last_question] = {event.peer, event.camera.file};
+                } else {
+                    Decide(event.peer, kCannotAsk);
+                }
+                break;
+            case Broker::Event::Kind::kOpened:
+                m_log.Write(kLogEvent, start + " has opened " + camera + ": " + std::to_string(use.width) +
+                                           "x" + std::to_string(use.height) + ", " + std::to_string(use.fps) +
+                                           " frames per second");
+                is_sent = is_sent && m_parts.helper->OnOpen(use);
+                break;
+            case Broker::Event::Kind::kClosed:
+                peer.frames += event.frames;
+                peer.bytes += event.bytes;
+                m_log.Write(kLogEvent, start + " has closed " + camera + " after " + SecondsText(event.time) +
+                                           ": " + FiguresText(event.frames, event.bytes));
+                is_sent = is_sent && m_parts.helper->OnClose(use);
+                break;
+        }
+        if (m_parts.helper != nullptr && !is_sent && m_replies != nullptr) {
+            m_log.Write(kLogFailure, "[host] the helper process does not take a command");
+        }
+    }
+
+    // Another peer, or the same one with a new connection, cannot repeat a question at once.
+    bool WasRefused(const std::string& file) {
+        const auto now = Clock::now();
+        std::erase_if(m_refusals, [now](const auto& entry) { return entry.second <= now; });
+        return m_refusals.contains(file);
+    }
+
+    void Decide(PeerId id, const std::string& refusal) {
+        m_session->Stream().Call([&](Broker& broker) { broker.OnDecision(id, refusal); });
+    }
+
+    void ReceiveReplies() {
+        for (;;) {
+            const auto reply = m_parts.helper->Receive();
+            if (!reply) {
+                m_log.Write(kLogFailure, "[host] " + reply.error().text + ": no command runs any more");
+                m_replies.reset();
+                for (const auto& [number, question] : std::exchange(m_questions, {})) {
+                    Decide(question.peer, kCannotAsk);
+                }
+                return;
+            }
+            if (!*reply) {
+                return;
+            }
+            Handle(**reply);
+        }
+    }
+
+    void Handle(const HelperReply& reply) {
+        const std::string text(reply.text, strnlen(reply.text, sizeof reply.text));
+        if (reply.result == HelperResult::kSaid) {
+            m_log.Write(kLogIgnored, "[host] " + text);
+            return;
+        }
+        const auto found = m_questions.find(reply.number);
+        if (found == m_questions.end()) {
+            return;
+        }
+        const auto [peer, file] = std::move(found->second);
+        m_questions.erase(found);
+        if (reply.result == HelperResult::kAllowed) {
+            Decide(peer, "");
+        } else {
+            m_log.Write(kLogEvent, SessionText(peer) + " is refused: " + text);
+            m_refusals[file] = Clock::now() + kRefusalTime;
+            Decide(peer, "the owner of this host has not agreed");
+        }
     }
 
     void EndSession() {
+        while (!m_peers.empty()) {
+            Remove(m_peers.begin()->first);
+        }
         m_plugin_ended.reset();
         m_plugin_wakes.reset();
         m_session.reset();
         m_session_has_ended = false;
-        m_peers.clear();
     }
 
-    CameraModule& m_module;
+    const HostParts m_parts;
     const PeerLimits m_limits;
     HostLog& m_log;
     Waiter& m_waiter;
@@ -288,18 +464,25 @@ private:
     Waiter::Registration m_plugin_wakes;
     std::map<PeerId, Peer> m_peers;
     PeerId m_last_id = 0;
+    struct Question {
+        PeerId peer;
+        std::string file;  // of the camera
+    };
+    Waiter::Registration m_replies;            // none without a helper
+    std::map<uint64_t, Question> m_questions;  // that the helper has not answered, by number
+    uint64_t m_last_question = 0;
+    std::map<std::string, Clock::time_point> m_refusals;  // their ends, by the camera's file
     std::array<uint8_t, kInputSize> m_input{};
 };
 
 class PeerAcceptor {
 public:
-    PeerAcceptor(const Listener& listener, const ServeLimits& limits, CameraModule& module, HostLog& log,
-                 Waiter& waiter)
+    PeerAcceptor(const Listener& listener, const ServeLimits& limits, const HostParts& parts)
         : m_listener(listener),
           m_limit(limits.peers),
-          m_log(log),
-          m_waiter(waiter),
-          m_server(module, limits.each, log, waiter) {}
+          m_log(parts.log),
+          m_waiter(parts.waiter),
+          m_server(parts, limits.each) {}
     PeerAcceptor(const PeerAcceptor&) = delete;
     PeerAcceptor& operator=(const PeerAcceptor&) = delete;
 
@@ -367,21 +550,20 @@ private:
 
 }  // namespace
 
-void ServePeers(const Listener& listener, const ServeLimits& limits, CameraModule& module, HostLog& log,
-                Waiter& waiter) {
-    PeerAcceptor(listener, limits, module, log, waiter).Run();
+void ServePeers(const Listener& listener, const ServeLimits& limits, const HostParts& parts) {
+    PeerAcceptor(listener, limits, parts).Run();
 }
 
 Expected<void> ServeOnePeer(std::unique_ptr<PeerStream> stream, const ServeLimits& limits,
-                            CameraModule& module, HostLog& log, Waiter& waiter) {
-    PeerServer server(module, limits.each, log, waiter);
+                            const HostParts& parts) {
+    PeerServer server(parts, limits.each);
     if (!server.EnsureSession()) {
         return Fail(kNothingLeft);
     }
     server.Add(std::move(stream));
     do {
         server.Serve();
-    } while (server.Count() != 0 && waiter.Wait(server.NextTime()).has_value());
+    } while (server.Count() != 0 && parts.waiter.Wait(server.NextTime()).has_value());
     return {};
 }
 

@@ -11,7 +11,9 @@
 #include "common/error.h"
 #include "common/waiter.h"
 #include "host/broker.h"
+#include "host/camera_gate.h"
 #include "host/camera_module.h"
+#include "host/helper.h"
 #include "host/host_log.h"
 #include "host/listener.h"
 #include "host/peer_stream.h"
@@ -23,12 +25,20 @@ struct ServeLimits {
     PeerLimits each;
 };
 
+// What all peers share. Borrowed.
+struct HostParts {
+    CameraModule& module;
+    CameraGate& gate;
+    HelperProcess* helper;  // null if no command is to be run
+    HostLog& log;
+    Waiter& waiter;
+};
+
 // Serves peers until a stop signal.
-void ServePeers(const Listener& listener, const ServeLimits& limits, CameraModule& module, HostLog& log,
-                Waiter& waiter);
+void ServePeers(const Listener& listener, const ServeLimits& limits, const HostParts& parts);
 
 // Serves this peer until it leaves or a stop signal.
 Expected<void> ServeOnePeer(std::unique_ptr<PeerStream> stream, const ServeLimits& limits,
-                            CameraModule& module, HostLog& log, Waiter& waiter);
+                            const HostParts& parts);
 
 }  // namespace zumod::host

@@ -517,8 +517,8 @@ void BrokerWorld::CheckMemory() const {
 }
 
 void BrokerWorld::Check() {
-    // The lines are freed inside.
-    Measured([](Broker& broker) { return broker.TakeLog().size(); });
+    // The lines and events are freed inside.
+    Measured([](Broker& broker) { return broker.TakeLog().size() + broker.TakeEvents().size(); });
     NoticeEnds();
     for (Peer& peer : m_peers) {
         if (!HasOutput(peer)) {

@@ -1,0 +1,246 @@
+#include "host/helper.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+
+#include "tests/support/process/file_content.h"
+#include "tests/support/process/work_directory.h"
+#include "tests/support/watch/wait_until.h"
+
+namespace zumod::host {
+namespace {
+
+using zumod::testing::FileContent;
+using zumod::testing::WaitUntil;
+using zumod::testing::WorkDirectory;
+
+std::unique_ptr<HelperProcess> StartHelper(const HelperCommands& commands) {
+    auto started = HelperProcess::Start(commands);
+    EXPECT_TRUE(started);
+    return std::move(*started);
+}
+
+HelperCommands Asking(const std::string& command) {
+    HelperCommands commands;
+    commands.ask = command;
+    return commands;
+}
+
+// Waits for the next reply.
+Expected<HelperReply> NextReply(const HelperProcess& helper) {
+    Expected<HelperReply> next = Fail("no reply");
+    WaitUntil([&] {
+        const auto reply = helper.Receive();
+        if (!reply) {
+            next = Fail(reply.error());
+        } else if (*reply) {
+            next = **reply;
+        }
+        return !reply || reply->has_value();
+    });
+    return next;
+}
+
+TEST(HelperProcess, WithoutACommandThereIsNone) {
+    EXPECT_EQ(StartHelper({}), nullptr);
+}
+
+TEST(HelperProcess, TheAnswerIsTheExitStatusOfTheCommand) {
+    const auto helper = StartHelper(Asking("exit $ZU_CAMERA_ID"));
+    CameraUse use;
+    ASSERT_TRUE(helper->Ask(7, use));
+    auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->number, 7U);
+    EXPECT_EQ(reply->result, HelperResult::kAllowed);
+    use.camera = 3;
+    ASSERT_TRUE(helper->Ask(8, use));
+    reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->number, 8U);
+    EXPECT_EQ(reply->result, HelperResult::kRefused);
+    EXPECT_STREQ(reply->text, "--ask: the command ended with status 3");
+}
+
+TEST(HelperProcess, ACommandKnowsWhoUsesWhichCamera) {
+    const WorkDirectory work;
+    HelperCommands commands;
+    const std::string print =
+        "printf '%s\n' \"$ZU_CAMERA_EVENT|$ZU_CAMERA_ID|$ZU_CAMERA_NAME|$ZU_CAMERA_FILE|$ZU_CAMERA_WIDTH|"
+        "$ZU_CAMERA_HEIGHT|$ZU_CAMERA_FPS|$ZU_CAMERA_PEER|$ZU_CAMERA_PEER_PID|$ZU_CAMERA_PEER_UID|"
+        "$ZU_CAMERA_PEER_COMMAND\" >";
+    commands.on_open = print + (work / "open");
+    commands.on_close = print + (work / "close");
+    const auto helper = StartHelper(commands);
+    const CameraUse use{5, 0, 1000, 2, 640, 480, 30, "Desk\x1b'$(reboot)", "/dev/video4"};
+    ASSERT_TRUE(helper->OnOpen(use));
+    ASSERT_TRUE(helper->OnClose(use));
+    // Nothing is said of a process that is not known.
+    const std::string rest = "|2|Desk\\x1b'$(reboot)|/dev/video4|640|480|30|5|||\n";
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(work / "open") == "open" + rest; }))
+        << FileContent(work / "open");
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(work / "close") == "close" + rest; }))
+        << FileContent(work / "close");
+}
+
+TEST(HelperProcess, ACommandKnowsTheUserAndTheCommandOfAProcess) {
+    const WorkDirectory work;
+    HelperCommands commands;
+    commands.on_open =
+        "echo \"$ZU_CAMERA_PEER_PID $ZU_CAMERA_PEER_UID $ZU_CAMERA_PEER_COMMAND\" >" + (work / "open");
+    const auto helper = StartHelper(commands);
+    CameraUse use;
+    use.pid = getpid();
+    use.user = 1234;
+    ASSERT_TRUE(helper->OnOpen(use));
+    const std::string expected = std::to_string(getpid()) + " 1234 " + CommandOf(getpid()) + "\n";
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(work / "open") == expected; }))
+        << FileContent(work / "open");
+}
+
+TEST(HelperProcess, ACommandThatTakesTooLongIsKilledAndRefuses) {
+    HelperCommands commands = Asking("sleep 1000");
+    commands.ask_limit = std::chrono::milliseconds(10);
+    const auto helper = StartHelper(commands);
+    ASSERT_TRUE(helper->Ask(1, {}));
+    const auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result, HelperResult::kRefused);
+    EXPECT_STREQ(reply->text, "--ask: the command took too long");
+}
+
+TEST(HelperProcess, AtMost16QuestionsAreOpenAtOnceAndHooksRunBesideThem) {
+    const WorkDirectory work;
+    HelperCommands commands = Asking("sleep 1000");
+    commands.on_open = "echo open >" + (work / "hook");
+    const auto helper = StartHelper(commands);
+    for (uint64_t number = 1; number <= 17; ++number) {
+        ASSERT_TRUE(helper->Ask(number, {}));
+    }
+    const auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->number, 17U);
+    EXPECT_EQ(reply->result, HelperResult::kRefused);
+    EXPECT_STREQ(reply->text, "--ask: 16 questions are open already");
+    ASSERT_TRUE(helper->OnOpen({}));
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(work / "hook") == "open\n"; }));
+}
+
+TEST(HelperProcess, AQuestionThatIsCancelledIsKilledAndLeavesItsPlace) {
+    const auto helper = StartHelper(Asking("test $ZU_CAMERA_ID = 1 || sleep 1000"));
+    for (uint64_t number = 1; number <= 16; ++number) {
+        ASSERT_TRUE(helper->Ask(number, {}));
+    }
+    ASSERT_TRUE(helper->Cancel(3));
+    auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->number, 3U);
+    EXPECT_EQ(reply->result, HelperResult::kRefused);
+    CameraUse use;
+    use.camera = 1;
+    ASSERT_TRUE(helper->Ask(17, use));
+    reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->number, 17U);
+    EXPECT_EQ(reply->result, HelperResult::kAllowed);
+}
+
+// The first hook waits for the test, so the others are there before it ends.
+TEST(HelperProcess, HooksRunInOrderAlsoAfterTheEndOfTheHost) {
+    const WorkDirectory work;
+    const std::string file = work / "pipe";
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    HelperCommands commands;
+    const std::string print = "echo $ZU_CAMERA_EVENT $ZU_CAMERA_ID >>" + (work / "hooks");
+    commands.on_open = "test $ZU_CAMERA_ID = 1 && read line <" + file + "; " + print;
+    commands.on_close = print;
+    auto helper = StartHelper(commands);
+    CameraUse use;
+    for (use.camera = 1; use.camera <= 3; ++use.camera) {
+        ASSERT_TRUE(helper->OnOpen(use));
+        ASSERT_TRUE(helper->OnClose(use));
+    }
+    const UniqueFd pipe(open(file.c_str(), O_WRONLY | O_CLOEXEC));  // waits for the first hook
+    ASSERT_TRUE(pipe);
+    helper = nullptr;
+    EXPECT_EQ(write(pipe.Get(), "\n", 1), 1);
+    const std::string expected = "open 1\nclose 1\nopen 2\nclose 2\nopen 3\nclose 3\n";
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(work / "hooks") == expected; }))
+        << FileContent(work / "hooks");
+}
+
+TEST(HelperProcess, AtMost256HooksWait) {
+    const WorkDirectory work;
+    HelperCommands commands;
+    commands.on_open = "while test -e " + (work / "") + "; do sleep 0.1; done";
+    const auto helper = StartHelper(commands);
+    // One runs. The records of the others may not all fit into the socket at once.
+    for (int sent = 0; sent < 258;) {
+        sent += helper->OnOpen({}) ? 1 : 0;
+    }
+    const auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result, HelperResult::kSaid);
+    EXPECT_STREQ(reply->text, "--on-open: left out: 256 commands wait already");
+}
+
+// A program inherits which signals are ignored.
+TEST(HelperProcess, ItKnowsTheExitStatusIfSigchldWasIgnored) {
+    const auto before = signal(SIGCHLD, SIG_IGN);
+    const auto helper = StartHelper(Asking("exit 3"));
+    (void)signal(SIGCHLD, before);
+    ASSERT_TRUE(helper->Ask(1, {}));
+    const auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_STREQ(reply->text, "--ask: the command ended with status 3");
+}
+
+TEST(HelperProcess, OnlyAHookThatFailsIsReported) {
+    HelperCommands commands;
+    commands.on_open = "true";
+    commands.on_close = "kill -TERM $$";
+    const auto helper = StartHelper(commands);
+    ASSERT_TRUE(helper->OnOpen({}));
+    ASSERT_TRUE(helper->OnClose({}));
+    const auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result, HelperResult::kSaid);
+    EXPECT_STREQ(reply->text, "--on-close: the command was ended by signal 15");
+}
+
+TEST(HelperProcess, ItsEndIsNoticed) {
+    const auto helper = StartHelper(Asking("kill -KILL $PPID"));
+    ASSERT_TRUE(helper->Ask(1, {}));
+    const auto reply = NextReply(*helper);
+    ASSERT_FALSE(reply);
+    EXPECT_EQ(reply.error().text, "the helper process is gone");
+    EXPECT_FALSE(helper->Ask(2, {}));
+}
+
+TEST(HelperProcess, AQuestionEndsWithTheHost) {
+    const WorkDirectory work;
+    // The shell keeps the file open, and "sleep" with it.
+    const std::string file = work / "pipe";
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    auto helper = StartHelper(Asking("exec 3>" + file + "; sleep 1000"));
+    ASSERT_TRUE(helper->Ask(1, {}));
+    const UniqueFd pipe(open(file.c_str(), O_RDONLY | O_CLOEXEC));  // waits for the shell
+    ASSERT_TRUE(pipe);
+    helper = nullptr;
+    char byte = 0;
+    EXPECT_EQ(read(pipe.Get(), &byte, 1), 0);  // the end, once the last writer is gone
+}
+
+TEST(CommandOf, IsTheCommandLineOfAProcess) {
+    EXPECT_NE(CommandOf(getpid()).find("host_test"), std::string::npos);
+    EXPECT_EQ(CommandOf(0), "");
+    EXPECT_EQ(CommandOf(-1), "");
+}
+
+}  // namespace
+}  // namespace zumod::host
