@@ -225,10 +225,41 @@ void HostLog::Write(uint32_t level, std::string_view text) noexcept {
         return;
     }
     try {
-        m_buffer->Append(FormatLogLine(Now(), level, text, m_colour));
+        if (PassesLimit(text)) {
+            m_buffer->Append(FormatLogLine(Now(), level, text, m_colour));
+        }
     } catch (const std::bad_alloc&) {
         m_buffer->Append({});
     }
+}
+
+bool HostLog::PassesLimit(std::string_view text) {
+    if (!m_limits_sources) {
+        return true;
+    }
+    const MutexLock lock(m_limit_mutex);
+    const LineLimit::Decision decision = m_limit.Decide(text, std::chrono::steady_clock::now());
+    if (decision.before) {
+        WriteLeftOut(*decision.before);
+    }
+    return decision.passes;
+}
+
+void HostLog::EndSource(std::string_view source) noexcept {
+    try {
+        const MutexLock lock(m_limit_mutex);
+        if (const auto left_out = m_limit.End(source, std::chrono::steady_clock::now())) {
+            WriteLeftOut(*left_out);
+        }
+    } catch (const std::bad_alloc&) {
+        m_buffer->Append({});
+    }
+}
+
+void HostLog::WriteLeftOut(const LineLimit::LeftOut& left_out) {
+    m_buffer->Append(FormatLogLine(
+        Now(), kLogIgnored, left_out.source + ": " + std::to_string(left_out.lines) + " lines were left out",
+        m_colour));
 }
 
 void HostLog::Print(std::string_view text) noexcept {
@@ -240,6 +271,12 @@ void HostLog::Print(std::string_view text) noexcept {
 }
 
 bool HostLog::Flush(std::chrono::milliseconds limit) {
+    {
+        const MutexLock lock(m_limit_mutex);
+        for (const LineLimit::LeftOut& left_out : m_limit.TakeLeftOut()) {
+            WriteLeftOut(left_out);
+        }
+    }
     if (!m_has_thread && !Start()) {
         m_buffer->End();
         m_buffer->WriteUntilEnd();

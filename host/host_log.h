@@ -22,6 +22,8 @@
 #include <string_view>
 
 #include "common/error.h"
+#include "common/mutex.h"
+#include "host/line_limit.h"
 
 namespace zumod::host {
 
@@ -53,6 +55,11 @@ public:
     // puts on the calling thread only, such as Landlock's, must come before.
     Expected<void> Start();
 
+    // From now on each source of lines is limited; see line_limit.h. Before Start.
+    void LimitSources() { m_limits_sources = true; }
+    // Nothing more comes from this source. If lines of it were left out, it says how many.
+    void EndSource(std::string_view source) noexcept;
+
     void Write(uint32_t level, std::string_view text) noexcept;
 
     // A line of the program, of no level: the text without time. Control characters are escaped.
@@ -65,8 +72,15 @@ public:
 private:
     class Buffer;
 
+    // Whether the line may be written. Before it comes how many lines of its source were left out.
+    bool PassesLimit(std::string_view text);
+    void WriteLeftOut(const LineLimit::LeftOut& left_out);
+
     const uint32_t m_levels;
     const bool m_colour;
+    bool m_limits_sources = false;
+    Mutex m_limit_mutex;
+    LineLimit m_limit ZU_GUARDED_BY(m_limit_mutex);  // of all threads that write
     bool m_has_thread = false;
     const std::shared_ptr<Buffer> m_buffer;  // shared with the thread, which may outlive the log
 };

@@ -194,6 +194,7 @@ int RunProgram(int count, const char* const* words) {
     }
     // Never destroyed: the runtime writes to it.
     static HostLog& log = *new HostLog(STDERR_FILENO, options->log_levels);
+    log.LimitSources();
     const auto result = Run(*options, closed, log);
     if (!result) {
         log.Print(std::string(kProgram) + ": " + result.error().text);

@@ -45,6 +45,7 @@ std::string PeerText(PeerId id) {
     return "[host] peer " + std::to_string(id);
 }
 
+// A source of lines that no other line of a peer can fill; see line_limit.h.
 std::string SessionText(PeerId id) {
     return "[session] peer " + std::to_string(id);
 }
@@ -319,10 +320,14 @@ private:
         HandleEvents();
         WriteBrokerLog();
         CancelQuestions(id);
+        // Nothing of what comes now is hidden by what the peer has caused before.
+        m_log.EndSource(SessionText(id));
+        m_log.EndSource(PeerText(id));
         const Peer& peer = m_peers.at(id);
         m_log.Write(kLogEvent, PeerText(id) + " has left after " +
                                    SecondsText(Clock::now() - peer.connected) + ": " +
                                    FiguresText(peer.frames, peer.bytes));
+        m_log.EndSource(PeerText(id));
         m_peers.erase(id);
     }
 
