@@ -6,7 +6,7 @@
 namespace zumod {
 namespace {
 
-constexpr RateMeter::Duration kPause = std::chrono::seconds(2);
+constexpr RateMeter::Duration kLongestInterval = std::chrono::seconds(2);
 constexpr RateMeter::Duration kWindow = std::chrono::seconds(1);
 constexpr int kLeastIntervals = 4;
 constexpr int kWindowsThatAgree = 4;
@@ -26,7 +26,7 @@ int Rounded(double rate) {
 }  // namespace
 
 void RateMeter::OnPicture(Duration now) {
-    if (m_last.count() < 0 || now - m_last > kPause) {
+    if (m_last.count() < 0 || now - m_last > kLongestInterval) {
         m_last = m_begin = now;
         m_count = m_agreeing = 0;
         return;
