@@ -148,7 +148,7 @@ Error Session::EndOfMessages() {
     } else {
         m_closed = false;
         if (!m_notice.empty()) {
-            return {m_failure = m_notice};
+            return {m_failure = std::exchange(m_notice, {})};
         }
         const std::string command = m_connection.End();
         m_failure += command.empty() ? "" : ": " + command;

@@ -459,6 +459,14 @@ TEST_F(PeerPictures, RecordsOnAfterTheHostWasAway) {
     EXPECT_EQ(PlayedFrames(work / "film-002.mkv"), 4);
 }
 
+TEST_F(PeerPictures, PrintsTheReasonOfTheEndOnceWhileACameraIsOpen) {
+    Start({"snapshot", "0", work / "picture.png"});
+    AnswerOpen();
+    host.Send(NoticeBytes("the host ends"));
+    host.Close();
+    ExpectEnd(1, "zu-camera-peer: the host says: the host ends\n");
+}
+
 TEST_F(PeerPictures, ShowsANoticeAndGoesOnRecording) {
     Start({"record", "0", work / "film.mkv", "--reconnect"});
     AnswerOpen();
