@@ -3,6 +3,7 @@
 
 #include "tests/e2e/both_ends.h"
 #include "tests/e2e/video_file.h"
+#include "vcam/cli/control.h"
 
 namespace zumod::testing {
 namespace {
@@ -35,6 +36,32 @@ TEST_F(BothEndsUnplugged, EveryPeerIsToldThatTheCameraIsClosedAndCanOpenItWhenIt
     ExpectState(first, 1);
     cameras.At(0).Inject(vcam::ParseFault("replug").value());
     ExpectPictures(first);
+}
+
+TEST_F(BothEndsUnplugged, ARecordingContinuesInAnotherFileWhenTheCameraIsBack) {
+    const auto host = Start();
+    PeerRun peer = Peer({"record", "Front", work / "film.mkv", "--reconnect"});
+    EXPECT_TRUE(WaitUntil([&] { return cameras.At(0).Status().delivered >= 5; }));
+    // As "zu-vcam ctl 0 unplug" does.
+    EXPECT_TRUE(vcam::SendControl("0 unplug"));
+    EXPECT_TRUE(peer.Process().Says("zu-camera-peer: camera 0 (Front) "));
+    EXPECT_TRUE(vcam::SendControl("0 replug"));
+    EXPECT_TRUE(peer.Process().Says("zu-camera-peer: camera 0 (Front) is back after "));
+    peer.Process().Signal(SIGINT);
+    EXPECT_EQ(peer.Process().Wait(), 1);
+    EXPECT_NE(peer.Process().Errors().find("zu-camera-peer: camera 0 (Front) was away once\n"),
+              std::string::npos)
+        << peer.Process().Errors();
+    for (const char* name : {"film.mkv", "film-002.mkv"}) {
+        const auto stamps = StampsIn(work, work / name, 640, 480);
+        ASSERT_FALSE(stamps.empty()) << name;
+        for (size_t i = 1; i < stamps.size(); ++i) {
+            EXPECT_GT(stamps[i].counter, stamps[i - 1].counter) << name;
+        }
+    }
+    EXPECT_FALSE(std::filesystem::exists(work / "film-003.mkv"));
+    EXPECT_FALSE(HasTemporaryFile());
+    ExpectCameraFree();
 }
 
 // A film of one grey picture.
