@@ -70,6 +70,11 @@ bool ExitsWithin(int process, Clock::duration time) {
 }
 
 std::string FailureText(int status) {
+    // A shell turns the signal that ended its command into an exit status.
+    if (WIFSIGNALED(status) ? WTERMSIG(status) == SIGSYS : WEXITSTATUS(status) == 128 + SIGSYS) {
+        return "the command was stopped by the sandbox, which forbids a system call that it made; "
+               "zu-camera-host --no-sandbox does without; please report this";
+    }
     if (WIFSIGNALED(status)) {
         return "the command was ended by signal " + std::to_string(WTERMSIG(status));
     }

@@ -53,6 +53,17 @@ TEST_F(PeerStart, ShowsTheCommandsErrorsAndReportsItsStatus) {
               "zu-camera-peer: the host closed the connection: the command ended with status 3\n");
 }
 
+TEST_F(PeerStart, ReportsThatTheSandboxStoppedTheCommand) {
+    for (const char* command : {"kill -SYS $$", "exit 159"}) {
+        StartWith({"--exec", command, "version"});
+        ExpectEnd(
+            1,
+            "zu-camera-peer: the host closed the connection: the command was stopped by the sandbox, "
+            "which forbids a system call that it made; zu-camera-host --no-sandbox does without; please "
+            "report this\n");
+    }
+}
+
 TEST_F(PeerStart, EndsACommandThatDoesNotExit) {
     // It ignores the end of its input. Its process id shows whether it is gone.
     const std::string pid_file = work / "pid";
