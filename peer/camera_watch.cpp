@@ -27,6 +27,9 @@ CameraWatch::CameraWatch(const std::vector<CameraEntry>& listed, const CameraEnt
 CameraWatch::Actions CameraWatch::OnFrame(Clock::time_point now) {
     m_quiet_since = now;
     m_checked.reset();
+    if (m_phase == Phase::kStreaming) {
+        m_asked_at.reset();  // the list: its answer is not needed any more
+    }
     const bool first = !std::exchange(m_frame_seen, true);
     return first && m_phase == Phase::kStreaming ? AnnounceReturn(now) : Actions{};
 }

@@ -49,9 +49,11 @@ PublishedCamera::Actions PublishedCamera::OnFormat(StreamFormat format, Clock::t
         return {};
     }
     m_format = format;
-    // A camera that is being searched for is opened with the new format.
-    return m_open_id ? Actions{{.kind = PublishAction::kSetFormat, .id = *m_open_id, .format = m_format}}
-                     : Actions{};
+    if (!m_open_id) {
+        return {};  // a camera that is being searched for is opened with the new format
+    }
+    ++m_format_requests;
+    return {{.kind = PublishAction::kSetFormat, .id = *m_open_id, .format = m_format}};
 }
 
 PublishedCamera::Actions PublishedCamera::OnFrame(Clock::time_point now) {
@@ -64,7 +66,12 @@ PublishedCamera::Actions PublishedCamera::OnState(const StateMessage& state, Clo
     if (!m_watch || m_open_id != state.id) {
         return {};
     }
-    if (state.state == kCameraFailed) {
+    if (state.state == kCameraFailed && !m_watch->IsAway() && m_format_requests > 0) {
+        // The camera stays open. Its pictures are scaled to what readers want.
+        --m_format_requests;
+        return {Report(CameraLabel(Camera()) + " keeps its format: the host refused another one")};
+    }
+    if (state.state == kCameraFailed && m_watch->IsAway()) {
         m_open_id.reset();
         return Pause("could not be opened", now);
     }
@@ -112,7 +119,8 @@ Expected<PublishedCamera::Actions> PublishedCamera::OnTime(Clock::time_point now
     }
     if (m_watch) {
         auto watched = m_watch->OnTime(now);
-        if (!watched && !m_open_id) {
+        const bool is_opening = m_open_id && m_watch->IsAway();
+        if (!watched && !is_opening) {
             return Fail(watched.error());
         }
         if (watched) {
@@ -197,6 +205,7 @@ PublishedCamera::Actions PublishedCamera::Translate(const CameraWatch::Actions& 
                 break;
             case WatchAction::kOpen:
                 m_open_id = action.id;
+                m_format_requests = 0;
                 actions.push_back({.kind = PublishAction::kOpen, .id = action.id, .format = m_format});
                 break;
             case WatchAction::kClose:

@@ -128,6 +128,7 @@ private:
     bool m_published = true;
     std::optional<CameraWatch> m_watch;  // from the first reader until the hold after the last one is over
     std::optional<uint32_t> m_open_id;   // an open was requested, and no close
+    int m_format_requests = 0;           // since then, without those that were refused
     std::optional<Clock::time_point> m_close_time;  // after the last reader
     std::optional<Clock::time_point> m_retry_time;  // after a failed open
     Clock::duration m_pause{};                      // the last one; 0 without a failure

@@ -94,6 +94,25 @@ TEST_F(PublishedCameraTest, ChangesTheFormatWhileItIsOpen) {
     EXPECT_EQ(camera.Format(), kSmall);
 }
 
+TEST_F(PublishedCameraTest, KeepsACameraWhoseChangeOfFormatIsRefused) {
+    StreamFrom(0);
+    EXPECT_EQ(camera.OnFormat(kSmall, At(100)), (Actions{SetFormat(1, kSmall)}));
+    EXPECT_EQ(camera.OnState({kCameraFailed, 1}, At(200)),
+              Actions{Report("camera 1 (Desk) keeps its format: the host refused another one")});
+    ASSERT_TRUE(camera.WantsFrames(1));
+    EXPECT_EQ(camera.OnFrame(At(300)), Actions{});
+    EXPECT_EQ(OnTime(400), Actions{});
+    EXPECT_EQ(camera.OnReaders(false, At(500)), Actions{});
+    EXPECT_EQ(camera.OnFrame(At(2400)), Actions{});
+    EXPECT_EQ(OnTime(2500), Actions{Close(1)});
+}
+
+TEST_F(PublishedCameraTest, ClosesACameraThatFailsWithoutARequest) {
+    StreamFrom(0);
+    EXPECT_EQ(camera.OnState({kCameraFailed, 1}, At(10)),
+              (Actions{kCard, Report("camera 1 (Desk) was closed by the host"), Close(1)}));
+}
+
 TEST_F(PublishedCameraTest, ClosesTwoSecondsAfterTheLastReader) {
     StreamFrom(0);
     EXPECT_EQ(camera.OnReaders(false, At(100)), Actions{});
@@ -193,6 +212,17 @@ TEST_F(PublishedCameraTest, AnOpenThatIsNotAnsweredIsAFailedOne) {
     EXPECT_EQ(OnTime(10000),
               (Actions{Close(1), kCard, Report("camera 1 (Desk) was not opened within 10.0 s")}));
     EXPECT_EQ(OnTime(11000), (Actions{Open(1), kCard}));
+}
+
+TEST_F(PublishedCameraTest, AStreamNeedsNoAnswerToTheListRequest) {
+    StreamFrom(0);
+    EXPECT_EQ(OnTime(500), Actions{kAsk});
+    for (int ms = 600; ms < 20000; ms += 100) {
+        ASSERT_TRUE(camera.WantsFrames(1));
+        EXPECT_EQ(camera.OnFrame(At(ms)), Actions{});
+        EXPECT_EQ(OnTime(ms), Actions{});
+    }
+    EXPECT_TRUE(camera.WantsFrames(1));
 }
 
 TEST_F(PublishedCameraTest, AsksForTheListWhileNobodyReads) {
