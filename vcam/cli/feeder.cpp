@@ -1,6 +1,5 @@
 #include "vcam/cli/feeder.h"
 
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,34 +18,36 @@ struct Answer {
     Reply reply{};
     FeedOffer offer{};
     UniqueFd memory;
-    UniqueFd event;
 };
 
 Expected<Answer> Ask(int socket, unsigned camera) {
     Request request = MakeRequest(Operation::kFeed);
     request.slot = camera;
-    if (send(socket, &request, sizeof request, MSG_NOSIGNAL) != sizeof request) {
+    ssize_t sent = 0;
+    do {
+        sent = send(socket, &request, sizeof request, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    if (sent != sizeof request) {
         return Fail("the server of the virtual cameras does not answer");
     }
     Answer answer;
     iovec parts[2] = {{&answer.reply, sizeof answer.reply}, {&answer.offer, sizeof answer.offer}};
-    int descriptors[2] = {-1, -1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptors)] = {};
+    int memory = -1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof memory)] = {};
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
     message.msg_control = control;
-    message.msg_controllen = sizeof control;
+    message.msg_controllen = CMSG_LEN(sizeof memory);  // a second descriptor would fit into CMSG_SPACE
     ssize_t received = 0;
     do {
         received = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
     } while (received < 0 && errno == EINTR);
     const cmsghdr* header = CMSG_FIRSTHDR(&message);
-    if (header != nullptr && header->cmsg_type == SCM_RIGHTS &&
-        header->cmsg_len == CMSG_LEN(sizeof descriptors)) {
-        std::memcpy(descriptors, CMSG_DATA(header), sizeof descriptors);
-        answer.memory.Reset(descriptors[0]);
-        answer.event.Reset(descriptors[1]);
+    if (received >= 0 && header != nullptr && header->cmsg_level == SOL_SOCKET &&
+        header->cmsg_type == SCM_RIGHTS && header->cmsg_len == CMSG_LEN(sizeof memory)) {
+        std::memcpy(&memory, CMSG_DATA(header), sizeof memory);
+        answer.memory.Reset(memory);
     }
     if (received < static_cast<ssize_t>(sizeof answer.reply)) {
         return Fail("the server of the virtual cameras does not answer");
@@ -54,7 +55,7 @@ Expected<Answer> Ask(int socket, unsigned camera) {
     if (answer.reply.error != 0) {
         return Fail("camera " + std::to_string(camera) + " cannot be fed: " + ErrnoText(answer.reply.error));
     }
-    if (received != sizeof answer.reply + sizeof answer.offer || !answer.memory || !answer.event) {
+    if (received != sizeof answer.reply + sizeof answer.offer || !answer.memory) {
         return Fail("the server of the virtual cameras sent a malformed answer");
     }
     return answer;
@@ -84,13 +85,11 @@ Expected<Feeder> Feeder::Connect(const std::string& server_name, unsigned camera
     }
     feeder.m_header = static_cast<FeedMemory*>(memory);
     feeder.m_slot_size = answer->offer.slot_size;
-    feeder.m_event = std::move(answer->event);
     return feeder;
 }
 
 Feeder::Feeder(Feeder&& other) noexcept
     : m_socket(std::move(other.m_socket)),
-      m_event(std::move(other.m_event)),
       m_header(std::exchange(other.m_header, nullptr)),
       m_slot_size(other.m_slot_size),
       m_slot(other.m_slot) {}
@@ -132,12 +131,14 @@ bool Feeder::Put(const Picture& picture) {
     m_slot = m_header->newest.exchange(m_slot | FeedMemory::kNew, std::memory_order_acq_rel) &
              FeedMemory::kSlotMask;
     m_slot = std::min(m_slot, FeedMemory::kSlots - 1);  // the server is trusted, but not with this memory
-    (void)eventfd_write(m_event.Get(), 1);
+    const FeedCommand command{FeedCommand::kPicture};
+    // If there is no room, the server has not read the earlier commands. Those will make it look, too.
+    (void)send(m_socket.Get(), &command, sizeof command, MSG_DONTWAIT | MSG_NOSIGNAL);
     return true;
 }
 
 Expected<void> Feeder::SetPlugged(bool is_plugged) {
-    const FeedCommand command{is_plugged ? 1U : 0U};
+    const FeedCommand command{is_plugged ? FeedCommand::kPlugIn : FeedCommand::kUnplug};
     if (send(m_socket.Get(), &command, sizeof command, MSG_NOSIGNAL) != sizeof command) {
         return Fail("the server of the virtual cameras is gone");
     }

@@ -43,7 +43,6 @@ private:
     Feeder() = default;
 
     UniqueFd m_socket;
-    UniqueFd m_event;
     FeedMemory* m_header = nullptr;  // null: not mapped
     uint32_t m_slot_size = 0;
     uint32_t m_slot = FeedMemory::kFirstOfFeeder;

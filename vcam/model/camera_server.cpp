@@ -23,7 +23,7 @@ namespace {
 constexpr size_t kBoardsSize = sizeof(CameraBoard) * kMaxCameras;
 // That wait for their request.
 constexpr size_t kMaxConnections = 256;
-constexpr size_t kMostDescriptors = 2;  // of a reply
+constexpr size_t kMostDescriptors = 1;  // of a reply
 constexpr size_t kMaxPayload = sizeof(v4l2_ext_controls) + kMaxExtControls * sizeof(v4l2_ext_control);
 
 std::string NewName() {
@@ -234,19 +234,17 @@ int CameraServer::BeginFeed(size_t index, UniqueFd& connection) {
     if (input.feed) {
         return EBUSY;
     }
-    input.feed = FeedInput::Create(config);
     UniqueFd notices(fcntl(connection.Get(), F_DUPFD_CLOEXEC, 0));
-    if (!input.feed || !notices) {
-        input.feed.reset();
-        return ENOMEM;
+    input.feed = notices ? FeedInput::Create(config) : nullptr;
+    if (!input.feed) {
+        return errno;
     }
     const FeedOffer offer{input.feed->SlotSize()};
-    const int descriptors[] = {input.feed->Memory(), input.feed->Event()};
+    const int memory = input.feed->Memory();
     SendReply(connection.Get(), {0, sizeof offer, 0},
-              std::span(reinterpret_cast<const uint8_t*>(&offer), sizeof offer), descriptors);
+              std::span(reinterpret_cast<const uint8_t*>(&offer), sizeof offer), std::span(&memory, 1));
     input.feeder = std::move(connection);
     input.commands = m_waiter.Watch(input.feeder.Get(), POLLIN, [this, index] { ReceiveCommand(index); });
-    input.pictures = m_waiter.Watch(input.feed->Event(), POLLIN, [this, index] { TakeFed(index); });
     m_cameras[index]->AttachFeed(std::move(notices));
     return 0;
 }
@@ -267,8 +265,10 @@ void CameraServer::TakeFed(size_t index) {
 void CameraServer::ReceiveCommand(size_t index) {
     FeedCommand command{};
     const ssize_t received = recv(m_inputs[index].feeder.Get(), &command, sizeof command, MSG_DONTWAIT);
-    if (received == sizeof command) {
-        m_cameras[index]->SetPlugged(command.is_plugged != 0);
+    if (received == sizeof command && command.action == FeedCommand::kPicture) {
+        TakeFed(index);
+    } else if (received == sizeof command) {
+        m_cameras[index]->SetPlugged(command.action != FeedCommand::kUnplug);
     } else if (received >= 0 || (errno != EAGAIN && errno != EINTR)) {
         EndFeed(index);
     }
@@ -277,7 +277,6 @@ void CameraServer::ReceiveCommand(size_t index) {
 void CameraServer::EndFeed(size_t index) {
     Input& input = m_inputs[index];
     input.commands.reset();
-    input.pictures.reset();
     input.feeder.Reset();
     input.feed.reset();
     m_cameras[index]->DetachFeed();

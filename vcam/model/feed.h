@@ -1,18 +1,20 @@
 // The protocol by which another process feeds a camera with pictures, and learns when programs want them.
 //
 // The feeder connects to the server's socket and sends a request of Operation::kFeed. The reply carries a
-// FeedOffer and two descriptors: memory, which the server made and sealed, so that nobody can shrink it under
-// the other side, and an eventfd. The connection then stays: the server sends a FeedNotice at once and at
-// each change, and the feeder a FeedCommand to unplug the camera or to plug it in again. When the connection
-// ends, the camera is unplugged until another feeder comes. A camera has at most one feeder.
+// FeedOffer and a descriptor of memory, which the server made and sealed, so that nobody can shrink it under
+// the other side. The connection then stays: the server sends a FeedNotice at once and at each change, and
+// the feeder a FeedCommand for each picture, to unplug the camera, or to plug it in again. When the
+// connection ends, the camera is unplugged until another feeder comes. A camera has at most one feeder.
 //
 // Pictures. The memory has three slots. At any time the feeder writes to one, the server reads one, and the
 // third holds the newest picture, or one that was taken already. `newest` is the number of the third slot,
 // and kNew while it holds a picture that was not taken. Each side exchanges its own slot for the third one in
-// one atomic step, so neither waits, and the newest picture wins. The eventfd says that there is one.
+// one atomic step, so neither waits, and the newest picture wins.
 //
 // Trust. The server trusts nothing in the memory: it takes each number once, checks it, and copies the
-// picture before it uses it. A feeder that writes to all three slots spoils only its own pictures.
+// picture before it uses it. A feeder that writes to all three slots spoils only its own pictures. The memory
+// is all that they share: neither side can change how the other one reads, or take what was sent to it, so
+// neither can make the other one wait.
 //
 // Thread rule: of FeedMemory: any thread of any process; each word is atomic by itself. The rest are values.
 #pragma once
@@ -38,7 +40,11 @@ struct FeedNotice {
 };
 
 struct FeedCommand {
-    uint32_t is_plugged;
+    static constexpr uint32_t kUnplug = 0;
+    static constexpr uint32_t kPlugIn = 1;
+    static constexpr uint32_t kPicture = 2;  // there is a new one; lost if the server has enough to read
+
+    uint32_t action;
 };
 
 struct FeedMemory {

@@ -1,11 +1,10 @@
 #include "vcam/model/feed_input.h"
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <new>
+#include <string>
 
 namespace zumod::vcam {
 
@@ -15,10 +14,8 @@ std::unique_ptr<FeedInput> FeedInput::Create(const CameraConfig& config) {
         input->m_slot_size = std::max(input->m_slot_size, mode.size.width * mode.size.height * 3 / 2);
     }
     const size_t size = FeedMemorySize(input->m_slot_size);
-    input->m_event.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     input->m_memory.Reset(memfd_create("zu-vcam-feed", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (!input->m_event || !input->m_memory ||
-        ftruncate(input->m_memory.Get(), static_cast<off_t>(size)) != 0 ||
+    if (!input->m_memory || ftruncate(input->m_memory.Get(), static_cast<off_t>(size)) != 0 ||
         fcntl(input->m_memory.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0) {
         return nullptr;
     }
@@ -37,8 +34,6 @@ FeedInput::~FeedInput() {
 }
 
 Expected<std::optional<PlanarImage>> FeedInput::Take() {
-    eventfd_t count = 0;
-    (void)eventfd_read(m_event.Get(), &count);
     if ((m_header->newest.load(std::memory_order_relaxed) & FeedMemory::kNew) == 0) {
         return std::nullopt;
     }

@@ -26,8 +26,6 @@ public:
 
     uint32_t SlotSize() const { return m_slot_size; }
     int Memory() const { return m_memory.Get(); }
-    // Readable when there is a new picture.
-    int Event() const { return m_event.Get(); }
 
     // The newest picture, or nothing if there is no new one. Fails if the feeder does not keep to the
     // protocol.
@@ -37,7 +35,6 @@ private:
     FeedInput() = default;
 
     UniqueFd m_memory;
-    UniqueFd m_event;
     FeedMemory* m_header = nullptr;  // null: not mapped
     uint32_t m_slot_size = 0;
     uint32_t m_slot = FeedMemory::kFirstOfServer;
