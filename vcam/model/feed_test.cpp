@@ -4,16 +4,20 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "vcam/cli/feeder.h"
 #include "vcam/model/camera_option.h"
 #include "vcam/model/camera_server.h"
 #include "vcam/model/feed_input.h"
+#include "vcam/model/fifo_input.h"
+#include "vcam/preload/rpc_client.h"
 #include "vcam/testing/requests.h"
 #include "vcam/testing/test_rig.h"
 
@@ -263,6 +267,46 @@ TEST_F(LiveCameraTest, RefusesAFeederForAnotherCamera) {
     EXPECT_EQ(Feeder::Connect("nobody.at.all", 0).error().text, "no virtual cameras: No such device");
 }
 
+// Whatever else they shared, such as the flags of a descriptor, could make the server wait for the feeder.
+TEST_F(LiveCameraTest, SharesNothingWithTheFeederButSealedMemory) {
+    Serve("sizes=64x64,source=feed");
+    const UniqueFd socket(ConnectServer(m_server->Name().c_str()));
+    Request request = MakeRequest(Operation::kFeed);
+    ASSERT_EQ(send(socket.Get(), &request, sizeof request, 0), static_cast<ssize_t>(sizeof request));
+    char bytes[256];
+    iovec part{bytes, sizeof bytes};
+    alignas(cmsghdr) char control[256] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ASSERT_EQ(recvmsg(socket.Get(), &message, MSG_CMSG_CLOEXEC),
+              static_cast<ssize_t>(sizeof(Reply) + sizeof(FeedOffer)));
+    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    ASSERT_NE(header, nullptr);
+    ASSERT_EQ(header->cmsg_len, CMSG_LEN(sizeof(int)));
+    int descriptor = -1;
+    std::memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
+    const UniqueFd memory(descriptor);
+    EXPECT_EQ(fcntl(memory.Get(), F_GET_SEALS), F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
+}
+
+TEST_F(LiveCameraTest, ServesProgramsWhileAFeederSendsMoreThanItHas) {
+    Serve("formats=NV12,sizes=64x64,fps=100,source=feed");
+    const UniqueFd socket(ConnectServer(m_server->Name().c_str()));
+    Request request = MakeRequest(Operation::kFeed);
+    ASSERT_EQ(send(socket.Get(), &request, sizeof request, 0), static_cast<ssize_t>(sizeof request));
+    for (int command = 0; command < 1000; ++command) {
+        const FeedCommand picture{FeedCommand::kPicture};
+        ASSERT_EQ(send(socket.Get(), &picture, sizeof picture, MSG_NOSIGNAL),
+                  static_cast<ssize_t>(sizeof picture));
+    }
+    Program program(Device());
+    ASSERT_NO_FATAL_FAILURE(program.Start());
+    EXPECT_EQ(program.Next().first, 16) << "black";
+}
+
 TEST_F(LiveCameraTest, TakesNoPictureThatIsTooLarge) {
     Serve("sizes=64x64,source=feed");
     Feeder feeder = Connect();
@@ -334,6 +378,20 @@ TEST_F(FifoCameraTest, ShowsRawPictures) {
     }
     Write(picture);
     EXPECT_TRUE(program.Sees('L'));
+}
+
+// A writer may come, write and leave while the camera opens the FIFO again. Then poll() reports its bytes and
+// never a hang-up. A reader that keeps the bytes produces the same state here.
+TEST_F(FifoCameraTest, ForgetsThePartThatAWriterLeftBeforeTheFifoWasOpened) {
+    const UniqueFd keeps_bytes(open(Fifo().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    Write("part");
+    auto input = FifoInput::Open({LiveSource::kRaw, Fifo(), V4L2_PIX_FMT_NV12, {16, 16}}).value();
+    std::vector<int> lumas;
+    const auto on_picture = [&lumas](const PlanarImage& image) { lumas.push_back(image.y[0]); };
+    input.OnReadable(on_picture, {});
+    Write(std::string(384, 'W'));
+    input.OnReadable(on_picture, {});
+    EXPECT_EQ(lumas, std::vector<int>{'W'});
 }
 
 TEST_F(FifoCameraTest, LosesPicturesOfAFastWriterButNotTheNewest) {

@@ -48,18 +48,22 @@ FifoInput::FifoInput(const LiveSource& source, UniqueFd fd)
 }
 
 bool FifoInput::OnReadable(const PictureStream::OnPicture& on_picture, const Log& log) {
-    const ssize_t count = read(m_fd.Get(), m_bytes.data(), m_bytes.size());
-    if (count == 0) {
-        m_stream.Restart();
-        return OpenAgain(log);
-    }
-    if (count < 0) {
-        return false;
-    }
-    const auto fed = m_stream.Feed(std::span(m_bytes).first(static_cast<size_t>(count)), on_picture);
-    if (!fed) {
-        Say(log, "refused: " + SafeText(fed.error().text) +
-                     ". The last picture stays until another program writes");
+    for (int reads = 0; reads < 2; ++reads) {
+        const ssize_t count = read(m_fd.Get(), m_bytes.data(), m_bytes.size());
+        if (count == 0) {
+            m_stream.Restart();
+            return OpenAgain(log);
+        }
+        if (count < 0) {
+            return false;
+        }
+        const auto fed = m_stream.Feed(std::span(m_bytes).first(static_cast<size_t>(count)), on_picture);
+        const auto now = Clock::now();
+        if (!fed && now - m_refused >= kLogInterval) {
+            m_refused = now;
+            Say(log, "refused: " + SafeText(fed.error().text) +
+                         ". The last picture stays until another program writes");
+        }
     }
     return false;
 }
@@ -67,16 +71,14 @@ bool FifoInput::OnReadable(const PictureStream::OnPicture& on_picture, const Log
 bool FifoInput::OpenAgain(const Log& log) {
     UniqueFd again = OpenForReading("/proc/self/fd/" + std::to_string(m_fd.Get()));
     if (!again) {
-        Say(log, "cannot be opened again: " + ErrnoText(errno));
+        Say(log, "cannot be opened again: " + ErrnoText(errno) + ". The last picture stays");
     }
     m_fd = std::move(again);
     return true;
 }
 
-void FifoInput::Say(const Log& log, const std::string& text) {
-    const auto now = Clock::now();
-    if (log && now - m_said >= kLogInterval) {
-        m_said = now;
+void FifoInput::Say(const Log& log, const std::string& text) const {
+    if (log) {
         log(m_path + ": " + text);
     }
 }

@@ -7,6 +7,10 @@
 // that comes meanwhile always has a reader. It is opened by its descriptor, not by its name, which may belong
 // to another file by now.
 //
+// A writer that comes and goes between the end and the new descriptor leaves bytes and no hang-up. Therefore
+// each read is followed by a second one, which sees that end. More are not needed: one read empties the pipe,
+// and poll() reports the hang-up of a writer that was there after the descriptor was opened.
+//
 // Thread rule: one thread at a time.
 #pragma once
 
@@ -31,21 +35,21 @@ public:
 
     int Descriptor() const { return m_fd.Get(); }
 
-    // Reads once. The log gets a line for a stream that is refused, at most one per second. Returns whether
-    // the descriptor is a new one.
+    // Reads at most twice. The log gets a line for a stream that is refused, at most one per second. Returns
+    // whether the descriptor is a new one, or invalid: then the input has ended, and the log says why.
     bool OnReadable(const PictureStream::OnPicture& on_picture, const Log& log);
 
 private:
     FifoInput(const LiveSource& source, UniqueFd fd);
 
     bool OpenAgain(const Log& log);
-    void Say(const Log& log, const std::string& text);
+    void Say(const Log& log, const std::string& text) const;
 
     std::string m_path;
     UniqueFd m_fd;
     PictureStream m_stream;
     std::vector<uint8_t> m_bytes;
-    Clock::time_point m_said;
+    Clock::time_point m_refused;  // the last line about a stream that was refused
 };
 
 }  // namespace zumod::vcam
