@@ -72,7 +72,7 @@ std::optional<std::chrono::milliseconds> FaultSet::TakeStall(uint64_t frame) {
 }
 
 FrameFate FaultSet::OnFrame(uint64_t frame) {
-    if (TakeIf(FaultKind::kUnplug, [frame](const Fault& fault) { return fault.Covers(frame); })) {
+    if (TakeIf(FaultKind::kUnplug, [frame](const Fault& fault) { return frame >= fault.first; })) {
         return FrameFate::kUnplugged;
     }
     if (TakeIf(FaultKind::kFatal, [frame](const Fault& fault) { return frame >= fault.first; })) {

@@ -97,6 +97,13 @@ TEST(FaultSet, UnplugsOnceAndKeepsTheUnplugOfALaterFrame) {
     EXPECT_FALSE(set.Has(FaultKind::kUnplug));
 }
 
+TEST(FaultSet, UnplugsBeforeTheFirstFrameAfterOneThatWasSkipped) {
+    FaultSet set = Set({"unplug/3"});
+    EXPECT_EQ(set.OnFrame(2), FrameFate::kDelivered);
+    EXPECT_EQ(set.OnFrame(4), FrameFate::kUnplugged);
+    EXPECT_EQ(set.OnFrame(5), FrameFate::kDelivered);
+}
+
 TEST(FaultSet, FailsTheStreamAtItsFrameOrTheFirstAfterIt) {
     FaultSet set = Set({"fatal/3"});
     EXPECT_EQ(set.OnFrame(2), FrameFate::kDelivered);

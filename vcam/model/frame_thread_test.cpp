@@ -310,6 +310,15 @@ TEST_F(LiveFrameThreadTest, DropsThePictureThatAFaultSays) {
     EXPECT_EQ(Luma(0), 51);
 }
 
+TEST_F(LiveFrameThreadTest, UnplugsTheCameraAlsoIfThePictureThatAFaultNamesIsReplaced) {
+    m_faults.Add(ParseFault("unplug/1").value());
+    Put(0, 50);
+    EXPECT_EQ(Step(0), Next::kStep);
+    Put(110, 51);
+    Put(120, 52);
+    EXPECT_EQ(Step(120), Next::kUnplug);
+}
+
 TEST_F(LiveFrameThreadTest, NoticesThatItsOwnerIsGone) {
     m_file.CloseProgram();
     EXPECT_EQ(Step(99), Next::kSleep);
