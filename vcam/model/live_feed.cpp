@@ -1,5 +1,6 @@
 #include "vcam/model/live_feed.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zumod::vcam {
@@ -8,7 +9,7 @@ void LiveFeed::BeginStream(Time now, Rate rate) {
     m_frame_time = std::chrono::nanoseconds(uint64_t{1000000000} * rate.denominator / rate.numerator);
     m_is_new = false;
     m_missed = 0;
-    m_last_new = now - m_frame_time;
+    m_last_new = now - m_frame_time * 31 / 32;  // the first picture may come at once
     m_taken = now;
     m_repeat_at = now + m_frame_time;
 }
@@ -29,8 +30,8 @@ LiveFeed::Time LiveFeed::Due() const {
 
 LiveFeed::Frame LiveFeed::Take(Time now) {
     if (m_is_new) {
-        m_last_new = Due();
-        m_taken = m_last_new;
+        m_taken = Due();
+        m_last_new = std::max(m_taken - m_frame_time / 4, m_last_new + m_frame_time * 31 / 32);
     } else {
         m_taken = now;
     }

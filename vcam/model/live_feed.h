@@ -2,8 +2,10 @@
 // picture is delivered when it arrives, and not painted ahead of its time.
 //
 // - A picture that comes sooner than three quarters of a frame time after the last one waits until a whole
-//   frame time is over; a newer one replaces it. So a program that asked for 15 frames per second does not
-//   get 30, and the jitter of a source at the agreed rate delays nothing.
+//   frame time is over; a newer one replaces it. So the jitter of a source at the agreed rate delays nothing.
+// - For this rule the last picture counts as at least 31/32 of a frame time later than the one before. So a
+//   program gets at most 3% more pictures than it agreed on, and a source whose clock is a little fast is not
+//   delayed.
 // - If none comes, the last picture is delivered again after kRepeatFrames frame times, and black if there
 //   was none. So a program that waits for a frame with a time limit does not give up.
 // - A program that is slow loses pictures, but never the newest: it waits until a buffer is queued.
@@ -51,7 +53,7 @@ private:
     bool m_is_new = false;  // not taken yet
     uint64_t m_missed = 0;
     Duration m_frame_time{};
-    Time m_last_new;  // the time of the last frame with a new picture
+    Time m_last_new;  // when the last frame with a new picture counts as delivered
     Time m_taken;
     Time m_repeat_at;
 };

@@ -75,6 +75,28 @@ TEST_F(LiveFeedTest, ReplacesAPictureThatWaits) {
     EXPECT_EQ(frame.missed, 2U);
 }
 
+TEST_F(LiveFeedTest, DeliversAtMostOnePictureInThirtyMoreThanAgreedOn) {
+    int taken = 0;
+    for (int ms = 0; ms < 10000; ms += 75) {
+        while (m_feed.Due() < At(ms)) {
+            Take();
+            ++taken;
+        }
+        Put(ms);
+    }
+    EXPECT_GE(taken, 99);
+    EXPECT_LE(taken, 105) << "of 134 pictures in 100 frame times";
+}
+
+TEST_F(LiveFeedTest, DelaysNoPictureOfASourceThatIsALittleFast) {
+    for (int picture = 0; picture < 200; ++picture) {
+        const int ms = 98 * picture + (picture % 2 == 0 ? 0 : 20);
+        Put(ms);
+        ASSERT_EQ(Due(), ms);
+        Take();
+    }
+}
+
 TEST_F(LiveFeedTest, DoesNotCatchUpOnRepeatsAfterASuspend) {
     m_feed.Take(At(3600000));
     EXPECT_EQ(m_feed.TakenTime(), At(3600000));
