@@ -45,10 +45,10 @@ set(CPACK_DEBIAN_PACKAGE_SECTION video)
 execute_process(COMMAND date -Ru -d ${ZU_DATE} OUTPUT_VARIABLE ZU_DATE_RFC OUTPUT_STRIP_TRAILING_WHITESPACE
                 COMMAND_ERROR_IS_FATAL ANY)
 
-# zu_package(COMPONENT NAME SUMMARY text DESCRIPTION text [DEPENDS text] [SECTION name] [ALL]): the Debian package of an
-# install component. ALL: the same for every processor.
+# zu_package(COMPONENT NAME SUMMARY text DESCRIPTION text [DEPENDS text] [RECOMMENDS text] [SECTION name] [ALL]): the
+# Debian package of an install component. ALL: the same for every processor.
 macro(zu_package component ZU_PACKAGE)
-  cmake_parse_arguments(arg "ALL" "SUMMARY;DESCRIPTION;DEPENDS;SECTION" "" ${ARGN})
+  cmake_parse_arguments(arg "ALL" "SUMMARY;DESCRIPTION;DEPENDS;RECOMMENDS;SECTION" "" ${ARGN})
   # A macro's parameters are no variables, but configure_file needs one.
   set(ZU_PACKAGE ${ZU_PACKAGE})
   set(doc ${CMAKE_INSTALL_DATAROOTDIR}/doc/${ZU_PACKAGE})
@@ -62,6 +62,7 @@ macro(zu_package component ZU_PACKAGE)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${ZU_PACKAGE})
   set(CPACK_DEBIAN_${upper}_DESCRIPTION "${arg_SUMMARY}\n${arg_DESCRIPTION}")
   set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${arg_DEPENDS}")
+  set(CPACK_DEBIAN_${upper}_PACKAGE_RECOMMENDS "${arg_RECOMMENDS}")
   if(arg_SECTION)
     set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${arg_SECTION})
   endif()
@@ -79,6 +80,7 @@ stream a peer lists the cameras, opens one and receives encoded video. This
 package has the module and the reference codec, H.264 by libavcodec.")
 zu_package(
   programs zu-camera-tools
+  RECOMMENDS zu-vcam
   DEPENDS "zu-client-camera (= ${ZU_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
   SUMMARY "host and peer that lend and use cameras over a socket or ssh"
   DESCRIPTION "zu-camera-host lends the cameras of a machine to several peers at once.

@@ -77,6 +77,7 @@ constexpr Command kCommands[] = {
      SetControls},
     {"camera", kCameraIds | kFormat | kLabel,
      "Offer cameras to the programs of this machine, by PipeWire, until it is stopped", PublishCameras},
+    {"run", kFormat | kProgram, "Run a program that finds the host's cameras at /dev/videoN", RunProgram},
     {"close", kCameraId, "Close a camera and print the host's answer", CloseOneCamera},
     {"version", 0, "Print the version of the protocol that the host speaks", ShowVersion},
 };

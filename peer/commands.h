@@ -82,8 +82,7 @@ Expected<std::unique_ptr<CameraView>> OpenView(
     const CommandContext& context, VideoTargetFormat target,
     PictureSize (*choose_size)(const PeerOptions&, const CameraEntry&) = RequestedSize);
 
-// In snapshot_command.cpp, record_command.cpp, stats_command.cpp, format_command.cpp, controls_command.cpp
-// and camera_command.cpp.
+// Each in the file named after its command; controls_command.cpp has two.
 Expected<void> TakeSnapshot(const CommandContext& context);
 Expected<void> RecordCameras(const CommandContext& context);
 Expected<void> ShowStats(const CommandContext& context);
@@ -91,5 +90,6 @@ Expected<void> ChangeFormat(const CommandContext& context);
 Expected<void> ListControls(const CommandContext& context);
 Expected<void> SetControls(const CommandContext& context);
 Expected<void> PublishCameras(const CommandContext& context);
+Expected<void> RunProgram(const CommandContext& context);
 
 }  // namespace zumod::peer

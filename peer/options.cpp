@@ -211,6 +211,13 @@ private:
                 ->type_name("TEXT")
                 ->check(NotEmpty("label"));
         }
+        if (has(kProgram)) {
+            // Options of the program are not ours.
+            app->fallthrough(false);
+            app->add_option("COMMAND", m_options.program, "The program, after --, and its arguments")
+                ->required()
+                ->type_name("");
+        }
         if (has(kSettings)) {
             app->add_option_function<std::vector<std::string>>(
                    "CONTROL=VALUE",

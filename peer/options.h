@@ -33,6 +33,7 @@ enum Argument : unsigned {
     kSettings = 512,      // CONTROL=VALUE...
     kCameraIds = 1024,    // [CAMERA]...
     kLabel = 2048,        // --label
+    kProgram = 4096,      // COMMAND [ARGUMENT]...
 };
 
 // A camera and the file that it is recorded to.
@@ -69,6 +70,7 @@ struct PeerOptions {
     bool split_on_format = false;
     bool arrival_times = false;
     bool reconnect = false;
+    std::vector<std::string> program;  // and its arguments
 };
 
 // The error is a mistake, or the text that --help or --version asks for.

@@ -57,7 +57,8 @@ const std::vector<Layer>& Layers() {
         {{"codec/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
         // The host knows the codec's settings, to check them when it starts.
         {{"host/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon, {"codec/setting_keys"}})},
-        {{"peer/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon})},
+        // The peer feeds virtual cameras, whose server is another program.
+        {{"peer/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon, {"vcam/cli/feeder"}})},
         {{"vcam/"}, kCommon},
     };
     return layers;
