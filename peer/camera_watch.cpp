@@ -89,6 +89,11 @@ CameraWatch::Actions CameraWatch::OnCameras(const std::vector<CameraEntry>& came
     return {{WatchAction::kOpen, m_camera.id, {}, {}}};
 }
 
+void CameraWatch::ForgetList() {
+    m_listed_count = 0;
+    m_missing = false;
+}
+
 void CameraWatch::OnDisconnect(Clock::time_point now) {
     m_away_since = m_away_since.value_or(m_quiet_since);
     m_phase = Phase::kSearching;

@@ -60,6 +60,9 @@ public:
     Actions OnFrame(Clock::time_point now);
     Actions OnState(const StateMessage& state, Clock::time_point now);
     Actions OnCameras(const std::vector<CameraEntry>& cameras, Clock::time_point now);
+    // The camera is not open from now on, and nobody looks at the list: if a namesake is missing later, which
+    // one it is cannot be known.
+    void ForgetList();
     // The connection is lost, and with it every answer. The camera is searched for in the next one.
     void OnDisconnect(Clock::time_point now);
     // Fails if the host has not answered in time.
@@ -72,6 +75,8 @@ public:
     bool IsOurs(uint32_t id) const { return m_phase != Phase::kSearching && id == m_camera.id; }
     bool IsAway() const { return m_phase != Phase::kStreaming; }
     bool IsListed(const std::vector<CameraEntry>& cameras) const { return Find(cameras) != nullptr; }
+    // Whether what was opened may be another camera of this name.
+    bool IsUncertain() const { return m_uncertain; }
     // With its current or last id.
     const CameraEntry& Camera() const { return m_camera; }
 

@@ -26,7 +26,9 @@ PublishedCamera::PublishedCamera(const std::vector<CameraEntry>& listed, const C
       m_format(format),
       m_listed(listed),
       m_unused_since(now),
-      m_next_list(now + limits.list_interval) {}
+      m_next_list(now + limits.list_interval) {
+    m_first_watch.ForgetList();
+}
 
 PublishedCamera::Actions PublishedCamera::OnReaders(bool any, Clock::time_point now) {
     if (any == m_has_readers) {
@@ -219,8 +221,11 @@ PublishedCamera::Actions PublishedCamera::Translate(const CameraWatch::Actions& 
             case WatchAction::kAnnounce:
                 if (action.event != CameraEvent::kBack) {
                     Append(actions, Lose(action.text, now));
-                } else if (std::exchange(m_card_time, std::nullopt)) {
-                    actions.push_back(Report(CameraLabel(Camera()) + " is back"));
+                } else if (const bool was_away = std::exchange(m_card_time, std::nullopt).has_value();
+                           was_away || m_watch->IsUncertain()) {
+                    actions.push_back(
+                        Report(CameraLabel(Camera()) + (was_away ? " is back" : " sends pictures") +
+                               (m_watch->IsUncertain() ? ", or another camera of this name" : "")));
                 }
                 break;
         }

@@ -19,6 +19,10 @@
 // not listed for Limits::absence is withdrawn, so that no program offers it, and published again when it is
 // listed again. As the constructor returns it counts as published.
 //
+// Several cameras may share a name. If fewer of them are listed than at first when a reader comes, which ones
+// are left cannot be known. One of them is opened, with a report that it may be another one. Such a camera is
+// withdrawn only if none of its name is listed.
+//
 // Thread rule: one thread at a time. Each call passes the time.
 #pragma once
 
@@ -120,7 +124,7 @@ private:
     std::optional<Clock::time_point> WithdrawTime() const;
 
     const Limits m_limits;
-    const CameraWatch m_first_watch;  // knows which of several cameras of one name is ours
+    CameraWatch m_first_watch;  // knows which of several cameras of one name is ours; not changed
     StreamFormat m_format;
     std::vector<CameraEntry> m_listed;  // as last received
 

@@ -266,6 +266,27 @@ TEST_F(PublishedCameraTest, AReaderOfAnAbsentCameraSeesACard) {
     EXPECT_EQ(camera.OnCameras(both, At(3100)), Actions{Open(1)});
 }
 
+TEST_F(PublishedCameraTest, OpensTheOnlyNamesakeThatIsLeft) {
+    const std::vector<CameraEntry> two = {Camera(0, "Desk"), Camera(1, "Desk")};
+    for (const CameraEntry& each : two) {
+        PublishedCamera lent(two, each, kDefault, {}, At(0));
+        for (int ms = 1000; ms < 20000; ms += 1000) {
+            EXPECT_EQ(lent.OnCameras(desk_is_first, At(ms)), Actions{});
+            EXPECT_EQ(lent.OnTime(At(ms)).value_or(Actions{kAsk}), Actions{});
+        }
+        EXPECT_EQ(lent.OnReaders(true, At(20000)), Actions{Open(0)});
+        EXPECT_EQ(lent.OnState({kCameraOpen, 0}, At(20000)), Actions{});
+        ASSERT_TRUE(lent.WantsFrames(0));
+        EXPECT_EQ(lent.OnFrame(At(20000)),
+                  Actions{Report("camera 0 (Desk) sends pictures, or another camera of this name")});
+        EXPECT_EQ(lent.OnReaders(false, At(20001)), Actions{});
+        EXPECT_EQ(lent.OnTime(At(22001)).value_or(Actions{}), (Actions{Close(0), kAsk}));
+        // With both of them it is known again.
+        EXPECT_EQ(lent.OnCameras(two, At(22500)), Actions{});
+        EXPECT_EQ(lent.OnReaders(true, At(23000)), Actions{Open(each.id)});
+    }
+}
+
 TEST_F(PublishedCameraTest, SearchesForTheCameraInTheNextConnection) {
     StreamFrom(0);
     EXPECT_EQ(camera.OnDisconnect(At(100)), Actions{kCard});
