@@ -26,7 +26,9 @@
 namespace zumod::vcam {
 
 struct FeedOffer {
-    uint32_t slot_size;  // bytes; a picture of 4:2:0 planes without padding takes width * height * 3 / 2
+    // Bytes. A picture of 4:2:0 planes without padding takes width * height * 3 / 2. If a program agrees on a
+    // size that does not fit, the feeder must send a smaller one.
+    uint32_t slot_size;
 };
 
 struct FeedNotice {

@@ -6,10 +6,13 @@
 #include <algorithm>
 #include <string>
 
+#include "vcam/picture/picture_stream.h"
+
 namespace zumod::vcam {
 
 std::unique_ptr<FeedInput> FeedInput::Create(const CameraConfig& config) {
     std::unique_ptr<FeedInput> input(new FeedInput);
+    input->m_slot_size = kMostLivePixels * 3 / 2;
     for (const Mode& mode : config.modes) {
         input->m_slot_size = std::max(input->m_slot_size, mode.size.width * mode.size.height * 3 / 2);
     }

@@ -68,7 +68,8 @@ protected:
 };
 
 TEST_F(FeedInputTest, HasRoomForTheLargestSizeAndCannotBeShrunk) {
-    EXPECT_EQ(m_input->SlotSize(), 1536U);
+    EXPECT_EQ(m_input->SlotSize(), 14155776U) << "4096x2304, for sizes that are not listed";
+    EXPECT_EQ(FeedInput::Create(Configure("sizes=32x32:8192x4096,source=feed"))->SlotSize(), 50331648U);
     EXPECT_NE(ftruncate(m_input->Memory(), 0), 0);
     EXPECT_NE(fcntl(m_input->Memory(), F_ADD_SEALS, F_SEAL_WRITE), 0);
 }
@@ -76,7 +77,7 @@ TEST_F(FeedInputTest, HasRoomForTheLargestSizeAndCannotBeShrunk) {
 TEST_F(FeedInputTest, TakesEachPictureOnce) {
     EXPECT_FALSE(m_input->Take().value());
     Offer(2, 16, 16);
-    auto* slot = reinterpret_cast<uint8_t*>(m_header) + kFeedHeaderSize + 2 * 1536;
+    auto* slot = reinterpret_cast<uint8_t*>(m_header) + kFeedHeaderSize + 2 * 14155776;
     slot[0] = 77;
     slot[256] = 88;
     slot[256 + 64] = 99;
@@ -96,7 +97,7 @@ TEST_F(FeedInputTest, RefusesASlotThatDoesNotExist) {
 
 TEST_F(FeedInputTest, RefusesAPictureThatDoesNotFitIntoItsSlot) {
     const std::pair<uint32_t, uint32_t> sizes[] = {
-        {0, 16},       {16, 0}, {14, 16}, {17, 16}, {34, 32}, {8192, 8192}, {0xffffffff, 0xffffffff},
+        {0, 16},       {16, 0}, {14, 16}, {17, 16}, {4098, 2304}, {8192, 8192}, {0xffffffff, 0xffffffff},
         {65536, 65536}};
     for (const auto& [width, height] : sizes) {
         Offer(0, width, height);
@@ -151,6 +152,10 @@ public:
     explicit Program(Camera& camera) : m_file(camera) {}
     ~Program() { munmap(m_memory, m_length); }
 
+    void SetSize(uint32_t width, uint32_t height) {
+        v4l2_format format = Format(width, height, V4L2_PIX_FMT_NV12);
+        EXPECT_EQ(m_file.Ioctl(VIDIOC_S_FMT, &format), 0);
+    }
     void Start() {
         v4l2_requestbuffers request = BufferRequest(2);
         ASSERT_EQ(m_file.Ioctl(VIDIOC_REQBUFS, &request), 0);
@@ -211,6 +216,19 @@ TEST_F(LiveCameraTest, TellsTheFeederWhenAProgramStreamsAndShowsItsPictures) {
     EXPECT_TRUE(program.Sees(92));
     program.Stop();
     EXPECT_EQ(Notice(feeder), (FeedNotice{0, 64, 64, 100, 1}));
+}
+
+TEST_F(LiveCameraTest, ShowsPicturesInASizeThatIsNotListed) {
+    Serve("formats=NV12,sizes=64x64,fps=100,adjust=exact,source=feed");
+    Feeder feeder = Connect();
+    EXPECT_EQ(Notice(feeder).is_streaming, 0U);
+    Program program(Device());
+    program.SetSize(192, 108);
+    ASSERT_NO_FATAL_FAILURE(program.Start());
+    EXPECT_EQ(Notice(feeder).width, 192U);
+    EXPECT_EQ(Notice(feeder), (FeedNotice{1, 192, 108, 100, 1}));
+    ASSERT_TRUE(feeder.Put(ViewOf(Grey(192, 108, 91))));
+    EXPECT_TRUE(program.Sees(91));
 }
 
 TEST_F(LiveCameraTest, TellsTheFeederWhenAProgramClosesWithoutStopping) {
@@ -310,7 +328,7 @@ TEST_F(LiveCameraTest, ServesProgramsWhileAFeederSendsMoreThanItHas) {
 TEST_F(LiveCameraTest, TakesNoPictureThatIsTooLarge) {
     Serve("sizes=64x64,source=feed");
     Feeder feeder = Connect();
-    EXPECT_FALSE(feeder.Put(ViewOf(Grey(66, 64, 1))));
+    EXPECT_FALSE(feeder.Put(ViewOf(Grey(4098, 2304, 1))));
     EXPECT_FALSE(feeder.Put({0xfffffffe, 0xfffffffe, {}, {}}));
 }
 
