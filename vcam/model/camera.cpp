@@ -127,8 +127,7 @@ void Camera::Reap() {
 }
 
 void Camera::Unplug() {
-    const auto now = Clock::now();
-    if (!m_parts.plug.IsPresent(now)) {
+    if (!m_parts.plug.IsPresent(Clock::now())) {
         return;
     }
     m_parts.plug.Unplug();
@@ -140,6 +139,14 @@ void Camera::Unplug() {
     m_files.clear();
     m_parts.controls = Controls();
     NotifyFeed();
+}
+
+void Camera::UnplugByFault() {
+    const auto now = Clock::now();
+    if (!m_parts.plug.IsPresent(now)) {
+        return;
+    }
+    Unplug();
     for (const FaultKind kind : {FaultKind::kReplug, FaultKind::kReplugAs}) {
         if (const std::optional<Fault> replug = m_parts.faults.Take(kind)) {
             m_parts.plug.Plan(*replug, now);
@@ -161,7 +168,7 @@ bool Camera::AttachFeed(UniqueFd notices) {
     }
     m_feed = std::move(notices);
     m_noticed.reset();
-    PlugIn();
+    LetFeederPlug(true);
     NotifyFeed();
     return true;
 }
@@ -169,22 +176,22 @@ bool Camera::AttachFeed(UniqueFd notices) {
 void Camera::DetachFeed() {
     const MutexLock held(m_lock);
     m_feed.Reset();
-    Unplug();
+    LetFeederPlug(false);
     m_parts.live.Put(nullptr, Clock::now());
 }
 
 void Camera::SetPlugged(bool is_plugged) {
     const MutexLock held(m_lock);
-    if (is_plugged) {
-        PlugIn();
-    } else {
-        Unplug();
-    }
+    LetFeederPlug(is_plugged);
 }
 
-void Camera::PlugIn() {
+void Camera::LetFeederPlug(bool is_plugged) {
     const auto now = Clock::now();
-    if (!m_parts.plug.IsPresent(now)) {
+    if (!is_plugged) {
+        Unplug();
+    }
+    m_parts.plug.Hold(!is_plugged);
+    if (is_plugged && !m_parts.plug.IsPresent(now) && !m_parts.plug.IsReplugPlanned()) {
         m_parts.plug.Plan({.kind = FaultKind::kReplug}, now);
     }
 }
@@ -210,7 +217,7 @@ void Camera::NotifyFeed() {
 
 void Camera::OnFrameThread(FrameThread::Next next) {
     if (next == FrameThread::Next::kUnplug) {
-        Unplug();
+        UnplugByFault();
     } else {
         Reap();
     }
@@ -221,7 +228,7 @@ void Camera::Inject(const Fault& fault) {
     const auto now = Clock::now();
     const bool is_replug = fault.kind == FaultKind::kReplug || fault.kind == FaultKind::kReplugAs;
     if (fault.kind == FaultKind::kUnplug && fault.first == 0) {
-        Unplug();
+        UnplugByFault();
     } else if (is_replug && !m_parts.plug.IsPresent(now)) {
         m_parts.plug.Plan(fault, now);
     } else {

@@ -23,7 +23,7 @@ struct CameraStatus {
     bool streaming = false;
     unsigned open_files = 0;
     uint64_t delivered = 0;  // frames, in all streams
-    uint64_t dropped = 0;    // frames for which no buffer was queued, or that a fault took
+    uint64_t dropped = 0;  // frames without a queued buffer, taken by a fault, or replaced by a newer picture
     uint32_t fourcc = 0;
     Size size;
     Rate rate;
@@ -55,6 +55,8 @@ public:
     bool AttachFeed(UniqueFd notices);
     // The feeder is gone: the camera is unplugged until the next one comes.
     void DetachFeed();
+    // For the feeder. A camera that it unplugged comes back only when it says so; the faults that plug a
+    // camera in apply after a fault that unplugs it.
     void SetPlugged(bool is_plugged);
 
     // The device number, or -1 while it is unplugged.
@@ -68,7 +70,10 @@ private:
     // Forgets the files that no process has open any more.
     void Reap() ZU_REQUIRES(m_lock);
     void Unplug() ZU_REQUIRES(m_lock);
-    void PlugIn() ZU_REQUIRES(m_lock);
+    // Unplug, and plan to come back if a fault says so.
+    void UnplugByFault() ZU_REQUIRES(m_lock);
+    // What the feeder says, or its end.
+    void LetFeederPlug(bool is_plugged) ZU_REQUIRES(m_lock);
     // Tells the feeder if what programs want has changed. Called after everything that may change it.
     void NotifyFeed() ZU_REQUIRES(m_lock);
     void OnFaultsChanged() ZU_REQUIRES(m_lock);

@@ -277,6 +277,36 @@ TEST_F(LiveCameraTest, IsUnpluggedWhileItHasNoFeeder) {
     EXPECT_TRUE(Eventually([this] { return Device().Number() == 0; }));
 }
 
+TEST_F(LiveCameraTest, ReturnsOnlyWithAFeederAlsoIfAFaultPlugsItIn) {
+    Serve("source=feed,sizes=64x64,fault=replug");
+    {
+        Feeder feeder = Connect();
+        ASSERT_TRUE(feeder.SetPlugged(false));
+        EXPECT_TRUE(Eventually([this] { return Device().Number() == -1; }));
+        Device().Inject(ParseFault("replug-as/5").value());
+        EXPECT_EQ(Device().Number(), -1) << "the feeder unplugged it";
+        ASSERT_TRUE(feeder.SetPlugged(true));
+        EXPECT_TRUE(Eventually([this] { return Device().Number() == 5; }));
+    }
+    EXPECT_TRUE(Eventually([this] { return Device().Number() == -1; }));
+    Feeder again = Connect();
+    EXPECT_TRUE(Eventually([this] { return Device().Number() == 5; }));
+    Device().Inject(ParseFault("unplug").value());
+    EXPECT_EQ(Device().Number(), 5) << "the fault replug was kept for this";
+}
+
+TEST_F(LiveCameraTest, LetsNoFeederReplaceAReplugThatIsPlanned) {
+    Serve("source=feed,sizes=64x64,fault=replug-as/5/3600000");
+    Device().Inject(ParseFault("unplug").value());
+    Feeder feeder = Connect();
+    EXPECT_EQ(Notice(feeder).is_streaming, 0U) << "the server has it";
+    EXPECT_EQ(Device().Number(), -1);
+    Device().SetPlugged(true);
+    EXPECT_EQ(Device().Number(), -1);
+    Device().Inject(ParseFault("replug-as/6").value());
+    EXPECT_EQ(Device().Number(), 6);
+}
+
 TEST_F(LiveCameraTest, RefusesAFeederForAnotherCamera) {
     Serve("sizes=64x64");
     EXPECT_EQ(Feeder::Connect(m_server->Name(), 0).error().text,

@@ -67,7 +67,7 @@ public:
     void WaitUntilPainted(Mutex& lock) ZU_REQUIRES(lock);
 
     uint64_t Delivered() const { return m_delivered; }
-    // Frames for which no buffer was queued, or that a fault took.
+    // Frames for which no buffer was queued, that a fault took, or whose picture a newer one replaced.
     uint64_t Dropped() const { return m_dropped; }
 
 private:

@@ -2,6 +2,8 @@
 // at the first query after its time. Nothing can happen to an unplugged camera in between, so no timer is
 // needed.
 //
+// A camera that is held stays unplugged until it is released, even if a replug is planned.
+//
 // Thread rule: the camera's lock guards it.
 #pragma once
 
@@ -18,7 +20,7 @@ public:
     explicit PlugState(int number) : m_number(number) {}
 
     bool IsPresent(Time now) {
-        if (!m_is_present && now >= m_replug_at) {
+        if (!m_is_present && !m_is_held && now >= m_replug_at) {
             m_is_present = true;
             m_number = m_replug_number;
         }
@@ -33,6 +35,9 @@ public:
         m_replug_at = Time::max();
     }
 
+    // While it is unplugged.
+    void Hold(bool is_held) { m_is_held = is_held; }
+    bool IsReplugPlanned() const { return m_replug_at != Time::max(); }
     // While it is unplugged: lets it come back as the fault (kReplug or kReplugAs) says.
     void Plan(const Fault& replug, Time now) {
         m_replug_at = now + std::chrono::milliseconds(replug.value);
@@ -41,6 +46,7 @@ public:
 
 private:
     bool m_is_present = true;
+    bool m_is_held = false;
     int m_number;
     Time m_replug_at = Time::max();  // max: nothing is planned
     int m_replug_number = 0;

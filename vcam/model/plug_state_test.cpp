@@ -47,6 +47,18 @@ TEST(PlugState, FollowsTheLatestPlan) {
     EXPECT_EQ(plug.Number(), 8);
 }
 
+TEST(PlugState, KeepsAPlanWhileItIsHeld) {
+    PlugState plug(3);
+    plug.Unplug();
+    plug.Hold(true);
+    plug.Plan(ParseFault("replug-as/7/10").value(), kBegin);
+    EXPECT_TRUE(plug.IsReplugPlanned());
+    EXPECT_FALSE(plug.IsPresent(kBegin + milliseconds(10)));
+    plug.Hold(false);
+    EXPECT_TRUE(plug.IsPresent(kBegin + milliseconds(10)));
+    EXPECT_EQ(plug.Number(), 7);
+}
+
 TEST(PlugState, CarriesOutAPlanOnce) {
     PlugState plug(3);
     plug.Unplug();
