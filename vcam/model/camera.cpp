@@ -155,9 +155,9 @@ void Camera::UnplugByFault() {
     }
 }
 
-void Camera::PutPicture(std::shared_ptr<const PlanarImage> picture) {
+void Camera::PutPicture(std::shared_ptr<const PlanarImage> picture, uint64_t count) {
     const MutexLock held(m_lock);
-    m_parts.live.Put(std::move(picture), Clock::now());
+    m_parts.live.Put(std::move(picture), Clock::now(), count);
     m_parts.frames.Wake();
 }
 

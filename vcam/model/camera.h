@@ -48,8 +48,8 @@ public:
     void ClearFaults();
     CameraStatus Status();
 
-    // The newest picture of a live camera.
-    void PutPicture(std::shared_ptr<const PlanarImage> picture);
+    // The newest of `count` pictures of a live camera.
+    void PutPicture(std::shared_ptr<const PlanarImage> picture, uint64_t count = 1);
     // A camera that a process feeds: plugs it in and sends each change of what programs want as a FeedNotice,
     // the present state first. `notices` is a socket. Returns false if there is a feeder already.
     bool AttachFeed(UniqueFd notices);

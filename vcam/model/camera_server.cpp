@@ -213,8 +213,8 @@ void CameraServer::WatchFifo(size_t index) {
         return;
     }
     input.pictures = m_waiter.Watch(input.fifo->Descriptor(), POLLIN, [this, index] {
-        const auto put = [&](PlanarImage image) {
-            m_cameras[index]->PutPicture(std::make_shared<PlanarImage>(std::move(image)));
+        const auto put = [&](PlanarImage image, uint64_t count) {
+            m_cameras[index]->PutPicture(std::make_shared<PlanarImage>(std::move(image)), count);
         };
         if (m_inputs[index].fifo->OnReadable(put, m_log)) {
             WatchFifo(index);

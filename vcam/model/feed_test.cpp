@@ -435,7 +435,9 @@ TEST_F(FifoCameraTest, ForgetsThePartThatAWriterLeftBeforeTheFifoWasOpened) {
     Write("part");
     auto input = FifoInput::Open({LiveSource::kRaw, Fifo(), V4L2_PIX_FMT_NV12, {16, 16}}).value();
     std::vector<int> lumas;
-    const auto on_picture = [&lumas](const PlanarImage& image) { lumas.push_back(image.y[0]); };
+    const auto on_picture = [&lumas](const PlanarImage& image, uint64_t /*count*/) {
+        lumas.push_back(image.y[0]);
+    };
     input.OnReadable(on_picture, {});
     Write(std::string(384, 'W'));
     input.OnReadable(on_picture, {});

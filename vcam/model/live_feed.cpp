@@ -14,8 +14,8 @@ void LiveFeed::BeginStream(Time now, Rate rate) {
     m_repeat_at = now + m_frame_time;
 }
 
-void LiveFeed::Put(Picture picture, Time now) {
-    m_missed += m_is_new ? 1 : 0;
+void LiveFeed::Put(Picture picture, Time now, uint64_t count) {
+    m_missed += (m_is_new ? 1 : 0) + count - 1;
     m_newest = std::move(picture);
     m_arrived = now;
     m_is_new = true;

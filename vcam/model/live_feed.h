@@ -31,8 +31,8 @@ public:
     static constexpr int kRepeatFrames = 4;
 
     void BeginStream(Time now, Rate rate);
-    // Null: black.
-    void Put(Picture picture, Time now);
+    // Null: black. The newest of `count` pictures that arrived.
+    void Put(Picture picture, Time now, uint64_t count = 1);
 
     // When the next frame is to be delivered, unless Put is called before.
     Time Due() const;

@@ -21,6 +21,15 @@ void PictureStream::Restart() {
 }
 
 Expected<void> PictureStream::Feed(std::span<const uint8_t> bytes, const OnPicture& on_picture) {
+    m_completed = 0;
+    const auto collected = Collect(bytes);
+    if (m_completed > 0) {
+        on_picture(PlanarImage::ReadFrom(m_newest_layout, m_newest.data()), m_completed);
+    }
+    return collected;
+}
+
+Expected<void> PictureStream::Collect(std::span<const uint8_t> bytes) {
     while (!bytes.empty() && m_state != State::kRefused) {
         if (m_state == State::kLine) {
             const char byte = static_cast<char>(bytes.front());
@@ -40,7 +49,9 @@ Expected<void> PictureStream::Feed(std::span<const uint8_t> bytes, const OnPictu
         m_picture.insert(m_picture.end(), bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
         bytes = bytes.subspan(count);
         if (m_picture.size() == m_layout->sizeimage) {
-            on_picture(PlanarImage::ReadFrom(*m_layout, m_picture.data()));
+            m_newest.swap(m_picture);
+            m_newest_layout = *m_layout;
+            ++m_completed;
             m_picture.clear();
             m_state = m_raw ? State::kPicture : State::kLine;
         }

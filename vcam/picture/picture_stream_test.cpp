@@ -12,8 +12,11 @@ struct Reader {
 
     void Feed(const std::string& text) {
         const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-        const auto fed = stream.Feed(std::span(bytes, text.size()),
-                                     [this](PlanarImage image) { pictures.push_back(std::move(image)); });
+        const auto fed =
+            stream.Feed(std::span(bytes, text.size()), [this](PlanarImage image, uint64_t count) {
+                pictures.push_back(std::move(image));
+                counts.push_back(count);
+            });
         if (!fed) {
             errors.push_back(fed.error().text);
         }
@@ -21,6 +24,7 @@ struct Reader {
 
     PictureStream stream;
     std::vector<PlanarImage> pictures;
+    std::vector<uint64_t> counts;
     std::vector<std::string> errors;
 };
 
@@ -30,7 +34,8 @@ constexpr char kFrame[] = "FRAME\nabcdefghUVuv";
 
 TEST(PictureStream, ReadsTheFramesOfAY4mStream) {
     Reader reader;
-    reader.Feed(std::string(kHeader) + kFrame + "FRAME Ip\nABCDEFGHMNmn");
+    reader.Feed(std::string(kHeader) + kFrame);
+    reader.Feed("FRAME Ip\nABCDEFGHMNmn");
     ASSERT_EQ(reader.pictures.size(), 2U);
     EXPECT_EQ(reader.pictures[0].width, 4U);
     EXPECT_EQ(reader.pictures[0].height, 2U);
@@ -48,6 +53,19 @@ TEST(PictureStream, ReadsTheSameFromPiecesOfAnySize) {
     }
     ASSERT_EQ(reader.pictures.size(), 2U);
     EXPECT_EQ(reader.pictures[1].v, (std::vector<uint8_t>{'u', 'v'}));
+}
+
+TEST(PictureStream, ReportsTheNewestOfSeveralPicturesAndTheirNumber) {
+    Reader reader;
+    reader.Feed(std::string(kHeader) + kFrame + "FRAME\nABCDEFGHMNmn" + "YUV4MPEG2 W2 H2\nFRAME\nwxyzUv" +
+                "FRAME\na");
+    ASSERT_EQ(reader.pictures.size(), 1U);
+    EXPECT_EQ(reader.counts[0], 3U);
+    EXPECT_EQ(reader.pictures[0].y, (std::vector<uint8_t>{'w', 'x', 'y', 'z'}));
+    reader.Feed("bcdUv");
+    ASSERT_EQ(reader.pictures.size(), 2U);
+    EXPECT_EQ(reader.counts[1], 1U);
+    EXPECT_EQ(reader.pictures[1].y, (std::vector<uint8_t>{'a', 'b', 'c', 'd'}));
 }
 
 TEST(PictureStream, ReadsRawPicturesOfAFormat) {
@@ -69,7 +87,8 @@ TEST(PictureStream, ReadsRawPicturesOfAFormat) {
 
 TEST(PictureStream, AcceptsAnotherHeaderWhereAFrameWouldBegin) {
     Reader reader;
-    reader.Feed(std::string(kHeader) + kFrame + "YUV4MPEG2 W2 H2\nFRAME\nabcdUv");
+    reader.Feed(std::string(kHeader) + kFrame);
+    reader.Feed("YUV4MPEG2 W2 H2\nFRAME\nabcdUv");
     ASSERT_EQ(reader.pictures.size(), 2U);
     EXPECT_EQ(reader.pictures[1].width, 2U);
 }
