@@ -179,6 +179,7 @@ private:
 
 public:
     PublishedCamera camera;
+    uint64_t notices = 0;  // of the host, when the camera was to be opened
 };
 
 class CameraService {
@@ -299,7 +300,8 @@ private:
         for (LentCamera& lent : m_cameras) {
             Expected<void> done;
             if (const auto* state = std::get_if<StateMessage>(&received.message)) {
-                done = Perform(lent, lent.camera.OnState(*state, now));
+                const bool explained = m_session.Notices() != lent.notices;
+                done = Perform(lent, lent.camera.OnState(*state, now, !explained));
             } else if (list != nullptr) {
                 done = Perform(lent, lent.camera.OnCameras(list->cameras, now));
             } else if (frame != nullptr && !frame->bytes.empty() && lent.camera.WantsFrames(frame->id)) {
@@ -332,6 +334,7 @@ private:
                 if (IsUsed(lent, action.id)) {
                     return Perform(lent, lent.camera.OnState({kCameraFailed, action.id}, Clock::now()));
                 }
+                lent.notices = m_session.Notices();
                 return Send(OpenRequest(action.id, action.format.size, action.format.fps)).and_then([&] {
                     return lent.RestartDecoder();
                 });

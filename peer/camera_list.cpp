@@ -72,6 +72,11 @@ PictureSize DefaultSize(const std::vector<PictureSize>& listed) {
     return smallest != listed.end() ? *smallest : kSizeIfNoneIsListed;
 }
 
+std::optional<PictureSize> SmallerSize(std::vector<PictureSize> listed, PictureSize than) {
+    std::erase_if(listed, [than](PictureSize size) { return !IsSmaller(size, than); });
+    return listed.empty() ? std::nullopt : std::optional(DefaultSize(listed));
+}
+
 Expected<std::vector<CameraEntry>> ParseCameraList(std::span<const uint8_t> body) {
     if (body.size() < sizeof(uint32_t)) {
         return Fail("a camera list of " + std::to_string(body.size()) + " bytes");

@@ -29,6 +29,10 @@ std::string SizeText(PictureSize size);
 
 // The largest size that fits into 1280x720; the smallest one if none fits; 640x480 if none is listed.
 PictureSize DefaultSize(const std::vector<PictureSize>& listed);
+// The default one of those with fewer pixels than this size; nothing if there is none.
+std::optional<PictureSize> SmallerSize(std::vector<PictureSize> listed, PictureSize than);
+// A camera is not tried with more sizes than so many: each is an open at the host.
+inline constexpr int kMostSizesTried = 8;
 
 struct CameraEntry {
     uint32_t id = 0;

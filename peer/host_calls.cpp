@@ -13,7 +13,6 @@ namespace zumod::peer {
 namespace {
 
 constexpr auto kLastAnswerLimit = std::chrono::seconds(2);
-constexpr int kMostSizesTried = 8;
 
 std::vector<uint8_t> Request(MessageType type) {
     std::vector<uint8_t> message(sizeof(_MESSAGE_HEADER));
@@ -220,7 +219,6 @@ Expected<OpenedCamera> OpenedCamera::OpenOrSmaller(Session& session, const Camer
                                                    PictureSize& size, int fps) {
     const PictureSize wanted = size;
     const uint64_t notices = session.Notices();
-    std::vector<PictureSize> smaller = camera.sizes;
     for (int tried = 1;; ++tried) {
         auto opened = Try(session, camera, size, fps);
         if (!opened) {
@@ -229,15 +227,14 @@ Expected<OpenedCamera> OpenedCamera::OpenOrSmaller(Session& session, const Camer
         if (*opened) {
             return std::move(**opened);
         }
-        std::erase_if(smaller, [size](PictureSize other) {
-            return uint64_t{other.width} * other.height >= uint64_t{size.width} * size.height;
-        });
-        if (smaller.empty() || tried == kMostSizesTried || session.Notices() != notices) {
+        const auto smaller = SmallerSize(camera.sizes, size);
+        if (!smaller || tried == kMostSizesTried || session.Notices() != notices) {
             return Fail(tried == 1 ? RefusalText(camera, size)
                                    : CameraLabel(camera) + " could not be opened at " + SizeText(wanted) +
-                                         ", nor at smaller sizes down to " + SizeText(size));
+                                         ", nor at smaller sizes down to " + SizeText(size) +
+                                         ": another program may use it, or the host may not");
         }
-        size = DefaultSize(smaller);
+        size = *smaller;
     }
 }
 

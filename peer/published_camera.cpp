@@ -64,7 +64,8 @@ PublishedCamera::Actions PublishedCamera::OnFrame(Clock::time_point now) {
     return Translate(m_watch->OnFrame(now), now);
 }
 
-PublishedCamera::Actions PublishedCamera::OnState(const StateMessage& state, Clock::time_point now) {
+PublishedCamera::Actions PublishedCamera::OnState(const StateMessage& state, Clock::time_point now,
+                                                  bool may_be_size) {
     if (!m_watch || m_open_id != state.id) {
         return {};
     }
@@ -74,10 +75,22 @@ PublishedCamera::Actions PublishedCamera::OnState(const StateMessage& state, Clo
         return {Report(CameraLabel(Camera()) + " keeps its format: the host refused another one")};
     }
     if (state.state == kCameraFailed && m_watch->IsAway()) {
+        const auto smaller = SmallerSize(Camera().sizes, m_open_size);
+        if (may_be_size && smaller && m_sizes_tried < kMostSizesTried) {
+            ++m_sizes_tried;
+            m_open_size = *smaller;
+            return {{.kind = PublishAction::kOpen, .id = state.id, .format = {*smaller, m_format.fps}}};
+        }
         m_open_id.reset();
         return Pause("could not be opened", now);
     }
-    return Translate(m_watch->OnState(state, now), now);
+    Actions actions = Translate(m_watch->OnState(state, now), now);
+    if (state.state == kCameraOpen && m_sizes_tried > 1) {
+        m_sizes_tried = 1;
+        actions.push_back(Report(CameraLabel(Camera()) + " is open at " + SizeText(m_open_size) +
+                                 ", because larger sizes could not be opened"));
+    }
+    return actions;
 }
 
 PublishedCamera::Actions PublishedCamera::OnCameras(const std::vector<CameraEntry>& cameras,
@@ -207,6 +220,8 @@ PublishedCamera::Actions PublishedCamera::Translate(const CameraWatch::Actions& 
                 break;
             case WatchAction::kOpen:
                 m_open_id = action.id;
+                m_open_size = m_format.size;
+                m_sizes_tried = 1;
                 m_format_requests = 0;
                 actions.push_back({.kind = PublishAction::kOpen, .id = action.id, .format = m_format});
                 break;

@@ -11,6 +11,9 @@
 // next frame its readers are shown a card once per second: a picture that says so. A reader is never left
 // without pictures, because some programs wait for the next one for ever.
 //
+// Some sizes cannot be opened (they exist only compressed, which the list does not say). Then smaller ones
+// are tried at once, and the pictures are scaled to what readers want.
+//
 // A camera that cannot be opened (another program has it, its user said no) is not tried once per second,
 // because somebody may be asked each time: the pause doubles from kShortestPause to kLongestPause. It is
 // forgotten when the last reader has left.
@@ -92,7 +95,9 @@ public:
 
     // A frame for which WantsFrames() is true.
     Actions OnFrame(Clock::time_point now);
-    Actions OnState(const StateMessage& state, Clock::time_point now);
+    // `may_be_size`: since kOpen the host has given no other reason why the camera cannot be opened, so it
+    // may be possible with a smaller size.
+    Actions OnState(const StateMessage& state, Clock::time_point now, bool may_be_size = false);
     Actions OnCameras(const std::vector<CameraEntry>& cameras, Clock::time_point now);
     // The connection is lost. The camera is searched for in the next one.
     Actions OnDisconnect(Clock::time_point now);
@@ -132,6 +137,8 @@ private:
     bool m_published = true;
     std::optional<CameraWatch> m_watch;  // from the first reader until the hold after the last one is over
     std::optional<uint32_t> m_open_id;   // an open was requested, and no close
+    PictureSize m_open_size;             // the last one that it was to be opened with
+    int m_sizes_tried = 0;               // by the current open; 1 if there was nothing to report
     int m_format_requests = 0;           // since then, without those that were refused
     std::optional<Clock::time_point> m_close_time;  // after the last reader
     std::optional<Clock::time_point> m_retry_time;  // after a failed open

@@ -196,6 +196,38 @@ TEST_F(PublishedCameraTest, WaitsLongerAfterEachFailedOpen) {
     }
 }
 
+TEST_F(PublishedCameraTest, TriesSmallerSizesUnlessTheHostSaysWhyItFails) {
+    CameraEntry many = Camera(1, "Desk");
+    many.sizes = {{160, 120}, {1280, 720}, {640, 480}, {320, 240}};
+    PublishedCamera lent({many}, many, {{1280, 720}, 25}, {}, At(0));
+    const auto fail = [&](int ms, bool may_be_size) {
+        return lent.OnState({kCameraFailed, 1}, At(ms), may_be_size);
+    };
+    EXPECT_EQ(lent.OnReaders(true, At(0)), (Actions{Open(1, {{1280, 720}, 25})}));
+    EXPECT_EQ(fail(10, true), (Actions{Open(1, {{640, 480}, 25})}));
+    EXPECT_EQ(fail(20, true), (Actions{Open(1, {{320, 240}, 25})}));
+    const PublishAction smaller =
+        Report("camera 1 (Desk) is open at 320x240, because larger sizes could not be opened");
+    EXPECT_EQ(lent.OnState({kCameraOpen, 1}, At(30), true), Actions{smaller});
+    EXPECT_EQ(lent.OnState({kCameraOpen, 1}, At(30), true), Actions{});
+    ASSERT_TRUE(lent.WantsFrames(1));
+    EXPECT_EQ(lent.OnFrame(At(40)), Actions{});
+    EXPECT_EQ(lent.Format(), (StreamFormat{{1280, 720}, 25}));
+
+    // The next reader begins with its own size; a reason ends the trials.
+    EXPECT_EQ(lent.OnReaders(false, At(50)), Actions{});
+    EXPECT_EQ(lent.OnTime(At(2050)).value_or(Actions{}), Actions{Close(1)});
+    EXPECT_EQ(lent.OnReaders(true, At(2100)), (Actions{Open(1, {{1280, 720}, 25})}));
+    EXPECT_EQ(fail(2110, true), (Actions{Open(1, {{640, 480}, 25})}));
+    const PublishAction failed = Report("camera 1 (Desk) could not be opened");
+    EXPECT_EQ(fail(2120, false), (Actions{kCard, failed}));
+    EXPECT_EQ(lent.OnTime(At(3120)).value_or(Actions{}), (Actions{Open(1, {{1280, 720}, 25}), kCard}));
+    EXPECT_EQ(fail(3130, true), (Actions{Open(1, {{640, 480}, 25})}));
+    EXPECT_EQ(fail(3140, true), (Actions{Open(1, {{320, 240}, 25})}));
+    EXPECT_EQ(fail(3150, true), (Actions{Open(1, {{160, 120}, 25})}));
+    EXPECT_EQ(fail(3160, true), Actions{failed});
+}
+
 TEST_F(PublishedCameraTest, ForgetsAFailedOpenWhenTheLastReaderHasLeft) {
     EXPECT_EQ(camera.OnReaders(true, At(0)), Actions{Open(1)});
     EXPECT_EQ(camera.OnState({kCameraFailed, 1}, At(0)).size(), 2U);
