@@ -101,6 +101,11 @@ public:
                                               [this](StreamFormat format, VideoTargetFormat target) {
                                                   m_format = {format, target};
                                                   m_session.Wake();
+                                              },
+                                          .on_error =
+                                              [this](const std::string& text) {
+                                                  m_error = text;
+                                                  m_session.Wake();
                                               }});
         if (!node) {
             return Fail(node.error());
@@ -126,6 +131,11 @@ public:
         }
         const auto more = camera.OnReaders(m_readers, now);
         actions.insert(actions.end(), more.begin(), more.end());
+        if (m_error != m_reported_error) {
+            m_reported_error = m_error;
+            actions.push_back({.kind = PublishAction::kReport,
+                               .text = CameraLabel(camera.Camera()) + ": PipeWire reports: " + m_error});
+        }
         return actions;
     }
 
@@ -176,6 +186,9 @@ private:
     // Set by the node's callbacks.
     bool m_readers = false;
     std::optional<std::pair<StreamFormat, VideoTargetFormat>> m_format;
+    std::string m_error;  // the last one
+
+    std::string m_reported_error;  // not again if it is the same
 
 public:
     PublishedCamera camera;
@@ -376,6 +389,10 @@ private:
         for (;;) {
             bool any = false;
             for (LentCamera& lent : m_cameras) {
+                // A card has the format that readers want now.
+                if (const auto changed = lent.OnNode(); !changed) {
+                    return Fail(changed.error());
+                }
                 if (lent.IsRead()) {
                     any = true;
                     lent.ShowCard();

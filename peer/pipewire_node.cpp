@@ -309,8 +309,15 @@ public:
     }
 
 private:
-    static void OnState(void* self, pw_stream_state /*old*/, pw_stream_state state, const char* /*error*/) {
+    static void OnState(void* self, pw_stream_state /*old*/, pw_stream_state state, const char* error) {
         const StreamNode& node = *static_cast<StreamNode*>(self);
+        if (state == PW_STREAM_STATE_ERROR) {
+            if (node.m_events.on_error) {
+                node.m_events.on_error(SafeText(error != nullptr ? error : "an error without a reason"));
+            }
+            // The library also reports errors after which the stream goes on.
+            state = node.m_functions.stream_get_state(node.m_stream, nullptr);
+        }
         if (node.m_events.on_readers) {
             node.m_events.on_readers(state == PW_STREAM_STATE_STREAMING);
         }

@@ -59,6 +59,8 @@ struct NodeEvents {
     std::function<void(bool any)> on_readers;
     // Readers agreed on the format of the pictures.
     std::function<void(StreamFormat format, VideoTargetFormat target)> on_format;
+    // PipeWire reports an error of the node, which may work or not from now on. Safe for a terminal.
+    std::function<void(const std::string& text)> on_error;
 };
 
 class PipeWireNode {
