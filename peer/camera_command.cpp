@@ -209,8 +209,7 @@ public:
                 return Fail(decoder.error());
             }
             const auto sizes = OfferedSizes(camera, RequestedSize(options, camera));
-            const PictureSize preferred =
-                options.size && CanBeOffered(*options.size) ? *options.size : DefaultSize(sizes);
+            const PictureSize preferred = options.size.value_or(DefaultSize(sizes));
             if (auto limited = decoder->LimitPixels(MostPixels(options, {3840, 2176})); !limited) {
                 return limited;
             }
@@ -452,6 +451,11 @@ Expected<std::vector<CameraEntry>> WantedCameras(const std::vector<CameraEntry>&
 }  // namespace
 
 Expected<void> PublishCameras(const CommandContext& context) {
+    if (const auto size = context.options.size; size && !CanBeOffered(*size)) {
+        return Fail(SizeText(*size) +
+                    " cannot be offered to programs: the width must be a multiple of 8, the height even, and "
+                    "the size at most 3840x2176 pixels");
+    }
     auto socket = PipeWire::Connect();
     if (!socket) {
         return Fail(socket.error());

@@ -148,6 +148,14 @@ TEST_F(PeerStart, WaitsForAHostThatIsNotUpOnlyAsLongAsItIsTold) {
     ExpectEnd(1, "zu-camera-peer: no connection to " + nowhere + ": No such file or directory\n");
 }
 
+TEST_F(PeerStart, RefusesASizeThatCannotBeOfferedToPrograms) {
+    StartWith({"--socket", work / "nowhere", "camera", "--size", "1366x768"});
+    ExpectEnd(
+        1,
+        "zu-camera-peer: 1366x768 cannot be offered to programs: the width must be a multiple of 8, the "
+        "height even, and the size at most 3840x2176 pixels\n");
+}
+
 TEST_F(PeerStart, ReportsThatACameraCouldNotBeOpened) {
     Start({"record", "0", work / "film.mkv", "--size", "640x480"});
     AnswerList(kOneCamera);
