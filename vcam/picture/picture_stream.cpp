@@ -22,7 +22,7 @@ void PictureStream::Restart() {
 
 Expected<void> PictureStream::Feed(std::span<const uint8_t> bytes, const OnPicture& on_picture) {
     m_completed = 0;
-    const auto collected = Collect(bytes);
+    auto collected = Collect(bytes);
     if (m_completed > 0) {
         on_picture(PlanarImage::ReadFrom(m_newest_layout, m_newest.data()), m_completed);
     }
