@@ -608,7 +608,8 @@ void Broker::AskOwner(PeerId id, Peer& peer, const ListedCamera& camera, const s
 }
 
 // The camera may have changed while the owner was asked, so it is checked again.
-void Broker::OnDecision(PeerId id, const std::string& refusal) {
+void Broker::OnDecision(PeerId id, const std::string& refusal, Clock::time_point now) {
+    m_now = now;
     const auto found = m_peers.find(id);
     if (found == m_peers.end() || found->second.ended || found->second.open != Peer::Open::kAsked) {
         return;
@@ -620,6 +621,11 @@ void Broker::OnDecision(PeerId id, const std::string& refusal) {
     } else {
         RefuseOpen(id, peer, FrontOpen(peer).id, refusal);
     }
+}
+
+bool Broker::IsAsked(PeerId id) const {
+    const Peer& peer = m_peers.at(id);
+    return !peer.ended && peer.open == Peer::Open::kAsked;
 }
 
 // The open at the front of the peer's input, which waits for the gate.
@@ -664,6 +670,7 @@ void Broker::EndWatches(PeerId id, Peer& peer) {
 
 // Answers the open at the front of the peer's input.
 void Broker::RefuseOpen(PeerId id, Peer& peer, uint32_t camera, const std::string& text) {
+    peer.last_request = m_now;
     peer.served += kHeaderSize + sizeof(FormatRequest);
     peer.open = Peer::Open::kNew;
     peer.agreed.clear();

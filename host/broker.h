@@ -209,7 +209,9 @@ public:
     std::optional<OpenCheck> TakeOpenCheck();
     void OnOpenCheck(const OpenCheck& check, const CameraGate::Verdict& verdict);
     // What the owner has decided about the open of an Event kAsked. `refusal`: empty if it may be opened.
-    void OnDecision(PeerId id, const std::string& refusal);
+    void OnDecision(PeerId id, const std::string& refusal, Clock::time_point now);
+    // Whether the peer's open waits for OnDecision.
+    bool IsAsked(PeerId id) const;
 
     // ---- What the caller must do
 

@@ -1167,7 +1167,7 @@ TEST_F(AskingBrokerTest, AnOpenWaitsForTheOwnerAndOtherPeersGoOn) {
     broker.RemovePeer(3);
     now += seconds(100);
     EXPECT_FALSE(broker.OnTime(now));  // it is not idle
-    broker.OnDecision(1, "");
+    broker.OnDecision(1, "", now);
     // The camera may be another one by now.
     Check(1);
     EXPECT_EQ(Next(), OpenBytes(0));
@@ -1180,19 +1180,32 @@ TEST_F(AskingBrokerTest, AnOwnerWhoDoesNotAgreeIsAskedAgainAtTheNextOpen) {
     Ask(1, OpenBytes(0));
     Check(1);
     ExpectQuestion(1);
-    broker.OnDecision(1, "no");
+    broker.OnDecision(1, "no", now);
     EXPECT_EQ(Take(1), NoticeBytes("no") + StateBytes(kFailed, 0));
-    broker.OnDecision(1, "");  // too late
+    broker.OnDecision(1, "", now);  // too late
     Ask(1, OpenBytes(0));
     Check(1);
     ExpectQuestion(1);
+}
+
+TEST_F(AskingBrokerTest, APeerIsNotEndedForTheTimeThatItsOwnerTakes) {
+    broker.RemovePeer(2);
+    broker.RemovePeer(3);
+    Ask(1, OpenBytes(0));
+    Check(1);
+    ExpectQuestion(1);
+    now += seconds(100);
+    broker.OnDecision(1, "no", now);
+    EXPECT_FALSE(broker.OnTime(now));
+    EXPECT_EQ(Take(1), NoticeBytes("no") + StateBytes(kFailed, 0));
+    EXPECT_FALSE(broker.OnTime(now));
 }
 
 TEST_F(AskingBrokerTest, TheOwnerIsAskedAgainIfTheCameraHasChanged) {
     Ask(1, OpenBytes(0));
     Check(1);
     ExpectQuestion(1);
-    broker.OnDecision(1, "");
+    broker.OnDecision(1, "", now);
     // Another device has got the file.
     files.OnLogLine("[CameraEnumerator]  id: 0 name: Door bus:  usb-2 file: /dev/video3 res: ");
     identity = "other";
@@ -1212,10 +1225,10 @@ TEST_F(AskingBrokerTest, AnAgreementIsNotForAnotherDeviceThatAPeerHasOpened) {
     Ask(2, OpenBytes(0));
     Check(2);
     ExpectQuestion(2);
-    broker.OnDecision(2, "");
+    broker.OnDecision(2, "", now);
     Check(2);
     identity = "one";
-    broker.OnDecision(1, "");
+    broker.OnDecision(1, "", now);
     Check(1);
     // Both are allowed now.
     ASSERT_EQ(Next(), OpenBytes(0));
@@ -1234,7 +1247,7 @@ TEST_F(AskingBrokerTest, AnOpenThatWaitsCountsAsOneRequest) {
         ASSERT_EQ(Next(), Bytes());
     }
     EXPECT_EQ(Take(1), Bytes());
-    broker.OnDecision(1, "");
+    broker.OnDecision(1, "", now);
     Check(1);
     EXPECT_EQ(Next(), OpenBytes(0));
 }
@@ -1242,7 +1255,7 @@ TEST_F(AskingBrokerTest, AnOpenThatWaitsCountsAsOneRequest) {
 TEST_F(AskingBrokerTest, TheOwnersAgreementIsForOneFormat) {
     Ask(1, OpenBytes(0));
     Check(1);
-    broker.OnDecision(1, "");
+    broker.OnDecision(1, "", now);
     Check(1);
     ASSERT_EQ(Next(), OpenBytes(0));
     Plugin(StateBytes(kOpen, 0));
@@ -1257,7 +1270,7 @@ TEST_F(AskingBrokerTest, EachPeerNeedsTheOwnersAgreement) {
     Ask(1, OpenBytes(0));
     Check(1);
     ExpectQuestion(1);
-    broker.OnDecision(1, "");
+    broker.OnDecision(1, "", now);
     Check(1);
     EXPECT_EQ(Next(), OpenBytes(0));
     Plugin(StateBytes(kOpen, 0));
@@ -1266,7 +1279,7 @@ TEST_F(AskingBrokerTest, EachPeerNeedsTheOwnersAgreement) {
     EXPECT_EQ(Next(), Bytes());
     ExpectQuestion(2);
     EXPECT_EQ(Take(2), Bytes());
-    broker.OnDecision(2, "");
+    broker.OnDecision(2, "", now);
     EXPECT_EQ(Next(), Bytes());
     EXPECT_EQ(Take(2), StateBytes(kOpen, 0));
 }
@@ -1275,7 +1288,7 @@ TEST_F(AskingBrokerTest, AQuestionOfAPeerThatHasLeftIsForgotten) {
     Ask(1, OpenBytes(0));
     Check(1);
     broker.RemovePeer(1);
-    broker.OnDecision(1, "");
+    broker.OnDecision(1, "", now);
     EXPECT_EQ(Next(), Bytes());
 }
 

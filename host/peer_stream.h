@@ -38,7 +38,8 @@ public:
     // The number of bytes that were sent, 0 if none can be sent now, or nothing if none will be any more.
     std::optional<size_t> Send(std::span<const uint8_t> bytes) const;
 
-    // Whether the peer has closed, as far as that can be seen without reading.
+    bool InIsSocket() const { return m_in_is_socket; }
+    // Whether the peer has closed, as far as that can be seen without reading. Of a pipe: its input.
     bool IsHungUp() const;
 
 private:

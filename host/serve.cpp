@@ -200,7 +200,7 @@ public:
             if (m_session_has_ended) {
                 stream.Update([id = id](Broker& broker) { broker.EndPeer(id, kSessionEnded, Clock::now()); });
             }
-            if (!SendOutput(id, peer) || IsDone(id) || m_session_has_ended) {
+            if (!SendOutput(id, peer) || IsDone(id) || HasLeftAQuestion(id, peer) || m_session_has_ended) {
                 Remove(id);
             } else {
                 WaitForPeer(id, peer);
@@ -243,6 +243,7 @@ private:
         bool can_send = true;
         Waiter::Registration input;
         Waiter::Registration output;
+        Waiter::Registration hang_up;
     };
 
     void CloseMissingCameras(PluginStream& stream) {
@@ -259,6 +260,15 @@ private:
     bool IsDone(PeerId id) const {
         return m_session->Stream().Query(
             [id](const Broker& broker) { return broker.IsDone(id, Clock::now()); });
+    }
+
+    bool IsAsked(PeerId id) const {
+        return m_session->Stream().Query([id](const Broker& broker) { return broker.IsAsked(id); });
+    }
+
+    // Whether the peer closed its connection while its owner decides. Nobody would see the camera's frames.
+    bool HasLeftAQuestion(PeerId id, const Peer& peer) const {
+        return peer.stream->InIsSocket() && IsAsked(id) && peer.stream->IsHungUp();
     }
 
     // False if the connection is broken.
@@ -307,6 +317,12 @@ private:
             peer.input = m_waiter.Watch(peer.stream->In(), POLLIN,
                                         [this, id, &stream = *peer.stream] { ReceiveInput(id, stream); });
         }
+        if (wants_input || !peer.stream->InIsSocket() || !IsAsked(id)) {
+            peer.hang_up.reset();
+        } else if (peer.hang_up == nullptr) {
+            // Wait() returns then, and Serve removes the peer.
+            peer.hang_up = m_waiter.Watch(peer.stream->In(), 0, [] {});
+        }
         if (peer.can_send) {
             peer.output.reset();
         } else if (peer.output == nullptr) {
@@ -336,6 +352,8 @@ private:
             const bool is_meant = entry.second.peer == id;
             if (is_meant) {
                 (void)m_parts.helper->Cancel(entry.first);
+                // Otherwise a peer could make questions come and go without a pause.
+                m_refusals[entry.second.file] = Clock::now() + kRefusalTime;
             }
             return is_meant;
         });
@@ -406,7 +424,7 @@ private:
     }
 
     void Decide(PeerId id, const std::string& refusal) {
-        m_session->Stream().Call([&](Broker& broker) { broker.OnDecision(id, refusal); });
+        m_session->Stream().Call([&](Broker& broker) { broker.OnDecision(id, refusal, Clock::now()); });
     }
 
     void ReceiveReplies() {

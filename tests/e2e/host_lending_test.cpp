@@ -96,6 +96,18 @@ TEST_F(HostLending, OtherPeersAreServedWhileTheOwnerIsAsked) {
     ExpectPictures(first);
 }
 
+TEST_F(HostLending, APeerThatLeavesEndsItsQuestion) {
+    SKIP_WITHOUT_SHELL();
+    const auto host = Start({"--ask", "until test -e '" + (work / "go") + "'; do sleep 0.05; done"});
+    {
+        const PeerClient first = Connect();
+        EXPECT_TRUE(first.Send(OpenBytes(0)));
+        EXPECT_TRUE(host->Says("[session] peer 1 asks for camera 0 (Front)"));
+    }
+    EXPECT_TRUE(host->Says("[host] peer 1 has left after "));
+    ExpectRefused(Connect(), 0, "the owner of this host has not agreed less than 10 seconds ago");
+}
+
 TEST_F(HostLending, HooksRunWhenACameraIsOpenedAndClosedAndWhenTheHostEnds) {
     SKIP_WITHOUT_SHELL();
     const std::string print =
