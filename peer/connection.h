@@ -37,6 +37,8 @@ public:
 
     // The process of the command; -1 if there is none.
     pid_t Command() const { return m_command; }
+    // For a process that was forked: the command is the child of another process, which ends it.
+    void LeaveCommand() { m_command = -1; }
 
     // Closes the descriptors and reaps the command, which gets some time to exit before it is killed.
     // Returns how the command failed; "" if it did not, or if there is none. May be called again.

@@ -97,6 +97,7 @@ public:
     Expected<PeerOptions> Parse(int count, const char* const* words) {
         return CheckCommand(count, words)
             .and_then([&] { return ParseCommandLine(m_app, count, words); })
+            .and_then([&] { return TakeProgram(count, words); })
             .and_then([this] { return AddTargets(); })
             .and_then([this] { return CheckSettings(); })
             .and_then([this] { return CheckConnection(); })
@@ -119,6 +120,21 @@ private:
             }
             break;
         }
+        return {};
+    }
+
+    // As it was written: CLI11 takes a word such as "[a,b]" for a list.
+    Expected<void> TakeProgram(int count, const char* const* words) {
+        std::vector<std::string>& program = m_options.program;
+        if (program.empty()) {
+            return {};
+        }
+        const auto* const end = words + count;
+        const auto* const dashes = std::find(words, end, std::string_view("--"));
+        if (end - dashes < 2 || program.front() != dashes[1]) {
+            return FailUsage("COMMAND must follow --");
+        }
+        program.assign(dashes + 1, end);
         return {};
     }
 

@@ -59,6 +59,17 @@ TEST(PeerOptions, NameFurtherCamerasToRecord) {
     EXPECT_EQ(options.targets[2].path, "c.h264");
 }
 
+TEST(PeerOptions, KeepTheWordsOfAProgram) {
+    const std::vector<std::string> words = {"ffmpeg", "-map", "[v]", "[a,b]", "{}", "", "--", "--size", "9"};
+    EXPECT_EQ(Options({"--socket", "/run/s", "run", "--fps", "10", "--", "ffmpeg", "-map", "[v]", "[a,b]",
+                       "{}", "", "--", "--size", "9"})
+                  .program,
+              words);
+    EXPECT_EQ(Mistake({"--socket", "/run/s", "run", "ls"}), "COMMAND must follow -- (see --help)");
+    EXPECT_EQ(Mistake({"--socket", "/run/s", "run", "ls", "--", "-l"}),
+              "The following argument was not expected: -l (see --help)");
+}
+
 TEST(PeerOptions, HaveTheirDefaults) {
     const PeerOptions options = Options({"--socket", "/run/s", "list"});
     EXPECT_STREQ(options.command->name, "list");

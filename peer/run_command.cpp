@@ -27,8 +27,8 @@ namespace {
 
 constexpr char kVirtualCameras[] = "zu-vcam";
 constexpr int kServerGone = 3;  // exit status of a feeding process
-constexpr auto kShortestPause = std::chrono::milliseconds(500);
-constexpr auto kLongestPause = std::chrono::seconds(8);
+constexpr auto kFirstPause = std::chrono::milliseconds(500);
+constexpr auto kLastPause = std::chrono::seconds(8);
 constexpr auto kEndLimit = std::chrono::seconds(3);
 // In place of options: the text of a failure follows.
 constexpr char kFailureMark = '!';
@@ -47,7 +47,7 @@ void Unblock(std::initializer_list<int> signals) {
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-void Report(const std::string& text) {
+void PrintLine(const std::string& text) {
     (void)ReportError("zu-camera-peer", {text});
 }
 
@@ -67,21 +67,27 @@ public:
     }
 
     [[noreturn]] void Run() {
-        auto pause = Clock::duration(kShortestPause);
+        auto pause = Clock::duration(kFirstPause);
         for (;;) {
-            if (Connect()) {
-                pause = kShortestPause;
+            // The connection is closed again, so the command behind --exec has ended.
+            const Outcome outcome = Connect();
+            if (outcome == Outcome::kOver) {
+                _exit(0);
+            }
+            if (outcome == Outcome::kLost) {
+                pause = kFirstPause;
             }
             if (!m_context.waiter.Wait(Clock::now() + pause)) {
                 _exit(0);
             }
-            pause = std::min<Clock::duration>(2 * pause, kLongestPause);
+            pause = std::min<Clock::duration>(2 * pause, kLastPause);
         }
     }
 
 private:
-    // Returns whether there was a connection.
-    bool Connect() {
+    enum class Outcome : uint8_t { kNotConnected, kLost, kOver };
+
+    Outcome Connect() {
         auto session = m_context.Connect();
         auto listed = session.and_then([](Session& connected) { return AskCameras(connected); });
         if (m_listing) {
@@ -91,14 +97,13 @@ private:
             if (listed.error() == Interrupted()) {
                 _exit(0);
             }
-            return false;
+            return Outcome::kNotConnected;
         }
         if (m_was_lost) {
-            Report("the host is back");
+            PrintLine("the host is back");
         }
-        Feed(*session, *listed);
         m_was_lost = true;
-        return true;
+        return Feed(*session, *listed) ? Outcome::kOver : Outcome::kLost;
     }
 
     // For the first process, which reads until the end.
@@ -127,22 +132,23 @@ private:
         }
     }
 
-    // In a new process, for whose end it waits.
-    void Feed(Session& session, const std::vector<CameraEntry>& listed) {
+    // In a new process, for whose end it waits. Returns whether this process must end, too.
+    bool Feed(Session& session, const std::vector<CameraEntry>& listed) {
         const pid_t keeper = getpid();
         const pid_t child = fork();
         if (child == 0) {
             EndWith(keeper);
+            session.LeaveCommand();
             const auto end = FeedVirtualCameras(m_context, session, listed, m_plan);
             if (end && !end->is_server_gone) {
-                Report(end->text + "; the cameras are unplugged until the host is back");
+                PrintLine(end->text + "; the cameras are unplugged until the host is back");
             }
-            // No destructor: a thread may still be decoding, and the command behind --exec is the keeper's.
+            // No destructor: a thread may still be decoding.
             _exit(end && end->is_server_gone ? kServerGone : 0);
         }
         if (child < 0) {
-            Report("cannot start a process: " + ErrnoText(errno));
-            return;
+            PrintLine("cannot start a process: " + ErrnoText(errno));
+            return false;
         }
         // By its number: some versions of the C library declare pidfd_open() for C only.
         const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
@@ -156,12 +162,13 @@ private:
         int status = 0;
         waitpid(child, &status, 0);
         if (stopped || (WIFEXITED(status) && WEXITSTATUS(status) == kServerGone)) {
-            _exit(0);
+            return true;
         }
         if (WIFSIGNALED(status)) {
-            Report("decoding was ended by signal " + std::to_string(WTERMSIG(status)) +
-                   "; the cameras are unplugged until the host is back");
+            PrintLine("decoding was ended by signal " + std::to_string(WTERMSIG(status)) +
+                      "; the cameras are unplugged until the host is back");
         }
+        return false;
     }
 
     const CommandContext& m_context;

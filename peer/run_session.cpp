@@ -62,6 +62,7 @@ struct LentCamera {
     std::optional<PictureDecoder> decoder;  // from the first open on
     Waiter::Registration notices;           // none while a notice waits to be received
     bool is_plugged = true;
+    uint64_t notices_at_open = 0;  // of the host, when the camera was to be opened
 };
 
 class RunSession {
@@ -197,7 +198,8 @@ private:
         for (LentCamera& camera : m_cameras) {
             Expected<void> done;
             if (state != nullptr) {
-                done = Perform(camera, camera.published.OnState(*state, Clock::now()));
+                const bool explained = m_session.Notices() != camera.notices_at_open;
+                done = Perform(camera, camera.published.OnState(*state, Clock::now(), !explained));
             } else if (frame != nullptr && !frame->bytes.empty() && camera.published.WantsFrames(frame->id)) {
                 done = Perform(camera, camera.published.OnFrame(received.at)).and_then([&] {
                     return Show(camera, frame->bytes);
@@ -294,6 +296,11 @@ private:
                 return std::exchange(m_is_list_requested, true) ? Expected<void>()
                                                                 : m_session.Send(ListRequest());
             case PublishAction::kOpen:
+                if (IsUsed(camera, action.id)) {
+                    return Perform(camera,
+                                   camera.published.OnState({kCameraFailed, action.id}, Clock::now()));
+                }
+                camera.notices_at_open = m_session.Notices();
                 return PrepareDecoder(camera, format.size).and_then([&] {
                     return m_session.Send(OpenRequest(action.id, format.size, format.fps));
                 });
@@ -314,6 +321,13 @@ private:
                 return {};
         }
         return {};
+    }
+
+    // Two cameras of one name may be listed under one id after another. Their frames could not be told apart.
+    bool IsUsed(const LentCamera& camera, uint32_t id) const {
+        return std::ranges::any_of(m_cameras, [&](const LentCamera& other) {
+            return &other != &camera && other.published.WantsFrames(id);
+        });
     }
 
     const CommandContext& m_context;

@@ -40,6 +40,8 @@ public:
           m_on_notice(std::move(on_notice)) {}
 
     Clock::duration Limit() const { return m_limit; }
+    // See Connection.
+    void LeaveCommand() { m_connection.LeaveCommand(); }
     // The process behind --exec; -1 if there is none.
     pid_t Command() const { return m_connection.Command(); }
 

