@@ -2,6 +2,7 @@
 #include <linux/videodev2.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <set>
@@ -30,11 +31,17 @@ protected:
     void Touch(const std::string& name) const { std::ofstream(work / name).put('\n'); }
     bool Exists(const std::string& name) const { return access((work / name).c_str(), F_OK) == 0; }
 
-    // The counters of the pictures in a file of NV12. A picture without a stamp, such as a black one, has
-    // none.
+    // The counters of the last pictures in a file of NV12, which may grow. A picture without a stamp, such as
+    // a black one, has none.
     std::set<uint32_t> CountersIn(const std::string& path) const {
+        constexpr size_t kPictures = 30;
         const vcam::PictureLayout layout = vcam::LayOut(V4L2_PIX_FMT_NV12, kWidth, kHeight);
-        const std::string bytes = FileContent(path);
+        std::ifstream file(path, std::ios::binary | std::ios::ate);
+        const auto whole = static_cast<size_t>(std::max<std::streamoff>(file.tellg(), 0)) / layout.sizeimage;
+        const size_t count = std::min(whole, kPictures);
+        std::string bytes(count * layout.sizeimage, '\0');
+        file.seekg(static_cast<std::streamoff>((whole - count) * layout.sizeimage));
+        file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         std::set<uint32_t> counters;
         for (size_t at = 0; at + layout.sizeimage <= bytes.size(); at += layout.sizeimage) {
             const auto* picture = reinterpret_cast<const uint8_t*>(bytes.data()) + at;
