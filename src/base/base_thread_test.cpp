@@ -310,6 +310,7 @@ TEST(BaseThread, WaitStopIgnoresItsTimeAndJoins) {
         EXPECT_TRUE(thread.WaitStop(1));
         waited = true;
     });
+    EXPECT_TRUE(WaitUntil([&] { return FieldsOf(thread).stop_request == 1; }));
     EXPECT_FALSE(WaitUntil([&] { return waited.load(); }, std::chrono::milliseconds(50)));
     gate.Open();
     owner.join();
