@@ -38,8 +38,8 @@ TEST_F(CommandLine, HelpNamesEveryOption) {
 }
 
 TEST_F(CommandLine, HelpIsWrappedAt80Columns) {
-    CLI::App wide(
-        "Does something that takes more words to describe than a line of eighty columns has room for.", "zu");
+    CLI::App wide("Does something that takes more words to describe than a line of eighty columns can hold.",
+                  "zu");
     wide.set_help_flag("--help", "Print this text");
     std::string value;
     wide.add_option("--an-option", value,
@@ -51,7 +51,7 @@ TEST_F(CommandLine, HelpIsWrappedAt80Columns) {
     ASSERT_FALSE(result);
     EXPECT_EQ(result.error().text,
               "Does something that takes more words to describe than a line of eighty columns\n"
-              "has room for.\n"
+              "can hold.\n"
               "Usage: zu [OPTIONS]\n"
               "\n"
               "Options:\n"

@@ -132,7 +132,7 @@ bool Feeder::Put(const Picture& picture) {
              FeedMemory::kSlotMask;
     m_slot = std::min(m_slot, FeedMemory::kSlots - 1);  // the server is trusted, but not with this memory
     const FeedCommand command{FeedCommand::kPicture};
-    // If there is no room, the server has not read the earlier commands. Those will make it look, too.
+    // If the socket is full, the server has yet to read earlier commands, which will make it look, too.
     (void)send(m_socket.Get(), &command, sizeof command, MSG_DONTWAIT | MSG_NOSIGNAL);
     return true;
 }

@@ -17,9 +17,9 @@ namespace zumod::vcam {
 
 class FeedInput {
 public:
-    // With room for pictures of every listed size, and of kMostLivePixels for sizes that are not listed: the
-    // driver may accept those, or a fault set them. Memory that no picture reaches costs nothing. Returns
-    // null, with errno set, if there is no memory.
+    // A slot can hold a picture of every listed size, and one of kMostLivePixels: the driver may accept a
+    // size that is not listed, or a fault set it. Memory that no picture reaches costs nothing. Returns null,
+    // with errno set, if there is no memory.
     static std::unique_ptr<FeedInput> Create(const CameraConfig& config);
     FeedInput(const FeedInput&) = delete;
     FeedInput& operator=(const FeedInput&) = delete;
