@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -442,6 +443,22 @@ TEST_F(FifoCameraTest, ForgetsThePartThatAWriterLeftBeforeTheFifoWasOpened) {
     Write(std::string(384, 'W'));
     input.OnReadable(on_picture, {});
     EXPECT_EQ(lumas, std::vector<int>{'W'});
+}
+
+TEST_F(FifoCameraTest, TakesOnlyAPieceOfAFullPipeAtOnceSoThatRequestsDoNotWait) {
+    auto input = FifoInput::Open({LiveSource::kRaw, Fifo(), V4L2_PIX_FMT_NV12, {16, 16}}).value();
+    const UniqueFd writer(open(Fifo().c_str(), O_WRONLY | O_CLOEXEC));
+    const std::string bytes(200000, 'W');
+    ASSERT_EQ(write(writer.Get(), bytes.data(), bytes.size()), 200000);
+    const auto unread = [&input] {
+        int count = -1;
+        ioctl(input.Descriptor(), FIONREAD, &count);
+        return count;
+    };
+    for (const int left : {134464, 68928, 3392, 0}) {
+        input.OnReadable([](const PlanarImage& /*image*/, uint64_t /*count*/) {}, {});
+        EXPECT_EQ(unread(), left);
+    }
 }
 
 TEST_F(FifoCameraTest, LosesPicturesOfAFastWriterButNotTheNewest) {

@@ -1,6 +1,7 @@
 #include "vcam/model/fifo_input.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -10,8 +11,9 @@
 namespace zumod::vcam {
 namespace {
 
-// As large as the kernel lets any user make a pipe: fewer rounds for each picture.
+// As large as the kernel lets any user make a pipe: a writer seldom waits for the camera server.
 constexpr int kPipeSize = 1 << 20;
+constexpr size_t kPieceSize = 1 << 16;
 constexpr auto kLogInterval = std::chrono::seconds(1);
 
 std::optional<PictureLayout> RawLayout(const LiveSource& source) {
@@ -40,15 +42,13 @@ Expected<FifoInput> FifoInput::Open(const LiveSource& source) {
 }
 
 FifoInput::FifoInput(const LiveSource& source, UniqueFd fd)
-    : m_path(SafeText(source.path)),
-      m_fd(std::move(fd)),
-      m_stream(RawLayout(source)),
-      m_bytes(static_cast<size_t>(kPipeSize)) {
+    : m_path(SafeText(source.path)), m_fd(std::move(fd)), m_stream(RawLayout(source)), m_bytes(kPieceSize) {
     fcntl(m_fd.Get(), F_SETPIPE_SZ, kPipeSize);
 }
 
 bool FifoInput::OnReadable(const PictureStream::OnPicture& on_picture, const Log& log) {
-    for (int reads = 0; reads < 2; ++reads) {
+    int unread = 0;
+    for (int reads = 0; reads < 2 && unread == 0; ++reads) {
         const ssize_t count = read(m_fd.Get(), m_bytes.data(), m_bytes.size());
         if (count == 0) {
             m_stream.Restart();
@@ -57,6 +57,7 @@ bool FifoInput::OnReadable(const PictureStream::OnPicture& on_picture, const Log
         if (count < 0) {
             return false;
         }
+        ioctl(m_fd.Get(), FIONREAD, &unread);
         const auto fed = m_stream.Feed(std::span(m_bytes).first(static_cast<size_t>(count)), on_picture);
         const auto now = Clock::now();
         if (!fed && now - m_refused >= kLogInterval) {

@@ -8,8 +8,11 @@
 // to another file by now.
 //
 // A writer that comes and goes between the end and the new descriptor leaves bytes and no hang-up. Therefore
-// each read is followed by a second one, which sees that end. More are not needed: one read empties the pipe,
-// and poll() reports the hang-up of a writer that was there after the descriptor was opened.
+// a read that empties the pipe is followed by a second one, which sees that end. More are not needed: poll()
+// reports the hang-up of a writer that was there after the descriptor was opened.
+//
+// The thread that reads also answers the programs that use the cameras. A read takes at most a sixteenth of
+// the pipe, so that no request waits until a pipe full of pictures is converted.
 //
 // Thread rule: one thread at a time.
 #pragma once
@@ -35,8 +38,9 @@ public:
 
     int Descriptor() const { return m_fd.Get(); }
 
-    // Reads at most twice. The log gets a line for a stream that is refused, at most one per second. Returns
-    // whether the descriptor is a new one, or invalid: then the input has ended, and the log says why.
+    // Reads at most twice, 64 KiB each. The log gets a line for a stream that is refused, at most one per
+    // second. Returns whether the descriptor is a new one, or invalid: then the input has ended, and the log
+    // says why.
     bool OnReadable(const PictureStream::OnPicture& on_picture, const Log& log);
 
 private:
