@@ -504,6 +504,7 @@ std::optional<Bytes> Broker::CloseUnwatchedCamera() {
             Bytes request(kHeaderSize + sizeof id);
             WriteRecord(WriteHeader(request.data(), kCloseCamera, sizeof id), id);
             m_cameras.erase(id);
+            m_current.type = kCloseCamera;
             return request;
         }
     }

@@ -173,6 +173,8 @@ public:
     // The open cameras and their device files.
     std::map<uint32_t, std::string> OpenDevices() const;
     bool HasOpenCamera() const { return !m_cameras.empty(); }
+    // The same for a plugin whose Run has returned. It may have been given a close that it has not read.
+    bool MayHaveOpenCamera() const { return HasOpenCamera() || m_current.type == kCloseCamera; }
     // The device file of an open camera does not exist any more.
     void OnDeviceGone(uint32_t camera, Clock::time_point now);
     // When OnTime or IsDone may do something if nothing else happens.

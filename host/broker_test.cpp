@@ -843,6 +843,27 @@ TEST_F(BrokerTest, WhileAnotherCameraMayRunNoFrameWaits) {
     EXPECT_FALSE(broker.MayTakeFrame());
 }
 
+// The broker does not know whether the plugin has read the request that it was given last.
+TEST_F(BrokerTest, ACameraMayBeOpenUntilThePluginHasHandledItsClose) {
+    EXPECT_FALSE(broker.MayHaveOpenCamera());
+    OpenFirst(1, 0);
+    EXPECT_TRUE(broker.MayHaveOpenCamera());
+    Ask(1, CloseBytes(0));
+    ASSERT_EQ(Next(), CloseBytes(0));
+    EXPECT_TRUE(broker.MayHaveOpenCamera());
+    Plugin(StateBytes(kClosed, 0));
+    ASSERT_EQ(Next(), Bytes());
+    EXPECT_FALSE(broker.MayHaveOpenCamera());
+    Take(1);
+    OpenFirst(1, 0);
+    broker.RemovePeer(1);
+    ASSERT_EQ(Next(), CloseBytes(0));
+    EXPECT_FALSE(broker.HasOpenCamera());
+    EXPECT_TRUE(broker.MayHaveOpenCamera());
+    ASSERT_EQ(Next(), Bytes());
+    EXPECT_FALSE(broker.MayHaveOpenCamera());
+}
+
 TEST_F(BrokerTest, ACameraWhoseDeviceIsGoneIsClosedForAllItsPeers) {
     results[DeviceTask::Kind::kFindDevice] = {"/dev/video3", {}, "", false};
     OpenFirst(1, 0);

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <latch>
+#include <list>
 #include <map>
 #include <new>
 #include <string>
@@ -28,6 +30,8 @@ namespace {
 
 constexpr Clock::time_point kNever = Clock::time_point::max();
 constexpr auto kPause = std::chrono::milliseconds(100);
+// How many sessions may end in the background. The end of a further one delays the next peer.
+constexpr size_t kMostEnding = 4;
 constexpr size_t kInputSize = size_t{64} * 1024;
 constexpr char kSessionEnded[] = "ended: the camera module has no memory, thread or descriptor left";
 constexpr auto kRefusalTime = std::chrono::seconds(10);
@@ -80,9 +84,9 @@ CameraUse UseOf(const Broker::Event& event, const ucred& process) {
     return use;
 }
 
-// One plugin and its thread, from the first peer to the last: no camera, queued frame or property of earlier
-// peers reaches later ones. Run, ExitInstance and the release of the plugin happen on the session's thread,
-// in this order; another thread can only end the stream.
+// One plugin and its thread, from the first peer to the last. While one ends, the next may run. No camera,
+// queued frame or property of earlier peers reaches later ones. Run, ExitInstance and the release of the
+// plugin happen on the session's thread, in this order; another thread can only end the stream.
 class Session {
 public:
     // Null if the system has no descriptor or no thread for it.
@@ -110,6 +114,14 @@ public:
 
     PluginStream& Stream() const { return *m_stream; }
 
+    // Ends the stream and waits until Run has returned: no other session may run before that, because they
+    // share the gate. Then the thread ends by itself. Returns whether a camera may still be open.
+    bool EndRun() {
+        m_stream->End();
+        m_run_over.wait();
+        return m_stream->Query([](const Broker& broker) { return broker.MayHaveOpenCamera(); });
+    }
+
     // Readable once everything that belongs to the session is closed.
     int Done() const { return m_done.Get(); }
 
@@ -120,23 +132,31 @@ private:
           m_done(eventfd(0, EFD_CLOEXEC)) {}
 
     void Serve() {
-        try {
-            if (const CRefPtr_T<IClientCameraPlugin> plugin = m_module.CreatePlugin()) {
-                plugin->SetChannelStream(m_stream.Get());
-                plugin->Run();
-                // A frame that waits for space would block ExitInstance.
-                m_stream->End();
-                plugin->ExitInstance();
-            }
-        } catch (const std::bad_alloc&) {
-            // No plugin could be created: nothing that Run calls here throws. The peers are told.
+        if (const CRefPtr_T<IClientCameraPlugin> plugin = CreatePlugin()) {
+            plugin->SetChannelStream(m_stream.Get());
+            plugin->Run();
+            m_run_over.count_down();
+            // A frame that waits for space would block ExitInstance.
+            m_stream->End();
+            plugin->ExitInstance();
+        } else {
+            m_run_over.count_down();  // The peers are told.
         }
         eventfd_write(m_done.Get(), 1);
+    }
+
+    CRefPtr_T<IClientCameraPlugin> CreatePlugin() const {
+        try {
+            return m_module.CreatePlugin();
+        } catch (const std::bad_alloc&) {
+            return {};
+        }
     }
 
     CameraModule& m_module;
     const CRefPtr_T<PluginStream> m_stream;
     const UniqueFd m_done;  // an eventfd
+    std::latch m_run_over{1};
     std::thread m_thread;
 };
 
@@ -187,6 +207,7 @@ public:
 
     // Moves all bytes that can be moved now, and closes what is done.
     void Serve() {
+        m_ending.remove_if([](const Ending& ending) { return ending.is_done; });
         if (m_session == nullptr) {
             return;
         }
@@ -244,6 +265,13 @@ private:
         Waiter::Registration input;
         Waiter::Registration output;
         Waiter::Registration hang_up;
+    };
+
+    // A session without peers, whose thread ends by itself.
+    struct Ending {
+        std::unique_ptr<Session> session;
+        bool is_done = false;
+        Waiter::Registration done;
     };
 
     void CloseMissingCameras(PluginStream& stream) {
@@ -466,12 +494,20 @@ private:
         }
     }
 
+    // ExitInstance takes up to half a second. The next peer need not wait for it, unless it closes a camera
+    // that the peer may want to open. That is known once Run has returned: the plugin reads nothing more.
     void EndSession() {
         while (!m_peers.empty()) {
             Remove(m_peers.begin()->first);
         }
         m_plugin_ended.reset();
         m_plugin_wakes.reset();
+        if (m_session != nullptr && m_ending.size() < kMostEnding && !m_session->EndRun()) {
+            Ending& ending = m_ending.emplace_back();
+            ending.session = std::move(m_session);
+            ending.done =
+                m_waiter.Watch(ending.session->Done(), POLLIN, [&ending] { ending.is_done = true; });
+        }
         m_session.reset();
         m_session_has_ended = false;
     }
@@ -483,6 +519,7 @@ private:
     DeviceWatch m_devices{m_waiter};
     std::unique_ptr<Session> m_session;
     bool m_session_has_ended = false;
+    std::list<Ending> m_ending;
     Waiter::Registration m_plugin_ended;
     Waiter::Registration m_plugin_wakes;
     std::map<PeerId, Peer> m_peers;

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "tests/e2e/host_process.h"
@@ -37,6 +38,27 @@ TEST_F(HostSession, TheNextPeerCanOpenACameraThatTheLastOneLeftOpen) {
     const auto host = Start();
     { ExpectPictures(Connect()); }
     ExpectPictures(Connect());
+}
+
+TEST_F(HostSession, APeerIsServedWhileThePluginOfTheLastOneEnds) {
+    const auto host = Start();
+    // Two plugins existed at once if a second one was created before one was destroyed.
+    const auto two_plugins_existed = [&] {
+        { ExpectServed(Connect()); }
+        ExpectServed(Connect());
+        std::istringstream log(host->Errors());
+        int plugins = 0;
+        for (std::string line; std::getline(log, line);) {
+            plugins += line.ends_with("[cameraclient] create") ? 1 : 0;
+            plugins -= line.ends_with("[cameraclient] destroy") ? 1 : 0;
+            if (plugins == 2) {
+                return true;
+            }
+        }
+        return false;
+    };
+    // On a busy machine the first one may have ended already.
+    EXPECT_TRUE(WaitUntil(two_plugins_existed)) << host->Errors();
 }
 
 TEST_F(HostSession, AProbeThatConnectsAndClosesDisturbsNoPeer) {
