@@ -23,8 +23,11 @@ install(FILES ${sdk_dir}/zu-client-camera.pc DESTINATION ${CMAKE_INSTALL_DATAROO
 
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-camera-dev COMPONENT sdk
         FILES_MATCHING PATTERN *.md PATTERN measured EXCLUDE PATTERN pictures EXCLUDE)
+set(examples_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-camera-dev/examples)
 install(FILES examples/CMakeLists.txt examples/codec.cpp examples/host.c examples/host.cpp examples/peer.py
-        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-camera-dev/examples COMPONENT sdk)
+        DESTINATION ${examples_dir} COMPONENT sdk)
+install(FILES examples/wireshark/zu-camera.lua DESTINATION ${examples_dir}/wireshark COMPONENT sdk)
+install(PROGRAMS examples/wireshark/capture-channel DESTINATION ${examples_dir}/wireshark COMPONENT sdk)
 
 # ---- Packages ----
 
