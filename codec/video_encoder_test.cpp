@@ -494,20 +494,16 @@ private:
 };
 
 TEST_F(VideoEncoderTest, NoByteOutsideThePictureIsRead) {
+    std::vector<std::pair<int, int>> sizes = {{2, 2},  {6, 4},   {18, 2},    {256, 2},
+                                              {34, 6}, {64, 48}, {160, 120}, {130, 98}};
+#if !defined(__SANITIZE_THREAD__)
+    // These take minutes with data-race checking, which has nothing to find here.
+    sizes.insert(sizes.end(), {{640, 480}, {642, 480}, {641, 479}});
+#endif
     for (const bool fast : {false, true}) {
         CreateEncoder({.fast_conversion = fast, .source_rgb = true});
         for (const uint32_t format : kAllFormats) {
-            for (const auto& [width, height] : {std::pair{640, 480},
-                                                {642, 480},
-                                                {641, 479},
-                                                {2, 2},
-                                                {6, 4},
-                                                {18, 2},
-                                                {256, 2},
-                                                {34, 6},
-                                                {64, 48},
-                                                {160, 120},
-                                                {130, 98}}) {
+            for (const auto& [width, height] : sizes) {
                 const Pattern pattern{width, height};
                 const VideoInputFormat record = RecordFor(format, width, height);
                 for (const int stride : {record.stride, record.stride + 4}) {

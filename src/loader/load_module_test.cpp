@@ -540,7 +540,7 @@ TEST(LoadModule, NoLockIsHeldWhileAModuleIsAttached) {
                 ZuModLog(kLogEvent, "elsewhere");
                 logged.set_value();
             });
-            could_log = done.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+            could_log = done.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
         }
     });
     host.SetProperty("zu.env.modules.dir", CZUModData::FromText(TestModuleDir("closable").c_str()));

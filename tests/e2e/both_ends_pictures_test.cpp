@@ -2,6 +2,7 @@
 #include <linux/videodev2.h>
 
 #include <array>
+#include <cmath>
 #include <csignal>
 #include <fstream>
 #include <ostream>
@@ -14,8 +15,9 @@
 namespace zumod::testing {
 namespace {
 
-// A rate at which no machine drops frames.
 constexpr double kRate = 15;
+// On a busy machine frames come late, or the camera has no buffer for one. Then the test records again.
+constexpr int kAttempts = 10;
 
 class BothEndsRecord : public BothEnds {
 protected:
@@ -23,25 +25,43 @@ protected:
         : BothEnds({"card=Front,formats=NV12,sizes=640x480,fps=15",
                     "card=Desk,formats=YUYV,sizes=320x240,fps=15"}) {}
 
-    // Checks a recording of one second: pictures of this size, none missing.
-    void ExpectRecording(const std::string& path, unsigned width, unsigned height, bool has_times) const {
+    static bool IsNear(double value, double expected, double tolerance) {
+        return std::abs(value - expected) <= tolerance;
+    }
+
+    // Checks a recording of one second. Returns whether no picture is missing and each arrived in time.
+    bool IsCompleteRecording(const std::string& path, unsigned width, unsigned height, bool has_times) const {
         SCOPED_TRACE(path);
         const VideoFile file = Probe(work, path);
         EXPECT_EQ(file.width, width);
         EXPECT_EQ(file.height, height);
-        EXPECT_NEAR(static_cast<double>(file.frames), kRate, kRate / 4);
+        bool is_complete = IsNear(static_cast<double>(file.frames), kRate, kRate / 4);
         if (has_times) {
             EXPECT_EQ(file.times.size(), file.frames);
-            EXPECT_NEAR(file.Rate(), kRate, kRate / 5);
-            EXPECT_EQ(file.times.front(), 0);
+            EXPECT_EQ(file.times.at(0), 0);
+            is_complete &= IsNear(file.Rate(), kRate, kRate / 5);
         }
         const auto stamps = StampsIn(work, path, width, height);
-        ASSERT_EQ(stamps.size(), file.frames);
+        EXPECT_EQ(stamps.size(), file.frames);
         for (size_t i = 1; i < stamps.size(); ++i) {
-            EXPECT_EQ(stamps[i].counter, stamps[i - 1].counter + 1);
+            EXPECT_GT(stamps[i].counter, stamps[i - 1].counter);
+            is_complete &= stamps[i].counter == stamps[i - 1].counter + 1;
         }
-        const auto span = static_cast<double>(stamps.back().time_us - stamps.front().time_us) / 1e6;
-        EXPECT_NEAR(static_cast<double>(stamps.size() - 1) / span, kRate, 0.1);
+        if (is_complete) {
+            const auto span = static_cast<double>(stamps.back().time_us - stamps.front().time_us) / 1e6;
+            EXPECT_NEAR(static_cast<double>(stamps.size() - 1) / span, kRate, 0.1);
+        }
+        return is_complete;
+    }
+
+    // Calls `record`, which records and returns whether the recording is complete, until it is.
+    template <class Record>
+    static void ExpectComplete(Record record) {
+        bool is_complete = false;
+        for (int i = 0; i < kAttempts && !is_complete && !HasFailure(); ++i) {
+            is_complete = record();
+        }
+        EXPECT_TRUE(is_complete) << "pictures are missing or late in each attempt";
     }
 };
 
@@ -49,13 +69,16 @@ TEST_F(BothEndsRecord, OneCameraInEachFormat) {
     const auto host = Start();
     for (const char* name : {"front.mp4", "front.mkv", "front.h264"}) {
         const std::string path = work / name;
-        const std::string printed = PrintedBy(Peer({"record", "0", path, "--seconds", "1"}));
-        EXPECT_EQ(printed.substr(0, path.size() + 2), path + ": ");
-        const bool has_times = std::string(name) != "front.h264";
-        ExpectRecording(path, 640, 480, has_times);
-        EXPECT_NE(printed.find(", " + std::to_string(Probe(work, path).frames) + " frames, "),
-                  std::string::npos)
-            << printed;
+        ExpectComplete([&] {
+            const std::string printed =
+                PrintedBy(Peer({"record", "0", path, "--seconds", "1", "--overwrite"}));
+            EXPECT_EQ(printed.substr(0, path.size() + 2), path + ": ");
+            EXPECT_NE(printed.find(", " + std::to_string(Probe(work, path).frames) + " frame"),
+                      std::string::npos)
+                << printed;
+            const bool has_times = std::string(name) != "front.h264";
+            return IsCompleteRecording(path, 640, 480, has_times);
+        });
     }
 }
 
@@ -63,9 +86,11 @@ TEST_F(BothEndsRecord, TwoCamerasAtOnce) {
     const auto host = Start();
     const std::string front = work / "front.mp4";
     const std::string desk = work / "desk.mkv";
-    PrintedBy(Peer({"record", "0", front, "1", desk, "--seconds", "1"}));
-    ExpectRecording(front, 640, 480, true);
-    ExpectRecording(desk, 320, 240, true);
+    ExpectComplete([&] {
+        PrintedBy(Peer({"record", "0", front, "1", desk, "--seconds", "1", "--overwrite"}));
+        const bool is_front_complete = IsCompleteRecording(front, 640, 480, true);
+        return IsCompleteRecording(desk, 320, 240, true) && is_front_complete;
+    });
     ExpectCameraFree(0);
     ExpectCameraFree(1);
 }

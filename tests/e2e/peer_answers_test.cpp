@@ -102,11 +102,11 @@ TEST_F(PeerAnswers, ShowsAHostsNoticeBeforeTheAnswer) {
 }
 
 TEST_F(PeerAnswers, ShowsAHostsNoticeIfNoAnswerFollows) {
-    Start({"version", "--timeout", "0.2"});
+    Start({"version", "--timeout", "1"});
     host.Send(NoticeBytes("not now"));
     ExpectEnd(1,
               "zu-camera-peer: the host says: not now\n"
-              "zu-camera-peer: the host did not answer within 0.2 s: version request\n");
+              "zu-camera-peer: the host did not answer within 1.0 s: version request\n");
 }
 
 TEST_F(PeerAnswers, PrintsWhatAHostInformsAboutOnceAndGoesOn) {

@@ -63,10 +63,10 @@ TEST_F(PeerHostile, DecodesASizeThatTheHostChoseItself) {
 
 TEST_F(PeerHostile, SkipsAPictureOfWhichAPartIsMissing) {
     const std::string path = work / "picture.png";
-    Start({"snapshot", "0", path, "--timeout", "0.5"});
+    Start({"snapshot", "0", path, "--timeout", "1"});
     AnswerOpen(FrameBytes(0, kUsualPicture + kFirstMacroblocks));
     AnswerClose();
-    ExpectEnd(1, "zu-camera-peer: none of the 1 frames of camera 0 (Front) within 0.5 s could be decoded\n");
+    ExpectEnd(1, "zu-camera-peer: none of the 1 frames of camera 0 (Front) within 1.0 s could be decoded\n");
     EXPECT_EQ(Files().size(), 0U);
 }
 
@@ -83,11 +83,11 @@ TEST_F(PeerHostile, EndsOnASignalWhileItDecodes) {
 
 TEST_F(PeerHostile, KeepsTheTimeLimitWhileItDecodes) {
     const Bytes frame = EndlessFrame();
-    Start({"stats", "0", "--timeout", "0.5"});
+    Start({"stats", "0", "--timeout", "1"});
     AnswerOpen(FrameBytes(0, frame));
     AnswerClose();
     ExpectEnd(1, "zu-camera-peer: a frame of " + std::to_string(frame.size()) +
-                     " bytes was not decoded within 0.5 s\n");
+                     " bytes was not decoded within 1.0 s\n");
 }
 
 TEST_F(PeerHostile, EndsOnASignalWhileTheHostDoesNotAccept) {

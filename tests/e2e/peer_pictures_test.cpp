@@ -77,7 +77,7 @@ TEST_F(PeerPictures, LeavesOutPicturesAndWritesAJpegFile) {
 }
 
 TEST_F(PeerPictures, TakesAPictureSomeTimeAfterTheFirstOne) {
-    Start({"snapshot", "0", work / "picture.png", "--after", "1000", "--timeout", "0.5"});
+    Start({"snapshot", "0", work / "picture.png", "--after", "1000", "--timeout", "1"});
     AnswerOpen();
     SendFrames(3);
     EXPECT_TRUE(WaitUntil([&] { return host.AllTaken(); }));
@@ -107,18 +107,18 @@ TEST_F(PeerPictures, KeepsAFrameThatArrivesBeforeTheAnswer) {
 }
 
 TEST_F(PeerPictures, WritesNoFileIfNoPictureCanBeDecoded) {
-    Start({"snapshot", "0", work / "picture.png", "--timeout", "0.5"});
+    Start({"snapshot", "0", work / "picture.png", "--timeout", "1"});
     AnswerOpen(FrameBytes(0, Bytes(5000, 0x65)) + FrameBytes(0, {0, 0, 0, 1, 0x65}));
     AnswerClose();
-    ExpectEnd(1, "zu-camera-peer: none of the 2 frames of camera 0 (Front) within 0.5 s could be decoded\n");
+    ExpectEnd(1, "zu-camera-peer: none of the 2 frames of camera 0 (Front) within 1.0 s could be decoded\n");
     EXPECT_EQ(Files().size(), 0U);
 }
 
 TEST_F(PeerPictures, ReportsThatTheCameraSendsNoFrame) {
-    Start({"snapshot", "0", work / "picture.png", "--timeout", "0.5"});
+    Start({"snapshot", "0", work / "picture.png", "--timeout", "1"});
     AnswerOpen();
     AnswerClose();
-    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.5 s\n");
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no frame within 1.0 s\n");
 }
 
 TEST_F(PeerPictures, RequestsTheGivenFormat) {
@@ -183,11 +183,11 @@ TEST_P(PeerRecords, AndKeepsTheFileWhenTheHostDisappears) {
 
 TEST_P(PeerRecords, AndKeepsTheFileWhenFramesStop) {
     const Bytes frames = NextFrames(5);
-    Start({"record", "0", Path(), "--timeout", "0.5"});
+    Start({"record", "0", Path(), "--timeout", "1"});
     AnswerOpen(frames);
     AnswerClose();
     ExpectEnd(
-        1, "zu-camera-peer: camera 0 (Front) sent no frame within 0.5 s; the 5 frames before that are in " +
+        1, "zu-camera-peer: camera 0 (Front) sent no frame within 1.0 s; the 5 frames before that are in " +
                Path() + "\n");
     EXPECT_EQ(PlayedFrames(Path()), 5);
 }
@@ -254,10 +254,10 @@ TEST_P(PeerRecords, ForTheGivenTime) {
 TEST_P(PeerRecords, NothingWithoutAKeyFrame) {
     NextFrame();
     const Bytes frames = NextFrames(3);
-    Start({"record", "0", Path(), "--timeout", "0.5"});
+    Start({"record", "0", Path(), "--timeout", "1"});
     AnswerOpen(frames);
     AnswerClose();
-    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no key frame within 0.5 s\n");
+    ExpectEnd(1, "zu-camera-peer: camera 0 (Front) sent no key frame within 1.0 s\n");
     EXPECT_EQ(Files().size(), 0U);
 }
 

@@ -59,7 +59,6 @@ protected:
 };
 
 TEST_F(PeerStats, PrintsOneLinePerSecondWithLatencyAndDrops) {
-    // Encoded before, because the first line counts what arrives within a second.
     Bytes frames;
     for (const uint32_t counter : {0U, 1U, 4U}) {
         frames = frames + FrameBytes(0, NextFrame(counter));
@@ -67,8 +66,19 @@ TEST_F(PeerStats, PrintsOneLinePerSecondWithLatencyAndDrops) {
     Start({"stats", "0", "--json", "--fps", "1"});
     AnswerSlowOpen();
     host.Send(frames + FrameBytes(0, {1, 2, 3}));
-    ASSERT_TRUE(Prints("\n"));
+    // All in the first line, unless the machine is so busy that they are decoded in more than a second.
+    const auto count = [this](const char* figure) {
+        int sum = 0;
+        std::istringstream lines(Printed());
+        for (std::string line; std::getline(lines, line) && !lines.eof();) {
+            sum += nlohmann::json::parse(line).value(figure, 0);
+        }
+        return sum;
+    };
+    ASSERT_TRUE(WaitUntil([&] { return count("frames") == 4; })) << Printed();
     Stop(SIGINT, 0);
+    EXPECT_EQ(count("dropped"), 2);
+    EXPECT_EQ(count("undecoded"), 1);
     std::istringstream lines(Printed());
     std::string line;
     std::getline(lines, line);
@@ -77,9 +87,6 @@ TEST_F(PeerStats, PrintsOneLinePerSecondWithLatencyAndDrops) {
     EXPECT_EQ(figures["name"], "Front");
     EXPECT_EQ(figures["width"], 640);
     EXPECT_EQ(figures["height"], 480);
-    EXPECT_EQ(figures["frames"], 4);
-    EXPECT_EQ(figures["dropped"], 2);
-    EXPECT_EQ(figures["undecoded"], 1);
     EXPECT_GT(figures["latency_ms"]["median"], 0);
     EXPECT_GE(figures["latency_ms"]["max"], figures["latency_ms"]["median"]);
     EXPECT_GE(figures["seconds"], 1.0);

@@ -8,9 +8,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "tests/support/watch/wait_until.h"
 
@@ -56,17 +58,29 @@ inline void StartSanitizersThread() {
 // begins before the join returns. (An emulator of another processor may end the join even earlier.)
 inline std::ptrdiff_t CountThreads() {
     StartSanitizersThread();
-    std::ptrdiff_t count = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        const ThreadStatus status(task.path().filename());
-        count += (status.flags & ThreadStatus::kExiting) == 0 ? 1 : 0;
-    }
-    return count;
+    const auto listed = [] {
+        std::set<std::string> threads;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            const std::string thread = task.path().filename();
+            if ((ThreadStatus(thread).flags & ThreadStatus::kExiting) == 0) {
+                threads.insert(thread);
+            }
+        }
+        return threads;
+    };
+    // The kernel's list may be incomplete if a thread ends meanwhile.
+    std::set<std::string> threads = listed();
+    WaitUntil([&] {
+        const std::set<std::string> before = std::exchange(threads, listed());
+        return threads == before;
+    });
+    return static_cast<std::ptrdiff_t>(threads.size());
 }
 
-// Waits until the process has this many threads. Returns false if it does not.
+// Waits until the process has at most this many threads, so that none is left over. Returns false if it has
+// more.
 inline bool ThreadsComeTo(std::ptrdiff_t count) {
-    return WaitUntil([count] { return CountThreads() == count; });
+    return WaitUntil([count] { return CountThreads() <= count; });
 }
 
 // Whether the kernel reports this thread of the process as waiting.
