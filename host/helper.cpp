@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "common/safe_text.h"
+#include "common/shell_command.h"
 #include "common/waiter.h"
 
 namespace zumod::host {
@@ -105,53 +105,10 @@ Environment EnvironmentOf(Kind kind, const CameraUse& use) {
     return environment;
 }
 
-// How the command is started: a separate group, the usual signals.
-struct SpawnSettings {
-    SpawnSettings() {
-        posix_spawn_file_actions_init(&actions);
-        posix_spawnattr_init(&attributes);
-        sigset_t signals;
-        sigemptyset(&signals);
-        posix_spawnattr_setsigmask(&attributes, &signals);
-        sigaddset(&signals, SIGPIPE);
-        posix_spawnattr_setsigdefault(&attributes, &signals);
-        posix_spawnattr_setpgroup(&attributes, 0);
-        posix_spawnattr_setflags(&attributes,
-                                 POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~SpawnSettings() {
-        posix_spawnattr_destroy(&attributes);
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    SpawnSettings(const SpawnSettings&) = delete;
-    SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-};
-
-Expected<pid_t> StartCommand(std::string command, Kind kind, const CameraUse& use) {
-    const SpawnSettings settings;
+Expected<pid_t> StartCommand(const std::string& command, Kind kind, const CameraUse& use) {
     Environment environment = EnvironmentOf(kind, use);
-    char shell[] = "sh";
-    char option[] = "-c";
-    char* words[] = {shell, option, command.data(), nullptr};
-    pid_t child = -1;
-    const int error = posix_spawn(&child, "/bin/sh", &settings.actions, &settings.attributes, words,
-                                  environment.Pointers().data());
-    if (error != 0) {
-        return Fail("the command cannot be started: " + ErrnoText(error));
-    }
-    return child;
-}
-
-// How a command failed; empty if it did not.
-std::string FailureText(int status) {
-    if (WIFSIGNALED(status)) {
-        return "the command was ended by signal " + std::to_string(WTERMSIG(status));
-    }
-    const int exit_status = WEXITSTATUS(status);
-    return exit_status == 0 ? "" : "the command ended with status " + std::to_string(exit_status);
+    const std::vector<char*> variables = environment.Pointers();
+    return StartShellCommand({.text = command, .has_own_group = true, .environment = variables.data()});
 }
 
 // What runs in the helper process.
@@ -293,7 +250,7 @@ private:
             }
             Finish(job.request, job.is_late ? "the command took too long"
                                 : ended < 0 ? "the command's status is not known"
-                                            : FailureText(status));
+                                            : CommandFailure(status));
             return true;
         });
     }

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -13,6 +12,7 @@
 #include <csignal>
 
 #include "common/safe_text.h"
+#include "common/shell_command.h"
 #include "common/unix_socket.h"
 
 namespace zumod::peer {
@@ -38,32 +38,6 @@ struct Pipe {
     UniqueFd write_end;
 };
 
-// What a spawned command starts with: its ends of the pipes, and default signal mask and dispositions.
-class SpawnSettings {
-public:
-    SpawnSettings(int input, int output) {
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-        posix_spawnattr_init(&attributes);
-        sigset_t signals;
-        sigemptyset(&signals);
-        posix_spawnattr_setsigmask(&attributes, &signals);
-        sigaddset(&signals, SIGPIPE);
-        posix_spawnattr_setsigdefault(&attributes, &signals);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~SpawnSettings() {
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attributes);
-    }
-    SpawnSettings(const SpawnSettings&) = delete;
-    SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-    posix_spawn_file_actions_t actions{};
-    posix_spawnattr_t attributes{};
-};
-
 // Signals do not shorten this wait.
 bool ExitsWithin(int process, Clock::duration time) {
     return Waiter().WaitFor(process, POLLIN, Clock::now() + time).value();
@@ -75,11 +49,7 @@ std::string FailureText(int status) {
         return "the command was stopped by the sandbox, which forbids a system call that it made; "
                "zu-camera-host --no-sandbox does without; please report this";
     }
-    if (WIFSIGNALED(status)) {
-        return "the command was ended by signal " + std::to_string(WTERMSIG(status));
-    }
-    const int exit_status = WEXITSTATUS(status);
-    return exit_status == 0 ? "" : "the command ended with status " + std::to_string(exit_status);
+    return CommandFailure(status);
 }
 
 }  // namespace
@@ -116,19 +86,14 @@ Expected<Connection> Connection::ToCommand(const std::string& command) {
     if (!to_command || !from_command) {
         return Fail((to_command ? from_command : to_command).error());
     }
-    const SpawnSettings settings(to_command->read_end.Get(), from_command->write_end.Get());
-    std::string text = command;
-    char shell[] = "sh";
-    char option[] = "-c";
-    char* words[] = {shell, option, text.data(), nullptr};
-    pid_t child = -1;
-    const int error = posix_spawn(&child, "/bin/sh", &settings.actions, &settings.attributes, words, environ);
-    if (error != 0) {
-        return Fail("the command cannot be started: " + ErrnoText(error));
+    const auto child = StartShellCommand(
+        {.text = command, .input = to_command->read_end.Get(), .output = from_command->write_end.Get()});
+    if (!child) {
+        return Fail(child.error());
     }
     SetNonBlocking(from_command->read_end.Get());
     SetNonBlocking(to_command->write_end.Get());
-    return Connection(std::move(from_command->read_end), std::move(to_command->write_end), child);
+    return Connection(std::move(from_command->read_end), std::move(to_command->write_end), *child);
 }
 
 std::string Connection::End() {
