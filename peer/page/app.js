@@ -8,7 +8,7 @@ import {VideoStream} from './video_stream.js';
 import {describe, noH264, noWebCodecs} from './words.js';
 
 const mostShown = 16;  // as many as the peer sends in one stream
-const hiddenMs = 5000;
+const hiddenMs = 3000;
 
 const element = id => document.getElementById(id);
 const entries = new Map();  // String(camera.id) -> CameraEntry, in the order of the list

@@ -2,8 +2,8 @@
 //
 // A decoder that is slower than the camera would collect pictures, and the person would see older and older
 // ones. Therefore a picture that has waited for the decoder for a second makes it drop everything up to the
-// next key picture. The time counts from when the decoder got it: a new viewer gets all pictures since the last
-// key picture at once, which are old but not late.
+// next key picture. The time counts from when the decoder got it: a new viewer gets all pictures since the
+// last key picture at once, which are old but not late.
 
 import {codecName, findSps} from './h264.js';
 

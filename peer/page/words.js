@@ -19,10 +19,15 @@ const states = {
     failed: ['Not shown', ''],
 };
 
-// `text`, if there is one, is the peer's own explanation.
+// `text`, if there is one, is the peer's reason for a refusal.
 export function describe(state, text = '') {
     const [title, explanation] = states[state] ?? ['Unknown', ''];
-    return {state: states[state] ? state : 'failed', title, text: text || explanation};
+    const isReason = text !== '' && (state === 'refused' || state === 'failed');
+    return {state: states[state] ? state : 'failed', title, text: isReason ? sentence(text) : explanation};
+}
+
+function sentence(text) {
+    return text.charAt(0).toUpperCase() + text.slice(1) + (/[.!?]$/.test(text) ? '' : '.');
 }
 
 export const noWebCodecs = 'This browser cannot show the pictures: it has no WebCodecs. Use a newer browser.';
