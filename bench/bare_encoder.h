@@ -1,12 +1,12 @@
 // The encoder that the reference codec is compared with: libx264 by libavcodec, called by hand with the
-// codec's settings, on NV12 pictures that are not copied.
+// codec's settings, on pictures that are not copied.
 //
 // Thread rule: one thread at a time.
 #pragma once
 
 #include <cstdint>
 
-#include "bench/paired.h"
+#include "bench/require.h"
 #include "common/av_objects.h"
 
 extern "C" {
@@ -20,9 +20,10 @@ public:
     struct Settings {
         int width;
         int height;
-        int rate;          // pictures per second
-        int key_interval;  // pictures
-        int64_t bit_rate;  // bits per second
+        int rate;                                      // pictures per second
+        int key_interval;                              // pictures
+        int64_t bit_rate;                              // bits per second
+        AVPixelFormat pixel_format = AV_PIX_FMT_NV12;  // or AV_PIX_FMT_YUV420P
     };
 
     explicit BareEncoder(const Settings& settings) : m_settings(settings) {
@@ -31,7 +32,7 @@ public:
         m_context->log_level_offset = 100;
         m_context->width = settings.width;
         m_context->height = settings.height;
-        m_context->pix_fmt = AV_PIX_FMT_NV12;
+        m_context->pix_fmt = settings.pixel_format;
         m_context->color_range = AVCOL_RANGE_MPEG;
         m_context->colorspace = AVCOL_SPC_SMPTE170M;
         m_context->time_base = {1, settings.rate};
@@ -46,24 +47,30 @@ public:
         Require(avcodec_open2(m_context.get(), codec, nullptr) >= 0, "the encoder does not open");
     }
 
-    void Encode(const uint8_t* picture) {
+    // The packet is valid until the next call.
+    const AVPacket& Encode(const uint8_t* picture) {
         const int luma_size = m_settings.width * m_settings.height;
         // A frame with a buffer reference is not copied. Nothing frees this one.
         auto* bytes = const_cast<uint8_t*>(picture);
         m_frame->buf[0] = av_buffer_create(
             bytes, static_cast<size_t>(luma_size) * 3 / 2, [](void*, uint8_t*) {}, nullptr,
             AV_BUFFER_FLAG_READONLY);
-        m_frame->format = AV_PIX_FMT_NV12;
+        m_frame->format = m_settings.pixel_format;
         m_frame->width = m_settings.width;
         m_frame->height = m_settings.height;
         m_frame->data[0] = bytes;
         m_frame->data[1] = bytes + luma_size;
         m_frame->linesize[0] = m_frame->linesize[1] = m_settings.width;
+        if (m_settings.pixel_format == AV_PIX_FMT_YUV420P) {
+            m_frame->data[2] = bytes + luma_size * 5 / 4;
+            m_frame->linesize[1] = m_frame->linesize[2] = m_settings.width / 2;
+        }
         m_frame->pts = m_number++;
         Require(avcodec_send_frame(m_context.get(), m_frame.get()) >= 0 &&
                     avcodec_receive_packet(m_context.get(), m_packet.get()) >= 0,
                 "the encoder fails");
         av_frame_unref(m_frame.get());
+        return *m_packet;
     }
 
 private:

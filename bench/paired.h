@@ -9,18 +9,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-namespace zumod::bench {
+#include "bench/require.h"
 
-// Ends the program, or the benchmark if it catches exceptions, when something that is not measured fails.
-inline void Require(bool condition, const char* failure) {
-    if (!condition) {
-        throw std::runtime_error(failure);
-    }
-}
+namespace zumod::bench {
 
 template <class Work>
 double SecondsOf(Work& work) {

@@ -22,7 +22,8 @@ configure_file(cmake/zu-client-camera.pc.in ${sdk_dir}/zu-client-camera.pc @ONLY
 install(FILES ${sdk_dir}/zu-client-camera.pc DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/pkgconfig COMPONENT sdk)
 
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-camera-dev COMPONENT sdk
-        FILES_MATCHING PATTERN *.md PATTERN measured EXCLUDE PATTERN pictures EXCLUDE)
+        FILES_MATCHING PATTERN *.md PATTERN measured EXCLUDE PATTERN pictures EXCLUDE
+        PATTERN performance.md EXCLUDE)
 set(examples_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-camera-dev/examples)
 install(FILES examples/CMakeLists.txt examples/codec.cpp examples/host.c examples/host.cpp examples/peer.py
         DESTINATION ${examples_dir} COMPONENT sdk)
