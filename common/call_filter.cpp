@@ -72,7 +72,7 @@ constexpr CallGroup kCalls[] = {
      "getpeername shutdown"},
     // What libraries try and can do without.
     {kRefuse,
-     "bind listen mkdir mkdirat rmdir rename renameat renameat2 link linkat symlink symlinkat mknod mknodat "
+     "bind listen mkdir mkdirat rmdir link linkat symlink symlinkat mknod mknodat "
      "truncate chmod fchmod fchmodat chown fchown lchown fchownat utimensat setuid setgid setreuid setregid "
      "setresuid setresgid setgroups capset fork vfork setrlimit setpriority sched_setparam "
      "sched_setscheduler sched_setattr sched_setaffinity unshare setns chroot personality process_vm_readv"},
@@ -85,6 +85,8 @@ constexpr CallGroup kCalls[] = {
 // To notice that a device appears or is removed.
 constexpr CallGroup kCallsOfCameras = {kPermit,
                                        "inotify_init inotify_init1 inotify_add_watch inotify_rm_watch"};
+// To put a file in its place. Landlock decides where.
+constexpr const char* kCallsOfOutputFiles = "rename renameat renameat2";
 // To wait for the end of a child.
 constexpr CallGroup kCallsOfChildren = {kPermit, "pidfd_open"};
 
@@ -259,6 +261,7 @@ Expected<void> FilterCalls(const CallFilterNeeds& needs) {
     if (needs.cameras) {
         filter.AnswerAll(kCallsOfCameras);
     }
+    filter.AnswerAll({needs.output_files ? kPermit : kRefuse, kCallsOfOutputFiles});
     if (needs.command > 0) {
         filter.AnswerAll(kCallsOfChildren);
     }

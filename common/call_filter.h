@@ -33,6 +33,7 @@ namespace zumod {
 struct CallFilterNeeds {
     bool cameras = false;          // ioctls of cameras, not only of the codec's devices
     bool virtual_cameras = false;  // connects to Unix sockets of type SOCK_SEQPACKET
+    bool output_files = false;     // which are renamed when they are complete
     pid_t command = -1;            // a child that may be waited for and signalled
 };
 

@@ -22,6 +22,8 @@ namespace {
 constexpr char kVirtualCamerasVariable[] = "ZU_VCAM";
 
 constexpr uint64_t kRead = kLandlockReadFile | kLandlockReadDirectory;
+constexpr uint64_t kWriteFiles =
+    kRead | kLandlockWriteFile | kLandlockMakeFile | kLandlockRemoveFile | kLandlockTruncate;
 constexpr uint64_t kUseDevices = kRead | kLandlockWriteFile | kLandlockDeviceIoctl;
 // What shared libraries and the C library read.
 constexpr const char* kSystemFiles[] = {
@@ -143,8 +145,6 @@ void AddInstrumentation(std::vector<LandlockRule>& rules) {
         }
     }
 #ifdef ZU_COVERAGE
-    constexpr uint64_t kWriteFiles =
-        kRead | kLandlockWriteFile | kLandlockMakeFile | kLandlockRemoveFile | kLandlockTruncate;
     rules.push_back({program.parent_path().parent_path(), kWriteFiles});
 #endif
 }
@@ -162,6 +162,7 @@ std::vector<LandlockRule> MakeRules(const SandboxPlan& plan) {
         rules.push_back({"/dev", kUseDevices});
     }
     rules.push_back({plan.socket_directory, kLandlockRemoveFile});
+    rules.push_back({plan.output_directory, kWriteFiles});
     AddTerminals(rules);
     AddInstrumentation(rules);
     return rules;
@@ -192,7 +193,8 @@ Expected<std::string> EnterSandbox(const SandboxPlan& plan) {
         missing += "; the kernel has no Landlock (" + version.error().text + ")";
     }
     if (const auto found = FindCallFilter()) {
-        const CallFilterNeeds needs{plan.cameras, virtual_cameras, plan.command};
+        const CallFilterNeeds needs{plan.cameras, virtual_cameras, !plan.output_directory.empty(),
+                                    plan.command};
         if (const auto filtered = FilterCalls(needs); !filtered) {
             return Fail(filtered.error());
         }

@@ -49,6 +49,7 @@ struct SandboxPlan {
     std::vector<std::string> modules = {};  // directories, read
     bool cameras = false;                   // /dev/video*, also those that are plugged in later
     std::string socket_directory = {};      // where the listener removes its socket
+    std::string output_directory = {};      // where files are created, renamed and removed
     pid_t command = -1;                     // a child that may be waited for and signalled
 };
 
