@@ -1,11 +1,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <filesystem>
 #include <iterator>
 #include <list>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,24 +27,6 @@ std::vector<std::string> ConfigurationDirectories() {
         directories.push_back(std::string(home) + "/.config/pipewire");
     }
     return directories;
-}
-
-// The machine in a command such as "ssh -p 22 me@desk zu-camera-host --stdio"; empty if it is not one of ssh.
-std::string MachineOfSsh(const std::string& command) {
-    constexpr std::string_view kOptionsWithValue = "BbcDEeFIiJLlmOopQRSWw";
-    std::istringstream stream(command);
-    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
-    if (words.empty() || std::filesystem::path(words.front()).filename() != "ssh") {
-        return {};
-    }
-    for (size_t i = 1; i < words.size(); ++i) {
-        const std::string& word = words[i];
-        if (word.front() != '-') {
-            return word.substr(word.find('@') + 1);
-        }
-        i += word.size() == 2 && kOptionsWithValue.find(word[1]) != std::string_view::npos ? 1U : 0U;
-    }
-    return {};
 }
 
 // The text with only letters, digits and hyphens.
@@ -245,9 +225,8 @@ private:
     static constexpr size_t kLongestName = 64;
 
     std::string Label() const {
-        const std::string machine = MachineOfSsh(m_context.options.exec);
-        const std::string& label = m_context.options.label;
-        return SafeText(!label.empty() ? label : !machine.empty() ? machine : "lent");
+        const std::string label = HostLabel(m_context.options);
+        return SafeText(!label.empty() ? label : "lent");
     }
     std::string Description(const CameraEntry& camera) const {
         return SafeText(camera.name) + " (" + Label() + ")";

@@ -3,7 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <string_view>
 
 #include "common/module_directory.h"
 #include "common/parse_number.h"
@@ -26,6 +30,24 @@ Expected<void> ListCameras(const CommandContext& context) {
                                             ? CameraJson(cameras)
                                             : CameraTable(cameras, TerminalColumns(STDOUT_FILENO)));
         });
+}
+
+// The machine in a command such as "ssh -p 22 me@desk zu-camera-host --stdio"; empty if it is not one of ssh.
+std::string MachineOfSsh(const std::string& command) {
+    constexpr std::string_view kOptionsWithValue = "BbcDEeFIiJLlmOopQRSWw";
+    std::istringstream stream(command);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    if (words.empty() || std::filesystem::path(words.front()).filename() != "ssh") {
+        return {};
+    }
+    for (size_t i = 1; i < words.size(); ++i) {
+        const std::string& word = words[i];
+        if (word.front() != '-') {
+            return word.substr(word.find('@') + 1);
+        }
+        i += word.size() == 2 && kOptionsWithValue.find(word[1]) != std::string_view::npos ? 1U : 0U;
+    }
+    return {};
 }
 
 constexpr auto kRetryInterval = std::chrono::milliseconds(500);
@@ -77,6 +99,8 @@ constexpr Command kCommands[] = {
      SetControls},
     {"camera", kCameraIds | kFormat | kLabel,
      "Offer cameras to the programs of this machine, by PipeWire, until it is stopped", PublishCameras},
+    {"view", kFormat | kLabel | kPage, "Show the cameras live on a page in the browser of this machine",
+     ViewCameras},
     {"run", kFormat | kProgram, "Run a program that finds the host's cameras at /dev/videoN", RunProgram},
     {"close", kCameraId, "Close a camera and print the host's answer", CloseOneCamera},
     {"version", 0, "Print the version of the protocol that the host speaks", ShowVersion},
@@ -150,13 +174,18 @@ uint64_t MostPixels(const PeerOptions& options, PictureSize requested) {
 }
 
 Expected<void> RestrictProcess(const PeerOptions& options, pid_t command,
-                               const std::vector<std::string>& read) {
+                               const std::vector<std::string>& read, const std::string& write) {
     if (!options.sandbox) {
         return {};
     }
     std::vector<std::string> directories = read;
     directories.push_back(options.modules.empty() ? FindModuleDirectory() : options.modules);
-    return EnterSandbox({.modules = directories, .command = command}).map([](const std::string&) {});
+    return EnterSandbox({.modules = directories, .output_directory = write, .command = command})
+        .map([](const std::string&) {});
+}
+
+std::string HostLabel(const PeerOptions& options) {
+    return !options.label.empty() ? options.label : MachineOfSsh(options.exec);
 }
 
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera) {

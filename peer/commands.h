@@ -53,6 +53,9 @@ std::span<const Command> Commands();
 // The size of --size, otherwise the default for the camera.
 PictureSize RequestedSize(const PeerOptions& options, const CameraEntry& camera);
 
+// What people call the host: the label, or the machine of ssh; empty if neither is known.
+std::string HostLabel(const PeerOptions& options);
+
 // When a camera counts as stalled.
 CameraWatch::Limits WatchLimits(const PeerOptions& options);
 
@@ -62,9 +65,10 @@ uint64_t MostPixels(const PeerOptions& options, PictureSize requested);
 
 // Enters the sandbox, unless --no-sandbox is given. Before the decoder is loaded: what this process cannot do
 // any more a codec cannot do that a host has taken over with its pictures. `command`: the process behind
-// --exec. `read`: directories that can be read besides that of the modules.
+// --exec. `read`: directories that can be read besides that of the modules. `write`: one in which files can
+// be created, renamed and removed; empty: none.
 Expected<void> RestrictProcess(const PeerOptions& options, pid_t command,
-                               const std::vector<std::string>& read = {});
+                               const std::vector<std::string>& read = {}, const std::string& write = {});
 
 // The camera of the command line, open, and a decoder for its frames. It is closed with the object.
 struct CameraView {
@@ -90,6 +94,7 @@ Expected<void> ChangeFormat(const CommandContext& context);
 Expected<void> ListControls(const CommandContext& context);
 Expected<void> SetControls(const CommandContext& context);
 Expected<void> PublishCameras(const CommandContext& context);
+Expected<void> ViewCameras(const CommandContext& context);
 Expected<void> RunProgram(const CommandContext& context);
 
 }  // namespace zumod::peer

@@ -97,8 +97,7 @@ Expected<Connection> Connection::ToCommand(const std::string& command) {
 }
 
 std::string Connection::End() {
-    m_input.Reset();
-    m_output.Reset();
+    CloseDescriptors();
     if (m_command < 0) {
         return {};
     }

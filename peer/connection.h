@@ -22,6 +22,10 @@ public:
                                          Waiter& waiter, Clock::duration limit);
     // Run by "sh -c". Its standard error is this program's.
     static Expected<Connection> ToCommand(const std::string& command);
+    // Made by another process, to which the command belongs. No output: the input is a socket.
+    static Connection FromDescriptors(UniqueFd input, UniqueFd output) {
+        return {std::move(input), std::move(output), -1};
+    }
 
     Connection(Connection&& other) noexcept
         : m_input(std::move(other.m_input)),
@@ -40,6 +44,11 @@ public:
     // For a process that was forked: the command is the child of another process, which ends it.
     void LeaveCommand() { m_command = -1; }
 
+    // Another process has them, too.
+    void CloseDescriptors() {
+        m_input.Reset();
+        m_output.Reset();
+    }
     // Closes the descriptors and reaps the command, which gets some time to exit before it is killed.
     // Returns how the command failed; "" if it did not, or if there is none. May be called again.
     std::string End();

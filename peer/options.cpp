@@ -227,6 +227,9 @@ private:
                 ->type_name("TEXT")
                 ->check(NotEmpty("label"));
         }
+        if (has(kPage)) {
+            AddPage(app);
+        }
         if (has(kProgram)) {
             // Options of the program are not ours.
             app->fallthrough(false);
@@ -303,6 +306,18 @@ private:
                       "Go on in another file when a camera or the host was away and is back");
         app->add_option("CAMERA FILE", m_further, "Further cameras, recorded at the same time")
             ->type_name("...");
+    }
+
+    void AddPage(CLI::App* app) {
+        app->add_option("--port", m_options.port, "The port of the page at 127.0.0.1 (default: any free one)")
+            ->type_name("NUMBER");
+        app->add_flag("--open", m_options.open_page, "Show the page in the user's browser, by xdg-open");
+        app->add_option(
+               "--directory", m_options.directory,
+               "Where the page's recordings are kept (default: a temporary directory, removed at the "
+               "end)")
+            ->type_name("PATH")
+            ->check(CLI::ExistingDirectory);
     }
 
     void AddFormat(CLI::App* app, bool size_required) {

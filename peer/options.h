@@ -34,6 +34,7 @@ enum Argument : unsigned {
     kCameraIds = 1024,    // [CAMERA]...
     kLabel = 2048,        // --label
     kProgram = 4096,      // COMMAND [ARGUMENT]...
+    kPage = 8192,         // --port, --open and --directory
 };
 
 // A camera and the file that it is recorded to.
@@ -70,6 +71,9 @@ struct PeerOptions {
     bool split_on_format = false;
     bool arrival_times = false;
     bool reconnect = false;
+    uint16_t port = 0;  // of the page; 0: any
+    bool open_page = false;
+    std::string directory;             // of recordings; empty: a temporary one
     std::vector<std::string> program;  // and its arguments
 };
 
