@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The Wireshark dissector: what it shows of a recorded session, of messages made by hand, and of hostile bytes.
+"""The Wireshark dissector: what it shows of a recorded session, of messages made by hand, and of hostile bytes. And
+the recorder's command line; docs/wireshark.md has sessions that it records.
 
 dissector_test.py SOURCE_DIRECTORY
 
@@ -15,11 +16,14 @@ import sys
 import tempfile
 import unittest
 from importlib.machinery import SourceFileLoader
+from importlib.util import module_from_spec, spec_from_loader
 
 source = sys.argv.pop(1)
 here = os.path.dirname(os.path.abspath(__file__))
 sys.dont_write_bytecode = True
-recorder = SourceFileLoader("recorder", f"{source}/examples/wireshark/capture-channel").load_module()
+loader = SourceFileLoader("recorder", f"{source}/examples/wireshark/capture-channel")
+recorder = module_from_spec(spec_from_loader("recorder", loader))
+loader.exec_module(recorder)
 
 
 def tshark(capture, *options):
@@ -247,6 +251,41 @@ class Dissector(unittest.TestCase):
         self.assertEqual(len(shortened), cut)
         self.assertEqual(shortened - malformed, set())
         self.assertGreater(len(malformed), cut + changed // 10)
+
+
+class Recorder(unittest.TestCase):
+    def setUp(self):
+        work = tempfile.TemporaryDirectory()
+        self.addCleanup(work.cleanup)
+        self.file = os.path.join(work.name, "recorded.pcapng")
+
+    def run_recorder(self, *arguments, requests=b""):
+        return subprocess.run([loader.path, *arguments], input=requests, capture_output=True, check=False)
+
+    def test_passes_bytes_on_and_ends_with_the_status_of_the_command(self):
+        done = self.run_recorder(self.file, "sh", "-c", "cat; exit 7", requests=message(5, numbers(4, 2)))
+        self.assertEqual((done.returncode, done.stdout), (7, message(5, numbers(4, 2))))
+        self.assertEqual(messages(self.file), [("Camera state", ["State: closed (4)", "Camera: 2"])] * 2)
+        self.assertEqual(os.stat(self.file).st_mode & 0o777, 0o600)
+
+    def test_replaces_no_file(self):
+        with open(self.file, "wb") as file:
+            file.write(b"precious")
+        done = self.run_recorder(self.file, "true")
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(b"recorded.pcapng", done.stderr)
+        with open(self.file, "rb") as file:
+            self.assertEqual(file.read(), b"precious")
+
+    def test_says_what_is_wrong(self):
+        for arguments, status, text in (((), 2, b"capture-channel FILE COMMAND"), ((self.file,), 2, b"FILE COMMAND"),
+                                        ((self.file, "--socket"), 2, b"FILE --socket PATH"),
+                                        ((self.file, "--socket", "/nowhere"), 1, b"No such file")):
+            done = self.run_recorder(*arguments)
+            self.assertEqual(done.returncode, status, arguments)
+            self.assertIn(text, done.stderr)
+            self.assertFalse(os.path.exists(self.file), arguments)
+        self.assertEqual(self.run_recorder("--help").returncode, 0)
 
 
 if __name__ == "__main__":
