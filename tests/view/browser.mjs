@@ -87,7 +87,10 @@ export function stamp(tile) {
             return null;
         }
         const {block, columns, rows} = grid;
-        const {data} = canvas.getContext('2d').getImageData(0, 0, width, rows * block);
+        // A copy, because the browser warns of a canvas that is read often.
+        const copy = new OffscreenCanvas(width, rows * block).getContext('2d', {willReadFrequently: true});
+        copy.drawImage(canvas, 0, 0);
+        const {data} = copy.getImageData(0, 0, width, rows * block);
         // Compression blurs a block's edges: only its middle is read.
         const level = bit => {
             const left = bit % columns * block + block / 4;
