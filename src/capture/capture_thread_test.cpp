@@ -45,6 +45,27 @@ TEST_F(CaptureThreadTest, AChangeIsLoggedUnderTheCapturesLockWhichIsReleasedBefo
     EXPECT_EQ(seen, (Calls{"setFormat 2", "resetCapture 1", "setDevId 2", "resetCapture 1"}));
 }
 
+// While another thread starts the capture: the line names the device that the start leaves.
+TEST_F(CaptureThreadTest, AResetWaitsForTheCapturesLockBeforeItLogs) {
+    LinuxV4L2CameraCapture capture;
+    capture.setDevId(0);
+    const uintptr_t lock = watch.LastValue(CallWatch::pthread_mutex_lock);
+    std::thread reset;
+    devices.Before(DeviceCall::kOpen, [&] {
+        if (reset.joinable() || !host.IsOwnThread()) {
+            return;
+        }
+        const int before = watch.Count(CallWatch::pthread_mutex_lock, lock);
+        reset = std::thread([&] { capture.resetCapture(); });
+        EXPECT_TRUE(WaitUntil([&] { return watch.Count(CallWatch::pthread_mutex_lock, lock) > before; }));
+        EXPECT_EQ(host.OtherLines(), LogLines{});
+    });
+    EXPECT_TRUE(capture.startCapture());
+    ASSERT_TRUE(reset.joinable());
+    reset.join();
+    EXPECT_TRUE(host.Has({kLogEvent, "[LinuxV4L2CameraCapture] resetCapture, devId 0"}));
+}
+
 TEST_F(CaptureThreadTest, AStopDestroysTheThreadBeforeItLogsTheFinish) {
     // The module's second class in the registry is CBaseThread.
     ICObjectMonitor* const threads = g_ObjectRegistry.entries[1].monitor;

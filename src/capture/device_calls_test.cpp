@@ -67,6 +67,18 @@ TEST(DeviceCallsTest, AMappingIsSharedWithTheFile) {
     device::Close(descriptor);
 }
 
+TEST(DeviceCallsTest, UnmappedMemoryIsNoLongerMapped) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* address = device::Map(page, PROT_READ, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(address, MAP_FAILED);
+    EXPECT_EQ(msync(address, page, MS_ASYNC), 0);
+    EXPECT_EQ(device::Unmap(address, page), 0);
+    EXPECT_EQ(msync(address, page, MS_ASYNC), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(device::Unmap(address, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
 TEST(DeviceCallsTest, AFailedMappingReturnsMapFailed) {
     EXPECT_EQ(device::Map(4096, PROT_READ, MAP_SHARED, -1, 0), MAP_FAILED);
     EXPECT_EQ(errno, EBADF);
