@@ -284,7 +284,11 @@ TEST_F(BadInput, ACameraThatThrowsInExitInstanceIsNotOpenAndTheSendThreadEnds) {
     Serve(OpenBytes(7));
     Serve(OpenBytes(8));
     CameraScript().throws_in = "Close()";
+    int alive_at_join = -1;
+    CallWatch watch;
+    watch.OnNext(CallWatch::pthread_join, CallWatch::kAny, [&] { alive_at_join = CameraScript().alive; });
     EXPECT_THROW(plugin->ExitInstance(), std::runtime_error);
+    EXPECT_EQ(alive_at_join, 0) << "nothing is captured while the send thread ends";
     EXPECT_EQ(CameraScript().alive, 0);
     EXPECT_TRUE(testing::ThreadsComeTo(threads));
     CameraScript().throws_in.clear();

@@ -152,5 +152,35 @@ TEST(WriteAll, ACountBeyondTheSizeCountsAsAllBytes) {
     EXPECT_TRUE(WriteAll(*stream, "abc", 3));
 }
 
+// Its first read and its first write succeed and leave the count as it was.
+class SilentStream final : public CCounted_T<IChannelStream> {
+public:
+    int Read(void* data, unsigned long size, unsigned long* done) override {
+        return m_reads++ == 0 ? 0 : m_stream->Read(data, size, done);
+    }
+    int Write(const void* data, unsigned long size, unsigned long* done) override {
+        return m_writes++ == 0 ? 0 : m_stream->Write(data, size, done);
+    }
+    Bytes Written() const { return m_stream->Written(); }
+
+private:
+    CRefPtr_T<ScriptedStream> m_stream{new ScriptedStream(kVersionRequestBytes)};
+    int m_reads = 0;
+    int m_writes = 0;
+};
+
+TEST(WriteAll, AWriteThatLeavesTheCountIsRepeated) {
+    const CRefPtr_T<SilentStream> stream(new SilentStream);
+    EXPECT_TRUE(WriteAll(*stream, "abc", 3));
+    EXPECT_EQ(stream->Written(), (Bytes{'a', 'b', 'c'}));
+}
+
+TEST(ServePeerTest, AReadThatLeavesTheCountIsRepeated) {
+    const CRefPtr_T<SilentStream> stream(new SilentStream);
+    HandlersDouble handlers;
+    ServePeer(*stream, *g_pDefaultAlloctor, handlers);
+    EXPECT_EQ(handlers.messages, (std::vector<Bytes>{kVersionRequestBytes}));
+}
+
 }  // namespace
 }  // namespace zumod

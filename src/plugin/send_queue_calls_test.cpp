@@ -201,6 +201,25 @@ TEST_F(SendQueueCalls, AQueueThatIsClosedBeforeTheFirstCallGetsNone) {
     EXPECT_EQ(watch.TakeSemaphoreCalls(), kCloseCalls);
 }
 
+// The lock is acquired again after the wait, and a close before that is noticed too.
+TEST_F(SendQueueCalls, AQueueThatIsClosedAfterTheWaitKeepsAndYieldsNoMessage) {
+    const auto close_after = [&](CallWatch::Call wait, uintptr_t semaphore) {
+        watch.OnNext(wait, semaphore, [this] {
+            watch.OnNext(CallWatch::pthread_mutex_lock, reinterpret_cast<uintptr_t>(&queue) + 8,
+                         [this] { queue.Close(); });
+        });
+    };
+    close_after(CallWatch::sem_wait, CallWatch::kFreeSlots);
+    queue.Enqueue(message);
+    EXPECT_EQ(OtherReferences(*message), 0);
+
+    queue.Reset();
+    queue.Enqueue(message);
+    close_after(CallWatch::sem_clockwait, CallWatch::kItems);
+    EXPECT_EQ(queue.Take(), nullptr);
+    EXPECT_EQ(OtherReferences(*message), 0);
+}
+
 TEST_F(SendQueueCalls, ResetClosesThenOpens) {
     Calls expected = kCloseCalls;
     expected.insert(expected.end(), kOpenCalls.begin(), kOpenCalls.end());
