@@ -132,7 +132,13 @@ def tree(root):
 
 def processor_seconds(root):
     """By process: the time of all its threads, the ended ones included, to the nanosecond."""
-    return {process: time.clock_gettime(~process << 3 | 2) for process in tree(root)}
+    seconds = {}
+    for process in tree(root):
+        try:
+            seconds[process] = time.clock_gettime(~process << 3 | 2)  # the kernel's number of that process's clock
+        except OSError:
+            pass  # it has just ended
+    return seconds
 
 
 def connect(path, process):
