@@ -113,9 +113,7 @@ Expected<std::optional<FeedNotice>> Feeder::Receive() {
 }
 
 bool Feeder::Put(const Picture& picture) {
-    if (picture.width == 0 || picture.height == 0 || picture.width % 2 != 0 || picture.height % 2 != 0 ||
-        picture.width > m_slot_size || picture.height > m_slot_size ||
-        uint64_t{picture.width} * picture.height * 3 / 2 > m_slot_size) {
+    if (!FitsSlot(picture.width, picture.height, m_slot_size)) {
         return false;
     }
     uint8_t* to = reinterpret_cast<uint8_t*>(m_header) + kFeedHeaderSize + size_t{m_slot} * m_slot_size;

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <map>
 #include <random>
@@ -252,9 +253,10 @@ int CameraServer::BeginFeed(size_t index, UniqueFd& connection) {
 void CameraServer::TakeFed(size_t index) {
     auto taken = m_inputs[index].feed->Take();
     if (!taken) {
-        if (m_log) {
-            m_log("the program that feeds camera " + std::to_string(index) +
-                  " is disconnected: " + taken.error().text);
+        // One that comes again and again must not fill a log.
+        if (const uint64_t count = ++m_inputs[index].refusals; m_log && std::has_single_bit(count)) {
+            m_log("the program that feeds camera " + std::to_string(index) + " is disconnected: " +
+                  taken.error().text + (count > 1 ? ", after " + std::to_string(count - 1) + " before" : ""));
         }
         EndFeed(index);
     } else if (*taken) {

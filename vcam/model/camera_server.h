@@ -47,6 +47,7 @@ private:
         UniqueFd feeder;  // the connection
         Waiter::Registration pictures;
         Waiter::Registration commands;
+        uint64_t refusals = 0;  // of feeders that did not keep to the protocol
     };
 
     CameraServer(std::string name, Log log) : m_name(std::move(name)), m_log(std::move(log)) {}

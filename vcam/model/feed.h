@@ -23,6 +23,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "vcam/model/camera_config.h"
+
 namespace zumod::vcam {
 
 struct FeedOffer {
@@ -73,6 +75,14 @@ static_assert(sizeof(FeedMemory) <= kFeedHeaderSize);
 
 inline constexpr size_t FeedMemorySize(uint32_t slot_size) {
     return kFeedHeaderSize + size_t{FeedMemory::kSlots} * slot_size;
+}
+
+// Whether a feeder may put a picture of this size into a slot.
+inline constexpr bool FitsSlot(uint32_t width, uint32_t height, uint32_t slot_size) {
+    const auto is_side = [](uint32_t side) {
+        return side >= kLeastSide && side <= kGreatestSide && side % 2 == 0;
+    };
+    return is_side(width) && is_side(height) && uint64_t{width} * height * 3 / 2 <= slot_size;
 }
 
 }  // namespace zumod::vcam

@@ -48,10 +48,7 @@ Expected<std::optional<PlanarImage>> FeedInput::Take() {
     m_slot = slot;
     const uint32_t width = m_header->pictures[slot].width.load(std::memory_order_relaxed);
     const uint32_t height = m_header->pictures[slot].height.load(std::memory_order_relaxed);
-    const auto is_side = [](uint32_t side) {
-        return side >= kLeastSide && side <= kGreatestSide && side % 2 == 0;
-    };
-    if (!is_side(width) || !is_side(height) || uint64_t{width} * height * 3 / 2 > m_slot_size) {
+    if (!FitsSlot(width, height, m_slot_size)) {
         return Fail("its picture of " + std::to_string(width) + "x" + std::to_string(height) +
                     " does not fit");
     }

@@ -120,6 +120,13 @@ protected:
     }
     Camera& Device() { return m_server->At(0); }
     Feeder Connect() { return Feeder::Connect(m_server->Name(), 0).value(); }
+    // A receive fails after the deadline.
+    UniqueFd ConnectWithLimit() {
+        UniqueFd socket(ConnectServer(m_server->Name().c_str()));
+        const timeval limit{kDeadline.count(), 0};
+        EXPECT_EQ(setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
+        return socket;
+    }
 
     static bool Eventually(const std::function<bool()>& condition) {
         const auto end = std::chrono::steady_clock::now() + kDeadline;
@@ -257,6 +264,62 @@ TEST_F(LiveCameraTest, DoesNotShowAProgramWhatAnotherOneSaw) {
     Program second(Device());
     ASSERT_NO_FATAL_FAILURE(second.Start());
     EXPECT_EQ(second.Next().first, 16);
+}
+
+TEST_F(LiveCameraTest, AnswersNoProgramOfAnotherVersion) {
+    Serve("source=feed,sizes=64x64");
+    for (const uint32_t version : {2U, 3U, 4U}) {
+        const UniqueFd socket = ConnectWithLimit();
+        Request request = MakeRequest(Operation::kFeed);
+        EXPECT_EQ(request.version, 3U);
+        request.version = version;
+        EXPECT_EQ(send(socket.Get(), &request, sizeof request, MSG_NOSIGNAL),
+                  static_cast<ssize_t>(sizeof request));
+        Reply reply{};
+        EXPECT_EQ(recv(socket.Get(), &reply, sizeof reply, 0), version == 3 ? sizeof reply : 0U) << version;
+    }
+}
+
+TEST_F(LiveCameraTest, SaysWhyAFeederIsDisconnectedButNotEachTime) {
+    Serve("source=feed,sizes=64x64");
+    for (int i = 0; i < 9; ++i) {
+        // A feeder that keeps to nothing. The server serves one at a time.
+        const UniqueFd socket = ConnectWithLimit();
+        const Request request = MakeRequest(Operation::kFeed);
+        EXPECT_EQ(send(socket.Get(), &request, sizeof request, MSG_NOSIGNAL),
+                  static_cast<ssize_t>(sizeof request));
+        Reply reply{};
+        iovec part{&reply, sizeof reply};
+        int memory = -1;
+        alignas(cmsghdr) char control[CMSG_LEN(sizeof memory)] = {};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        EXPECT_EQ(recvmsg(socket.Get(), &message, MSG_CMSG_CLOEXEC), static_cast<ssize_t>(sizeof reply));
+        ASSERT_EQ(reply.error, 0);
+        ASSERT_NE(CMSG_FIRSTHDR(&message), nullptr);
+        std::memcpy(&memory, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof memory);
+        const UniqueFd owned(memory);
+        const uint32_t no_slot = FeedMemory::kNew | 3;
+        EXPECT_EQ(pwrite(memory, &no_slot, sizeof no_slot, offsetof(FeedMemory, newest)),
+                  static_cast<ssize_t>(sizeof no_slot));
+        const FeedCommand command{FeedCommand::kPicture};
+        EXPECT_EQ(send(socket.Get(), &command, sizeof command, MSG_NOSIGNAL),
+                  static_cast<ssize_t>(sizeof command));
+        // Notices, then the end.
+        char bytes[64];
+        ssize_t received = 0;
+        do {
+            received = recv(socket.Get(), bytes, sizeof bytes, 0);
+        } while (received > 0);
+        EXPECT_EQ(received, 0) << "the server does not disconnect it";
+    }
+    const std::string text =
+        "the program that feeds camera 0 is disconnected: it names a slot that does not exist";
+    EXPECT_EQ(Log(), (std::vector<std::string>{text, text + ", after 1 before", text + ", after 3 before",
+                                               text + ", after 7 before"}));
 }
 
 TEST_F(LiveCameraTest, IsUnpluggedWhileItHasNoFeeder) {

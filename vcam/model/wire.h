@@ -46,7 +46,7 @@ inline constexpr unsigned kMaxCameras = 64;
 inline constexpr unsigned kMaxBuffers = 32;
 inline constexpr unsigned kServerNameSize = 32;
 inline constexpr uint32_t kWireMagic = 0x5a56434d;
-inline constexpr uint32_t kWireVersion = 2;
+inline constexpr uint32_t kWireVersion = 3;
 // The largest array an extended-controls request may carry, as the kernel limits it.
 inline constexpr uint32_t kMaxExtControls = 1024;
 
