@@ -59,6 +59,15 @@ void EndWith(pid_t parent) {
     }
 }
 
+std::string SizesText(const CameraEntry& camera) {
+    std::string text;
+    for (const PictureSize size : camera.sizes) {
+        text += ' ';
+        text += SizeText(size);
+    }
+    return text.empty() ? " none" : text;
+}
+
 class Keeper {
 public:
     Keeper(const CommandContext& context, std::string server, UniqueFd listing)
@@ -114,6 +123,10 @@ private:
         } else {
             m_plan.lent = *listed;
             for (const CameraEntry& camera : *listed) {
+                if (const auto size = m_context.options.size; size && !Lists(camera, *size)) {
+                    PrintLine(CameraLabel(camera) + " may not have " + SizeText(*size) + "; it lists" +
+                              SizesText(camera));
+                }
                 text += VirtualCameraOption(camera, RequestedSize(m_context.options, camera),
                                             m_context.options.fps);
                 text += '\0';
@@ -140,8 +153,9 @@ private:
             EndWith(keeper);
             session.LeaveCommand();
             const auto end = FeedVirtualCameras(m_context, session, listed, m_plan);
-            if (end && !end->is_server_gone) {
-                PrintLine(end->text + "; the cameras are unplugged until the host is back");
+            if (end && !end->text.empty()) {
+                PrintLine(end->text +
+                          (end->is_server_gone ? "" : "; the cameras are unplugged until the host is back"));
             }
             // No destructor: a thread may still be decoding.
             _exit(end && end->is_server_gone ? kServerGone : 0);
@@ -241,6 +255,12 @@ Error Become(std::vector<std::string> words) {
 }  // namespace
 
 Expected<void> RunProgram(const CommandContext& context) {
+    if (const auto size = context.options.size; size && !CanBeVirtual(*size)) {
+        return Fail(SizeText(*size) +
+                        " cannot be shown to programs: both sides must be even and from 16 to 8192, and the "
+                        "size at most 4096x2304 pixels",
+                    kExitUsage);
+    }
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return Fail("no pipe: " + ErrnoText(errno));

@@ -27,13 +27,6 @@ constexpr auto kListInterval = std::chrono::seconds(1);
 constexpr auto kServerStart = std::chrono::seconds(10);
 constexpr auto kServerRetry = std::chrono::milliseconds(20);
 
-bool CanBeVirtual(PictureSize size) {
-    const auto is_side = [](uint32_t side) {
-        return side >= kLeastSide && side <= kGreatestSide && side % 2 == 0;
-    };
-    return is_side(size.width) && is_side(size.height) && uint64_t{size.width} * size.height <= kMostPixels;
-}
-
 // The name without what has a meaning in the option.
 std::string CardOf(const CameraEntry& camera) {
     std::string card;
@@ -60,6 +53,7 @@ struct LentCamera {
     PublishedCamera published;
     vcam::Feeder feeder;
     std::optional<PictureDecoder> decoder;  // from the first open on
+    bool is_fitted = false;                 // the decoder scales pictures to what the program wants
     Waiter::Registration notices;           // none while a notice waits to be received
     bool is_plugged = true;
     uint64_t notices_at_open = 0;  // of the host, when the camera was to be opened
@@ -178,9 +172,9 @@ private:
         const uint32_t fps =
             notice.rate_denominator == 0 ? 0 : notice.rate_numerator / notice.rate_denominator;
         const StreamFormat format{{notice.width, notice.height}, std::max(1, static_cast<int>(fps))};
-        return Perform(camera, camera.published.OnFormat(format, now)).and_then([&] {
-            return Perform(camera, camera.published.OnReaders(true, now));
-        });
+        return Perform(camera, camera.published.OnFormat(format, now))
+            .and_then([&] { return Perform(camera, camera.published.OnReaders(true, now)); })
+            .and_then([&] { return camera.is_fitted ? Fit(camera) : Expected<void>(); });
     }
 
     Expected<void> OnTime(LentCamera& camera) {
@@ -232,19 +226,28 @@ private:
         if (!camera.decoder) {
             return {};
         }
-        return camera.decoder
-            ->Decode(frame,
-                     [&](const VideoDecodedPicture& picture) {
-                         vcam::Feeder::Picture fed;
-                         fed.width = static_cast<uint32_t>(picture.width) & ~1U;
-                         fed.height = static_cast<uint32_t>(picture.height) & ~1U;
-                         for (size_t plane = 0; plane < fed.planes.size(); ++plane) {
-                             fed.planes[plane] = picture.planes[plane];
-                             fed.strides[plane] = static_cast<size_t>(picture.strides[plane]);
-                         }
-                         camera.feeder.Put(fed);
-                     })
-            .map([](bool) {});
+        bool fits = true;
+        const auto decoded = camera.decoder->Decode(frame, [&](const VideoDecodedPicture& picture) {
+            vcam::Feeder::Picture fed;
+            fed.width = static_cast<uint32_t>(picture.width) & ~1U;
+            fed.height = static_cast<uint32_t>(picture.height) & ~1U;
+            for (size_t plane = 0; plane < fed.planes.size(); ++plane) {
+                fed.planes[plane] = picture.planes[plane];
+                fed.strides[plane] = static_cast<size_t>(picture.strides[plane]);
+            }
+            fits = camera.feeder.Put(fed);
+        });
+        if (!decoded) {
+            return Fail(decoded.error());
+        }
+        return fits || camera.is_fitted ? Expected<void>() : Fit(camera);
+    }
+
+    // Usually the virtual camera scales. A picture that is too large or too small for it is scaled by the
+    // decoder, as all pictures after it.
+    static Expected<void> Fit(LentCamera& camera) {
+        camera.is_fitted = true;
+        return camera.decoder->SetOutput(camera.published.Format().size, kVideoTargetI420);
     }
 
     // A dark picture with a sign that there is no camera.
@@ -340,6 +343,13 @@ private:
 
 }  // namespace
 
+bool CanBeVirtual(PictureSize size) {
+    const auto is_side = [](uint32_t side) {
+        return side >= kLeastSide && side <= kGreatestSide && side % 2 == 0;
+    };
+    return is_side(size.width) && is_side(size.height) && uint64_t{size.width} * size.height <= kMostPixels;
+}
+
 std::string VirtualCameraOption(const CameraEntry& camera, PictureSize size, int fps) {
     std::vector<PictureSize> sizes = {size};
     sizes.insert(sizes.end(), camera.sizes.begin(), camera.sizes.end());
@@ -368,14 +378,17 @@ std::string VirtualCameraOption(const CameraEntry& camera, PictureSize size, int
 std::optional<RunEnd> FeedVirtualCameras(const CommandContext& context, Session& session,
                                          const std::vector<CameraEntry>& listed, const RunPlan& plan) {
     RunSession run(context, session, plan);
-    const auto ran = run.ConnectFeeders()
-                         .and_then([&] { return RestrictProcess(context.options, session.Command()); })
-                         .and_then([&] { return run.Run(listed); });
+    const auto connected = run.ConnectFeeders();
+    const auto ran =
+        connected.and_then([&] { return RestrictProcess(context.options, session.Command()); }).and_then([&] {
+            return run.Run(listed);
+        });
     if (ran.error() == Interrupted()) {
         run.Close();
         return std::nullopt;
     }
-    return RunEnd{run.IsServerGone(), ran.error().text};
+    const bool has_ended = connected && run.IsServerGone();
+    return RunEnd{run.IsServerGone(), has_ended ? "" : ran.error().text};
 }
 
 }  // namespace zumod::peer

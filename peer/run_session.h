@@ -22,6 +22,9 @@ namespace zumod::peer {
 // `--camera` of zu-vcam for this camera. `size` comes first in the list of its sizes.
 std::string VirtualCameraOption(const CameraEntry& camera, PictureSize size, int fps);
 
+// Whether programs can agree on this size with a virtual camera.
+bool CanBeVirtual(PictureSize size);
+
 struct RunPlan {
     std::string server;             // of the virtual cameras
     std::vector<CameraEntry> lent;  // as first listed: camera n of the server is the nth
@@ -29,8 +32,8 @@ struct RunPlan {
 
 // How a session ended that no signal ended.
 struct RunEnd {
-    bool is_server_gone;  // the program and its cameras have ended
-    std::string text;
+    bool is_server_gone;
+    std::string text;  // empty if the program and its cameras have ended
 };
 
 // Feeds until a signal comes (nothing is returned), or the host or the server is gone. `listed`: the host's
