@@ -18,8 +18,11 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <random>
+#include <sstream>
 
+#include "common/parse_number.h"
 #include "peer/run_session.h"
 
 namespace zumod::peer {
@@ -30,6 +33,7 @@ constexpr int kServerGone = 3;  // exit status of a feeding process
 constexpr auto kFirstPause = std::chrono::milliseconds(500);
 constexpr auto kLastPause = std::chrono::seconds(8);
 constexpr auto kEndLimit = std::chrono::seconds(3);
+constexpr auto kOrphanLimit = std::chrono::seconds(1);
 // In place of options: the text of a failure follows.
 constexpr char kFailureMark = '!';
 
@@ -59,6 +63,53 @@ void EndWith(pid_t parent) {
     }
 }
 
+// By its number: some versions of the C library declare pidfd_open() for C only.
+UniqueFd OpenProcess(pid_t process) {
+    return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+}
+
+// It gets some time to exit by itself, and then after SIGTERM. Signals do not shorten that.
+void EndChild(pid_t child) {
+    const UniqueFd process = OpenProcess(child);
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        if (!Waiter().WaitFor(process.Get(), POLLIN, Clock::now() + kOrphanLimit).value_or(false)) {
+            kill(child, signal);
+        }
+    }
+    waitpid(child, nullptr, 0);
+}
+
+// Ends what the command behind --exec started and left: a subreaper is the parent of such processes. One that
+// made a session for itself, as the connection that several runs of ssh share, is meant to stay.
+void EndOrphans() {
+    constexpr int kMostRounds = 8;  // the children of an orphan become orphans
+    for (int round = 0; round < kMostRounds; ++round) {
+        bool any = false;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+            const auto id = ParseNumber<pid_t>(entry.path().filename().string());
+            std::ifstream file(id ? entry.path() / "stat" : "");
+            std::string text;
+            std::getline(file, text);
+            // The name, in brackets, may hold anything.
+            std::istringstream fields(text.substr(text.find_last_of(')') + 1));
+            char state = 0;
+            pid_t parent = -1;
+            pid_t group = -1;
+            pid_t terminal_session = -1;
+            if (!(fields >> state >> parent >> group >> terminal_session) || parent != getpid() ||
+                terminal_session != getsid(0)) {
+                continue;
+            }
+            any = true;
+            EndChild(*id);
+        }
+        if (!any) {
+            return;
+        }
+    }
+}
+
 std::string SizesText(const CameraEntry& camera) {
     std::string text;
     for (const PictureSize size : camera.sizes) {
@@ -80,6 +131,7 @@ public:
         for (;;) {
             // The connection is closed again, so the command behind --exec has ended.
             const Outcome outcome = Connect();
+            EndOrphans();
             if (outcome == Outcome::kOver) {
                 _exit(0);
             }
@@ -164,8 +216,7 @@ private:
             PrintLine("cannot start a process: " + ErrnoText(errno));
             return false;
         }
-        // By its number: some versions of the C library declare pidfd_open() for C only.
-        const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+        const UniqueFd process = OpenProcess(child);
         const bool stopped = !m_context.waiter.WaitFor(process.Get(), POLLIN, Clock::time_point::max());
         if (stopped) {
             kill(child, SIGTERM);
@@ -194,6 +245,7 @@ private:
 [[noreturn]] void Keep(const CommandContext& context, const std::string& server, UniqueFd listing,
                        pid_t parent) {
     EndWith(parent);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::signal(SIGINT, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
     Unblock({SIGINT, SIGHUP});

@@ -233,6 +233,27 @@ TEST_F(PeerRunsProgram, WhoseCameraIsUnpluggedWhileTheHostDoesNotListIt) {
     peer.ExpectEnd(5, "");
 }
 
+TEST_F(PeerRunsProgram, AndEndsWhatTheCommandBehindExecStarted) {
+    // NOLINTBEGIN(concurrency-mt-unsafe): nobody sets them now
+    const char* preload = std::getenv("LD_PRELOAD");
+    const char* server = std::getenv("ZU_VCAM");
+    // NOLINTEND(concurrency-mt-unsafe)
+    ASSERT_NE(server, nullptr);
+    const std::string command = "sleep 1000 & echo $! >" + (work / "left") +
+                                "; exec env LD_PRELOAD=" + (preload == nullptr ? "" : preload) +
+                                " ZU_VCAM=" + server + " " ZU_HOST_FILE " --stdio 2>>" + (work / "errors");
+    PeerRun peer(work, "peer",
+                 {"/usr/bin/env", "-u", "LD_PRELOAD", "-u", "ZU_VCAM", ZU_PEER_FILE, "--exec", command, "run",
+                  "--", "bash", "-c", "[ -c /dev/video0 ] && exit 3"});
+    EXPECT_EQ(peer.Process().Wait(), 3) << peer.Process().Errors();
+    const pid_t left = std::atoi(FileContent(work / "left").c_str());
+    ASSERT_GT(left, 1);
+    EXPECT_TRUE(WaitUntil([left] { return kill(left, 0) != 0; }));
+    if (kill(left, SIGKILL) == 0) {
+        ADD_FAILURE() << "it was left";
+    }
+}
+
 TEST_F(PeerRunsProgram, UnlessThereIsNoHostOrNoProgram) {
     PeerRun without_host = Run("exit 0");
     without_host.ExpectEnd(1, "zu-camera-peer: no connection to " + socket + ": No such file or directory\n");
