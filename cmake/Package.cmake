@@ -22,7 +22,7 @@ configure_file(cmake/zu-client-camera.pc.in ${sdk_dir}/zu-client-camera.pc @ONLY
 install(FILES ${sdk_dir}/zu-client-camera.pc DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/pkgconfig COMPONENT sdk)
 
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-camera-dev COMPONENT sdk
-        FILES_MATCHING PATTERN *.md PATTERN measured EXCLUDE PATTERN pictures EXCLUDE
+        FILES_MATCHING PATTERN *.md PATTERN conformance-1.txt PATTERN measured EXCLUDE PATTERN pictures EXCLUDE
         PATTERN performance.md EXCLUDE)
 set(examples_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-camera-dev/examples)
 install(FILES examples/CMakeLists.txt examples/codec.cpp examples/host.c examples/host.cpp examples/peer.py
@@ -89,7 +89,7 @@ zu_package(
   SUMMARY "host and peer that lend and use cameras over a socket or ssh"
   DESCRIPTION "zu-camera-host lends the cameras of a machine to several peers at once.
 zu-camera-peer lists them, takes pictures, records, measures, and offers them
-to programs that find cameras by PipeWire.")
+to programs that find cameras by PipeWire. zu-module-validate checks modules.")
 # The peer loads the library of PipeWire only for its command camera.
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SUGGESTS pipewire)
 zu_package(

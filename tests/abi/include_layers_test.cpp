@@ -59,6 +59,8 @@ const std::vector<Layer>& Layers() {
         {{"host/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon, {"codec/setting_keys"}})},
         // The peer feeds virtual cameras, whose server is another program.
         {{"peer/"}, Join({kSdk, kBase, kRuntime, kLoader, kCommon, {"vcam/cli/feeder"}})},
+        // The validator meets modules as any host does.
+        {{"validate/"}, Join({kSdk, kCommon})},
         {{"vcam/"}, kCommon},
     };
     return layers;
@@ -147,7 +149,8 @@ TEST_P(IncludeLayers, EverySourceIncludesOnlyWhatItsLayerMay) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Tree, IncludeLayers,
-                         ::testing::Values("include", "src", "common", "codec", "host", "peer", "vcam"),
+                         ::testing::Values("include", "src", "common", "codec", "host", "peer", "validate",
+                                           "vcam"),
                          [](const auto& directory) { return std::string(directory.param); });
 
 TEST(IncludeLines, TheWholeSdkHeaderNamesEveryOther) {
@@ -198,6 +201,9 @@ TEST(IncludeLines, TheRulesTellRightFromWrong) {
         {"include/zumod/x.h", "src/base/x.h", false},
         {"host/x.cpp", "src/bridge/x.h", false},
         {"host/x.cpp", "codec/x.h", false},
+        {"validate/x.cpp", "zumod/codec.h", true},
+        {"validate/x.cpp", "src/loader/load_module.h", false},
+        {"validate/x.cpp", "src/plugin/client_camera.h", false},
         {"peer/x.cpp", "codec/x.h", false},
         {"codec/x.cpp", "src/capture/x.h", false},
         {"vcam/x.cpp", "src/base/x.h", false},
