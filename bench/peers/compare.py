@@ -245,6 +245,8 @@ def run_mode(job):
             part = max(1, len(settled) // 4)
             creeps[name] = {"early_us": statistics.median(settled[:part]),
                             "late_us": statistics.median(settled[-part:])}
+            print(f"{mode['name']}, stops of the reader, {name}: {creeps[name]['early_us']:.0f} us old, later "
+                  f"{creeps[name]['late_us']:.0f}", file=sys.stderr)
     finally:
         if feeder:
             feeder.kill()
