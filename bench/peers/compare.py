@@ -337,6 +337,8 @@ def document(report, pictures):
             "- **Ratio** is that time divided by the limit's in the same round of runs.",
             "- **Last byte** is the time from the painting of a picture to the read that returned its last byte.",
             "- **Decoded** adds the time to decode that picture with libavcodec, one thread, measured after the run.",
+            "- **kbit/s** and **Lost**, the pictures of the camera that did not arrive, show whether the contenders did",
+            "  the same work. The reference codec lowers its bit rate while pictures are lost.",
             "- In brackets: the smallest and the largest run. Times are milliseconds."]
     if report["missing"]:
         out += ["", "Not installed, and so not compared: " + ", ".join(report["missing"]) + "."]
