@@ -110,7 +110,7 @@ void EndOrphans() {
     }
 }
 
-std::string SizesText(const CameraEntry& camera) {
+std::string ListedSizes(const CameraEntry& camera) {
     std::string text;
     for (const PictureSize size : camera.sizes) {
         text += ' ';
@@ -177,7 +177,7 @@ private:
             for (const CameraEntry& camera : *listed) {
                 if (const auto size = m_context.options.size; size && !Lists(camera, *size)) {
                     PrintLine(CameraLabel(camera) + " may not have " + SizeText(*size) + "; it lists" +
-                              SizesText(camera));
+                              ListedSizes(camera));
                 }
                 text += VirtualCameraOption(camera, RequestedSize(m_context.options, camera),
                                             m_context.options.fps);
