@@ -55,7 +55,7 @@ std::vector<PicturePlane> PlanesOf(PictureSize size, VideoTargetFormat format);
 // without bytes, if they are not those of the format.
 bool CopyPicture(const VideoDecodedPicture& decoded, VideoTargetFormat format, Picture& picture);
 
-// Makes a dark picture with a sign that there is no camera, of this size and format.
+// Makes a dark picture with a crossed circle, of this size and format: there is no camera.
 void DrawNoCamera(PictureSize size, VideoTargetFormat format, Picture& picture);
 
 class PictureMailbox {
