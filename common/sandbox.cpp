@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
-#include <string_view>
 #include <system_error>
 
 #include "common/call_filter.h"
@@ -135,14 +134,6 @@ void AddInstrumentation(std::vector<LandlockRule>& rules) {
     if (kIsSanitized) {
         rules.push_back({"/proc", kRead});
         rules.push_back({program.parent_path(), kRead});
-        // Known leaks, read when the process ends.
-        const char* const options = std::getenv("LSAN_OPTIONS");  // NOLINT(concurrency-mt-unsafe)
-        const std::string text = options != nullptr ? options : "";
-        constexpr std::string_view kKey = "suppressions=";
-        if (const size_t key = text.find(kKey); key != std::string::npos) {
-            const size_t start = key + kKey.size();
-            rules.push_back({text.substr(start, text.find(':', start) - start), kLandlockReadFile});
-        }
     }
 #ifdef ZU_COVERAGE
     rules.push_back({program.parent_path().parent_path(), kWriteFiles});

@@ -23,8 +23,8 @@
 // display or log daemon uses. The report says so.
 //
 // Sanitizers (builds for tests only). Their run time stops the process's threads by ptrace at the end and
-// reads /proc, the program's files and its list of known leaks: kIsSanitized permits that and leaves the
-// process dumpable. Everything else, Landlock included, is as in a build for users.
+// reads /proc and the program's files: kIsSanitized permits that and leaves the process dumpable. Everything
+// else, Landlock included, is as in a build for users.
 //
 // Thread rule: main thread, before any other thread starts: Landlock and capabilities belong to a thread.
 #pragma once
