@@ -15,6 +15,7 @@
 #include <cstring>
 #include <deque>
 #include <exception>
+#include <iterator>
 #include <string_view>
 #include <vector>
 
@@ -36,6 +37,12 @@ static_assert(std::is_trivially_copyable_v<Request>);
 
 constexpr int kSocketNumber = STDERR_FILENO + 1;
 constexpr size_t kLongestCommandLine = 128;
+// How a shell ends if it cannot run the command.
+constexpr int kNotExecutable = 126;
+constexpr int kNotFound = 127;
+// How often a process that was killed is looked at. Its descriptor is no help: it is readable although the
+// process cannot be waited for while another process traces it.
+constexpr auto kReapInterval = std::chrono::milliseconds(20);
 constexpr const char* kEventNames[] = {"ask", "open", "close"};
 constexpr const char* kOptionNames[] = {"--ask", "--on-open", "--on-close"};
 
@@ -111,6 +118,26 @@ Expected<pid_t> StartCommand(const std::string& command, Kind kind, const Camera
     return StartShellCommand({.text = command, .has_own_group = true, .environment = variables.data()});
 }
 
+// How a command ended: what that means as an answer, and a text unless it succeeded.
+struct Outcome {
+    HelperResult result;
+    std::string failure;
+};
+
+Outcome OutcomeOf(int status) {
+    if (status == 0) {
+        return {HelperResult::kAllowed, ""};
+    }
+    switch (WIFEXITED(status) ? WEXITSTATUS(status) : 0) {
+        case kNotExecutable:
+            return {HelperResult::kNotAsked, "the command cannot be executed (status 126)"};
+        case kNotFound:
+            return {HelperResult::kNotAsked, "the command was not found (status 127)"};
+        default:
+            return {HelperResult::kRefused, CommandFailure(status)};
+    }
+}
+
 // What runs in the helper process.
 class Helper {
 public:
@@ -118,19 +145,14 @@ public:
     Helper(const Helper&) = delete;
     Helper& operator=(const Helper&) = delete;
 
-    // Returns after the host has ended, and after the last command.
+    // Returns after the host has ended, and after the last command. One that cannot be killed is left behind.
     void Run() {
         Waiter::Registration input = m_waiter.Watch(kSocketNumber, POLLIN, [this] { ReceiveRequests(); });
-        while (!m_host_is_gone || !m_jobs.empty() || !m_hooks.empty()) {
-            Clock::time_point next = Clock::time_point::max();
+        while (!m_host_is_gone || !m_hooks.empty() || !std::ranges::all_of(m_jobs, &Job::is_finished)) {
             if (m_host_is_gone) {
                 input.reset();
-                next = m_end;
             }
-            for (const Job& job : m_jobs) {
-                next = std::min(next, job.deadline);
-            }
-            (void)m_waiter.Wait(next);
+            (void)m_waiter.Wait(NextTime());
             KillLateJobs();
             Reap();
             StartNextHook();
@@ -143,7 +165,8 @@ private:
         pid_t pid;
         UniqueFd process;  // readable once it has ended
         Clock::time_point deadline;
-        bool is_late = false;
+        bool is_killed = false;
+        bool is_finished = false;  // it was killed and does not end; its result was reported
         Waiter::Registration end = nullptr;
     };
 
@@ -151,6 +174,17 @@ private:
         return kind == Kind::kAsk    ? m_commands.ask
                : kind == Kind::kOpen ? m_commands.on_open
                                      : m_commands.on_close;
+    }
+
+    Clock::time_point NextTime() const {
+        Clock::time_point next = m_end;
+        for (const Job& job : m_jobs) {
+            if (job.is_killed && !job.is_finished) {
+                next = std::min(next, Clock::now() + kReapInterval);
+            }
+            next = std::min(next, job.deadline);
+        }
+        return next;
     }
 
     void ReceiveRequests() {
@@ -165,11 +199,7 @@ private:
             if (!*request) {
                 return;
             }
-            if ((*request)->kind == Kind::kCancel) {
-                CancelQuestions((*request)->number);
-            } else if ((*request)->kind < Kind::kCancel && !CommandFor((*request)->kind).empty()) {
-                Accept(**request);
-            }
+            Accept(**request);
         }
     }
 
@@ -177,42 +207,87 @@ private:
     void CancelQuestions(std::optional<uint64_t> number) {
         for (Job& job : m_jobs) {
             const bool is_meant = !number || job.request.number == *number;
-            if (job.request.kind == Kind::kAsk && is_meant && !job.is_late) {
+            if (job.request.kind == Kind::kAsk && is_meant && !job.is_killed) {
                 job.deadline = Clock::time_point();
             }
         }
     }
 
     void Accept(const Request& request) {
-        if (request.kind == Kind::kAsk) {
-            if (std::ranges::count(m_jobs, Kind::kAsk, KindOf) < ptrdiff_t{kMostQuestions}) {
-                Begin(request);
-            } else {
-                Finish(request, std::to_string(kMostQuestions) + " questions are open already");
-            }
+        switch (request.kind) {
+            case Kind::kAsk:
+                AcceptQuestion(request);
+                break;
+            case Kind::kOpen:
+            case Kind::kClose:
+                AcceptHook(request);
+                break;
+            case Kind::kCancel:
+                CancelQuestions(request.number);
+                break;
+        }
+    }
+
+    void AcceptQuestion(const Request& request) {
+        if (std::ranges::count_if(m_jobs, IsQuestion) < ptrdiff_t{kMostQuestions}) {
+            Begin(request);
+        } else {
+            Finish(request,
+                   {HelperResult::kNotAsked, std::to_string(kMostQuestions) + " questions are open already"});
+        }
+    }
+
+    // An open is also kept if there is only a command for its close, and the other way round: so that both
+    // can be left out.
+    void AcceptHook(const Request& request) {
+        if (m_commands.on_open.empty() && m_commands.on_close.empty()) {
+            return;
+        }
+        if (m_hooks.size() >= kManyHooks && request.kind == Kind::kClose && RemoveOpen(request.use)) {
+            Finish(request, {HelperResult::kSaid, "left out: a camera was opened and closed while " +
+                                                      std::to_string(kManyHooks) + " commands waited"});
         } else if (m_hooks.size() < kMostHooks) {
             m_hooks.push_back(request);
         } else {
-            Finish(request, "left out: " + std::to_string(kMostHooks) + " commands wait already");
+            Finish(request, {HelperResult::kSaid,
+                             "left out: " + std::to_string(kMostHooks) + " commands wait already"});
         }
     }
 
-    // Unless one is running.
+    // Whether the command for the last open of this camera by this peer still waited.
+    bool RemoveOpen(const CameraUse& use) {
+        const auto found = std::find_if(m_hooks.rbegin(), m_hooks.rend(), [&](const Request& hook) {
+            return hook.use.peer == use.peer && hook.use.camera == use.camera;
+        });
+        if (found == m_hooks.rend() || found->kind != Kind::kOpen) {
+            return false;
+        }
+        m_hooks.erase(std::next(found).base());
+        return true;
+    }
+
+    // Unless one is running. Those that cannot be killed are not waited for, but they are few.
     void StartNextHook() {
-        while (!m_hooks.empty() && std::ranges::all_of(
-                                       m_jobs, [](Kind kind) { return kind == Kind::kAsk; }, KindOf)) {
+        const auto is_running = [](const Job& job) { return !IsQuestion(job) && !job.is_finished; };
+        while (!m_hooks.empty() && std::ranges::none_of(m_jobs, is_running)) {
+            if (m_jobs.size() - CountQuestions() >= kMostUnkilledHooks) {
+                return;
+            }
             const Request request = m_hooks.front();
             m_hooks.pop_front();
-            Begin(request);
+            if (!CommandFor(request.kind).empty()) {
+                Begin(request);
+            }
         }
     }
 
-    static Kind KindOf(const Job& job) { return job.request.kind; }
+    static bool IsQuestion(const Job& job) { return job.request.kind == Kind::kAsk; }
+    size_t CountQuestions() const { return static_cast<size_t>(std::ranges::count_if(m_jobs, IsQuestion)); }
 
     void Begin(const Request& request) {
         const auto child = StartCommand(CommandFor(request.kind), request.kind, request.use);
         if (!child) {
-            Finish(request, child.error().text);
+            Finish(request, {HelperResult::kNotAsked, child.error().text});
             return;
         }
         const auto limit = request.kind == Kind::kAsk ? m_commands.ask_limit : m_commands.hook_limit;
@@ -230,49 +305,63 @@ private:
         const auto now = Clock::now();
         if (now >= m_end) {
             m_hooks.clear();
+            m_end = Clock::time_point::max();
+            for (Job& job : m_jobs) {
+                job.deadline = std::min(job.deadline, now);
+            }
         }
         for (Job& job : m_jobs) {
-            if (!job.is_late && now >= std::min(job.deadline, m_end)) {
-                job.is_late = true;
-                job.deadline = Clock::time_point::max();
+            if (now < job.deadline) {
+                continue;
+            }
+            if (!job.is_killed) {
+                job.is_killed = true;
+                job.deadline = now + m_commands.kill_limit;
+                job.end.reset();
                 kill(-job.pid, SIGKILL);
+            } else {
+                job.is_finished = true;
+                job.deadline = Clock::time_point::max();
+                Finish(job.request,
+                       {HelperResult::kRefused, "the command took too long and cannot be killed"});
             }
         }
     }
 
     void Reap() {
-        std::erase_if(m_jobs, [this](Job& job) {
+        std::erase_if(m_jobs, [this](const Job& job) {
             int status = 0;
-            // One that was killed ends at once.
-            const pid_t ended = waitpid(job.pid, &status, job.is_late ? 0 : WNOHANG);
+            const pid_t ended = waitpid(job.pid, &status, WNOHANG);
             if (ended == 0 || (ended < 0 && errno == EINTR)) {
                 return false;
             }
-            Finish(job.request, job.is_late ? "the command took too long"
-                                : ended < 0 ? "the command's status is not known"
-                                            : CommandFailure(status));
+            if (!job.is_finished) {
+                Finish(job.request,
+                       job.is_killed ? Outcome{HelperResult::kRefused, "the command took too long"}
+                       : ended < 0   ? Outcome{HelperResult::kRefused, "the command's status is not known"}
+                                     : OutcomeOf(status));
+            }
             return true;
         });
     }
 
-    void Finish(const Request& request, const std::string& failure) const {
+    // Reports the answer to a question, and how a hook failed.
+    static void Finish(const Request& request, const Outcome& outcome) {
         const bool is_question = request.kind == Kind::kAsk;
-        if (!is_question && failure.empty()) {
+        if (!is_question && outcome.failure.empty()) {
             return;
         }
         HelperReply reply;
         reply.number = request.number;
-        reply.result = !is_question      ? HelperResult::kSaid
-                       : failure.empty() ? HelperResult::kAllowed
-                                         : HelperResult::kRefused;
-        const std::string text = kOptionNames[static_cast<size_t>(request.kind)] + (": " + failure);
+        reply.result = is_question ? outcome.result : HelperResult::kSaid;
+        const std::string text = kOptionNames[static_cast<size_t>(request.kind)] + (": " + outcome.failure);
         text.copy(reply.text, sizeof reply.text - 1);
         (void)SendRecord(kSocketNumber, reply);
     }
 
     const HelperCommands m_commands;
     Waiter m_waiter;
-    std::vector<Job> m_jobs;      // questions, and at most one hook
+    std::vector<Job> m_jobs;      // questions, at most one hook, and hooks that cannot be killed
     std::deque<Request> m_hooks;  // that wait; at most kMostHooks
     bool m_host_is_gone = false;
     Clock::time_point m_end = Clock::time_point::max();  // of every command, once the host is gone

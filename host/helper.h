@@ -14,11 +14,15 @@
 // - Helper: {number, result, text}, once for each kAsk; and {0, kSaid, text} with a warning for the log.
 //
 // Commands. Each runs by "sh -c" in a separate process group, with /dev/null as its input and the host's
-// standard error as its output. At most kMostQuestions questions run at once; further ones are answered with
-// "no". Hooks run one after the other, in the order of their events. At most kMostHooks wait; further ones
-// are left out with a warning. A command that runs longer than its limit is killed with its group. When the
-// host ends, the helper kills the questions that are open. It ends after the last hook; all hooks together
-// then have the time of one.
+// standard error as its output. At most kMostQuestions questions run at once; further ones are not asked.
+// Hooks run one after the other, in the order of their events. At most kMostHooks wait; further ones are left
+// out with a warning. Peers that open and close without a pause must not fill that queue: while kManyHooks
+// wait, a close whose open still waits leaves out both. So only opens of cameras that are in use can fill it.
+//
+// A command that runs longer than its limit is killed with its group. If it does not end by that (a driver
+// holds it), it is reported and no more waited for. It still counts as a question; of hooks, the next one
+// runs, up to kMostUnkilledHooks of them. When the host ends, the helper kills the questions that are open.
+// It ends after the last hook; all hooks together then have the time of one.
 //
 // Thread rule: HelperProcess is [main thread]; Start before any other thread starts. The helper has one
 // thread.
@@ -45,10 +49,13 @@ struct HelperCommands {
     std::string on_close;
     std::chrono::milliseconds ask_limit = std::chrono::seconds(30);
     std::chrono::milliseconds hook_limit = std::chrono::seconds(60);
+    std::chrono::milliseconds kill_limit = std::chrono::seconds(5);  // from the signal to the end
 };
 
 inline constexpr size_t kMostQuestions = 16;
 inline constexpr size_t kMostHooks = 256;
+inline constexpr size_t kManyHooks = 32;
+inline constexpr size_t kMostUnkilledHooks = 16;
 
 // Who uses which camera, for the environment of a command.
 struct CameraUse {
@@ -63,7 +70,12 @@ struct CameraUse {
     char file[32] = {};  // of the camera
 };
 
-enum class HelperResult : uint32_t { kAllowed, kRefused, kSaid };
+enum class HelperResult : uint32_t {
+    kAllowed,
+    kRefused,
+    kNotAsked,  // the command could not run: the owner was not asked
+    kSaid,
+};
 
 struct HelperReply {
     uint64_t number = 0;

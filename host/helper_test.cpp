@@ -2,11 +2,17 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <utility>
 
 #include "tests/support/process/file_content.h"
 #include "tests/support/process/work_directory.h"
@@ -114,6 +120,96 @@ TEST(HelperProcess, ACommandThatTakesTooLongIsKilledAndRefuses) {
     EXPECT_STREQ(reply->text, "--ask: the command took too long");
 }
 
+TEST(HelperProcess, ACommandThatCannotRunIsNotARefusal) {
+    struct Case {
+        std::string command;
+        std::string text;
+    };
+    for (const Case& each :
+         {Case{"/nonexistent/command 2>/dev/null", "--ask: the command was not found (status 127)"},
+          Case{"/dev/null 2>/dev/null", "--ask: the command cannot be executed (status 126)"},
+          Case{std::string(200'000, 'x'), "--ask: the command cannot be started: Argument list too long"}}) {
+        const auto helper = StartHelper(Asking(each.command));
+        ASSERT_TRUE(helper->Ask(1, {}));
+        const auto reply = NextReply(*helper);
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->result, HelperResult::kNotAsked);
+        EXPECT_EQ(reply->text, each.text);
+    }
+}
+
+// A process that another one traces stays until that one has waited for it, also after it was killed.
+class HelperOfATracedCommand : public ::testing::Test {
+protected:
+    // Traces the command that writes its number to `file`. Returns whether that is permitted.
+    bool Trace(const std::string& file) {
+        EXPECT_TRUE(WaitUntil([&] { return FileContent(file).ends_with("\n"); }));
+        traced = std::stoi(FileContent(file));
+        return ptrace(PTRACE_SEIZE, traced, nullptr, nullptr) == 0;
+    }
+    ~HelperOfATracedCommand() override {
+        if (traced > 0) {
+            (void)waitpid(traced, nullptr, __WALL);  // ends the tracing
+        }
+    }
+    pid_t traced = 0;
+    const WorkDirectory work;
+};
+
+constexpr char kNoTracing[] = "this system does not permit a test to trace its process";
+
+TEST_F(HelperOfATracedCommand, AQuestionThatCannotBeKilledIsReported) {
+    HelperCommands commands =
+        Asking("test $ZU_CAMERA_ID = 1 || { echo $$ >" + (work / "pid") + "; sleep 1000; }");
+    commands.kill_limit = std::chrono::milliseconds(10);
+    const auto helper = StartHelper(commands);
+    ASSERT_TRUE(helper->Ask(1, {}));
+    if (!Trace(work / "pid")) {
+        kill(std::exchange(traced, 0), SIGKILL);
+        GTEST_SKIP() << kNoTracing;
+    }
+    ASSERT_TRUE(helper->Cancel(1));
+    auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result, HelperResult::kRefused);
+    EXPECT_STREQ(reply->text, "--ask: the command took too long and cannot be killed");
+    CameraUse use;
+    use.camera = 1;
+    ASSERT_TRUE(helper->Ask(2, use));
+    reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->number, 2U);
+    EXPECT_EQ(reply->result, HelperResult::kAllowed);
+}
+
+TEST_F(HelperOfATracedCommand, TheNextHookRunsAfterOneThatCannotBeKilled) {
+    HelperCommands commands;
+    commands.on_open = "echo $$ >" + (work / "pid") + "; sleep 1000";
+    commands.on_close = "echo close >" + (work / "close");
+    commands.kill_limit = std::chrono::milliseconds(10);
+    std::unique_ptr<HelperProcess> helper;
+    // On a slow machine the hook may be over before it is traced.
+    for (commands.hook_limit = std::chrono::seconds(1); traced == 0; commands.hook_limit *= 4) {
+        ASSERT_LT(commands.hook_limit, std::chrono::seconds(100));
+        std::filesystem::remove(work / "pid");
+        helper = StartHelper(commands);
+        ASSERT_TRUE(helper->OnOpen({}));
+        if (!Trace(work / "pid")) {
+            const bool is_over = errno == ESRCH;
+            kill(std::exchange(traced, 0), SIGKILL);
+            if (!is_over) {
+                GTEST_SKIP() << kNoTracing;
+            }
+        }
+    }
+    ASSERT_TRUE(helper->OnClose({}));
+    const auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result, HelperResult::kSaid);
+    EXPECT_STREQ(reply->text, "--on-open: the command took too long and cannot be killed");
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(work / "close") == "close\n"; }));
+}
+
 TEST(HelperProcess, AtMost16QuestionsAreOpenAtOnceAndHooksRunBesideThem) {
     const WorkDirectory work;
     HelperCommands commands = Asking("sleep 1000");
@@ -125,7 +221,7 @@ TEST(HelperProcess, AtMost16QuestionsAreOpenAtOnceAndHooksRunBesideThem) {
     const auto reply = NextReply(*helper);
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->number, 17U);
-    EXPECT_EQ(reply->result, HelperResult::kRefused);
+    EXPECT_EQ(reply->result, HelperResult::kNotAsked);
     EXPECT_STREQ(reply->text, "--ask: 16 questions are open already");
     ASSERT_TRUE(helper->OnOpen({}));
     EXPECT_TRUE(WaitUntil([&] { return FileContent(work / "hook") == "open\n"; }));
@@ -187,6 +283,77 @@ TEST(HelperProcess, AtMost256HooksWait) {
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->result, HelperResult::kSaid);
     EXPECT_STREQ(reply->text, "--on-open: left out: 256 commands wait already");
+}
+
+// A peer that opens and closes a camera again and again must not fill the queue.
+TEST(HelperProcess, CamerasThatAreClosedWhileManyHooksWaitAreLeftOutOfBoth) {
+    const WorkDirectory work;
+    const std::string go = work / "go";
+    HelperCommands commands;
+    const std::string print = "until test -e " + go +
+                              "; do sleep 0.05; done; echo $ZU_CAMERA_EVENT $ZU_CAMERA_PEER >>" +
+                              (work / "hooks");
+    commands.on_open = commands.on_close = print;
+    const auto helper = StartHelper(commands);
+    const auto send = [](auto action) { EXPECT_TRUE(WaitUntil(action)); };
+    CameraUse use;
+    // One runs and 32 wait.
+    for (use.peer = 1; use.peer <= 33; ++use.peer) {
+        send([&] { return helper->OnOpen(use); });
+    }
+    for (int i = 0; i < 300; ++i) {
+        use.peer = 100;
+        send([&] { return helper->OnOpen(use); });
+        send([&] { return helper->OnClose(use); });
+        const auto reply = NextReply(*helper);
+        ASSERT_TRUE(reply);
+        ASSERT_STREQ(reply->text,
+                     "--on-close: left out: a camera was opened and closed while 32 commands waited");
+    }
+    use.peer = 2;  // another camera than the one of its open that waits
+    use.camera = 1;
+    send([&] { return helper->OnClose(use); });
+    std::ofstream(go) << "now";
+    std::string expected;
+    for (int peer = 1; peer <= 33; ++peer) {
+        expected += "open " + std::to_string(peer) + "\n";
+    }
+    expected += "close 2\n";
+    EXPECT_TRUE(WaitUntil([&] { return FileContent(work / "hooks") == expected; }))
+        << FileContent(work / "hooks");
+}
+
+TEST(HelperProcess, AfterTheEndOfTheHostAllHooksTogetherHaveTheTimeOfOne) {
+    const WorkDirectory work;
+    const std::string file = work / "pipe";
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    HelperCommands commands;
+    // Both keep the file open until they end.
+    commands.on_open = commands.on_close = "exec 3>" + file + "; echo $ZU_CAMERA_EVENT >&3; sleep 1000";
+    commands.hook_limit = std::chrono::milliseconds(500);
+    auto helper = StartHelper(commands);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(helper->OnOpen({}));
+        ASSERT_TRUE(helper->OnClose({}));
+    }
+    const UniqueFd pipe(open(file.c_str(), O_RDONLY | O_CLOEXEC));  // waits for the first hook
+    ASSERT_TRUE(pipe);
+    helper = nullptr;
+    std::string read_text;
+    char byte = 0;
+    while (read(pipe.Get(), &byte, 1) == 1) {
+        read_text += byte;
+    }
+    // The second one has the rest of the time, if there is any.
+    EXPECT_TRUE(read_text == "open\n" || read_text == "open\nclose\n") << read_text;
+}
+
+TEST(HelperProcess, TheInputOfACommandIsEmpty) {
+    const auto helper = StartHelper(Asking("test /proc/self/fd/0 -ef /dev/null && ! read line"));
+    ASSERT_TRUE(helper->Ask(1, {}));
+    const auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result, HelperResult::kAllowed) << reply->text;
 }
 
 // A program inherits which signals are ignored.

@@ -487,8 +487,12 @@ private:
         m_questions.erase(found);
         if (reply.result == HelperResult::kAllowed) {
             Decide(peer, "");
+            return;
+        }
+        m_log.Write(kLogEvent, SessionText(peer) + " is refused: " + text);
+        if (reply.result == HelperResult::kNotAsked) {
+            Decide(peer, kCannotAsk);
         } else {
-            m_log.Write(kLogEvent, SessionText(peer) + " is refused: " + text);
             m_refusals[file] = Clock::now() + kRefusalTime;
             Decide(peer, "the owner of this host has not agreed");
         }

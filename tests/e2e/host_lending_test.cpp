@@ -65,6 +65,14 @@ TEST_F(HostLending, AHostThatOnlyListsOpensNothing) {
     EXPECT_FALSE(cameras.At(0).Status().streaming);
 }
 
+TEST_F(HostLending, AHostThatOnlyListsHidesTheControlsOfItsCameras) {
+    const auto host = Start({"--list-only"});
+    const PeerClient peer = Connect();
+    EXPECT_TRUE(peer.Send(MessageBytes(129, Number32(0))));
+    const Bytes expected = MessageBytes(130, Number32(0) + Number32(1));
+    EXPECT_EQ(peer.ReceiveBytes(expected.size()), expected);
+}
+
 // A shell does not run with the library of a sanitizer preloaded.
 #define SKIP_WITHOUT_SHELL()                                                                            \
     if (kIsSanitized) {                                                                                 \
@@ -106,6 +114,36 @@ TEST_F(HostLending, APeerThatLeavesEndsItsQuestion) {
     }
     EXPECT_TRUE(host->Says("[host] peer 1 has left after "));
     ExpectRefused(Connect(), 0, "the owner of this host has not agreed less than 10 seconds ago");
+}
+
+TEST_F(HostLending, AfterANoNobodyIsAskedAboutThatCameraFor10Seconds) {
+    SKIP_WITHOUT_SHELL();
+    const auto host = Start({"--ask", "echo $ZU_CAMERA_NAME >>'" + (work / "asked") + "'; false"});
+    ExpectRefused(Connect(), 0, "the owner of this host has not agreed");
+    const PeerClient peer = Connect();
+    ExpectRefused(peer, 0, "the owner of this host has not agreed less than 10 seconds ago");
+    ExpectRefused(peer, 1, "the owner of this host has not agreed");
+    EXPECT_EQ(FileContent(work / "asked"), "Front\nDesk\n");
+}
+
+TEST_F(HostLending, ACommandThatCannotRunIsTriedAgainAtTheNextOpen) {
+    SKIP_WITHOUT_SHELL();
+    const auto host = Start({"--ask", "'" + (work / "ask") + "'"});
+    const PeerClient peer = Connect();
+    ExpectRefused(peer, 0, "this host cannot ask its owner");
+    EXPECT_TRUE(host->Says("[session] peer 1 is refused: --ask: the command was not found (status 127)"));
+    std::filesystem::create_symlink("/bin/true", work / "ask");
+    ExpectPictures(peer);
+}
+
+TEST_F(HostLending, AQuestionIsRefusedIfTheHelperProcessDies) {
+    SKIP_WITHOUT_SHELL();
+    const auto host = Start({"--ask", "kill -KILL $PPID"});
+    const PeerClient peer = Connect();
+    ExpectRefused(peer, 0, "this host cannot ask its owner");
+    EXPECT_TRUE(host->Says("error   [host] the helper process is gone: no command runs any more"));
+    ExpectRefused(peer, 1, "this host cannot ask its owner");
+    ExpectServed(peer);
 }
 
 TEST_F(HostLending, HooksRunWhenACameraIsOpenedAndClosedAndWhenTheHostEnds) {
