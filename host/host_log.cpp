@@ -239,27 +239,24 @@ bool HostLog::PassesLimit(std::string_view text) {
     }
     const MutexLock lock(m_limit_mutex);
     const LineLimit::Decision decision = m_limit.Decide(text, std::chrono::steady_clock::now());
-    if (decision.before) {
-        WriteLeftOut(*decision.before);
-    }
+    WriteMissing(decision.before);
     return decision.passes;
 }
 
 void HostLog::EndSource(std::string_view source) noexcept {
     try {
         const MutexLock lock(m_limit_mutex);
-        if (const auto left_out = m_limit.End(source, std::chrono::steady_clock::now())) {
-            WriteLeftOut(*left_out);
-        }
+        WriteMissing(m_limit.End(source, std::chrono::steady_clock::now()));
     } catch (const std::bad_alloc&) {
         m_buffer->Append({});
     }
 }
 
-void HostLog::WriteLeftOut(const LineLimit::LeftOut& left_out) {
-    m_buffer->Append(FormatLogLine(
-        Now(), kLogIgnored, left_out.source + ": " + std::to_string(left_out.lines) + " lines were left out",
-        m_colour));
+void HostLog::WriteMissing(const std::vector<LineLimit::Missing>& missing) {
+    for (const LineLimit::Missing& lines : missing) {
+        const bool is_repeated = lines.why == LineLimit::Missing::Why::kRepeated;
+        m_buffer->Append(FormatLogLine(Now(), is_repeated ? kLogEvent : kLogIgnored, lines.Text(), m_colour));
+    }
 }
 
 void HostLog::Print(std::string_view text) noexcept {
@@ -273,9 +270,7 @@ void HostLog::Print(std::string_view text) noexcept {
 bool HostLog::Flush(std::chrono::milliseconds limit) {
     {
         const MutexLock lock(m_limit_mutex);
-        for (const LineLimit::LeftOut& left_out : m_limit.TakeLeftOut()) {
-            WriteLeftOut(left_out);
-        }
+        WriteMissing(m_limit.TakeMissing());
     }
     if (!m_has_thread && !Start()) {
         m_buffer->End();

@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "common/error.h"
 #include "common/mutex.h"
@@ -57,7 +58,7 @@ public:
 
     // From now on each source of lines is limited; see line_limit.h. Before Start.
     void LimitSources() { m_limits_sources = true; }
-    // Nothing more comes from this source. If lines of it were left out, it says how many.
+    // Nothing more comes from this source. If lines of it are missing, it says how many.
     void EndSource(std::string_view source) noexcept;
 
     void Write(uint32_t level, std::string_view text) noexcept;
@@ -72,9 +73,9 @@ public:
 private:
     class Buffer;
 
-    // Whether the line may be written. Before it comes how many lines of its source were left out.
+    // Whether the line is written. Before it comes how many lines of its source are missing.
     bool PassesLimit(std::string_view text);
-    void WriteLeftOut(const LineLimit::LeftOut& left_out);
+    void WriteMissing(const std::vector<LineLimit::Missing>& missing);
 
     const uint32_t m_levels;
     const bool m_colour;

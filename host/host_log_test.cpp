@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -177,6 +178,20 @@ TEST(HostLog, LinesBeforeTheStartAreWritten) {
     ASSERT_TRUE(log.Flush(kLimit));
     const std::string lines = pipe.Read();
     EXPECT_NE(lines.find("error   early\nprogram: a\\x1b[2J\n"), std::string::npos) << lines;
+}
+
+TEST(HostLog, ALineThatIsRepeatedIsWrittenOnceAndItsCountAtTheEnd) {
+    const Pipe pipe;
+    HostLog log(pipe.write_end.Get(), 15);
+    log.LimitSources();
+    for (int i = 0; i < 4; ++i) {
+        log.Write(2, "[a] one");
+    }
+    ASSERT_TRUE(log.Flush(kLimit));
+    const std::string lines = pipe.Read();
+    EXPECT_EQ(std::ranges::count(lines, '\n'), 2);
+    EXPECT_NE(lines.find("warning [a] one\n"), std::string::npos) << lines;
+    EXPECT_NE(lines.find("info    [a]: the last line was repeated 3 times\n"), std::string::npos) << lines;
 }
 
 TEST(HostLog, AClosedReaderIsNotWaitedFor) {

@@ -40,20 +40,45 @@ bool Take(LineLimit::Time& full_at, std::chrono::nanoseconds interval, LineLimit
 
 }  // namespace
 
+std::string LineLimit::Missing::Text() const {
+    const std::string start = source + ": ";
+    if (why == Why::kLeftOut) {
+        return start + std::to_string(lines) + " lines were left out";
+    }
+    return start + "the last line was repeated " + (lines == 1 ? "once" : std::to_string(lines) + " times");
+}
+
 LineLimit::Decision LineLimit::Decide(std::string_view line, Time now) {
     auto& [name, source] = *SourceOf(SourceName(line), now);
+    if (!source.last.empty() && source.last == line && now - source.last_at < kRepeatTime) {
+        ++source.repeated;
+        return {false, {}};
+    }
+    if (!TakeLimit(line, source, now)) {
+        ++source.left_out;
+        return {false, {}};
+    }
+    Decision decision{true, {}};
+    MoveMissing(name, source, decision.before);
+    if (m_earlier != 0 && now >= m_earlier_at) {
+        MoveEarlier(decision.before);
+        m_earlier_at = now + kEarlierTime;
+    }
+    source.last = line.size() <= kLongestRepeated ? line : "";
+    source.last_at = now;
+    return decision;
+}
+
+bool LineLimit::TakeLimit(std::string_view line, Source& source, Time now) {
     const Time before = source.full_at;
     if (!Take(source.full_at, kInterval, now, kBurst)) {
-        ++source.left_out;
-        return {false, std::nullopt};
+        return false;
     }
-    if (!TakeShare(line, now)) {
-        source.full_at = before;
-        ++source.left_out;
-        return {false, std::nullopt};
+    if (Take(source.earned_at, kInterval, now, kBurst) || TakeShare(line, now)) {
+        return true;
     }
-    const uint64_t left_out = std::exchange(source.left_out, 0);
-    return {true, left_out != 0 ? std::optional(LeftOut{name, left_out}) : std::nullopt};
+    source.full_at = before;
+    return false;
 }
 
 bool LineLimit::TakeShare(std::string_view source, Time now) {
@@ -61,21 +86,21 @@ bool LineLimit::TakeShare(std::string_view source, Time now) {
     return kind.empty() || Take(m_shares[std::string(kind)], kInterval / kShare, now, kBurst * kShare);
 }
 
-std::optional<LineLimit::LeftOut> LineLimit::End(std::string_view source, Time now) {
+std::vector<LineLimit::Missing> LineLimit::End(std::string_view source, Time now) {
+    std::vector<Missing> missing;
     const auto found = m_sources.find(source);
     if (found == m_sources.end()) {
-        return std::nullopt;
+        return missing;
     }
-    const LeftOut left_out{found->first, found->second.left_out};
+    auto& [name, ended] = *found;
+    const uint64_t lines = ended.left_out + ended.repeated;
+    if (lines != 0 && TakeShare(source, now)) {
+        MoveMissing(name, ended, missing);
+    } else {
+        m_earlier += lines;
+    }
     m_sources.erase(found);
-    if (left_out.lines == 0) {
-        return std::nullopt;
-    }
-    if (!TakeShare(source, now)) {
-        m_earlier += left_out.lines;
-        return std::nullopt;
-    }
-    return left_out;
+    return missing;
 }
 
 LineLimit::Sources::iterator LineLimit::SourceOf(std::string_view name, Time now) {
@@ -86,23 +111,37 @@ LineLimit::Sources::iterator LineLimit::SourceOf(std::string_view name, Time now
     if (m_sources.size() >= kMostSources) {
         std::erase_if(m_sources, [&](const auto& entry) {
             const bool is_quiet = entry.second.full_at <= now;
-            m_earlier += is_quiet ? entry.second.left_out : 0;
+            m_earlier += is_quiet ? entry.second.left_out + entry.second.repeated : 0;
             return is_quiet;
         });
     }
-    return m_sources.try_emplace(std::string(m_sources.size() < kMostSources ? name : "[other]")).first;
+    const Source created{.full_at = {}, .earned_at = now + kBurst * kInterval};
+    return m_sources.try_emplace(std::string(m_sources.size() < kMostSources ? name : "[other]"), created)
+        .first;
 }
 
-std::vector<LineLimit::LeftOut> LineLimit::TakeLeftOut() {
-    std::vector<LeftOut> all;
-    for (auto& [name, source] : m_sources) {
-        if (source.left_out != 0) {
-            all.push_back({name, std::exchange(source.left_out, 0)});
-        }
+void LineLimit::MoveMissing(const std::string& name, Source& source, std::vector<Missing>& to) {
+    // The repeated line was written before the others were left out.
+    if (source.repeated != 0) {
+        to.push_back({Missing::Why::kRepeated, name, std::exchange(source.repeated, 0)});
     }
+    if (source.left_out != 0) {
+        to.push_back({Missing::Why::kLeftOut, name, std::exchange(source.left_out, 0)});
+    }
+}
+
+void LineLimit::MoveEarlier(std::vector<Missing>& to) {
     if (m_earlier != 0) {
-        all.push_back({"[other]", std::exchange(m_earlier, 0)});
+        to.push_back({Missing::Why::kLeftOut, "[other]", std::exchange(m_earlier, 0)});
     }
+}
+
+std::vector<LineLimit::Missing> LineLimit::TakeMissing() {
+    std::vector<Missing> all;
+    for (auto& [name, source] : m_sources) {
+        MoveMissing(name, source, all);
+    }
+    MoveEarlier(all);
     return all;
 }
 
