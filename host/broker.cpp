@@ -76,13 +76,14 @@ void Broker::RemovePeer(PeerId id) {
     m_peers.erase(found);
 }
 
-void Broker::EndPeer(PeerId id, const std::string& notice, Clock::time_point now) {
+void Broker::EndPeer(PeerId id, const std::string& notice, const std::string& reason, Clock::time_point now) {
     Peer& peer = m_peers.at(id);
     if (peer.ended) {
         return;
     }
     m_log.push_back({kLogIgnored, "[host] peer " + std::to_string(id) + " is disconnected: " + notice});
     peer.ended = true;
+    peer.end_reason = reason;
     peer.close_at = now + kLastNoticeTime;
     m_now = now;
     EndWatches(id, peer);
@@ -160,10 +161,12 @@ bool Broker::OnTime(Clock::time_point now) {
     bool changed = false;
     for (auto& [id, peer] : m_peers) {
         if (now >= StuckTime(peer)) {
-            EndPeer(id, "nothing was received for " + SecondsText(m_limits.stuck), now);
+            const std::string time = SecondsText(m_limits.stuck);
+            EndPeer(id, "nothing was received for " + time, "took nothing for " + time, now);
             changed = true;
         } else if (now >= IdleTime(id, peer)) {
-            EndPeer(id, "no camera was open and no request came for " + SecondsText(m_limits.idle), now);
+            const std::string time = SecondsText(m_limits.idle);
+            EndPeer(id, "no camera was open and no request came for " + time, "idle for " + time, now);
             changed = true;
         }
     }
@@ -290,7 +293,7 @@ std::optional<Bytes> Broker::Serve(PeerId id, Peer& peer, Clock::time_point now)
             EndPeer(id,
                     "a request has " + std::to_string(length) + " bytes; the limit is " +
                         std::to_string(kRequestLimit),
-                    now);
+                    "too long a request", now);
             break;
         }
         peer.last_request = now;

@@ -147,8 +147,11 @@ public:
     void AddPeer(PeerId id, Clock::time_point now);
     // The connection is closed. What only this peer watches will be closed.
     void RemovePeer(PeerId id);
-    // Sends a notice as the last message to this peer. From here on it is not served.
-    void EndPeer(PeerId id, const std::string& notice, Clock::time_point now);
+    // Sends a notice as the last message to this peer. From here on it is not served. `reason` is for the
+    // log.
+    void EndPeer(PeerId id, const std::string& notice, const std::string& reason, Clock::time_point now);
+    // Why this peer was ended; empty if it was not.
+    std::string EndReason(PeerId id) const { return m_peers.at(id).end_reason; }
 
     // How many bytes OnInput takes now; 0: the peer's input must wait.
     size_t InputSpace(PeerId id) const;
@@ -257,6 +260,7 @@ private:
         std::string asked;            // the camera's identity
         std::string agreed;           // likewise
     };
+        std::string end_reason;
     // What is dropped because it may show another camera.
     enum class FrameFilter {
         kNone,

@@ -522,6 +522,7 @@ TEST_F(BrokerTest, ATooLongRequestEndsItsPeerOnly) {
     EXPECT_FALSE(broker.IsDone(1, now));
     Plugin(KeyFrame(0, 1));
     EXPECT_EQ(Take(1), kVersionReplyBytes + NoticeBytes("a request has 65537 bytes; the limit is 65536"));
+    EXPECT_EQ(broker.EndReason(1), "too long a request");
     EXPECT_TRUE(broker.IsDone(1, now));
     EXPECT_FALSE(broker.IsDone(2, now));
     EXPECT_EQ(Take(2), KeyFrame(0, 1));
@@ -533,8 +534,10 @@ TEST_F(BrokerTest, APeerThatIsEndedGetsItsMessageWholeAndNoFurtherFrames) {
     Plugin(KeyFrame(0, 1));
     Plugin(NextFrame(0, 2));
     broker.OnSent(1, 3, now);
-    broker.EndPeer(1, "enough", now);
-    broker.EndPeer(1, "twice", now);
+    broker.EndPeer(1, "enough", "reason", now);
+    broker.EndPeer(1, "twice", "another", now);
+    EXPECT_EQ(broker.EndReason(1), "reason");
+    EXPECT_EQ(broker.EndReason(2), "");
     const Bytes frame = KeyFrame(0, 1);
     EXPECT_EQ(Take(1), Bytes(frame.begin() + 3, frame.end()) + NoticeBytes("enough"));
     Take(2);
@@ -544,14 +547,14 @@ TEST_F(BrokerTest, APeerThatIsEndedGetsItsMessageWholeAndNoFurtherFrames) {
 TEST_F(BrokerTest, NothingFollowsTheLastNotice) {
     Ask(1, kVersionRequestBytes);
     EXPECT_EQ(Next(), kVersionRequestBytes);
-    broker.EndPeer(1, "enough", now);
+    broker.EndPeer(1, "enough", "reason", now);
     Plugin(kVersionReplyBytes);
     EXPECT_EQ(Take(1), NoticeBytes("enough"));
 }
 
 TEST_F(BrokerTest, APeerThatDoesNotReadItsLastNoticeIsDoneAfterTwoSeconds) {
     EXPECT_EQ(broker.NextTime(), now + seconds(60));
-    broker.EndPeer(1, "enough", now);
+    broker.EndPeer(1, "enough", "reason", now);
     EXPECT_EQ(broker.NextTime(), now + seconds(2));
     EXPECT_FALSE(broker.IsDone(1, now + milliseconds(1999)));
     EXPECT_TRUE(broker.IsDone(1, now + seconds(2)));
@@ -638,6 +641,7 @@ TEST_F(BrokerTest, APeerWithoutACameraAndARequestIsEndedAfterItsTime) {
     now += seconds(1);
     EXPECT_TRUE(broker.OnTime(now));
     EXPECT_EQ(Take(2), NoticeBytes("no camera was open and no request came for 60.0 s"));
+    EXPECT_EQ(broker.EndReason(2), "idle for 60.0 s");
     EXPECT_TRUE(broker.IsDone(2, now));
     // The other one has a camera open.
     EXPECT_EQ(Take(1), Bytes());
@@ -665,6 +669,7 @@ TEST_F(BrokerTest, APeerThatTakesNothingIsEndedAfterItsTime) {
     EXPECT_TRUE(broker.OnTime(now));
     EXPECT_EQ(Log(),
               (std::vector<std::string>{"[host] peer 1 is disconnected: nothing was received for 20.0 s"}));
+    EXPECT_EQ(broker.EndReason(1), "took nothing for 20.0 s");
     EXPECT_FALSE(broker.IsDone(1, now));
     EXPECT_TRUE(broker.IsDone(1, now + seconds(2)));
     EXPECT_FALSE(broker.IsDone(2, now));
@@ -709,6 +714,7 @@ TEST_F(BrokerTest, APeerThatAsksTooFastIsEnded) {
     EXPECT_EQ(Next(), SetPropertyBytes(0));
     EXPECT_EQ(Next(), Bytes());
     EXPECT_EQ(Take(1), NoticeBytes("more than 100 requests per second"));
+    EXPECT_EQ(broker.EndReason(1), "too many requests");
     Ask(2, kVersionRequestBytes);
     EXPECT_EQ(Next(), kVersionRequestBytes);
 }

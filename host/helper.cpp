@@ -26,7 +26,7 @@
 namespace zumod::host {
 namespace {
 
-enum class Kind : uint32_t { kAsk, kOpen, kClose, kCancel };
+enum class Kind : uint32_t { kAsk, kOpen, kClose, kCancel, kDescribe };
 
 struct Request {
     Kind kind = Kind::kAsk;
@@ -225,6 +225,10 @@ private:
             case Kind::kCancel:
                 CancelQuestions(request.number);
                 break;
+            case Kind::kDescribe:
+                Send({.number = request.number, .result = HelperResult::kDescribed},
+                     CommandOf(request.use.pid));
+                break;
         }
     }
 
@@ -351,10 +355,11 @@ private:
         if (!is_question && outcome.failure.empty()) {
             return;
         }
-        HelperReply reply;
-        reply.number = request.number;
-        reply.result = is_question ? outcome.result : HelperResult::kSaid;
-        const std::string text = kOptionNames[static_cast<size_t>(request.kind)] + (": " + outcome.failure);
+        Send({.number = request.number, .result = is_question ? outcome.result : HelperResult::kSaid},
+             kOptionNames[static_cast<size_t>(request.kind)] + (": " + outcome.failure));
+    }
+
+    static void Send(HelperReply reply, const std::string& text) {
         text.copy(reply.text, sizeof reply.text - 1);
         (void)SendRecord(kSocketNumber, reply);
     }
@@ -396,7 +401,7 @@ private:
 }  // namespace
 
 Expected<std::unique_ptr<HelperProcess>> HelperProcess::Start(const HelperCommands& commands) {
-    if (commands.ask.empty() && commands.on_open.empty() && commands.on_close.empty()) {
+    if (!commands.HasAny() && !commands.describes_peers) {
         return nullptr;
     }
     int ends[2];
@@ -429,6 +434,12 @@ bool HelperProcess::OnOpen(const CameraUse& use) const {
 
 bool HelperProcess::OnClose(const CameraUse& use) const {
     return SendRecord(m_socket.Get(), Request{Kind::kClose, 0, use});
+}
+
+bool HelperProcess::Describe(uint64_t peer, pid_t pid) const {
+    CameraUse use;
+    use.pid = pid;
+    return SendRecord(m_socket.Get(), Request{Kind::kDescribe, peer, use});
 }
 
 Expected<std::optional<HelperReply>> HelperProcess::Receive() const {

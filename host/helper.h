@@ -11,7 +11,9 @@
 //
 // - Host: {kind, number, who uses which camera}. The kind is kAsk, kOpen, kClose or kCancel, which ends the
 //   question of that number.
-// - Helper: {number, result, text}, once for each kAsk; and {0, kSaid, text} with a warning for the log.
+// - Host: {kDescribe, peer, who}, for what the process of a peer is. The sandbox hides it from the host.
+// - Helper: {number, result, text}, once for each kAsk; {0, kSaid, text} with a warning for the log; {peer,
+//   kDescribed, text} with the command line of the peer, empty if it is not known.
 //
 // Commands. Each runs by "sh -c" in a separate process group, with /dev/null as its input and the host's
 // standard error as its output. At most kMostQuestions questions run at once; further ones are not asked.
@@ -44,9 +46,13 @@ namespace zumod::host {
 
 // The commands; an empty one does not run.
 struct HelperCommands {
+    bool describes_peers = false;  // a helper is needed even without a command
     std::string ask;
     std::string on_open;
     std::string on_close;
+
+    bool HasAny() const { return !ask.empty() || !on_open.empty() || !on_close.empty(); }
+
     std::chrono::milliseconds ask_limit = std::chrono::seconds(30);
     std::chrono::milliseconds hook_limit = std::chrono::seconds(60);
     std::chrono::milliseconds kill_limit = std::chrono::seconds(5);  // from the signal to the end
@@ -75,17 +81,18 @@ enum class HelperResult : uint32_t {
     kRefused,
     kNotAsked,  // the command could not run: the owner was not asked
     kSaid,
+    kDescribed,
 };
 
 struct HelperReply {
     uint64_t number = 0;
     HelperResult result = HelperResult::kRefused;
-    char text[160] = {};  // why not
+    char text[160] = {};  // why not, or what else the result says
 };
 
 class HelperProcess {
 public:
-    // Forks. Null if there is no command.
+    // Forks. Null if it is not needed.
     static Expected<std::unique_ptr<HelperProcess>> Start(const HelperCommands& commands);
 
     // Readable when Receive returns something.
@@ -97,6 +104,8 @@ public:
     bool Cancel(uint64_t number) const;
     bool OnOpen(const CameraUse& use) const;
     bool OnClose(const CameraUse& use) const;
+    // What the process of this peer is.
+    bool Describe(uint64_t peer, pid_t pid) const;
 
     // The next reply; nothing if there is none. Fails once the helper is gone.
     Expected<std::optional<HelperReply>> Receive() const;

@@ -324,28 +324,30 @@ TEST(HelperProcess, CamerasThatAreClosedWhileManyHooksWaitAreLeftOutOfBoth) {
 }
 
 TEST(HelperProcess, AfterTheEndOfTheHostAllHooksTogetherHaveTheTimeOfOne) {
-    const WorkDirectory work;
-    const std::string file = work / "pipe";
-    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
     HelperCommands commands;
-    // Both keep the file open until they end.
-    commands.on_open = commands.on_close = "exec 3>" + file + "; echo $ZU_CAMERA_EVENT >&3; sleep 1000";
+    commands.on_open = commands.on_close = "echo $ZU_CAMERA_EVENT; sleep 1000";
     commands.hook_limit = std::chrono::milliseconds(500);
+    // The helper and its commands write to this pipe, so its end is theirs.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const UniqueFd output(ends[0]);
+    const UniqueFd standard_error(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
     auto helper = StartHelper(commands);
+    dup2(standard_error.Get(), STDERR_FILENO);
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(helper->OnOpen({}));
         ASSERT_TRUE(helper->OnClose({}));
     }
-    const UniqueFd pipe(open(file.c_str(), O_RDONLY | O_CLOEXEC));  // waits for the first hook
-    ASSERT_TRUE(pipe);
     helper = nullptr;
-    std::string read_text;
+    std::string text;
     char byte = 0;
-    while (read(pipe.Get(), &byte, 1) == 1) {
-        read_text += byte;
+    while (read(output.Get(), &byte, 1) == 1) {
+        text += byte;
     }
-    // The second one has the rest of the time, if there is any.
-    EXPECT_TRUE(read_text == "open\n" || read_text == "open\nclose\n") << read_text;
+    // The second one has the rest of the time, if there is any. A slow machine may start none in time.
+    EXPECT_TRUE(std::string("open\nclose\n").starts_with(text)) << text;
 }
 
 TEST(HelperProcess, TheInputOfACommandIsEmpty) {
@@ -401,6 +403,24 @@ TEST(HelperProcess, AQuestionEndsWithTheHost) {
     helper = nullptr;
     char byte = 0;
     EXPECT_EQ(read(pipe.Get(), &byte, 1), 0);  // the end, once the last writer is gone
+}
+
+TEST(HelperProcess, ItSaysWhatTheProcessOfAPeerIs) {
+    HelperCommands commands;
+    commands.describes_peers = true;
+    const auto helper = StartHelper(commands);
+    ASSERT_NE(helper, nullptr);
+    ASSERT_TRUE(helper->Describe(7, getpid()));
+    auto reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->number, 7U);
+    EXPECT_EQ(reply->result, HelperResult::kDescribed);
+    EXPECT_EQ(reply->text, CommandOf(getpid()));
+    ASSERT_TRUE(helper->Describe(8, 0));
+    reply = NextReply(*helper);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->number, 8U);
+    EXPECT_STREQ(reply->text, "");
 }
 
 TEST(CommandOf, IsTheCommandLineOfAProcess) {

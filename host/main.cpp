@@ -160,9 +160,13 @@ Expected<void> Run(HostOptions options, int closed, HostLog& log) {
     }
     options.properties[kEnvModulesDir] = *directory;
     // Up to here with all rights of the user. Helper processes start here: they keep these rights.
-    const auto helper = HelperProcess::Start(options.commands);
-    if (!helper) {
+    auto helper = HelperProcess::Start(options.commands);
+    if (!helper && options.commands.HasAny()) {
         return Fail(helper.error());
+    }
+    if (!helper) {
+        log.Write(kLogIgnored, "[host] no peer's command can be named: " + helper.error().text);
+        helper = std::unique_ptr<HelperProcess>();
     }
     auto source = OpenPeerSource(options, closed);
     if (!source) {

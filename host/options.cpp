@@ -141,6 +141,7 @@ Expected<HostOptions> ParseOptions(int count, const char* const* words) {
     if (!listens && !options.stdio) {
         return FailUsage("give --listen or --stdio");
     }
+    options.commands.describes_peers = listens;
     options.lending.ask = app.count("--ask") != 0;
     for (const std::string& property : properties) {
         const size_t equals = property.find('=');

@@ -219,10 +219,12 @@ public:
         for (auto next = m_peers.begin(); next != m_peers.end();) {
             auto& [id, peer] = *next++;
             if (m_session_has_ended) {
-                stream.Update([id = id](Broker& broker) { broker.EndPeer(id, kSessionEnded, Clock::now()); });
+                stream.Update([id = id](Broker& broker) {
+                    broker.EndPeer(id, kSessionEnded, "the session has ended", Clock::now());
+                });
             }
             if (!SendOutput(id, peer) || IsDone(id) || HasLeftAQuestion(id, peer) || m_session_has_ended) {
-                Remove(id);
+                Remove(id, "closed");
             } else {
                 WaitForPeer(id, peer);
             }
@@ -239,7 +241,7 @@ public:
         for (auto next = m_peers.begin(); next != m_peers.end();) {
             const auto& [id, peer] = *next++;
             if (peer.stream->IsHungUp()) {
-                Remove(id);
+                Remove(id, "closed");
             }
         }
     }
@@ -258,6 +260,7 @@ private:
     struct Peer {
         std::unique_ptr<PeerStream> stream;
         ucred process{};
+        bool is_described = false;  // the helper was asked what its process is
         Clock::time_point connected = Clock::now();
         uint64_t frames = 0;  // of the cameras that it has closed
         uint64_t bytes = 0;
@@ -359,7 +362,10 @@ private:
         }
     }
 
-    void Remove(PeerId id) {
+    // The reason, unless the broker has ended the peer for another one.
+    void Remove(PeerId id, const std::string& reason) {
+        const std::string earlier =
+            m_session->Stream().Query([id](const Broker& broker) { return broker.EndReason(id); });
         m_session->Stream().Call([id](Broker& broker) { broker.RemovePeer(id); });
         HandleEvents();
         WriteBrokerLog();
@@ -370,7 +376,8 @@ private:
         const Peer& peer = m_peers.at(id);
         m_log.Write(kLogEvent, PeerText(id) + " has left after " +
                                    SecondsText(Clock::now() - peer.connected) + ": " +
-                                   FiguresText(peer.frames, peer.bytes));
+                                   FiguresText(peer.frames, peer.bytes) + " (" +
+                                   (earlier.empty() ? reason : earlier) + ")");
         m_log.EndSource(PeerText(id));
         m_peers.erase(id);
     }
@@ -410,6 +417,7 @@ private:
         const std::string start = SessionText(event.peer);
         const std::string camera = CameraText(event);
         const CameraUse use = UseOf(event, peer.process);
+        Describe(event.peer, peer);
         bool is_sent = m_parts.helper != nullptr;
         switch (event.kind) {
             case Broker::Event::Kind::kAsked:
@@ -441,6 +449,13 @@ private:
         }
         if (m_parts.helper != nullptr && !is_sent && m_replies != nullptr) {
             m_log.Write(kLogFailure, "[host] the helper process does not take a command");
+        }
+    }
+
+    // Once, and only if the peer uses a camera. The log gets the answer, which nothing waits for.
+    void Describe(PeerId id, Peer& peer) const {
+        if (m_parts.helper != nullptr && peer.process.pid != 0 && !std::exchange(peer.is_described, true)) {
+            (void)m_parts.helper->Describe(id, peer.process.pid);
         }
     }
 
@@ -479,6 +494,14 @@ private:
             m_log.Write(kLogIgnored, "[host] " + text);
             return;
         }
+        if (reply.result == HelperResult::kDescribed) {
+            const auto peer = m_peers.find(reply.number);
+            if (peer != m_peers.end() && !text.empty()) {
+                m_log.Write(kLogEvent, SessionText(peer->first) + " is process " +
+                                           std::to_string(peer->second.process.pid) + ": " + text);
+            }
+            return;
+        }
         const auto found = m_questions.find(reply.number);
         if (found == m_questions.end()) {
             return;
@@ -502,7 +525,7 @@ private:
     // that the peer may want to open. That is known once Run has returned: the plugin reads nothing more.
     void EndSession() {
         while (!m_peers.empty()) {
-            Remove(m_peers.begin()->first);
+            Remove(m_peers.begin()->first, "the host ends");
         }
         m_plugin_ended.reset();
         m_plugin_wakes.reset();

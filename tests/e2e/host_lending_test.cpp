@@ -178,8 +178,12 @@ TEST_F(HostLending, TheLogSaysWhatEachPeerDid) {
         EXPECT_TRUE(
             host->Says("[session] peer 1 has opened camera 0 (Front): 640x480, 30 frames per second\n"));
         EXPECT_TRUE(host->Says("[session] peer 1 has closed camera 0 (Front) after "));
+        // The sandbox hides the command from the host; the helper process sees it.
+        EXPECT_TRUE(host->Says("[session] peer 1 is process " + std::to_string(getpid()) + ": "));
+        EXPECT_NE(host->Errors().find("/host_lending_test --gtest_filter="), std::string::npos);
     }
     EXPECT_TRUE(host->Says("[host] peer 1 has left after "));
+    EXPECT_TRUE(host->Says(" bytes (closed)\n"));
     // Neither of the camera nor of all cameras.
     EXPECT_EQ(host->Errors().find(": 0 frames"), std::string::npos) << host->Errors();
 }

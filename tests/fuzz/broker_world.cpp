@@ -170,7 +170,7 @@ void BrokerWorld::EndInput(size_t which) {
 
 void BrokerWorld::End(size_t which) {
     if (Peer* peer = At(which)) {
-        Measured([&](Broker& broker) { broker.EndPeer(peer->id, "ended", m_now); });
+        Measured([&](Broker& broker) { broker.EndPeer(peer->id, "ended", "ended", m_now); });
         if (!peer->ended) {
             peer->ended = true;
             peer->frames_after_end = peer->received.empty() ? 0 : 1;
