@@ -301,7 +301,7 @@ std::optional<Bytes> Broker::Serve(PeerId id, Peer& peer, Clock::time_point now)
             peer.request_pace = std::max(peer.request_pace, now - kRequestPeriod) + kRequestInterval;
         }
         if (peer.request_pace > now) {
-            EndPeer(id, "more than 100 requests per second", now);
+            EndPeer(id, "more than 100 requests per second", "too many requests", now);
             break;
         }
         const auto request = Unserved(peer).first(kHeaderSize + length);
@@ -567,7 +567,7 @@ bool Broker::MustPrepare(const Peer& peer, std::span<const uint8_t> request) con
     const auto open = m_cameras.find(camera);
     return !m_gate->OpenRefusal().empty() ||
            (open == m_cameras.end() ? m_gate->ChecksOpens() && peer.open != Peer::Open::kAllowed
-                                    : m_gate->AsksOwner() && peer.agreed != open->second.identity);
+                                    : m_gate->AsksOwner() && !HasAgreed(peer, open->second.identity));
 }
 
 // The request that comes before this open. Nothing if the open waits.
@@ -595,7 +595,7 @@ void Broker::OnOpenCheck(const OpenCheck& check, const CameraGate::Verdict& verd
     Peer& peer = found->second;
     if (!verdict.refusal.empty()) {
         RefuseOpen(check.peer, peer, check.camera, verdict.refusal);
-    } else if (m_gate->AsksOwner() && peer.agreed != verdict.identity) {
+    } else if (m_gate->AsksOwner() && !HasAgreed(peer, verdict.identity)) {
         AskOwner(check.peer, peer, verdict.camera, verdict.identity);
     } else {
         peer.open = Peer::Open::kAllowed;
@@ -620,11 +620,48 @@ void Broker::OnDecision(PeerId id, const std::string& refusal, Clock::time_point
     }
     Peer& peer = found->second;
     if (refusal.empty()) {
+        peer.agreement = {peer.asked, FrontOpen(peer), now + kAgreementTime};
         peer.agreed = std::move(peer.asked);
         peer.open = Peer::Open::kAgreed;
     } else {
+        peer.agreement = {};
         RefuseOpen(id, peer, FrontOpen(peer).id, refusal);
     }
+}
+
+bool Broker::HasAgreed(const Peer& peer, const std::string& identity) const {
+    const Peer::Agreement& agreement = peer.agreement;
+    const FormatRequest wanted = FrontOpen(peer);
+    const bool is_no_larger = wanted.width <= agreement.format.width &&
+                              wanted.height <= agreement.format.height && wanted.fps <= agreement.format.fps;
+    return peer.agreed == identity ||
+           (agreement.identity == identity && is_no_larger && m_now < agreement.until);
+}
+
+std::optional<Broker::DeviceCheck> Broker::UncheckedDevice() const {
+    const auto found = m_cameras.find(m_current.camera);
+    const bool is_started = m_current.type == kOpenCamera || m_current.type == kSetFormat;
+    if (!is_started || found == m_cameras.end() || found->second.file.empty() || found->second.is_checked) {
+        return std::nullopt;
+    }
+    return DeviceCheck{found->first, found->second.file, found->second.identity};
+}
+
+void Broker::OnDeviceCheck(const DeviceCheck& check, bool is_same) {
+    if (const auto found = m_cameras.find(check.camera); found != m_cameras.end()) {
+        found->second.is_checked = true;
+        found->second.is_other = !is_same;
+    }
+}
+
+bool Broker::IsUnchecked(std::span<const uint8_t> bytes) const {
+    if (!IsFrame(bytes)) {
+        return false;
+    }
+    const auto found = m_cameras.find(ReadRecord<VideoFrameHeader>(bytes.data() + kHeaderSize).id);
+    // Those that are dropped need not wait.
+    return found != m_cameras.end() && !found->second.file.empty() && !found->second.is_checked &&
+           found->second.filter != FrameFilter::kUntilAnswer;
 }
 
 bool Broker::IsAsked(PeerId id) const {
@@ -640,6 +677,7 @@ FormatRequest Broker::FrontOpen(const Peer& peer) {
 void Broker::BeginWatch(PeerId id, Peer& peer, uint32_t camera) {
     const Camera& opened = m_cameras.at(camera);
     peer.watches.at(camera).opened = m_now;
+    peer.agreement = {};
     m_events.push_back(
         {.kind = Event::Kind::kOpened, .peer = id, .request = opened.format, .camera = opened.shown});
     m_changed = true;
@@ -685,7 +723,7 @@ void Broker::RefuseOpen(PeerId id, Peer& peer, uint32_t camera, const std::strin
 
 // Whether the module has opened the camera that the gate has allowed.
 bool Broker::IsExpected(uint32_t id, const Camera& camera) const {
-    return camera.file.empty() || m_gate->IsStill(id, camera.file);
+    return camera.file.empty() || (!camera.is_other && m_gate->IsStill(id, camera.file));
 }
 
 // A change of format starts the camera again, and the module then looks for it by its number. An open is

@@ -18,11 +18,13 @@
 // - A change of format is passed on if its sender is the only watcher, and refused like an open otherwise.
 // - What the plugin would read and drop is dropped here.
 // - With a CameraGate that checks opens, an open first makes the plugin list the cameras, for the broker. The
-//   caller then lets the gate look at the camera (TakeOpenCheck, OnOpenCheck). With a gate that asks the
-//   owner, an event says so and the open waits for OnDecision. After the owner has agreed the camera is
-//   checked again. The peer's further requests wait behind its open. An agreement is for one open of one
-//   device in one format: another device at the same file, and another format, are refused or asked about
-//   again.
+//   caller then lets the gate look at the camera (TakeOpenCheck, OnOpenCheck). Once the plugin has started
+//   the camera, the gate looks again (UncheckedDevice, OnDeviceCheck), and its frames wait for that. With a
+//   gate that asks the owner, an event says so and the open waits for OnDecision. After the owner has agreed
+//   the camera is checked again. The peer's further requests wait behind its open. An agreement is for one
+//   open of one device in one format: another device at the same file, and another format, are refused or
+//   asked about again. Peers try smaller sizes if a camera does not start in one. So until an open succeeds,
+//   and for kAgreementTime, the agreement is for every format of that device that is not larger.
 // - Properties are also applied by the host, and requests for the controls of a camera are only for the host.
 //   They become a DeviceTask (host/controls.h) that the thread of the plugin's requests performs before it
 //   goes on. So these answers keep their order, too. Any peer may change the controls of any camera, like any
@@ -107,6 +109,8 @@ inline constexpr auto kLastNoticeTime = std::chrono::seconds(2);
 // A peer may send one request in this time, on average over the time after it.
 inline constexpr auto kRequestInterval = std::chrono::milliseconds(10);
 inline constexpr auto kRequestPeriod = std::chrono::seconds(10);
+// How long a peer may try smaller formats after the owner has agreed to one.
+inline constexpr auto kAgreementTime = std::chrono::seconds(10);
 // A camera without a frame for both of these is gone.
 inline constexpr auto kSilenceTime = std::chrono::seconds(10);
 inline constexpr int kSilenceFrames = 60;
@@ -193,6 +197,8 @@ public:
     void OnTaskDone(const DeviceTask& task, const DeviceResult& result, Clock::time_point now);
     // Whether OnMessage may be called with a frame. Answers are always taken.
     bool MayTakeFrame() const;
+    // Whether this message is a frame of a camera that the gate has not looked at since it was started.
+    bool IsUnchecked(std::span<const uint8_t> bytes) const;
     // False if these bytes are not one message.
     bool OnMessage(std::span<const uint8_t> bytes, Clock::time_point now);
 
@@ -213,6 +219,17 @@ public:
     };
     std::optional<OpenCheck> TakeOpenCheck();
     void OnOpenCheck(const OpenCheck& check, const CameraGate::Verdict& verdict);
+    // A camera that the plugin has started, to be checked by CameraGate::IsDevice: before OnMessage with the
+    // answer, and before NextRequest.
+    struct DeviceCheck {
+        uint32_t camera;
+        std::string file;
+        std::string identity;
+
+        bool operator==(const DeviceCheck&) const = default;
+    };
+    std::optional<DeviceCheck> UncheckedDevice() const;
+    void OnDeviceCheck(const DeviceCheck& check, bool is_same);
     // What the owner has decided about the open of an Event kAsked. `refusal`: empty if it may be opened.
     void OnDecision(PeerId id, const std::string& refusal, Clock::time_point now);
     // Whether the peer's open waits for OnDecision.
@@ -243,6 +260,7 @@ private:
         size_t served = 0;  // bytes of `input`
         bool input_ended = false;
         bool ended = false;  // the last message is queued
+        std::string end_reason;
         Clock::time_point close_at = Clock::time_point::max();
         std::deque<Queued> output;
         size_t sent = 0;  // of the first message in `output`
@@ -259,8 +277,13 @@ private:
         CameraGate::Verdict allowed;  // of the last check
         std::string asked;            // the camera's identity
         std::string agreed;           // likewise
+        // What the owner has agreed to last, until an open succeeds.
+        struct Agreement {
+            std::string identity = {};
+            FormatRequest format{};
+            Clock::time_point until{};
+        } agreement;
     };
-        std::string end_reason;
     // What is dropped because it may show another camera.
     enum class FrameFilter {
         kNone,
@@ -274,6 +297,8 @@ private:
         std::string device;           // its file; empty if it is not known
         std::string file;             // that the gate has allowed; empty if it did not check
         std::string identity;         // likewise
+        bool is_checked = false;      // again, since it was started
+        bool is_other = false;        // than the gate has allowed
         ListedCamera shown;           // for events
         bool has_key_frames = false;  // one was recognised since the open or the last change of format
         std::vector<Message> group;   // from the last key frame on; empty if a limit was exceeded
@@ -327,6 +352,8 @@ private:
     void EndWatches(PeerId id, Peer& peer);
     void RefuseOpen(PeerId id, Peer& peer, uint32_t camera, const std::string& text);
     static FormatRequest FrontOpen(const Peer& peer);
+    // Whether the owner has agreed to the open at the front of the peer's input, of this device.
+    bool HasAgreed(const Peer& peer, const std::string& identity) const;
     bool IsExpected(uint32_t id, const Camera& camera) const;
     void CloseChangedCamera();
     void CloseForPeers(uint32_t camera);

@@ -1137,6 +1137,65 @@ TEST_F(GatedBrokerTest, AChangeOfFormatThatStartsAnotherCameraClosesIt) {
     EXPECT_EQ(Take(1), StateBytes(kOpen, 0) + StateBytes(kClosed, 0));
 }
 
+TEST_F(GatedBrokerTest, ADeviceThatWasReplacedBeforeTheOpenSendsNothing) {
+    ModuleFinds("/dev/video3");
+    Allow(1, OpenBytes(0));
+    const auto check = broker.UncheckedDevice();
+    ASSERT_EQ(check, (Broker::DeviceCheck{0, "/dev/video3", "one"}));
+    EXPECT_TRUE(broker.IsUnchecked(KeyFrame(0, 1)));
+    EXPECT_FALSE(broker.IsUnchecked(KeyFrame(1, 1)));
+    EXPECT_FALSE(broker.IsUnchecked(StateBytes(kOpen, 0)));
+    broker.OnDeviceCheck(*check, false);
+    EXPECT_FALSE(broker.UncheckedDevice().has_value());
+    EXPECT_FALSE(broker.IsUnchecked(KeyFrame(0, 1)));
+    Plugin(KeyFrame(0, 1));
+    Plugin(StateBytes(kOpen, 0));
+    Plugin(NextFrame(0, 2));
+    EXPECT_EQ(Take(1), NoticeBytes("the cameras of the host have changed") + StateBytes(kFailed, 0));
+    EXPECT_EQ(Next(), CloseBytes(0));
+}
+
+TEST_F(GatedBrokerTest, ADeviceIsCheckedAgainAfterAChangeOfFormat) {
+    ModuleFinds("/dev/video3");
+    Allow(1, OpenBytes(0));
+    auto check = broker.UncheckedDevice();
+    ASSERT_TRUE(check.has_value());
+    broker.OnDeviceCheck(*check, true);
+    Plugin(KeyFrame(0, 1));
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(1), KeyFrame(0, 1) + StateBytes(kOpen, 0));
+    EXPECT_FALSE(broker.UncheckedDevice().has_value());
+    EXPECT_FALSE(broker.IsUnchecked(KeyFrame(0, 2)));
+    Ask(1, SetFormatBytes(0));
+    EXPECT_EQ(Next(), SetFormatBytes(0));
+    check = broker.UncheckedDevice();
+    ASSERT_TRUE(check.has_value());
+    EXPECT_TRUE(broker.IsUnchecked(KeyFrame(0, 2)));
+    broker.OnDeviceCheck(*check, false);
+    Plugin(KeyFrame(0, 2));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    EXPECT_EQ(Take(1), StateBytes(kClosed, 0));
+}
+
+// They are dropped in any case, and must not hold up those behind them.
+TEST_F(GatedBrokerTest, FramesBeforeTheAnswerDoNotWaitForTheCheckIfTheyAreDropped) {
+    files.OnLogLine("[CameraEnumerator]  id: 1 name: A bus:  usb-1 file: /dev/video3 res: ");
+    Ask(1, OpenBytes(1));
+    ExpectCheck(1);
+    broker.OnOpenCheck({1, 1}, {"", {"/dev/video3", "A"}, "one"});
+    ASSERT_EQ(Next(), OpenBytes(1));
+    EXPECT_TRUE(broker.UncheckedDevice().has_value());
+    EXPECT_FALSE(broker.IsUnchecked(KeyFrame(1, 1)));
+}
+
+TEST_F(BrokerTest, WithoutRulesNoDeviceIsChecked) {
+    Ask(1, OpenBytes(0));
+    ASSERT_EQ(Next(), OpenBytes(0));
+    EXPECT_FALSE(broker.UncheckedDevice().has_value());
+    EXPECT_FALSE(broker.IsUnchecked(KeyFrame(0, 1)));
+}
+
 TEST_F(GatedBrokerTest, OnlyAPeerThatHasTheCameraOpenUsesItsControls) {
     Ask(1, GetControlsBytes(0) + SetPropertyBytes(0));
     EXPECT_EQ(Next(), SetPropertyBytes(0));  // the plugin ignores it
@@ -1291,6 +1350,99 @@ TEST_F(AskingBrokerTest, TheOwnersAgreementIsForOneFormat) {
     EXPECT_EQ(Next(), SetFormatBytes(0, 640, 480, 30));
     EXPECT_EQ(Take(1), NoticeBytes("the owner of this host has agreed to 640x480, 30 frames per second") +
                            StateBytes(kFailed, 0));
+}
+
+TEST_F(AskingBrokerTest, APeerMayTrySmallerSizesAfterTheOwnerHasAgreed) {
+    const auto ask = [&](int width, int height, int rate) {
+        Ask(1, OpenBytes(0, static_cast<uint32_t>(width), static_cast<uint32_t>(height),
+                         static_cast<uint32_t>(rate)));
+        Check(1);
+    };
+    // The owner need not be asked, and the camera does not start.
+    const auto expect_open = [&] {
+        EXPECT_TRUE(broker.TakeEvents().empty());
+        EXPECT_NE(Next(), Bytes());
+        Plugin(StateBytes(kFailed, 0));
+        EXPECT_EQ(Take(1), StateBytes(kFailed, 0));
+    };
+    const auto expect_question = [&] {
+        EXPECT_EQ(broker.TakeEvents().size(), 1U);
+        EXPECT_EQ(Next(), Bytes());
+        broker.OnDecision(1, "", now);
+        Check(1);
+    };
+    ask(1280, 720, 30);
+    expect_question();
+    expect_open();
+    ask(640, 480, 30);
+    expect_open();
+    now += milliseconds(9'999);
+    ask(1280, 720, 15);
+    expect_open();
+    now += milliseconds(1);
+    ask(640, 480, 30);
+    expect_question();  // the time is over
+    expect_open();
+    ask(648, 480, 30);
+    expect_question();  // larger
+    expect_open();
+    ask(640, 488, 30);
+    expect_question();
+    expect_open();
+    ask(640, 488, 31);
+    expect_question();
+    expect_open();
+    identity = "other";
+    ask(640, 480, 30);
+    expect_question();
+    EXPECT_NE(Next(), Bytes());
+    Plugin(StateBytes(kOpen, 0));
+    EXPECT_EQ(broker.TakeEvents().size(), 1U);
+    Ask(1, CloseBytes(0));
+    EXPECT_EQ(Next(), CloseBytes(0));
+    EXPECT_EQ(broker.TakeEvents().size(), 1U);
+    ask(640, 480, 30);
+    expect_question();  // the agreement was for one open
+}
+
+TEST_F(AskingBrokerTest, APeerMayTakeTheSizeThatIsInUseWithoutAFurtherQuestion) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    broker.OnDecision(1, "", now);
+    Check(1);
+    EXPECT_EQ(Next(), OpenBytes(0));
+    Plugin(StateBytes(kOpen, 0));
+    Ask(2, OpenBytes(0, 1280, 720, 30));
+    EXPECT_EQ(Next(), Bytes());
+    broker.OnDecision(2, "", now);
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), NoticeBytes("camera 0 is in use by another peer at 640x480, 30 frames per second") +
+                           StateBytes(kFailed, 0));
+    broker.TakeEvents();
+    Ask(2, OpenBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    EXPECT_EQ(Take(2), StateBytes(kOpen, 0));
+    EXPECT_EQ(broker.TakeEvents().size(), 1U);  // opened
+    // Peer 3 has no agreement.
+    Ask(3, OpenBytes(0));
+    EXPECT_EQ(Next(), Bytes());
+    ExpectQuestion(3);
+}
+
+TEST_F(AskingBrokerTest, AfterANoAnEarlierAgreementIsForgotten) {
+    Ask(1, OpenBytes(0));
+    Check(1);
+    broker.OnDecision(1, "", now);
+    Check(1);
+    EXPECT_EQ(Next(), OpenBytes(0));
+    Plugin(StateBytes(kFailed, 0));
+    Ask(1, OpenBytes(0, 1280, 720, 30));
+    Check(1);
+    broker.OnDecision(1, "no", now);
+    broker.TakeEvents();
+    Ask(1, OpenBytes(0));
+    Check(1);
+    ExpectQuestion(1);
 }
 
 TEST_F(AskingBrokerTest, EachPeerNeedsTheOwnersAgreement) {

@@ -3,6 +3,7 @@
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 #include <utility>
 
@@ -17,6 +18,11 @@ bool IsNamed(const std::vector<std::string>& patterns, const VideoDevice& device
         return fnmatch(pattern.c_str(), device.name.c_str(), FNM_CASEFOLD) == 0 ||
                fnmatch(pattern.c_str(), device.bus.c_str(), FNM_CASEFOLD) == 0;
     });
+}
+
+// What tells a device from any other one that may get its file.
+std::string IdentityOf(const VideoDevice& device) {
+    return device.file + '\n' + device.name + '\n' + device.bus + '\n' + device.node;
 }
 
 // A list message with these records.
@@ -54,7 +60,14 @@ CameraGate::Verdict CameraGate::CheckOpen(uint32_t camera) {
     if (device.error != 0 || !IsLent(m_rules, device)) {
         return {"this host lends no camera " + std::to_string(camera)};
     }
-    return {"", {file, device.name}, file + '\n' + device.name + '\n' + device.bus};
+    return {"", {file, device.name}, IdentityOf(device)};
+}
+
+bool CameraGate::IsDevice(const std::string& file, const std::string& identity) {
+    const VideoDevice device = LookAtDevice(file);
+    // Some drivers permit one program at a time: the module.
+    return device.error == EBUSY ? identity.ends_with('\n' + NodeOf(file))
+                                 : device.error == 0 && IdentityOf(device) == identity;
 }
 
 CameraGate::Listing CameraGate::OnList(std::span<const uint8_t> message) {

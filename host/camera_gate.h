@@ -7,8 +7,11 @@
 // 1. The broker lets the module list the cameras, for itself. CameraFiles is up to date then.
 // 2. CheckOpen looks at the camera's device file and decides.
 // 3. The module gets the request. It looks for the cameras again and opens one.
-// 4. IsStill compares the device file of 2 with the one that the module has found in 3. If they differ, the
-//    peer gets no frame, and the camera is closed.
+// 4. IsStill compares the device file of 2 with the one that the module has found in 3. IsDevice looks at
+// that
+//    file once more: while the module has the device open, no other one can get its number. So a device that
+//    was replaced between 2 and 3 is found. Until then no frame goes out. If anything differs, the peer gets
+//    no frame, and the camera is closed.
 //
 // Without a rule none of this happens: an open is passed on as it is.
 //
@@ -59,6 +62,8 @@ public:
         std::string identity = {};  // what the owner agrees to: another device at the file differs
     };
     Verdict CheckOpen(uint32_t camera);
+    // Whether the device at this file is the one that CheckOpen has found.
+    static bool IsDevice(const std::string& file, const std::string& identity);
 
     // The camera of this number in the module's last list.
     ListedCamera Camera(uint32_t camera) const { return m_files.Camera(camera); }

@@ -48,6 +48,7 @@ std::optional<DeviceTask> PluginStream::WaitForRequest() {
             CheckOpen(*check);
             continue;
         }
+        CheckDevice();
         std::optional<Bytes> request = m_broker.NextRequest(Clock::now());
         // The send thread: no frame waits during some opens.
         m_changed.notify_all();
@@ -79,6 +80,25 @@ void PluginStream::CheckOpen(const Broker::OpenCheck& check) {
     m_broker.OnOpenCheck(check, verdict);
 }
 
+// Of the camera that the plugin has just started, if the gate must look at it.
+void PluginStream::CheckDevice() {
+    const auto check = m_broker.UncheckedDevice();
+    if (!check) {
+        return;
+    }
+    m_mutex.unlock();
+    bool is_same = false;
+    try {
+        is_same = CameraGate::IsDevice(check->file, check->identity);
+    } catch (...) {
+        m_mutex.lock();
+        throw;
+    }
+    m_mutex.lock();
+    m_broker.OnDeviceCheck(*check, is_same);
+    m_changed.notify_all();
+}
+
 int PluginStream::Write(const void* data, unsigned long size, unsigned long* done) {
     const std::span<const uint8_t> bytes(static_cast<const uint8_t*>(data), size);
     try {
@@ -97,7 +117,10 @@ int PluginStream::Write(const void* data, unsigned long size, unsigned long* don
 bool PluginStream::Pass(std::span<const uint8_t> bytes) {
     const std::optional<CameraGate::Listing> listing = Filter(bytes);
     const MutexLock lock(m_mutex);
-    while (!m_ended && Broker::IsFrame(bytes) && !m_broker.MayTakeFrame()) {
+    if (!Broker::IsFrame(bytes)) {
+        CheckDevice();
+    }
+    while (!m_ended && Broker::IsFrame(bytes) && (!m_broker.MayTakeFrame() || m_broker.IsUnchecked(bytes))) {
         m_changed.wait(m_mutex);
     }
     if (m_ended) {

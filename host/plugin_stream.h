@@ -2,7 +2,8 @@
 //
 // Three threads meet here. The plugin's run thread waits in Read until the broker has a request for it; the
 // send thread waits in Write until a peer can take a frame; the main thread serves the peers' connections and
-// never waits here. The run thread looks at cameras for the gate, without the mutex. The broker is guarded by
+// never waits here. The run thread looks at cameras for the gate, without the mutex; the frames of a camera
+// that it is about to look at wait on the send thread. The broker is guarded by
 // one mutex, which nobody holds during a system call that may block. A change by the main thread wakes the
 // two waiting threads (m_changed); a change by the plugin's threads makes Wake() readable for the main
 // thread.
@@ -72,6 +73,7 @@ private:
     // caller performs it, without the mutex, and calls again.
     std::optional<DeviceTask> WaitForRequest();
     void CheckOpen(const Broker::OpenCheck& check) ZU_REQUIRES(m_mutex);
+    void CheckDevice() ZU_REQUIRES(m_mutex);
     bool Pass(std::span<const uint8_t> bytes);
     std::optional<CameraGate::Listing> Filter(std::span<const uint8_t> bytes);
     void EndLocked() ZU_REQUIRES(m_mutex);

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -71,7 +73,18 @@ std::string FormatProblem(const VideoDevice& device) {
            SafeText(Join(device.formats, " and "));
 }
 
+// A device that is plugged in again gets a new file, which has another inode.
+std::string NodeText(const struct stat& status) {
+    return std::to_string(major(status.st_rdev)) + ":" + std::to_string(minor(status.st_rdev)) + ", inode " +
+           std::to_string(status.st_ino);
+}
+
 }  // namespace
+
+std::string NodeOf(const std::string& file) {
+    struct stat status {};
+    return stat(file.c_str(), &status) == 0 ? NodeText(status) : "";
+}
 
 bool CallDevice(const UniqueFd& device, unsigned long request, void* argument) {
     int result = 0;
@@ -90,6 +103,8 @@ VideoDevice LookAtDevice(const std::string& file) {
         device.error = errno;
         return device;
     }
+    struct stat status {};
+    device.node = fstat(opened.Get(), &status) == 0 ? NodeText(status) : "";
     device.name = TextOf(capability.card);
     device.bus = TextOf(capability.bus_info);
     for (uint32_t index = 0; CapturesPictures(capability) && index < kMostFormats; ++index) {

@@ -30,12 +30,16 @@ struct VideoDevice {
     std::string bus;
     std::vector<std::string> formats;  // FourCCs of the pictures that it captures; empty: not a camera
     bool is_usable = false;            // the module takes one of the formats
+    std::string node = {};             // another device at the same file has another one; empty: not known
 
     bool operator==(const VideoDevice&) const = default;
 };
 
 // An ioctl that is repeated on EINTR. Returns false, with errno, if it fails.
 bool CallDevice(const UniqueFd& device, unsigned long request, void* argument);
+
+// As VideoDevice::node, without opening the file; empty if there is none.
+std::string NodeOf(const std::string& file);
 
 // The error is ENOENT or ENODEV if there is no such device.
 VideoDevice LookAtDevice(const std::string& file);
