@@ -80,7 +80,7 @@ private:
     }
 };
 
-TEST_F(PeerRunsProgram, WhichSeesThePicturesOfTheHostAndGetsSignals) {
+TEST_F(PeerRunsProgram, TheProgramSeesThePicturesOfTheHostAndGetsSignals) {
     if (access("/usr/bin/v4l2-ctl", X_OK) != 0) {
         GTEST_SKIP() << "v4l2-ctl is not installed";
     }
@@ -97,7 +97,7 @@ TEST_F(PeerRunsProgram, WhichSeesThePicturesOfTheHostAndGetsSignals) {
     ExpectCameraFree();
 }
 
-TEST_F(PeerRunsProgram, AndTheCameraIsOpenOnlyWhileItStreams) {
+TEST_F(PeerRunsProgram, TheCameraIsOpenOnlyWhileTheProgramStreams) {
     if (access("/usr/bin/v4l2-ctl", X_OK) != 0) {
         GTEST_SKIP() << "v4l2-ctl is not installed";
     }
@@ -124,7 +124,7 @@ protected:
                            "card=Twin,formats=NV12,sizes=320x240,fps=30"}) {}
 };
 
-TEST_F(PeerRunsProgramWithTwins, WhichReadsTwoCamerasOfOneNameAtOnce) {
+TEST_F(PeerRunsProgramWithTwins, TheProgramReadsTwoCamerasOfOneNameAtOnce) {
     if (access("/usr/bin/v4l2-ctl", X_OK) != 0) {
         GTEST_SKIP() << "v4l2-ctl is not installed";
     }
@@ -152,7 +152,7 @@ protected:
         : PeerRunsProgram({"card=Front,mode=MJPG/640x480/30,mode=NV12/320x240/30"}) {}
 };
 
-TEST_F(PeerRunsProgramWithCompressedSize, WhichSeesASmallerOneScaled) {
+TEST_F(PeerRunsProgramWithCompressedSize, TheProgramSeesASmallerSizeScaled) {
     if (access("/usr/bin/v4l2-ctl", X_OK) != 0) {
         GTEST_SKIP() << "v4l2-ctl is not installed";
     }
@@ -169,7 +169,7 @@ TEST_F(PeerRunsProgramWithCompressedSize, WhichSeesASmallerOneScaled) {
     EXPECT_EQ(peer.Process().Wait(), 128 + SIGTERM);
 }
 
-TEST_F(PeerRunsProgram, WhichSeesAPictureThatIsTooWideForAVirtualCamera) {
+TEST_F(PeerRunsProgram, TheProgramSeesAPictureThatIsTooWideForAVirtualCamera) {
     if (access("/usr/bin/v4l2-ctl", X_OK) != 0) {
         GTEST_SKIP() << "v4l2-ctl is not installed";
     }
@@ -194,7 +194,7 @@ TEST_F(PeerRunsProgram, WhichSeesAPictureThatIsTooWideForAVirtualCamera) {
     EXPECT_EQ(peer.Process().Wait(), 128 + SIGTERM);
 }
 
-TEST_F(PeerRunsProgram, AndSaysWhenASizeIsNotListedOrCannotBeShown) {
+TEST_F(PeerRunsProgram, ASizeThatIsNotListedOrCannotBeShownIsReported) {
     PeerRun odd = RunWords({"--size", "641x481", "--", "true"}, socket);
     odd.ExpectEnd(2,
                   "zu-camera-peer: 641x481 cannot be shown to programs: both sides must be even and from 16 "
@@ -209,7 +209,7 @@ constexpr char kWaitForUnplugAndReturn[] =
     "sleep 0.05; done; "
     ": >\"$1/gone\"; until [ -c /dev/video0 ]; do [ -d \"$1\" ] || exit; sleep 0.05; done; exit 5";
 
-TEST_F(PeerRunsProgram, WhoseCameraIsUnpluggedWhileTheHostIsGone) {
+TEST_F(PeerRunsProgram, TheCameraIsUnpluggedWhileTheHostIsGone) {
     auto host = Start();
     PeerRun peer = Run(kWaitForUnplugAndReturn);
     EXPECT_TRUE(WaitUntil([&] { return Exists("began") || peer.Process().HasEnded(); }));
@@ -223,7 +223,7 @@ TEST_F(PeerRunsProgram, WhoseCameraIsUnpluggedWhileTheHostIsGone) {
         "back\nzu-camera-peer: the host is back\n");
 }
 
-TEST_F(PeerRunsProgram, WhoseCameraIsUnpluggedWhileTheHostDoesNotListIt) {
+TEST_F(PeerRunsProgram, TheCameraIsUnpluggedWhileTheHostDoesNotListIt) {
     const auto host = Start();
     PeerRun peer = Run(kWaitForUnplugAndReturn);
     EXPECT_TRUE(WaitUntil([&] { return Exists("began") || peer.Process().HasEnded(); }));
@@ -233,7 +233,7 @@ TEST_F(PeerRunsProgram, WhoseCameraIsUnpluggedWhileTheHostDoesNotListIt) {
     peer.ExpectEnd(5, "");
 }
 
-TEST_F(PeerRunsProgram, AndEndsWhatTheCommandBehindExecStarted) {
+TEST_F(PeerRunsProgram, WhatTheCommandBehindExecStartedEndsWithThePeer) {
     // NOLINTBEGIN(concurrency-mt-unsafe): nobody sets them now
     const char* preload = std::getenv("LD_PRELOAD");
     const char* server = std::getenv("ZU_VCAM");
@@ -254,7 +254,7 @@ TEST_F(PeerRunsProgram, AndEndsWhatTheCommandBehindExecStarted) {
     }
 }
 
-TEST_F(PeerRunsProgram, UnlessThereIsNoHostOrNoProgram) {
+TEST_F(PeerRunsProgram, WithoutAHostOrAProgramItFails) {
     PeerRun without_host = Run("exit 0");
     without_host.ExpectEnd(1, "zu-camera-peer: no connection to " + socket + ": No such file or directory\n");
     PeerRun without_program = Peer({"run"});

@@ -83,7 +83,7 @@ private:
     uint32_t m_counter = 0;
 };
 
-TEST_F(PeerTerminal, ThatIsStoppedDoesNotDelayFiguresNorASignal) {
+TEST_F(PeerTerminal, AStoppedTerminalDelaysNeitherFiguresNorASignal) {
     StartAtTerminal({"stats", "0"});
     AnswerOpen();
     ExpectFramesTaken();
@@ -96,7 +96,7 @@ TEST_F(PeerTerminal, ThatIsStoppedDoesNotDelayFiguresNorASignal) {
     ExpectStatus(0);
 }
 
-TEST_F(PeerTerminal, ThatIsStoppedDoesNotDelayARecordingNorASignal) {
+TEST_F(PeerTerminal, AStoppedTerminalDelaysNeitherARecordingNorASignal) {
     StartAtTerminal({"record", "0", work / "film.mkv"});
     AnswerOpen();
     ExpectFramesTaken();
@@ -110,7 +110,7 @@ TEST_F(PeerTerminal, ThatIsStoppedDoesNotDelayARecordingNorASignal) {
     EXPECT_EQ(Files(), std::vector<std::string>{"film.mkv"});
 }
 
-TEST_F(PeerTerminal, ThatIsStoppedDoesNotKeepAnErrorWaiting) {
+TEST_F(PeerTerminal, AnErrorDoesNotWaitForAStoppedTerminal) {
     Stop();
     Fill();
     StartAtTerminal({"version"});
@@ -119,7 +119,7 @@ TEST_F(PeerTerminal, ThatIsStoppedDoesNotKeepAnErrorWaiting) {
     ExpectStatus(1);
 }
 
-TEST_F(PeerTerminal, ThatIsStoppedKeepsAnAnswerWaitingUntilASignal) {
+TEST_F(PeerTerminal, AnAnswerWaitsForAStoppedTerminalUntilASignal) {
     Stop();
     Fill();
     StartAtTerminal({"version"});
