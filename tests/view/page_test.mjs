@@ -183,18 +183,27 @@ describe('the page', () => {
     });
 
     it('asks a camera that was refused again only when the person wants it', async () => {
-        peer.answerVideo = ({response}) => {
-            response.writeHead(200);
-            response.write(stateRecord(0, 'refused', ''));
+        const seen = [];
+        peer.answerVideo = video => {
+            seen.push('begin');
+            video.response.on('close', () => seen.push('end'));
+            if (seen.length > 1) {
+                Object.assign(peer.state.cameras[0], {state: 'live', text: ''});
+                peer.tell();
+                sendPictures(video);
+                return;
+            }
+            video.response.writeHead(200);
+            video.response.write(stateRecord(0, 'refused', ''));
         };
         Object.assign(peer.state.cameras[0], {state: 'refused', text: ''});
         await openAndShow();
         await isIn(page, 'Front', 'Refused');
-        peer.answerVideo = sendPictures;
-        Object.assign(peer.state.cameras[0], {state: 'live', text: ''});
+        assert.deepEqual(seen, ['begin']);
         await tile(page, 'Front').getByRole('button', {name: 'Try again'}).click();
-        await until(() => peer.videos.length === 0, 'nobody views the camera');
         await isIn(page, 'Front', 'Live');
+        // In between nobody views the camera, so the peer closes it.
+        assert.deepEqual(seen, ['begin', 'end', 'begin']);
     });
 
     it('says that the peer is gone, and goes on when it is back', async () => {
