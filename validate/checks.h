@@ -70,4 +70,19 @@ void UnknownProperty(const Context& context);
 void PropertyValueCount(const Context& context);
 void NullProperty(const Context& context);
 
+// encoder_checks.cpp
+void EncodesOneFormat(const Context& context);
+void EncodesAllFormats(const Context& context);
+void DecodesAlone(const Context& context);
+void FollowsTheSize(const Context& context);
+void TwoEncoders(const Context& context);
+void EncodesOnAnyThread(const Context& context);
+void ShortOutput(const Context& context);
+void ReadsInsideTheInput(const Context& context);
+void AnySize(const Context& context);
+void InputNotKept(const Context& context);
+void ArgumentsReleased(const Context& context);
+void WithoutFormat(const Context& context);
+void OnePerPicture(const Context& context);
+
 }  // namespace zumod::validate

@@ -75,10 +75,11 @@ CRefPtr_T<PolicyDouble> UsualPolicy(ModuleKind kind) {
     policy->Set(kPolicyVersion, CZUModData::FromInt64(static_cast<int64_t>(InterfaceVersion(kind))));
     if (kind == ModuleKind::kCodec) {
         policy->Set(kPolicyImageType, CZUModData::FromInt64(kImageTypeH264));
-        for (const char* const key :
-             {kPolicyEncRapidSub, kPolicyEncNoStreamHeader, kPolicyEncFileRecord, kPolicyEncSourceRgb}) {
-            policy->Set(key, CZUModData::FromBool(false));
-        }
+        // As the camera module asks for it.
+        policy->Set(kPolicyEncRapidSub, CZUModData::FromBool(false));
+        policy->Set(kPolicyEncNoStreamHeader, CZUModData::FromBool(false));
+        policy->Set(kPolicyEncFileRecord, CZUModData::FromBool(false));
+        policy->Set(kPolicyEncSourceRgb, CZUModData::FromBool(true));
     }
     return policy;
 }

@@ -41,9 +41,10 @@ public:
 
     uint8_t* Data() const { return m_memory + (m_usable - m_size); }
     size_t Size() const { return m_size; }
-    void MakeReadOnly() const {
+    // From now on the memory can only be read (PROT_READ), or not be touched at all (PROT_NONE).
+    void Protect(int protection) const {
         if (m_usable > 0) {
-            mprotect(m_memory, m_usable, PROT_READ);
+            mprotect(m_memory, m_usable, protection);
         }
     }
 
@@ -64,7 +65,7 @@ public:
         if (!input.empty()) {
             std::memcpy(m_input.Data(), input.data(), input.size());
         }
-        m_input.MakeReadOnly();
+        m_input.Protect(PROT_READ);
     }
 
     uint64_t GetArgOption() override { return 0; }
@@ -87,6 +88,8 @@ public:
     void* GetOutputData() override { return m_output != nullptr ? m_output->Data() : nullptr; }
     uint64_t GetOutputSize() override { return m_output != nullptr ? m_output->Size() : 0; }
 
+    // From now on the input cannot be read either.
+    void ForbidInput() const { m_input.Protect(PROT_NONE); }
     bool IsPrepared() const { return m_prepared; }
     std::vector<uint8_t> Output() const {
         return m_output != nullptr

@@ -105,15 +105,36 @@ const std::vector<Defect>& CodecDefects() {
         Named("codec", "prop.unknown"),
         Named("codec", "prop.released"),
         Named("codec", "prop.null"),
+        Named("codec", "enc.encodes"),
+        Named("codec", "enc.decodes-alone"),
+        Named("codec", "enc.follows-size"),
+        Named("codec", "enc.two"),
+        Named("codec", "enc.any-thread"),
+        Named("codec", "enc.short-output"),
+        Named("codec", "enc.reads-inside"),
+        Named("codec", "enc.any-size"),
+        Named("codec", "enc.input-not-kept"),
+        Named("codec", "enc.args-released"),
+        Named("codec", "enc.no-format"),
+        Named("codec", "enc.one-per-picture"),
     };
     return defects;
 }
 
+// What the codec of the examples, which takes one format only, does not pass; and the checks that load
+// libavcodec, which only a defect of an encoder needs.
+constexpr char kOneFormat[] = "^enc\\.all-formats$";
+constexpr char kOneFormatOrSlow[] = "^enc\\.(all-formats|decodes-alone|follows-size|two)$";
+
 class BrokenModule : public ::testing::TestWithParam<Defect> {};
 
 TEST_P(BrokenModule, FailsTheChecksOfItsDefectAndNoOther) {
-    const ValidatorRun run = RunValidator(
-        {"--json", "--timeout", "5", "--kind", "codec", BrokenFile(GetParam().module)}, GetParam().defect);
+    const std::string defect = GetParam().defect;
+    const bool of_encoder = defect.rfind("enc.", 0) == 0;
+    const ValidatorRun run =
+        RunValidator({"--json", "--fail-on", "note", "--timeout", "5", "--kind", "codec", "--skip",
+                      of_encoder ? kOneFormat : kOneFormatOrSlow, BrokenFile(GetParam().module)},
+                     defect);
     EXPECT_EQ(run.Failures(), GetParam().failing) << run.output << run.errors;
     EXPECT_EQ(run.status, 1);
 }
@@ -129,7 +150,7 @@ INSTANTIATE_TEST_SUITE_P(File, BrokenModule, ::testing::ValuesIn(FileDefects()),
 INSTANTIATE_TEST_SUITE_P(Codec, BrokenModule, ::testing::ValuesIn(CodecDefects()), TestName);
 
 TEST(BrokenModules, FailEveryCheckThatThereIs) {
-    Names failing;
+    Names failing = {"enc.all-formats"};
     for (const auto* const defects : {&FileDefects(), &CodecDefects()}) {
         for (const Defect& defect : *defects) {
             failing.insert(defect.failing.begin(), defect.failing.end());
@@ -143,9 +164,9 @@ TEST(BrokenModules, FailEveryCheckThatThereIs) {
     EXPECT_EQ(failing, all);
 }
 
-TEST(GoodModule, PassesEveryCheckAlthoughItIsBuiltFromTheSameSource) {
+TEST(GoodModule, PassesEveryCheckButThatOfTheFormatsThatItLacks) {
     const ValidatorRun run = RunValidator({"--json", BrokenFile("codec")});
-    EXPECT_EQ(run.Failures(), Names()) << run.output << run.errors;
+    EXPECT_EQ(run.Failures(), Names{"enc.all-formats"}) << run.output << run.errors;
     EXPECT_EQ(run.status, 0);
 }
 

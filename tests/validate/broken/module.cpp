@@ -189,6 +189,7 @@ public:
         }
         if (Has("ref.threads")) {
             // What another thread does in between makes this one lose its reference.
+            ++m_adds;
             int64_t count = m_torn;
             std::this_thread::sleep_for(std::chrono::microseconds(1));
             m_torn.compare_exchange_strong(count, count + 1);
@@ -204,7 +205,11 @@ public:
         if (Has("ref.threads")) {
             // So that the count of the others is not the same all the time.
             std::this_thread::sleep_for(std::chrono::microseconds(1));
-            return --m_torn;
+            const int64_t left = --m_torn;
+            if (left == 0 && m_adds == 1) {
+                delete this;
+            }
+            return left;
         }
         return CCounted_T<Interface>::Release();
     }
@@ -231,21 +236,96 @@ public:
 
 private:
     std::atomic<int64_t> m_torn{0};
+    std::atomic<int> m_adds{0};
 };
 
 CRefPtr_T<IZUModCreatePolicy> g_kept_policy;
 
 #ifndef ZU_BROKEN_CAMERA
 
+// The arguments of a call with a defect.
+class Arguments final : public CCounted_T<IVEncArgs> {
+public:
+    explicit Arguments(IVEncArgs& args) : m_args(args) {
+        const auto* const bytes = static_cast<const uint8_t*>(args.GetInputData());
+        m_input.assign(bytes, bytes + args.GetInputSize());
+    }
+    std::vector<uint8_t>& Input() { return m_input; }
+
+    uint64_t GetArgOption() override { return m_args.GetArgOption(); }
+    const void* GetInputData() override { return m_input.data(); }
+    uint64_t GetInputSize() override { return m_input.size(); }
+    uint64_t GetArgFlags() override { return m_args.GetArgFlags(); }
+    void ResetArgs() override { m_args.ResetArgs(); }
+    uint64_t PrepareOutput(uint32_t size) override {
+        const uint64_t granted = m_args.PrepareOutput(size);
+        return Has("enc.short-output") ? size : granted;
+    }
+    void* GetOutputData() override { return m_args.GetOutputData(); }
+    uint64_t GetOutputSize() override { return m_args.GetOutputSize(); }
+
+private:
+    IVEncArgs& m_args;
+    std::vector<uint8_t> m_input;
+};
+
+VideoInputFormat g_format{};
+
 class Encoder final : public Broken<IVEncoder> {
 public:
     explicit Encoder(CRefPtr_T<IVEncoder> good) : m_good(std::move(good)) {}
     int ReservedEncoder12() override { return Has("slot.reserved") ? 5 : 0; }
-    int SetInputFormat(const VideoInputFormat* format) override { return m_good->SetInputFormat(format); }
-    bool Encode(IVEncArgs* args) override { return m_good->Encode(args); }
+    int SetInputFormat(const VideoInputFormat* format) override {
+        if (!Has("enc.follows-size") || m_format.width == 0) {
+            m_format = *format;
+        }
+        g_format = *format;
+        return 1;
+    }
+    bool Encode(IVEncArgs* args) override {
+        ++m_pictures;
+        if (Has("enc.two")) {
+            m_format = g_format;
+        }
+        const CRefPtr_T<Arguments> arguments(new Arguments(*args));
+        std::vector<uint8_t>& input = arguments->Input();
+        if (Has("enc.encodes") || (Has("enc.any-thread") && m_creator != std::this_thread::get_id()) ||
+            (Has("enc.one-per-picture") && m_pictures == 1)) {
+            return false;
+        }
+        if (Has("enc.any-size") && m_format.width == 17) {
+            std::abort();
+        }
+        if (Has("enc.args-released")) {
+            args->AddRef();
+        }
+        if (Has("enc.no-format") && m_format.width == 0) {
+            return args->PrepareOutput(4) == 4;
+        }
+        if (Has("enc.decodes-alone") && m_format.width == 160) {
+            for (size_t i = size_t{160} * 128; i + 1 < input.size(); i += 2) {
+                std::swap(input[i], input[i + 1]);
+            }
+        }
+        const auto* const bytes = static_cast<const volatile uint8_t*>(args->GetInputData());
+        const bool usual = m_format.width == 64 && m_format.height == 48;
+        if (Has("enc.reads-inside") && usual && m_format.stride >= 64 && m_format.stride < 100) {
+            static_cast<void>(bytes[m_format.stride * m_format.height * 3 / 2 - 1]);
+        }
+        if (Has("enc.input-not-kept") && usual && m_format.stride == 64 && m_pictures == 6) {
+            static_cast<void>(*m_last);
+        }
+        m_last = bytes;
+        m_good->SetInputFormat(&m_format);
+        return m_good->Encode(arguments.Get());
+    }
 
 private:
     const CRefPtr_T<IVEncoder> m_good;
+    const std::thread::id m_creator = std::this_thread::get_id();
+    VideoInputFormat m_format{};
+    const volatile uint8_t* m_last = nullptr;
+    int m_pictures = 0;
 };
 
 using Interface = IVEncoder;
