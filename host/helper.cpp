@@ -333,7 +333,7 @@ private:
     }
 
     void Reap() {
-        std::erase_if(m_jobs, [this](const Job& job) {
+        std::erase_if(m_jobs, [](const Job& job) {
             int status = 0;
             const pid_t ended = waitpid(job.pid, &status, WNOHANG);
             if (ended == 0 || (ended < 0 && errno == EINTR)) {
