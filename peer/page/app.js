@@ -64,7 +64,8 @@ function showAll() {
         entry.show(camera, tiles.has(key), i + 1);
     });
     for (const [key, tile] of tiles) {
-        tile.update(list.find(camera => String(camera.id) === key) ?? null);
+        const camera = list.find(each => String(each.id) === key) ?? null;
+        tile.update(camera, state?.recordings?.findLast(each => String(each.camera) === key)?.file ?? null);
         tile.showState(performance.now(), outside());
     }
     fetchVideo();

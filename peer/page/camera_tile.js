@@ -104,7 +104,7 @@ export class CameraTile {
             'article', {class: 'tile', tabindex: '-1', 'aria-labelledby': this.#name.id},
             make('div', {class: 'head'}, this.#name, this.#pill, this.#size), this.#stage, toolbar,
             this.#message, this.#recorded, this.#settings, figures);
-        this.update(camera);
+        this.update(camera, null);
         this.tick(performance.now(), 'connecting');
     }
 
@@ -117,8 +117,10 @@ export class CameraTile {
         return this.#format;
     }
 
-    // What the peer says of this camera; null if it is not in the list.
-    update(camera) {
+    // What the peer says of this camera; null if it is not in the list. `lastFile` is its last complete
+    // recording, or null.
+    update(camera, lastFile) {
+        this.#lastFile = lastFile ?? this.#lastFile;
         if (!camera) {
             this.#camera = {...this.#camera, state: 'gone', text: '', recording: null};
             this.#isListed = false;

@@ -86,6 +86,10 @@ describe('the page with real cameras', () => {
         const content = await readFile(await file.path());
         assert.equal(content.subarray(4, 8).toString(), 'ftyp');
         assert.ok(content.length > 1000, `${content.length} bytes`);
+        // A page that is loaded again shows the same camera, and its last recording.
+        await page.reload();
+        await showsMovingPictures(front, 640, 480);
+        await front.getByRole('link', {name: file.suggestedFilename()}).waitFor();
         assert.deepEqual(page.errors, []);
     });
 
