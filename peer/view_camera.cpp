@@ -15,19 +15,17 @@
 namespace zumod::peer {
 namespace {
 
-using Json = nlohmann::json;
-
 constexpr size_t kLongestNamePart = 40;
 constexpr unsigned kMostNamesakes = 99;
 // A host lists sizes without rates. It takes the nearest rate that the camera has.
-constexpr int kRates[] = {30, 25, 20, 15, 10, 5};
+constexpr int kOfferedRates[] = {30, 25, 20, 15, 10, 5};
 
-struct StateName {
+struct ShownState {
     const char* name;
     const char* text;
 };
 // In the order of ViewState.
-constexpr std::array<StateName, 8> kStateNames = {{
+constexpr std::array<ShownState, 8> kShownStates = {{
     {"idle", ""},
     {"connecting", "is being opened"},
     {"waiting", "waiting for the first picture"},
@@ -38,9 +36,9 @@ constexpr std::array<StateName, 8> kStateNames = {{
     {"refused", "could not be opened"},
 }};
 
-Json RatesOf(const PeerOptions& options) {
-    Json rates = {options.fps};
-    for (const int rate : kRates) {
+nlohmann::json RatesOf(const PeerOptions& options) {
+    nlohmann::json rates = {options.fps};
+    for (const int rate : kOfferedRates) {
         if (rate != options.fps) {
             rates.push_back(rate);
         }
@@ -48,19 +46,20 @@ Json RatesOf(const PeerOptions& options) {
     return rates;
 }
 
-Json ControlsOf(const std::vector<ControlEntry>& controls) {
-    Json list = Json::array();
+nlohmann::json ControlsOf(const std::vector<ControlEntry>& controls) {
+    nlohmann::json list = nlohmann::json::array();
     for (const ControlEntry& entry : controls) {
         if (entry.is_read_only) {
             continue;
         }
-        list.push_back({{"name", FindControl(entry.property)->name},
-                        {"value", entry.value},
-                        {"minimum", entry.minimum},
-                        {"maximum", entry.maximum},
-                        {"step", entry.step},
-                        {"default", entry.default_value},
-                        {"automatic", entry.has_automatic ? Json(entry.is_automatic) : Json()}});
+        list.push_back(
+            {{"name", FindControl(entry.property)->name},
+             {"value", entry.value},
+             {"minimum", entry.minimum},
+             {"maximum", entry.maximum},
+             {"step", entry.step},
+             {"default", entry.default_value},
+             {"automatic", entry.has_automatic ? nlohmann::json(entry.is_automatic) : nlohmann::json()}});
     }
     return list;
 }
@@ -278,7 +277,7 @@ Expected<void> ViewCamera::Flush() {
 }
 
 std::string ViewCamera::StateJson() const {
-    const StateName& state = kStateNames[static_cast<size_t>(m_state)];
+    const ShownState& state = kShownStates[static_cast<size_t>(m_state)];
     const nlohmann::json json = {
         {"camera", m_id}, {"state", state.name}, {"text", m_text.empty() ? state.text : m_text}};
     return json.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
@@ -296,7 +295,7 @@ nlohmann::json ViewCamera::Json(std::optional<double> round_trip_ms, Clock::time
         delay = std::max(delay, viewer->pictures.Delay(now));
         lost += viewer->pictures.Lost();
     }
-    const StateName& state = kStateNames[static_cast<size_t>(m_state)];
+    const ShownState& state = kShownStates[static_cast<size_t>(m_state)];
     nlohmann::json size;
     if (m_size.width != 0) {
         size = {{"width", m_size.width}, {"height", m_size.height}, {"rate", published.Format().fps}};

@@ -66,8 +66,8 @@ void OpenPage(std::string address) {
 }
 
 // An exception ends the process: there is no memory.
-[[noreturn]] void Serve(const CommandContext& context, const UniqueFd& socket,
-                        const ViewConnector::Settings& settings) noexcept {
+[[noreturn]] void ServeRequests(const CommandContext& context, const UniqueFd& socket,
+                                const ViewConnector::Settings& settings) noexcept {
     // The reader of the program's output sees the end of it when the program ends.
     const UniqueFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
     dup2(null.Get(), STDIN_FILENO);
@@ -111,7 +111,7 @@ Expected<ViewConnector> ViewConnector::Start(const CommandContext& context, cons
     const pid_t child = fork();
     if (child == 0) {
         own.Reset();
-        Serve(context, other, settings);
+        ServeRequests(context, other, settings);
     }
     if (child < 0) {
         return Fail("cannot start a process: " + ErrnoText(errno));

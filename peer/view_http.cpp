@@ -55,7 +55,7 @@ bool IsVisible(char letter) {
 }
 
 // Removes and returns the text before `separator`, which is removed, too; everything if it is not there.
-std::string_view Take(std::string_view& text, std::string_view separator) {
+std::string_view TakeUntil(std::string_view& text, std::string_view separator) {
     const size_t at = text.find(separator);
     const std::string_view taken = text.substr(0, at);
     text.remove_prefix(at == std::string_view::npos ? text.size() : at + separator.size());
@@ -71,8 +71,8 @@ std::string_view Trimmed(std::string_view text) {
 }
 
 HttpStatus ParseRequestLine(std::string_view line, HttpRequest& request) {
-    const std::string_view method = Take(line, " ");
-    const std::string_view target = Take(line, " ");
+    const std::string_view method = TakeUntil(line, " ");
+    const std::string_view target = TakeUntil(line, " ");
     if (line.substr(0, 5) != "HTTP/" || target.empty() || !std::ranges::all_of(target, IsVisible)) {
         return HttpStatus::kBadRequest;
     }
@@ -140,12 +140,12 @@ const std::string& HttpRequest::Header(const std::string& name) const {
 HttpHead ParseHttpHead(std::string_view head) {
     HttpHead parsed;
     HttpRequest& request = parsed.request;
-    parsed.status = ParseRequestLine(Take(head, kLineEnd), request);
+    parsed.status = ParseRequestLine(TakeUntil(head, kLineEnd), request);
     if (parsed.status != HttpStatus::kOk) {
         return parsed;
     }
     for (size_t count = 0;; ++count) {
-        const std::string_view line = Take(head, kLineEnd);
+        const std::string_view line = TakeUntil(head, kLineEnd);
         if (line.empty()) {
             break;
         }
@@ -179,7 +179,7 @@ HttpTarget CheckHttpRequest(const HttpRequest& request, const HttpAccess& access
     const std::string root = std::string("/").append(access.token).append("/");
     const bool is_known = IsSame(rest.substr(0, root.size()), root);
     rest.remove_prefix(std::min(root.size(), rest.size()));
-    std::string_view path = Take(rest, "?");
+    std::string_view path = TakeUntil(rest, "?");
     if (!is_known) {
         target.status = HttpStatus::kNotFound;
         return target;
@@ -190,8 +190,8 @@ HttpTarget CheckHttpRequest(const HttpRequest& request, const HttpAccess& access
     }
     target.path = path;
     while (!rest.empty()) {
-        std::string_view value = Take(rest, "&");
-        const std::string name(Take(value, "="));
+        std::string_view value = TakeUntil(rest, "&");
+        const std::string name(TakeUntil(value, "="));
         target.query.emplace_back(name, value);
     }
     return target;

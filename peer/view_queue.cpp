@@ -9,7 +9,7 @@ enum RecordType : uint8_t { kPictureRecord = 1, kStateRecord = 2 };
 constexpr uint8_t kKeyFlag = 1;
 
 template <class Number>
-void Append(std::string& text, Number number) {
+void AppendNumber(std::string& text, Number number) {
     for (size_t i = 0; i < sizeof number; ++i) {
         text += static_cast<char>(static_cast<uint64_t>(number) >> (8 * i));
     }
@@ -65,20 +65,20 @@ std::string PictureRecord(const ViewPicture& picture, uint16_t index, uint32_t l
     constexpr uint32_t kRest = 24;  // behind the length
     constexpr uint64_t kTimeNotKnown = 0;
     std::string record;
-    Append(record, static_cast<uint32_t>(kRest + picture.bytes.size()));
-    Append(record, static_cast<uint8_t>(kPictureRecord));
-    Append(record, static_cast<uint8_t>(picture.is_key ? kKeyFlag : 0));
-    Append(record, index);
-    Append(record, kTimeNotKnown);
-    Append(record, picture.arrived_us);
-    Append(record, lost);
+    AppendNumber(record, static_cast<uint32_t>(kRest + picture.bytes.size()));
+    AppendNumber(record, static_cast<uint8_t>(kPictureRecord));
+    AppendNumber(record, static_cast<uint8_t>(picture.is_key ? kKeyFlag : 0));
+    AppendNumber(record, index);
+    AppendNumber(record, kTimeNotKnown);
+    AppendNumber(record, picture.arrived_us);
+    AppendNumber(record, lost);
     return record;
 }
 
 std::string StateRecord(const std::string& json) {
     std::string record;
-    Append(record, static_cast<uint32_t>(1 + json.size()));
-    Append(record, static_cast<uint8_t>(kStateRecord));
+    AppendNumber(record, static_cast<uint32_t>(1 + json.size()));
+    AppendNumber(record, static_cast<uint8_t>(kStateRecord));
     return record + json;
 }
 

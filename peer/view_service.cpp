@@ -20,8 +20,8 @@ namespace zumod::peer {
 namespace {
 
 constexpr char kJsonType[] = "application/json";
-constexpr int kMostRate = 1000;
-constexpr auto kRetryInterval = std::chrono::milliseconds(500);
+constexpr int kGreatestRate = 1000;
+constexpr auto kFirstRetryInterval = std::chrono::milliseconds(500);
 
 // A number of the page in these limits.
 std::optional<int32_t> NumberIn(const nlohmann::json& body, const char* name, int64_t least, int64_t most) {
@@ -37,7 +37,7 @@ std::optional<int32_t> NumberIn(const nlohmann::json& body, const char* name, in
 std::optional<StreamFormat> FormatIn(const nlohmann::json& body) {
     const auto width = NumberIn(body, "width", 1, UINT16_MAX);
     const auto height = NumberIn(body, "height", 1, UINT16_MAX);
-    const auto rate = NumberIn(body, "rate", 1, kMostRate);
+    const auto rate = NumberIn(body, "rate", 1, kGreatestRate);
     if (!width || !height || !rate) {
         return std::nullopt;
     }
@@ -189,7 +189,7 @@ Expected<void> ViewService::Connect() {
         if (answer.is_over || answer.connection.error() == Interrupted() || Clock::now() >= deadline) {
             return Fail(answer.connection.error());
         }
-        if (const auto waited = m_context.waiter.Wait(std::min(deadline, Clock::now() + kRetryInterval));
+        if (const auto waited = m_context.waiter.Wait(std::min(deadline, Clock::now() + kFirstRetryInterval));
             !waited) {
             return Fail(waited.error());
         }
