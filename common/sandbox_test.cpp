@@ -268,6 +268,22 @@ TEST_F(SandboxOfFiles, TheSocketCanBeRemovedAndNothingCreated) {
     EXPECT_EQ(end.said, "EACCES EACCES 0");
 }
 
+TEST_F(SandboxOfFiles, FilesAreCreatedAndRenamedOnlyInTheOutputDirectory) {
+    std::filesystem::create_directories(work / "films");
+    std::ofstream(work / "films/old") << "x";
+    const auto act = [this] {
+        const std::string film = work / "films/film";
+        std::string said = Outcome(open((work / "films/new").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        said += ' ' + Outcome(rename((work / "films/old").c_str(), film.c_str()));
+        said += ' ' + Outcome(rename(film.c_str(), (work / "film").c_str()));
+        said += ' ' + Outcome(open((work / "other").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        return said += ' ' + Outcome(unlink(film.c_str()));
+    };
+    const std::string refused = FindCallFilter() ? "EPERM" : "EACCES";
+    EXPECT_EQ(InSandbox({}, act).said, "EACCES " + refused + " " + refused + " EACCES EACCES");
+    EXPECT_EQ(InSandbox({.output_directory = work / "films"}, act).said, "0 0 EACCES EACCES 0");
+}
+
 TEST_F(SandboxOfFiles, DevicesAreUsableOnlyWithCameras) {
     const auto use = [] { return Outcome(open("/dev/null", O_RDWR | O_CLOEXEC)); };
     EXPECT_EQ(InSandbox({}, use).said, "EACCES");
