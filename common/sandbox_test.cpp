@@ -271,6 +271,7 @@ TEST_F(SandboxOfFiles, TheSocketCanBeRemovedAndNothingCreated) {
 TEST_F(SandboxOfFiles, FilesAreCreatedAndRenamedOnlyInTheOutputDirectory) {
     std::filesystem::create_directories(work / "films");
     std::ofstream(work / "films/old") << "x";
+    std::ofstream(work / "films/film") << "x";
     const auto act = [this] {
         const std::string film = work / "films/film";
         std::string said = Outcome(open((work / "films/new").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
