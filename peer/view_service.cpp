@@ -321,6 +321,7 @@ Expected<void> ViewService::OnCameras(const std::vector<CameraEntry>& listed) {
     m_host_text.clear();
     m_said.clear();
     std::vector<const CameraEntry*> unknown;
+    unknown.reserve(listed.size());
     for (const CameraEntry& entry : listed) {
         unknown.push_back(&entry);
     }
