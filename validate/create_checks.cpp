@@ -179,7 +179,9 @@ void CreateReleasesPolicy(const Context& context) {
 void CreateManyObjects(const Context& context) {
     const QuietModule quiet(context);
     std::vector<Object> objects;
-    for (int i = 0; i < 100; ++i) {
+    constexpr int kObjects = 100;
+    objects.reserve(kObjects);
+    for (int i = 0; i < kObjects; ++i) {
         objects.emplace_back(quiet.module);
     }
 }

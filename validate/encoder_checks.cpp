@@ -52,7 +52,7 @@ public:
     // The first output that is not empty, of the test pictures.
     std::optional<Bytes> FirstOutput(std::string_view format, int32_t width, int32_t height) {
         for (int i = 0; i < kMostPictures; ++i) {
-            const auto output = Encode(TestPicture(format, width, height, i));
+            auto output = Encode(TestPicture(format, width, height, i));
             if (output && !output->empty()) {
                 m_index = i;
                 return output;

@@ -64,7 +64,7 @@ std::map<std::string, std::string> ProcessState() {
     std::map<std::string, std::string> state;
     state["number of threads"] = std::to_string(ThreadCount());
     for (const std::string& descriptor : OpenDescriptors()) {
-        state["descriptors"] += descriptor + ", ";
+        state["descriptors"].append(descriptor).append(", ");
     }
     const mode_t mask = umask(0);
     umask(mask);
@@ -72,7 +72,7 @@ std::map<std::string, std::string> ProcessState() {
     state["locale"] = std::setlocale(LC_ALL, nullptr);  // NOLINT(concurrency-mt-unsafe): the only thread
     state["working directory"] = std::filesystem::current_path().string();
     for (char** variable = environ; *variable != nullptr; ++variable) {
-        state["environment"] += std::string(*variable) + "\n";
+        state["environment"].append(*variable).append("\n");
     }
     for (int signal = 1; signal < SIGRTMIN; ++signal) {
         struct sigaction action {};
@@ -97,7 +97,7 @@ void LoadUseUnload(const Context& context) {
 void OneExport(const Context& context) {
     std::string names;
     for (const ElfImage::Symbol& symbol : ElfImage(context.file).ExportedSymbols()) {
-        names += (names.empty() ? "" : ", ") + symbol.name;
+        names.append(names.empty() ? "" : ", ").append(symbol.name);
     }
     Expect(names == kEntryPointName, kEntryPointName, names.empty() ? "no export" : names);
 }
@@ -156,8 +156,10 @@ void NoSideEffects(const Context& context) {
     const auto after = ProcessState();
     for (const auto& [name, value] : before) {
         const auto found = after.find(name);
-        Expect(found != after.end() && found->second == value, name + " as before: " + value,
-               found != after.end() ? found->second : "nothing");
+        if (found == after.end() || found->second != value) {
+            throw Finding{std::string(name).append(" as before: ").append(value),
+                          found != after.end() ? found->second : "nothing"};
+        }
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -11,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -70,7 +70,7 @@ std::string FindVirtualCameras() {
     std::string directories = path != nullptr ? path : "";
     for (size_t begin = 0; begin < directories.size();) {
         const size_t end = std::min(directories.find(':', begin), directories.size());
-        const std::string file = directories.substr(begin, end - begin) + "/zu-vcam";
+        std::string file = directories.substr(begin, end - begin) + "/zu-vcam";
         if (access(file.c_str(), X_OK) == 0) {
             return file;
         }
@@ -109,6 +109,7 @@ public:
         posix_spawnattr_setflags(&attributes,
                                  POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
         std::vector<char*> pointers;
+        pointers.reserve(words.size() + 1);
         for (std::string& word : words) {
             pointers.push_back(word.data());
         }
@@ -275,14 +276,14 @@ Expected<void> RunAll(const std::vector<std::vector<std::string>>& commands, con
         if (started < commands.size() && running < limits.jobs) {
             if (!commands[started].empty()) {
                 auto child = std::make_unique<Child>();
-                if (const auto result = child->Start(commands[started], limits.time); !result) {
+                if (auto result = child->Start(commands[started], limits.time); !result) {
                     return result;
                 }
                 child->Watch(waiter);
                 children[started] = std::move(child);
             }
             ++started;
-        } else if (const auto result = WaitForOne(children, waiter); !result) {
+        } else if (auto result = WaitForOne(children, waiter); !result) {
             return result;
         }
         while (reported < started && (children[reported] == nullptr || children[reported]->HasEnded())) {
