@@ -239,7 +239,7 @@ void LogThrows(const Context& context) {
     ExpectEqual("the number of references to the policy", 1, CountOf(*policy));
     throws = false;
     // A lock that is still held stops another thread.
-    std::thread(LinesOfBriefUse, std::cref(module), std::ref(host)).join();
+    std::thread([&module] { UseBriefly(module); }).join();
 }
 
 void PropertiesReleased(const Context& context) {
