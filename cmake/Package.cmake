@@ -25,7 +25,7 @@ install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-c
         FILES_MATCHING PATTERN *.md PATTERN conformance-1.txt PATTERN measured EXCLUDE PATTERN pictures EXCLUDE
         PATTERN performance.md EXCLUDE)
 set(examples_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/zu-client-camera-dev/examples)
-install(FILES examples/CMakeLists.txt examples/codec.cpp examples/host.c examples/host.cpp examples/peer.py
+install(FILES examples/CMakeLists.txt examples/codec.cpp examples/exports.map examples/host.c examples/host.cpp examples/peer.py
         DESTINATION ${examples_dir} COMPONENT sdk)
 install(FILES examples/wireshark/zu-camera.lua DESTINATION ${examples_dir}/wireshark COMPONENT sdk)
 install(PROGRAMS examples/wireshark/capture-channel DESTINATION ${examples_dir}/wireshark COMPONENT sdk)

@@ -17,7 +17,6 @@ void NoRunPath(const Context& context);
 void ResolvesNow(const Context& context);
 void NoSideEffects(const Context& context);
 void ManyLoads(const Context& context);
-void UnloadedCompletely(const Context& context);
 void UnloadsHarmlessly(const Context& context);
 
 // entry_checks.cpp

@@ -179,19 +179,6 @@ void ManyLoads(const Context& context) {
            std::to_string((after - before) / kKiB) + " KiB more");
 }
 
-void UnloadedCompletely(const Context& context) {
-    const size_t threads = ThreadCount();
-    // A first round, because libraries that the module needs may stay and keep what they opened.
-    LoadUseUnload(context);
-    const auto descriptors = OpenDescriptors();
-    LoadUseUnload(context);
-    Expect(!IsMapped(context.file), "no mapping of the file after the last dlclose", "the file is mapped");
-    ExpectEqual("the number of threads", threads, ThreadCountWhenAtMost(threads));
-    for (const std::string& descriptor : OpenDescriptors()) {
-        Expect(descriptors.count(descriptor) != 0, "no other open descriptors than before", descriptor);
-    }
-}
-
 void UnloadsHarmlessly(const Context& context) {
     // The destructors that are left run when the process ends. A crash in one of them is the result then.
     LoadUseUnload(context);

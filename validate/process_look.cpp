@@ -3,11 +3,9 @@
 #include <malloc.h>
 
 #include <charconv>
-#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 namespace zumod::validate {
 namespace {
@@ -18,7 +16,6 @@ struct Mapping {
     uint64_t begin = 0;
     uint64_t end = 0;
     bool executable = false;
-    std::string path;
 };
 
 // Calls `visit` for each line of /proc/self/maps, "BEGIN-END rwxp OFFSET DEVICE INODE   PATH".
@@ -31,9 +28,6 @@ void ForEachMapping(const Visit& visit) {
         const auto first = std::from_chars(line.data(), end, mapping.begin, 16);
         const auto second = std::from_chars(first.ptr + 1, end, mapping.end, 16);
         mapping.executable = end - second.ptr > 3 && second.ptr[3] == 'x';
-        if (const size_t slash = line.find('/'); slash != std::string::npos) {
-            mapping.path = line.substr(slash);
-        }
         visit(mapping);
     }
 }
@@ -43,17 +37,6 @@ void ForEachMapping(const Visit& visit) {
 size_t ThreadCount() {
     return static_cast<size_t>(
         std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
-}
-
-size_t ThreadCountWhenAtMost(size_t most) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    size_t count = ThreadCount();
-    // A thread that was joined is in the list until the kernel has removed it.
-    while (count > most && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        count = ThreadCount();
-    }
-    return count;
 }
 
 std::set<std::string> OpenDescriptors() {
@@ -67,14 +50,6 @@ std::set<std::string> OpenDescriptors() {
         }
     }
     return descriptors;
-}
-
-bool IsMapped(const std::string& path) {
-    std::error_code error;
-    const std::string canonical = fs::canonical(path, error).string();
-    bool mapped = false;
-    ForEachMapping([&](const Mapping& mapping) { mapped = mapped || mapping.path == canonical; });
-    return mapped;
 }
 
 bool IsExecutable(const void* address) {

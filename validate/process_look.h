@@ -11,14 +11,8 @@ namespace zumod::validate {
 
 size_t ThreadCount();
 
-// Waits up to ten seconds until there are no more threads than `most`. Returns how many there are.
-size_t ThreadCountWhenAtMost(size_t most);
-
 // "NUMBER -> TARGET" for each open descriptor.
 std::set<std::string> OpenDescriptors();
-
-// Whether a part of this file is mapped.
-bool IsMapped(const std::string& path);
 
 // Whether code may be executed at this address.
 bool IsExecutable(const void* address);

@@ -35,6 +35,9 @@ cp "$modules/zu-client-camera.so" "$work/examples/zu-codec.so" "$work/modules"
 lend 200x120 example-host "$work/modules/zu-client-camera.so"
 [ "$(stat -c %s "$work/film.h264")" -gt 300000 ] || fail 'the codec of the example does not compress'
 
+"$work/prefix/bin/zu-module-validate" "$work/examples/zu-codec.so" "$modules/zu-client-camera.so" >"$work/checks.txt" 2>&1 ||
+    { cat "$work/checks.txt"; fail 'a module does not pass its checks'; }
+
 # The other way to find the SDK.
 export PKG_CONFIG_PATH=$work/prefix/share/pkgconfig
 [ "$(pkg-config --modversion zu-client-camera)" = "$("$work/prefix/bin/zu-vcam" --version | cut -d' ' -f2)" ] ||
