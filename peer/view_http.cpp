@@ -98,8 +98,11 @@ bool ParseHeader(std::string_view line, HttpRequest& request) {
         letter = letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
     }
     const std::string_view value = Trimmed(line.substr(colon + 1));
-    const bool is_text = std::ranges::none_of(
-        value, [](char letter) { return (letter >= 0 && letter < ' ' && letter != '\t') || letter == 127; });
+    const bool is_text = std::ranges::none_of(value, [](char letter) {
+        // A char is unsigned on some processors.
+        const auto code = static_cast<unsigned char>(letter);
+        return (code < ' ' && code != '\t') || code == 127;
+    });
     // Two of one name: which one counts is what attacks on servers play with.
     return is_text && request.headers.emplace(std::move(name), value).second;
 }
