@@ -38,6 +38,7 @@ public:
     // Nothing if no picture waits.
     SharedPicture Pop();
 
+    bool IsEmpty() const { return m_waiting.empty(); }
     // Pictures lost so far.
     uint32_t Lost() const { return m_lost; }
     size_t Bytes() const { return m_bytes; }

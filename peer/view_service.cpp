@@ -123,16 +123,18 @@ public:
             if (std::exchange(shown.part.has_state, false)) {
                 return ViewPiece{StateRecord(shown.camera->StateJson())};
             }
-            if (next == nullptr || shown.part.pictures.Delay(now) > next->part.pictures.Delay(now)) {
+            const ViewQueue& pictures = shown.part.pictures;
+            if (!pictures.IsEmpty() &&
+                (next == nullptr || pictures.Delay(now) > next->part.pictures.Delay(now))) {
                 next = &shown;
                 next_index = index;
             }
             ++index;
         }
-        const SharedPicture picture = next->part.pictures.Pop();
-        if (picture == nullptr) {
+        if (next == nullptr) {
             return std::nullopt;
         }
+        const SharedPicture picture = next->part.pictures.Pop();
         return ViewPiece{PictureRecord(*picture, next_index, next->part.pictures.Lost()), picture->bytes,
                          picture};
     }

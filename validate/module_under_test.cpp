@@ -70,7 +70,7 @@ CRefPtr_T<PolicyDouble> UsualPolicy(ModuleKind kind) {
     if (kind == ModuleKind::kUnknown) {
         throw NotApplicable{"the module creates neither a camera plugin nor an encoder"};
     }
-    const CRefPtr_T<PolicyDouble> policy(new PolicyDouble);
+    CRefPtr_T<PolicyDouble> policy(new PolicyDouble);
     policy->Set(kPolicyInterfaceName, CZUModData::FromText(InterfaceName(kind)));
     policy->Set(kPolicyVersion, CZUModData::FromInt64(static_cast<int64_t>(InterfaceVersion(kind))));
     if (kind == ModuleKind::kCodec) {
